@@ -1,0 +1,122 @@
+#include "DiskUtils/Disk.h"
+
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <sys/statvfs.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cmath>
+#include <exception>
+#include <iostream>
+#include <utility>
+
+#include "DiskUtils/ForceUnmount.h"
+#include "base/IException.h"
+
+namespace Quellon::DiskUtils {
+
+using Tarvik::IException;
+
+namespace {
+
+constexpr float kReserveRatio = 0.055F;
+constexpr std::int64_t kBytesPerMegabyte = 1048576;
+
+bool Exists(std::string const& path) {
+  return access(path.c_str(), F_OK) == 0;
+}
+
+dev_t DeviceOf(std::string const& path, char const* complaint) {
+  struct stat status {};
+  if (stat(path.c_str(), &status) != 0) throw IException(complaint, errno);
+  return status.st_dev;
+}
+
+double WholeMegabytes(std::int64_t bytes) {
+  return static_cast<double>(bytes / kBytesPerMegabyte);
+}
+
+}  // namespace
+
+std::map<std::string, Disk::DeviceStatus> Disk::deviceStatusList;
+
+Disk::Disk(std::string mountDirectory, std::string partition, std::string device)
+    : CheckDisk(mountDirectory.data(), partition.data()),
+      reserveRatio(kReserveRatio),
+      blockDevice(std::move(device)),
+      available(false),
+      freeBytes(0),
+      reserveBytes(0),
+      totalBytes(0) {
+  try {
+    Acquire();
+  } catch (std::exception const& e) {
+    std::cout << "Disk exception " << e.what() << std::endl;
+  }
+}
+
+Disk::~Disk() = default;
+
+void Disk::Acquire() {
+  if (Status().malfunction == 1) {
+    throw IException("Disk malfunction status had been set to read-only");
+  }
+  if (!CheckDeviceStatus()) throw IException("Disk not found");
+  LoadDiskInfo();
+  if (!Status().readOnly) available = true;
+  PrintSpace();
+}
+
+void Disk::PrintSpace() {
+  std::cout << "Disk " << mountPoint << " free sapce " << WholeMegabytes(freeBytes) << "MB from "
+            << WholeMegabytes(totalBytes) << "MB" << std::endl;
+}
+
+Disk::DeviceStatus& Disk::Status() {
+  return deviceStatusList[mountPoint];
+}
+
+bool Disk::CheckDeviceStatus() {
+  DeviceStatus& status = Status();
+  status.present = false;
+  if (!Exists("/dev/" + blockDevice)) return false;
+
+  sdCardInfo = SDCardInfo(blockDevice).data;
+  status.cid[sdCardInfo.cid.copy(status.cid, sizeof status.cid - 1)] = '\0';
+  status.readOnly = StringToULong(sdCardInfo.ro) != 0;
+  status.sizeBytes = sdCardInfo.size;
+  if (!Exists(devicePath)) return false;
+
+  status.present = true;
+  if (CheckDiskPresence()) return true;
+  Umount();
+  Mount();
+  return CheckDiskPresence();
+}
+
+bool Disk::CheckDiskPresence() {
+  dev_t const device = DeviceOf(mountPoint, "Stat error (1)");
+  return device != DeviceOf(mountPoint + "..", "Stat error (2)");
+}
+
+bool Disk::Mount() {
+  constexpr unsigned long kFlags = MS_NOEXEC | MS_NOATIME | MS_NODIRATIME;
+  return mount(devicePath.c_str(), mountPoint.c_str(), "ext4", kFlags, "data=writeback") >= 0;
+}
+
+bool Disk::Umount() {
+  return umount(mountPoint.c_str()) == 0 ||
+         ForceUnmount(mountPoint.c_str(), "Unable to umount SD") == 0;
+}
+
+void Disk::LoadDiskInfo() {
+  struct statvfs space {};
+  if (statvfs(mountPoint.c_str(), &space) != 0) throw IException("Get space stat error", errno);
+  auto const blockSize = static_cast<std::int64_t>(space.f_frsize);
+  totalBytes = static_cast<std::int64_t>(space.f_blocks) * blockSize;
+  freeBytes = static_cast<std::int64_t>(space.f_bfree) * blockSize;
+  reserveBytes = std::llround(static_cast<float>(totalBytes) * reserveRatio);
+}
+
+}  // namespace Quellon::DiskUtils

@@ -1,0 +1,71 @@
+// The count of reboots that a failing card has caused, kept across them.
+#include <unistd.h>
+
+#include <exception>
+#include <fstream>
+#include <iostream>
+#include <string>
+
+#include "DiskUtils/System.h"
+#include "base/IException.h"
+#include "base/Json.h"
+
+namespace Quellon {
+
+namespace Json = Tarvik::Json;
+
+namespace {
+
+constexpr char const* kCounterFile = "/root/system.dat";
+constexpr char const* kCounterKey = "sdcard-status-conter";  // as devices in the field have it
+
+std::string ReadCounterFile() {
+  // Opened to append as well, which makes the file when it is missing.
+  std::ifstream file(kCounterFile, std::ios::in | std::ios::app);
+  if (!file.is_open()) throw Tarvik::IException("sdcard status file cannot be open");
+  std::string text;
+  for (std::string line; std::getline(file, line);) text += line;
+  return text;
+}
+
+bool RemoveCounterFile() {
+  std::cout << "Remove sdcard status file" << std::endl;
+  if (access(kCounterFile, F_OK) != 0 || unlink(kCounterFile) == 0) return true;
+  std::cout << "Unable to remove sd card status file" << std::endl;
+  return false;
+}
+
+}  // namespace
+
+int System::ReadSDCardStatusCounter() {
+  try {
+    std::string const text = ReadCounterFile();
+    if (text.empty()) return 0;
+    Json::Value const value = Json::Deserialize(text);
+    if (!value.IsObject()) return 0;
+    Json::Object object = value.ToObject();
+    return object.HasKey(kCounterKey) ? static_cast<int>(object[kCounterKey]) : 0;
+  } catch (std::exception const&) {
+    return -1;
+  }
+}
+
+bool System::SaveSDCardStatusCounter(int counter) {
+  if (counter <= 0) return RemoveCounterFile();
+  std::cout << "Save sdcard status counter " << counter << " to file" << std::endl;
+  std::ofstream file(kCounterFile, std::ios::trunc);
+  // True all the same: a system that cannot save must still reboot for its card.
+  if (!file.is_open()) return true;
+  try {
+    Json::Object object;
+    object[kCounterKey] = counter;
+    file << Json::Serialize(object);
+    file.close();
+    sync();
+    return true;
+  } catch (std::exception const&) {
+    return false;
+  }
+}
+
+}  // namespace Quellon

@@ -1,0 +1,63 @@
+#include "DiskUtils/System.h"
+
+#include <sys/mount.h>
+#include <sys/reboot.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <iostream>
+#include <thread>
+
+#include "DiskUtils/ForceUnmount.h"
+#include "RTC/Rtc.h"
+#include "base/SystemClock.h"
+
+namespace Quellon {
+
+System* System::instance = nullptr;
+
+System* System::GetInstance() {
+  if (instance == nullptr) instance = new System;
+  return instance;
+}
+
+System::System() : disk(nullptr), diskFault(true) {
+  std::cout << "start instance of system class " << std::endl;
+}
+
+// The card object is left alone: the singleton lives as long as the process.
+System::~System() = default;
+
+int System::UnmountAll() {
+  if (chdir("/") != 0) std::perror("Unable to change dir to /");
+  sync();
+  if (umount("/") != 0) {
+    std::this_thread::sleep_for(std::chrono::seconds(1));
+    DiskUtils::ForceUnmount("/", "Unable to umount root SD");
+  }
+  // Only the root file system gets a second to come to rest before force is used.
+  int const result = umount("/mnt/sdcard/");
+  if (result == 0) return result;
+  return DiskUtils::ForceUnmount("/mnt/sdcard/", "Unable to umount storage SD");
+}
+
+int System::Reboot() {
+  static_cast<void>(std::system("reboot"));
+  std::this_thread::sleep_for(std::chrono::seconds(20));
+  UnmountAll();
+  return reboot(RB_AUTOBOOT);
+}
+
+bool System::SetDate(long& seconds) {
+  return Tarvik::SetSystemClock(seconds);
+}
+
+bool System::SetRTC(long& seconds) {
+  RTC::Rtc clock("/dev/rtc0");
+  // The second setting takes the time once more as the clock holds it.
+  return clock.Set(seconds) && clock.SetSystemClock();
+}
+
+}  // namespace Quellon

@@ -1,0 +1,76 @@
+// The facade that brings the SD card into service and takes the machine down.
+#pragma once
+
+#include <string>
+
+#include "DiskUtils/Disk.h"
+#include "DiskUtils/HealthStatus.h"
+#include "base/Export.h"
+
+namespace Quellon {
+
+/// The device's system services. Messages go to standard output, and the errors of failed unmounts
+/// to standard error. Not locked: one thread at a time; `GetInstance` is called on one thread
+/// before any other calls it.
+class QUELLON_EXPORT System {
+ public:
+  /// The one instance, made by the first call and never destroyed.
+  static System* GetInstance();
+
+  System();
+  System(System const&) = delete;
+  System& operator=(System const&) = delete;
+  virtual ~System();
+
+  /// Brings the card on "/mnt/sdcard/" (partition "/dev/mmcblk1p1") into service: a new `Disk`, a
+  /// scan, the health report. A card that fails makes the machine reboot, three times in a row at
+  /// most; after that the system goes on without it. A good card does not clear the count: save 0
+  /// with `SaveSDCardStatusCounter` once the service has started well.
+  ///
+  /// Returns the card, usable if its `available` is true, owned by the System and replaced by the
+  /// next call; null when a reboot was asked for or the card could not be represented at all.
+  /// Exceptions outside the standard family pass. Takes seconds, more with a large card.
+  DiskUtils::Disk* InitDisk();
+
+  /// How many reboots in a row a failing card has caused, from "/root/system.dat", which is made,
+  /// empty, when missing. 0 when nothing is stored, -1 when the file cannot be read.
+  int ReadSDCardStatusCounter();
+
+  /// Stores the count, or removes the file when `counter` is 0 or less. False when the file could
+  /// not be removed or writing raised an exception.
+  bool SaveSDCardStatusCounter(int counter);
+
+  /// Prints the card's report and refreshes `healthStatus`. Does nothing before `InitDisk`.
+  void BuildDiskHealthReport();
+
+  /// The health summary as JSON text; "{}" before the first report.
+  [[nodiscard]] std::string GetHealthReport() const;
+
+  /// Flushes and unmounts the root file system and the card, by force if need be. Returns the
+  /// result of the last unmount call. Kernel interface: umount(2), umount2(2).
+  int UnmountAll();
+
+  /// Restarts the machine: asks the "reboot" command, gives it 20 seconds, then unmounts all and
+  /// has the kernel do it. Returns, with the result of reboot(2), only if that failed.
+  int Reboot();
+
+  /// Sets the system clock to `seconds` since the epoch. True when it was set.
+  bool SetDate(long& seconds);
+
+  /// Sets the real-time clock "/dev/rtc0" and the system clock. True when both were set.
+  bool SetRTC(long& seconds);
+
+  HealthStatus healthStatus;
+  DiskUtils::Disk* disk;  ///< the card; owned, null until `InitDisk` has made one
+  bool diskFault;         ///< false once a scan has left the card available
+
+ private:
+  bool RebootForFailingDisk(char const* reason);
+  void CheckClock();
+  void PrintDiskReport(DiskUtils::Disk::DeviceStatus const& card) const;
+  void RecordHealth(DiskUtils::Disk::DeviceStatus const& card);
+
+  static System* instance;
+};
+
+}  // namespace Quellon

@@ -1,0 +1,111 @@
+// One file on the recording card.
+#pragma once
+
+#include <cstdint>
+#include <cstdio>
+#include <ctime>
+#include <fstream>
+#include <memory>
+#include <string>
+
+#include "base/Buffer.h"
+#include "base/Export.h"
+
+namespace Quellon::FileUtils {
+
+/// A file by its path, with what a catalogue of recordings needs to know of it, and a stream on it
+/// if one is wanted. Objects share nothing; each is used by one thread at a time.
+///
+/// Sizes and times come from lstat(2) in the C library's plain form: on a 32-bit board a file of
+/// 2 GiB or more cannot be described, and operations that need its size fail.
+class QUELLON_EXPORT Ifile {
+ public:
+  /// Describes no file yet; `path`, `name` and `extension` are the caller's to set. The stream is
+  /// made, but not open.
+  Ifile();
+
+  /// Describes the file at `filePath`; name and extension (without its dot) are taken from it. If
+  /// `open` is true an existing file is opened for reading and writing, and nothing is reported if
+  /// it cannot be; the file itself is neither made nor emptied.
+  Ifile(std::string& filePath, bool open);
+
+  Ifile(Ifile const&) = delete;
+  Ifile& operator=(Ifile const&) = delete;
+
+  /// Closes the stream; what could not be flushed is lost silently.
+  virtual ~Ifile();
+
+  std::string GetName();
+
+  /// True when something of that path exists; symbolic links are followed.
+  bool FileExists();
+
+  /// Fills `size` and `time` from lstat(2): a symbolic link is described, not followed, but one
+  /// that leads nowhere counts as missing. False, with nothing changed, when that fails.
+  bool Stat();
+
+  /// Logs path, name, extension, size and time, a line each.
+  void PrintStat();
+
+  /// Opens the stream for reading and writing. An existing file is opened in place if there was no
+  /// stream yet; else it is made if missing, and `append` decides whether it keeps its contents.
+  /// Returns true even when that failed: test `stream->is_open()`. Throws IException "Empty file
+  /// path".
+  bool Open(bool append);
+
+  /// Flushes and closes the stream, if it is open; a failure is left in its state.
+  void Close();
+
+  /// Write to the stream. False when there is nothing to write or no stream; true says nothing
+  /// about the stream's state.
+  bool Write(char* data, unsigned int length);
+  bool Write(Ibuffer& buffer);
+  bool Write(Iubuffer& buffer);
+
+  /// Closes the stream and unlinks the file, in 3 attempts 50 ms apart. False, at once, when the
+  /// file does not exist, or after about 150 ms when it cannot be unlinked.
+  bool Remove();
+
+  /// Removes the file if it has `limit` bytes or more. True when it is smaller or was removed;
+  /// false when it cannot be sized or removed.
+  bool RemoveIfBiggerThan(unsigned long long limit);
+
+  /// The same for a path; whether it worked is not told.
+  static void RemoveIfBiggerThan(std::string& path, unsigned long long limit);
+
+  /// Renames the file and this object; `size` and `time` are kept. False when `newPath` has fewer
+  /// than 3 characters, the stream is open, the file does not exist or rename(2) fails.
+  bool Rename(std::string& newPath);
+
+  /// Copies the file to `destination`, which is made or emptied. The source's stream is opened if
+  /// it is not, which makes a missing file, and left open; copying begins at its read position.
+  /// False, with an error line in the log, when the copy could not begin; what failed while
+  /// copying is not detected. Never throws.
+  bool CopyTo(std::string const& destination);
+
+  /// Write to a C stream. False when `file` is null, or in error afterwards.
+  /// The bytes of `value` as they lie in memory.
+  static bool WriteInt(int value, FILE* file);
+  static bool Write(void* data, unsigned int length, FILE* file);
+  /// `length` bytes from the start of `text`, which the caller vouches for: at most the text and
+  /// its terminator. False when `text` is empty.
+  static bool WriteString(std::string const& text, unsigned int length, FILE* file);
+  static bool WriteString(std::string const& text, FILE* file);
+
+  /// What follows the last "/" of `anyPath`; empty when there is no "/".
+  std::string ExtractFileNameFromPath(std::string const& anyPath);
+
+  /// What follows the last "." of `anyName`; empty when there is no ".".
+  std::string ExtractFileExtension(std::string const& anyName);
+
+  std::string path;
+  std::string extension;  ///< without the dot, but with it where a catalogue set it
+  std::string name;
+  std::string label;      ///< for the application; never read or written here
+  std::int64_t size = 0;  ///< bytes, from the last successful `Stat`
+  std::time_t time = 0;   ///< modification time, seconds since the epoch, from the same
+  bool marked = false;    ///< for the application; never read here
+  std::unique_ptr<std::fstream> stream;  ///< the file's stream; may be null
+};
+
+}  // namespace Quellon::FileUtils

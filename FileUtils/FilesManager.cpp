@@ -1,0 +1,216 @@
+#include "FileUtils/FilesManager.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cmath>
+#include <exception>
+#include <iostream>
+#include <utility>
+
+#include "base/Logger.h"
+#include "base/UniqueDir.h"
+
+namespace Quellon::FileUtils {
+
+using Tarvik::UniqueDir;
+using Tarvik::Ilog::Info;
+using Tarvik::Ilog::LogLine;
+
+namespace {
+
+constexpr useconds_t kEntryPauseMicroseconds = 1000;
+
+// The tail of a name from its last dot. A name without one makes the library's own complaint.
+std::string DottedExtension(std::string const& fileName) {
+  try {
+    return fileName.substr(fileName.rfind('.'));
+  } catch (std::exception const& e) {
+    std::cout << e.what() << std::endl;
+    return {};
+  }
+}
+
+// Kept on purpose: the path is judged after the directory was opened, which then stays open.
+void LeaveOpen(UniqueDir directory) {
+  static_cast<void>(directory.release());
+}
+
+}  // namespace
+
+FilesManager::FilesManager(Disk* card, std::string directory, unsigned long long minimumFree,
+                           float share)
+    : disk(card),
+      path(std::move(directory)),
+      fraction(share),
+      minFreeSpace(minimumFree),
+      totalFilesSize(0),
+      filesCount(0) {
+  moduleName = "Quellon::FileUtils";
+  className = "FilesManager";
+  if (!HasCard()) return;
+  AddReserve();
+  LogShare();
+}
+
+// The two short forms keep nothing of their arguments; only the log lines of a short-lived
+// catalogue are seen. Applications rely on such objects refusing to load.
+FilesManager::FilesManager(Disk* card) : FilesManager(nullptr, "", 0, 0.0F) {
+  FilesManager(card, "", 0, 1.0F);  // NOLINT(bugprone-unused-raii)
+}
+
+FilesManager::FilesManager(Disk* card, unsigned long long minimumFree, float share)
+    : FilesManager(nullptr, "", 0, 0.0F) {
+  FilesManager(card, "", minimumFree, share);  // NOLINT(bugprone-unused-raii)
+}
+
+FilesManager::~FilesManager() {
+  Join();
+  std::lock_guard const lock(filesMutex);
+  for (Ifile* file : files) delete file;
+  files.clear();
+}
+
+bool FilesManager::HasCard() const {
+  return disk != nullptr && disk->available;
+}
+
+void FilesManager::AddReserve() {
+  // llround is roundf and the conversion in one, defined also where the product fits no integer.
+  minFreeSpace += static_cast<unsigned long long>(
+      std::llround(static_cast<float>(disk->reserveBytes) * fraction));
+}
+
+void FilesManager::LogShare() {
+  constexpr float kKilo = 1.0F / 1024;
+  LogLine(Info) << "[SYSTEM] Min free space after correction " << minFreeSpace << "B"
+                << " fraction " << static_cast<double>(fraction);
+  float const share = static_cast<float>(disk->totalBytes) * fraction * kKilo * kKilo;
+  LogLine(Info) << "[SYSTEM] Allocated disk space " << static_cast<double>(share) << "MB";
+}
+
+bool FilesManager::Fail(char const* message, char const* where) {
+  SetError(message, where, true, true);
+  return false;
+}
+
+bool FilesManager::Load() {
+  ResetError();
+  if (!HasCard()) return Fail("The disk is not available", "Load");
+  if (path.empty()) return Fail("Empty path value", "Load");
+  UniqueDir directory(opendir(path.c_str()));
+  if (directory == nullptr) return Fail("Could not open directory", "Load");
+  if (!path.ends_with('/')) {
+    LeaveOpen(std::move(directory));
+    return Fail("Incorrect path", "Load");
+  }
+  Forget();
+  totalFilesSize = 0;
+  while (dirent const* entry = readdir(directory.get())) {
+    usleep(kEntryPauseMicroseconds);
+    LoadEntry(entry->d_name);
+  }
+  return true;
+}
+
+bool FilesManager::Load(std::string& directory) {
+  path = directory;
+  return Load();
+}
+
+bool FilesManager::LoadAndSort() {
+  if (!Load()) return false;
+  Sort();
+  return true;
+}
+
+void FilesManager::LoadEntry(char const* entryName) {
+  struct stat status {};
+  if (lstat((path + entryName).c_str(), &status) != 0 || S_ISDIR(status.st_mode)) return;
+  auto file = MakeEntry(entryName);
+  file->size = status.st_size;
+  file->time = status.st_mtime;
+  Append(std::move(file));
+}
+
+bool FilesManager::AddFile(std::string& fileName) {
+  ResetError();
+  auto file = MakeEntry(fileName);
+  if (!file->Stat()) {
+    static_cast<void>(file.release());  // abandoned on purpose, as every object of an entry that
+                                        // left the catalogue or never came into it
+    return Fail("File not found", "AddFile");
+  }
+  Append(std::move(file));
+  return true;
+}
+
+std::unique_ptr<Ifile> FilesManager::MakeEntry(std::string const& fileName) {
+  auto file = std::make_unique<Ifile>();
+  file->path = path + fileName;
+  file->name = fileName;
+  file->extension = DottedExtension(fileName);
+  return file;
+}
+
+void FilesManager::Append(std::unique_ptr<Ifile> file) {
+  totalFilesSize += static_cast<unsigned long long>(file->size);
+  std::lock_guard const lock(filesMutex);
+  files.push_back(file.get());
+  static_cast<void>(file.release());  // the list owns it now
+  filesCount = files.size();
+}
+
+// Empties the list without deleting the objects: whoever was given one may still use it.
+void FilesManager::Forget() {
+  std::lock_guard const lock(filesMutex);
+  files.clear();
+  filesCount = 0;
+}
+
+void FilesManager::Sort() {
+  std::lock_guard const lock(filesMutex);
+  files.sort(CBSort);
+}
+
+bool FilesManager::CBSort(Ifile* a, Ifile* b) {
+  return a->time < b->time;
+}
+
+void FilesManager::ReverseList() {
+  std::lock_guard const lock(filesMutex);
+  files.reverse();
+}
+
+void FilesManager::ClearList() {
+  Forget();
+}
+
+unsigned long long FilesManager::GetTotalFilesSize(bool recalculate) {
+  unsigned long long const known = totalFilesSize;
+  if (!recalculate && known != 0) return known;
+  std::lock_guard const lock(filesMutex);
+  unsigned long long sum = 0;
+  for (Ifile const* file : files) sum += static_cast<unsigned long long>(file->size);
+  totalFilesSize = sum;
+  return sum;
+}
+
+unsigned long long FilesManager::GetTotalFilesSize() {
+  return GetTotalFilesSize(false);
+}
+
+std::string FilesManager::GetPath() {
+  return path;
+}
+
+std::list<Ifile*>& FilesManager::GetList() {
+  return files;
+}
+
+void FilesManager::Log() {
+  std::lock_guard const lock(filesMutex);
+  for (Ifile const* file : files) LogLine(Info) << "[SYSTEM][" << file->name << "]";
+}
+
+}  // namespace Quellon::FileUtils

@@ -1,0 +1,139 @@
+// The catalogue of a recordings directory, kept within its share of the card.
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <list>
+#include <memory>
+#include <mutex>
+#include <string>
+
+#include "DiskUtils/Disk.h"
+#include "FileUtils/File.h"
+#include "base/Export.h"
+#include "base/IError.h"
+#include "base/IThread.h"
+
+namespace Quellon::FileUtils {
+
+using DiskUtils::Disk;
+
+/// Lists the files of one directory, oldest first, with the sum of their sizes, and deletes the
+/// oldest of them to make room. Files with the extensions ".log" and ".gps" are never deleted by
+/// age.
+///
+/// Use: construct, `LoadAndSort()`, then `AddFile` for each new recording and `MakeRoom` before the
+/// next one. One owner thread uses the object; `RemoveAllFilesAsync` adds the object's own thread,
+/// which runs one pass. A lock guards the list; it is never held while `MakeRoom` measures or
+/// waits. Failures are a false result with the reason kept in the error base. A failing lock throws
+/// std::system_error.
+class QUELLON_EXPORT FilesManager : public Tarvik::Interfaces::IThread,
+                                    public Tarvik::Interfaces::IError {
+ public:
+  /// A catalogue of `directory`, which must end in "/", that may use `share` (0 to 1) of the card
+  /// and leaves `minimumFree` bytes of it free; the card's reserve, in the same share, is added to
+  /// that. `card` is not owned and must outlive the object; null or unavailable, nothing can be
+  /// loaded. Logs both figures if the card is available. Reads no directory.
+  FilesManager(Disk* card, std::string directory, unsigned long long minimumFree, float share);
+
+  /// An object that stays without card and directory; the figures are logged as for a catalogue of
+  /// the whole card.
+  explicit FilesManager(Disk* card);
+
+  /// An object that stays without card and directory; the figures are logged for the arguments.
+  FilesManager(Disk* card, unsigned long long minimumFree, float share);
+
+  FilesManager(FilesManager const&) = delete;
+  FilesManager& operator=(FilesManager const&) = delete;
+
+  /// Waits for a running pass, then deletes the catalogued objects, not their files.
+  ~FilesManager() override;
+
+  /// Fills the catalogue from the directory, in the directory's order, with a pause of 1 ms per
+  /// entry. Everything but directories is taken; links are not followed. Objects of an earlier
+  /// load are abandoned, so that whoever holds one may go on using it.
+  /// Errors: "The disk is not available", "Empty path value", "Could not open directory",
+  /// "Incorrect path". A name without a dot is reported on standard output and has no extension.
+  bool Load();
+  /// Loads another directory from now on.
+  bool Load(std::string& directory);
+  /// Loads and, if that succeeded, sorts.
+  bool LoadAndSort();
+
+  /// Catalogues, as the newest, a file that exists in the directory. Error: "File not found".
+  bool AddFile(std::string& fileName);
+
+  /// Sorts by modification time, oldest first; equal times keep their order.
+  void Sort();
+  /// Whether `a` was modified before `b`.
+  static bool CBSort(Ifile* a, Ifile* b);
+  void ReverseList();
+  /// Empties the list. The objects live on, for whoever holds them, and the total stays until it
+  /// is recalculated.
+  void ClearList();
+
+  /// Bytes of all catalogued files: the running total, or a new sum if asked for or if the total
+  /// is 0. Reading the running total takes no lock.
+  unsigned long long GetTotalFilesSize(bool recalculate);
+  unsigned long long GetTotalFilesSize();
+
+  std::string GetPath();
+  /// The list itself, to be read while no other thread changes it.
+  std::list<Ifile*>& GetList();
+  /// Logs the name of each catalogued file.
+  void Log();
+
+  /// Whether there is room: the share of the card's free bytes exceeds the minimum, and the
+  /// catalogue uses less than its share of the card. Measures the card first. Without a card,
+  /// throws IException "Disk not available" if asked to, else records "Disk not received".
+  /// Throws what `Disk::LoadDiskInfo` throws.
+  bool CheckAvailableSpace(bool throwIfNoDisk);
+
+  /// Deletes the oldest files, two at a time, until there is room. Gives up after 100 attempts, 10
+  /// ms apart, that deleted nothing. Errors: "Unable to make room, after 100 retries", "Disk not
+  /// available", "Get space stat error".
+  bool MakeRoom();
+
+  /// Deletes up to `count` of the oldest files and returns how many it deleted. A file that cannot
+  /// be removed leaves the catalogue, unless its removal throws. Holds the lock throughout.
+  unsigned int DeleteOldFiles(unsigned int count);
+
+  /// Deletes the first catalogued file of that name that can be removed; whoever holds its object
+  /// may go on using it. False when there is none.
+  bool RemoveFileByName(std::string& fileName);
+
+  /// Deletes everything but ".log" and ".gps" files; returns how many.
+  unsigned int RemoveAllFiles();
+
+  /// The same on the object's own thread; `Join()` waits for it. Does nothing when the catalogue is
+  /// empty. Throws std::system_error when no thread can be had.
+  void RemoveAllFilesAsync();
+
+  /// The pass of the object's own thread.
+  void Run() override;
+
+ private:
+  using Position = std::list<Ifile*>::iterator;
+
+  [[nodiscard]] bool HasCard() const;
+  bool Fail(char const* message, char const* where);
+  void AddReserve();
+  void LogShare();
+  void Forget();
+  void LoadEntry(char const* entryName);
+  std::unique_ptr<Ifile> MakeEntry(std::string const& fileName);
+  void Append(std::unique_ptr<Ifile> file);
+  Position Erase(Position position);
+  void SubtractSize(Ifile const& file);
+
+  Disk* disk;
+  std::string path;
+  float fraction;
+  unsigned long long minFreeSpace;
+  std::atomic<unsigned long long> totalFilesSize;
+  std::mutex filesMutex;
+  std::list<Ifile*> files;
+  std::atomic<std::size_t> filesCount;  // the list's size, for those who ask without the lock
+};
+
+}  // namespace Quellon::FileUtils

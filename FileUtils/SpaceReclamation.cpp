@@ -1,0 +1,124 @@
+// Keeping the recordings within their share of the card.
+#include <unistd.h>
+
+#include <algorithm>
+#include <exception>
+
+#include "FileUtils/FilesManager.h"
+#include "base/IException.h"
+
+namespace Quellon::FileUtils {
+
+using Tarvik::IException;
+
+namespace {
+
+constexpr int kFruitlessAttempts = 100;
+constexpr unsigned int kFilesPerAttempt = 2;
+constexpr useconds_t kAttemptPauseMicroseconds = 10000;
+
+// Logs and positions outlive the recordings they belong to.
+bool IsProtected(Ifile const& file) {
+  return file.extension == ".log" || file.extension == ".gps";
+}
+
+}  // namespace
+
+bool FilesManager::CheckAvailableSpace(bool throwIfNoDisk) {
+  if (throwIfNoDisk) {
+    if (!HasCard()) throw IException("Disk not available");
+  } else {
+    ResetError();
+    // The place is that of the operation on whose behalf room is asked for.
+    if (!HasCard()) return Fail("Disk not received", "MakeRoom");
+  }
+  disk->LoadDiskInfo();
+  // The free space counts in the same share as the card itself.
+  float const free = static_cast<float>(disk->freeBytes) * fraction;
+  if (!(free > static_cast<float>(minFreeSpace))) return false;
+  return static_cast<float>(totalFilesSize.load()) <
+         static_cast<float>(disk->totalBytes) * fraction;
+}
+
+bool FilesManager::MakeRoom() {
+  ResetError();
+  int attemptsLeft = kFruitlessAttempts;
+  try {
+    while (!CheckAvailableSpace(true)) {
+      if (DeleteOldFiles(kFilesPerAttempt) > 0) continue;
+      if (--attemptsLeft == 0) throw IException("Unable to make room, after 100 retries");
+      usleep(kAttemptPauseMicroseconds);
+    }
+    return true;
+  } catch (IException const& e) {
+    return Fail(e.what(), "MakeRoom");
+  }
+}
+
+unsigned int FilesManager::DeleteOldFiles(unsigned int count) {
+  std::size_t const known = filesCount;
+  if (count == 0 || known == 0) return 0;
+  std::size_t const wanted = std::min<std::size_t>(count, known);
+
+  std::lock_guard const lock(filesMutex);
+  unsigned int deleted = 0;
+  for (auto position = files.begin(); position != files.end() && deleted < wanted;) {
+    Ifile* const file = *position;
+    if (IsProtected(*file)) {
+      ++position;
+      continue;
+    }
+    try {
+      bool const removed = file->Remove();
+      position = Erase(position);  // also a file that could not be removed; its object is left
+      if (!removed) continue;
+      ++deleted;
+      SubtractSize(*file);
+      delete file;
+    } catch (std::exception const&) {
+      ++position;  // stays catalogued for another try
+    }
+  }
+  return deleted;
+}
+
+bool FilesManager::RemoveFileByName(std::string& fileName) {
+  std::lock_guard const lock(filesMutex);
+  auto const isRemoved = [&fileName](Ifile* file) {
+    return file->name == fileName && file->Remove();
+  };
+  try {
+    auto const position = std::find_if(files.begin(), files.end(), isRemoved);
+    if (position == files.end()) return false;
+    SubtractSize(**position);
+    Erase(position);  // the object is left to whoever holds it
+    return true;
+  } catch (IException const&) {
+    return false;
+  }
+}
+
+unsigned int FilesManager::RemoveAllFiles() {
+  return DeleteOldFiles(static_cast<unsigned int>(filesCount.load()));
+}
+
+void FilesManager::RemoveAllFilesAsync() {
+  if (filesCount != 0) Start();
+}
+
+void FilesManager::Run() {
+  RemoveAllFiles();
+  Cancel();  // one pass for each start
+}
+
+FilesManager::Position FilesManager::Erase(Position position) {
+  auto const next = files.erase(position);
+  filesCount = files.size();
+  return next;
+}
+
+void FilesManager::SubtractSize(Ifile const& file) {
+  totalFilesSize -= static_cast<unsigned long long>(file.size);
+}
+
+}  // namespace Quellon::FileUtils

@@ -1,0 +1,42 @@
+// The battery-backed real-time clock.
+#pragma once
+
+#include <linux/rtc.h>
+
+#include <string>
+
+#include "base/Export.h"
+
+namespace Quellon::RTC {
+
+/// One real-time clock device. The clock holds local time. The device is opened for each operation
+/// and closed again. Not locked: one thread at a time. Nothing is thrown or printed on failure.
+/// Kernel interface: rtc(4), `RTC_RD_TIME` and `RTC_SET_TIME`.
+class QUELLON_EXPORT Rtc {
+ public:
+  /// Names the device node, such as "/dev/rtc0". Touches no device.
+  explicit Rtc(std::string path);
+  Rtc(Rtc const&) = default;
+  Rtc& operator=(Rtc const&) = default;
+  virtual ~Rtc();
+
+  /// Reads the clock into `rtcTime`. False when the device could not be opened or read.
+  bool Load();
+
+  /// Sets the clock to `seconds` since the epoch, and then the system clock to the clock's time.
+  /// False when either could not be set. Setting needs CAP_SYS_TIME.
+  bool Set(long& seconds);
+
+  /// Sets the system clock from `rtcTime`, which is normalised by that. False when the kernel
+  /// refused the time.
+  bool SetSystemClock();
+
+  /// Prints `rtcTime` and the system's local time on standard output, dates as month/day/year.
+  /// Returns the result of printf(3).
+  int Print();
+
+  std::string devicePath;
+  rtc_time rtcTime;  ///< the time last read from or written to the device
+};
+
+}  // namespace Quellon::RTC

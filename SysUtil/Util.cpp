@@ -1,0 +1,104 @@
+#include "SysUtil/Util.h"
+
+#include <fcntl.h>
+#include <sys/types.h>
+#include <unistd.h>
+
+#include <array>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <iostream>
+#include <memory>
+
+#include "base/Retry.h"
+#include "base/Shell.h"
+#include "base/UniqueDir.h"
+#include "base/UniqueFd.h"
+
+namespace Quellon::SysUtil {
+
+namespace {
+
+struct PipeCloser {
+  void operator()(FILE* pipe) const noexcept { pclose(pipe); }
+};
+using UniquePipe = std::unique_ptr<FILE, PipeCloser>;
+
+std::string FirstLineOf(std::string const& path) {
+  std::ifstream file(path);
+  std::string line;
+  std::getline(file, line);
+  return line;
+}
+
+// A command line holds its arguments one after the other, each ended by a NUL.
+std::string ProgramName(std::string const& commandLine) {
+  std::string const program = commandLine.substr(0, commandLine.find('\0'));
+  return program.substr(program.rfind('/') + 1);
+}
+
+bool ProcessMatches(std::string const& processId, std::string const& processName) {
+  std::string const commandLine = FirstLineOf("/proc/" + processId + "/cmdline");
+  return !commandLine.empty() && ProgramName(commandLine).find(processName) != std::string::npos;
+}
+
+void RunForRamdisk(char const* command, char const* failureFormat) {
+  int const status = std::system(command);
+  if (status >= 0) return;
+  std::printf(failureFormat, Tarvik::ExitStatusByte(status));
+  static_cast<void>(std::fflush(stdout));
+}
+
+void DisplayOpenFilesOf(pid_t process) {
+  std::string const id = std::to_string(process);
+  std::string const command = "ls -l /proc/" + id + "/fd";
+  std::cout << "Try run [" << command << "] on pipe" << std::endl;
+  std::string const files = ExecSystemCmdThroughPipe(command);
+  std::cout << "Open files on pid " << id << " :" << std::endl;
+  std::cout << files << std::endl;
+}
+
+}  // namespace
+
+bool ClearCache() {
+  Tarvik::UniqueFd const control(open("/proc/sys/vm/drop_caches", O_RDWR | O_CLOEXEC));
+  if (!control.IsOpen()) return false;
+  int const attempt = Tarvik::Retry(4, std::chrono::milliseconds(100),
+                                    [&] { return write(control.Get(), "3", 1) == 1; });
+  return attempt >= 1 && attempt <= 3;  // a success of the fourth attempt counts as failure
+}
+
+std::string ExecSystemCmdThroughPipe(std::string command) {
+  std::string output;
+  UniquePipe const pipe(popen(command.c_str(), "r"));
+  if (pipe == nullptr) return output;
+  fcntl(fileno(pipe.get()), F_SETFD, FD_CLOEXEC);
+  std::array<char, 1024> piece;
+  while (std::fgets(piece.data(), piece.size(), pipe.get()) != nullptr) output += piece.data();
+  return output;
+}
+
+int GetProcIdByName(std::string processName) {
+  Tarvik::UniqueDir const processes(opendir("/proc"));
+  if (processes == nullptr) return -1;
+  while (dirent const* entry = readdir(processes.get())) {
+    long const id = std::strtol(entry->d_name, nullptr, 10);
+    if (id > 0 && ProcessMatches(entry->d_name, processName)) return static_cast<int>(id);
+  }
+  return -1;
+}
+
+void MountRamdisk() {
+  RunForRamdisk("umount /mnt/ramdisk", "Ramdisk umount error: %d\n");
+  RunForRamdisk("mount -t tmpfs -o noatime,nosuid,nodev,mode=1777,size=192M tmpfs /mnt/ramdisk",
+                "Ramdisk mount error: %d\n");
+}
+
+void DisplayOpenFiles() {
+  DisplayOpenFilesOf(getpid());
+  DisplayOpenFilesOf(getppid());
+}
+
+}  // namespace Quellon::SysUtil

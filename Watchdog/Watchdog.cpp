@@ -1,0 +1,67 @@
+#include "Watchdog/Watchdog.h"
+
+#include <fcntl.h>
+#include <linux/watchdog.h>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+#include <cstdint>
+
+#include "base/Logger.h"
+
+namespace Quellon {
+
+using Tarvik::Ilog::Info;
+using Tarvik::Ilog::LogLine;
+
+namespace {
+
+constexpr int kDefaultTimeoutSeconds = 90;
+
+}  // namespace
+
+Watchdog::Watchdog() : Watchdog(kDefaultTimeoutSeconds) {}
+
+Watchdog::Watchdog(int timeoutSeconds) : timeout(timeoutSeconds) {
+  Init();
+}
+
+Watchdog::~Watchdog() {
+  Watchdog::Close();
+}
+
+bool Watchdog::Open() {
+  fd = open("/dev/watchdog", O_RDWR | O_CLOEXEC);
+  return fd >= 0;
+}
+
+bool Watchdog::Close() {
+  if (fd < 1) return false;
+  close(fd);
+  fd = 0;
+  return true;
+}
+
+bool Watchdog::Init() {
+  if (!Open()) return false;
+  if (ioctl(fd, WDIOC_SETTIMEOUT, &timeout) < 0) return false;
+  int applied = 0;
+  static_cast<void>(ioctl(fd, WDIOC_GETTIMEOUT, &applied));
+  LogLine(Info) << "[WTD] Watchdog timeout have been set to " << applied << " seconds";
+  Close();
+  return true;
+}
+
+bool Watchdog::Reset() {
+  if (fd < 1 && !Open()) {
+    LogLine(Info) << "[WTD] Watchdog could not be open";
+    return false;
+  }
+  std::int32_t const kick = 1;
+  if (write(fd, &kick, sizeof kick) < static_cast<ssize_t>(sizeof kick)) return false;
+  Close();
+  LogLine(Info) << "[WTD] Watchdog have been reset";
+  return true;
+}
+
+}  // namespace Quellon

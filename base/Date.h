@@ -1,0 +1,17 @@
+// Dates as text, in local time.
+#pragma once
+
+#include <string>
+
+#include "base/Export.h"
+
+namespace Tarvik::Util {
+
+/// The system clock's current time, formatted with the conversions of strftime(3). Any thread.
+QUELLON_EXPORT std::string NewDate(std::string format);
+
+/// The time `t`, in seconds since the epoch, formatted the same way; the plain number where `t`
+/// has no calendar date. Any thread.
+QUELLON_EXPORT std::string Date(long const& t, std::string format);
+
+}  // namespace Tarvik::Util

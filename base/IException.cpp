@@ -1,0 +1,16 @@
+#include "base/IException.h"
+
+namespace Tarvik {
+
+IException::IException(std::string_view text, int errorNumber) noexcept
+    : message{}, code(errorNumber) {
+  text.copy(message, kCapacity - 1);
+}
+
+IException::~IException() = default;
+
+char const* IException::what() const noexcept {
+  return message;
+}
+
+}  // namespace Tarvik

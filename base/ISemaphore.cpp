@@ -1,0 +1,57 @@
+#include "base/ISemaphore.h"
+
+#include <cerrno>
+#include <ctime>
+
+namespace Tarvik::Interfaces {
+
+namespace {
+
+template <typename Call>
+bool RestartedWhileInterrupted(Call call) noexcept {
+  int result;
+  do {
+    result = call();
+  } while (result != 0 && errno == EINTR);
+  return result == 0;
+}
+
+timespec MonotonicDeadline(std::chrono::milliseconds limit) noexcept {
+  using namespace std::chrono;
+  timespec deadline{};
+  clock_gettime(CLOCK_MONOTONIC, &deadline);
+  auto const at = seconds(deadline.tv_sec) + nanoseconds(deadline.tv_nsec) + limit;
+  deadline.tv_sec = static_cast<time_t>(duration_cast<seconds>(at).count());
+  deadline.tv_nsec = static_cast<long>((at % seconds(1)).count());
+  return deadline;
+}
+
+}  // namespace
+
+ISemaphore::ISemaphore() noexcept : semaphore{} {
+  sem_init(&semaphore, 0, 0);
+}
+
+ISemaphore::~ISemaphore() {
+  sem_destroy(&semaphore);
+}
+
+void ISemaphore::Notify() noexcept {
+  sem_post(&semaphore);
+}
+
+void ISemaphore::Wait() noexcept {
+  RestartedWhileInterrupted([this] { return sem_wait(&semaphore); });
+}
+
+bool ISemaphore::TryWait() noexcept {
+  return RestartedWhileInterrupted([this] { return sem_trywait(&semaphore); });
+}
+
+bool ISemaphore::WaitFor(std::chrono::milliseconds limit) noexcept {
+  auto const deadline = MonotonicDeadline(limit);
+  return RestartedWhileInterrupted(
+      [&] { return sem_clockwait(&semaphore, CLOCK_MONOTONIC, &deadline); });
+}
+
+}  // namespace Tarvik::Interfaces

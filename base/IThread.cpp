@@ -1,0 +1,90 @@
+#include "base/IThread.h"
+
+#include "base/Logger.h"
+
+namespace Tarvik::Interfaces {
+
+namespace {
+
+void LogFailure(char const* what) noexcept {
+  try {
+    Ilog::LogLine(Ilog::Error) << "IThread: " << what;
+  } catch (...) {  // NOLINT(bugprone-empty-catch): a lost log line must not end the process
+  }
+}
+
+template <typename Work>
+void LoggingExceptions(Work work) noexcept {
+  try {
+    work();
+  } catch (std::exception const& e) {
+    LogFailure(e.what());
+  } catch (...) {
+    LogFailure("unknown exception");
+  }
+}
+
+}  // namespace
+
+IThread::IThread() = default;
+
+IThread::~IThread() {
+  Cancel();
+  Join();
+}
+
+void IThread::RunBefore() {}
+void IThread::RunAfter() {}
+void IThread::Stopping() {}
+
+void IThread::Start() {
+  std::lock_guard const lock(stateMutex);
+  if (state == State::Cancelled) state = State::Restarted;
+  if (state != State::Idle) return;
+  if (worker.joinable()) worker.join();  // it has left its last frame, so this takes no time
+  worker = std::thread(&IThread::Work, this);
+  state = State::Running;
+}
+
+void IThread::Cancel() {
+  {
+    std::lock_guard const lock(stateMutex);
+    if (state != State::Idle) state = State::Cancelled;
+  }
+  Stopping();
+}
+
+void IThread::Join() {
+  std::unique_lock lock(stateMutex);
+  if (worker.get_id() == std::this_thread::get_id()) return;
+  ended.wait(lock, [this] { return state == State::Idle; });
+  if (worker.joinable()) worker.join();
+}
+
+void IThread::Work() noexcept {
+  do {
+    LoggingExceptions([this] {
+      RunBefore();
+      while (KeepsRunning()) Run();
+    });
+    LoggingExceptions([this] { RunAfter(); });
+  } while (BeginsAnotherFrame());
+}
+
+bool IThread::KeepsRunning() {
+  std::lock_guard const lock(stateMutex);
+  return state == State::Running;
+}
+
+bool IThread::BeginsAnotherFrame() {
+  std::lock_guard const lock(stateMutex);
+  if (state == State::Restarted) {
+    state = State::Running;
+    return true;
+  }
+  state = State::Idle;
+  ended.notify_all();
+  return false;
+}
+
+}  // namespace Tarvik::Interfaces

@@ -1,0 +1,247 @@
+// JSON text as values: a recursive descent over the grammar of RFC 8259.
+#include <algorithm>
+#include <charconv>
+#include <limits>
+#include <locale>
+#include <sstream>
+#include <string_view>
+#include <system_error>
+
+#include "base/IException.h"
+#include "base/Json.h"
+#include "base/Utf8.h"
+
+namespace Tarvik::Json {
+
+namespace {
+
+constexpr int kDeepestNesting = 512;
+
+class Reader {
+ public:
+  explicit Reader(std::string_view json) : text(json) {}
+
+  Value ReadDocument() {
+    SkipBlanks();
+    Value value = ReadValue();
+    SkipBlanks();
+    if (position != text.size()) Fail("unexpected text after the value");
+    return value;
+  }
+
+ private:
+  [[noreturn]] void Fail(char const* reason) const {
+    throw IException("JSON: " + std::string(reason) + " at byte " + std::to_string(position));
+  }
+
+  // A NUL stands for the end: it begins no token, so both fail alike.
+  [[nodiscard]] char Peek() const { return position < text.size() ? text[position] : '\0'; }
+
+  bool Accept(char expected) {
+    if (position >= text.size() || text[position] != expected) return false;
+    ++position;
+    return true;
+  }
+
+  void Expect(char expected, char const* reason) {
+    if (!Accept(expected)) Fail(reason);
+  }
+
+  void SkipBlanks() {
+    position = std::min(text.find_first_not_of(" \t\n\r", position), text.size());
+  }
+
+  Value ReadValue();
+  Value ReadKeyword(std::string_view keyword, Value value);
+  Value ReadObject();
+  Value ReadArray();
+  void Enter();
+  void Leave() { --depth; }
+
+  std::string ReadString();
+  void ReadPlainCharacters(std::string& characters);
+  void ReadEscape(std::string& characters);
+  unsigned long ReadEscapedCodePoint();
+  unsigned long ReadFourHexDigits();
+
+  Value ReadNumber();
+  void SkipDigits();
+  bool SkipFractionAndExponent();
+
+  std::string_view text;
+  std::size_t position = 0;
+  int depth = 0;
+};
+
+Value Reader::ReadValue() {
+  switch (Peek()) {
+    case 'n':
+      return ReadKeyword("null", Value());
+    case 't':
+      return ReadKeyword("true", true);
+    case 'f':
+      return ReadKeyword("false", false);
+    case '"':
+      return ReadString();
+    case '{':
+      return ReadObject();
+    case '[':
+      return ReadArray();
+    default:
+      return ReadNumber();
+  }
+}
+
+Value Reader::ReadKeyword(std::string_view keyword, Value value) {
+  if (!text.substr(position).starts_with(keyword)) Fail("unexpected text");
+  position += keyword.size();
+  return value;
+}
+
+void Reader::Enter() {
+  if (++depth > kDeepestNesting) Fail("nested too deep");
+  ++position;
+  SkipBlanks();
+}
+
+Value Reader::ReadObject() {
+  Enter();
+  Object object;
+  if (!Accept('}')) {
+    do {
+      SkipBlanks();
+      std::string const key = ReadString();
+      SkipBlanks();
+      Expect(':', "missing colon");
+      SkipBlanks();
+      object[key] = ReadValue();
+      SkipBlanks();
+    } while (Accept(','));
+    Expect('}', "missing comma or closing brace");
+  }
+  Leave();
+  return object;
+}
+
+Value Reader::ReadArray() {
+  Enter();
+  Array array;
+  if (!Accept(']')) {
+    do {
+      SkipBlanks();
+      array.Add(ReadValue());
+      SkipBlanks();
+    } while (Accept(','));
+    Expect(']', "missing comma or closing bracket");
+  }
+  Leave();
+  return array;
+}
+
+std::string Reader::ReadString() {
+  Expect('"', "missing quotation mark");
+  std::string characters;
+  while (true) {
+    ReadPlainCharacters(characters);
+    if (Accept('"')) return characters;
+    Expect('\\', "unfinished text or bad character in it");
+    ReadEscape(characters);
+  }
+}
+
+void Reader::ReadPlainCharacters(std::string& characters) {
+  std::size_t const start = position;
+  while (position < text.size()) {
+    char const next = text[position];
+    if (next == '"' || next == '\\' || static_cast<unsigned char>(next) < 0x20) break;
+    std::size_t const length = Utf8Length(text.substr(position));
+    if (length == 0) break;
+    position += length;
+  }
+  characters += text.substr(start, position - start);
+}
+
+void Reader::ReadEscape(std::string& characters) {
+  constexpr std::string_view kLetters = "\"\\/bfnrt";
+  constexpr std::string_view kMeanings = "\"\\/\b\f\n\r\t";
+  if (Accept('u')) {
+    AppendUtf8(characters, ReadEscapedCodePoint());
+    return;
+  }
+  std::size_t const letter = kLetters.find(Peek());
+  if (letter == std::string_view::npos) Fail("unknown escape");
+  characters += kMeanings[letter];
+  ++position;
+}
+
+// Characters beyond U+FFFF are escaped as a high and a low surrogate; one alone is no character.
+unsigned long Reader::ReadEscapedCodePoint() {
+  unsigned long const unit = ReadFourHexDigits();
+  if (unit < 0xD800 || unit > 0xDFFF) return unit;
+  if (unit > 0xDBFF || !Accept('\\') || !Accept('u')) Fail("unpaired surrogate");
+  unsigned long const low = ReadFourHexDigits();
+  if (low < 0xDC00 || low > 0xDFFF) Fail("unpaired surrogate");
+  return 0x10000 + ((unit - 0xD800) << 10) + (low - 0xDC00);
+}
+
+unsigned long Reader::ReadFourHexDigits() {
+  constexpr std::size_t kCount = 4;
+  std::string_view const digits = text.substr(position, kCount);
+  unsigned long value = 0;
+  auto const [end, error] =
+      std::from_chars(digits.data(), digits.data() + digits.size(), value, 16);
+  if (digits.size() < kCount || end != digits.data() + kCount) Fail("bad hexadecimal digits");
+  position += kCount;
+  return value;
+}
+
+void Reader::SkipDigits() {
+  std::size_t const end = std::min(text.find_first_not_of("0123456789", position), text.size());
+  if (end == position) Fail("missing digit");
+  position = end;
+}
+
+bool Reader::SkipFractionAndExponent() {
+  std::size_t const start = position;
+  if (Accept('.')) SkipDigits();
+  if (Accept('e') || Accept('E')) {
+    if (!Accept('+')) Accept('-');
+    SkipDigits();
+  }
+  return position != start;
+}
+
+// The nearest double; for a number beyond the range of doubles that is infinity or zero.
+double ToDouble(std::string const& digits) {
+  double number = 0;
+  auto const result = std::from_chars(digits.data(), digits.data() + digits.size(), number);
+  if (result.ec == std::errc()) return number;
+  std::istringstream stream(digits);
+  stream.imbue(std::locale::classic());
+  if (stream >> number) return number;
+  double const infinity = std::numeric_limits<double>::infinity();
+  return digits.front() == '-' ? -infinity : infinity;
+}
+
+Value Reader::ReadNumber() {
+  std::size_t const start = position;
+  if (std::string_view("-0123456789").find(Peek()) == std::string_view::npos) Fail("missing value");
+  Accept('-');
+  if (!Accept('0')) SkipDigits();
+  bool const whole = !SkipFractionAndExponent();
+  std::string_view const digits = text.substr(start, position - start);
+  int integer = 0;
+  if (whole &&
+      std::from_chars(digits.data(), digits.data() + digits.size(), integer).ec == std::errc()) {
+    return integer;
+  }
+  return ToDouble(std::string(digits));
+}
+
+}  // namespace
+
+Value Deserialize(std::string const& text) {
+  return Reader(text).ReadDocument();
+}
+
+}  // namespace Tarvik::Json

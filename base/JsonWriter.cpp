@@ -1,0 +1,110 @@
+// JSON values as text.
+#include <array>
+#include <charconv>
+#include <cmath>
+#include <string_view>
+
+#include "base/Json.h"
+#include "base/Utf8.h"
+
+namespace Tarvik::Json {
+
+class Writer {
+ public:
+  std::string Text(Value const& value) {
+    Append(value);
+    return std::move(text);
+  }
+
+ private:
+  void Append(Value const& value) {
+    std::visit([this](auto const& held) { AppendHeld(held); }, value.held);
+  }
+
+  void AppendHeld(std::monostate) { text += "null"; }
+  void AppendHeld(bool truth) { text += truth ? "true" : "false"; }
+  void AppendHeld(int number) { AppendNumber(number); }
+  void AppendHeld(double number);
+  void AppendHeld(std::string_view characters);
+  void AppendHeld(std::shared_ptr<Object const> const& object);
+  void AppendHeld(std::shared_ptr<Array const> const& array);
+  void AppendEscaped(char character);
+
+  template <typename Number>
+  std::string_view AppendNumber(Number number) {
+    std::array<char, 32> digits;
+    char* const end = std::to_chars(digits.begin(), digits.end(), number).ptr;
+    std::size_t const start = text.size();
+    text.append(digits.begin(), end);
+    return std::string_view(text).substr(start);
+  }
+
+  std::string text;
+};
+
+void Writer::AppendHeld(double number) {
+  if (!std::isfinite(number)) {
+    text += "null";
+    return;
+  }
+  // Without a point or an exponent it would be read back as an integer.
+  if (AppendNumber(number).find_first_of(".e") == std::string_view::npos) text += ".0";
+}
+
+void Writer::AppendHeld(std::string_view characters) {
+  text += '"';
+  while (!characters.empty()) {
+    std::size_t const length = Utf8Length(characters);
+    if (length == 0) {
+      text += "\xEF\xBF\xBD";
+    } else if (length == 1) {
+      AppendEscaped(characters.front());
+    } else {
+      text += characters.substr(0, length);
+    }
+    characters.remove_prefix(length == 0 ? 1 : length);
+  }
+  text += '"';
+}
+
+void Writer::AppendEscaped(char character) {
+  constexpr std::string_view kSpecial = "\"\\\b\f\n\r\t";
+  constexpr std::string_view kLetters = "\"\\bfnrt";
+  constexpr std::string_view kHexDigits = "0123456789abcdef";
+  auto const code = static_cast<unsigned char>(character);
+  if (std::size_t const i = kSpecial.find(character); i != std::string_view::npos) {
+    text += {'\\', kLetters[i]};
+  } else if (code < 0x20) {
+    text += {'\\', 'u', '0', '0', kHexDigits[code >> 4], kHexDigits[code & 0xF]};
+  } else {
+    text += character;
+  }
+}
+
+void Writer::AppendHeld(std::shared_ptr<Object const> const& object) {
+  char separator = '{';
+  for (auto const& [key, value] : *object) {
+    text += separator;
+    separator = ',';
+    AppendHeld(key);
+    text += ':';
+    Append(value);
+  }
+  text += object->Size() == 0 ? "{}" : "}";
+}
+
+void Writer::AppendHeld(std::shared_ptr<Array const> const& array) {
+  char separator = '[';
+  for (Value const& element : *array) {
+    text += separator;
+    separator = ',';
+    Append(element);
+  }
+  text += array->Size() == 0 ? "[]" : "]";
+}
+
+std::string Serialize(Value const& value) {
+  return Writer().Text(value);
+}
+
+}  // namespace Tarvik::Json

@@ -1,0 +1,186 @@
+#include "base/Logger.h"
+
+#include <ctime>
+#include <string_view>
+#include <system_error>
+
+#include "base/Date.h"
+#include "base/NoDestructor.h"
+#include "base/TemperatureMonitor.h"
+
+namespace Tarvik::Ilog {
+
+namespace {
+
+constexpr char const* kTimeFormat = "%Y-%m-%d %H:%M:%S";
+
+template <typename Policy>
+LoggerBase<Policy>* Sink() {
+  static NoDestructor<LoggerBase<Policy>> sink;
+  return sink.Get();
+}
+
+}  // namespace
+
+template <typename Policy>
+void LoggerBase<Policy>::WriteHeader(LogType type) {
+  if (!enabled) return;
+  if (HoldsLine()) {
+    throw std::system_error(std::make_error_code(std::errc::resource_deadlock_would_occur));
+  }
+  std::unique_lock lock(lineLock);
+  if constexpr (requires { policy.WriteHeader(type); }) policy.WriteHeader(type);
+  AppendTime();
+  AppendTemperature();
+  AppendTag(type);
+  lineOwner.store(std::this_thread::get_id(), std::memory_order_relaxed);
+  lock.release();  // kept until the line is written: see Release()
+}
+
+// Only the owner finds its own id here, so the answer never depends on another thread's store.
+template <typename Policy>
+bool LoggerBase<Policy>::HoldsLine() const noexcept {
+  return lineOwner.load(std::memory_order_relaxed) == std::this_thread::get_id();
+}
+
+// Formatting a calendar date costs more than all the rest of a line, so it is done once a second.
+template <typename Policy>
+void LoggerBase<Policy>::AppendTime() {
+  long const now = time(nullptr);
+  if (now != stampSecond) {
+    stamp = "[" + Util::NewDate(kTimeFormat) + "]";
+    stampSecond = now;
+  }
+  buffer << stamp;
+}
+
+template <typename Policy>
+void LoggerBase<Policy>::AppendTemperature() {
+  auto const* monitor = Util::TemperatureMonitor::GetInstance();
+  if (monitor->valid) buffer << "[" << monitor->temperature.load() << "C]";
+}
+
+template <typename Policy>
+void LoggerBase<Policy>::AppendTag(LogType type) {
+  if (type == Error) {
+    buffer << "[ERROR]";
+  } else if (type == Warning) {
+    buffer << "[WARNING]";
+  }
+}
+
+template <typename Policy>
+LoggerBase<Policy>& LoggerBase<Policy>::operator<<(long const& t) {
+  if (HoldsLine()) buffer << Util::Date(t, kTimeFormat);
+  return *this;
+}
+
+template <typename Policy>
+LoggerBase<Policy>& LoggerBase<Policy>::operator<<(char const* text) {
+  if (!HoldsLine()) return *this;
+  if (text != nullptr) {
+    buffer << text;
+  } else {
+    buffer.setstate(std::ios::badbit);
+  }
+  return *this;
+}
+
+// The writer runs on the thread that completed the line: it holds the lock that only it may
+// release, and the line must be with the kernel before this thread goes on.
+template <typename Policy>
+void LoggerBase<Policy>::CheckEndOfStream() {
+  if (!HoldsLine() || !buffer.view().ends_with('\n')) return;
+  lineReady.Notify();
+  WriteLine();
+}
+
+template <typename Policy>
+void LoggerBase<Policy>::WriteLine() {
+  lineReady.Wait();
+  if (!policy.Write(buffer.view())) enabled = false;
+  Release();
+}
+
+template <typename Policy>
+void LoggerBase<Policy>::EndLine() {
+  if (!HoldsLine()) return;
+  buffer.clear();  // a spoilt line loses its rest, not its end
+  buffer << std::endl;
+  CheckEndOfStream();
+  if (HoldsLine()) Release();  // no memory for the newline: the line is lost, the sink is not
+}
+
+template <typename Policy>
+void LoggerBase<Policy>::Release() noexcept {
+  static std::string const empty;
+  buffer.str(empty);  // copied from, so the buffer keeps its memory for the next line
+  buffer.clear();
+  lineOwner.store(std::thread::id(), std::memory_order_relaxed);
+  lineLock.unlock();
+}
+
+template <typename Policy>
+void LoggerBase<Policy>::Flush() {
+  if (!HoldsLine()) std::lock_guard const lock(lineLock);
+}
+
+template class LoggerBase<FileLogPolicy>;
+template class LoggerBase<ConsoleLogPolicy>;
+
+Logger* Logger::GetInstance() {
+  static NoDestructor<Logger> instance;
+  return instance.Get();
+}
+
+Logger::Logger() : fileSink(Sink<FileLogPolicy>()), consoleSink(Sink<ConsoleLogPolicy>()) {}
+
+void Logger::BeginLine(LogType type) {
+  fileSink->WriteHeader(type);
+  try {
+    consoleSink->WriteHeader(type);
+  } catch (...) {
+    fileSink->EndLine();
+    throw;
+  }
+}
+
+void Logger::EndLine() {
+  fileSink->EndLine();
+  consoleSink->EndLine();
+}
+
+void Logger::Flush() {
+  fileSink->Flush();
+  consoleSink->Flush();
+}
+
+Logger& Logger::operator<<(char const* text) {
+  *fileSink << text;
+  *consoleSink << text;
+  return *this;
+}
+
+Logger& Logger::operator<<(long const& t) {
+  *fileSink << t;
+  *consoleSink << t;
+  return *this;
+}
+
+Logger& Logger::operator<<(std::ostream& (*manipulator)(std::ostream&)) {
+  *fileSink << manipulator;
+  fileSink->CheckEndOfStream();
+  *consoleSink << manipulator;
+  consoleSink->CheckEndOfStream();
+  return *this;
+}
+
+LogLine::LogLine(LogType type) : logger(*Logger::GetInstance()) {
+  logger.BeginLine(type);
+}
+
+LogLine::~LogLine() {
+  logger.EndLine();
+}
+
+}  // namespace Tarvik::Ilog

@@ -1,0 +1,145 @@
+// The process-wide log: every line goes to a file and to the console. Any thread may log; lines
+// never mix, and a completed line is in the kernel's hands before the logging call returns.
+#pragma once
+
+#include <atomic>
+#include <mutex>
+#include <ostream>
+#include <sstream>
+#include <string>
+#include <thread>
+
+#include "base/ConsoleLogPolicy.h"
+#include "base/Export.h"
+#include "base/FileLogPolicy.h"
+#include "base/ISemaphore.h"
+
+namespace Tarvik::Ilog {
+
+/// How grave a line is. Any other value is written as `Info`, without a tag.
+enum LogType : int {
+  Info = 0,
+  Warning = 1,  ///< tagged "[WARNING]"
+  Error = 2,    ///< tagged "[ERROR]"
+};
+
+/// One sink of the logger. A line begins with `WriteHeader`, which takes the sink's line lock, and
+/// ends with `EndLine` (or a newline and `CheckEndOfStream`), which writes it and frees the sink;
+/// both on the same thread. Whether the sink takes part in a line is settled at its header: a line
+/// begun is finished even if the sink is disabled meanwhile, and text for a line that was not
+/// begun is dropped.
+template <typename Policy>
+class LoggerBase {
+ public:
+  LoggerBase() = default;
+  LoggerBase(LoggerBase const&) = delete;
+  LoggerBase& operator=(LoggerBase const&) = delete;
+  ~LoggerBase() = default;
+
+  /// Begins a line: "[date time]", "[temperature]" if it is known, and the tag of `type`. Waits
+  /// while another thread's line is under way. Does nothing while the sink is disabled.
+  /// Throws std::system_error when this thread has not ended its own last line.
+  void WriteHeader(LogType type);
+
+  /// Appends `t`, seconds since the epoch, as a date and time in local time, never as a number.
+  LoggerBase& operator<<(long const& t);
+
+  /// Appends a text. A null `text` spoils the rest of the line, as on a standard output stream.
+  LoggerBase& operator<<(char const* text);
+
+  /// Appends any other value as a standard output stream does.
+  template <typename Value>
+  LoggerBase& operator<<(Value const& value) {
+    if (HoldsLine()) buffer << value;
+    return *this;
+  }
+
+  /// If the line under way ends with a newline, signals it and hands it to the sink's writer, and
+  /// the sink is free again; otherwise does nothing.
+  void CheckEndOfStream();
+
+  /// Ends the line under way: newline, flush, `CheckEndOfStream`. Frees the sink in every case.
+  void EndLine();
+
+  /// Waits until no line of another thread is under way.
+  void Flush();
+
+ private:
+  [[nodiscard]] bool HoldsLine() const noexcept;
+  void AppendTime();
+  void AppendTemperature();
+  void AppendTag(LogType type);
+  void WriteLine();
+  void Release() noexcept;
+
+  Policy policy;
+  std::ostringstream buffer;
+  std::mutex lineLock;
+  Interfaces::ISemaphore lineReady;
+  std::atomic<std::thread::id> lineOwner;
+  long stampSecond = -1;
+  std::string stamp;
+
+ public:
+  std::atomic<bool> enabled = true;  ///< false: the sink takes no part in new lines; any thread
+};
+
+extern template class QUELLON_EXPORT LoggerBase<FileLogPolicy>;
+extern template class QUELLON_EXPORT LoggerBase<ConsoleLogPolicy>;
+
+/// Both sinks as one. Write lines with `LogLine`.
+class QUELLON_EXPORT Logger {
+ public:
+  /// The one logger; never destroyed.
+  static Logger* GetInstance();
+
+  Logger();
+
+  LoggerBase<FileLogPolicy>* fileSink;        ///< "/var/log/quellon.log"; owned by the library
+  LoggerBase<ConsoleLogPolicy>* consoleSink;  ///< standard output; owned by the library
+
+  /// Begins a line on the file sink, then on the console sink. Throws as `WriteHeader` does, and
+  /// then holds neither.
+  void BeginLine(LogType type);
+
+  /// Ends the line on both sinks, in the same order.
+  void EndLine();
+
+  /// Returns when both sinks have written every completed line.
+  void Flush();
+
+  /// Append to the line under way, on the file sink and then on the console sink; see `LoggerBase`.
+  Logger& operator<<(char const* text);
+  Logger& operator<<(long const& t);
+  template <typename Value>
+  Logger& operator<<(Value const& value) {
+    *fileSink << value;
+    *consoleSink << value;
+    return *this;
+  }
+  /// Appends a manipulator such as std::endl; a line that then ends with a newline is complete.
+  Logger& operator<<(std::ostream& (*manipulator)(std::ostream&));
+};
+
+/// One line, from its header to its end: `LogLine(Info) << "size " << size;`. The line ends with
+/// the object. Keep it short-lived: other threads that log wait for it.
+class QUELLON_EXPORT LogLine {
+ public:
+  /// Begins the line; throws as `Logger::BeginLine` does.
+  explicit LogLine(LogType type);
+  LogLine(LogLine const&) = delete;
+  LogLine& operator=(LogLine const&) = delete;
+  /// Ends the line.
+  ~LogLine();
+
+  template <typename Value>
+  LogLine& operator<<(Value const& value) {
+    logger << value;
+    return *this;
+  }
+
+ private:
+  Logger& logger;
+};
+
+}  // namespace Tarvik::Ilog

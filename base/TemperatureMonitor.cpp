@@ -1,0 +1,51 @@
+#include "base/TemperatureMonitor.h"
+
+#include <chrono>
+#include <fstream>
+
+#include "base/NoDestructor.h"
+
+namespace Tarvik::Util {
+
+namespace {
+
+constexpr char const* kSensor = "/sys/class/thermal/thermal_zone0/temp";
+constexpr auto kPeriod = std::chrono::seconds(10);
+
+}  // namespace
+
+TemperatureMonitor* TemperatureMonitor::GetInstance() {
+  static NoDestructor<TemperatureMonitor> instance;
+  return instance.Get();
+}
+
+TemperatureMonitor::TemperatureMonitor() = default;
+
+TemperatureMonitor::~TemperatureMonitor() {
+  Cancel();
+  Join();
+}
+
+void TemperatureMonitor::Run() {
+  Read();
+  stop.WaitFor(kPeriod);
+}
+
+// Nothing refreshes the reading of an ended monitor, so it is no longer one.
+void TemperatureMonitor::RunAfter() {
+  valid = false;
+}
+
+void TemperatureMonitor::Stopping() {
+  stop.Notify();
+}
+
+void TemperatureMonitor::Read() {
+  int milliCelsius = 0;
+  std::ifstream sensor(kSensor);
+  bool const known = static_cast<bool>(sensor >> milliCelsius);
+  if (known) temperature = milliCelsius / 1000;
+  valid = known;
+}
+
+}  // namespace Tarvik::Util
