@@ -1,0 +1,131 @@
+"""The board as a scenario sees it: a folder of images, machines started from them, a verdict."""
+
+import shutil
+import subprocess
+import time
+from pathlib import Path
+
+from board.image import Image
+from board.machine import STARTED, Hardware, Machine
+from board.parts import get_parts, pack
+from board.tools import Failure, run
+
+ROOT = Path(__file__).resolve().parent.parent
+GUEST = ROOT / "board/guest"
+
+# What the cross build makes and where the board has it.
+BUILD = ROOT / "build/armhf"
+PROGRAMS = {
+    "libTarvik.so": "usr/lib",
+    "libQuellon.so": "usr/lib",
+    "examples/recorder/recorder": "usr/bin",
+}
+
+
+def cross_build():
+    run(["cmake", "--preset", "armhf"], cwd=ROOT)
+    run(["cmake", "--build", "--preset", "armhf"], cwd=ROOT)
+
+
+class Board:
+    """One scenario's board, in a folder of its own that starts empty."""
+
+    def __init__(self, folder: Path, limit: float, programs: dict[Path, str], echo: bool = False):
+        """`programs` maps files of the host to folders of the board."""
+        self.folder = folder
+        self.notes: list[str] = []
+        self._programs = programs
+        self._echo = echo
+        self._deadline = time.monotonic() + limit
+        shutil.rmtree(folder, ignore_errors=True)
+        folder.mkdir(parents=True)
+        self.log = folder / "console.log"
+        self.log.touch()
+        self.storage = Image.storage(folder / "storage.img")
+
+    def start(self, script: str, card: Image | str | None = None, clock: str = "utc",
+              files: dict[str, str] | None = None) -> Machine:
+        """Powers the board on. It runs the script, at every start anew, and powers off.
+
+        `files` are further files of the board by their absolute names. The storage persists from
+        one machine to the next.
+        """
+        initramfs = self._make_initramfs({**(files or {}), "/etc/board/run": "#!/bin/sh\n" + script,
+                                          **({} if card else {"/etc/board/no-card": ""})})
+        hardware = Hardware(get_parts(), initramfs, self.storage.path,
+                            card.path if isinstance(card, Image) else card, clock)
+        return Machine(hardware, self.log, self._deadline - time.monotonic(), self._echo)
+
+    def run(self, script: str, card: Image | str | None = None, **options) -> Machine:
+        """Powers the board on and waits until it has powered itself off."""
+        with self.start(script, card, **options) as machine:
+            machine.finish()
+        return machine
+
+    def shell(self):
+        """Gives the terminal a shell on the board; Ctrl-A X ends it."""
+        initramfs = self._make_initramfs({
+            "/etc/board/run": "#!/bin/sh\nstty echo onlcr\nexec setsid cttyhack sh -i\n"})
+        card = Image.card(self.folder / "card.img")
+        hardware = Hardware(get_parts(), initramfs, self.storage.path, card.path)
+        subprocess.run([*hardware.command(), "-serial", "mon:stdio"])
+
+    def faulty(self, image: Image, operation: str, sector: int | None = None) -> str:
+        """Returns the image as a drive that fails to "read" or "write", everywhere or in a sector.
+
+        The emulated card does not tell the board: a failed write is lost, a failed read gives
+        other data. For errors that the board sees, see /usr/local/sbin/fail-card on the board.
+        """
+        rule = f'[inject-error]\nevent = "{operation}_aio"\nerrno = "5"\n'
+        if sector is not None:
+            rule += f'sector = "{sector}"\n'
+        configuration = self.folder / "faults.conf"
+        configuration.write_text(rule)
+        return f"blkdebug:{configuration}:{image.path}"
+
+    def note(self, text: str):
+        """Adds a figure to what is reported of the scenario."""
+        self.notes.append(text)
+
+    def _make_initramfs(self, files: dict[str, str]) -> Path:
+        overlay = self.folder / "overlay"
+        shutil.rmtree(overlay, ignore_errors=True)
+        shutil.copytree(GUEST, overlay)
+        for name, text in files.items():
+            path = overlay / name.lstrip("/")
+            path.parent.mkdir(parents=True, exist_ok=True)
+            path.write_text(text)
+            path.chmod(0o755)
+        for program, place in self._programs.items():
+            _install(program, overlay / place)
+        initramfs = self.folder / "initramfs"
+        initramfs.write_bytes(get_parts().user_space.read_bytes() + pack(overlay))
+        shutil.rmtree(overlay)
+        return initramfs
+
+
+def boot_seconds(machine: Machine) -> float:
+    """Returns the time of the board's clock from power-on to the start of its script."""
+    line = next(line for line in machine.lines if line.startswith(STARTED))
+    return float(line.removeprefix(STARTED).split()[0])
+
+
+def expect(condition: bool, otherwise: str):
+    """Ends the scenario with this verdict unless the condition holds."""
+    if not condition:
+        raise Failure(otherwise)
+
+
+def expect_equal(actual, expected, what: str):
+    expect(actual == expected, f"{what}: {actual!r} instead of {expected!r}")
+
+
+def _install(program: Path, folder: Path):
+    """Copies a program without its debugging symbols, a library under the name it is loaded by."""
+    folder.mkdir(parents=True, exist_ok=True)
+    run(["arm-linux-gnueabihf-strip", "-o", folder / program.name, program])
+    dynamic = run(["arm-linux-gnueabihf-readelf", "-d", program])
+    if "soname: [" in dynamic:
+        name = dynamic.split("soname: [")[1].split("]")[0]
+        if name != program.name:
+            (folder / name).symlink_to(program.name)

@@ -1,0 +1,186 @@
+"""One emulated machine from power-on to power-off: its console, its card slot, its power."""
+
+import json
+import socket
+import subprocess
+import sys
+import threading
+from dataclasses import dataclass, field
+from pathlib import Path
+
+from board.parts import Parts
+from board.tools import Failure
+
+KERNEL_ARGUMENTS = "console=ttymxc0,115200 rdinit=/init panic=-1 quiet loglevel=3"
+STARTED = "board: started after "
+
+
+@dataclass
+class Hardware:
+    """What a machine consists of. A drive is the path of an image, or a QEMU file name such as
+    blkdebug:CONFIGURATION:IMAGE; without a card the slot is empty.
+    """
+
+    parts: Parts
+    initramfs: Path
+    storage: Path
+    card: str | Path | None = None
+    clock: str = "utc"  # or the date and time the battery-backed clock starts from
+    options: list[str] = field(default_factory=list)
+
+    def command(self) -> list[str]:
+        card = f",file={self.card}" if self.card else ""
+        return [
+            # The machine dies with its owner, however that ends.
+            "setpriv", "--pdeathsig", "KILL",
+            "qemu-system-arm", "-M", "mcimx6ul-evk", "-m", "512", "-nodefaults",
+            "-display", "none",
+            "-kernel", str(self.parts.kernel), "-dtb", str(self.parts.device_tree),
+            "-initrd", str(self.initramfs), "-append", KERNEL_ARGUMENTS,
+            "-drive", f"if=sd,index=0,format=raw,id=storage,file={self.storage}",
+            "-drive", f"if=sd,index=1,format=raw,id=card{card}",
+            "-device", "ds1338,bus=i2c-bus.0,address=0x68",
+            "-rtc", f"base={self.clock}",
+            *self.options,
+        ]
+
+
+class Machine:
+    """A running machine. Leaving the `with` block cuts its power if it still runs."""
+
+    def __init__(self, hardware: Hardware, log: Path, limit: float, echo: bool = False):
+        """Starts the machine; its power is cut after `limit` seconds at the latest.
+
+        The console is appended to `log` and, if `echo`, also shown.
+        """
+        self.lines: list[str] = []
+        self.events: list[str] = []
+        self._log, self._echo = log, echo
+        self._read = 0  # lines already looked at by wait()
+        self._ended = False
+        self._late = False
+        self._news = threading.Condition()
+
+        ours, theirs = socket.socketpair()
+        with theirs:
+            fd = theirs.fileno()
+            self._process = subprocess.Popen(
+                [*hardware.command(), "-serial", "stdio",
+                 "-chardev", f"socket,id=control,fd={fd}", "-mon", "chardev=control,mode=control"],
+                stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
+                pass_fds=[fd])
+        self._control = ours.makefile("rw")
+        ours.close()
+        self._console = threading.Thread(target=self._read_console)
+        self._console.start()
+        self._timer = threading.Timer(limit, self._out_of_time)
+        self._timer.start()
+        self._control.readline()  # the greeting
+        self.control("qmp_capabilities")
+
+    def __enter__(self) -> "Machine":
+        return self
+
+    def __exit__(self, *unused):
+        self.cut_power()
+
+    @property
+    def boots(self) -> int:
+        """How often the board has started, the first start included."""
+        return sum(line.startswith(STARTED) for line in self.lines)
+
+    @property
+    def resets(self) -> int:
+        """How often the board itself has asked for a reset; known when the machine has ended."""
+        return self.events.count("RESET")
+
+    def wait(self, text: str) -> str:
+        """Returns the first line with this text after the line found before."""
+        with self._news:
+            while True:
+                while self._read < len(self.lines):
+                    line = self.lines[self._read]
+                    self._read += 1
+                    if text in line:
+                        return line
+                if self._ended:
+                    raise Failure(f"{self._end()} before the console showed {text!r}")
+                self._news.wait()
+
+    def arrive(self, name: str):
+        """Waits until the board has come to `await NAME`; it stays there until go_on()."""
+        self.wait(f"board: await {name}")
+
+    def go_on(self):
+        self._process.stdin.write(b"\n")
+        self._process.stdin.flush()
+
+    def finish(self):
+        """Waits until the board has powered itself off."""
+        self._process.wait()
+        self._close()
+        if self._late or self._process.returncode != 0:
+            raise Failure(self._end())
+
+    def cut_power(self):
+        """Ends the machine at once; what it has not yet written to its drives is lost."""
+        self._process.kill()
+        self._process.wait()
+        self._close()
+
+    def pull_card(self):
+        self.control("eject", device="card", force=True)
+
+    def insert_card(self, image: Path):
+        self.control("blockdev-change-medium", device="card", filename=str(image), format="raw")
+
+    def control(self, command: str, **arguments):
+        """Runs one command of QEMU's control protocol and returns its result."""
+        try:
+            self._control.write(json.dumps({"execute": command, "arguments": arguments}) + "\n")
+            self._control.flush()
+            for line in self._control:
+                answer = json.loads(line)
+                if "return" in answer:
+                    return answer["return"]
+                if "error" in answer:
+                    raise Failure(f"{command}: {answer['error']['desc']}")
+                self.events.append(answer["event"])
+        except OSError:
+            pass
+        raise Failure(f"{self._end()} before {command}")
+
+    def _read_console(self):
+        with open(self._log, "a") as log:
+            for data in self._process.stdout:
+                line = data.decode(errors="replace").rstrip("\r\n")
+                print(line, file=log, flush=True)
+                if self._echo:
+                    print(line, file=sys.stdout, flush=True)
+                with self._news:
+                    self.lines.append(line)
+                    self._news.notify_all()
+        with self._news:
+            self._ended = True
+            self._news.notify_all()
+
+    def _out_of_time(self):
+        self._late = True
+        self._process.kill()
+
+    def _end(self) -> str:
+        if self._late:
+            return "the time limit cut the power"
+        code = self._process.wait()
+        return "the board powered off" if code == 0 else f"the machine ended with {code}"
+
+    def _close(self):
+        self._timer.cancel()
+        self._console.join()
+        if not self._control.closed:
+            try:
+                self.events += [json.loads(line).get("event") for line in self._control]
+            except OSError:
+                pass
+            self._control.close()
+            self._process.stdin.close()

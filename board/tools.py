@@ -1,0 +1,24 @@
+"""Running the host's tools."""
+
+import os
+import subprocess
+from pathlib import Path
+
+# The tools that make and read file systems are in the system administrator's folders.
+os.environ["PATH"] += os.pathsep + os.pathsep.join(["/usr/sbin", "/sbin"])
+
+
+class Failure(Exception):
+    """Something did not go as it must; the text says what."""
+
+
+def run(command: list, cwd: Path | None = None, accept: tuple[int, ...] = (0,)) -> str:
+    """Runs a command and returns what it printed; any other exit code than accepted is a Failure.
+    """
+    done = subprocess.run([str(word) for word in command], cwd=cwd, stdin=subprocess.DEVNULL,
+                          stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True,
+                          errors="replace")
+    if done.returncode not in accept:
+        line = " ".join(str(word) for word in command)
+        raise Failure(f"{line}: exit code {done.returncode}\n{done.stdout}")
+    return done.stdout
