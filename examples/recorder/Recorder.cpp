@@ -1,0 +1,192 @@
+#include "Recorder.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <set>
+
+#include "FileUtils/Dir.h"
+#include "base/Logger.h"
+#include "base/UniqueFd.h"
+
+using Quellon::DiskUtils::Disk;
+using Quellon::FileUtils::FilesManager;
+using Quellon::FileUtils::Idir;
+using Quellon::FileUtils::Ifile;
+using Tarvik::Ilog::Error;
+using Tarvik::Ilog::Info;
+using Tarvik::Ilog::LogLine;
+
+namespace {
+
+constexpr char const* kRecordings = "/mnt/sdcard/cr/";
+constexpr std::size_t kPositionsBytes = 1024;
+constexpr auto kShortestKickPeriod = std::chrono::seconds(1);
+
+std::string RecordingName(int number, char const* extension) {
+  char name[32];
+  std::snprintf(name, sizeof name, "rec_%06d%s", number, extension);
+  return name;
+}
+
+std::string Stem(std::string const& name) {
+  return name.substr(0, name.rfind('.'));
+}
+
+// Whether the card itself, and not the kernel's memory of it, can be read.
+bool CardAnswers() {
+  alignas(4096) char block[4096];
+  Tarvik::UniqueFd const card(open("/dev/mmcblk1p1", O_RDONLY | O_DIRECT | O_CLOEXEC));
+  return card.IsOpen() && read(card.Get(), block, sizeof block) == sizeof block;
+}
+
+// Recordings that are complete must survive a power cut, so they are on the card before they count.
+bool SyncToCard(std::string const& path) {
+  Tarvik::UniqueFd const file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+  return file.IsOpen() && fsync(file.Get()) == 0;
+}
+
+}  // namespace
+
+Recorder::Recorder(Settings const& chosen)
+    : settings(chosen),
+      system(*Quellon::System::GetInstance()),
+      watchdog(chosen.watchdogSeconds),
+      lastKick(std::chrono::steady_clock::now()) {}
+
+void Recorder::Run() {
+  if (!StartCard()) return;
+  do {
+    KickWatchdog();
+    if (catalogue == nullptr && CardIsBack() && !StartCard()) return;
+    if (catalogue != nullptr && !Record()) GiveUpCard();
+  } while (WaitForNextPeriod());
+  if (catalogue != nullptr) GiveUpCard();
+  LogLine(Info) << "[REC] Stopped";
+}
+
+// False when the machine is about to reboot.
+bool Recorder::StartCard() {
+  cardWasOut = false;
+  Disk* const disk = system.InitDisk();
+  if (disk == nullptr) return false;
+  LogLine(Info) << "[REC] Health " << system.GetHealthReport();
+  if (disk->available) {
+    system.SaveSDCardStatusCounter(0);
+    OpenCatalogue(disk);
+  } else {
+    LogLine(Error) << "[REC] No usable card, going on without recordings";
+  }
+  return true;
+}
+
+void Recorder::OpenCatalogue(Disk* disk) {
+  disk->LoadDiskInfo();
+  if (!Idir(kRecordings).Create()) LogLine(Error) << "[REC] No directory for recordings";
+  catalogue =
+      std::make_unique<FilesManager>(disk, kRecordings, settings.minimumFreeBytes, settings.share);
+  if (!catalogue->LoadAndSort()) {
+    LogLine(Error) << "[REC] " << catalogue->GetError();
+    GiveUpCard();
+    return;
+  }
+  number = LastRecordingNumber();
+  LogLine(Info) << "[REC] Catalogue of " << catalogue->GetList().size() << " files, "
+                << catalogue->GetTotalFilesSize() << " bytes";
+}
+
+// A card that is put back later must not find the old one still mounted.
+void Recorder::GiveUpCard() {
+  catalogue.reset();
+  system.disk->Umount();
+  LogLine(Info) << "[REC] Card released";
+}
+
+// A card that failed is not tried again before it was out of its slot: each try may end in a
+// reboot.
+bool Recorder::CardIsBack() {
+  if (!CardAnswers()) cardWasOut = true;
+  return cardWasOut && CardAnswers();
+}
+
+bool Recorder::Record() {
+  if (!MakeRoom()) return false;
+  ++number;
+  return WriteFile(RecordingName(number, ".dat"), settings.recordingBytes) &&
+         WriteFile(RecordingName(number, ".gps"), kPositionsBytes);
+}
+
+bool Recorder::MakeRoom() {
+  std::size_t const before = catalogue->GetList().size();
+  if (!catalogue->MakeRoom()) {
+    LogLine(Error) << "[REC] " << catalogue->GetError();
+    return false;
+  }
+  std::size_t const deleted = before - catalogue->GetList().size();
+  if (deleted == 0) return true;
+  LogLine(Info) << "[REC] Deleted " << deleted << " oldest recordings";
+  RemoveOrphanedPositions();
+  return true;
+}
+
+// The library never deletes positions by age; here they go with their recording.
+void Recorder::RemoveOrphanedPositions() {
+  std::set<std::string> recordings;
+  std::set<std::string> positions;
+  for (Ifile* file : catalogue->GetList()) {
+    (file->extension == ".gps" ? positions : recordings).insert(Stem(file->GetName()));
+  }
+  for (auto const& stem : positions) {
+    std::string name = stem + ".gps";
+    if (!recordings.contains(stem)) catalogue->RemoveFileByName(name);
+  }
+}
+
+// Each recording holds its own name again and again, so that anybody can see whether it is intact.
+bool Recorder::WriteFile(std::string name, std::size_t bytes) {
+  std::string path = kRecordings + name;
+  std::string line = name + "\n";
+  Ifile file(path, false);
+  file.Open(false);
+  for (std::size_t written = 0; written < bytes; written += line.size()) {
+    file.Write(line.data(), static_cast<unsigned int>(std::min(line.size(), bytes - written)));
+  }
+  file.Close();
+  if (!file.stream->good() || !SyncToCard(path) || !catalogue->AddFile(name)) {
+    LogLine(Error) << "[REC] Could not write " << path;
+    return false;
+  }
+  LogLine(Info) << "[REC] Recorded " << name << " " << bytes << " bytes";
+  return true;
+}
+
+int Recorder::LastRecordingNumber() {
+  int last = 0;
+  for (Ifile* file : catalogue->GetList()) {
+    int found = 0;
+    if (std::sscanf(file->name.c_str(), "rec_%d", &found) == 1) last = std::max(last, found);
+  }
+  return last;
+}
+
+// False when the service is to stop.
+bool Recorder::WaitForNextPeriod() {
+  auto const next = std::chrono::steady_clock::now() + settings.period;
+  while (true) {
+    auto const left =
+        std::chrono::ceil<std::chrono::milliseconds>(next - std::chrono::steady_clock::now());
+    if (left.count() <= 0) return true;
+    if (stop.WaitFor(std::min<std::chrono::milliseconds>(left, kShortestKickPeriod))) return false;
+    KickWatchdog();
+  }
+}
+
+void Recorder::KickWatchdog() {
+  auto const period = std::max(kShortestKickPeriod, std::chrono::seconds(watchdog.timeout / 4));
+  auto const now = std::chrono::steady_clock::now();
+  if (now - lastKick < period) return;
+  watchdog.Reset();
+  lastKick = now;
+}
