@@ -23,6 +23,7 @@ std::string ReadCounterFile() {
   // Opened to append as well, which makes the file when it is missing.
   std::ifstream file(kCounterFile, std::ios::in | std::ios::app);
   if (!file.is_open()) throw Tarvik::IException("sdcard status file cannot be open");
+  file.exceptions(std::ios::badbit);  // a count that cannot be read must not pass for 0
   std::string text;
   for (std::string line; std::getline(file, line);) text += line;
   return text;
@@ -53,10 +54,10 @@ int System::ReadSDCardStatusCounter() {
 bool System::SaveSDCardStatusCounter(int counter) {
   if (counter <= 0) return RemoveCounterFile();
   std::cout << "Save sdcard status counter " << counter << " to file" << std::endl;
-  std::ofstream file(kCounterFile, std::ios::trunc);
-  // True all the same: a system that cannot save must still reboot for its card.
-  if (!file.is_open()) return true;
   try {
+    std::ofstream file(kCounterFile, std::ios::trunc);
+    // True all the same: a system that cannot save must still reboot for its card.
+    if (!file.is_open()) return true;
     Json::Object object;
     object[kCounterKey] = counter;
     file << Json::Serialize(object);

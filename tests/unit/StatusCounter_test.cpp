@@ -1,0 +1,220 @@
+#include <dlfcn.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <filesystem>
+#include <optional>
+#include <string>
+
+#include "DiskUtils/System.h"
+#include "tests/support/Capture.h"
+#include "tests/support/Descriptors.h"
+#include "tests/support/FailingAllocation.h"
+#include "tests/support/Interpose.h"
+
+namespace {
+
+bool readsFail = false;
+
+}  // namespace
+
+extern "C" ssize_t read(int fd, void* data, std::size_t length) {
+  static auto* const next = reinterpret_cast<decltype(&read)>(dlsym(RTLD_NEXT, "read"));
+  if (!readsFail) return next(fd, data, length);
+  errno = EIO;
+  return -1;
+}
+
+namespace {
+
+using Interpose::Answer;
+using Interpose::hooks;
+using Interpose::MakeFile;
+using Interpose::ReadFile;
+using Interpose::Trace;
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+constexpr char const* kFile = "/root/system.dat";
+
+bool FileExists() {
+  return std::filesystem::exists(Interpose::Real(kFile));
+}
+
+class StatusCounter : public testing::Test {
+ protected:
+  StatusCounter() { std::filesystem::create_directories(Interpose::Real("/root/")); }
+
+  Quellon::System system;
+  Descriptors::Watch descriptors;
+};
+
+TEST_F(StatusCounter, IsZeroWithoutAFileAndLeavesAnEmptyOneBehind) {
+  EXPECT_EQ(Capture::Output([&] { EXPECT_EQ(system.ReadSDCardStatusCounter(), 0); }), "");
+  ASSERT_TRUE(FileExists());
+  EXPECT_EQ(ReadFile(kFile), "");
+  EXPECT_THAT(descriptors.Opened(), IsEmpty());
+}
+
+struct Content {
+  char const* name;
+  std::string text;
+  int counter;
+};
+
+class StoredCounter : public StatusCounter, public testing::WithParamInterface<Content> {};
+
+TEST_P(StoredCounter, IsReadAndTheFileLeftAsItWas) {
+  MakeFile(kFile, GetParam().text);
+  EXPECT_EQ(
+      Capture::Output([&] { EXPECT_EQ(system.ReadSDCardStatusCounter(), GetParam().counter); }),
+      "");
+  EXPECT_EQ(ReadFile(kFile), GetParam().text);
+  EXPECT_THAT(descriptors.Opened(), IsEmpty());
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Contents, StoredCounter,
+    testing::Values(
+        Content{"AnInteger", R"({"sdcard-status-conter":2})", 2},
+        Content{"AmongOtherMembers", R"({"a":[1],"sdcard-status-conter":3,"z":null})", 3},
+        Content{"Zero", R"({"sdcard-status-conter":0})", 0},
+        Content{"TheLargestInteger", R"({"sdcard-status-conter":2147483647})", 2147483647},
+        Content{"Negative", R"({"sdcard-status-conter":-7})", -7},
+        Content{"AFloatingNumber", R"({"sdcard-status-conter":2.0})", 2},
+        Content{"OverSeveralLines", "{\n \"sdcard-status-conter\"\n:\n1\n}\n", 1},
+        Content{"ATokenSplitOverLines", "{\"sdcard-status-con\nter\":1\n2}", 12},
+        Content{"OnlyLineEnds", "\n\n", 0},
+        Content{"OtherSpelling", R"({"sdcard-status-counter":2})", 0},
+        Content{"OtherCase", R"({"SDCARD-STATUS-CONTER":2})", 0}, Content{"AnEmptyObject", "{}", 0},
+        Content{"AnArray", R"([{"sdcard-status-conter":2}])", 0}, Content{"ANumber", "2", 0},
+        Content{"AText", R"("sdcard-status-conter")", 0}, Content{"Null", "null", 0},
+        Content{"TooLarge", R"({"sdcard-status-conter":2147483648})", -1},
+        Content{"TextForTheNumber", R"({"sdcard-status-conter":"2"})", -1},
+        Content{"NullForTheNumber", R"({"sdcard-status-conter":null})", -1},
+        Content{"AnObjectForTheNumber", R"({"sdcard-status-conter":{}})", -1},
+        Content{"CutShort", R"({"sdcard-status-con)", -1}, Content{"NoJson", "reboots: 2", -1},
+        Content{"OnlyBlanks", "  ", -1}, Content{"Binary", std::string("\0\1\2", 3), -1}),
+    [](auto const& instance) { return instance.param.name; });
+
+TEST_F(StatusCounter, IsMinusOneWhenTheFileCannotBeOpened) {
+  MakeFile("/root/system.dat/in-its-place", "");
+  EXPECT_EQ(Capture::Output([&] { EXPECT_EQ(system.ReadSDCardStatusCounter(), -1); }), "");
+  EXPECT_THAT(descriptors.Opened(), IsEmpty());
+}
+
+TEST_F(StatusCounter, IsMinusOneWhenItsFolderIsMissing) {
+  std::filesystem::remove_all(Interpose::Real("/root/"));
+  EXPECT_EQ(system.ReadSDCardStatusCounter(), -1);
+}
+
+TEST_F(StatusCounter, IsMinusOneWhenTheFileCannotBeRead) {
+  MakeFile(kFile, R"({"sdcard-status-conter":2})");
+  readsFail = true;
+  int const counter = system.ReadSDCardStatusCounter();
+  readsFail = false;
+  EXPECT_EQ(counter, -1);
+  EXPECT_THAT(descriptors.Opened(), IsEmpty());
+}
+
+TEST_F(StatusCounter, IsMinusOneWhicheverAllocationFailsWhileReading) {
+  MakeFile(kFile, R"({"sdcard-status-conter":2})");
+  int number = 0;
+  for (bool failed = true; failed;) {
+    FailingAllocation const allocation(++number);
+    int const counter = system.ReadSDCardStatusCounter();
+    failed = FailingAllocation::Happened();
+    EXPECT_EQ(counter, failed ? -1 : 2) << "allocation " << number;
+  }
+  EXPECT_GT(number, 5);
+  EXPECT_THAT(descriptors.Opened(), IsEmpty());
+}
+
+TEST_F(StatusCounter, ReplacesTheWholeFileAndFlushesItToTheCard) {
+  MakeFile(kFile, std::string(1000, 'x') + "\n");
+  std::string flushed;
+  hooks().sync = [&] { flushed = ReadFile(kFile); };
+  std::string const output =
+      Capture::Output([&] { EXPECT_TRUE(system.SaveSDCardStatusCounter(2)); });
+  EXPECT_EQ(output, "Save sdcard status counter 2 to file\n");
+  EXPECT_EQ(ReadFile(kFile), R"({"sdcard-status-conter":2})");
+  EXPECT_EQ(flushed, ReadFile(kFile));
+  EXPECT_THAT(Trace(), ElementsAre("sync"));
+  EXPECT_THAT(descriptors.Opened(), IsEmpty());
+}
+
+TEST_F(StatusCounter, ReadsBackWhatItSaved) {
+  for (int const counter : {1, 3, 2147483647}) {
+    Capture::Output([&] { EXPECT_TRUE(system.SaveSDCardStatusCounter(counter)); });
+    EXPECT_EQ(system.ReadSDCardStatusCounter(), counter);
+  }
+}
+
+TEST_F(StatusCounter, CountsAsSavedWhenTheFileCannotBeOpened) {
+  MakeFile("/root/system.dat/in-its-place", "");
+  std::string const output =
+      Capture::Output([&] { EXPECT_TRUE(system.SaveSDCardStatusCounter(1)); });
+  EXPECT_EQ(output, "Save sdcard status counter 1 to file\n");
+  EXPECT_THAT(Trace(), IsEmpty());
+}
+
+TEST_F(StatusCounter, CountsAsSavedWhenTheDiskIsFull) {
+  hooks().write = [this](int fd, auto&&...) -> std::optional<ssize_t> {
+    if (std::ranges::count(descriptors.Opened(), fd) == 0) return std::nullopt;
+    errno = ENOSPC;
+    return -1;
+  };
+  Capture::Output([&] { EXPECT_TRUE(system.SaveSDCardStatusCounter(1)); });
+  EXPECT_EQ(ReadFile(kFile), "");
+  EXPECT_THAT(Trace(), ElementsAre("sync"));
+}
+
+TEST_F(StatusCounter, IsNotSavedWhicheverAllocationFails) {
+  hooks().sync = FailingAllocation::Stop;
+  int number = 0;
+  for (bool failed = true; failed;) {
+    Capture::Descriptor output(1);
+    FailingAllocation const allocation(++number);
+    bool const saved = system.SaveSDCardStatusCounter(2);
+    failed = FailingAllocation::Happened();
+    EXPECT_EQ(saved, !failed) << "allocation " << number;
+    EXPECT_EQ(output.Text(), "Save sdcard status counter 2 to file\n");
+  }
+  EXPECT_GT(number, 3);
+  EXPECT_THAT(Trace(), ElementsAre("sync"));
+  EXPECT_THAT(descriptors.Opened(), IsEmpty());
+}
+
+class NoCounter : public StatusCounter, public testing::WithParamInterface<int> {};
+
+TEST_P(NoCounter, RemovesTheFile) {
+  MakeFile(kFile, R"({"sdcard-status-conter":2})");
+  std::string const output =
+      Capture::Output([&] { EXPECT_TRUE(system.SaveSDCardStatusCounter(GetParam())); });
+  EXPECT_EQ(output, "Remove sdcard status file\n");
+  EXPECT_FALSE(FileExists());
+}
+
+TEST_P(NoCounter, IsFineWithoutAFile) {
+  std::string const output =
+      Capture::Output([&] { EXPECT_TRUE(system.SaveSDCardStatusCounter(GetParam())); });
+  EXPECT_EQ(output, "Remove sdcard status file\n");
+  EXPECT_THAT(Trace(), IsEmpty());
+  EXPECT_FALSE(FileExists());
+}
+
+TEST_P(NoCounter, FailsWhenTheFileCannotBeRemoved) {
+  MakeFile(kFile, "");
+  hooks().unlink = [](auto&&) { return Answer::Failure(EROFS); };
+  std::string const output =
+      Capture::Output([&] { EXPECT_FALSE(system.SaveSDCardStatusCounter(GetParam())); });
+  EXPECT_EQ(output, "Remove sdcard status file\nUnable to remove sd card status file\n");
+  EXPECT_THAT(Trace(), ElementsAre("unlink /root/system.dat"));
+}
+
+INSTANTIATE_TEST_SUITE_P(ZeroAndLess, NoCounter, testing::Values(0, -1, -2147483647 - 1));
+
+}  // namespace
