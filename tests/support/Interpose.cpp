@@ -202,6 +202,7 @@ int system(char const* command) {
 }
 
 void sync() noexcept {
+  if (hooks().sync) hooks().sync();
   Record("sync");
 }
 
@@ -216,9 +217,16 @@ int chdir(char const* path) noexcept {
       "chdir", hooks().chdir, [] { return 0; }, path);
 }
 
-int nanosleep(timespec const* duration, timespec*) {
-  RecordSleep(std::chrono::seconds(duration->tv_sec) + std::chrono::nanoseconds(duration->tv_nsec));
-  return 0;
+int nanosleep(timespec const* duration, timespec* remaining) {
+  auto const wanted =
+      std::chrono::seconds(duration->tv_sec) + std::chrono::nanoseconds(duration->tv_nsec);
+  auto const left = hooks().interrupt ? hooks().interrupt(wanted) : std::nullopt;
+  RecordSleep(wanted - left.value_or(std::chrono::nanoseconds(0)));
+  if (!left) return 0;
+  auto const seconds = std::chrono::floor<std::chrono::seconds>(*left);
+  *remaining = {static_cast<time_t>(seconds.count()),
+                static_cast<long>((*left - seconds).count())};
+  return Give(Answer::Failure(EINTR));
 }
 
 int usleep(useconds_t microseconds) {

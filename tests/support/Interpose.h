@@ -48,6 +48,10 @@ struct Hooks {
   std::function<Answer(std::string const& path)> chdir;
   std::function<std::optional<ssize_t>(int fd, void const* data, std::size_t length)> write;
   std::function<void(std::chrono::nanoseconds)> sleep;
+  /// Asked with the length of a pause: what is left of it when a signal arrives, nothing if none
+  /// does. The part slept is recorded.
+  std::function<std::optional<std::chrono::nanoseconds>(std::chrono::nanoseconds)> interrupt;
+  std::function<void()> sync;
   std::optional<long> now;  ///< what time(2) says
 
   /// Asked before everything else, with the function's name: an `errno` makes the call fail.

@@ -1,0 +1,111 @@
+// An SD card as the kernel and the shell's commands show it, for tests without a card.
+#pragma once
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/statvfs.h>
+
+#include <cerrno>
+#include <filesystem>
+#include <functional>
+#include <string>
+
+#include "DiskUtils/Disk.h"
+#include "tests/support/Interpose.h"
+
+/// While one exists, a good card is in the slot and mounted: device nodes, sysfs properties, a
+/// mount point that the system calls and commands mount and unmount, space figures. The status
+/// table begins empty. Tests change what they need to.
+class FakeCard {
+ public:
+  static constexpr char const* kMountPoint = "/mnt/sdcard/";
+  static constexpr char const* kPartition = "/dev/mmcblk1p1";
+  static constexpr char const* kDevice = "mmcblk1";
+  static constexpr char const* kTestFile = "/mnt/sdcard/check.tmp";
+  static constexpr char const* kCid = "275048534433324760e0e7f40f012a01";
+
+  FakeCard() {
+    Quellon::DiskUtils::Disk::deviceStatusList.clear();
+    InsertCard();
+    SetHooks();
+  }
+  FakeCard(FakeCard const&) = delete;
+  FakeCard& operator=(FakeCard const&) = delete;
+  ~FakeCard() { Interpose::hooks() = {}; }
+
+  /// A property such as "ro" or "device/cid".
+  static void SetProperty(std::string const& name, std::string const& text) {
+    Interpose::MakeFile("/sys/block/mmcblk1/" + name, text);
+  }
+  static void Remove(std::string const& path) {
+    std::filesystem::remove_all(Interpose::Real(path));
+  }
+  static bool HasTestFile() { return std::filesystem::exists(Interpose::Real(kTestFile)); }
+
+  static Quellon::DiskUtils::Disk::DeviceStatus& Status() {
+    return Quellon::DiskUtils::Disk::deviceStatusList[kMountPoint];
+  }
+
+  bool mounted = true;
+  bool systemCallsWork = true;  ///< mount(2), umount(2) and umount2(2)
+  int fsckCode = 0;
+  std::function<void()> duringCheck;
+  struct statvfs space {};
+
+ private:
+  void InsertCard() {
+    Interpose::MakeFile("/dev/mmcblk1", "");
+    Interpose::MakeFile(kPartition, "");
+    std::filesystem::create_directories(Interpose::Real(kMountPoint));
+    SetProperty("device/cid", std::string(kCid) + "\n");
+    SetProperty("device/csd", "400e00325b590000ed5f7f800a400001\n");
+    SetProperty("device/serial", "0xe0e7f40f\n");
+    SetProperty("device/manfid", "0x000027\n");
+    SetProperty("device/oemid", "0x5048\n");
+    SetProperty("device/name", "SD32G\n");
+    SetProperty("ro", "0\n");
+    SetProperty("size", "31116288\n");
+    Interpose::MakeFile("/sys/fs/ext4/mmcblk1p1/lifetime_write_kbytes", "734003\n");
+    space.f_bsize = 65536;
+    space.f_frsize = 4096;
+    space.f_blocks = 3000000;
+    space.f_bfree = 1000000;
+    space.f_bavail = 900000;
+  }
+
+  void SetHooks() {
+    auto& hooks = Interpose::hooks();
+    hooks.mount = [this](auto&&...) { return Call(true); };
+    hooks.umount = [this](auto&&...) { return Call(false); };
+    hooks.umount2 = [this](auto&&...) { return Call(false); };
+    hooks.system = [this](std::string const& command) { return Command(command); };
+    hooks.stat = [this](std::string const& path, struct stat* status) {
+      return Stat(path, status);
+    };
+    hooks.statvfs = [this](auto&&, struct statvfs* result) {
+      *result = space;
+      return Interpose::Answer::Success();
+    };
+  }
+
+  Interpose::Answer Call(bool mounts) {
+    if (!systemCallsWork) return Interpose::Answer::Failure(EBUSY);
+    mounted = mounts;
+    return Interpose::Answer::Success();
+  }
+
+  Interpose::Answer Command(std::string const& command) {
+    if (command.starts_with("umount ")) mounted = false;
+    if (command.starts_with("mount ")) mounted = true;
+    if (!command.starts_with("fsck ")) return Interpose::Answer::Success();
+    if (duringCheck) duringCheck();
+    return {fsckCode << 8, 0};
+  }
+
+  // The parent lies on device 1, what is mounted on device 2.
+  [[nodiscard]] Interpose::Answer Stat(std::string const& path, struct stat* status) const {
+    int const result = fstatat(AT_FDCWD, Interpose::Real(path).c_str(), status, 0);
+    if (path.starts_with(kMountPoint)) status->st_dev = path == kMountPoint && mounted ? 2 : 1;
+    return {result, errno};
+  }
+};
