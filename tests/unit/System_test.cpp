@@ -1,0 +1,267 @@
+#include "DiskUtils/System.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <linux/rtc.h>
+#include <sys/mount.h>
+#include <sys/reboot.h>
+
+#include <cerrno>
+#include <chrono>
+#include <optional>
+#include <string>
+#include <type_traits>
+#include <vector>
+
+#include "tests/support/Capture.h"
+#include "tests/support/ChildProcess.h"
+#include "tests/support/Interpose.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using Interpose::Answer;
+using Interpose::hooks;
+using Interpose::Sleep;
+using Interpose::Trace;
+using Quellon::System;
+using testing::AnyOf;
+using testing::ElementsAre;
+using testing::ElementsAreArray;
+using testing::IsEmpty;
+using Texts = std::vector<std::string>;
+
+constexpr char const* kRoot = "/";
+constexpr char const* kCard = "/mnt/sdcard/";
+
+void EveryUnmountSucceeds() {
+  hooks().umount = [](auto&&...) { return Answer::Success(); };
+}
+
+/// `mountPoint` gives way to the forced attempt of that number only, counted from 1; 0: to none.
+void IsBusyUntilForced(std::string const& mountPoint, int attempt) {
+  hooks().umount = [=](std::string const& target) {
+    return target == mountPoint ? Answer::Failure(EBUSY) : Answer::Success();
+  };
+  hooks().umount2 = [=, tried = 0](std::string const&, int flags) mutable {
+    EXPECT_EQ(flags, MNT_FORCE);
+    return ++tried == attempt ? Answer::Success() : Answer::Failure(EBUSY);
+  };
+}
+
+/// The trace of failed forced attempts, each followed by a pause unless it is the tenth.
+void AppendForcedAttempts(Texts& trace, std::string const& mountPoint, int failures) {
+  for (int attempt = 1; attempt <= failures; ++attempt) {
+    trace.push_back("umount2 " + mountPoint + " " + std::to_string(MNT_FORCE));
+    if (attempt == 10) return;
+    trace.insert(trace.end(), {"sync", Sleep(100ms)});
+  }
+}
+
+std::string Repeated(int times, std::string const& line) {
+  std::string text;
+  for (int i = 0; i < times; ++i) text += line;
+  return text;
+}
+
+class SystemTest : public testing::Test {
+ protected:
+  System system;
+};
+
+TEST(SystemClass, IsPolymorphicByItsDestructorAndCannotBeCopied) {
+  static_assert(std::has_virtual_destructor_v<System>);
+  static_assert(!std::is_copy_constructible_v<System>);
+}
+
+TEST(SystemClass, GivesTheSameInstanceTwiceAndAnnouncesItOnce) {
+  ChildProcess::Run([] {
+    std::string const output =
+        Capture::Output([] { EXPECT_EQ(System::GetInstance(), System::GetInstance()); });
+    EXPECT_EQ(output, "start instance of system class \n");
+    EXPECT_EQ(System::GetInstance()->disk, nullptr);
+  });
+}
+
+TEST(SystemClass, BeginsWithoutADiskAndWithTheFaultSet) {
+  std::string const output = Capture::Output([] {
+    System const system;
+    EXPECT_EQ(system.disk, nullptr);
+    EXPECT_TRUE(system.diskFault);
+    EXPECT_EQ(system.GetHealthReport(), "{}");
+  });
+  EXPECT_EQ(output, "start instance of system class \n");
+}
+
+TEST(SystemClass, LeavesTheDiskAloneWhenItGoes) {
+  struct WatchedDisk : Quellon::DiskUtils::Disk {
+    explicit WatchedDisk(bool& flag) : Disk(kCard, "/dev/mmcblk1p1", "mmcblk1"), gone(flag) {}
+    ~WatchedDisk() override { gone = true; }
+    bool& gone;
+  };
+  bool gone = false;
+  std::optional<WatchedDisk> disk(gone);
+  {
+    System system;
+    system.disk = &*disk;
+  }
+  EXPECT_FALSE(gone);
+}
+
+TEST_F(SystemTest, UnmountsRootAndThenTheCard) {
+  EveryUnmountSucceeds();
+  std::string const errors = Capture::ErrorOutput([&] { EXPECT_EQ(system.UnmountAll(), 0); });
+  EXPECT_EQ(errors, "");
+  EXPECT_THAT(Trace(), ElementsAre("chdir /", "sync", "umount /", "umount /mnt/sdcard/"));
+}
+
+TEST_F(SystemTest, GoesOnUnmountingWhenItCannotLeaveItsDirectory) {
+  EveryUnmountSucceeds();
+  hooks().chdir = [](auto&&) { return Answer::Failure(EACCES); };
+  std::string const errors = Capture::ErrorOutput([&] { EXPECT_EQ(system.UnmountAll(), 0); });
+  EXPECT_EQ(errors, "Unable to change dir to /: Permission denied\n");
+  EXPECT_THAT(Trace(), ElementsAre("chdir /", "sync", "umount /", "umount /mnt/sdcard/"));
+}
+
+TEST_F(SystemTest, ForcesABusyRootTenTimesAfterASecondAndComplainsNineTimes) {
+  IsBusyUntilForced(kRoot, 0);
+  std::string const errors = Capture::ErrorOutput([&] { EXPECT_EQ(system.UnmountAll(), 0); });
+  EXPECT_EQ(errors, Repeated(9, "Unable to umount root SD: Device or resource busy\n"));
+  Texts expected{"chdir /", "sync", "umount /", Sleep(1s)};
+  AppendForcedAttempts(expected, kRoot, 10);
+  expected.push_back("umount /mnt/sdcard/");
+  EXPECT_THAT(Trace(), ElementsAreArray(expected));
+  EXPECT_EQ(Interpose::Slept(), 1900ms);
+}
+
+TEST_F(SystemTest, StopsForcingTheRootOnceItGivesWay) {
+  IsBusyUntilForced(kRoot, 3);
+  std::string const errors = Capture::ErrorOutput([&] { EXPECT_EQ(system.UnmountAll(), 0); });
+  EXPECT_EQ(errors, Repeated(2, "Unable to umount root SD: Device or resource busy\n"));
+  Texts expected{"chdir /", "sync", "umount /", Sleep(1s)};
+  AppendForcedAttempts(expected, kRoot, 2);
+  expected.insert(expected.end(), {"umount2 / 1", "umount /mnt/sdcard/"});
+  EXPECT_THAT(Trace(), ElementsAreArray(expected));
+}
+
+TEST_F(SystemTest, ForcesABusyCardAtOnceAndReturnsTheFailureOfTheTenthAttempt) {
+  IsBusyUntilForced(kCard, 0);
+  std::string const errors = Capture::ErrorOutput([&] { EXPECT_EQ(system.UnmountAll(), -1); });
+  EXPECT_EQ(errors, Repeated(9, "Unable to umount storage SD: Device or resource busy\n"));
+  Texts expected{"chdir /", "sync", "umount /", "umount /mnt/sdcard/"};
+  AppendForcedAttempts(expected, kCard, 10);
+  EXPECT_THAT(Trace(), ElementsAreArray(expected));
+  EXPECT_EQ(Interpose::Slept(), 900ms);
+}
+
+class ForcedCard : public SystemTest, public testing::WithParamInterface<int> {};
+
+TEST_P(ForcedCard, CountsAsUnmountedWithWhicheverAttemptItGivesWay) {
+  IsBusyUntilForced(kCard, GetParam());
+  std::string const errors = Capture::ErrorOutput([&] { EXPECT_EQ(system.UnmountAll(), 0); });
+  EXPECT_EQ(errors,
+            Repeated(GetParam() - 1, "Unable to umount storage SD: Device or resource busy\n"));
+  EXPECT_EQ(Interpose::Traced("umount2").size(), GetParam());
+}
+
+INSTANTIATE_TEST_SUITE_P(EveryAttempt, ForcedCard, testing::Values(1, 2, 9, 10));
+
+TEST_F(SystemTest, ComplainsWithTheErrorOfTheAttemptThatFailed) {
+  IsBusyUntilForced(kCard, 0);
+  hooks().umount2 = [tried = 0](auto&&...) mutable {
+    return ++tried == 1 ? Answer::Failure(EINVAL) : Answer::Success();
+  };
+  EXPECT_EQ(Capture::ErrorOutput([&] { system.UnmountAll(); }),
+            "Unable to umount storage SD: Invalid argument\n");
+}
+
+TEST_F(SystemTest, PausesInFullThoughSignalsArrive) {
+  IsBusyUntilForced(kRoot, 2);
+  hooks().interrupt = [arrived = 0](std::chrono::nanoseconds pause) mutable {
+    return ++arrived % 2 == 1 ? std::optional(pause / 4) : std::nullopt;
+  };
+  Capture::ErrorOutput([&] { system.UnmountAll(); });
+  EXPECT_THAT(Interpose::Traced("sleep"),
+              ElementsAre(Sleep(750ms), Sleep(250ms), Sleep(75ms), Sleep(25ms)));
+}
+
+TEST_F(SystemTest, RebootsByCommandThenUnmountsAndHasTheKernelRestart) {
+  EveryUnmountSucceeds();
+  hooks().system = [](auto&&) { return Answer::Success(); };
+  hooks().reboot = [](int command) {
+    EXPECT_EQ(command, RB_AUTOBOOT);
+    return Answer::Failure(EPERM);
+  };
+  EXPECT_EQ(system.Reboot(), -1);
+  EXPECT_THAT(Trace(), ElementsAre("system reboot", Sleep(20s), "chdir /", "sync", "umount /",
+                                   "umount /mnt/sdcard/", "reboot 19088743"));
+}
+
+TEST_F(SystemTest, RebootsThoughNeitherTheCommandNorTheUnmountsWork) {
+  hooks().reboot = [](int) { return Answer::Success(); };
+  int result = -1;
+  Capture::ErrorOutput([&] { result = system.Reboot(); });
+  EXPECT_EQ(result, 0);
+  EXPECT_EQ(Interpose::Traced("umount2 /").size(), 20U);
+  EXPECT_EQ(Trace().back(), "reboot 19088743");
+}
+
+TEST_F(SystemTest, GivesTheRebootCommandTwentySecondsThoughASignalArrives) {
+  EveryUnmountSucceeds();
+  hooks().interrupt = [](std::chrono::nanoseconds pause) {
+    return pause == 20s ? std::optional<std::chrono::nanoseconds>(13s) : std::nullopt;
+  };
+  system.Reboot();
+  EXPECT_THAT(Interpose::Traced("sleep"), ElementsAre(Sleep(7s), Sleep(13s)));
+}
+
+TEST_F(SystemTest, SetsTheDateAndTellsWhetherTheKernelTookIt) {
+  long seconds = 1614877509;
+  EXPECT_FALSE(system.SetDate(seconds));
+  hooks().setClock = [](long) { return Answer::Success(); };
+  EXPECT_TRUE(system.SetDate(seconds));
+  EXPECT_EQ(seconds, 1614877509);
+  EXPECT_THAT(Trace(), ElementsAre("clock 1614877509", "clock 1614877509"));
+}
+
+/// A real-time clock; the system clock can be set `settings` times.
+void ClockTakesSettings(int settings) {
+  Interpose::MakeFile("/dev/rtc0", "");
+  hooks().ioctl = [](unsigned long request, void*) {
+    EXPECT_EQ(request, RTC_SET_TIME);
+    return Answer::Success();
+  };
+  hooks().setClock = [settings](long) mutable {
+    return settings-- > 0 ? Answer::Success() : Answer::Failure(EINVAL);
+  };
+}
+
+TEST_F(SystemTest, SetsTheSystemClockTwiceFromTheRealTimeClock) {
+  ClockTakesSettings(2);
+  long seconds = 1614877509;
+  EXPECT_TRUE(system.SetRTC(seconds));
+  EXPECT_EQ(seconds, 1614877509);
+  EXPECT_THAT(Trace(), ElementsAre("clock 1614877509", "clock 1614877509"));
+}
+
+TEST_F(SystemTest, FailsToSetTheRealTimeClockWhenTheSecondSettingFails) {
+  ClockTakesSettings(1);
+  long seconds = 1614877509;
+  EXPECT_FALSE(system.SetRTC(seconds));
+  EXPECT_THAT(Trace(), ElementsAre("clock 1614877509", "clock 1614877509"));
+}
+
+TEST_F(SystemTest, TriesNoSecondSettingAfterTheFirstFailed) {
+  ClockTakesSettings(0);
+  long seconds = 1614877509;
+  EXPECT_FALSE(system.SetRTC(seconds));
+  EXPECT_THAT(Trace(), ElementsAre("clock 1614877509"));
+}
+
+TEST_F(SystemTest, LeavesTheSystemClockAloneWithoutARealTimeClock) {
+  long seconds = 1614877509;
+  EXPECT_FALSE(system.SetRTC(seconds));
+  EXPECT_THAT(Trace(), IsEmpty());
+}
+
+}  // namespace
