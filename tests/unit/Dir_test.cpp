@@ -1,0 +1,159 @@
+#include "FileUtils/Dir.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <filesystem>
+#include <optional>
+#include <string>
+#include <type_traits>
+#include <vector>
+
+#include "tests/support/Interpose.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using Quellon::FileUtils::Idir;
+using testing::IsEmpty;
+
+constexpr char const* kPath = "/mnt/sdcard/cr";
+
+std::size_t OpenDescriptors() {
+  auto const entries = fs::directory_iterator("/dev/fd");
+  return static_cast<std::size_t>(std::distance(begin(entries), end(entries)));
+}
+
+class Directory : public testing::Test {
+ protected:
+  Directory() { fs::create_directories(Interpose::Real("/mnt/sdcard")); }
+  static void Make() { fs::create_directory(Interpose::Real(kPath)); }
+  static bool IsThere() { return fs::is_directory(Interpose::Real(kPath)); }
+
+  static void ExpectFailure(Idir const& directory) {
+    EXPECT_TRUE(directory.HasError());
+    EXPECT_EQ(directory.GetError(), "unable to create directory: " + directory.path);
+    EXPECT_EQ(directory.GetErrorPlace(), "Create");
+  }
+};
+
+TEST_F(Directory, KnowsItsPathItsNamesAndThatItDoesNotExist) {
+  Idir const directory(kPath);
+  EXPECT_EQ(directory.path, kPath);
+  EXPECT_FALSE(directory.exists);
+  EXPECT_EQ(directory.GetModuleName(), "Quellon::FileUtils");
+  EXPECT_EQ(directory.GetClassName(), "Idir");
+  EXPECT_FALSE(directory.HasError());
+}
+
+TEST_F(Directory, KnowsThatItExists) {
+  Make();
+  Idir directory(kPath);
+  EXPECT_TRUE(directory.exists);
+  EXPECT_TRUE(directory.CheckIfExists());
+}
+
+TEST_F(Directory, IsAnErrorRecorderAndNothingElse) {
+  static_assert(std::is_base_of_v<Tarvik::Interfaces::IError, Idir>);
+  static_assert(std::has_virtual_destructor_v<Idir>);
+}
+
+TEST_F(Directory, LooksAgainButKeepsWhatItKnewAndRecordsNothing) {
+  Idir directory(kPath);
+  Make();
+  EXPECT_TRUE(directory.CheckIfExists());
+  EXPECT_FALSE(directory.exists);
+  fs::remove(Interpose::Real(kPath));
+  EXPECT_FALSE(directory.CheckIfExists());
+  EXPECT_FALSE(directory.HasError());
+}
+
+TEST_F(Directory, ClosesWhatItOpenedToLook) {
+  Make();
+  Idir directory(kPath);
+  std::size_t const before = OpenDescriptors();
+  directory.CheckIfExists();
+  EXPECT_EQ(OpenDescriptors(), before);
+}
+
+TEST_F(Directory, CreateTouchesNothingWhenItExistedAtFirst) {
+  Make();
+  Idir directory(kPath);
+  fs::remove(Interpose::Real(kPath));
+  std::vector<std::string> calls;
+  Interpose::hooks().fault = [&calls](std::string const& function) -> std::optional<int> {
+    calls.push_back(function);
+    return std::nullopt;
+  };
+  EXPECT_TRUE(directory.Create());
+  EXPECT_THAT(calls, IsEmpty());
+}
+
+TEST_F(Directory, CreateMakesItWithAllRightsButWritingForOthersLessTheUmask) {
+  for (mode_t const mask : {0000, 0022, 0077}) {
+    mode_t const before = umask(mask);
+    EXPECT_TRUE(Idir(kPath).Create());
+    umask(before);
+    EXPECT_EQ(static_cast<mode_t>(fs::status(Interpose::Real(kPath)).permissions()), 0775 & ~mask);
+    fs::remove(Interpose::Real(kPath));
+  }
+}
+
+TEST_F(Directory, CreateFailsTheSecondTimeSinceItWasMissingAtFirst) {
+  Idir directory(kPath);
+  EXPECT_TRUE(directory.Create());
+  EXPECT_FALSE(directory.HasError());
+  EXPECT_FALSE(directory.exists);
+  EXPECT_FALSE(directory.Create());
+  ExpectFailure(directory);
+  EXPECT_TRUE(IsThere());
+}
+
+TEST_F(Directory, CreateForgetsTheLastError) {
+  Idir directory(kPath);
+  Make();
+  EXPECT_FALSE(directory.Create());
+  fs::remove(Interpose::Real(kPath));
+  EXPECT_TRUE(directory.Create());
+  EXPECT_FALSE(directory.HasError());
+  EXPECT_THAT(directory.GetError(), IsEmpty());
+  EXPECT_THAT(directory.GetErrorPlace(), IsEmpty());
+}
+
+TEST_F(Directory, CreateMakesNoParents) {
+  Idir directory(std::string(kPath) + "/2021/03");
+  EXPECT_FALSE(directory.Create());
+  ExpectFailure(directory);
+  EXPECT_FALSE(IsThere());
+}
+
+TEST_F(Directory, CreateFailsOnAFileOfThatName) {
+  Interpose::MakeFile(kPath, "a file");
+  Idir directory(kPath);
+  EXPECT_FALSE(directory.exists);
+  EXPECT_FALSE(directory.CheckIfExists());
+  EXPECT_FALSE(directory.Create());
+  ExpectFailure(directory);
+}
+
+TEST_F(Directory, ThatCannotBeOpenedCountsAsMissing) {
+  Make();
+  Interpose::hooks().fault = [](std::string const& function) {
+    return function == "opendir" ? std::optional(EACCES) : std::nullopt;
+  };
+  Idir directory(kPath);
+  EXPECT_FALSE(directory.exists);
+  EXPECT_FALSE(directory.Create());
+  ExpectFailure(directory);
+}
+
+TEST_F(Directory, WithoutAPathIsMissingAndCannotBeMade) {
+  Idir directory("");
+  EXPECT_FALSE(directory.exists);
+  EXPECT_FALSE(directory.Create());
+  ExpectFailure(directory);
+}
+
+}  // namespace

@@ -1,0 +1,375 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <ctime>
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "FileUtils/File.h"
+#include "base/IException.h"
+#include "tests/support/Capture.h"
+#include "tests/support/Interpose.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using Quellon::FileUtils::Ifile;
+using testing::EndsWith;
+using testing::IsEmpty;
+using testing::MatchesRegex;
+
+constexpr char const* kPath = "/mnt/sdcard/cr/a.gps";
+constexpr char const* kCopy = "/mnt/sdcard/cr/b.gps";
+constexpr char const* kNowhere = "/mnt/sdcard/missing/a.gps";
+constexpr char const* kHeader = "^\\[....-..-.. ..:..:..\\]";
+
+std::unique_ptr<Ifile> At(std::string path, bool open = false) {
+  return std::make_unique<Ifile>(path, open);
+}
+
+/// As a catalogue makes it: an unopened stream, and a path that came later.
+std::unique_ptr<Ifile> BareAt(std::string const& path) {
+  auto file = std::make_unique<Ifile>();
+  file->path = path;
+  return file;
+}
+
+void Put(Ifile& file, std::string text) {
+  EXPECT_TRUE(file.Write(text.data(), static_cast<unsigned int>(text.size())));
+}
+
+bool Exists(std::string const& path) {
+  return fs::exists(Interpose::Real(path));
+}
+
+class FileStream : public testing::Test {
+ protected:
+  FileStream() { fs::create_directories(Interpose::Real(kPath).parent_path()); }
+  static void Holds(std::string const& text) { Interpose::MakeFile(kPath, text); }
+};
+
+TEST_F(FileStream, OpensAnExistingFileInPlaceWhenMadeOpen) {
+  Holds("12345");
+  auto const file = At(kPath, true);
+  ASSERT_TRUE(file->stream->is_open());
+  Put(*file, "ab");
+  file->Close();
+  EXPECT_EQ(Interpose::ReadFile(kPath), "ab345");
+}
+
+TEST_F(FileStream, MadeOpenOnAMissingFileKeepsAFailedStreamAndMakesNothing) {
+  std::string const output = Capture::Output([] {
+    auto const file = At(kPath, true);
+    EXPECT_TRUE(file->stream->fail());
+    EXPECT_FALSE(file->stream->is_open());
+  });
+  EXPECT_THAT(output, IsEmpty());
+  EXPECT_FALSE(Exists(kPath));
+}
+
+TEST_F(FileStream, OpenThrowsForAnEmptyPath) {
+  auto const file = At("");
+  try {
+    file->Open(true);
+    FAIL() << "nothing was thrown";
+  } catch (Tarvik::IException const& e) {
+    EXPECT_STREQ(e.what(), "Empty file path");
+    EXPECT_EQ(e.code, 0);
+  }
+  EXPECT_EQ(file->stream, nullptr);
+}
+
+TEST_F(FileStream, OpenWithoutAStreamOpensAnExistingFileInPlaceWhateverAppendSays) {
+  for (bool const append : {false, true}) {
+    Holds("12345");
+    auto const file = At(kPath);
+    EXPECT_TRUE(file->Open(append));
+    Put(*file, "ab");
+    file->Close();
+    EXPECT_EQ(Interpose::ReadFile(kPath), "ab345");
+  }
+}
+
+TEST_F(FileStream, OpenOnAnUnopenedStreamEmptiesTheFileUnlessAppending) {
+  Holds("12345");
+  auto const appending = BareAt(kPath);
+  EXPECT_TRUE(appending->Open(true));
+  Put(*appending, "ab");
+  appending->stream->seekp(0);
+  Put(*appending, "cd");
+  appending->Close();
+  EXPECT_EQ(Interpose::ReadFile(kPath), "12345abcd");
+  auto const emptying = BareAt(kPath);
+  EXPECT_TRUE(emptying->Open(false));
+  EXPECT_EQ(Interpose::ReadFile(kPath), "");
+}
+
+TEST_F(FileStream, OpenMakesAMissingFileAndTheStreamIsGood) {
+  for (bool const append : {false, true}) {
+    fs::remove(Interpose::Real(kPath));
+    auto const file = At(kPath);
+    EXPECT_TRUE(file->Open(append));
+    EXPECT_TRUE(file->stream->is_open());
+    EXPECT_TRUE(file->stream->good());
+    EXPECT_TRUE(Exists(kPath));
+  }
+}
+
+TEST_F(FileStream, OpenSucceedsEvenWhereNoFileCanBe) {
+  auto const file = At(kNowhere);
+  EXPECT_TRUE(file->Open(false));
+  EXPECT_FALSE(file->stream->is_open());
+  EXPECT_TRUE(file->stream->fail());
+  EXPECT_TRUE(file->Open(true));
+}
+
+TEST_F(FileStream, OpenOnAnOpenStreamChangesNothing) {
+  Holds("12345");
+  auto const file = At(kPath, true);
+  auto const* const stream = file->stream.get();
+  EXPECT_TRUE(file->Open(false));
+  EXPECT_EQ(file->stream.get(), stream);
+  EXPECT_EQ(Interpose::ReadFile(kPath), "12345");
+}
+
+TEST_F(FileStream, CanBeOpenedWrittenAndClosedAgainAndAgain) {
+  auto const file = At(kPath);
+  for (int round = 0; round < 3; ++round) {
+    EXPECT_TRUE(file->Open(true));
+    Put(*file, "xy");
+    file->Close();
+    file->Close();
+    EXPECT_FALSE(file->stream->is_open());
+    EXPECT_TRUE(file->stream->good());
+  }
+  EXPECT_EQ(Interpose::ReadFile(kPath), "xyxyxy");
+}
+
+TEST_F(FileStream, CloseWithoutAStreamDoesNothing) {
+  auto const file = At(kPath);
+  file->Close();
+  EXPECT_EQ(file->stream, nullptr);
+}
+
+TEST_F(FileStream, CloseThatCannotFlushSetsTheFailFlag) {
+  auto const file = At("/dev/full", true);
+  Put(*file, "lost");
+  file->Close();
+  EXPECT_TRUE(file->stream->fail());
+  EXPECT_FALSE(file->stream->is_open());
+}
+
+TEST_F(FileStream, WritesNothingWithoutBytesOrAStream) {
+  char byte = 'x';
+  EXPECT_FALSE(At(kPath)->Write(&byte, 1));
+  Holds("");
+  auto const file = At(kPath, true);
+  EXPECT_FALSE(file->Write(nullptr, 1));
+  EXPECT_FALSE(file->Write(&byte, 0));
+  file->Close();
+  EXPECT_EQ(Interpose::ReadFile(kPath), "");
+}
+
+TEST_F(FileStream, WriteSucceedsWhateverTheStateOfTheStream) {
+  auto const file = At(kPath, true);
+  ASSERT_TRUE(file->stream->fail());
+  Put(*file, "lost");
+  EXPECT_FALSE(Exists(kPath));
+}
+
+TEST_F(FileStream, WritesTheValidBytesOfABuffer) {
+  Holds("");
+  auto const file = At(kPath, true);
+  char text[] = {'a', '\0', 'c', 'd'};
+  Ibuffer characters{text, 0, 3};
+  EXPECT_TRUE(file->Write(characters));
+  unsigned char bytes[] = {0xff, 0x80, 0x01};
+  Iubuffer octets{bytes, 3, 2};
+  EXPECT_TRUE(file->Write(octets));
+  Ibuffer none{text, 4, 0};
+  EXPECT_FALSE(file->Write(none));
+  Iubuffer null{nullptr, 3, 3};
+  EXPECT_FALSE(file->Write(null));
+  file->Close();
+  EXPECT_EQ(Interpose::ReadFile(kPath), std::string("a\0c\xff\x80", 5));
+}
+
+TEST_F(FileStream, GoesWithItsObjectAndWhatWasWrittenStays) {
+  {
+    auto const file = At(kPath);
+    file->Open(false);
+    Put(*file, "kept");
+  }
+  EXPECT_EQ(Interpose::ReadFile(kPath), "kept");
+}
+
+TEST_F(FileStream, ThatThrowsNeverLeavesTheDestructor) {
+  auto file = At("/dev/full", true);
+  file->stream->exceptions(std::ios::badbit | std::ios::failbit);
+  file->stream->write("lost", 4);
+  EXPECT_NO_THROW(file.reset());
+}
+
+TEST_F(FileStream, PrintStatLogsFiveLinesEachWithItsHeader) {
+  setenv("TZ", "UTC", 1);
+  tzset();
+  std::string const output = Capture::Output([] {
+    auto const file = At("/mnt/sdcard/cr/a.b.gps");
+    file->size = -1;
+    file->time = 1614877509;
+    file->PrintStat();
+  });
+  std::string const header = "\\[....-..-.. ..:..:..\\]";
+  EXPECT_THAT(output, MatchesRegex("^" + header + "Path: /mnt/sdcard/cr/a\\.b\\.gps\n" +  //
+                                   header + "File: a\\.b\\.gps\n" +                       //
+                                   header + "Ext: gps\n" +                                //
+                                   header + "Size: 18446744073709551615\n" +              //
+                                   header + "Time: 2021-03-04 17:05:09\n$"));
+}
+
+TEST_F(FileStream, PrintStatShowsATimeOfZeroAsADate) {
+  setenv("TZ", "UTC", 1);
+  tzset();
+  EXPECT_THAT(Capture::Output([] { At(kPath)->PrintStat(); }),
+              EndsWith("]Time: 1970-01-01 00:00:00\n"));
+}
+
+TEST_F(FileStream, CopyToCopiesTheWholeFileAndLogsIt) {
+  std::string const content = std::string(100000, 'z') + std::string("\0\n\xff", 3);
+  Holds(content);
+  Interpose::MakeFile(kCopy, "older and to be replaced");
+  auto const file = At(kPath);
+  std::string const output = Capture::Output([&] { EXPECT_TRUE(file->CopyTo(kCopy)); });
+  EXPECT_EQ(Interpose::ReadFile(kCopy), content);
+  EXPECT_EQ(Interpose::ReadFile(kPath), content);
+  EXPECT_TRUE(file->stream->is_open());
+  EXPECT_THAT(output, MatchesRegex(std::string(kHeader) +
+                                   "Copy file /mnt/sdcard/cr/a\\.gps to /mnt/sdcard/cr/b\\.gps\n"));
+}
+
+TEST_F(FileStream, CopyToNeverEmptiesTheSource) {
+  Holds("12345");
+  auto const file = BareAt(kPath);
+  Capture::Output([&] { EXPECT_TRUE(file->CopyTo(kCopy)); });
+  EXPECT_EQ(Interpose::ReadFile(kPath), "12345");
+  EXPECT_EQ(Interpose::ReadFile(kCopy), "12345");
+}
+
+TEST_F(FileStream, CopyToBeginsWhereTheSourceWasRead) {
+  Holds("12345");
+  auto const file = At(kPath, true);
+  EXPECT_EQ(file->stream->get(), '1');
+  EXPECT_EQ(file->stream->get(), '2');
+  Capture::Output([&] {
+    EXPECT_TRUE(file->CopyTo(kCopy));
+    EXPECT_EQ(Interpose::ReadFile(kCopy), "345");
+    EXPECT_TRUE(file->CopyTo(kCopy));  // nothing is left to copy, and that is not noticed
+  });
+  EXPECT_EQ(Interpose::ReadFile(kCopy), "");
+}
+
+TEST_F(FileStream, CopyToMakesAMissingSourceAndAnEmptyCopy) {
+  Capture::Output([] { EXPECT_TRUE(At(kPath)->CopyTo(kCopy)); });
+  EXPECT_TRUE(Exists(kPath));
+  EXPECT_TRUE(Exists(kCopy));
+}
+
+/// What a failing copy logs, apart from the header.
+std::string LogOfFailedCopy(Ifile& file, std::string const& destination) {
+  std::string const output = Capture::Output([&] { EXPECT_FALSE(file.CopyTo(destination)); });
+  EXPECT_THAT(output, MatchesRegex(std::string(kHeader) + "\\[ERROR\\].*\n$"));
+  EXPECT_EQ(output.find('\n'), output.size() - 1) << "more than one line";
+  return output.substr(output.find("[ERROR]"));
+}
+
+TEST_F(FileStream, CopyToFailsWithOneErrorLineWhenItCannotBegin) {
+  Holds("12345");
+  auto const file = At(kPath);
+  EXPECT_EQ(LogOfFailedCopy(*file, ""), "[ERROR]Ifile: Empty destination path\n");
+  EXPECT_EQ(file->stream, nullptr) << "the source was opened all the same";
+  EXPECT_EQ(LogOfFailedCopy(*At(""), kCopy), "[ERROR]Ifile: Empty file path\n");
+  EXPECT_EQ(LogOfFailedCopy(*file, kNowhere), "[ERROR]Ifile: destination file not open\n");
+}
+
+TEST_F(FileStream, CopyToReportsWhatTheStandardLibraryThrows) {
+  auto const file = BareAt(kNowhere);
+  file->stream->exceptions(std::ios::failbit);
+  EXPECT_THAT(LogOfFailedCopy(*file, kCopy), testing::StartsWith("[ERROR]Ifile: basic_ios"));
+  EXPECT_FALSE(Exists(kCopy));
+}
+
+TEST_F(FileStream, CopyToDoesNotNoticeAFullDestination) {
+  Holds("12345");
+  Capture::Output([] { EXPECT_TRUE(At(kPath)->CopyTo("/dev/full")); });
+}
+
+/// What `write` leaves in a C stream.
+template <typename Write>
+std::string Written(Write write) {
+  char* bytes = nullptr;
+  std::size_t length = 0;
+  std::FILE* const file = open_memstream(&bytes, &length);
+  write(file);
+  std::fclose(file);
+  std::string text(bytes, length);
+  std::free(bytes);
+  return text;
+}
+
+TEST(FileToCStream, WritesAnIntegerAsItLiesInMemory) {
+  EXPECT_EQ(Written([](FILE* file) { EXPECT_TRUE(Ifile::WriteInt(1, file)); }),
+            std::string("\x01\0\0\0", 4));
+  EXPECT_EQ(Written([](FILE* file) { EXPECT_TRUE(Ifile::WriteInt(-2, file)); }),
+            "\xfe\xff\xff\xff");
+}
+
+TEST(FileToCStream, WritesBytes) {
+  char bytes[] = {'a', '\0', 'b', 'c'};
+  EXPECT_EQ(Written([&](FILE* file) { EXPECT_TRUE(Ifile::Write(bytes, 3, file)); }),
+            std::string("a\0b", 3));
+  EXPECT_EQ(Written([&](FILE* file) { EXPECT_TRUE(Ifile::Write(bytes, 0, file)); }), "");
+}
+
+TEST(FileToCStream, WritesATextWithoutLengthOrTerminator) {
+  std::string const text("a\0bc", 4);
+  EXPECT_EQ(Written([&](FILE* file) { EXPECT_TRUE(Ifile::WriteString(text, file)); }), text);
+  EXPECT_EQ(Written([&](FILE* file) { EXPECT_TRUE(Ifile::WriteString(text, 2, file)); }),
+            std::string("a\0", 2));
+}
+
+TEST(FileToCStream, TrustsALengthThatTakesInTheTerminator) {
+  EXPECT_EQ(Written([](FILE* file) { EXPECT_TRUE(Ifile::WriteString("abc", 4, file)); }),
+            std::string("abc\0", 4));
+}
+
+TEST(FileToCStream, WritesNothingOfAnEmptyText) {
+  EXPECT_EQ(Written([](FILE* file) { EXPECT_FALSE(Ifile::WriteString("", 5, file)); }), "");
+  EXPECT_EQ(Written([](FILE* file) { EXPECT_FALSE(Ifile::WriteString("", file)); }), "");
+}
+
+TEST(FileToCStream, FailsWithoutAStream) {
+  char byte = 'x';
+  EXPECT_FALSE(Ifile::WriteInt(1, nullptr));
+  EXPECT_FALSE(Ifile::Write(&byte, 1, nullptr));
+  EXPECT_FALSE(Ifile::WriteString("x", 1, nullptr));
+  EXPECT_FALSE(Ifile::WriteString("x", nullptr));
+}
+
+TEST(FileToCStream, FailsWhenTheStreamIsInErrorAfterwards) {
+  std::FILE* const full = std::fopen("/dev/full", "w");
+  std::setvbuf(full, nullptr, _IONBF, 0);
+  char byte = 'x';
+  EXPECT_FALSE(Ifile::WriteInt(1, full));
+  EXPECT_FALSE(Ifile::Write(&byte, 1, full));
+  EXPECT_FALSE(Ifile::WriteString("x", full));
+  std::clearerr(full);
+  EXPECT_TRUE(Ifile::Write(&byte, 0, full)) << "nothing was to be written";
+  std::fclose(full);
+}
+
+}  // namespace
