@@ -34,7 +34,8 @@ dev_t DeviceOf(std::string const& path, char const* complaint) {
 }
 
 double WholeMegabytes(std::int64_t bytes) {
-  return static_cast<double>(bytes / kBytesPerMegabyte);
+  std::int64_t const whole = bytes / kBytesPerMegabyte;
+  return static_cast<double>(whole);
 }
 
 }  // namespace
@@ -44,11 +45,7 @@ std::map<std::string, Disk::DeviceStatus> Disk::deviceStatusList;
 Disk::Disk(std::string mountDirectory, std::string partition, std::string device)
     : CheckDisk(mountDirectory.data(), partition.data()),
       reserveRatio(kReserveRatio),
-      blockDevice(std::move(device)),
-      available(false),
-      freeBytes(0),
-      reserveBytes(0),
-      totalBytes(0) {
+      blockDevice(std::move(device)) {
   try {
     Acquire();
   } catch (std::exception const& e) {

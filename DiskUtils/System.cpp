@@ -23,7 +23,7 @@ System* System::GetInstance() {
   return instance;
 }
 
-System::System() : disk(nullptr), diskFault(true) {
+System::System() {
   std::cout << "start instance of system class " << std::endl;
 }
 

@@ -61,8 +61,8 @@ class QUELLON_EXPORT System {
   bool SetRTC(long& seconds);
 
   HealthStatus healthStatus;
-  DiskUtils::Disk* disk;  ///< the card; owned, null until `InitDisk` has made one
-  bool diskFault;         ///< false once a scan has left the card available
+  DiskUtils::Disk* disk = nullptr;  ///< the card; owned, null until `InitDisk` has made one
+  bool diskFault = true;            ///< false once a scan has left the card available
 
  private:
   bool RebootForFailingDisk(char const* reason);

@@ -6,7 +6,7 @@
 
 namespace Quellon::FileUtils {
 
-Idir::Idir(std::string const& directory) : path(directory), exists(false) {
+Idir::Idir(std::string const& directory) : path(directory) {
   moduleName = "Quellon::FileUtils";
   className = "Idir";
   exists = Idir::CheckIfExists();

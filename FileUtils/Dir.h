@@ -27,7 +27,7 @@ class QUELLON_EXPORT Idir : public Tarvik::Interfaces::IError {
   bool Create();
 
   std::string path;
-  bool exists;  ///< whether the directory could be opened when this object was made
+  bool exists = false;  ///< whether the directory could be opened when this object was made
 };
 
 }  // namespace Quellon::FileUtils

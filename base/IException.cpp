@@ -2,8 +2,7 @@
 
 namespace Tarvik {
 
-IException::IException(std::string_view text, int errorNumber) noexcept
-    : message{}, code(errorNumber) {
+IException::IException(std::string_view text, int errorNumber) noexcept : code(errorNumber) {
   text.copy(message, kCapacity - 1);
 }
 

@@ -23,8 +23,8 @@ class QUELLON_EXPORT IException : public std::exception {
   [[nodiscard]] char const* what() const noexcept override;
 
   static constexpr std::size_t kCapacity = 1024;
-  char message[kCapacity];  ///< the text, NUL-terminated
-  int code;                 ///< `errno` of the failed system call, or 0
+  char message[kCapacity] = {};  ///< the text, NUL-terminated
+  int code;                      ///< `errno` of the failed system call, or 0
 };
 
 }  // namespace Tarvik

@@ -28,7 +28,7 @@ timespec MonotonicDeadline(std::chrono::milliseconds limit) noexcept {
 
 }  // namespace
 
-ISemaphore::ISemaphore() noexcept : semaphore{} {
+ISemaphore::ISemaphore() noexcept {
   sem_init(&semaphore, 0, 0);
 }
 

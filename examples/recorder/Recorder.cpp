@@ -4,8 +4,12 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cstdio>
+#include <array>
+#include <cstdlib>
+#include <iomanip>
 #include <set>
+#include <sstream>
+#include <string_view>
 
 #include "FileUtils/Dir.h"
 #include "base/Logger.h"
@@ -22,13 +26,14 @@ using Tarvik::Ilog::LogLine;
 namespace {
 
 constexpr char const* kRecordings = "/mnt/sdcard/cr/";
+constexpr std::string_view kPrefix = "rec_";
 constexpr std::size_t kPositionsBytes = 1024;
 constexpr auto kShortestKickPeriod = std::chrono::seconds(1);
 
 std::string RecordingName(int number, char const* extension) {
-  char name[32];
-  std::snprintf(name, sizeof name, "rec_%06d%s", number, extension);
-  return name;
+  std::ostringstream name;
+  name << kPrefix << std::setw(6) << std::setfill('0') << number << extension;
+  return name.str();
 }
 
 std::string Stem(std::string const& name) {
@@ -37,9 +42,10 @@ std::string Stem(std::string const& name) {
 
 // Whether the card itself, and not the kernel's memory of it, can be read.
 bool CardAnswers() {
-  alignas(4096) char block[4096];
+  constexpr std::size_t kBlock = 4096;  // direct reads go by whole, aligned blocks
+  alignas(kBlock) std::array<char, kBlock> block;
   Tarvik::UniqueFd const card(open("/dev/mmcblk1p1", O_RDONLY | O_DIRECT | O_CLOEXEC));
-  return card.IsOpen() && read(card.Get(), block, sizeof block) == sizeof block;
+  return card.IsOpen() && read(card.Get(), block.data(), kBlock) == kBlock;
 }
 
 // Recordings that are complete must survive a power cut, so they are on the card before they count.
@@ -165,8 +171,9 @@ bool Recorder::WriteFile(std::string name, std::size_t bytes) {
 int Recorder::LastRecordingNumber() {
   int last = 0;
   for (Ifile* file : catalogue->GetList()) {
-    int found = 0;
-    if (std::sscanf(file->name.c_str(), "rec_%d", &found) == 1) last = std::max(last, found);
+    if (!file->name.starts_with(kPrefix)) continue;
+    char const* const digits = file->name.c_str() + kPrefix.size();
+    last = std::max(last, static_cast<int>(std::strtol(digits, nullptr, 10)));
   }
   return last;
 }

@@ -66,8 +66,10 @@ int main(int count, char** arguments) {
   Tarvik::Util::TemperatureMonitor::GetInstance()->Start();
   Recorder recorder(settings);
   running = &recorder;
-  std::signal(SIGTERM, StopRunning);
-  std::signal(SIGINT, StopRunning);
+  struct sigaction stop {};
+  stop.sa_handler = StopRunning;
+  sigaction(SIGTERM, &stop, nullptr);
+  sigaction(SIGINT, &stop, nullptr);
   recorder.Run();
   return EXIT_SUCCESS;
 }
