@@ -1,0 +1,79 @@
+#include "tests/card/CardFixture.h"
+
+#include <fcntl.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <array>
+#include <cstdlib>
+#include <fstream>
+#include <iterator>
+#include <stdexcept>
+
+#include "DiskUtils/Disk.h"
+#include "base/Logger.h"
+#include "base/UniqueFd.h"
+#include "tests/card/Interpose.h"
+#include "tests/support/Capture.h"
+
+namespace CardTests {
+
+namespace fs = std::filesystem;
+
+ProgramResult RunProgram(std::string const& command) {
+  Capture::Descriptor output(1);
+  int const status = std::system(command.c_str());
+  return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, output.Text()};
+}
+
+std::string TextOf(fs::path const& path) {
+  std::ifstream file(path, std::ios::binary);
+  return {std::istreambuf_iterator<char>(file), {}};
+}
+
+void WriteRecording(fs::path const& path, std::uint64_t bytes, time_t modified) {
+  fs::create_directories(path.parent_path());
+  Tarvik::UniqueFd const file(open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
+  std::string const content(bytes, path.filename().string().front());
+  bool const written =
+      write(file.Get(), content.data(), content.size()) == static_cast<ssize_t>(bytes);
+  std::array<timespec, 2> const times{timespec{modified, 0}, timespec{modified, 0}};
+  if (!written || futimens(file.Get(), times.data()) != 0 || fsync(file.Get()) != 0)
+    throw std::runtime_error("cannot write " + path.string());
+}
+
+std::set<std::string> NamesIn(fs::path const& directory) {
+  std::set<std::string> names;
+  for (auto const& entry : fs::directory_iterator(directory))
+    names.insert(entry.path().filename().string());
+  return names;
+}
+
+bool IsMounted(fs::path const& directory) {
+  struct stat inside {};
+  struct stat outside {};
+  stat(directory.c_str(), &inside);
+  stat((directory / "..").c_str(), &outside);
+  return inside.st_dev != outside.st_dev;
+}
+
+CardTest::CardTest() {
+  Tarvik::Ilog::Logger::GetInstance()->consoleSink->enabled = false;
+}
+
+CardTest::~CardTest() {
+  Boot();
+  unlink(counterFile);
+  Quellon::DiskUtils::Disk::deviceStatusList.clear();
+  ForgetMachineCalls();
+}
+
+void CardTest::Boot() {
+  mount(nullptr, "/", nullptr, MS_REMOUNT, nullptr);
+  for (char const* place : {mountPoint, "/mnt/ramdisk"})
+    while (umount2(place, MNT_DETACH) == 0) continue;
+}
+
+}  // namespace CardTests

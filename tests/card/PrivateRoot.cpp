@@ -1,0 +1,29 @@
+#include "tests/card/PrivateRoot.h"
+
+#include <cstdlib>
+#include <fstream>
+#include <iostream>
+#include <string>
+
+namespace CardTests {
+
+namespace {
+
+bool InPrivateRoot() {
+  std::ifstream mounts("/proc/mounts");
+  std::string source;
+  std::string place;
+  mounts >> source >> place;  // the root is always the first mount
+  return source == "private_root" && place == "/";
+}
+
+}  // namespace
+
+void RequirePrivateRoot() {
+  constexpr int skipped = 77;
+  if (InPrivateRoot()) return;
+  std::cerr << "skipped: this program runs only through tests/card/private_root" << std::endl;
+  std::exit(skipped);
+}
+
+}  // namespace CardTests

@@ -1,0 +1,20 @@
+// A main service in its smallest form: what one start of the device does and says. The restart it
+// may ask for is only recorded.
+#include <iostream>
+
+#include "DiskUtils/System.h"
+#include "tests/card/Interpose.h"
+#include "tests/card/PrivateRoot.h"
+
+int main() {
+  CardTests::RequirePrivateRoot();
+  auto* const system = Quellon::System::GetInstance();
+  auto const* const disk = system->InitDisk();
+  std::cout << "card: "
+            << (disk == nullptr   ? "none"
+                : disk->available ? "usable"
+                                  : "unusable")
+            << "\nhealth: " << system->GetHealthReport() << '\n';
+  for (auto const& call : CardTests::MachineCalls()) std::cout << "asked: " << call << '\n';
+  std::cout << "end of this start" << std::endl;
+}
