@@ -37,9 +37,6 @@ class FakeCard {
   static void SetProperty(std::string const& name, std::string const& text) {
     Interpose::MakeFile("/sys/block/mmcblk1/" + name, text);
   }
-  static void Remove(std::string const& path) {
-    std::filesystem::remove_all(Interpose::Real(path));
-  }
   static bool HasTestFile() { return std::filesystem::exists(Interpose::Real(kTestFile)); }
 
   static Quellon::DiskUtils::Disk::DeviceStatus& Status() {

@@ -154,6 +154,10 @@ void MakeFile(std::string const& path, std::string const& content) {
   std::ofstream(real, std::ios::binary) << content;
 }
 
+void RemoveFile(std::string const& path) {
+  fs::remove_all(Folder().path.string() + path);
+}
+
 std::string ReadFile(std::string const& path) {
   std::ifstream file(Folder().path.string() + path, std::ios::binary);
   return {std::istreambuf_iterator<char>(file), {}};
@@ -224,8 +228,7 @@ int nanosleep(timespec const* duration, timespec* remaining) {
   RecordSleep(wanted - left.value_or(std::chrono::nanoseconds(0)));
   if (!left) return 0;
   auto const seconds = std::chrono::floor<std::chrono::seconds>(*left);
-  *remaining = {static_cast<time_t>(seconds.count()),
-                static_cast<long>((*left - seconds).count())};
+  *remaining = {static_cast<time_t>(seconds.count()), static_cast<long>((*left - seconds).count())};
   return Give(Answer::Failure(EINTR));
 }
 

@@ -82,6 +82,9 @@ std::filesystem::path Real(std::string const& path);
 /// Makes a file of the device with its folders.
 void MakeFile(std::string const& path, std::string const& content);
 
+/// Removes a file of the device, or a folder with all it holds. Never reaches the machine's own.
+void RemoveFile(std::string const& path);
+
 /// The whole content of a file of the device.
 std::string ReadFile(std::string const& path);
 

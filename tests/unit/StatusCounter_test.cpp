@@ -107,7 +107,7 @@ TEST_F(StatusCounter, IsMinusOneWhenTheFileCannotBeOpened) {
 }
 
 TEST_F(StatusCounter, IsMinusOneWhenItsFolderIsMissing) {
-  std::filesystem::remove_all(Interpose::Real("/root/"));
+  Interpose::RemoveFile("/root");
   EXPECT_EQ(system.ReadSDCardStatusCounter(), -1);
 }
 
