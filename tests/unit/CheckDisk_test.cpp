@@ -1,0 +1,194 @@
+#include "DiskUtils/CheckDisk.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "tests/support/Capture.h"
+#include "tests/support/Interpose.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using Interpose::Answer;
+using Interpose::hooks;
+using Interpose::Sleep;
+using Interpose::Trace;
+using Quellon::DiskUtils::CheckDisk;
+using testing::ElementsAre;
+using testing::ElementsAreArray;
+using Texts = std::vector<std::string>;
+
+constexpr char const* kUmount = "system umount /mnt/sdcard/";
+constexpr char const* kFsck = "system fsck -f -y /dev/mmcblk1p1";
+constexpr char const* kMount =
+    "system mount -o noatime,nodiratime,data=writeback /dev/mmcblk1p1 /mnt/sdcard/";
+
+Answer Exited(int code) {
+  return {code << 8, 0};
+}
+
+/// What system(3) returns for a command that a SIGKILL ended.
+Answer Killed() {
+  return {9, 0};
+}
+
+class CheckDiskTest : public testing::Test {
+ protected:
+  CheckDiskTest() {
+    hooks().system = [](auto&&) { return Exited(0); };
+  }
+
+  /// Commands that begin with `start` get these answers one after the other, then the last again.
+  static void Answers(std::string const& start, std::vector<Answer> answers) {
+    hooks().system = [=, next = std::size_t{0}](std::string const& command) mutable {
+      if (!command.starts_with(start)) return Exited(0);
+      return answers[next + 1 < answers.size() ? next++ : next];
+    };
+  }
+
+  std::string directory = "/mnt/sdcard/";
+  std::string device = "/dev/mmcblk1p1";
+  CheckDisk checkDisk{directory.data(), device.data()};
+};
+
+TEST_F(CheckDiskTest, KeepsCopiesOfBothPathsAndIgnoresTheNumber) {
+  CheckDisk const plain(directory.data(), device.data());
+  CheckDisk const numbered(42, directory.data(), device.data());
+  directory[1] = 'X';
+  device[1] = 'X';
+  for (CheckDisk const* const made : {&plain, &numbered}) {
+    EXPECT_EQ(made->mountPoint, "/mnt/sdcard/");
+    EXPECT_EQ(made->devicePath, "/dev/mmcblk1p1");
+  }
+}
+
+TEST_F(CheckDiskTest, TakesMissingPathsForEmptyOnes) {
+  CheckDisk const made(nullptr, nullptr);
+  EXPECT_EQ(made.mountPoint, "");
+  EXPECT_EQ(made.devicePath, "");
+}
+
+TEST_F(CheckDiskTest, UnmountsByCommand) {
+  EXPECT_EQ(Capture::Output([&] { checkDisk.UnMount(); }), "Unmount SD card success.\n");
+  EXPECT_THAT(Trace(), ElementsAre(kUmount));
+}
+
+TEST_F(CheckDiskTest, MountsByCommand) {
+  EXPECT_EQ(Capture::Output([&] { checkDisk.Mount(); }), "Mount SD card success\n");
+  EXPECT_THAT(Trace(), ElementsAre(kMount));
+}
+
+TEST_F(CheckDiskTest, GivesUpUnmountingAfterFourAttemptsAndFourSeconds) {
+  Answers("umount", {Exited(32)});
+  EXPECT_EQ(Capture::Output([&] { checkDisk.UnMount(); }), "Unmount SD card FAILED.\n");
+  EXPECT_THAT(Trace(), ElementsAre(kUmount, Sleep(1s), kUmount, Sleep(1s), kUmount, Sleep(1s),
+                                   kUmount, Sleep(1s)));
+}
+
+TEST_F(CheckDiskTest, GivesUpMountingAfterFourAttemptsAndFourSeconds) {
+  Answers("mount", {Exited(32)});
+  EXPECT_EQ(Capture::Output([&] { checkDisk.Mount(); }), "Mount SD card FAILED.\n");
+  EXPECT_THAT(Trace(), ElementsAre(kMount, Sleep(1s), kMount, Sleep(1s), kMount, Sleep(1s), kMount,
+                                   Sleep(1s)));
+}
+
+TEST_F(CheckDiskTest, MayStillSucceedWithTheFourthAttempt) {
+  Answers("umount", {Exited(1), Exited(255), Exited(32), Exited(0)});
+  EXPECT_EQ(Capture::Output([&] { checkDisk.UnMount(); }), "Unmount SD card success.\n");
+  EXPECT_EQ(Interpose::Slept(), 3s);
+}
+
+TEST_F(CheckDiskTest, TakesACommandThatASignalEndedForASuccess) {
+  hooks().system = [](auto&&) { return Killed(); };
+  EXPECT_EQ(Capture::Output([&] { EXPECT_EQ(checkDisk.DiskCheck(), 0); }),
+            "Unmount SD card success.\nFSCK output: No errors\nMount SD card success\n");
+  EXPECT_THAT(Trace(), ElementsAre(kUmount, kFsck, kMount));
+}
+
+TEST_F(CheckDiskTest, TakesACommandThatCouldNotBeStartedForAFailure) {
+  hooks().system = [](auto&&) { return Answer::Failure(ENOMEM); };
+  EXPECT_EQ(Capture::Output([&] { EXPECT_EQ(checkDisk.DiskCheck(), 255); }),
+            "Unmount SD card FAILED.\nMount SD card FAILED.\n");
+  EXPECT_EQ(Interpose::Slept(), 8s);
+}
+
+TEST_F(CheckDiskTest, WaitsWholeSecondsThoughSignalsArrive) {
+  Answers("mount", {Exited(32), Exited(0)});
+  hooks().interrupt = [](std::chrono::nanoseconds pause) {
+    return pause == 1s ? std::optional<std::chrono::nanoseconds>(400ms) : std::nullopt;
+  };
+  Capture::Output([&] { checkDisk.Mount(); });
+  EXPECT_THAT(Interpose::Traced("sleep"), ElementsAre(Sleep(600ms), Sleep(400ms)));
+}
+
+TEST_F(CheckDiskTest, ChecksAndMountsThoughTheUnmountFailed) {
+  Answers("umount", {Exited(32)});
+  EXPECT_EQ(Capture::Output([&] { checkDisk.DiskCheck(); }),
+            "Unmount SD card FAILED.\nFSCK output: No errors\nMount SD card success\n");
+  Texts expected;
+  for (int attempt = 0; attempt < 4; ++attempt) {
+    expected.insert(expected.end(), {kUmount, Sleep(1s)});
+  }
+  expected.insert(expected.end(), {kFsck, kMount});
+  EXPECT_THAT(Trace(), ElementsAreArray(expected));
+}
+
+struct Result {
+  int code;
+  char const* lines;
+};
+
+class CheckResult : public CheckDiskTest, public testing::WithParamInterface<Result> {};
+
+TEST_P(CheckResult, IsPrintedAndReturned) {
+  auto const [code, lines] = GetParam();
+  Answers("fsck", {Exited(code)});
+  std::string const output =
+      Capture::Output([&, expected = code] { EXPECT_EQ(checkDisk.DiskCheck(), expected); });
+  EXPECT_EQ(output, "Unmount SD card success.\n" + std::string(lines) + "Mount SD card success\n");
+  EXPECT_EQ(Interpose::Slept(), code == 2 ? 3s : 0s);
+  EXPECT_THAT(Interpose::Traced("system"), ElementsAre(kUmount, kFsck, kMount));
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Codes, CheckResult,
+    testing::Values(Result{0, "FSCK output: No errors\n"},
+                    Result{1, "FSCK output: File system errors corrected\n"},
+                    Result{2,
+                           "FSCK output: System should be rebooted\n"
+                           "fcsk requested system reboot...\n"
+                           "===================================>>> REBOOT \n"},
+                    Result{3, ""}, Result{4, "FSCK output: File system errors left uncorrected\n"},
+                    Result{5, ""}, Result{6, ""}, Result{7, ""},
+                    Result{8, "FSCK output: Operational error\n"}, Result{12, ""},
+                    Result{16, "FSCK output: Usage or syntax error\n"},
+                    Result{32, "FSCK output: Fsck canceled by user request\n"}, Result{64, ""},
+                    Result{127, ""}, Result{128, "FSCK output: Shared library error\n"},
+                    Result{129, ""}, Result{255, ""}),
+    [](auto const& instance) { return "Code" + std::to_string(instance.param.code); });
+
+TEST_F(CheckDiskTest, WaitsThreeSecondsBetweenTheRebootLineAndMountingAndRebootsNothing) {
+  Answers("fsck", {Exited(2)});
+  Capture::Output([&] { checkDisk.DiskCheck(); });
+  EXPECT_THAT(Trace(), ElementsAre(kUmount, kFsck, Sleep(3s), kMount));
+}
+
+TEST_F(CheckDiskTest, PrintsInOrderWithWhatTheCommandsPrint) {
+  hooks().system = [](std::string const& command) {
+    std::string const line = command.substr(0, command.find(' ')) + " speaks\n";
+    EXPECT_EQ(write(1, line.data(), line.size()), static_cast<ssize_t>(line.size()));
+    return Exited(0);
+  };
+  EXPECT_EQ(Capture::Output([&] { checkDisk.DiskCheck(); }),
+            "umount speaks\nUnmount SD card success.\nfsck speaks\nFSCK output: No errors\n"
+            "mount speaks\nMount SD card success\n");
+}
+
+}  // namespace

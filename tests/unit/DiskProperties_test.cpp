@@ -1,0 +1,215 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <limits>
+#include <string>
+#include <type_traits>
+#include <utility>
+#include <vector>
+
+#include "DiskUtils/Disk.h"
+#include "tests/support/Capture.h"
+#include "tests/support/Descriptors.h"
+#include "tests/support/FakeCard.h"
+#include "tests/support/Interpose.h"
+
+namespace {
+
+using Interpose::Answer;
+using Interpose::hooks;
+using Interpose::MakeFile;
+using Quellon::DiskUtils::Disk;
+using Quellon::DiskUtils::SDCardInfo;
+using Quellon::DiskUtils::SDCardInfoData;
+using testing::IsEmpty;
+
+constexpr char const* kProperty = "/sys/block/mmcblk1/size";
+
+std::string Missing(std::string const& path) {
+  return "ERR: [" + path + "] does not exist !\n";
+}
+
+/// The property's text and what reading it prints.
+std::pair<std::string, std::string> Read(std::string const& path) {
+  std::string text;
+  std::string const output = Capture::Output([&] { text = Disk::readSysFSProperty(path); });
+  return {text, output};
+}
+
+struct FirstWord {
+  char const* name;
+  char const* content;
+  char const* word;
+};
+
+class Property : public testing::TestWithParam<FirstWord> {};
+
+TEST_P(Property, IsTheFirstWordOfItsFile) {
+  MakeFile(kProperty, GetParam().content);
+  Descriptors::Watch const descriptors;
+  EXPECT_THAT(Read(kProperty), testing::Pair(GetParam().word, ""));
+  EXPECT_THAT(descriptors.Opened(), IsEmpty());
+}
+
+INSTANTIATE_TEST_SUITE_P(Contents, Property,
+                         testing::Values(FirstWord{"WithALineEnd", "0\n", "0"},
+                                         FirstWord{"WithoutALineEnd", "SD32G", "SD32G"},
+                                         FirstWord{"SeveralWords", "one two\nthree\n", "one"},
+                                         FirstWord{"AfterBlanks", " \t\n 7\n", "7"},
+                                         FirstWord{"OnlyBlanks", " \n", ""},
+                                         FirstWord{"Nothing", "", ""}),
+                         [](auto const& instance) { return instance.param.name; });
+
+TEST(Properties, AreEmptyAndReportedWhenTheFileIsMissing) {
+  EXPECT_THAT(Read(kProperty), testing::Pair("", Missing(kProperty)));
+}
+
+TEST(Properties, AreReportedMissingWhenTheFileIsNotReadable) {
+  MakeFile(kProperty, "31116288\n");
+  hooks().access = [](std::string const&) { return Answer::Failure(EACCES); };
+  EXPECT_THAT(Read(kProperty), testing::Pair("", Missing(kProperty)));
+}
+
+TEST(Properties, AreEmptyWhenTheFileVanishesBeforeItIsOpened) {
+  hooks().access = [](std::string const&) { return Answer::Success(); };
+  EXPECT_THAT(Read(kProperty), testing::Pair("", ""));
+}
+
+TEST(Numbers, AreTheBaseTenNumberThatATextBeginsWith) {
+  EXPECT_EQ(Disk::StringToULong(""), 0U);
+  EXPECT_EQ(Disk::StringToULong("12abc"), 12U);
+  EXPECT_EQ(Disk::StringToULong("abc"), 0U);
+  EXPECT_EQ(Disk::StringToULong(" \n\t42"), 42U);
+  EXPECT_EQ(Disk::StringToULong("+7"), 7U);
+  EXPECT_EQ(Disk::StringToULong("0x10"), 0U);
+  EXPECT_EQ(Disk::StringToULong("010"), 10U);
+  EXPECT_EQ(Disk::StringToULong("31116288"), 31116288U);
+}
+
+TEST(Numbers, AreSigned64BitOnesAsTheirUnsignedPattern) {
+  using Limits = std::numeric_limits<long long>;
+  constexpr unsigned long long kLargest = Limits::max();
+  EXPECT_EQ(Disk::StringToULong("-1"), std::numeric_limits<unsigned long long>::max());
+  EXPECT_EQ(Disk::StringToULong("9223372036854775807"), kLargest);
+  EXPECT_EQ(Disk::StringToULong("18446744073709551615"), kLargest);
+  EXPECT_EQ(Disk::StringToULong("-9223372036854775808"), kLargest + 1);
+}
+
+TEST(Numbers, AreWrittenInDecimal) {
+  EXPECT_EQ(Disk::ULongToString(0), "0");
+  EXPECT_EQ(Disk::ULongToString(15931539456), "15931539456");
+  EXPECT_EQ(Disk::ULongToString(std::numeric_limits<unsigned long long>::max()),
+            "18446744073709551615");
+}
+
+TEST(LifetimeWrites, AreReadFromThePartitionsFileSystem) {
+  MakeFile("/sys/fs/ext4/mmcblk1p1/lifetime_write_kbytes", "4294967296\n");
+  EXPECT_EQ(Disk::getSDCardLifetimeWrites("mmcblk1p1"), 4294967296U);
+}
+
+TEST(LifetimeWrites, AreZeroAndReportedWhenUnknown) {
+  std::string const output =
+      Capture::Output([] { EXPECT_EQ(Disk::getSDCardLifetimeWrites("mmcblk1p1"), 0U); });
+  EXPECT_EQ(output, Missing("/sys/fs/ext4/mmcblk1p1/lifetime_write_kbytes"));
+}
+
+TEST(ReadOnlyFlag, IsAnyNumberButZero) {
+  for (auto const& [text, flag] : std::vector<std::pair<std::string, bool>>{
+           {"0\n", false}, {"1\n", true}, {"2\n", true}, {"-1\n", true}, {"yes\n", false}}) {
+    MakeFile("/sys/class/block/mmcblk1/ro", text);
+    EXPECT_EQ(Disk::getSDCardReadOnlyFlag("mmcblk1"), flag) << text;
+  }
+}
+
+TEST(ReadOnlyFlag, IsFalseAndReportedWhenUnknown) {
+  std::string const output =
+      Capture::Output([] { EXPECT_FALSE(Disk::getSDCardReadOnlyFlag("mmcblk1")); });
+  EXPECT_EQ(output, Missing("/sys/class/block/mmcblk1/ro"));
+}
+
+TEST(TotalSize, IsTheSectorCountTimes512) {
+  MakeFile("/sys/class/block/mmcblk1/size", "31116288\n");
+  EXPECT_EQ(Disk::getSDCardTotalSize("mmcblk1"), 15931539456U);
+}
+
+TEST(TotalSize, IsZeroAndReportedWhenUnknown) {
+  std::string const output =
+      Capture::Output([] { EXPECT_EQ(Disk::getSDCardTotalSize("mmcblk1"), 0U); });
+  EXPECT_EQ(output, Missing("/sys/class/block/mmcblk1/size"));
+}
+
+TEST(CardIdentity, IsPlainDataWithoutVirtualOperations) {
+  static_assert(!std::is_polymorphic_v<SDCardInfo>);
+  static_assert(!std::is_polymorphic_v<SDCardInfoData>);
+  static_assert(sizeof(SDCardInfo) == sizeof(SDCardInfoData));
+  static_assert(std::is_copy_assignable_v<SDCardInfoData>);
+}
+
+TEST(CardIdentity, HoldsEveryPropertyAsTheKernelGivesIt) {
+  FakeCard const card;
+  std::string const output = Capture::Output([] {
+    SDCardInfoData const data = SDCardInfo("mmcblk1").data;
+    EXPECT_EQ(data.cid, FakeCard::kCid);
+    EXPECT_EQ(data.csd, "400e00325b590000ed5f7f800a400001");
+    EXPECT_EQ(data.serial, "0xe0e7f40f");
+    EXPECT_EQ(data.oemid, "0x5048");
+    EXPECT_EQ(data.manfid, "0x000027");
+    EXPECT_EQ(data.name, "SD32G");
+    EXPECT_EQ(data.ro, "0");
+    EXPECT_EQ(data.size, 15931539456U);
+  });
+  EXPECT_EQ(output, "");
+}
+
+TEST(CardIdentity, IsReadInAFixedOrderAndLeftEmptyWhereItIsMissing) {
+  std::string const output = Capture::Output([] {
+    SDCardInfoData const data = SDCardInfo("mmcblk7").data;
+    EXPECT_EQ(data.cid + data.csd + data.serial + data.oemid + data.manfid + data.name + data.ro,
+              "");
+    EXPECT_EQ(data.size, 0U);
+  });
+  std::string expected;
+  for (char const* const name : {"device/cid", "device/csd", "device/serial", "device/manfid",
+                                 "device/oemid", "device/name", "ro", "size"}) {
+    expected += Missing(std::string("/sys/block/mmcblk7/") + name);
+  }
+  EXPECT_EQ(output, expected);
+}
+
+TEST(CardIdentity, IsPrintedOneItemALine) {
+  FakeCard const card;
+  std::string const output = Capture::Output([] {
+    Disk disk(FakeCard::kMountPoint, FakeCard::kPartition, FakeCard::kDevice);
+    std::puts("--");
+    disk.PrintInfo();
+  });
+  EXPECT_EQ(output.substr(output.find("--\n") + 3),
+            " Disk info:\n"
+            " CID 275048534433324760e0e7f40f012a01\n"
+            " CSD 400e00325b590000ed5f7f800a400001\n"
+            " Manfield 0x000027\n"
+            " Name SD32G\n"
+            " OemId 0x5048\n"
+            " RO 0\n"
+            " Serial 0xe0e7f40f\n"
+            " Size 15931539456\n");
+}
+
+TEST(CardIdentity, IsPrintedEmptyWithoutACard) {
+  std::string const output = Capture::Output([] {
+    Disk disk(FakeCard::kMountPoint, FakeCard::kPartition, FakeCard::kDevice);
+    disk.PrintInfo();
+  });
+  EXPECT_EQ(output,
+            "Disk exception Disk not found\n"
+            " Disk info:\n CID \n CSD \n Manfield \n Name \n OemId \n RO \n Serial \n Size 0\n");
+}
+
+TEST(SlowReadOnlyTest, IsAlwaysFalseAndTouchesNothing) {
+  EXPECT_EQ(Capture::Output([] { EXPECT_FALSE(Disk::testSDCardReadOnlySlow("mmcblk1")); }), "");
+  EXPECT_THAT(Interpose::Trace(), IsEmpty());
+}
+
+}  // namespace

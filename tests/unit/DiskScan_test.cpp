@@ -1,0 +1,281 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <exception>
+#include <filesystem>
+#include <optional>
+#include <string>
+
+#include "DiskUtils/Disk.h"
+#include "base/IException.h"
+#include "tests/support/Capture.h"
+#include "tests/support/Descriptors.h"
+#include "tests/support/FailingAllocation.h"
+#include "tests/support/FakeCard.h"
+#include "tests/support/Interpose.h"
+
+namespace {
+
+using Interpose::Answer;
+using Interpose::hooks;
+using Interpose::ReadFile;
+using Interpose::Trace;
+using Quellon::DiskUtils::Disk;
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+constexpr char const* kChecked =
+    "Unmount SD card success.\nFSCK output: No errors\nMount SD card success\n";
+
+class DiskScan : public testing::Test {
+ protected:
+  DiskScan() {
+    Capture::Output(
+        [this] { disk.emplace(FakeCard::kMountPoint, FakeCard::kPartition, FakeCard::kDevice); });
+  }
+
+  /// Scans; the exception's text, or "passed".
+  std::string Scan() {
+    Capture::Descriptor captured(1);
+    std::string result = "passed";
+    try {
+      disk->ScanDisk();
+    } catch (Tarvik::IException const& exception) {
+      result = exception.what();
+      code = exception.code;
+    }
+    output = captured.Text();
+    return result;
+  }
+
+  FakeCard card;
+  std::optional<Disk> disk;
+  std::string output;
+  int code = 0;
+};
+
+TEST_F(DiskScan, PassesAGoodCardInAFixedOrder) {
+  disk->available = true;
+  EXPECT_EQ(Scan(), "passed");
+  EXPECT_EQ(output, kChecked);
+  EXPECT_TRUE(disk->available);
+  EXPECT_THAT(Trace(),
+              ElementsAre("sync", "system umount /mnt/sdcard/", "system fsck -f -y /dev/mmcblk1p1",
+                          "system mount -o noatime,nodiratime,data=writeback /dev/mmcblk1p1 "
+                          "/mnt/sdcard/",
+                          "unlink /mnt/sdcard/check.tmp"));
+  EXPECT_FALSE(FakeCard::HasTestFile());
+}
+
+TEST_F(DiskScan, RecordsWhatItFoundInTheStatusTable) {
+  card.fsckCode = 1;
+  FakeCard::SetProperty("device/cid", "another\n");
+  Scan();
+  EXPECT_EQ(FakeCard::Status().fsckStatus, 1);
+  EXPECT_EQ(FakeCard::Status().lifetimeWritesKB, 734003U);
+  EXPECT_EQ(FakeCard::Status().malfunction, 0);
+  EXPECT_STREQ(FakeCard::Status().cid, "another");
+}
+
+TEST_F(DiskScan, PassesWhateverTheCheckReturnsAsLongAsTheFileSurvives) {
+  for (int const result : {1, 2, 4, 12, 255}) {
+    card.fsckCode = result;
+    EXPECT_EQ(Scan(), "passed");
+    EXPECT_EQ(FakeCard::Status().fsckStatus, result);
+    EXPECT_TRUE(disk->available);
+  }
+}
+
+TEST_F(DiskScan, WritesAndFlushesTheTestFileBeforeTheCheck) {
+  std::string flushed;
+  std::string checked;
+  hooks().sync = [&] { flushed = ReadFile(FakeCard::kTestFile); };
+  card.duringCheck = [&] {
+    checked = ReadFile(FakeCard::kTestFile);
+    EXPECT_FALSE(disk->available);
+  };
+  Scan();
+  EXPECT_EQ(flushed, "velmor");
+  EXPECT_EQ(checked, "velmor");
+}
+
+TEST_F(DiskScan, OverwritesATestFileThatAnEarlierScanLeft) {
+  Interpose::MakeFile(FakeCard::kTestFile, "something longer than velmor");
+  card.duringCheck = [] { EXPECT_EQ(ReadFile(FakeCard::kTestFile), "velmor"); };
+  EXPECT_EQ(Scan(), "passed");
+  EXPECT_FALSE(FakeCard::HasTestFile());
+}
+
+TEST_F(DiskScan, NeverReadsTheTestFileBack) {
+  card.duringCheck = [] { Interpose::MakeFile(FakeCard::kTestFile, "garbled"); };
+  EXPECT_EQ(Scan(), "passed");
+}
+
+TEST_F(DiskScan, RefusesADiskThatIsNotAvailableWithoutTouchingTheCard) {
+  disk->available = false;
+  EXPECT_EQ(Scan(), "The device is not available");
+  EXPECT_EQ(code, 0);
+  EXPECT_EQ(output, "");
+  EXPECT_THAT(Trace(), IsEmpty());
+  EXPECT_FALSE(FakeCard::HasTestFile());
+}
+
+TEST_F(DiskScan, RefusesACardThatIsNotPresentAndLeavesItAvailable) {
+  FakeCard::Status().present = false;
+  EXPECT_EQ(Scan(), "The device is not available");
+  EXPECT_TRUE(disk->available);
+  EXPECT_THAT(Trace(), IsEmpty());
+}
+
+TEST_F(DiskScan, MakesAStatusEntryWhereThereIsNone) {
+  Disk::deviceStatusList.clear();
+  EXPECT_EQ(Scan(), "The device is not available");
+  EXPECT_EQ(Disk::deviceStatusList.count(FakeCard::kMountPoint), 1U);
+}
+
+TEST_F(DiskScan, CallsACardThatLosesTheTestFileAMalfunction) {
+  card.fsckCode = 1;
+  card.duringCheck = [] { Interpose::RemoveFile(FakeCard::kTestFile); };
+  EXPECT_EQ(Scan(), "disk malfunction");
+  EXPECT_EQ(code, 0);
+  EXPECT_FALSE(disk->available);
+  EXPECT_EQ(FakeCard::Status().malfunction, 1);
+  EXPECT_EQ(FakeCard::Status().fsckStatus, 1);
+  EXPECT_EQ(FakeCard::Status().lifetimeWritesKB, 0U);
+  EXPECT_THAT(Interpose::Traced("unlink"), IsEmpty());
+}
+
+TEST_F(DiskScan, ChecksACardThatCannotTakeTheTestFileAndCallsItAMalfunction) {
+  Interpose::RemoveFile(FakeCard::kMountPoint);
+  card.duringCheck = [] { std::filesystem::create_directories(Interpose::Real("/mnt/sdcard/")); };
+  EXPECT_EQ(Scan(), "disk malfunction");
+  EXPECT_EQ(output, kChecked);
+  EXPECT_EQ(Trace().front(), "system umount /mnt/sdcard/");  // nothing written, nothing flushed
+}
+
+TEST_F(DiskScan, HasLaterDisksRefuseTheCardForGood) {
+  card.duringCheck = [] { Interpose::RemoveFile(FakeCard::kTestFile); };
+  Scan();
+  card.duringCheck = nullptr;
+  EXPECT_EQ(Capture::Output([] {
+              Disk const later(FakeCard::kMountPoint, FakeCard::kPartition, FakeCard::kDevice);
+              EXPECT_FALSE(later.available);
+            }),
+            "Disk exception Disk malfunction status had been set to read-only\n");
+}
+
+TEST_F(DiskScan, NeverTakesAMalfunctionBack) {
+  FakeCard::Status().malfunction = 1;
+  EXPECT_EQ(Scan(), "passed");
+  EXPECT_EQ(FakeCard::Status().malfunction, 1);
+}
+
+TEST_F(DiskScan, MissesACardThatWentDuringTheCheck) {
+  card.fsckCode = 8;
+  card.duringCheck = [] { Interpose::RemoveFile(FakeCard::kPartition); };
+  EXPECT_EQ(Scan(), "Disk not present");
+  EXPECT_EQ(code, 0);
+  EXPECT_FALSE(disk->available);
+  EXPECT_FALSE(FakeCard::Status().present);
+  EXPECT_EQ(FakeCard::Status().fsckStatus, 8);
+  EXPECT_EQ(FakeCard::Status().malfunction, 0);
+  EXPECT_TRUE(FakeCard::HasTestFile());
+}
+
+TEST_F(DiskScan, MountsByTheKernelWhatTheCommandLeftUnmounted) {
+  card.duringCheck = [this] {
+    hooks().system = [](auto&&) { return Answer::Success(); };
+    card.mounted = false;
+  };
+  EXPECT_EQ(Scan(), "passed");
+  EXPECT_THAT(Interpose::Traced("mount /dev"), testing::SizeIs(1));
+}
+
+TEST_F(DiskScan, RemovesTheTestFileOfACardThatTurnedReadOnlyAndRefusesIt) {
+  FakeCard::SetProperty("ro", "1\n");
+  EXPECT_EQ(Scan(), "disk read only");
+  EXPECT_EQ(code, 0);
+  EXPECT_FALSE(disk->available);
+  EXPECT_TRUE(FakeCard::Status().readOnly);
+  EXPECT_FALSE(FakeCard::HasTestFile());
+  EXPECT_EQ(FakeCard::Status().lifetimeWritesKB, 0U);
+}
+
+TEST_F(DiskScan, PassesThoughTheTestFileCannotBeRemoved) {
+  hooks().unlink = [](auto&&) { return Answer::Failure(EROFS); };
+  EXPECT_EQ(Scan(), "passed");
+  EXPECT_TRUE(FakeCard::HasTestFile());
+}
+
+TEST_F(DiskScan, LetsTheStatErrorsOfThePresenceTestPass) {
+  card.duringCheck = [] { Interpose::RemoveFile(FakeCard::kMountPoint); };
+  EXPECT_EQ(Scan(), "Stat error (1)");
+  EXPECT_EQ(code, ENOENT);
+  EXPECT_FALSE(disk->available);
+}
+
+TEST_F(DiskScan, RecordsZeroLifetimeWritesWhenTheyAreUnknown) {
+  FakeCard::Status().lifetimeWritesKB = 7;
+  Interpose::RemoveFile("/sys/fs");
+  EXPECT_EQ(Scan(), "passed");
+  EXPECT_EQ(output, std::string(kChecked) +
+                        "ERR: [/sys/fs/ext4/mmcblk1p1/lifetime_write_kbytes] does not exist !\n");
+  EXPECT_EQ(FakeCard::Status().lifetimeWritesKB, 0U);
+}
+
+TEST_F(DiskScan, NamesThePartitionByWhatFollowsTheLastSlashOrBackslash) {
+  for (char const* const path :
+       {"mmcblk1p1", "\\dev\\mmcblk1p1", "/dev\\mmcblk1p1", "\\dev/mmcblk1p1", "/dev/mmcblk1p1"}) {
+    hooks().access = [](auto&&) { return Answer::Success(); };
+    FakeCard::Status().lifetimeWritesKB = 0;
+    disk->devicePath = path;
+    EXPECT_EQ(Scan(), "passed");
+    EXPECT_EQ(FakeCard::Status().lifetimeWritesKB, 734003U) << path;
+  }
+}
+
+TEST_F(DiskScan, LeavesTheSpaceFiguresAsTheyWere) {
+  card.space.f_blocks = 1;
+  Scan();
+  EXPECT_EQ(disk->totalBytes, 12288000000);
+}
+
+// Until the file is flushed every failed allocation is one of the path, which passes, or of the
+// writing.
+TEST_F(DiskScan, GivesUpWhicheverAllocationFailsWhileWritingTheTestFile) {
+  hooks().sync = FailingAllocation::Stop;
+  Descriptors::Watch const descriptors;
+  int number = 1;
+  for (bool failed = true; failed; ++number) {
+    disk->available = true;
+    Capture::Descriptor captured(1);
+    FailingAllocation const allocation(number + 1);
+    std::string result = "passed";
+    try {
+      disk->ScanDisk();
+    } catch (std::exception const& exception) {
+      result = exception.what();
+    }
+    failed = FailingAllocation::Happened();
+    EXPECT_EQ(result, failed ? "Could not write test file" : "passed") << "allocation " << number;
+    EXPECT_EQ(disk->available, !failed);
+  }
+  EXPECT_GT(number, 2);
+  EXPECT_THAT(descriptors.Opened(), IsEmpty());
+}
+
+TEST_F(DiskScan, RecordsZeroLifetimeWritesWhenReadingThemThrows) {
+  FakeCard::Status().lifetimeWritesKB = 7;
+  std::optional<FailingAllocation> allocation;
+  hooks().unlink = [&](auto&&) {
+    allocation.emplace(2);
+    return Answer::Success();
+  };
+  EXPECT_EQ(Scan(), "passed");
+  EXPECT_TRUE(FailingAllocation::Happened());
+  EXPECT_TRUE(disk->available);
+  EXPECT_EQ(FakeCard::Status().lifetimeWritesKB, 0U);
+}
+
+}  // namespace

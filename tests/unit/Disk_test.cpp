@@ -1,0 +1,338 @@
+#include "DiskUtils/Disk.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/mount.h>
+
+#include <cerrno>
+#include <chrono>
+#include <optional>
+#include <string>
+#include <type_traits>
+#include <utility>
+#include <vector>
+
+#include "base/IException.h"
+#include "tests/support/Capture.h"
+#include "tests/support/Descriptors.h"
+#include "tests/support/FakeCard.h"
+#include "tests/support/Interpose.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using Interpose::Answer;
+using Interpose::hooks;
+using Interpose::Sleep;
+using Interpose::Trace;
+using Quellon::DiskUtils::CheckDisk;
+using Quellon::DiskUtils::Disk;
+using testing::ElementsAre;
+using testing::ElementsAreArray;
+using testing::IsEmpty;
+using testing::SizeIs;
+
+constexpr char const* kMountCall = "mount /dev/mmcblk1p1 /mnt/sdcard/ ext4 3080 data=writeback";
+constexpr char const* kSpaceLine = "Disk /mnt/sdcard/ free sapce 3906MB from 11718MB\n";
+
+/// Calls `work`, which must throw an IException, and returns it.
+template <typename Work>
+Tarvik::IException Thrown(Work work) {
+  try {
+    work();
+  } catch (Tarvik::IException const& exception) {
+    return exception;
+  }
+  ADD_FAILURE() << "nothing thrown";
+  return Tarvik::IException("");
+}
+
+class DiskTest : public testing::Test {
+ protected:
+  /// Makes the Disk and returns what that prints.
+  std::string Make(std::string const& mountPoint = FakeCard::kMountPoint) {
+    return Capture::Output(
+        [&] { disk.emplace(mountPoint, FakeCard::kPartition, FakeCard::kDevice); });
+  }
+
+  /// stat(2) of `path` fails.
+  static void StatFails(std::string const& path, int error) {
+    hooks().stat = [=](std::string const& asked, struct stat* status) {
+      *status = {};
+      return asked == path ? Answer::Failure(error) : Answer::Success();
+    };
+  }
+
+  FakeCard card;
+  std::optional<Disk> disk;
+};
+
+TEST(DiskClass, IsACheckDiskWithAVirtualDestructor) {
+  static_assert(std::is_base_of_v<CheckDisk, Disk>);
+  static_assert(std::has_virtual_destructor_v<Disk>);
+  static_assert(std::has_virtual_destructor_v<CheckDisk>);
+}
+
+TEST_F(DiskTest, IsAvailableAndMeasuredWithAGoodCard) {
+  EXPECT_EQ(Make(), kSpaceLine);
+  EXPECT_TRUE(disk->available);
+  EXPECT_EQ(disk->mountPoint, "/mnt/sdcard/");
+  EXPECT_EQ(disk->devicePath, "/dev/mmcblk1p1");
+  EXPECT_EQ(disk->blockDevice, "mmcblk1");
+  EXPECT_EQ(disk->reserveRatio, 0.055F);
+  EXPECT_EQ(disk->totalBytes, 12288000000);
+  EXPECT_EQ(disk->freeBytes, 4096000000);
+  EXPECT_EQ(disk->sdCardInfo.name, "SD32G");
+  EXPECT_THAT(Trace(), IsEmpty());
+}
+
+TEST_F(DiskTest, RecordsTheCardInTheStatusTable) {
+  Make();
+  ASSERT_THAT(Disk::deviceStatusList, SizeIs(1));
+  Disk::DeviceStatus const& status = Disk::deviceStatusList.at("/mnt/sdcard/");
+  EXPECT_STREQ(status.cid, FakeCard::kCid);
+  EXPECT_TRUE(status.present);
+  EXPECT_FALSE(status.readOnly);
+  EXPECT_EQ(status.fsckStatus, 0);
+  EXPECT_EQ(status.malfunction, 0);
+  EXPECT_EQ(status.sizeBytes, 15931539456U);
+  EXPECT_EQ(status.lifetimeWritesKB, 0U);
+}
+
+TEST_F(DiskTest, IsNotFoundWithoutItsBlockDevice) {
+  Interpose::RemoveFile("/dev/mmcblk1");
+  FakeCard::Status().present = true;
+  EXPECT_EQ(Make(), "Disk exception Disk not found\n");
+  EXPECT_FALSE(disk->available);
+  EXPECT_EQ(disk->totalBytes, 0);
+  EXPECT_EQ(disk->freeBytes, 0);
+  EXPECT_EQ(disk->reserveBytes, 0);
+  EXPECT_FALSE(FakeCard::Status().present);
+  EXPECT_EQ(disk->sdCardInfo.cid, "");
+}
+
+TEST_F(DiskTest, LeavesAZeroedEntryForACardThatIsMissing) {
+  Interpose::RemoveFile("/dev/mmcblk1");
+  Make();
+  ASSERT_THAT(Disk::deviceStatusList, SizeIs(1));
+  Disk::DeviceStatus const& status = FakeCard::Status();
+  EXPECT_STREQ(status.cid, "");
+  EXPECT_FALSE(status.present || status.readOnly);
+  EXPECT_EQ(status.fsckStatus + status.malfunction, 0);
+  EXPECT_EQ(status.sizeBytes + status.lifetimeWritesKB, 0U);
+}
+
+TEST_F(DiskTest, KnowsTheIdentityOfACardWithoutItsPartition) {
+  Interpose::RemoveFile(FakeCard::kPartition);
+  EXPECT_EQ(Make(), "Disk exception Disk not found\n");
+  EXPECT_FALSE(disk->available);
+  EXPECT_FALSE(FakeCard::Status().present);
+  EXPECT_STREQ(FakeCard::Status().cid, FakeCard::kCid);
+  EXPECT_EQ(FakeCard::Status().sizeBytes, 15931539456U);
+}
+
+TEST_F(DiskTest, IsPresentAndMeasuredButNotAvailableWhenTheCardIsReadOnly) {
+  FakeCard::SetProperty("ro", "1\n");
+  EXPECT_EQ(Make(), kSpaceLine);
+  EXPECT_FALSE(disk->available);
+  EXPECT_TRUE(FakeCard::Status().present);
+  EXPECT_TRUE(FakeCard::Status().readOnly);
+  EXPECT_EQ(disk->totalBytes, 12288000000);
+}
+
+TEST_F(DiskTest, RefusesAMountPointWhoseCardFailedBeforeItTouchesAnything) {
+  FakeCard::Status().malfunction = 1;
+  hooks().access = [](std::string const& path) {
+    ADD_FAILURE() << path;
+    return Answer::Success();
+  };
+  EXPECT_EQ(Make(), "Disk exception Disk malfunction status had been set to read-only\n");
+  EXPECT_FALSE(disk->available);
+  EXPECT_EQ(FakeCard::Status().malfunction, 1);
+}
+
+TEST_F(DiskTest, TakesACardAfterAMalfunctionOfAnyOtherNumber) {
+  FakeCard::Status().malfunction = 2;
+  Make();
+  EXPECT_TRUE(disk->available);
+}
+
+TEST_F(DiskTest, ServesAnotherMountPointThoughTheCardOfOneFailed) {
+  Disk::deviceStatusList["/mnt/other/"].malfunction = 1;
+  Make();
+  EXPECT_TRUE(disk->available);
+}
+
+TEST_F(DiskTest, KeepsAtMost35CharactersOfTheCid) {
+  FakeCard::SetProperty("device/cid", std::string(50, 'c'));
+  Make();
+  EXPECT_EQ(FakeCard::Status().cid, std::string(35, 'c'));
+  EXPECT_EQ(disk->sdCardInfo.cid, std::string(50, 'c'));
+  FakeCard::SetProperty("device/cid", "short");
+  disk->CheckDeviceStatus();
+  EXPECT_STREQ(FakeCard::Status().cid, "short");
+}
+
+TEST_F(DiskTest, MountsACardThatIsNotMounted) {
+  card.mounted = false;
+  EXPECT_EQ(Make(), kSpaceLine);
+  EXPECT_TRUE(disk->available);
+  EXPECT_THAT(Trace(), ElementsAre("umount /mnt/sdcard/", kMountCall));
+}
+
+TEST_F(DiskTest, IsNotFoundWhenItCannotBeMounted) {
+  card.mounted = false;
+  card.systemCallsWork = false;
+  std::string output;
+  Capture::ErrorOutput([&] { output = Make(); });
+  EXPECT_EQ(output, "Disk exception Disk not found\n");
+  EXPECT_FALSE(disk->available);
+  EXPECT_TRUE(FakeCard::Status().present);
+  EXPECT_THAT(Interpose::Traced("umount2"), SizeIs(10));
+  EXPECT_EQ(Trace().back(), kMountCall);
+}
+
+TEST_F(DiskTest, LooksForTheCardInAFixedOrder) {
+  std::vector<std::string> asked;
+  hooks().access = [&](std::string const& path) {
+    asked.push_back(path);
+    return Answer::Success();
+  };
+  Make();
+  ASSERT_THAT(asked, SizeIs(10));
+  EXPECT_EQ(asked.front(), "/dev/mmcblk1");
+  EXPECT_EQ(asked[1], "/sys/block/mmcblk1/device/cid");
+  EXPECT_EQ(asked.back(), "/dev/mmcblk1p1");
+}
+
+TEST_F(DiskTest, PrintsTheStatErrorOfAMountPointWithoutItsSlash) {
+  EXPECT_EQ(Make("/mnt/sdcard"), "Disk exception Stat error (2)\n");
+  EXPECT_FALSE(disk->available);
+}
+
+TEST_F(DiskTest, PrintsTheStatErrorOfAMissingMountPoint) {
+  Interpose::RemoveFile(FakeCard::kMountPoint);
+  EXPECT_EQ(Make(), "Disk exception Stat error (1)\n");
+  EXPECT_FALSE(disk->available);
+}
+
+TEST_F(DiskTest, PrintsThatItCannotBeMeasured) {
+  hooks().statvfs = [](auto&&...) { return Answer::Failure(EIO); };
+  EXPECT_EQ(Make(), "Disk exception Get space stat error\n");
+  EXPECT_FALSE(disk->available);
+}
+
+TEST_F(DiskTest, ThrowsTheErrnoOfTheStatThatFailed) {
+  Make();
+  StatFails("/mnt/sdcard/", EACCES);
+  Tarvik::IException const first = Thrown([&] { disk->CheckDiskPresence(); });
+  EXPECT_STREQ(first.what(), "Stat error (1)");
+  EXPECT_EQ(first.code, EACCES);
+  StatFails("/mnt/sdcard/..", ENOTDIR);
+  Tarvik::IException const second = Thrown([&] { disk->CheckDeviceStatus(); });
+  EXPECT_STREQ(second.what(), "Stat error (2)");
+  EXPECT_EQ(second.code, ENOTDIR);
+}
+
+TEST_F(DiskTest, ThrowsTheErrnoOfTheMeasurementAndKeepsItsFigures) {
+  Make();
+  hooks().statvfs = [](auto&&...) { return Answer::Failure(ENOSYS); };
+  Tarvik::IException const exception = Thrown([&] { disk->LoadDiskInfo(); });
+  EXPECT_STREQ(exception.what(), "Get space stat error");
+  EXPECT_EQ(exception.code, ENOSYS);
+  EXPECT_EQ(disk->totalBytes, 12288000000);
+}
+
+TEST_F(DiskTest, IsPresentWhileItsDeviceIsNotItsParents) {
+  Make();
+  EXPECT_TRUE(disk->CheckDiskPresence());
+  card.mounted = false;
+  EXPECT_FALSE(disk->CheckDiskPresence());
+}
+
+TEST_F(DiskTest, ReservesItsShareInSinglePrecision) {
+  Make();
+  EXPECT_EQ(disk->reserveBytes, 675840000);  // double precision: 675839996
+}
+
+TEST_F(DiskTest, RoundsHalvesOfTheReserveAwayFromZero) {
+  Make();
+  card.space.f_frsize = 100;
+  for (auto const& [blocks, reserve] : std::vector<std::pair<unsigned, int>>{
+           {3, 17}, {7, 39}, {11, 61}, {1, 6}, {0, 0}}) {  // 16.5, 38.5, 60.5, 5.5
+    card.space.f_blocks = blocks;
+    disk->LoadDiskInfo();
+    EXPECT_EQ(disk->reserveBytes, reserve) << blocks;
+  }
+}
+
+TEST_F(DiskTest, MeasuresCardsBeyond32Bits) {
+  card.space.f_blocks = 4294967295U;
+  card.space.f_bfree = 4294967294U;
+  EXPECT_EQ(Make(), "Disk /mnt/sdcard/ free sapce 1.67772e+07MB from 1.67772e+07MB\n");
+  EXPECT_EQ(disk->totalBytes, 17592186040320);
+  EXPECT_EQ(disk->freeBytes, 17592186036224);
+}
+
+TEST_F(DiskTest, PrintsLessThanAMegabyteAsZero) {
+  card.space.f_blocks = 255;
+  card.space.f_bfree = 0;
+  EXPECT_EQ(Make(), "Disk /mnt/sdcard/ free sapce 0MB from 0MB\n");
+}
+
+TEST_F(DiskTest, PrintsWholeMegabytesOnly) {
+  card.space.f_blocks = 511;
+  card.space.f_bfree = 256;
+  EXPECT_EQ(Make(), "Disk /mnt/sdcard/ free sapce 1MB from 1MB\n");
+}
+
+TEST_F(DiskTest, MountsAndTellsWhetherTheKernelDidIt) {
+  Make();
+  EXPECT_TRUE(disk->Mount());
+  card.systemCallsWork = false;
+  EXPECT_FALSE(disk->Mount());
+  EXPECT_EQ(MS_NOEXEC | MS_NOATIME | MS_NODIRATIME, 3080);
+  EXPECT_THAT(Trace(), ElementsAre(kMountCall, kMountCall));
+}
+
+TEST_F(DiskTest, UnmountsAtOnceWhereItCan) {
+  Make();
+  EXPECT_TRUE(disk->Umount());
+  EXPECT_THAT(Trace(), ElementsAre("umount /mnt/sdcard/"));
+}
+
+TEST_F(DiskTest, ForcesAnUnmountTenTimesAndComplainsNineTimes) {
+  Make();
+  card.systemCallsWork = false;
+  std::string const errors = Capture::ErrorOutput([&] { EXPECT_FALSE(disk->Umount()); });
+  std::vector<std::string> trace{"umount /mnt/sdcard/"};
+  std::string complaints;
+  for (int attempt = 1; attempt <= 9; ++attempt) {
+    trace.insert(trace.end(), {"umount2 /mnt/sdcard/ 1", "sync", Sleep(100ms)});
+    complaints += "Unable to umount SD: Device or resource busy\n";
+  }
+  trace.push_back("umount2 /mnt/sdcard/ 1");
+  EXPECT_THAT(Trace(), ElementsAreArray(trace));
+  EXPECT_EQ(errors, complaints);
+  EXPECT_EQ(Interpose::Slept(), 900ms);
+}
+
+TEST_F(DiskTest, CountsAsUnmountedWhenForceHelpsInTheEnd) {
+  Make();
+  hooks().umount = [](auto&&) { return Answer::Failure(EBUSY); };
+  hooks().umount2 = [tried = 0](auto&&...) mutable {
+    return ++tried == 10 ? Answer::Success() : Answer::Failure(EBUSY);
+  };
+  Capture::ErrorOutput([&] { EXPECT_TRUE(disk->Umount()); });
+  EXPECT_THAT(Interpose::Traced("umount2"), SizeIs(10));
+}
+
+TEST_F(DiskTest, LeavesNoDescriptorOpen) {
+  Descriptors::Watch const descriptors;
+  Make();
+  disk->CheckDeviceStatus();
+  disk->LoadDiskInfo();
+  EXPECT_THAT(descriptors.Opened(), IsEmpty());
+}
+
+}  // namespace
