@@ -29,7 +29,7 @@ class Hardware:
     options: list[str] = field(default_factory=list)
 
     def command(self) -> list[str]:
-        card = f",file={self.card}" if self.card else ""
+        card = f",format=raw,file={self.card}" if self.card else ""
         return [
             # The machine dies with its owner, however that ends.
             "setpriv", "--pdeathsig", "KILL",
@@ -38,7 +38,7 @@ class Hardware:
             "-kernel", str(self.parts.kernel), "-dtb", str(self.parts.device_tree),
             "-initrd", str(self.initramfs), "-append", KERNEL_ARGUMENTS,
             "-drive", f"if=sd,index=0,format=raw,id=storage,file={self.storage}",
-            "-drive", f"if=sd,index=1,format=raw,id=card{card}",
+            "-drive", f"if=sd,index=1,id=card{card}",
             "-device", "ds1338,bus=i2c-bus.0,address=0x68",
             "-rtc", f"base={self.clock}",
             *self.options,
@@ -75,8 +75,12 @@ class Machine:
         self._console.start()
         self._timer = threading.Timer(limit, self._out_of_time)
         self._timer.start()
-        self._control.readline()  # the greeting
-        self.control("qmp_capabilities")
+        try:
+            self._control.readline()  # the greeting
+            self.control("qmp_capabilities")
+        except BaseException:
+            self.cut_power()
+            raise
 
     def __enter__(self) -> "Machine":
         return self
