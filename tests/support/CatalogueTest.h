@@ -1,0 +1,99 @@
+// What tests of the catalogue share: a card that may be used and a directory of recordings on it.
+#pragma once
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <ctime>
+#include <filesystem>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "DiskUtils/Disk.h"
+#include "FileUtils/FilesManager.h"
+#include "tests/support/Capture.h"
+#include "tests/support/Interpose.h"
+#include "tests/support/LiveFiles.h"
+
+class CatalogueTest : public testing::Test {
+ protected:
+  using Disk = Quellon::DiskUtils::Disk;
+  using FilesManager = Quellon::FileUtils::FilesManager;
+  using Ifile = Quellon::FileUtils::Ifile;
+
+  static constexpr char const* kDirectory = "/mnt/sdcard/cr/";
+
+  CatalogueTest() : card(NewCard()) {
+    std::filesystem::create_directories(Interpose::Real(kDirectory));
+    Interpose::hooks().statvfs = [this](std::string const& path, struct statvfs* space) {
+      EXPECT_EQ(path, "/mnt/sdcard/");
+      space->f_frsize = 1;
+      space->f_blocks = static_cast<fsblkcnt_t>(totalBytes);
+      space->f_bfree = static_cast<fsblkcnt_t>(freeBytes);
+      return Interpose::Answer::Success();
+    };
+  }
+
+  /// Also the objects that catalogues abandoned.
+  ~CatalogueTest() override { LiveFiles::DeleteAll(); }
+
+  /// A catalogue of that directory, which has logged its figures out of sight.
+  std::unique_ptr<FilesManager> NewCatalogue(std::string const& directory = kDirectory,
+                                             unsigned long long minimumFree = 0,
+                                             float share = 1.0F) {
+    Capture::Descriptor const hidden(1);
+    return std::make_unique<FilesManager>(&card, directory, minimumFree, share);
+  }
+
+  /// Makes a recording of that size and age.
+  static void MakeRecording(std::string const& name, std::size_t size = 0, std::time_t time = 0) {
+    Interpose::MakeFile(kDirectory + name, std::string(size, 'x'));
+    timespec const times[2] = {{time, 0}, {time, 0}};
+    utimensat(AT_FDCWD, Where(name).c_str(), times, AT_SYMLINK_NOFOLLOW);
+  }
+
+  static std::filesystem::path Where(std::string const& name) {
+    return Interpose::Real(kDirectory + name);
+  }
+
+  /// The names in the directory, in the order of the alphabet.
+  static std::vector<std::string> OnCard() {
+    std::vector<std::string> names;
+    for (auto const& entry : std::filesystem::directory_iterator(Interpose::Real(kDirectory))) {
+      names.push_back(entry.path().filename());
+    }
+    std::sort(names.begin(), names.end());
+    return names;
+  }
+
+  /// The names in the catalogue, in its order.
+  static std::vector<std::string> Names(FilesManager& catalogue) {
+    std::vector<std::string> names;
+    for (Ifile const* file : catalogue.GetList()) names.push_back(file->name);
+    return names;
+  }
+
+  /// Adds files that exist, oldest first.
+  static void Add(FilesManager& catalogue, std::vector<std::string> names) {
+    for (auto& name : names) EXPECT_TRUE(catalogue.AddFile(name)) << name;
+  }
+
+  // What statvfs(3) tells of the card.
+  std::int64_t totalBytes = 1 << 20;
+  std::int64_t freeBytes = 1 << 20;
+  Disk card;
+
+ private:
+  static Disk NewCard() {
+    Disk disk = [] {
+      Capture::Descriptor const hidden(1);  // there is no such device, and that is said
+      return Disk("/mnt/sdcard/", "/dev/mmcblk1p1", "mmcblk1");
+    }();
+    disk.available = true;
+    return disk;
+  }
+};

@@ -1,0 +1,173 @@
+// Which operations take the catalogue's lock, how often, and what happens when it fails.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <pthread.h>
+
+#include <cerrno>
+#include <string>
+#include <system_error>
+
+#include "base/IError.h"
+#include "tests/support/CatalogueTest.h"
+
+namespace {
+
+/// Where the lock under test lies: in the catalogue's own part of its object.
+struct Watched {
+  char const* begin = nullptr;
+  char const* end = nullptr;
+  int locked = 0;
+  int held = 0;
+  bool fails = false;
+};
+Watched watched;
+
+bool IsWatched(pthread_mutex_t const* mutex) {
+  auto const* const place = reinterpret_cast<char const*>(mutex);
+  return watched.begin <= place && place < watched.end;
+}
+
+}  // namespace
+
+extern "C" {
+
+int pthread_mutex_lock(pthread_mutex_t* mutex) noexcept {
+  static auto* const next = LiveFiles::Next<int(pthread_mutex_t*)>("pthread_mutex_lock");
+  if (!IsWatched(mutex)) return next(mutex);
+  if (watched.fails) return EINVAL;
+  EXPECT_EQ(watched.held, 0) << "the lock is taken recursively";
+  ++watched.locked;
+  ++watched.held;
+  return next(mutex);
+}
+
+int pthread_mutex_unlock(pthread_mutex_t* mutex) noexcept {
+  static auto* const next = LiveFiles::Next<int(pthread_mutex_t*)>("pthread_mutex_unlock");
+  if (IsWatched(mutex)) --watched.held;
+  return next(mutex);
+}
+
+}  // extern "C"
+
+namespace {
+
+class CatalogueLock : public CatalogueTest {
+ protected:
+  CatalogueLock() {
+    for (char const* name : {"a.dat", "b.dat", "c.dat"}) MakeRecording(name, 4);
+    Add(catalogue, {"a.dat", "b.dat"});
+    auto* const errors = static_cast<Tarvik::Interfaces::IError*>(&catalogue);
+    watched = {reinterpret_cast<char*>(errors), reinterpret_cast<char*>(&catalogue + 1)};
+  }
+  ~CatalogueLock() override { watched = {}; }
+
+  /// How often `work` takes the lock; it frees it as often.
+  template <typename Work>
+  static int Locks(Work work) {
+    watched.locked = 0;
+    work();
+    EXPECT_EQ(watched.held, 0);
+    return watched.locked;
+  }
+
+  std::unique_ptr<FilesManager> const owner = NewCatalogue();
+  FilesManager& catalogue = *owner;
+};
+
+TEST_F(CatalogueLock, IsTakenOnceForAWholeOperation) {
+  std::string name = "b.dat";
+  EXPECT_EQ(Locks([&] { catalogue.Sort(); }), 1);
+  EXPECT_EQ(Locks([&] { catalogue.ReverseList(); }), 1);
+  EXPECT_EQ(Locks([&] { Capture::Output([&] { catalogue.Log(); }); }), 1);
+  EXPECT_EQ(Locks([&] { catalogue.GetTotalFilesSize(true); }), 1);
+  EXPECT_EQ(Locks([&] { EXPECT_TRUE(catalogue.RemoveFileByName(name)); }), 1);
+  EXPECT_EQ(Locks([&] { EXPECT_FALSE(catalogue.RemoveFileByName(name)); }), 1);
+  EXPECT_EQ(Locks([&] { EXPECT_EQ(catalogue.DeleteOldFiles(9), 1U); }), 1);
+  EXPECT_EQ(Locks([&] { catalogue.ClearList(); }), 1);
+}
+
+TEST_F(CatalogueLock, IsTakenByLoadToEmptyTheListAndForEachInsertion) {
+  EXPECT_EQ(Locks([&] { EXPECT_TRUE(catalogue.Load()); }), 4);
+  EXPECT_EQ(Locks([&] { EXPECT_TRUE(catalogue.LoadAndSort()); }), 5);
+}
+
+TEST_F(CatalogueLock, IsTakenByAddFileForTheInsertionOnly) {
+  std::string name = "c.dat";
+  EXPECT_EQ(Locks([&] { EXPECT_TRUE(catalogue.AddFile(name)); }), 1);
+  name = "missing.dat";
+  EXPECT_EQ(Locks([&] { EXPECT_FALSE(catalogue.AddFile(name)); }), 0);
+}
+
+TEST_F(CatalogueLock, IsNotTakenToReadWithoutIt) {
+  EXPECT_EQ(Locks([&] {
+              EXPECT_EQ(catalogue.GetTotalFilesSize(), 8U);
+              catalogue.GetPath();
+              catalogue.GetList();
+              catalogue.CheckAvailableSpace(false);
+              EXPECT_EQ(catalogue.DeleteOldFiles(0), 0U);
+            }),
+            0);
+}
+
+TEST_F(CatalogueLock, IsTakenToSumATotalOfZero) {
+  catalogue.ClearList();
+  catalogue.GetTotalFilesSize(true);
+  EXPECT_EQ(Locks([&] { EXPECT_EQ(catalogue.GetTotalFilesSize(), 0U); }), 1);
+}
+
+TEST_F(CatalogueLock, IsNotTakenToDeleteFromAnEmptyCatalogue) {
+  catalogue.ClearList();
+  EXPECT_EQ(Locks([&] {
+              EXPECT_EQ(catalogue.DeleteOldFiles(5), 0U);
+              EXPECT_EQ(catalogue.RemoveAllFiles(), 0U);
+              catalogue.RemoveAllFilesAsync();
+            }),
+            0);
+}
+
+TEST_F(CatalogueLock, IsFreeWhileMakeRoomMeasuresAndWaits) {
+  catalogue.ClearList();
+  freeBytes = 0;
+  auto const measure = Interpose::hooks().statvfs;
+  Interpose::hooks().statvfs = [&](std::string const& path, struct statvfs* space) {
+    EXPECT_EQ(watched.held, 0);
+    return measure(path, space);
+  };
+  Interpose::hooks().sleep = [](auto) { EXPECT_EQ(watched.held, 0); };
+  EXPECT_FALSE(catalogue.MakeRoom());
+}
+
+TEST_F(CatalogueLock, IsHeldWhileFilesAreRemoved) {
+  int removals = 0;
+  Interpose::hooks().unlink = [&removals](std::string const&) {
+    ++removals;
+    EXPECT_EQ(watched.held, 1);
+    return Interpose::Answer::Success();
+  };
+  std::string name = "a.dat";
+  EXPECT_TRUE(catalogue.RemoveFileByName(name));
+  EXPECT_EQ(catalogue.RemoveAllFiles(), 1U);
+  EXPECT_EQ(removals, 2);
+}
+
+TEST_F(CatalogueLock, ThatFailsIsReportedByTheStandardLibrary) {
+  watched.fails = true;
+  std::string name = "a.dat";
+  EXPECT_THROW(catalogue.Sort(), std::system_error);
+  EXPECT_THROW(catalogue.ReverseList(), std::system_error);
+  EXPECT_THROW(catalogue.ClearList(), std::system_error);
+  EXPECT_THROW(catalogue.Log(), std::system_error);
+  EXPECT_THROW(catalogue.GetTotalFilesSize(true), std::system_error);
+  EXPECT_THROW(catalogue.Load(), std::system_error);
+  EXPECT_THROW(catalogue.AddFile(name), std::system_error);
+  EXPECT_THROW(catalogue.DeleteOldFiles(1), std::system_error);
+  EXPECT_THROW(catalogue.RemoveFileByName(name), std::system_error);
+  EXPECT_THROW(catalogue.RemoveAllFiles(), std::system_error);
+  freeBytes = 0;
+  EXPECT_THROW(catalogue.MakeRoom(), std::system_error);
+  EXPECT_FALSE(catalogue.HasError());
+  watched.fails = false;
+  EXPECT_THAT(OnCard(), testing::ElementsAre("a.dat", "b.dat", "c.dat"));
+}
+
+}  // namespace

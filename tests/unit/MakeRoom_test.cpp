@@ -1,0 +1,318 @@
+// Whether there is room, and making it.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cmath>
+#include <limits>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "base/IException.h"
+#include "tests/support/CatalogueTest.h"
+#include "tests/support/RemovalHook.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using Interpose::Answer;
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+class MakeRoom : public CatalogueTest {
+ protected:
+  ~MakeRoom() override { RemovalHook::hook() = nullptr; }
+
+  /// Whether there is room on a card with these figures. `used` is what the catalogue uses.
+  bool HasRoom(std::int64_t free, std::int64_t total, std::uint64_t minimumFree, float share,
+               std::int64_t used = 0) {
+    freeBytes = free;
+    totalBytes = total;
+    card.reserveBytes = 0;
+    auto const catalogue = NewCatalogue(kDirectory, minimumFree, share);
+    MakeRecording("a.dat");
+    Interpose::hooks().lstat = [used](std::string const&, struct stat* status) {
+      status->st_size = static_cast<off_t>(used);
+      return Answer::Success();
+    };
+    Add(*catalogue, {"a.dat"});
+    Interpose::hooks().lstat = nullptr;
+    return catalogue->CheckAvailableSpace(true);
+  }
+
+  /// Makes and catalogues recordings of 10 bytes each.
+  static void Keep(FilesManager& catalogue, std::vector<std::string> const& names) {
+    for (auto const& name : names) MakeRecording(name, 10);
+    Add(catalogue, names);
+  }
+
+  /// From now on each removal frees that many bytes of the card.
+  void RemovalFrees(std::int64_t bytes) {
+    RemovalHook::hook() = [this, bytes](Ifile& file) {
+      freeBytes += bytes;
+      return RemovalHook::Real(file);
+    };
+  }
+
+  /// Measuring the card is part of the trace from now on.
+  void TraceMeasuring() {
+    Interpose::hooks().statvfs = [measure = Interpose::hooks().statvfs](std::string const& path,
+                                                                        struct statvfs* space) {
+      sync();  // leaves a mark of its own
+      return measure(path, space);
+    };
+  }
+
+  static void MeasuringFails() {
+    Interpose::hooks().statvfs = [](std::string const&, struct statvfs*) {
+      return Answer::Failure(EIO);
+    };
+  }
+
+  static void ExpectFailure(FilesManager& catalogue, std::string const& message) {
+    EXPECT_FALSE(catalogue.MakeRoom());
+    EXPECT_TRUE(catalogue.HasError());
+    EXPECT_EQ(catalogue.GetError(), message);
+    EXPECT_EQ(catalogue.GetErrorPlace(), "MakeRoom");
+  }
+
+  static constexpr std::int64_t kRoundedUp = 1073741889;  // as a float 63 more
+  static constexpr char const* kGivenUp = "Unable to make room, after 100 retries";
+};
+
+TEST_F(MakeRoom, NeedsMoreFreeSpaceThanTheMinimum) {
+  EXPECT_FALSE(HasRoom(999, 5000, 1000, 1.0F));
+  EXPECT_FALSE(HasRoom(1000, 5000, 1000, 1.0F));
+  EXPECT_TRUE(HasRoom(1001, 5000, 1000, 1.0F));
+  EXPECT_FALSE(HasRoom(0, 5000, 0, 1.0F));
+}
+
+TEST_F(MakeRoom, CountsTheFreeSpaceInItsShare) {
+  EXPECT_FALSE(HasRoom(2000, 5000, 1000, 0.5F));
+  EXPECT_TRUE(HasRoom(2002, 5000, 1000, 0.5F));
+}
+
+TEST_F(MakeRoom, NeedsTheCatalogueToUseLessThanItsShare) {
+  EXPECT_TRUE(HasRoom(5000, 5000, 0, 0.5F, 2499));
+  EXPECT_FALSE(HasRoom(5000, 5000, 0, 0.5F, 2500));
+  EXPECT_FALSE(HasRoom(5000, 5000, 0, 0.5F, 2501));
+}
+
+TEST_F(MakeRoom, ComparesTheFreeSpaceInSinglePrecision) {
+  EXPECT_FALSE(HasRoom(16777217, 20000000, 16777216, 1.0F)) << "a float holds no 16777217";
+  EXPECT_TRUE(HasRoom(16777218, 20000000, 16777216, 1.0F));
+  EXPECT_TRUE(HasRoom(kRoundedUp, kRoundedUp, 12582913, 3.0F / 256)) << "12582912.8 if exact";
+  EXPECT_FALSE(HasRoom(10, 20000000, 1, 0.1F)) << "the product is 1 only when it is rounded";
+}
+
+TEST_F(MakeRoom, ComparesTheUsedSpaceInSinglePrecision) {
+  EXPECT_FALSE(HasRoom(100, 16777217, 0, 1.0F, 16777216));
+  EXPECT_TRUE(HasRoom(1000, kRoundedUp, 0, 3.0F / 256, 12582913)) << "12582912.8 if exact";
+  EXPECT_FALSE(HasRoom(100, 10, 0, 0.1F, 1)) << "the product is 1 only when it is rounded";
+}
+
+TEST_F(MakeRoom, NeverFindsItForAShareThatIsNotANumber) {
+  card.available = false;  // so that no minimum is computed from it
+  auto const catalogue = NewCatalogue(kDirectory, 0, std::nanf(""));
+  card.available = true;
+  EXPECT_FALSE(catalogue->CheckAvailableSpace(true));
+  EXPECT_FALSE(catalogue->CheckAvailableSpace(false));
+}
+
+TEST_F(MakeRoom, MeasuresTheCardEachTime) {
+  auto const catalogue = NewCatalogue(kDirectory, 500, 1.0F);
+  freeBytes = 501;
+  EXPECT_TRUE(catalogue->CheckAvailableSpace(false));
+  EXPECT_EQ(card.freeBytes, 501);
+  freeBytes = 500;
+  EXPECT_FALSE(catalogue->CheckAvailableSpace(false));
+  EXPECT_FALSE(catalogue->HasError()) << "no room is not an error";
+}
+
+TEST_F(MakeRoom, CheckedWithoutACardThrowsOrRecordsAsAsked) {
+  auto const withdrawn = NewCatalogue();
+  card.available = false;
+  FilesManager without(nullptr, kDirectory, 0, 1.0F);
+  for (FilesManager* const catalogue : {withdrawn.get(), &without}) {
+    try {
+      catalogue->CheckAvailableSpace(true);
+      FAIL() << "nothing was thrown";
+    } catch (Tarvik::IException const& e) {
+      EXPECT_STREQ(e.what(), "Disk not available");
+      EXPECT_EQ(e.code, 0);
+    }
+    EXPECT_FALSE(catalogue->HasError());
+    EXPECT_FALSE(catalogue->CheckAvailableSpace(false));
+    EXPECT_EQ(catalogue->GetError(), "Disk not received");
+    EXPECT_EQ(catalogue->GetErrorPlace(), "MakeRoom");
+  }
+}
+
+TEST_F(MakeRoom, CheckForgetsTheLastErrorOnlyWhereItRecordsItsOwn) {
+  auto const catalogue = NewCatalogue();
+  std::string missing = "missing.dat";
+  EXPECT_FALSE(catalogue->AddFile(missing));
+  EXPECT_TRUE(catalogue->CheckAvailableSpace(true));
+  EXPECT_EQ(catalogue->GetError(), "File not found");
+  card.available = false;
+  EXPECT_THROW(catalogue->CheckAvailableSpace(true), Tarvik::IException);
+  EXPECT_EQ(catalogue->GetError(), "File not found");
+  card.available = true;
+  EXPECT_TRUE(catalogue->CheckAvailableSpace(false));
+  EXPECT_FALSE(catalogue->HasError());
+}
+
+TEST_F(MakeRoom, CheckPassesOnThatTheCardCannotBeMeasured) {
+  auto const catalogue = NewCatalogue();
+  MeasuringFails();
+  for (bool const throwIfNoDisk : {true, false}) {
+    try {
+      catalogue->CheckAvailableSpace(throwIfNoDisk);
+      FAIL() << "nothing was thrown";
+    } catch (Tarvik::IException const& e) {
+      EXPECT_STREQ(e.what(), "Get space stat error");
+      EXPECT_EQ(e.code, EIO);
+    }
+  }
+  EXPECT_FALSE(catalogue->HasError());
+}
+
+TEST_F(MakeRoom, DeletesNothingWhenThereIsRoomAndForgetsTheLastError) {
+  auto const catalogue = NewCatalogue();
+  std::string missing = "missing.dat";
+  EXPECT_FALSE(catalogue->AddFile(missing));
+  Keep(*catalogue, {"a.dat"});
+  EXPECT_FALSE(catalogue->AddFile(missing));
+  EXPECT_TRUE(catalogue->MakeRoom());
+  EXPECT_FALSE(catalogue->HasError());
+  EXPECT_THAT(Interpose::Trace(), IsEmpty());
+}
+
+TEST_F(MakeRoom, DeletesTwoFilesAtATimeAndMeasuresAfterEachStepWithoutPauses) {
+  auto const catalogue = NewCatalogue(kDirectory, 100, 1.0F);
+  Keep(*catalogue, {"a.dat", "b.log", "c.dat", "d.dat", "e.dat", "f.dat", "g.dat"});
+  freeBytes = 70;
+  RemovalFrees(10);
+  TraceMeasuring();
+  EXPECT_TRUE(catalogue->MakeRoom());
+  auto const unlinked = [](std::string const& name) { return "unlink /mnt/sdcard/cr/" + name; };
+  EXPECT_THAT(Interpose::Trace(), ElementsAre("sync", unlinked("a.dat"), unlinked("c.dat"),  //
+                                              "sync", unlinked("d.dat"), unlinked("e.dat"),  //
+                                              "sync"));
+  EXPECT_THAT(Names(*catalogue), ElementsAre("b.log", "f.dat", "g.dat"));
+}
+
+TEST_F(MakeRoom, DeletesUntilTheCatalogueIsWithinItsShare) {
+  auto const catalogue = NewCatalogue(kDirectory, 0, 0.5F);
+  totalBytes = 70;  // so 35 may be used, if not quite
+  Keep(*catalogue, {"a.dat", "b.dat", "c.dat", "d.dat"});
+  EXPECT_TRUE(catalogue->MakeRoom());
+  EXPECT_THAT(Names(*catalogue), ElementsAre("c.dat", "d.dat"));
+}
+
+TEST_F(MakeRoom, GivesUpAfterAHundredFruitlessAttemptsTenMillisecondsApart) {
+  auto const catalogue = NewCatalogue();
+  freeBytes = 0;
+  TraceMeasuring();
+  ExpectFailure(*catalogue, kGivenUp);
+  std::vector<std::string> expected = {"sync"};
+  for (int pause = 0; pause < 99; ++pause) {
+    expected.push_back(Interpose::Sleep(10ms));
+    expected.push_back("sync");
+  }
+  EXPECT_EQ(Interpose::Trace(), expected);
+}
+
+TEST_F(MakeRoom, GivesUpOverProtectedFilesAndThoseWhoseRemovalThrows) {
+  auto const catalogue = NewCatalogue();
+  Keep(*catalogue, {"a.log", "b.gps", "c.dat"});
+  freeBytes = 0;
+  RemovalHook::hook() = [](Ifile&) -> bool { throw std::runtime_error("cannot be removed"); };
+  ExpectFailure(*catalogue, kGivenUp);
+  EXPECT_THAT(Names(*catalogue), ElementsAre("a.log", "b.gps", "c.dat"));
+  EXPECT_EQ(Interpose::Slept(), 990ms);
+}
+
+TEST_F(MakeRoom, SpendsNoneOfItsAttemptsOnThoseThatDeletedAFile) {
+  auto const catalogue = NewCatalogue();
+  freeBytes = 0;
+  int pauses = 0;
+  Interpose::hooks().sleep = [&](std::chrono::nanoseconds) {
+    if (++pauses == 50) Keep(*catalogue, {"a.dat", "b.dat", "c.dat"});
+  };
+  ExpectFailure(*catalogue, kGivenUp);
+  EXPECT_EQ(pauses, 99);
+  EXPECT_THAT(OnCard(), IsEmpty());
+}
+
+TEST_F(MakeRoom, SucceedsWhenRoomAppearsInTheLastPause) {
+  auto const catalogue = NewCatalogue();
+  freeBytes = 0;
+  int pauses = 0;
+  Interpose::hooks().sleep = [&](std::chrono::nanoseconds) {
+    if (++pauses == 99) freeBytes = 1;
+  };
+  EXPECT_TRUE(catalogue->MakeRoom());
+  EXPECT_FALSE(catalogue->HasError());
+}
+
+TEST_F(MakeRoom, CountsAnAttemptThatOnlyDroppedFilesAsFruitless) {
+  auto const catalogue = NewCatalogue();
+  Keep(*catalogue, {"a.dat"});
+  freeBytes = 0;
+  RemovalHook::hook() = [](Ifile&) { return false; };
+  ExpectFailure(*catalogue, kGivenUp);
+  EXPECT_EQ(Interpose::Slept(), 990ms);
+  EXPECT_THAT(catalogue->GetList(), IsEmpty());
+}
+
+TEST_F(MakeRoom, FailsWithoutACard) {
+  auto const withdrawn = NewCatalogue();
+  card.available = false;
+  ExpectFailure(*withdrawn, "Disk not available");
+  FilesManager without(nullptr, kDirectory, 0, 1.0F);
+  ExpectFailure(without, "Disk not available");
+  EXPECT_THAT(Interpose::Trace(), IsEmpty());
+}
+
+TEST_F(MakeRoom, FailsWhenTheCardGoesInBetween) {
+  auto const catalogue = NewCatalogue();
+  freeBytes = 0;
+  Interpose::hooks().sleep = [&](std::chrono::nanoseconds) { card.available = false; };
+  ExpectFailure(*catalogue, "Disk not available");
+  EXPECT_EQ(Interpose::Slept(), 10ms);
+}
+
+TEST_F(MakeRoom, FailsWhenTheCardCannotBeMeasured) {
+  auto const catalogue = NewCatalogue();
+  Keep(*catalogue, {"a.dat"});
+  MeasuringFails();
+  ExpectFailure(*catalogue, "Get space stat error");
+  EXPECT_THAT(OnCard(), ElementsAre("a.dat"));
+}
+
+TEST_F(MakeRoom, FailsWhenTheCardCannotBeMeasuredAgain) {
+  auto const catalogue = NewCatalogue();
+  Keep(*catalogue, {"a.dat", "b.dat", "c.dat"});
+  freeBytes = 0;
+  Interpose::hooks().unlink = [](std::string const&) {
+    MeasuringFails();
+    return Answer::Success();
+  };
+  ExpectFailure(*catalogue, "Get space stat error");
+  EXPECT_THAT(Names(*catalogue), ElementsAre("c.dat"));
+}
+
+TEST_F(MakeRoom, LetsOtherExceptionsPass) {
+  auto const catalogue = NewCatalogue();
+  Keep(*catalogue, {"a.dat"});
+  freeBytes = 0;
+  RemovalHook::hook() = [](Ifile&) -> bool { throw 7; };
+  EXPECT_THROW(catalogue->MakeRoom(), int);
+  EXPECT_FALSE(catalogue->HasError());
+}
+
+}  // namespace
