@@ -74,7 +74,7 @@ class Board:
         """Returns the image as a drive that fails to "read" or "write", everywhere or in a sector.
 
         The emulated card does not tell the board: a failed write is lost, a failed read gives
-        other data. For errors that the board sees, see /usr/local/sbin/fail-card on the board.
+        other data. Errors that the board sees are made by its own fail-card.
         """
         rule = f'[inject-error]\nevent = "{operation}_aio"\nerrno = "5"\n'
         if sector is not None:

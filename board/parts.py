@@ -23,14 +23,18 @@ KERNEL = "linux-image-armmp"
 DEVICE_TREE = "imx6ul-14x14-evk.dtb"
 
 USER_SPACE = """
-    busybox-static dash mount util-linux e2fsprogs
+    busybox-static dash mount util-linux e2fsprogs dmsetup
     libc6 libgcc-s1 libstdc++6 libext2fs2 libcom-err2 libss2 libblkid1 libuuid1 libmount1
     libselinux1 libpcre2-8-0 libsmartcols1 libtinfo6 logsave
+    libdevmapper1.02.1 libudev1
 """.split()
 
 # Loaded by the board's init in this order, each after what it depends on. crc32c_generic is not
 # a dependency of ext4 but the checksum it asks the kernel for by name.
 MODULES = ["crc32c_generic", "ext4", "sdhci-esdhc-imx", "imx2_wdt", "i2c-imx"]
+
+# Loaded by fail-card.
+FAULT_MODULES = ["dm-flakey"]
 
 # Where this kernel wants to be: the start of memory, and the room its Amlogic support asks for.
 LOAD_ADDRESS = 0x80000000 + 0x208000
@@ -124,7 +128,12 @@ def _make(packages: Path, folder: Path):
 
     for unneeded in ("usr/share", "usr/lib/arm-linux-gnueabihf/gconv"):
         shutil.rmtree(root / unneeded)
-    _add_modules(kernel, root / "lib/modules/board")
+    version = next(kernel.glob("lib/modules/*")).name
+    run(["depmod", "-b", kernel, version])
+    # Faster variants of the checksums, for instructions the emulated processor has not.
+    (kernel / "lib/modules" / version / "modules.softdep").unlink()
+    _add_modules(kernel, MODULES, root / "lib/modules/board")
+    _add_modules(kernel, FAULT_MODULES, root / "lib/modules/faults")
     (folder / "user-space.cpio").write_bytes(pack(root))
     shutil.rmtree(kernel)
     shutil.rmtree(root)
@@ -147,14 +156,11 @@ def _unpacked(kernel: Path) -> bytes:
     raise RuntimeError(f"{kernel.name} is not packed with xz")
 
 
-def _add_modules(kernel: Path, folder: Path):
+def _add_modules(kernel: Path, modules: list[str], folder: Path):
     """Puts the modules and all they need into `folder`, numbered in the order of loading."""
     version = next(kernel.glob("lib/modules/*")).name
-    run(["depmod", "-b", kernel, version])
-    # Faster variants of the checksums, for instructions the emulated processor has not.
-    (kernel / "lib/modules" / version / "modules.softdep").unlink()
     loaded = []
-    for module in MODULES:
+    for module in modules:
         needed = run(["modprobe", "-d", kernel, "-S", version, "--show-depends", module])
         for path in re.findall(r"^insmod (\S+)", needed, re.MULTILINE):
             if path not in loaded:

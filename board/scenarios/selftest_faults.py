@@ -8,14 +8,17 @@ LIMIT = 240
 
 MOUNT = "mount -o noatime,nodiratime,data=writeback /dev/mmcblk1p1 /mnt/sdcard; echo mount $?\n"
 
-ERRORS = MOUNT + """
-fail-card 2048
+ERRORS = "fail-card ready\n" + MOUNT + """
+fail-card writes
 dd if=/dev/zero of=/mnt/sdcard/new bs=1M count=8 conv=fsync; echo "write $?"
+fail-card all
+echo 3 >/proc/sys/vm/drop_caches
 cat /mnt/sdcard/old >/dev/null; echo "read $?"
 umount /mnt/sdcard
 fail-card off
+fsck -f -y /dev/mmcblk1p1; echo "fsck $?"
 """ + MOUNT + """
-cat /mnt/sdcard/old | wc -c
+wc -c </mnt/sdcard/old
 """
 
 LOST = MOUNT + """
