@@ -64,7 +64,7 @@ int main(int count, char** arguments) {
   }
   RestoreClock();
   Tarvik::Util::TemperatureMonitor::GetInstance()->Start();
-  Recorder recorder(settings);
+  static Recorder recorder(settings);  // the signal handler knows it
   running = &recorder;
   struct sigaction stop {};
   stop.sa_handler = StopRunning;

@@ -1,0 +1,113 @@
+# Shared by the scripts: steps on the terminal, and the packages they need.
+# shellcheck shell=bash
+
+root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
+cd "$root" || exit 1
+
+if [[ -t 1 ]]; then
+  bold=$'\e[1m' plain=$'\e[0m'
+else
+  bold='' plain=''
+fi
+
+step() { printf '%s== %s%s\n' "$bold" "$*" "$plain"; }
+
+fail() {
+  printf '%s: %s\n' "$(basename "$0")" "$*" >&2
+  exit 1
+}
+
+# Shows the comment at the top of the calling script as its help when it is asked for.
+help_if_asked() {
+  [[ ${1:-} == -h || ${1:-} == --help ]] || return 0
+  sed -n '2,/^$/s/^# \{0,1\}//p' "$0"
+  exit 0
+}
+
+# Installs the Debian packages among the given ones that are missing.
+need_packages() {
+  local missing=() package
+  for package in "$@"; do
+    dpkg-query -W -f '${Status}' "$package" 2>/dev/null | grep -q 'ok installed' ||
+      missing+=("$package")
+  done
+  ((${#missing[@]} == 0)) && return 0
+  command -v apt-get >/dev/null || fail "missing packages, and no apt-get here: ${missing[*]}"
+  ((EUID == 0)) || fail "missing packages: ${missing[*]}
+Install them as root: apt-get install ${missing[*]}"
+  step "Installing ${missing[*]}"
+  local log
+  log=$(mktemp)
+  if ! { apt-get update && DEBIAN_FRONTEND=noninteractive apt-get install -y \
+    --no-install-recommends "${missing[@]}"; } >"$log" 2>&1 </dev/null; then
+    tail -n 30 "$log" >&2
+    rm -f "$log"
+    fail "could not install: ${missing[*]}"
+  fi
+  rm -f "$log"
+}
+
+# Packages to build the libraries on this machine, and to build and run their tests.
+build_packages=(g++ cmake ninja-build)
+test_packages=(libgtest-dev libgmock-dev e2fsprogs util-linux mount fdisk gcovr libxml2-utils)
+
+# Configures and builds a preset; prints the compiler's words only if it fails.
+build() {
+  local preset=$1 log=build/$1.log
+  shift
+  step "Building ($preset)"
+  mkdir -p build
+  if ! { cmake --preset "$preset" "$@" && cmake --build --preset "$preset"; } >"$log" 2>&1; then
+    tail -n 50 "$log" >&2
+    fail "the build failed; see $log"
+  fi
+  if grep -q 'warning:' "$log"; then
+    grep -A5 'warning:' "$log" >&2
+    fail "the build has warnings; see $log"
+  fi
+}
+
+passed=0 failed=0 skipped=0
+
+# Runs the tests of a preset and counts them; further arguments go to ctest.
+run_tests() {
+  local preset=$1 report=build/$1/tests-$RANDOM.xml log
+  log=${report%.xml}.log
+  shift
+  step "Testing ($preset) $*"
+  ctest --test-dir "build/$preset" --output-junit "$root/$report" --output-on-failure \
+    --no-tests=error "$@" >"$log" 2>&1 || sed -n '/^The following tests FAILED/,$p' "$log"
+  [[ -s $report ]] || fail "no tests were run; see $log"
+  grep -E '\*\*\*(Failed|Timeout|Exception|Skipped|Not Run)' "$log" | sed 's/^/   /'
+  local tests failures skips
+  tests=$(xmllint --xpath 'string(/testsuite/@tests)' "$report")
+  failures=$(xmllint --xpath 'string(/testsuite/@failures)' "$report")
+  skips=$(xmllint --xpath 'string(/testsuite/@skipped)' "$report")
+  printf '   %d passed, %d failed, %d skipped (%s)\n' \
+    $((tests - failures - skips)) "$failures" "$skips" "$log"
+  passed=$((passed + tests - failures - skips))
+  failed=$((failed + failures))
+  skipped=$((skipped + skips))
+}
+
+# A check that is one test: its output is shown only if it fails.
+run_check() {
+  local name=$1 log=build/check-$RANDOM.log
+  shift
+  step "$name"
+  mkdir -p build
+  if "$@" >"$log" 2>&1; then
+    passed=$((passed + 1))
+  else
+    failed=$((failed + 1))
+    tail -n 60 "$log"
+    printf '   failed; see %s\n' "$log"
+  fi
+}
+
+# The closing line, and the exit status.
+report_results() {
+  ((skipped == 0)) || printf '%d tests were skipped; the reasons are above\n' "$skipped"
+  printf '%d passed, %d failed\n' "$passed" "$failed"
+  ((failed == 0))
+}
