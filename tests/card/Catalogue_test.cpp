@@ -1,0 +1,362 @@
+// Recordings on a real card, listed and kept within their share of it.
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <sys/stat.h>
+#include <sys/statvfs.h>
+
+#include <algorithm>
+#include <fstream>
+
+#include "DiskUtils/System.h"
+#include "FileUtils/Dir.h"
+#include "FileUtils/FilesManager.h"
+#include "tests/card/CardFixture.h"
+#include "tests/support/Capture.h"
+
+namespace CardTests {
+namespace {
+
+namespace fs = std::filesystem;
+using Quellon::DiskUtils::Disk;
+using Quellon::FileUtils::FilesManager;
+using Quellon::FileUtils::Idir;
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+constexpr std::uint64_t mebi = 1U << 20U;
+constexpr float share = 0.8F;
+constexpr time_t firstDay = 1'600'000'000;
+
+std::vector<std::string> NamesOf(FilesManager& catalogue) {
+  std::vector<std::string> names;
+  for (auto const* file : catalogue.GetList()) names.push_back(file->name);
+  return names;
+}
+
+/// What the file system itself knows of a recording.
+struct Recording {
+  std::string name;
+  time_t modified;
+  std::uint64_t size;
+  std::uint64_t allocated;
+
+  [[nodiscard]] bool Protected() const { return name.ends_with(".log") || name.ends_with(".gps"); }
+};
+
+/// A second opinion on what making room leaves, from the directory and statvfs(3) alone.
+class Forecast {
+ public:
+  Forecast(fs::path const& directory, std::uint64_t minimumFree);
+
+  [[nodiscard]] bool HasRoom() const;
+  void MakeRoom();
+  [[nodiscard]] std::vector<std::string> Survivors() const;
+  [[nodiscard]] std::uint64_t UsedBytes() const;
+
+ private:
+  bool DeleteOldest();
+
+  std::vector<Recording> recordings;  // oldest first
+  double freeBytes;
+  double totalBytes;
+  double minimumFreeBytes;
+};
+
+Forecast::Forecast(fs::path const& directory, std::uint64_t minimumFree) {
+  for (auto const& entry : fs::directory_iterator(directory)) {
+    struct stat status {};
+    stat(entry.path().c_str(), &status);
+    recordings.push_back({entry.path().filename(), status.st_mtime,
+                          static_cast<std::uint64_t>(status.st_size),
+                          static_cast<std::uint64_t>(status.st_blocks) * 512});
+  }
+  std::ranges::sort(recordings, {}, &Recording::modified);
+  struct statvfs space {};
+  statvfs(directory.c_str(), &space);
+  freeBytes = static_cast<double>(space.f_bfree * space.f_frsize);
+  totalBytes = static_cast<double>(space.f_blocks * space.f_frsize);
+  minimumFreeBytes = static_cast<double>(minimumFree) + totalBytes * 0.055 * share;
+}
+
+bool Forecast::HasRoom() const {
+  return freeBytes * share > minimumFreeBytes &&
+         static_cast<double>(UsedBytes()) < totalBytes * share;
+}
+
+void Forecast::MakeRoom() {
+  while (!HasRoom()) {
+    bool const one = DeleteOldest();
+    bool const two = DeleteOldest();
+    ASSERT_TRUE(one || two) << "the test's recordings do not suffice";
+  }
+}
+
+bool Forecast::DeleteOldest() {
+  auto const oldest = std::ranges::find_if_not(recordings, &Recording::Protected);
+  if (oldest == recordings.end()) return false;
+  freeBytes += static_cast<double>(oldest->allocated);
+  recordings.erase(oldest);
+  return true;
+}
+
+std::vector<std::string> Forecast::Survivors() const {
+  std::vector<std::string> names;
+  for (auto const& recording : recordings) names.push_back(recording.name);
+  return names;
+}
+
+std::uint64_t Forecast::UsedBytes() const {
+  std::uint64_t sum = 0;
+  for (auto const& recording : recordings) sum += recording.size;
+  return sum;
+}
+
+/// A file that cannot be deleted, not even by root, while the object lives.
+class Unremovable {
+ public:
+  explicit Unremovable(fs::path const& file) : path(file) {
+    RunQuietly("chattr +i " + path.string());
+  }
+  Unremovable(Unremovable const&) = delete;
+  Unremovable& operator=(Unremovable const&) = delete;
+  ~Unremovable() { RunQuietly("chattr -i " + path.string()); }
+
+ private:
+  fs::path path;
+};
+
+class CatalogueTest : public CardTest {
+ protected:
+  static constexpr char const* directory = "/mnt/sdcard/cr/";
+  static constexpr std::uint64_t minimumFree = 6 * mebi;
+
+  /// A card that comes with recordings of several days, written in no particular order.
+  void InsertUsedCard() {
+    card.Edit([](fs::path const& root) {
+      WriteRecording(root / "cr/d4.dat", 3 * mebi, firstDay + 400);
+      WriteRecording(root / "cr/d1.dat", 2 * mebi + 17, firstDay + 100);
+      WriteRecording(root / "cr/route.gps", 70'000, firstDay + 150);
+      WriteRecording(root / "cr/d2.dat", 5 * mebi + 1, firstDay + 200);
+      WriteRecording(root / "cr/device.log", 300'000, firstDay);
+      WriteRecording(root / "cr/d3.dat", 1, firstDay + 300);
+    });
+    card.Insert();
+  }
+
+  /// A mounted card with nothing on it yet.
+  Disk InsertEmptyCard() {
+    card.Insert();
+    Capture::Descriptor output(1);
+    return {mountPoint, partition, device};
+  }
+
+  /// One more recording, the newest, catalogued.
+  void Record(FilesManager& catalogue) {
+    std::string name = "new" + std::to_string(next) + ".dat";
+    std::uint64_t const size = 2 * mebi + static_cast<std::uint64_t>(next % 5) * 333'333;
+    WriteRecording(directory + name, size, firstDay + 1000 + next);
+    ASSERT_TRUE(catalogue.AddFile(name));
+    ++next;
+  }
+
+  int next = 0;
+};
+
+}  // namespace
+
+TEST_F(CatalogueTest, CardIsBroughtIntoServiceFilledAndKeptWithinItsShare) {
+  InsertUsedCard();
+  Capture::Descriptor output(1);
+  Quellon::System system;
+  Disk* const disk = system.InitDisk();
+  ASSERT_TRUE(disk->available) << output.Text();
+
+  FilesManager catalogue(disk, directory, minimumFree, share);
+  ASSERT_TRUE(catalogue.LoadAndSort());
+  EXPECT_THAT(NamesOf(catalogue),
+              ElementsAre("device.log", "d1.dat", "route.gps", "d2.dat", "d3.dat", "d4.dat"));
+  while (catalogue.CheckAvailableSpace(false)) Record(catalogue);
+  ASSERT_GT(next, 5);
+
+  Forecast forecast(directory, minimumFree);
+  ASSERT_FALSE(forecast.HasRoom());
+  forecast.MakeRoom();
+  EXPECT_TRUE(catalogue.MakeRoom());
+  EXPECT_FALSE(catalogue.HasError());
+  EXPECT_EQ(NamesOf(catalogue), forecast.Survivors());
+  EXPECT_EQ(Forecast(directory, minimumFree).Survivors(), forecast.Survivors());
+  EXPECT_EQ(catalogue.GetTotalFilesSize(), forecast.UsedBytes());
+  EXPECT_TRUE(catalogue.CheckAvailableSpace(false));
+  delete system.disk;
+}
+
+TEST_F(CatalogueTest, EndlessRecordingStaysWithinTheShareFromTheFirstFileToTheLast) {
+  InsertUsedCard();
+  Capture::Descriptor output(1);
+  Disk disk(mountPoint, partition, device);
+  FilesManager catalogue(&disk, directory, minimumFree, share);
+  ASSERT_TRUE(catalogue.LoadAndSort());
+
+  for (int hour = 0; hour < 60; ++hour) {
+    Record(catalogue);
+    Forecast forecast(directory, minimumFree);
+    forecast.MakeRoom();
+    ASSERT_TRUE(catalogue.MakeRoom());
+    ASSERT_EQ(NamesOf(catalogue), forecast.Survivors()) << "after recording " << hour;
+    ASSERT_EQ(catalogue.GetTotalFilesSize(), forecast.UsedBytes());
+  }
+  EXPECT_TRUE(fs::exists("/mnt/sdcard/cr/device.log"));
+  EXPECT_TRUE(fs::exists("/mnt/sdcard/cr/route.gps"));
+  EXPECT_FALSE(fs::exists("/mnt/sdcard/cr/d4.dat"));
+}
+
+TEST_F(CatalogueTest, ProtectedFilesAreNeverDeletedEvenWhenNoRoomCanBeMade) {
+  Disk disk = InsertEmptyCard();
+  WriteRecording("/mnt/sdcard/cr/a.log", 30 * mebi, firstDay);
+  WriteRecording("/mnt/sdcard/cr/b.gps", 16 * mebi, firstDay + 1);
+  WriteRecording("/mnt/sdcard/cr/c.dat", 1 * mebi, firstDay + 2);
+  FilesManager catalogue(&disk, directory, minimumFree, share);
+  ASSERT_TRUE(catalogue.LoadAndSort());
+
+  EXPECT_FALSE(catalogue.MakeRoom());
+  EXPECT_EQ(catalogue.GetError(), "Unable to make room, after 100 retries");
+  EXPECT_EQ(catalogue.GetErrorPlace(), "MakeRoom");
+  EXPECT_EQ(NamesIn(directory), (std::set<std::string>{"a.log", "b.gps"}));
+  EXPECT_THAT(NamesOf(catalogue), ElementsAre("a.log", "b.gps"));
+}
+
+TEST_F(CatalogueTest, ReservedBlocksCountAsFreeAndTheReserveIsKeptInstead) {
+  Disk disk = InsertEmptyCard();
+  WriteRecording("/mnt/sdcard/cr/a.dat", 1 * mebi, firstDay);
+  disk.LoadDiskInfo();
+  auto const freeShare = static_cast<double>(disk.freeBytes) * share;
+  auto const reserve = static_cast<double>(disk.reserveBytes) * share;
+
+  FilesManager roomy(&disk, directory, static_cast<std::uint64_t>(freeShare - reserve - 1000),
+                     share);
+  EXPECT_TRUE(roomy.CheckAvailableSpace(true));
+  FilesManager tight(&disk, directory, static_cast<std::uint64_t>(freeShare - reserve + 1000),
+                     share);
+  EXPECT_FALSE(tight.CheckAvailableSpace(true));
+}
+
+TEST_F(CatalogueTest, EverythingButDirectoriesIsCataloguedAndLinksAreNotFollowed) {
+  Disk disk = InsertEmptyCard();
+  WriteRecording("/mnt/sdcard/cr/plain.dat", 5000, firstDay + 1);
+  fs::create_directory("/mnt/sdcard/cr/directory.dat");
+  fs::create_symlink("/usr/bin/env", "/mnt/sdcard/cr/link.dat");
+  ASSERT_EQ(mkfifo("/mnt/sdcard/cr/pipe.dat", 0600), 0);
+  FilesManager catalogue(&disk, directory, 0, share);
+
+  ASSERT_TRUE(catalogue.LoadAndSort());
+  EXPECT_EQ(NamesOf(catalogue).front(), "plain.dat");
+  EXPECT_THAT(NamesOf(catalogue),
+              testing::UnorderedElementsAre("plain.dat", "link.dat", "pipe.dat"));
+  EXPECT_EQ(catalogue.GetTotalFilesSize(), 5000 + std::string("/usr/bin/env").size());
+}
+
+TEST_F(CatalogueTest, FileThatCannotBeDeletedLeavesTheCatalogueAndStaysOnTheCard) {
+  Disk disk = InsertEmptyCard();
+  WriteRecording("/mnt/sdcard/cr/a.dat", 1000, firstDay);
+  WriteRecording("/mnt/sdcard/cr/b.dat", 200, firstDay + 1);
+  WriteRecording("/mnt/sdcard/cr/c.dat", 30, firstDay + 2);
+  Unremovable const a("/mnt/sdcard/cr/a.dat");
+  FilesManager catalogue(&disk, directory, 0, share);
+  ASSERT_TRUE(catalogue.LoadAndSort());
+
+  EXPECT_EQ(catalogue.DeleteOldFiles(1), 1U);
+  EXPECT_THAT(NamesOf(catalogue), ElementsAre("c.dat"));
+  EXPECT_EQ(NamesIn(directory), (std::set<std::string>{"a.dat", "c.dat"}));
+  EXPECT_EQ(catalogue.GetTotalFilesSize(), 1030U);
+  EXPECT_EQ(catalogue.GetTotalFilesSize(true), 30U);
+}
+
+TEST_F(CatalogueTest, FileThatCannotBeDeletedByNameStaysCatalogued) {
+  Disk disk = InsertEmptyCard();
+  WriteRecording("/mnt/sdcard/cr/a.dat", 1000, firstDay);
+  WriteRecording("/mnt/sdcard/cr/b.log", 200, firstDay + 1);
+  Unremovable const a("/mnt/sdcard/cr/a.dat");
+  FilesManager catalogue(&disk, directory, 0, share);
+  ASSERT_TRUE(catalogue.LoadAndSort());
+  std::string stuck = "a.dat";
+  std::string removable = "b.log";
+
+  EXPECT_FALSE(catalogue.RemoveFileByName(stuck));
+  EXPECT_THAT(NamesOf(catalogue), ElementsAre("a.dat", "b.log"));
+  auto const* const removed = catalogue.GetList().back();
+  EXPECT_TRUE(catalogue.RemoveFileByName(removable));
+  EXPECT_EQ(NamesIn(directory), std::set<std::string>{"a.dat"});
+  EXPECT_EQ(catalogue.GetTotalFilesSize(), 1000U);
+  delete removed;  // nobody else would
+}
+
+TEST_F(CatalogueTest, BackgroundPassEmptiesTheCardOfAllButProtectedFiles) {
+  Disk disk = InsertEmptyCard();
+  for (int i = 0; i < 50; ++i)
+    WriteRecording(directory + std::to_string(i) + ".dat", 10'000, firstDay + i);
+  WriteRecording("/mnt/sdcard/cr/kept.gps", 1, firstDay);
+  FilesManager catalogue(&disk, directory, 0, share);
+  ASSERT_TRUE(catalogue.LoadAndSort());
+
+  catalogue.RemoveAllFilesAsync();
+  catalogue.Join();
+  EXPECT_EQ(NamesIn(directory), std::set<std::string>{"kept.gps"});
+  EXPECT_THAT(NamesOf(catalogue), ElementsAre("kept.gps"));
+  EXPECT_EQ(catalogue.GetTotalFilesSize(), 1U);
+}
+
+TEST_F(CatalogueTest, CardThatCannotBeMeasuredIsRecordedAsTheReason) {
+  Disk disk = InsertEmptyCard();
+  FilesManager catalogue(&disk, directory, 0, share);
+  disk.mountPoint = "/mnt/nowhere/";
+
+  EXPECT_FALSE(catalogue.MakeRoom());
+  EXPECT_EQ(catalogue.GetError(), "Get space stat error");
+}
+
+TEST_F(CatalogueTest, DirectoryIsMadeOnceWithItsMode) {
+  Disk const disk = InsertEmptyCard();
+  mode_t const before = umask(0);
+  Idir recordings("/mnt/sdcard/cr");
+  EXPECT_FALSE(recordings.exists);
+
+  EXPECT_TRUE(recordings.Create());
+  umask(before);
+  EXPECT_EQ(fs::status("/mnt/sdcard/cr").permissions(), static_cast<fs::perms>(0775));
+  EXPECT_TRUE(recordings.CheckIfExists());
+  EXPECT_FALSE(recordings.exists);
+  EXPECT_FALSE(recordings.Create());
+  EXPECT_EQ(recordings.GetError(), "unable to create directory: /mnt/sdcard/cr");
+  EXPECT_EQ(recordings.GetErrorPlace(), "Create");
+}
+
+TEST_F(CatalogueTest, DirectoryWithoutAParentOrOnAReadOnlyCardIsNotMade) {
+  card.SetWriteProtected(true);
+  card.Insert();
+  RunQuietly("mount -o ro /dev/mmcblk1p1 /mnt/sdcard");
+  Idir orphan("/mnt/sdcard/lost+found/a/b");
+  Idir refused("/mnt/sdcard/cr");
+
+  EXPECT_FALSE(orphan.Create());
+  EXPECT_FALSE(refused.Create());
+  EXPECT_EQ(refused.GetError(), "unable to create directory: /mnt/sdcard/cr");
+}
+
+TEST_F(CatalogueTest, FileIsCopiedRenamedAndLimitedOnTheCard) {
+  Disk const disk = InsertEmptyCard();
+  WriteRecording("/mnt/sdcard/a.dat", 3 * mebi, firstDay);
+  std::string path = "/mnt/sdcard/a.dat";
+  std::string newPath = "/mnt/sdcard/b.gps";
+  Quellon::FileUtils::Ifile file(path, false);
+
+  EXPECT_TRUE(file.CopyTo("/mnt/sdcard/copy.dat"));
+  EXPECT_EQ(TextOf("/mnt/sdcard/copy.dat"), TextOf(path));
+  file.Close();
+  EXPECT_TRUE(file.Rename(newPath));
+  ASSERT_TRUE(file.Stat());
+  EXPECT_EQ(file.size, static_cast<std::int64_t>(3 * mebi));
+  EXPECT_TRUE(file.RemoveIfBiggerThan(3 * mebi));
+  EXPECT_FALSE(fs::exists(newPath));
+}
+
+}  // namespace CardTests

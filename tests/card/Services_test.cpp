@@ -1,0 +1,123 @@
+// The bench driver and the process and memory utilities, against a real kernel.
+#include <gmock/gmock.h>
+#include <sys/stat.h>
+#include <sys/statvfs.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <regex>
+
+#include "SysUtil/Util.h"
+#include "tests/card/CardFixture.h"
+#include "tests/support/Capture.h"
+
+namespace CardTests {
+namespace {
+
+namespace fs = std::filesystem;
+namespace SysUtil = Quellon::SysUtil;
+using testing::EndsWith;
+using testing::HasSubstr;
+using testing::StartsWith;
+
+class ServicesTest : public CardTest {};
+
+/// Log lines without the time, and the temperature where there is one.
+std::string WithoutHeaders(std::string const& text) {
+  return std::regex_replace(text, std::regex(R"(\[\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\](\[-?\d+C\])?)"),
+                            "");
+}
+
+std::string RamdiskMount() {
+  std::ifstream mounts("/proc/mounts");
+  for (std::string line; std::getline(mounts, line);)
+    if (line.find(" /mnt/ramdisk ") != std::string::npos) return line;
+  return {};
+}
+
+}  // namespace
+
+TEST_F(ServicesTest, BenchDriverListsTheCardsRecordingsOldestFirst) {
+  card.Edit([](fs::path const& root) {
+    WriteRecording(root / "cr/b.dat", 10, 2000);
+    WriteRecording(root / "cr/c.log", 10, 3000);
+    WriteRecording(root / "cr/a.dat", 10, 1000);
+  });
+  card.Insert();
+  Capture::Descriptor errors(2);
+  ProgramResult const bench = RunProgram(std::string(BENCH_DRIVER) + " these are ignored");
+
+  EXPECT_EQ(bench.exitCode, 0);
+  std::string const lines = WithoutHeaders(bench.output);
+  EXPECT_THAT(lines, StartsWith("Disk /mnt/sdcard/ free sapce 54MB from 54MB\n"
+                                "[SYSTEM] Min free space after correction "));
+  EXPECT_TRUE(std::regex_search(
+      lines, std::regex("correction \\d+B fraction 0.8\n\\[SYSTEM\\] Allocated disk space "
+                        "[0-9.]+MB\n\\[SYSTEM\\]\\[a.dat\\]\n\\[SYSTEM\\]\\[b.dat\\]\n"
+                        "\\[SYSTEM\\]\\[c.log\\]\n$")))
+      << lines;
+  EXPECT_THAT(TextOf("/var/log/quellon.log"),
+              EndsWith(bench.output.substr(bench.output.find('\n') + 1)));
+}
+
+TEST_F(ServicesTest, BenchDriverWithoutACardSaysSoAndSucceeds) {
+  ProgramResult const bench = RunProgram(BENCH_DRIVER);
+
+  EXPECT_EQ(bench.exitCode, 0);
+  EXPECT_EQ(bench.output, "Disk exception Disk not found\n");
+}
+
+TEST_F(ServicesTest, RamdiskIsFreshAndEmptyEachTime) {
+  Capture::Descriptor errors(2);
+  Capture::Descriptor output(1);
+  SysUtil::MountRamdisk();
+  ASSERT_TRUE(IsMounted("/mnt/ramdisk"));
+  std::ofstream("/mnt/ramdisk/file") << "gone after the next mount";
+  SysUtil::MountRamdisk();
+
+  EXPECT_TRUE(IsMounted("/mnt/ramdisk"));
+  EXPECT_TRUE(fs::is_empty("/mnt/ramdisk"));
+  EXPECT_EQ(output.Text(), "");
+}
+
+TEST_F(ServicesTest, RamdiskHasItsSizeAndMode) {
+  Capture::Descriptor errors(2);
+  SysUtil::MountRamdisk();
+  struct statvfs space {};
+  struct stat root {};
+  ASSERT_EQ(statvfs("/mnt/ramdisk", &space), 0);
+  ASSERT_EQ(stat("/mnt/ramdisk", &root), 0);
+
+  EXPECT_EQ(space.f_blocks * space.f_frsize, 192U << 20U);
+  EXPECT_EQ(root.st_mode & 07777U, 01777U);
+  EXPECT_THAT(RamdiskMount(), StartsWith("tmpfs /mnt/ramdisk tmpfs rw,nosuid,nodev,noatime"));
+}
+
+TEST_F(ServicesTest, OpenFilesOfThisProcessAndItsParentAreShown) {
+  std::ofstream const shown("/tmp/shown-to-be-open");
+  Capture::Descriptor output(1);
+  SysUtil::DisplayOpenFiles();
+  std::string const text = output.Text();
+  std::string const self = std::to_string(getpid());
+  std::string const parent = std::to_string(getppid());
+
+  EXPECT_THAT(text, StartsWith("Try run [ls -l /proc/" + self + "/fd] on pipe\nOpen files on pid " +
+                               self + " :\ntotal "));
+  EXPECT_THAT(text, HasSubstr("-> /tmp/shown-to-be-open\n"));
+  EXPECT_THAT(text, HasSubstr("\n\nTry run [ls -l /proc/" + parent +
+                              "/fd] on pipe\nOpen files on pid " + parent + " :\ntotal "));
+}
+
+TEST_F(ServicesTest, ProcessIsFoundByAPartOfItsName) {
+  EXPECT_EQ(SysUtil::GetProcIdByName("card_test"), getpid());
+  EXPECT_EQ(SysUtil::GetProcIdByName("bash"), 1);
+  EXPECT_EQ(SysUtil::GetProcIdByName("no such program"), -1);
+}
+
+// The private root has a plain file in that place: the machine's cache is not the tests' business.
+TEST_F(ServicesTest, CacheDropIsWrittenToTheKernelsFile) {
+  EXPECT_TRUE(SysUtil::ClearCache());
+  EXPECT_EQ(TextOf("/proc/sys/vm/drop_caches"), "3");
+}
+
+}  // namespace CardTests

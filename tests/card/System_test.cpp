@@ -1,0 +1,331 @@
+// The card brought into service, and the machine rebooted for one that fails, a fixed number of
+// times. Each start of the device is a process of its own.
+#include "DiskUtils/System.h"
+
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <sys/mount.h>
+#include <sys/statvfs.h>
+
+#include <fstream>
+
+#include "base/Json.h"
+#include "tests/card/CardFixture.h"
+#include "tests/card/Interpose.h"
+#include "tests/support/Capture.h"
+
+namespace CardTests {
+namespace {
+
+namespace fs = std::filesystem;
+using Quellon::System;
+using testing::EndsWith;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::Not;
+using testing::StartsWith;
+
+std::string Counted(int reboots) {
+  return R"({"sdcard-status-conter":)" + std::to_string(reboots) + "}";
+}
+
+/// How often `part` occurs in `text`.
+int Occurrences(std::string const& text, std::string const& part) {
+  int count = 0;
+  for (auto at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) ++count;
+  return count;
+}
+
+bool RootIsReadOnly() {
+  struct statvfs root {};
+  statvfs("/", &root);
+  return (root.f_flag & ST_RDONLY) != 0;
+}
+
+void MakeRootReadOnly() {
+  ASSERT_EQ(mount(nullptr, "/", nullptr, MS_REMOUNT | MS_RDONLY, nullptr), 0);
+}
+
+class SystemTest : public CardTest {
+ protected:
+  /// Switches the device on and returns what it prints until its start has ended.
+  static std::string PowerOn() {
+    Boot();
+    Capture::Descriptor errors(2);
+    ProgramResult const start = RunProgram(POWER_ON);
+    EXPECT_EQ(start.exitCode, 0);
+    EXPECT_THAT(start.output, EndsWith("end of this start\n"));
+    return start.output;
+  }
+
+  /// Three starts that end in a reboot and a fourth that goes on without the card; returns what the
+  /// fourth prints.
+  static std::string StartUntilItGivesUp(std::string const& reason);
+
+  static void WriteCounterFile(std::string const& text) { std::ofstream(counterFile) << text; }
+};
+
+std::string SystemTest::StartUntilItGivesUp(std::string const& reason) {
+  for (int reboots = 0; reboots < 3; ++reboots) {
+    std::string const output = PowerOn();
+    EXPECT_THAT(output,
+                HasSubstr("Exception disk (0): " + reason + "\nFound SD card status counter " +
+                          std::to_string(reboots) + " on file\nSave sdcard status counter " +
+                          std::to_string(reboots + 1) +
+                          " to file\nDone save counter, trigger reboot...\n"));
+    EXPECT_THAT(output, HasSubstr("card: none\nhealth: {}\n"));
+    EXPECT_THAT(output, HasSubstr("asked: system reboot\nasked: sleep 20000 ms\n"));
+    EXPECT_THAT(output, HasSubstr("asked: reboot 0x1234567\nend of this start\n"));
+    EXPECT_EQ(TextOf(counterFile), Counted(reboots + 1));
+  }
+  std::string last = PowerOn();
+  EXPECT_THAT(last, HasSubstr("Exception disk (0): " + reason +
+                              "\nFound SD card status counter 3 on file\n"
+                              "Found SD card status counter 4 on file, passed limit\n"
+                              "============================ SD CARD ============================="
+                              "\nNOT PRESENT\n"));
+  EXPECT_THAT(last, HasSubstr("card: unusable\n"));
+  EXPECT_THAT(last, Not(HasSubstr("reboot")));
+  EXPECT_EQ(TextOf(counterFile), Counted(3));
+  return last;
+}
+
+}  // namespace
+
+TEST_F(SystemTest, GoodCardIsBroughtIntoServiceAndReported) {
+  card.Insert();
+  Capture::Descriptor output(1);
+  System system;
+  auto const* const disk = system.InitDisk();
+
+  ASSERT_NE(disk, nullptr);
+  EXPECT_EQ(disk, system.disk);
+  EXPECT_TRUE(disk->available);
+  EXPECT_FALSE(system.diskFault);
+  EXPECT_EQ(MachineCalls().back(), "sleep 1000 ms");
+  auto const& status = Quellon::DiskUtils::Disk::deviceStatusList[mountPoint];
+  EXPECT_THAT(output.Text(),
+              EndsWith("============================ SD CARD =============================\n"
+                       " size [67108864] B\n usable size [" +
+                       std::to_string(disk->totalBytes) + "] B \n writen [" +
+                       std::to_string(status.lifetimeWritesKB) +
+                       "] kB\n read only [0]\n fcsk status [0]\n cid [" + card.identity.cid +
+                       "]\n"
+                       "==================================================================\n"));
+  delete system.disk;
+}
+
+TEST_F(SystemTest, HealthOfAGoodCardIsMeasured) {
+  card.Insert();
+  Capture::Descriptor output(1);
+  System system;
+  system.InitDisk();
+  auto health = Tarvik::Json::Deserialize(system.GetHealthReport()).ToObject();
+
+  EXPECT_EQ(static_cast<int>(health["zf"]), 0);
+  EXPECT_EQ(health["zi"].ToString(), card.identity.cid);
+  EXPECT_EQ(static_cast<int>(health["zr"]), 0);
+  EXPECT_EQ(static_cast<double>(health["zs"]), 64.0 / 1024);
+  EXPECT_GT(static_cast<double>(health["zl"]), 0);
+  EXPECT_THAT(health["f"].ToString(), StartsWith("30.4|B140 ("));
+  EXPECT_FALSE(health.HasKey("rtc-have-been-reset"));
+  delete system.disk;
+}
+
+TEST_F(SystemTest, RepairedCardIsUsedAndTheRepairReported) {
+  card.DamageRepairably();
+  card.Insert();
+  std::string const output = PowerOn();
+
+  EXPECT_THAT(output, HasSubstr("FSCK output: File system errors corrected\n"));
+  EXPECT_THAT(output, HasSubstr(" fcsk status [1]\n"));
+  EXPECT_THAT(output, HasSubstr("card: usable\n"));
+  EXPECT_THAT(output, HasSubstr(R"("zf":1,)"));
+}
+
+TEST_F(SystemTest, MissingCardCausesThreeRebootsAndThenIsDoneWithout) {
+  std::string const last = StartUntilItGivesUp("The device is not available");
+  EXPECT_THAT(last, HasSubstr(R"("zf":0,"zi":"","zl":0,"zr":3,"zs":0})"));
+}
+
+TEST_F(SystemTest, CardThatLosesFilesCausesThreeRebootsAndIsReportedBroken) {
+  LossyCheck const lossy(card);
+  card.Insert();
+  std::string const last = StartUntilItGivesUp("disk malfunction");
+  EXPECT_THAT(last, HasSubstr(R"("zr":1,"zs":0.0625})"));
+}
+
+TEST_F(SystemTest, WriteProtectedCardCausesThreeRebootsAndIsReportedReadOnly) {
+  card.SetWriteProtected(true);
+  card.Insert();
+  std::string const last = StartUntilItGivesUp("The device is not available");
+  EXPECT_THAT(last, HasSubstr(R"("zr":2,)"));
+}
+
+TEST_F(SystemTest, CardBeyondRepairCausesThreeRebootsAndIsReportedUnusable) {
+  card.DamageBeyondRepair();
+  card.Insert();
+  std::string const last = StartUntilItGivesUp("The device is not available");
+  EXPECT_THAT(last, HasSubstr(R"("zr":3,"zs":0.0625})"));
+}
+
+TEST_F(SystemTest, CardThatComesBackAfterARebootIsUsedAndTheCountStays) {
+  EXPECT_THAT(PowerOn(), HasSubstr("trigger reboot..."));
+  card.Insert();
+  std::string const output = PowerOn();
+
+  EXPECT_THAT(output, HasSubstr("card: usable\n"));
+  EXPECT_THAT(output, Not(HasSubstr("reboot")));
+  EXPECT_EQ(TextOf(counterFile), Counted(1));
+}
+
+TEST_F(SystemTest, UnreadableCounterMeansNoReboot) {
+  fs::create_directory(counterFile);
+  std::string const output = PowerOn();
+
+  EXPECT_THAT(output, HasSubstr("Exception disk (0): The device is not available\n"
+                                "Found SD card status counter -1 on file, passed limit\n======"));
+  EXPECT_THAT(output, Not(HasSubstr("reboot")));
+  EXPECT_THAT(output, HasSubstr("card: unusable\n"));
+  fs::remove(counterFile);
+}
+
+TEST_F(SystemTest, AnotherStartInTheSameProcessReplacesTheCardObject) {
+  Capture::Descriptor errors(2);
+  Capture::Descriptor output(1);
+  WriteCounterFile(Counted(3));
+  System system;
+  ASSERT_NE(system.InitDisk(), nullptr);
+  EXPECT_FALSE(system.disk->available);
+  EXPECT_TRUE(system.diskFault);
+
+  card.Insert();
+  ASSERT_NE(system.InitDisk(), nullptr);
+  EXPECT_TRUE(system.disk->available);
+  EXPECT_FALSE(system.diskFault);
+  delete system.disk;
+}
+
+TEST_F(SystemTest, CardFoundBrokenIsRefusedByLaterStartsInTheSameProcess) {
+  Capture::Descriptor output(1);
+  WriteCounterFile(Counted(3));
+  System system;
+  {
+    LossyCheck const lossy(card);
+    card.Insert();
+    system.InitDisk();
+  }
+  system.InitDisk();
+
+  EXPECT_FALSE(system.disk->available);
+  EXPECT_THAT(output.Text(),
+              HasSubstr("Disk exception Disk malfunction status had been set to read-only\n"
+                        "Exception disk (0): The device is not available\n"));
+  delete system.disk;
+}
+
+TEST_F(SystemTest, RebootLeavesCardAndRootUnmounted) {
+  LossyCheck const lossy(card);
+  card.Insert();
+  EXPECT_THAT(PowerOn(), HasSubstr("asked: reboot 0x1234567\n"));
+
+  EXPECT_FALSE(IsMounted(mountPoint));
+  EXPECT_TRUE(RootIsReadOnly());  // what the kernel makes of unmounting a process's own root
+}
+
+TEST_F(SystemTest, BusyCardDoesNotStopAReboot) {
+  card.Insert();
+  Quellon::DiskUtils::Disk disk(mountPoint, partition, device);
+  Tarvik::UniqueFd const busy(open("/mnt/sdcard/busy", O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
+  System system;
+  Capture::Descriptor errors(2);
+
+  EXPECT_EQ(system.Reboot(), -1);
+  EXPECT_EQ(Occurrences(errors.Text(), "Unable to umount storage SD: Device or resource busy\n"),
+            9);
+  EXPECT_EQ(MachineCalls().back(), "reboot 0x1234567");
+  EXPECT_TRUE(IsMounted(mountPoint));
+}
+
+TEST_F(SystemTest, BusyRootIsGivenASecondAndTenForcedAttempts) {
+  Tarvik::UniqueFd const busy(open("/busy", O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
+  card.Insert();
+  Quellon::DiskUtils::Disk disk(mountPoint, partition, device);
+  System system;
+  ForgetMachineCalls();
+  Capture::Descriptor errors(2);
+
+  EXPECT_EQ(system.UnmountAll(), 0);
+  EXPECT_EQ(Occurrences(errors.Text(), "Unable to umount root SD: "), 9);
+  std::vector<std::string> pauses(10, "sleep 100 ms");
+  pauses.front() = "sleep 1000 ms";
+  EXPECT_EQ(MachineCalls(), pauses);
+  EXPECT_FALSE(IsMounted(mountPoint));
+}
+
+TEST_F(SystemTest, MissingCounterFileCountsZeroAndIsMade) {
+  System system;
+  EXPECT_EQ(system.ReadSDCardStatusCounter(), 0);
+  EXPECT_TRUE(fs::is_empty(counterFile));
+}
+
+TEST_F(SystemTest, SavedCounterIsReadBackAndReplacesTheWholeFile) {
+  System system;
+  WriteCounterFile(std::string(1000, ' '));
+  Capture::Descriptor output(1);
+
+  EXPECT_TRUE(system.SaveSDCardStatusCounter(2));
+  EXPECT_EQ(output.Text(), "Save sdcard status counter 2 to file\n");
+  EXPECT_EQ(TextOf(counterFile), Counted(2));
+  EXPECT_EQ(system.ReadSDCardStatusCounter(), 2);
+}
+
+TEST_F(SystemTest, ZeroRemovesTheCounterFileAndAMissingOneIsFine) {
+  System system;
+  WriteCounterFile(Counted(1));
+  Capture::Descriptor output(1);
+
+  EXPECT_TRUE(system.SaveSDCardStatusCounter(0));
+  EXPECT_FALSE(fs::exists(counterFile));
+  EXPECT_TRUE(system.SaveSDCardStatusCounter(0));
+  EXPECT_EQ(output.Text(), "Remove sdcard status file\nRemove sdcard status file\n");
+}
+
+TEST_F(SystemTest, CounterIsReadFromAnyObjectThatHasIt) {
+  System system;
+  WriteCounterFile("{\n \"other\": [1],\n \"sdcard-status-conter\":\n 2\n}\n");
+  EXPECT_EQ(system.ReadSDCardStatusCounter(), 2);
+}
+
+TEST_F(SystemTest, ValidTextWithoutTheCounterCountsZero) {
+  System system;
+  for (char const* text : {R"({"sdcard-status-counter":2})", "{}", "[2]", "2", "null"}) {
+    WriteCounterFile(text);
+    EXPECT_EQ(system.ReadSDCardStatusCounter(), 0) << text;
+  }
+}
+
+TEST_F(SystemTest, BrokenTextOrAWrongKindOfCounterIsUnreadable) {
+  System system;
+  for (char const* text : {R"({"sdcard-status-conter":)", R"({"sdcard-status-conter":"2"})"}) {
+    WriteCounterFile(text);
+    EXPECT_EQ(system.ReadSDCardStatusCounter(), -1) << text;
+  }
+}
+
+TEST_F(SystemTest, CounterOnAReadOnlyRootCannotBeReadOrRemovedAndIsTakenForSaved) {
+  System system;
+  WriteCounterFile(Counted(1));
+  MakeRootReadOnly();
+  Capture::Descriptor output(1);
+
+  EXPECT_EQ(system.ReadSDCardStatusCounter(), -1);
+  EXPECT_TRUE(system.SaveSDCardStatusCounter(2));
+  EXPECT_FALSE(system.SaveSDCardStatusCounter(0));
+  EXPECT_EQ(output.Text(),
+            "Save sdcard status counter 2 to file\n"
+            "Remove sdcard status file\nUnable to remove sd card status file\n");
+  EXPECT_EQ(TextOf(counterFile), Counted(1));
+}
+
+}  // namespace CardTests
