@@ -1,0 +1,232 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <iostream>
+#include <optional>
+#include <string>
+#include <type_traits>
+
+#include "DiskUtils/System.h"
+#include "tests/support/Capture.h"
+#include "tests/support/ChildProcess.h"
+#include "tests/support/FakeCard.h"
+#include "tests/support/Interpose.h"
+
+namespace {
+
+using Interpose::hooks;
+using Quellon::DiskUtils::Disk;
+using testing::MatchesRegex;
+
+std::string const kRule(66, '=');
+std::string const kTitle = "============================ SD CARD =============================\n";
+std::string const kBanner =
+    "\n" + kRule + "\nSYSTEM DATE/TIME CHANGED, RTC RESET DUE POWER OFF\n" + kRule + "\n";
+std::string const kGoodCard = kTitle +
+                              " size [15931539456] B\n"
+                              " usable size [12288000000] B \n"
+                              " writen [0] kB\n"
+                              " read only [0]\n"
+                              " fcsk status [0]\n"
+                              " cid [275048534433324760e0e7f40f012a01]\n" +
+                              kRule + "\n";
+std::string const kNoCard = kTitle + "NOT PRESENT\n" + kRule + "\n";
+
+class HealthReport : public testing::Test {
+ protected:
+  HealthReport() {
+    Capture::Output([this] {
+      system.emplace();
+      disk.emplace(FakeCard::kMountPoint, FakeCard::kPartition, FakeCard::kDevice);
+    });
+    system->disk = &*disk;
+  }
+
+  std::string Build() {
+    return Capture::Output([this] { system->BuildDiskHealthReport(); });
+  }
+  Tarvik::Json::Value Recorded(char const* key) { return system->healthStatus.status[key]; }
+  int Integer(char const* key) {
+    EXPECT_TRUE(Recorded(key).IsInt()) << key;
+    return Recorded(key);
+  }
+  double Floating(char const* key) {
+    EXPECT_TRUE(Recorded(key).IsDouble()) << key;
+    return Recorded(key);
+  }
+
+  FakeCard card;
+  std::optional<Quellon::System> system;
+  std::optional<Disk> disk;
+};
+
+TEST(HealthStatusClass, IsPolymorphicByItsDestructorAlone) {
+  static_assert(std::has_virtual_destructor_v<Quellon::HealthStatus>);
+}
+
+TEST_F(HealthReport, PrintsNothingAndRecordsNothingWithoutADisk) {
+  system->disk = nullptr;
+  hooks().now = 0;
+  EXPECT_EQ(Build(), "");
+  EXPECT_EQ(system->GetHealthReport(), "{}");
+}
+
+TEST_F(HealthReport, PrintsAnAvailableCard) {
+  EXPECT_EQ(Build(), kGoodCard);
+}
+
+TEST_F(HealthReport, PrintsEveryFigureOfTheStatusTable) {
+  FakeCard::Status() = {"short", true, true, 12, 0, 32010928128, 1234567890123};
+  disk->totalBytes = 987654321098;
+  EXPECT_EQ(Build(), kTitle +
+                         " size [32010928128] B\n usable size [987654321098] B \n"
+                         " writen [1234567890123] kB\n read only [1]\n fcsk status [12]\n"
+                         " cid [short]\n" +
+                         kRule + "\n");
+}
+
+TEST_F(HealthReport, PrintsACardThatIsNotAvailableAsNotPresent) {
+  disk->available = false;
+  EXPECT_EQ(Build(), kNoCard);
+}
+
+TEST_F(HealthReport, RecordsEveryKeyAsJson) {
+  FakeCard::Status().lifetimeWritesKB = 1572864;
+  FakeCard::Status().sizeBytes = 32010928128;
+  FakeCard::Status().fsckStatus = 1;
+  Build();
+  EXPECT_THAT(system->GetHealthReport(),
+              MatchesRegex(R"re(\{"f":"30\.4\|B140 \([A-Z][a-z][a-z] [ 0-9][0-9] [0-9]{4} )re"
+                           R"re([0-9][0-9]:[0-9][0-9]:[0-9][0-9]\)","zf":1,)re"
+                           R"re("zi":"275048534433324760e0e7f40f012a01","zl":1\.5,"zr":0,)re"
+                           R"re("zs":29\.8125\})re"));
+}
+
+TEST_F(HealthReport, RecordsSizeAndWritesInGibibytes) {
+  FakeCard::Status().sizeBytes = 32010928128;
+  FakeCard::Status().lifetimeWritesKB = 1;
+  Build();
+  EXPECT_EQ(Floating("zs"), 29.8125);
+  EXPECT_EQ(Floating("zl"), 1.0 / 1048576);
+}
+
+TEST_F(HealthReport, RecordsUnknownCountsAsTheIntegerZero) {
+  FakeCard::Status().sizeBytes = 0;
+  FakeCard::Status().lifetimeWritesKB = 0;
+  Build();
+  EXPECT_EQ(Integer("zs"), 0);
+  EXPECT_EQ(Integer("zl"), 0);
+}
+
+TEST_F(HealthReport, RecordsCountsBeyond63BitsAsPositive) {
+  FakeCard::Status().sizeBytes = 1ULL << 63;
+  FakeCard::Status().lifetimeWritesKB = 1ULL << 63;
+  Build();
+  EXPECT_EQ(Floating("zs"), 8589934592.0);
+  EXPECT_EQ(Floating("zl"), 8796093022208.0);
+}
+
+struct State {
+  bool available;
+  int malfunction;
+  bool readOnly;
+  int code;
+};
+
+class StateCode : public HealthReport, public testing::WithParamInterface<State> {};
+
+TEST_P(StateCode, TellsWhyTheCardIsNotInService) {
+  disk->available = GetParam().available;
+  FakeCard::Status().malfunction = GetParam().malfunction;
+  FakeCard::Status().readOnly = GetParam().readOnly;
+  Build();
+  EXPECT_EQ(Integer("zr"), GetParam().code);
+}
+
+INSTANTIATE_TEST_SUITE_P(AllStates, StateCode,
+                         testing::Values(State{true, 0, false, 0}, State{true, 1, true, 0},
+                                         State{false, 1, false, 1}, State{false, 1, true, 1},
+                                         State{false, 0, true, 2}, State{false, 2, true, 2},
+                                         State{false, 0, false, 3}, State{false, 2, false, 3}));
+
+TEST_F(HealthReport, MakesAZeroedEntryForAnUnknownMountPoint) {
+  Disk::deviceStatusList.clear();
+  disk->available = false;
+  EXPECT_EQ(Build(), kNoCard);
+  EXPECT_EQ(Disk::deviceStatusList.count(FakeCard::kMountPoint), 1U);
+  EXPECT_EQ(Integer("zf"), 0);
+  EXPECT_EQ(Recorded("zi").ToString(), "");
+  EXPECT_EQ(Integer("zr"), 3);
+  EXPECT_EQ(Integer("zs"), 0);
+  EXPECT_EQ(Integer("zl"), 0);
+}
+
+TEST_F(HealthReport, AnnouncesAClockWithinTheFirst9999Seconds) {
+  for (long const now : {-1L, 0L, 9999L}) {
+    hooks().now = now;
+    system->healthStatus.status = {};
+    EXPECT_EQ(Build(), kBanner + kGoodCard) << now;
+    EXPECT_EQ(Integer("rtc-have-been-reset"), 1);
+  }
+}
+
+TEST_F(HealthReport, TrustsAClockFromSecond10000On) {
+  hooks().now = 10000;
+  EXPECT_EQ(Build(), kGoodCard);
+  EXPECT_FALSE(system->healthStatus.status.HasKey("rtc-have-been-reset"));
+  EXPECT_EQ(system->healthStatus.status.Size(), 6U);
+}
+
+TEST_F(HealthReport, KeepsOneSetOfKeysAndTheClocksResetOnceItWasSeen) {
+  hooks().now = 9999;
+  Build();
+  hooks().now = 1614877509;
+  FakeCard::Status().fsckStatus = 4;
+  FakeCard::Status().sizeBytes = 0;
+  EXPECT_EQ(Build().substr(0, kTitle.size()), kTitle);
+  EXPECT_EQ(system->healthStatus.status.Size(), 7U);
+  EXPECT_EQ(Integer("rtc-have-been-reset"), 1);
+  EXPECT_EQ(Integer("zf"), 4);
+  EXPECT_EQ(Integer("zs"), 0);
+}
+
+/// What a process whose standard output is a pipe writes there while it does `work`.
+template <typename Work>
+std::string ThroughPipe(Work work) {
+  int ends[2];
+  if (pipe(ends) != 0) return "no pipe";
+  ChildProcess::Run([&] {
+    dup2(ends[1], STDOUT_FILENO);
+    std::setvbuf(stdout, nullptr, _IOFBF, BUFSIZ);  // as in a process that began with the pipe
+    work();
+    std::fflush(stdout);
+  });
+  close(ends[1]);
+  char text[4096];
+  ssize_t const length = read(ends[0], text, sizeof text);
+  close(ends[0]);
+  return {text, static_cast<std::size_t>(length < 0 ? 0 : length)};
+}
+
+TEST_F(HealthReport, ReachesAPipeInOrderWithWhateverIsWrittenAfterIt) {
+  hooks().now = 0;
+  std::string const output = ThroughPipe([this] {
+    std::cout << "before\n";
+    system->BuildDiskHealthReport();
+    EXPECT_EQ(write(STDOUT_FILENO, "after\n", 6), 6);
+  });
+  EXPECT_EQ(output, "before\n" + kBanner + kGoodCard + "after\n");
+}
+
+TEST_F(HealthReport, ReachesAPipeInOrderThoughTheStreamsAreNotInStep) {
+  hooks().now = 0;
+  std::string const output = ThroughPipe([this] {
+    std::ios::sync_with_stdio(false);
+    system->BuildDiskHealthReport();
+  });
+  EXPECT_EQ(output, kBanner + kGoodCard);
+}
+
+}  // namespace
