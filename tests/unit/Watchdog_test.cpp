@@ -1,56 +1,260 @@
 #include "Watchdog/Watchdog.h"
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <linux/watchdog.h>
 
 #include <cerrno>
-#include <filesystem>
+#include <cstdint>
+#include <cstring>
+#include <optional>
+#include <string>
+#include <type_traits>
+#include <vector>
 
+#include "base/Logger.h"
 #include "tests/support/Capture.h"
+#include "tests/support/Descriptors.h"
 #include "tests/support/Interpose.h"
 
 namespace {
 
 using Interpose::Answer;
+using Interpose::hooks;
 using Quellon::Watchdog;
-using testing::EndsWith;
-using testing::HasSubstr;
+using testing::ElementsAre;
 using testing::IsEmpty;
+using testing::MatchesRegex;
 
 constexpr char const* kDevice = "/dev/watchdog";
 
-/// A driver that takes every timeout and applies `applied` seconds.
+/// The log line of that message, without a temperature.
+auto IsLogLine(std::string const& message) {
+  return MatchesRegex("\\[[0-9]{4}-[0-9]{2}-[0-9]{2} [0-9]{2}:[0-9]{2}:[0-9]{2}\\]\\[WTD\\] " +
+                      message + "\n");
+}
+
+/// A device whose driver takes every timeout and applies `applied` seconds.
 void DriverApplies(int applied) {
   Interpose::MakeFile(kDevice, "");
-  Interpose::hooks().ioctl = [applied](unsigned long request, void* argument) {
-    EXPECT_TRUE(request == WDIOC_SETTIMEOUT || request == WDIOC_GETTIMEOUT);
+  hooks().ioctl = [applied](unsigned long, void* argument) {
     *static_cast<int*>(argument) = applied;
     return Answer::Success();
   };
 }
 
-TEST(Watchdog, ArmsWithNinetySecondsUnlessToldOtherwise) {
+/// A device whose driver takes no timeout.
+void DriverRefuses() {
   Interpose::MakeFile(kDevice, "");
-  int asked = 0;
-  Interpose::hooks().ioctl = [&asked](unsigned long request, void* argument) {
-    if (request == WDIOC_SETTIMEOUT) asked = *static_cast<int*>(argument);
-    return Answer::Success();
-  };
-  Capture::Output([] { Watchdog(); });
-  EXPECT_EQ(asked, 90);
-  Capture::Output([] { Watchdog(17); });
-  EXPECT_EQ(asked, 17);
+  hooks().ioctl = [](unsigned long, void*) { return Answer::Failure(EINVAL); };
 }
 
-TEST(Watchdog, LogsAndKeepsTheTimeoutThatTheDriverApplied) {
+/// The open watchdog of that descriptor takes `length` bytes of what is written to it.
+void DriverTakes(int const& fd, ssize_t length) {
+  hooks().write = [&fd, length](int written, auto&&...) -> std::optional<ssize_t> {
+    if (written != fd) return std::nullopt;
+    errno = EIO;
+    return length;
+  };
+}
+
+class WatchdogTest : public testing::Test {
+ protected:
+  // The log file stays open once it was written; these tests count descriptors.
+  WatchdogTest() { Tarvik::Ilog::Logger::GetInstance()->fileSink->enabled = false; }
+
+  Descriptors::Watch descriptors;
+};
+
+TEST(WatchdogClass, IsPolymorphicByItsDestructorAndCannotBeCopied) {
+  static_assert(std::has_virtual_destructor_v<Watchdog>);
+  static_assert(!std::is_copy_constructible_v<Watchdog>);
+}
+
+TEST_F(WatchdogTest, ArmsWithNinetySecondsUnlessToldOtherwise) {
+  Interpose::MakeFile(kDevice, "");
+  std::vector<int> asked;
+  hooks().ioctl = [&asked](unsigned long request, void* argument) {
+    if (request == WDIOC_SETTIMEOUT) asked.push_back(*static_cast<int*>(argument));
+    return Answer::Success();
+  };
+  Capture::Output([] {
+    Watchdog();
+    Watchdog(17);
+    Watchdog(0);
+  });
+  EXPECT_THAT(asked, ElementsAre(90, 17, 0));
+}
+
+TEST_F(WatchdogTest, LogsAndKeepsTheTimeoutThatTheDriverApplied) {
   DriverApplies(88);
   std::string const log = Capture::Output([] {
     Watchdog const watchdog(90);
     EXPECT_EQ(watchdog.timeout, 88);
     EXPECT_EQ(watchdog.fd, 0);
   });
-  EXPECT_THAT(log, EndsWith("][WTD] Watchdog timeout have been set to 88 seconds\n"));
+  EXPECT_THAT(log, IsLogLine("Watchdog timeout have been set to 88 seconds"));
+}
+
+TEST_F(WatchdogTest, SetsTheTimeoutFirstAndLogsTheOneItReadsBack) {
+  Interpose::MakeFile(kDevice, "");
+  std::vector<unsigned long> requests;
+  hooks().ioctl = [&requests](unsigned long request, void* argument) {
+    requests.push_back(request);
+    if (request == WDIOC_GETTIMEOUT) {
+      EXPECT_EQ(*static_cast<int*>(argument), 0);
+      *static_cast<int*>(argument) = 64;
+    }
+    return Answer::Success();
+  };
+  std::string const log = Capture::Output([] { EXPECT_EQ(Watchdog(60).timeout, 60); });
+  EXPECT_THAT(requests, ElementsAre(WDIOC_SETTIMEOUT, WDIOC_GETTIMEOUT));
+  EXPECT_THAT(log, IsLogLine("Watchdog timeout have been set to 64 seconds"));
+}
+
+TEST_F(WatchdogTest, LogsZeroSecondsWhenTheTimeoutCannotBeReadBack) {
+  Interpose::MakeFile(kDevice, "");
+  hooks().ioctl = [](unsigned long request, void*) {
+    return request == WDIOC_SETTIMEOUT ? Answer::Success() : Answer::Failure(ENOTTY);
+  };
+  std::string const log = Capture::Output([] {
+    Watchdog watchdog(30);
+    EXPECT_TRUE(watchdog.Init());
+  });
+  EXPECT_THAT(log.substr(0, log.find('\n') + 1),
+              IsLogLine("Watchdog timeout have been set to 0 seconds"));
+}
+
+TEST_F(WatchdogTest, OpensTheDeviceForReadingAndWritingAndKeepsItFromCommands) {
+  Interpose::MakeFile(kDevice, "");
+  hooks().ioctl = [this](unsigned long, void*) {
+    int const fd = descriptors.Opened().back();
+    EXPECT_TRUE(Descriptors::ClosesOnExec(fd));
+    EXPECT_EQ(fcntl(fd, F_GETFL) & O_ACCMODE, O_RDWR);
+    return Answer::Success();
+  };
+  Capture::Output([] { Watchdog(); });
+}
+
+TEST_F(WatchdogTest, ClosesTheDeviceAfterArmingAndAfterEveryKick) {
+  DriverApplies(90);
+  std::optional<Watchdog> watchdog;
+  Capture::Output([&] { watchdog.emplace(); });
+  EXPECT_THAT(descriptors.Opened(), IsEmpty());
+  Capture::Output([&] { EXPECT_TRUE(watchdog->Reset()); });
+  EXPECT_EQ(watchdog->fd, 0);
+  EXPECT_THAT(descriptors.Opened(), IsEmpty());
+}
+
+TEST_F(WatchdogTest, IsMadeSilentlyWithoutADevice) {
+  std::string const log = Capture::Output([] {
+    Watchdog watchdog(45);
+    EXPECT_EQ(watchdog.fd, -1);
+    EXPECT_EQ(watchdog.timeout, 45);
+    EXPECT_FALSE(watchdog.Init());
+  });
+  EXPECT_EQ(log, "");
+}
+
+TEST_F(WatchdogTest, LogsEveryKickThatFindsNoDevice) {
+  Watchdog watchdog;
+  for (int kick = 0; kick < 2; ++kick) {
+    std::string const log = Capture::Output([&] { EXPECT_FALSE(watchdog.Reset()); });
+    EXPECT_THAT(log, IsLogLine("Watchdog could not be open"));
+    EXPECT_EQ(watchdog.fd, -1);
+  }
+}
+
+TEST_F(WatchdogTest, FindsADeviceThatAppearsLater) {
+  Watchdog watchdog;
+  Interpose::MakeFile(kDevice, "");
+  Capture::Output([&] { EXPECT_TRUE(watchdog.Reset()); });
+}
+
+TEST_F(WatchdogTest, KicksWithTheFourBytesOfAOneAndNothingElse) {
+  DriverApplies(90);
+  std::string const log = Capture::Output([] {
+    Watchdog watchdog;
+    EXPECT_EQ(Interpose::ReadFile(kDevice), "");  // arming writes nothing
+    EXPECT_TRUE(watchdog.Reset());
+  });
+  std::string const written = Interpose::ReadFile(kDevice);
+  ASSERT_EQ(written.size(), 4U);
+  std::int32_t kick = 0;
+  std::memcpy(&kick, written.data(), sizeof kick);
+  EXPECT_EQ(kick, 1);
+  EXPECT_THAT(log.substr(log.find('\n') + 1), IsLogLine("Watchdog have been reset"));
+}
+
+TEST_F(WatchdogTest, StaysOpenSilentlyWhenTheDriverRefusesTheTimeout) {
+  DriverRefuses();
+  std::string const log = Capture::Output([this] {
+    Watchdog const watchdog(5);
+    EXPECT_GT(watchdog.fd, 0);
+    EXPECT_EQ(watchdog.timeout, 5);
+    EXPECT_THAT(descriptors.Opened(), testing::Contains(watchdog.fd));
+  });
+  EXPECT_EQ(log, "");
+  EXPECT_THAT(descriptors.Opened(), IsEmpty());
+}
+
+TEST_F(WatchdogTest, KicksThroughTheDescriptorThatWasLeftOpen) {
+  DriverRefuses();
+  Watchdog watchdog;
+  int const left = watchdog.fd;
+  int opened = 0;
+  hooks().fault = [&](std::string const& function) -> std::optional<int> {
+    if (function == "open") ++opened;
+    return std::nullopt;
+  };
+  hooks().write = [left](int fd, auto&&...) -> std::optional<ssize_t> {
+    return fd == left ? std::optional<ssize_t>(4) : std::nullopt;
+  };
+  Capture::Output([&] { EXPECT_TRUE(watchdog.Reset()); });
+  EXPECT_EQ(opened, 0);
+  EXPECT_EQ(watchdog.fd, 0);
+  EXPECT_THAT(descriptors.Opened(), IsEmpty());
+}
+
+class UnwrittenKick : public WatchdogTest, public testing::WithParamInterface<int> {};
+
+TEST_P(UnwrittenKick, FailsSilentlyAndLeavesTheDeviceOpenForTheNext) {
+  Watchdog watchdog;
+  Interpose::MakeFile(kDevice, "");
+  ASSERT_TRUE(watchdog.Open());
+  DriverTakes(watchdog.fd, GetParam());
+  std::string const log = Capture::Output([&] { EXPECT_FALSE(watchdog.Reset()); });
+  EXPECT_EQ(log, "");
+  int const left = watchdog.fd;
+  EXPECT_THAT(descriptors.Opened(), ElementsAre(left));
+  Capture::Output([&] { EXPECT_FALSE(watchdog.Reset()); });
+  EXPECT_EQ(watchdog.fd, left);
+  hooks().write = nullptr;
+  Capture::Output([&] { EXPECT_TRUE(watchdog.Reset()); });
+  EXPECT_THAT(descriptors.Opened(), IsEmpty());
+}
+
+INSTANTIATE_TEST_SUITE_P(FewerThanFourBytes, UnwrittenKick, testing::Values(-1, 0, 1, 3));
+
+TEST_F(WatchdogTest, ClosesOnlyADescriptorAboveZero) {
+  Watchdog watchdog;
+  watchdog.fd = -1;
+  EXPECT_FALSE(watchdog.Close());
+  EXPECT_EQ(watchdog.fd, -1);
+  watchdog.fd = 0;
+  EXPECT_FALSE(watchdog.Close());
+  EXPECT_GE(fcntl(0, F_GETFD), 0);
+}
+
+TEST_F(WatchdogTest, OpensAndClosesOnItsOwn) {
+  Watchdog watchdog;
+  Interpose::MakeFile(kDevice, "");
+  EXPECT_TRUE(watchdog.Open());
+  EXPECT_THAT(descriptors.Opened(), ElementsAre(watchdog.fd));
+  EXPECT_TRUE(watchdog.Close());
+  EXPECT_EQ(watchdog.fd, 0);
+  EXPECT_THAT(descriptors.Opened(), IsEmpty());
 }
 
 }  // namespace

@@ -1,0 +1,269 @@
+#include "RTC/Rtc.h"
+
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/ioctl.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstdlib>
+#include <ctime>
+#include <optional>
+#include <string>
+#include <type_traits>
+
+#include "tests/support/Capture.h"
+#include "tests/support/Descriptors.h"
+#include "tests/support/Interpose.h"
+
+namespace {
+
+using Interpose::Answer;
+using Interpose::hooks;
+using Interpose::Trace;
+using Quellon::RTC::Rtc;
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+constexpr char const* kDevice = "/dev/rtc0";
+constexpr char const* kCentralEurope = "CET-1CEST,M3.5.0,M10.5.0/3";
+constexpr rtc_time kTime{9, 5, 17, 4, 2, 121, 4, 62, 0};  // Thursday, 4 March 2021, 17:05:09
+constexpr long kTimeInUtc = 1614877509;
+
+/// The time zone of the process while one exists.
+class TimeZone {
+ public:
+  explicit TimeZone(char const* zone) {
+    if (char const* const value = getenv("TZ")) before = value;
+    setenv("TZ", zone, 1);
+    tzset();
+  }
+  TimeZone(TimeZone const&) = delete;
+  TimeZone& operator=(TimeZone const&) = delete;
+  ~TimeZone() {
+    before ? setenv("TZ", before->c_str(), 1) : unsetenv("TZ");
+    tzset();
+  }
+
+ private:
+  std::optional<std::string> before;
+};
+
+std::array<int, 9> Fields(rtc_time const& time) {
+  return {time.tm_sec,  time.tm_min,  time.tm_hour, time.tm_mday, time.tm_mon,
+          time.tm_year, time.tm_wday, time.tm_yday, time.tm_isdst};
+}
+
+/// A clock that holds `time`, and to which it can be set.
+void ClockHolds(rtc_time& time) {
+  Interpose::MakeFile(kDevice, "");
+  hooks().ioctl = [&time](unsigned long request, void* argument) {
+    auto& wanted = *static_cast<rtc_time*>(argument);
+    if (request == RTC_RD_TIME) wanted = time;
+    if (request == RTC_SET_TIME) time = wanted;
+    return Answer::Success();
+  };
+}
+
+/// A clock whose requests all give `answer`.
+void ClockAnswers(Answer answer) {
+  Interpose::MakeFile(kDevice, "");
+  hooks().ioctl = [answer](unsigned long, void*) { return answer; };
+}
+
+class RtcTest : public testing::Test {
+ protected:
+  RtcTest() {
+    hooks().setClock = [](long) { return Answer::Success(); };
+  }
+
+  /// Sets the system clock from `time`, and returns the seconds it was set to.
+  std::string SecondsOf(rtc_time const& time) {
+    rtc.rtcTime = time;
+    EXPECT_TRUE(rtc.SetSystemClock());
+    return Trace().back();
+  }
+
+  TimeZone zone{"UTC0"};
+  Rtc rtc{kDevice};
+  Descriptors::Watch descriptors;
+};
+
+TEST(RtcClass, IsPolymorphicByItsDestructor) {
+  static_assert(std::has_virtual_destructor_v<Rtc>);
+}
+
+TEST_F(RtcTest, TouchesNoDeviceWhenItIsMade) {
+  hooks().fault = [](std::string const& function) -> std::optional<int> {
+    ADD_FAILURE() << function;
+    return std::nullopt;
+  };
+  Rtc const made("/dev/rtc7");
+  EXPECT_EQ(made.devicePath, "/dev/rtc7");
+  EXPECT_THAT(Fields(made.rtcTime), testing::Each(0));
+}
+
+TEST_F(RtcTest, LoadsTheTimeThatTheClockHolds) {
+  rtc_time held = kTime;
+  ClockHolds(held);
+  EXPECT_TRUE(rtc.Load());
+  EXPECT_EQ(Fields(rtc.rtcTime), Fields(kTime));
+  EXPECT_THAT(descriptors.Opened(), IsEmpty());
+  EXPECT_THAT(Trace(), IsEmpty());
+}
+
+TEST_F(RtcTest, KeepsItsTimeWhenThereIsNoDeviceToLoadFrom) {
+  rtc.rtcTime = kTime;
+  EXPECT_FALSE(rtc.Load());
+  EXPECT_EQ(Fields(rtc.rtcTime), Fields(kTime));
+}
+
+class FailedLoad : public RtcTest, public testing::WithParamInterface<int> {};
+
+TEST_P(FailedLoad, ZeroesTheTimeAndClosesTheDevice) {
+  ClockAnswers({GetParam(), EIO});
+  rtc.rtcTime = kTime;
+  EXPECT_FALSE(rtc.Load());
+  EXPECT_THAT(Fields(rtc.rtcTime), testing::Each(0));
+  EXPECT_THAT(descriptors.Opened(), IsEmpty());
+}
+
+INSTANTIATE_TEST_SUITE_P(AnyResultButZero, FailedLoad, testing::Values(-1, 1));
+
+TEST_F(RtcTest, OpensTheDeviceForReadingAndWritingAndKeepsItFromCommands) {
+  Interpose::MakeFile(kDevice, "");
+  int requests = 0;
+  hooks().ioctl = [&](unsigned long request, void*) {
+    EXPECT_EQ(request, requests++ == 0 ? RTC_RD_TIME : RTC_SET_TIME);
+    int const fd = descriptors.Opened().back();
+    EXPECT_TRUE(Descriptors::ClosesOnExec(fd));
+    EXPECT_EQ(fcntl(fd, F_GETFL) & O_ACCMODE, O_RDWR);
+    return Answer::Success();
+  };
+  long seconds = kTimeInUtc;
+  rtc.Load();
+  rtc.Set(seconds);
+  EXPECT_EQ(requests, 2);
+}
+
+TEST_F(RtcTest, SetsTheClockAndThenTheSystemClock) {
+  rtc_time held{};
+  ClockHolds(held);
+  long seconds = kTimeInUtc;
+  hooks().setClock = [&](long) {
+    EXPECT_EQ(Fields(held), Fields(kTime));
+    EXPECT_THAT(descriptors.Opened(), IsEmpty());
+    return Answer::Success();
+  };
+  EXPECT_TRUE(rtc.Set(seconds));
+  EXPECT_EQ(seconds, kTimeInUtc);
+  EXPECT_EQ(Fields(rtc.rtcTime), Fields(kTime));
+  EXPECT_THAT(Trace(), ElementsAre("clock 1614877509"));
+}
+
+TEST_F(RtcTest, HoldsLocalTime) {
+  TimeZone const berlin(kCentralEurope);
+  rtc_time held{};
+  ClockHolds(held);
+  long seconds = 1625068800;  // 30 June 2021, 16:00 UTC
+  EXPECT_TRUE(rtc.Set(seconds));
+  EXPECT_EQ(held.tm_hour, 18);
+  EXPECT_EQ(held.tm_isdst, 1);
+  EXPECT_THAT(Trace(), ElementsAre("clock 1625068800"));
+}
+
+TEST_F(RtcTest, BreaksTheTimeDownThoughThereIsNoDeviceToSet) {
+  long seconds = kTimeInUtc;
+  EXPECT_FALSE(rtc.Set(seconds));
+  EXPECT_EQ(Fields(rtc.rtcTime), Fields(kTime));
+  EXPECT_THAT(Trace(), IsEmpty());
+}
+
+TEST_F(RtcTest, LeavesTheSystemClockAloneWhenTheDeviceRefusesTheTime) {
+  ClockAnswers(Answer::Failure(EINVAL));
+  long seconds = kTimeInUtc;
+  EXPECT_FALSE(rtc.Set(seconds));
+  EXPECT_THAT(Trace(), IsEmpty());
+  EXPECT_THAT(descriptors.Opened(), IsEmpty());
+}
+
+TEST_F(RtcTest, TakesAnyResultOfSettingThatIsNotNegativeForASuccess) {
+  ClockAnswers({1, 0});
+  long seconds = kTimeInUtc;
+  EXPECT_TRUE(rtc.Set(seconds));
+}
+
+TEST_F(RtcTest, FailsWhenTheKernelRefusesTheTime) {
+  rtc_time held{};
+  ClockHolds(held);
+  hooks().setClock = [](long) { return Answer::Failure(EPERM); };
+  long seconds = kTimeInUtc;
+  EXPECT_FALSE(rtc.Set(seconds));
+  EXPECT_FALSE(rtc.SetSystemClock());
+  EXPECT_THAT(Trace(), ElementsAre("clock 1614877509", "clock 1614877509"));
+}
+
+TEST_F(RtcTest, SetsTheSystemClockToTheLoadedTime) {
+  rtc_time held = kTime;
+  ClockHolds(held);
+  rtc.Load();
+  EXPECT_TRUE(rtc.SetSystemClock());
+  EXPECT_THAT(Trace(), ElementsAre("clock 1614877509"));
+}
+
+TEST_F(RtcTest, NormalisesItsTimeInPlace) {
+  rtc_time const odd{75, 59, 23, 31, 11, 120, 0, 0, 0};  // 31 December 2020, 23:59:75
+  EXPECT_EQ(SecondsOf(odd), "clock 1609459215");
+  EXPECT_EQ(Fields(rtc.rtcTime), Fields({15, 0, 0, 1, 0, 121, 5, 0, 0}));
+}
+
+TEST_F(RtcTest, MovesATimeOfTheSpringGapOutOfIt) {
+  TimeZone const berlin(kCentralEurope);
+  rtc_time const skipped{0, 30, 2, 28, 2, 121, 0, 0, 0};  // 2:30 winter time is 3:30 summer time
+  EXPECT_EQ(SecondsOf(skipped), "clock 1616895000");
+  EXPECT_EQ(Fields(rtc.rtcTime), Fields({0, 30, 3, 28, 2, 121, 0, 86, 1}));
+}
+
+TEST_F(RtcTest, TakesTheHourThatComesTwiceByItsDaylightSavingFlag) {
+  TimeZone const berlin(kCentralEurope);
+  rtc_time twice{0, 30, 2, 31, 9, 121, 0, 0, 1};  // 31 October 2021, 2:30
+  EXPECT_EQ(SecondsOf(twice), "clock 1635640200");
+  twice.tm_isdst = 0;
+  EXPECT_EQ(SecondsOf(twice), "clock 1635643800");
+}
+
+TEST_F(RtcTest, NeverWritesBeyondItsTime) {
+  struct Guarded {
+    Rtc rtc{kDevice};
+    std::array<unsigned char, 64> guard{};
+  } guarded;
+  guarded.guard.fill(0xA5);
+  guarded.rtc.rtcTime = kTime;
+  ClockAnswers(Answer::Success());
+  long seconds = kTimeInUtc;
+  TimeZone const berlin(kCentralEurope);  // an offset and a name that the C library would write
+  guarded.rtc.Set(seconds);
+  guarded.rtc.SetSystemClock();
+  EXPECT_EQ(std::ranges::count(guarded.guard, 0xA5), 64);
+  EXPECT_GT(sizeof(tm), sizeof(rtc_time));
+}
+
+TEST_F(RtcTest, PrintsItsTimeAndTheSystemsAsMonthDayYear) {
+  rtc.rtcTime = kTime;
+  hooks().now = 951782400 + 3600 + 120 + 3;  // 29 February 2000, 1:02:03
+  std::string const expected = "RTC: 3/4/2021 17:05:09\nSystem: 2/29/2000 01:02:03\n";
+  int printed = 0;
+  EXPECT_EQ(Capture::Output([&] { printed = rtc.Print(); }), expected);
+  EXPECT_EQ(printed, static_cast<int>(expected.size()));
+}
+
+TEST_F(RtcTest, PrintsTheSystemsTimeInLocalTime) {
+  TimeZone const berlin(kCentralEurope);
+  hooks().now = 1625068800;
+  EXPECT_EQ(Capture::Output([this] { rtc.Print(); }),
+            "RTC: 1/0/1900 00:00:00\nSystem: 6/30/2021 18:00:00\n");
+}
+
+}  // namespace

@@ -1,0 +1,272 @@
+#include "SysUtil/Util.h"
+
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstdio>
+#include <functional>
+#include <new>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "tests/support/Capture.h"
+#include "tests/support/Descriptors.h"
+#include "tests/support/FailingAllocation.h"
+#include "tests/support/Interpose.h"
+
+namespace {
+
+std::function<FILE*(std::string const&)> pipeAnswers;  ///< instead of running the command
+std::vector<std::string> pipeModes;
+std::function<void(FILE*, int)> beforeReading;  ///< told the stream and the room for the piece
+
+}  // namespace
+
+extern "C" char* fgets(char* piece, int size, FILE* stream) {
+  if (beforeReading) beforeReading(stream, size);
+  static auto* const next = reinterpret_cast<decltype(&fgets)>(dlsym(RTLD_NEXT, "fgets"));
+  return next(piece, size, stream);
+}
+
+extern "C" FILE* popen(char const* command, char const* mode) {
+  pipeModes.emplace_back(mode);
+  if (pipeAnswers) return pipeAnswers(command);
+  static auto* const next = reinterpret_cast<decltype(&popen)>(dlsym(RTLD_NEXT, "popen"));
+  return next(command, mode);
+}
+
+namespace {
+
+using namespace std::chrono_literals;
+using Interpose::Answer;
+using Interpose::hooks;
+using Interpose::Sleep;
+using Interpose::Trace;
+using Quellon::SysUtil::ClearCache;
+using Quellon::SysUtil::DisplayOpenFiles;
+using Quellon::SysUtil::ExecSystemCmdThroughPipe;
+using Quellon::SysUtil::MountRamdisk;
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+constexpr char const* kDropCaches = "/proc/sys/vm/drop_caches";
+constexpr char const* kUnmountRamdisk = "umount /mnt/ramdisk";
+constexpr char const* kMountRamdisk =
+    "mount -t tmpfs -o noatime,nosuid,nodev,mode=1777,size=192M tmpfs /mnt/ramdisk";
+
+class UtilTest : public testing::Test {
+ protected:
+  UtilTest() {
+    pipeAnswers = nullptr;
+    pipeModes.clear();
+    beforeReading = nullptr;
+  }
+
+  Descriptors::Watch descriptors;
+};
+
+/// The kernel's control of its caches; it takes the request at the attempt of that number only.
+class ClearCacheTest : public UtilTest {
+ protected:
+  ClearCacheTest() { Interpose::MakeFile(kDropCaches, ""); }
+
+  void KernelTakesAttempt(int number, ssize_t refusal = -1) {
+    hooks().write = [=, this](int fd, void const* data,
+                              std::size_t length) mutable -> std::optional<ssize_t> {
+      EXPECT_EQ(std::string(static_cast<char const*>(data), length), "3");
+      EXPECT_THAT(descriptors.Opened(), ElementsAre(fd));
+      EXPECT_TRUE(Descriptors::ClosesOnExec(fd));
+      EXPECT_EQ(fcntl(fd, F_GETFL) & O_ACCMODE, O_RDWR);
+      errno = EINTR;
+      return ++written == number ? 1 : refusal;
+    };
+  }
+
+  int written = 0;
+};
+
+TEST_F(ClearCacheTest, WritesASingleThreeWithoutFlushing) {
+  EXPECT_TRUE(ClearCache());
+  EXPECT_EQ(Interpose::ReadFile(kDropCaches), "3");
+  EXPECT_THAT(Trace(), IsEmpty());
+  EXPECT_THAT(descriptors.Opened(), IsEmpty());
+}
+
+TEST_F(ClearCacheTest, SucceedsWithTheFirstThreeAttemptsOnly) {
+  for (int const attempt : {1, 2, 3, 4}) {
+    Interpose::Reset();
+    Interpose::MakeFile(kDropCaches, "");
+    written = 0;
+    KernelTakesAttempt(attempt);
+    EXPECT_EQ(ClearCache(), attempt <= 3) << attempt;
+    EXPECT_EQ(written, attempt);
+    EXPECT_EQ(Interpose::Slept(), (attempt - 1) * 100ms);
+  }
+}
+
+TEST_F(ClearCacheTest, GivesUpAfterFourAttemptsAndFourPauses) {
+  KernelTakesAttempt(0);
+  EXPECT_FALSE(ClearCache());
+  EXPECT_EQ(written, 4);
+  EXPECT_THAT(Trace(), ElementsAre(Sleep(100ms), Sleep(100ms), Sleep(100ms), Sleep(100ms)));
+  EXPECT_THAT(descriptors.Opened(), IsEmpty());
+}
+
+TEST_F(ClearCacheTest, TakesAWriteOfNothingForAFailure) {
+  KernelTakesAttempt(0, 0);
+  EXPECT_FALSE(ClearCache());
+  EXPECT_EQ(written, 4);
+}
+
+TEST_F(ClearCacheTest, FailsAtOnceWithoutPermission) {
+  hooks().fault = [](std::string const& function) -> std::optional<int> {
+    return function == "open" ? std::optional(EACCES) : std::nullopt;
+  };
+  EXPECT_FALSE(ClearCache());
+  EXPECT_THAT(Trace(), IsEmpty());
+  EXPECT_EQ(Interpose::ReadFile(kDropCaches), "");
+}
+
+TEST_F(UtilTest, ReturnsAllThatACommandPrints) {
+  EXPECT_EQ(ExecSystemCmdThroughPipe("echo one; echo two"), "one\ntwo\n");
+  EXPECT_EQ(ExecSystemCmdThroughPipe("printf 'no end'"), "no end");
+  EXPECT_THAT(pipeModes, ElementsAre("r", "r"));
+  EXPECT_THAT(descriptors.Opened(), IsEmpty());
+}
+
+TEST_F(UtilTest, ReturnsNothingForASilentCommand) {
+  EXPECT_EQ(ExecSystemCmdThroughPipe("true"), "");
+}
+
+TEST_F(UtilTest, IgnoresTheExitStatusAndStandardErrorOfACommand) {
+  std::string const errors = Capture::ErrorOutput(
+      [] { EXPECT_EQ(ExecSystemCmdThroughPipe("echo out; echo error >&2; exit 7"), "out\n"); });
+  EXPECT_EQ(errors, "error\n");
+}
+
+TEST_F(UtilTest, ReturnsNothingWhenTheCommandCannotBeStarted) {
+  pipeAnswers = [](auto&&) -> FILE* {
+    errno = EMFILE;
+    return nullptr;
+  };
+  EXPECT_EQ(ExecSystemCmdThroughPipe("echo one"), "");
+}
+
+TEST_F(UtilTest, ReturnsLongLinesWhole) {
+  for (std::size_t const length : {1022U, 1023U, 1024U, 2046U, 5000U, 100000U}) {
+    std::string const count = std::to_string(length);
+    std::string const line(length, 'x');
+    EXPECT_EQ(
+        ExecSystemCmdThroughPipe("head -c " + count + " /dev/zero | tr '\\0' x; echo; echo y"),
+        line + "\ny\n");
+  }
+}
+
+TEST_F(UtilTest, ReadsPiecesOf1023BytesAndKeepsThePipeFromOtherCommands) {
+  int pieces = 0;
+  beforeReading = [&](FILE* pipe, int size) {
+    ++pieces;
+    EXPECT_EQ(size, 1024);
+    EXPECT_TRUE(Descriptors::ClosesOnExec(fileno(pipe)));
+  };
+  ExecSystemCmdThroughPipe("head -c 2046 /dev/zero | tr '\\0' x");
+  EXPECT_EQ(pieces, 3);
+}
+
+TEST_F(UtilTest, ClosesThePipeWhenMemoryRunsOut) {
+  std::optional<FailingAllocation> allocation;
+  beforeReading = [&](auto&&...) { allocation.emplace(1); };
+  EXPECT_THROW(ExecSystemCmdThroughPipe("echo one line that takes memory of its own"),
+               std::bad_alloc);
+  EXPECT_THAT(descriptors.Opened(), IsEmpty());
+}
+
+class RamdiskTest : public UtilTest {
+ protected:
+  /// Mounts with these results of system(3); what that prints.
+  std::string Mount(Answer unmounting, Answer mounting) {
+    hooks().system = [=](std::string const& command) {
+      return command == kUnmountRamdisk ? unmounting : mounting;
+    };
+    return Capture::Output(MountRamdisk);
+  }
+};
+
+TEST_F(RamdiskTest, IsUnmountedAndMountedAnew) {
+  EXPECT_EQ(Mount(Answer::Success(), Answer::Success()), "");
+  EXPECT_THAT(Trace(), ElementsAre(std::string("system ") + kUnmountRamdisk,
+                                   std::string("system ") + kMountRamdisk));
+}
+
+TEST_F(RamdiskTest, IsSilentAboutCommandsThatFailed) {
+  EXPECT_EQ(Mount({32 << 8, 0}, {32 << 8, 0}), "");
+}
+
+TEST_F(RamdiskTest, ReportsCommandsThatCouldNotBeStarted) {
+  EXPECT_EQ(Mount(Answer::Failure(EAGAIN), Answer::Success()), "Ramdisk umount error: 255\n");
+  EXPECT_EQ(Mount(Answer::Success(), Answer::Failure(EAGAIN)), "Ramdisk mount error: 255\n");
+  EXPECT_EQ(Mount(Answer::Failure(EAGAIN), Answer::Failure(EAGAIN)),
+            "Ramdisk umount error: 255\nRamdisk mount error: 255\n");
+}
+
+TEST_F(RamdiskTest, ReportsTheSecondByteOfANegativeStatus) {
+  EXPECT_EQ(Mount({-256 * 3, 0}, {-256 * 256, 0}),
+            "Ramdisk umount error: 253\nRamdisk mount error: 0\n");
+}
+
+TEST_F(RamdiskTest, PrintsInOrderWithWhatTheCommandsPrint) {
+  hooks().system = [](std::string const& command) {
+    EXPECT_EQ(write(1, command.data(), 5), 5);
+    return Answer::Failure(ENOMEM);
+  };
+  EXPECT_EQ(Capture::Output(MountRamdisk),
+            "umounRamdisk umount error: 255\nmountRamdisk mount error: 255\n");
+}
+
+std::string OpenFilesOf(pid_t process, std::string const& files) {
+  std::string const id = std::to_string(process);
+  return "Try run [ls -l /proc/" + id + "/fd] on pipe\nOpen files on pid " + id + " :\n" + files +
+         "\n";
+}
+
+TEST_F(UtilTest, DisplaysTheOpenFilesOfThisProcessAndThenItsParent) {
+  std::vector<std::string> commands;
+  pipeAnswers = [&](std::string const& command) {
+    commands.push_back(command);
+    static auto* const real = reinterpret_cast<decltype(&popen)>(dlsym(RTLD_NEXT, "popen"));
+    return real("echo 'a file'", "r");
+  };
+  EXPECT_EQ(Capture::Output(DisplayOpenFiles),
+            OpenFilesOf(getpid(), "a file\n") + OpenFilesOf(getppid(), "a file\n"));
+  EXPECT_THAT(commands, ElementsAre("ls -l /proc/" + std::to_string(getpid()) + "/fd",
+                                    "ls -l /proc/" + std::to_string(getppid()) + "/fd"));
+}
+
+TEST_F(UtilTest, DisplaysNothingWhereThePipeGivesNothing) {
+  pipeAnswers = [](auto&&) -> FILE* { return nullptr; };
+  EXPECT_EQ(Capture::Output(DisplayOpenFiles),
+            OpenFilesOf(getpid(), "") + OpenFilesOf(getppid(), ""));
+}
+
+TEST_F(UtilTest, DisplaysTheDescriptorsThatThisProcessReallyHolds) {
+  FILE* const held = std::tmpfile();
+  std::string const number = " " + std::to_string(fileno(held)) + " -> ";
+  EXPECT_THAT(Capture::Output(DisplayOpenFiles), testing::HasSubstr(number));
+  std::fclose(held);
+}
+
+TEST_F(UtilTest, AnnouncesACommandBeforeItRuns) {
+  pipeAnswers = [](auto&&) -> FILE* {
+    EXPECT_EQ(write(1, "*", 1), 1);
+    return nullptr;
+  };
+  EXPECT_THAT(Capture::Output(DisplayOpenFiles), testing::ContainsRegex("on pipe\n\\*Open files"));
+}
+
+}  // namespace
