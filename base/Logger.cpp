@@ -25,9 +25,7 @@ LoggerBase<Policy>* Sink() {
 template <typename Policy>
 void LoggerBase<Policy>::WriteHeader(LogType type) {
   if (!enabled) return;
-  if (HoldsLine()) {
-    throw std::system_error(std::make_error_code(std::errc::resource_deadlock_would_occur));
-  }
+  RequireNoLine();
   std::unique_lock lock(lineLock);
   if constexpr (requires { policy.WriteHeader(type); }) policy.WriteHeader(type);
   AppendTime();
@@ -41,6 +39,12 @@ void LoggerBase<Policy>::WriteHeader(LogType type) {
 template <typename Policy>
 bool LoggerBase<Policy>::HoldsLine() const noexcept {
   return lineOwner.load(std::memory_order_relaxed) == std::this_thread::get_id();
+}
+
+template <typename Policy>
+void LoggerBase<Policy>::RequireNoLine() const {
+  if (!HoldsLine()) return;
+  throw std::system_error(std::make_error_code(std::errc::resource_deadlock_would_occur));
 }
 
 // Formatting a calendar date costs more than all the rest of a line, so it is done once a second.
@@ -108,16 +112,31 @@ void LoggerBase<Policy>::EndLine() {
   buffer.clear();  // a spoilt line loses its rest, not its end
   buffer << std::endl;
   CheckEndOfStream();
-  if (HoldsLine()) Release();  // no memory for the newline: the line is lost, the sink is not
+  Abandon();  // no memory for the newline: the line is lost, the sink is not
+}
+
+template <typename Policy>
+void LoggerBase<Policy>::Abandon() noexcept {
+  if (HoldsLine()) Release();
 }
 
 template <typename Policy>
 void LoggerBase<Policy>::Release() noexcept {
-  static std::string const empty;
+  std::string const empty;
   buffer.str(empty);  // copied from, so the buffer keeps its memory for the next line
   buffer.clear();
+  ForgetFormat();
   lineOwner.store(std::thread::id(), std::memory_order_relaxed);
   lineLock.unlock();
+}
+
+// A manipulator that one line used must not change how the next one shows its numbers.
+template <typename Policy>
+void LoggerBase<Policy>::ForgetFormat() noexcept {
+  buffer.flags(std::ios::skipws | std::ios::dec);
+  buffer.precision(6);
+  buffer.fill(' ');
+  buffer.width(0);
 }
 
 template <typename Policy>
@@ -135,12 +154,16 @@ Logger* Logger::GetInstance() {
 
 Logger::Logger() : fileSink(Sink<FileLogPolicy>()), consoleSink(Sink<ConsoleLogPolicy>()) {}
 
+// Both sinks are asked first: a thread that has a line on the console alone, begun while the file
+// was disabled, must not wait for the file of a thread that waits for the console.
 void Logger::BeginLine(LogType type) {
+  fileSink->RequireNoLine();
+  consoleSink->RequireNoLine();
   fileSink->WriteHeader(type);
   try {
     consoleSink->WriteHeader(type);
   } catch (...) {
-    fileSink->EndLine();
+    fileSink->Abandon();
     throw;
   }
 }

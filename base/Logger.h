@@ -16,6 +16,8 @@
 
 namespace Tarvik::Ilog {
 
+class Logger;
+
 /// How grave a line is. Any other value is written as `Info`, without a tag.
 enum LogType : int {
   Info = 0,
@@ -65,12 +67,17 @@ class LoggerBase {
   void Flush();
 
  private:
+  friend class Logger;
+
   [[nodiscard]] bool HoldsLine() const noexcept;
+  void RequireNoLine() const;
   void AppendTime();
   void AppendTemperature();
   void AppendTag(LogType type);
   void WriteLine();
+  void Abandon() noexcept;
   void Release() noexcept;
+  void ForgetFormat() noexcept;
 
   Policy policy;
   std::ostringstream buffer;

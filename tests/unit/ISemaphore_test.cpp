@@ -1,0 +1,203 @@
+#include "base/ISemaphore.h"
+
+#include <dlfcn.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <semaphore.h>
+
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <ctime>
+#include <functional>
+#include <optional>
+#include <thread>
+#include <vector>
+
+namespace {
+
+using namespace std::chrono_literals;
+using Tarvik::Interfaces::ISemaphore;
+
+struct ClockWait {
+  clockid_t clock;
+  timespec deadline;
+};
+
+std::function<int(ClockWait)> clockWait;  // what waiting with a limit comes to
+std::atomic<int> interruptions = 0;       // how many plain waits a signal ends
+std::optional<timespec> monotonicNow;
+
+bool Interrupted() {
+  if (interruptions == 0) return false;
+  --interruptions;
+  errno = EINTR;
+  return true;
+}
+
+template <typename Function>
+Function* Next(char const* name) {
+  return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
+}
+
+}  // namespace
+
+extern "C" {
+
+int sem_clockwait(sem_t*, clockid_t clock, timespec const* deadline) {
+  return clockWait({clock, *deadline});
+}
+
+int sem_wait(sem_t* semaphore) {
+  static auto* const next = Next<int(sem_t*)>("sem_wait");
+  return Interrupted() ? -1 : next(semaphore);
+}
+
+int sem_trywait(sem_t* semaphore) noexcept {
+  static auto* const next = Next<int(sem_t*)>("sem_trywait");
+  return Interrupted() ? -1 : next(semaphore);
+}
+
+int clock_gettime(clockid_t clock, timespec* time) noexcept {
+  static auto* const next = Next<int(clockid_t, timespec*)>("clock_gettime");
+  if (clock != CLOCK_MONOTONIC || !monotonicNow) return next(clock, time);
+  *time = *monotonicNow;
+  return 0;
+}
+
+}  // extern "C"
+
+namespace {
+
+int Failure(int error) {
+  errno = error;
+  return -1;
+}
+
+class Semaphore : public testing::Test {
+ protected:
+  void TearDown() override {
+    interruptions = 0;
+    monotonicNow.reset();
+  }
+
+  /// When a wait of `limit`, begun at `now`, ends at the latest.
+  timespec Deadline(timespec now, std::chrono::milliseconds limit) {
+    timespec deadline{};
+    monotonicNow = now;
+    clockWait = [&](ClockWait wait) {
+      EXPECT_EQ(wait.clock, CLOCK_MONOTONIC);
+      deadline = wait.deadline;
+      return Failure(ETIMEDOUT);
+    };
+    EXPECT_FALSE(semaphore.WaitFor(limit));
+    monotonicNow.reset();
+    return deadline;
+  }
+
+  ISemaphore semaphore;
+};
+
+TEST_F(Semaphore, BeginsAtZero) {
+  EXPECT_FALSE(semaphore.TryWait());
+}
+
+TEST_F(Semaphore, CountsItsNotifications) {
+  for (int i = 0; i < 3; ++i) semaphore.Notify();
+  semaphore.Wait();
+  EXPECT_TRUE(semaphore.TryWait());
+  EXPECT_TRUE(semaphore.TryWait());
+  EXPECT_FALSE(semaphore.TryWait());
+}
+
+TEST_F(Semaphore, WaitsUntilItIsNotified) {
+  std::atomic<bool> through = false;
+  std::thread waiter([&] {
+    semaphore.Wait();
+    through = true;
+  });
+  for (int i = 0; i < 1000; ++i) std::this_thread::yield();
+  EXPECT_FALSE(through);
+  semaphore.Notify();
+  waiter.join();
+  EXPECT_TRUE(through);
+  EXPECT_FALSE(semaphore.TryWait());
+}
+
+TEST_F(Semaphore, LetsOneWaiterThroughForEachNotification) {
+  constexpr int kWaiters = 4;
+  std::atomic<int> through = 0;
+  std::vector<std::thread> waiters;
+  waiters.reserve(kWaiters);
+  for (int i = 0; i < kWaiters; ++i) {
+    waiters.emplace_back([&] {
+      semaphore.Wait();
+      ++through;
+    });
+  }
+  for (int i = 1; i <= kWaiters; ++i) {
+    semaphore.Notify();
+    while (through < i) std::this_thread::yield();
+    EXPECT_EQ(through, i);
+  }
+  for (auto& waiter : waiters) waiter.join();
+}
+
+TEST_F(Semaphore, ASignalDoesNotEndAWait) {
+  interruptions = 3;
+  semaphore.Notify();
+  semaphore.Wait();
+  EXPECT_EQ(interruptions, 0);
+  EXPECT_FALSE(semaphore.TryWait());
+}
+
+TEST_F(Semaphore, ASignalDoesNotLoseATry) {
+  interruptions = 2;
+  semaphore.Notify();
+  EXPECT_TRUE(semaphore.TryWait());
+  interruptions = 2;
+  EXPECT_FALSE(semaphore.TryWait());
+}
+
+TEST_F(Semaphore, ASignalDoesNotEndAWaitWithALimit) {
+  int calls = 0;
+  clockWait = [&](ClockWait) { return ++calls < 3 ? Failure(EINTR) : 0; };
+  EXPECT_TRUE(semaphore.WaitFor(1s));
+  EXPECT_EQ(calls, 3);
+  calls = 0;
+  clockWait = [&](ClockWait) { return Failure(++calls < 3 ? EINTR : ETIMEDOUT); };
+  EXPECT_FALSE(semaphore.WaitFor(1s));
+  EXPECT_EQ(calls, 3);
+}
+
+TEST_F(Semaphore, AnInterruptedWaitKeepsItsDeadline) {
+  std::vector<long> deadlines;
+  monotonicNow = timespec{100, 0};
+  clockWait = [&](ClockWait wait) {
+    deadlines.push_back(wait.deadline.tv_sec);
+    monotonicNow->tv_sec += 4;
+    return deadlines.size() < 3 ? Failure(EINTR) : Failure(ETIMEDOUT);
+  };
+  semaphore.WaitFor(10s);
+  EXPECT_THAT(deadlines, testing::ElementsAre(110, 110, 110));
+}
+
+TEST_F(Semaphore, ALimitIsCountedFromTheMonotonicClock) {
+  timespec const deadline = Deadline({100, 250'000'000}, 10'500ms);
+  EXPECT_EQ(deadline.tv_sec, 110);
+  EXPECT_EQ(deadline.tv_nsec, 750'000'000);
+}
+
+TEST_F(Semaphore, FractionsOfASecondCarryOver) {
+  timespec const deadline = Deadline({100, 999'999'999}, 1ms);
+  EXPECT_EQ(deadline.tv_sec, 101);
+  EXPECT_EQ(deadline.tv_nsec, 999'999);
+}
+
+TEST_F(Semaphore, ALimitOfZeroIsOverAtOnce) {
+  timespec const deadline = Deadline({100, 5}, 0ms);
+  EXPECT_EQ(deadline.tv_sec, 100);
+  EXPECT_EQ(deadline.tv_nsec, 5);
+}
+
+}  // namespace

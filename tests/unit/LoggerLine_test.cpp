@@ -1,0 +1,336 @@
+// The life of a line on its sinks: header, lock, text, end, signal, release.
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <mutex>
+#include <semaphore>
+#include <system_error>
+#include <thread>
+#include <vector>
+
+#include "base/ISemaphore.h"
+#include "base/Logger.h"
+#include "tests/support/Capture.h"
+#include "tests/support/Interpose.h"
+#include "tests/support/LogFile.h"
+
+namespace {
+
+using Tarvik::Ilog::ConsoleLogPolicy;
+using Tarvik::Ilog::FileLogPolicy;
+using Tarvik::Ilog::Info;
+using Tarvik::Ilog::Logger;
+using Tarvik::Ilog::LoggerBase;
+using Tarvik::Ilog::LogLine;
+using Tarvik::Interfaces::ISemaphore;
+using testing::ElementsAre;
+using testing::EndsWith;
+using testing::IsEmpty;
+
+std::mutex signalsMutex;
+std::vector<void const*> signals;  // the semaphores signalled, in order
+
+}  // namespace
+
+void ISemaphore::Notify() noexcept {
+  static auto const next = reinterpret_cast<void (*)(ISemaphore*)>(
+      dlsym(RTLD_NEXT, "_ZN6Tarvik10Interfaces10ISemaphore6NotifyEv"));
+  {
+    std::lock_guard const lock(signalsMutex);
+    signals.push_back(this);
+  }
+  next(this);
+}
+
+namespace {
+
+using FileSink = LoggerBase<FileLogPolicy>;
+
+class LoggerLine : public testing::Test {
+ protected:
+  void SetUp() override {
+    LogFile::BeginAnew();
+    signals.clear();
+  }
+
+  /// No sink has a line under way.
+  static void ExpectFree() {
+    EXPECT_TRUE(LogFile::IsFree(*logger.fileSink));
+    EXPECT_TRUE(LogFile::IsFree(*logger.consoleSink));
+  }
+
+  template <typename Sink>
+  static bool SignalledBy(Sink const& sink, void const* semaphore) {
+    auto const* const begin = reinterpret_cast<char const*>(&sink);
+    return semaphore >= begin && semaphore < begin + sizeof(sink);
+  }
+
+  static inline Logger& logger = *Logger::GetInstance();
+};
+
+TEST_F(LoggerLine, SignalsEachSinkOnceTheFileFirst) {
+  Capture::Output([] { LogLine(Info) << "text"; });
+  ASSERT_EQ(signals.size(), 2U);
+  EXPECT_TRUE(SignalledBy(*logger.fileSink, signals[0]));
+  EXPECT_TRUE(SignalledBy(*logger.consoleSink, signals[1]));
+}
+
+TEST_F(LoggerLine, SignalsOnlyAtItsNewline) {
+  FileSink sink;
+  sink.CheckEndOfStream();
+  sink.WriteHeader(Info);
+  sink.CheckEndOfStream();
+  sink << "text";
+  sink.CheckEndOfStream();
+  sink << "\nmore";
+  sink.CheckEndOfStream();
+  EXPECT_THAT(signals, IsEmpty());
+  EXPECT_EQ(LogFile::Text(), "");
+  sink << "\n";
+  EXPECT_THAT(signals, IsEmpty());
+  sink.CheckEndOfStream();
+  EXPECT_EQ(signals.size(), 1U);
+  sink.CheckEndOfStream();
+  EXPECT_EQ(signals.size(), 1U);
+  EXPECT_THAT(LogFile::Text(), EndsWith("]text\nmore\n"));
+}
+
+TEST_F(LoggerLine, StaysOpenUntilItsNewline) {
+  FileSink sink;
+  sink.WriteHeader(Info);
+  sink << "text";
+  sink.CheckEndOfStream();
+  std::atomic<bool> through = false;
+  std::thread other([&] {
+    sink.WriteHeader(Info);
+    through = true;
+    sink.EndLine();
+  });
+  EXPECT_TRUE(LogFile::IsTakenBeforeLong(sink, [&] {
+    EXPECT_FALSE(through);
+    sink.EndLine();
+  }));
+  other.join();
+  EXPECT_TRUE(through);
+}
+
+TEST_F(LoggerLine, TakesTextFromItsOwnThreadOnly) {
+  FileSink sink;
+  sink.WriteHeader(Info);
+  std::thread([&] {
+    sink << "foreign" << 0L << 17;
+    sink << "\n";
+    sink.CheckEndOfStream();
+    sink.EndLine();
+  }).join();
+  sink << "own";
+  sink.EndLine();
+  EXPECT_THAT(LogFile::Text(), EndsWith("]own\n"));
+  EXPECT_EQ(LogFile::SplitLines(LogFile::Text()).size(), 1U);
+}
+
+TEST_F(LoggerLine, IsOverAfterItsEnd) {
+  FileSink sink;
+  sink.EndLine();
+  sink << "before any header";
+  sink.WriteHeader(Info);
+  sink << "line";
+  sink.EndLine();
+  sink << "after the end";
+  sink.EndLine();
+  EXPECT_THAT(LogFile::Text(), EndsWith("]line\n"));
+  EXPECT_EQ(signals.size(), 1U);
+}
+
+TEST_F(LoggerLine, ASecondHeaderOnTheSameThreadIsAnError) {
+  FileSink sink;
+  sink.WriteHeader(Info);
+  sink << "first";
+  try {
+    sink.WriteHeader(Info);
+    FAIL() << "a line within a line";
+  } catch (std::system_error const& e) {
+    EXPECT_EQ(e.code(), std::errc::resource_deadlock_would_occur);
+  }
+  sink << " goes on";
+  sink.EndLine();
+  EXPECT_THAT(LogFile::Text(), EndsWith("]first goes on\n"));
+  EXPECT_TRUE(LogFile::IsFree(sink));
+}
+
+TEST_F(LoggerLine, ALineWithinALineIsAnErrorAndLeavesNothingLocked) {
+  std::string const console = Capture::Output([] {
+    LogLine outer(Info);
+    outer << "outer";
+    EXPECT_THROW(LogLine(Info) << "inner", std::system_error);
+    outer << " goes on";
+  });
+  EXPECT_THAT(console, EndsWith("]outer goes on\n"));
+  EXPECT_EQ(console, LogFile::Text());
+  ExpectFree();
+}
+
+TEST_F(LoggerLine, ALineOnOneSinkAloneRulesOutASecondOneOnBoth) {
+  std::string const console = Capture::Output([] {
+    logger.fileSink->enabled = false;
+    LogLine outer(Info);
+    logger.fileSink->enabled = true;
+    EXPECT_THROW(LogLine(Info) << "inner", std::system_error);
+    EXPECT_TRUE(LogFile::IsFree(*logger.fileSink));
+    outer << "outer";
+  });
+  EXPECT_THAT(console, EndsWith("]outer\n"));
+  EXPECT_EQ(LogFile::Text(), "");
+  ExpectFree();
+}
+
+// The thread below would wait for the file, and the one that has the file for the console.
+TEST_F(LoggerLine, ASecondLineIsRefusedBeforeItWaitsForAnybody) {
+  Capture::Output([] {
+    logger.consoleSink->WriteHeader(Info);
+    std::thread other([] { LogLine(Info) << "has the file, waits for the console"; });
+    EXPECT_TRUE(LogFile::IsTakenBeforeLong(*logger.fileSink, [] {
+      EXPECT_THROW(logger.BeginLine(Info), std::system_error);
+      logger.consoleSink->EndLine();
+    }));
+    other.join();
+  });
+  ExpectFree();
+}
+
+TEST_F(LoggerLine, WithBothSinksDisabledNothingHappens) {
+  logger.fileSink->enabled = false;
+  logger.consoleSink->enabled = false;
+  EXPECT_EQ(Capture::Output([] {
+              LogLine(Info) << "text" << 1 << 2L;
+              logger.BeginLine(Info);
+              logger << "text" << std::endl;
+              logger.EndLine();
+            }),
+            "");
+  EXPECT_EQ(LogFile::Text(), "");
+  EXPECT_THAT(signals, IsEmpty());
+}
+
+TEST_F(LoggerLine, EachSinkIsEnabledForItself) {
+  logger.fileSink->enabled = false;
+  EXPECT_THAT(Capture::Output([] { LogLine(Info) << "console" << 1 << std::string("!"); }),
+              EndsWith("]console1!\n"));
+  EXPECT_EQ(LogFile::Text(), "");
+  logger.fileSink->enabled = true;
+  logger.consoleSink->enabled = false;
+  EXPECT_EQ(Capture::Output([] { LogLine(Info) << "file" << 1 << std::string("!"); }), "");
+  EXPECT_THAT(LogFile::Text(), EndsWith("]file1!\n"));
+  EXPECT_EQ(signals.size(), 2U);
+}
+
+TEST_F(LoggerLine, ADisabledSinkTakesNoLock) {
+  FileSink sink;
+  sink.WriteHeader(Info);
+  sink << "under way";
+  sink.enabled = false;
+  EXPECT_TRUE(LogFile::AnotherThreadGetsThrough([&sink] {
+    sink.WriteHeader(Info);
+    sink << "dropped";
+    sink.CheckEndOfStream();
+    sink.EndLine();
+  }));
+  sink.EndLine();
+  EXPECT_THAT(LogFile::Text(), EndsWith("]under way\n"));
+}
+
+TEST_F(LoggerLine, ASinkDisabledInTheMiddleFinishesItsLineAndIsFree) {
+  FileSink sink;
+  sink.WriteHeader(Info);
+  sink << "whole";
+  std::thread([&sink] { sink.enabled = false; }).join();
+  sink << " line " << 7 << " " << 0L;
+  sink.EndLine();
+  EXPECT_THAT(LogFile::Text(), testing::HasSubstr("]whole line 7 19"));
+  EXPECT_EQ(signals.size(), 1U);
+  EXPECT_FALSE(sink.enabled);
+  EXPECT_TRUE(LogFile::IsFree(sink));
+}
+
+TEST_F(LoggerLine, ASinkEnabledInTheMiddleTakesNoPartInTheLine) {
+  FileSink sink;
+  sink.enabled = false;
+  sink.WriteHeader(Info);
+  sink << "half";
+  std::thread([&sink] { sink.enabled = true; }).join();
+  sink << " line" << 7 << 0L;
+  sink.EndLine();
+  EXPECT_EQ(LogFile::Text(), "");
+  EXPECT_THAT(signals, IsEmpty());
+  EXPECT_TRUE(LogFile::IsFree(sink));
+}
+
+TEST_F(LoggerLine, TheFileIsTakenBeforeTheConsole) {
+  Capture::Output([] {
+    logger.consoleSink->WriteHeader(Info);
+    std::thread other([] { LogLine(Info) << "waits for the console"; });
+    EXPECT_TRUE(
+        LogFile::IsTakenBeforeLong(*logger.fileSink, [] { logger.consoleSink->EndLine(); }));
+    other.join();
+  });
+  ExpectFree();
+}
+
+TEST_F(LoggerLine, FlushWaitsForTheLinesUnderWay) {
+  Capture::Output([] {
+    std::binary_semaphore begun(0);
+    std::binary_semaphore flushing(0);
+    std::thread owner([&] {
+      logger.BeginLine(Info);
+      begun.release();
+      flushing.acquire();
+      for (int i = 0; i < 1000; ++i) std::this_thread::yield();
+      logger << "flushed";
+      logger.EndLine();
+    });
+    begun.acquire();
+    flushing.release();
+    logger.Flush();
+    EXPECT_THAT(LogFile::Text(), EndsWith("]flushed\n"));
+    owner.join();
+  });
+}
+
+TEST_F(LoggerLine, FlushOnTheThreadOfTheLineReturnsAtOnce) {
+  Capture::Output([] {
+    LogLine line(Info);
+    line << "text";
+    logger.Flush();
+  });
+  ExpectFree();
+}
+
+TEST_F(LoggerLine, FlushWithoutALineReturnsAtOnce) {
+  logger.Flush();
+  logger.fileSink->enabled = false;
+  logger.Flush();
+  ExpectFree();
+}
+
+TEST_F(LoggerLine, AConsoleThatCannotBeWrittenLosesItsLineOnly) {
+  std::string const console = Capture::Output([] {
+    {
+      Capture::Descriptor const full(1);
+      int const device = open("/dev/full", O_WRONLY);
+      dup2(device, 1);
+      close(device);
+      LogLine(Info) << "lost";
+    }
+    LogLine(Info) << "next";
+  });
+  EXPECT_EQ(LogFile::SplitLines(console).size(), 1U);
+  EXPECT_THAT(console, EndsWith("]next\n"));
+  EXPECT_EQ(LogFile::SplitLines(LogFile::Text()).size(), 2U);
+  ExpectFree();
+}
+
+}  // namespace

@@ -1,0 +1,97 @@
+// Lines that the memory does not suffice for.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <new>
+#include <string>
+
+#include "base/Logger.h"
+#include "tests/support/Capture.h"
+#include "tests/support/FailingAllocation.h"
+#include "tests/support/LogFile.h"
+
+namespace {
+
+using Tarvik::Ilog::FileLogPolicy;
+using Tarvik::Ilog::Info;
+using Tarvik::Ilog::Logger;
+using Tarvik::Ilog::LoggerBase;
+using Tarvik::Ilog::LogLine;
+using testing::EndsWith;
+
+class LoggerMemory : public testing::Test {
+ protected:
+  void SetUp() override {
+    LogFile::BeginAnew();
+    Logger::GetInstance()->consoleSink->enabled = false;
+  }
+
+  static constexpr int kMoreThanALineNeeds = 50;
+};
+
+TEST_F(LoggerMemory, ALineWithoutMemoryForItsEndIsLostAndItsSinkIsFree) {
+  int lost = 0;
+  for (std::size_t length = 0; length < 1000; ++length) {
+    LoggerBase<FileLogPolicy> sink;
+    sink.WriteHeader(Info);
+    sink.EndLine();
+    auto const before = std::filesystem::file_size(Interpose::Real(LogFile::kPath));
+    sink.WriteHeader(Info);
+    sink << std::string(length, 'x');
+    FailingAllocation const failing(1);
+    sink.EndLine();
+    if (!FailingAllocation::Happened()) continue;
+    ++lost;
+    EXPECT_EQ(std::filesystem::file_size(Interpose::Real(LogFile::kPath)), before);
+    EXPECT_TRUE(LogFile::IsFree(sink));
+  }
+  EXPECT_GT(lost, 0);
+}
+
+TEST_F(LoggerMemory, AnAllocationThatFailsAnywhereKeepsNoLockAndHarmsNoLaterLine) {
+  int failures = 0;
+  for (int number = 1; number < kMoreThanALineNeeds; ++number) {
+    Interpose::hooks().now = number;
+    std::string const text(5000, 'x');
+    {
+      FailingAllocation const failing(number);
+      try {
+        LogLine(Info) << text << 0L << 12;
+      } catch (std::bad_alloc const&) {
+        EXPECT_TRUE(FailingAllocation::Happened());
+      }
+      failures += FailingAllocation::Happened() ? 1 : 0;
+    }
+    EXPECT_TRUE(LogFile::IsFree(*Logger::GetInstance()->fileSink));
+    LogLine(Info) << "next";
+    EXPECT_THAT(LogFile::Text(), EndsWith("]next\n"));
+  }
+  EXPECT_GT(failures, 0);
+}
+
+TEST_F(LoggerMemory, AConsoleWithoutMemoryForItsHeaderLeavesNothingInTheFile) {
+  auto& logger = *Logger::GetInstance();
+  int refused = 0;
+  for (int number = 1; number < kMoreThanALineNeeds; ++number) {
+    Interpose::hooks().now = 1000 + number;
+    logger.consoleSink->enabled = true;
+    std::string const before = LogFile::Text();
+    Capture::Output([&] {
+      FailingAllocation const failing(number);
+      try {
+        logger.BeginLine(Info);
+        FailingAllocation::Stop();
+        logger.EndLine();
+      } catch (std::bad_alloc const&) {
+        ++refused;
+        EXPECT_EQ(LogFile::Text(), before);
+      }
+    });
+    EXPECT_TRUE(LogFile::IsFree(*logger.fileSink));
+    EXPECT_TRUE(LogFile::IsFree(*logger.consoleSink));
+  }
+  EXPECT_GE(refused, 2);
+}
+
+}  // namespace

@@ -1,0 +1,242 @@
+// What a log line looks like, byte by byte.
+#include "base/Logger.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <ctime>
+#include <iomanip>
+#include <limits>
+#include <string>
+
+#include "base/TemperatureMonitor.h"
+#include "tests/support/Capture.h"
+#include "tests/support/Interpose.h"
+#include "tests/support/LogFile.h"
+
+namespace {
+
+using Tarvik::Ilog::Error;
+using Tarvik::Ilog::FileLogPolicy;
+using Tarvik::Ilog::Info;
+using Tarvik::Ilog::Logger;
+using Tarvik::Ilog::LoggerBase;
+using Tarvik::Ilog::LogLine;
+using Tarvik::Ilog::LogType;
+using Tarvik::Ilog::Warning;
+using Tarvik::Util::TemperatureMonitor;
+
+constexpr long kNow = 1614877509;  // 2021-03-04 17:05:09 UTC
+constexpr char const* kHeader = "[2021-03-04 17:05:09]";
+
+void SetTimeZone(char const* zone) {
+  setenv("TZ", zone, 1);
+  tzset();
+}
+
+class LoggerTest : public testing::Test {
+ protected:
+  void SetUp() override {
+    SetTimeZone("UTC");
+    Interpose::hooks().now = kNow;
+    LogFile::BeginAnew();
+  }
+  void TearDown() override { TemperatureMonitor::GetInstance()->valid = false; }
+
+  static void BoardHas(int degrees) {
+    TemperatureMonitor::GetInstance()->temperature = degrees;
+    TemperatureMonitor::GetInstance()->valid = true;
+  }
+
+  /// The text that both sinks got from `write`.
+  template <typename Write>
+  static std::string Logged(Write write) {
+    std::string const before = LogFile::Text();
+    std::string const console = Capture::Output(write);
+    EXPECT_EQ(LogFile::Text(), before + console);
+    return console;
+  }
+
+  /// One line of `type` with `message`, whichever its kind, on both sinks.
+  template <typename Message>
+  static std::string Line(Message const& message, LogType type = Info) {
+    return Logged([&] { LogLine(type) << message; });
+  }
+};
+
+TEST_F(LoggerTest, IsOneForTheWholeProcess) {
+  EXPECT_NE(Logger::GetInstance(), nullptr);
+  EXPECT_EQ(Logger::GetInstance(), Logger::GetInstance());
+  EXPECT_EQ(Logger().fileSink, Logger::GetInstance()->fileSink);
+  EXPECT_EQ(Logger().consoleSink, Logger::GetInstance()->consoleSink);
+}
+
+TEST_F(LoggerTest, BothSinksAreEnabledFromTheStart) {
+  LoggerBase<FileLogPolicy> const file;
+  LoggerBase<Tarvik::Ilog::ConsoleLogPolicy> const console;
+  EXPECT_TRUE(file.enabled);
+  EXPECT_TRUE(console.enabled);
+}
+
+TEST_F(LoggerTest, WithoutTemperatureTheHeaderHas21Bytes) {
+  EXPECT_EQ(Line("Path: /mnt/sdcard/cr/a.gps"),
+            "[2021-03-04 17:05:09]Path: /mnt/sdcard/cr/a.gps\n");
+  EXPECT_EQ(Line("").size(), 22U);
+}
+
+TEST_F(LoggerTest, TheTemperatureFollowsTheDate) {
+  BoardHas(41);
+  EXPECT_EQ(Line("Path: /mnt/sdcard/cr/a.gps"),
+            "[2021-03-04 17:05:09][41C]Path: /mnt/sdcard/cr/a.gps\n");
+}
+
+TEST_F(LoggerTest, ATemperatureBelowZeroHasItsSign) {
+  BoardHas(-7);
+  EXPECT_EQ(Line("cold"), "[2021-03-04 17:05:09][-7C]cold\n");
+}
+
+TEST_F(LoggerTest, ATemperatureOfZeroIsATemperature) {
+  BoardHas(0);
+  EXPECT_EQ(Line("ice"), "[2021-03-04 17:05:09][0C]ice\n");
+}
+
+TEST_F(LoggerTest, ATemperatureThatIsNotValidIsLeftOut) {
+  BoardHas(55);
+  TemperatureMonitor::GetInstance()->valid = false;
+  EXPECT_EQ(Line("lost"), "[2021-03-04 17:05:09]lost\n");
+}
+
+TEST_F(LoggerTest, WarningsAndErrorsAreTaggedAndNothingElseIs) {
+  struct {
+    int type;
+    char const* tag;
+  } const table[] = {{0, ""}, {1, "[WARNING]"}, {2, "[ERROR]"}, {3, ""}, {17, ""}, {-1, ""}};
+  for (auto const& [type, tag] : table) {
+    EXPECT_EQ(Line("text", static_cast<LogType>(type)), std::string(kHeader) + tag + "text\n");
+  }
+  EXPECT_EQ(Info, 0);
+  EXPECT_EQ(Warning, 1);
+  EXPECT_EQ(Error, 2);
+}
+
+TEST_F(LoggerTest, TheTagComesAfterTheTemperature) {
+  BoardHas(41);
+  EXPECT_EQ(Line("hot", Error), "[2021-03-04 17:05:09][41C][ERROR]hot\n");
+  EXPECT_EQ(Line("hot", Warning), "[2021-03-04 17:05:09][41C][WARNING]hot\n");
+}
+
+TEST_F(LoggerTest, TheHeaderFollowsTheClock) {
+  Line("first");
+  Interpose::hooks().now = kNow + 1;
+  EXPECT_EQ(Line("second"), "[2021-03-04 17:05:10]second\n");
+  Interpose::hooks().now = kNow - 86400;
+  EXPECT_EQ(Line("set back"), "[2021-03-03 17:05:09]set back\n");
+}
+
+TEST_F(LoggerTest, TheHeaderShowsLocalTime) {
+  SetTimeZone("TEST-5:30");
+  Interpose::hooks().now = kNow + 3600;
+  EXPECT_EQ(Line("local"), "[2021-03-04 23:35:09]local\n");
+}
+
+TEST_F(LoggerTest, ALongIsAlwaysADate) {
+  EXPECT_EQ(Line(0L), std::string(kHeader) + "1970-01-01 00:00:00\n");
+  EXPECT_EQ(Line(kNow), std::string(kHeader) + "2021-03-04 17:05:09\n");
+  EXPECT_EQ(Line(-1L), std::string(kHeader) + "1969-12-31 23:59:59\n");
+}
+
+TEST_F(LoggerTest, OtherValuesLookAsOnAStandardStream) {
+  EXPECT_EQ(Line(std::string("a text")), std::string(kHeader) + "a text\n");
+  EXPECT_EQ(Line(-42), std::string(kHeader) + "-42\n");
+  EXPECT_EQ(Line(std::numeric_limits<unsigned long long>::max()),
+            std::string(kHeader) + "18446744073709551615\n");
+  EXPECT_EQ(Line(0.9F), std::string(kHeader) + "0.9\n");
+  EXPECT_EQ(Line(14235.34375), std::string(kHeader) + "14235.3\n");
+  EXPECT_EQ(Line('c'), std::string(kHeader) + "c\n");
+}
+
+TEST_F(LoggerTest, PiecesFollowEachOtherWithoutSeparator) {
+  EXPECT_EQ(Logged([] {
+              LogLine(Info) << "[SYSTEM] free " << 524288000ULL << "B"
+                            << " at " << 0L << std::string("!");
+            }),
+            "[2021-03-04 17:05:09][SYSTEM] free 524288000B at 1970-01-01 00:00:00!\n");
+}
+
+TEST_F(LoggerTest, AMessageIsWrittenAsItIs) {
+  std::string const bytes("tab\t nul\0 high\xFF percent%s", 25);
+  EXPECT_EQ(Line(bytes), kHeader + bytes + "\n");
+  EXPECT_EQ(Line("two\nlines"), std::string(kHeader) + "two\nlines\n");
+  EXPECT_EQ(Line("ends itself\n"), std::string(kHeader) + "ends itself\n\n");
+}
+
+TEST_F(LoggerTest, ALongMessageIsWrittenWholeAndLeavesNoTrace) {
+  std::string const message(200'000, 'x');
+  EXPECT_EQ(Line(message), kHeader + message + "\n");
+  EXPECT_EQ(Line("short"), std::string(kHeader) + "short\n");
+}
+
+TEST_F(LoggerTest, ANullTextSpoilsTheRestOfItsLineOnly) {
+  char const* const nothing = nullptr;
+  EXPECT_EQ(Logged([&] { LogLine(Info) << "kept " << nothing << "dropped" << 1 << 2L; }),
+            std::string(kHeader) + "kept \n");
+  EXPECT_EQ(Line("whole again"), std::string(kHeader) + "whole again\n");
+}
+
+TEST_F(LoggerTest, ANullTextThatIsNotConstantDoesTheSame) {
+  char* const nothing = nullptr;
+  EXPECT_EQ(Logged([&] { LogLine(Info) << "kept" << nothing << "dropped"; }),
+            std::string(kHeader) + "kept\n");
+}
+
+TEST_F(LoggerTest, ANullTextWithoutALineDoesNothing) {
+  char const* const nothing = nullptr;
+  *Logger::GetInstance() << nothing;
+  EXPECT_EQ(Line("whole"), std::string(kHeader) + "whole\n");
+}
+
+TEST_F(LoggerTest, EndlCompletesTheLine) {
+  auto& logger = *Logger::GetInstance();
+  EXPECT_EQ(Logged([&] {
+              logger.BeginLine(Info);
+              logger << "by hand " << 7 << std::endl;
+            }),
+            std::string(kHeader) + "by hand 7\n");
+  EXPECT_TRUE(LogFile::IsFree(*logger.fileSink));
+  EXPECT_TRUE(LogFile::IsFree(*logger.consoleSink));
+}
+
+TEST_F(LoggerTest, AManipulatorThatEndsNoLineCompletesNone) {
+  auto& logger = *Logger::GetInstance();
+  EXPECT_EQ(Logged([&] {
+              logger.BeginLine(Info);
+              logger << "a" << std::flush;
+              EXPECT_EQ(LogFile::Text(), "");
+              logger << "b" << std::endl;
+            }),
+            std::string(kHeader) + "ab\n");
+}
+
+TEST_F(LoggerTest, TheStepsOfOneSinkMakeTheSameLine) {
+  LoggerBase<FileLogPolicy> sink;
+  sink.WriteHeader(Warning);
+  sink << "Time: " << 0L << std::string(" size ") << 12;
+  sink << "\n";
+  EXPECT_EQ(LogFile::Text(), "");
+  sink.CheckEndOfStream();
+  EXPECT_EQ(LogFile::Text(), std::string(kHeader) + "[WARNING]Time: 1970-01-01 00:00:00 size 12\n");
+}
+
+TEST_F(LoggerTest, HowOneLineShowsNumbersDoesNotReachTheNext) {
+  BoardHas(41);
+  EXPECT_EQ(Logged([] {
+              LogLine(Info) << std::hex << 255 << std::setprecision(2) << std::fixed << 0.125
+                            << std::setfill('0') << std::setw(4) << 1;
+            }),
+            "[2021-03-04 17:05:09][41C]ff0.120001\n");
+  EXPECT_EQ(Logged([] { LogLine(Info) << 255 << " " << 0.125 << std::setw(3) << 1; }),
+            "[2021-03-04 17:05:09][41C]255 0.125  1\n");
+}
+
+}  // namespace
