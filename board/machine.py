@@ -62,13 +62,12 @@ class Machine:
         self._news = threading.Condition()
 
         ours, theirs = socket.socketpair()
-        with theirs:
+        with theirs, open(log, "a") as complaints:
             fd = theirs.fileno()
             self._process = subprocess.Popen(
                 [*hardware.command(), "-serial", "stdio",
                  "-chardev", f"socket,id=control,fd={fd}", "-mon", "chardev=control,mode=control"],
-                stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
-                pass_fds=[fd])
+                stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=complaints, pass_fds=[fd])
         self._control = ours.makefile("rw")
         ours.close()
         self._console = threading.Thread(target=self._read_console)
