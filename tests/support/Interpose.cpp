@@ -19,6 +19,10 @@ namespace {
 
 namespace fs = std::filesystem;
 
+// Static objects of other files may call the functions below before this file's are made, and a
+// leak checker after they have gone.
+bool active = false;
+
 /// A folder of the program's own that goes with it.
 class PrivateFolder {
  public:
@@ -29,6 +33,7 @@ class PrivateFolder {
     owner = getpid();
   }
   ~PrivateFolder() {
+    active = false;
     std::error_code ignored;
     if (getpid() == owner) fs::remove_all(path, ignored);
   }
@@ -57,9 +62,6 @@ Recorder& recorder() {
   static Recorder instance;
   return instance;
 }
-
-// Static objects of other files may call the functions below before this file's are made.
-bool active = false;
 
 template <typename... Words>
 void Record(Words const&... words) {
