@@ -1,0 +1,273 @@
+// The owner and a remove-all pass use the catalogue at the same time.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <filesystem>
+#include <functional>
+#include <future>
+#include <memory>
+#include <random>
+#include <semaphore>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "tests/support/CatalogueTest.h"
+#include "tests/support/RemovalHook.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::SizeIs;
+
+class CatalogueThreads : public CatalogueTest {
+ protected:
+  ~CatalogueThreads() override { RemovalHook::hook() = nullptr; }
+
+  void Keep(std::vector<std::string> const& names) {
+    for (auto const& name : names) MakeRecording(name, 10);
+    Add(*catalogue, names);
+  }
+
+  /// Holds every removal until it is let go.
+  class Barrier {
+   public:
+    Barrier() {
+      RemovalHook::hook() = [this](Ifile& file) {
+        reached.release();
+        opened.wait(false);
+        return RemovalHook::Real(file);
+      };
+    }
+    void AwaitRemoval() { reached.acquire(); }
+    void Open() {
+      opened = true;
+      opened.notify_all();
+    }
+
+   private:
+    std::counting_semaphore<> reached{0};
+    std::atomic<bool> opened = false;
+  };
+
+  /// Whether `work`, begun on another thread, waits for something.
+  static bool Waits(std::future<void> const& work) {
+    return work.wait_for(50ms) == std::future_status::timeout;
+  }
+
+  /// Counts the passes of its thread.
+  class Counting : public FilesManager {
+   public:
+    using FilesManager::FilesManager;
+    ~Counting() override { Join(); }
+    void Run() override {
+      ++passes;
+      FilesManager::Run();
+      if (afterPass) afterPass();
+    }
+    std::atomic<int> passes = 0;
+    std::function<void()> afterPass;
+  };
+
+  std::unique_ptr<FilesManager> catalogue = NewCatalogue();
+};
+
+TEST_F(CatalogueThreads, PassRemovesAllButTheProtectedOnAThreadOfItsOwn) {
+  Keep({"a.dat", "b.log", "c.dat", "d.gps"});
+  std::vector<std::thread::id> ids;
+  RemovalHook::hook() = [&ids](Ifile& file) {
+    ids.push_back(std::this_thread::get_id());
+    return RemovalHook::Real(file);
+  };
+  catalogue->RemoveAllFilesAsync();
+  catalogue->Join();
+  EXPECT_THAT(Names(*catalogue), ElementsAre("b.log", "d.gps"));
+  EXPECT_THAT(OnCard(), ElementsAre("b.log", "d.gps"));
+  EXPECT_EQ(catalogue->GetTotalFilesSize(), 20U);
+  EXPECT_THAT(ids, SizeIs(2));
+  EXPECT_THAT(ids, testing::Not(testing::Contains(std::this_thread::get_id())));
+}
+
+TEST_F(CatalogueThreads, StartOfAPassDoesNotWaitForIt) {
+  Keep({"a.dat", "b.dat"});
+  Barrier barrier;
+  catalogue->RemoveAllFilesAsync();
+  barrier.AwaitRemoval();
+  EXPECT_EQ(catalogue->GetTotalFilesSize(), 20U) << "the total is read without waiting";
+  auto sorting = std::async(std::launch::async, [this] { catalogue->Sort(); });
+  EXPECT_TRUE(Waits(sorting)) << "the pass holds the list";
+  barrier.Open();
+  sorting.get();
+  EXPECT_THAT(catalogue->GetList(), IsEmpty());
+}
+
+TEST_F(CatalogueThreads, NoneIsStartedForAnEmptyCatalogue) {
+  Capture::Descriptor const hidden(1);
+  Counting empty(&card, kDirectory, 0, 1.0F);
+  empty.RemoveAllFilesAsync();
+  empty.Join();
+  EXPECT_EQ(empty.passes, 0);
+}
+
+TEST_F(CatalogueThreads, OnePassIsRunForAStartAndASecondStartDuringItIsNone) {
+  Capture::Descriptor const hidden(1);
+  Counting counting(&card, kDirectory, 0, 1.0F);
+  MakeRecording("a.log");
+  MakeRecording("b.dat");
+  Add(counting, {"a.log", "b.dat"});
+  Barrier barrier;
+  counting.RemoveAllFilesAsync();
+  barrier.AwaitRemoval();
+  counting.RemoveAllFilesAsync();
+  barrier.Open();
+  counting.Join();
+  EXPECT_EQ(counting.passes, 1);
+}
+
+TEST_F(CatalogueThreads, AStartAtTheVeryEndOfAPassIsNotLost) {
+  Capture::Descriptor const hidden(1);
+  Counting counting(&card, kDirectory, 0, 1.0F);
+  for (char const* name : {"a.dat", "b.dat"}) MakeRecording(name);
+  Add(counting, {"a.dat"});
+  counting.afterPass = [&] {
+    if (counting.passes > 1) return;
+    Add(counting, {"b.dat"});
+    counting.RemoveAllFilesAsync();
+  };
+  counting.RemoveAllFilesAsync();
+  counting.Join();
+  EXPECT_EQ(counting.passes, 2);
+  EXPECT_THAT(OnCard(), IsEmpty());
+}
+
+TEST_F(CatalogueThreads, APassCanBeRunAgainAndAgain) {
+  for (int round = 0; round < 300; ++round) {
+    Keep({"a.dat", "b.dat"});
+    catalogue->RemoveAllFilesAsync();
+    catalogue->Join();
+    ASSERT_THAT(OnCard(), IsEmpty()) << "round " << round;
+  }
+  EXPECT_EQ(LiveFiles::Count(), 0U);
+}
+
+TEST_F(CatalogueThreads, TheDestructorWaitsForAPassBeforeItReleasesAnything) {
+  Keep({"a.dat", "b.dat", "c.log"});
+  Barrier barrier;
+  catalogue->RemoveAllFilesAsync();
+  barrier.AwaitRemoval();
+  auto destruction = std::async(std::launch::async, [this] { catalogue.reset(); });
+  EXPECT_TRUE(Waits(destruction));
+  EXPECT_EQ(LiveFiles::Count(), 3U);
+  barrier.Open();
+  destruction.get();
+  EXPECT_THAT(OnCard(), ElementsAre("c.log")) << "the pass was not cut short";
+  EXPECT_EQ(LiveFiles::Count(), 0U);
+}
+
+TEST_F(CatalogueThreads, ACatalogueMayGoRightAfterAStart) {
+  for (int round = 0; round < 300; ++round) {
+    catalogue = NewCatalogue();
+    Keep({"a.dat", "b.dat"});
+    catalogue->RemoveAllFilesAsync();
+    catalogue.reset();
+    ASSERT_THAT(OnCard(), IsEmpty()) << "round " << round;
+  }
+  EXPECT_EQ(LiveFiles::Count(), 0U);
+}
+
+TEST_F(CatalogueThreads, APassThatFailsIsLoggedAndHarmsNoLaterOne) {
+  Keep({"a.dat"});
+  RemovalHook::hook() = [](Ifile&) -> bool { throw 7; };
+  EXPECT_THAT(Capture::Output([this] {
+                catalogue->RemoveAllFilesAsync();
+                catalogue->Join();
+              }),
+              HasSubstr("[ERROR]IThread: unknown exception\n"));
+  RemovalHook::hook() = nullptr;
+  catalogue->RemoveAllFilesAsync();
+  catalogue->Join();
+  EXPECT_THAT(OnCard(), IsEmpty());
+}
+
+/// What an owner may do at any time, at random but always the same.
+class Owner {
+ public:
+  using FilesManager = Quellon::FileUtils::FilesManager;
+
+  explicit Owner(FilesManager& used) : catalogue(used) {}
+
+  void DoSomething() {
+    switch (random() % 9) {
+      case 0:
+        return catalogue.Sort();
+      case 1:
+        return catalogue.ReverseList();
+      case 2:
+        return catalogue.Log();
+      case 3:
+        return void(catalogue.GetTotalFilesSize());
+      case 4:
+        return void(catalogue.GetTotalFilesSize(true));
+      case 5:
+        return void(catalogue.MakeRoom());
+      case 6:
+        return void(catalogue.DeleteOldFiles(1));
+      case 7:
+        return catalogue.RemoveAllFilesAsync();
+      default:
+        RemoveByName();
+    }
+  }
+
+  int abandoned = 0;  ///< objects of the files removed by name
+
+ private:
+  void RemoveByName() {
+    std::string name = "rec_" + std::to_string(random() % 300) + ".dat";
+    if (catalogue.RemoveFileByName(name)) ++abandoned;
+  }
+
+  FilesManager& catalogue;
+  std::minstd_rand random{7};
+};
+
+TEST_F(CatalogueThreads, OwnerAndPassesNeverDisturbEachOther) {
+  Capture::Descriptor const hidden(1);
+  Owner owner(*catalogue);
+  std::vector<std::string> isProtected;
+  for (int number = 0; number < 300; ++number) {
+    bool const log = number % 10 == 0;
+    std::string const name = "rec_" + std::to_string(number) + (log ? ".log" : ".dat");
+    if (log) isProtected.push_back(name);
+    Keep({name});
+    for (int deed = 0; deed < 3; ++deed) owner.DoSomething();
+  }
+  catalogue->Join();
+  catalogue->RemoveAllFiles();
+  std::sort(isProtected.begin(), isProtected.end());
+  EXPECT_EQ(OnCard(), isProtected);
+  EXPECT_EQ(catalogue->GetTotalFilesSize(), 10 * isProtected.size());
+  EXPECT_EQ(catalogue->GetTotalFilesSize(true), 10 * isProtected.size());
+  EXPECT_EQ(LiveFiles::Count(), isProtected.size() + static_cast<std::size_t>(owner.abandoned));
+}
+
+TEST_F(CatalogueThreads, ADirectoryMayBeLoadedDuringAPass) {
+  MakeRecording("kept.log");
+  for (int round = 0; round < 30; ++round) {
+    for (char const* name : {"a.dat", "b.dat", "c.dat", "d.dat", "e.dat"}) MakeRecording(name);
+    ASSERT_TRUE(catalogue->Load());
+    catalogue->RemoveAllFilesAsync();
+  }
+  catalogue->Join();
+  ASSERT_TRUE(catalogue->Load());
+  catalogue->RemoveAllFiles();
+  EXPECT_THAT(OnCard(), ElementsAre("kept.log"));
+}
+
+}  // namespace
