@@ -63,12 +63,24 @@ void IThread::Join() {
 
 void IThread::Work() noexcept {
   do {
-    LoggingExceptions([this] {
-      RunBefore();
-      while (KeepsRunning()) Run();
-    });
+    LoggingExceptions([this] { RunUntilCancelled(); });
     LoggingExceptions([this] { RunAfter(); });
   } while (BeginsAnotherFrame());
+}
+
+void IThread::RunUntilCancelled() {
+  try {
+    RunBefore();
+    while (KeepsRunning()) Run();
+  } catch (...) {
+    StopRunning();  // before anybody hears of it, so that no start is taken for one of this frame
+    throw;
+  }
+}
+
+void IThread::StopRunning() {
+  std::lock_guard const lock(stateMutex);
+  if (state == State::Running) state = State::Cancelled;
 }
 
 bool IThread::KeepsRunning() {

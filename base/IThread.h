@@ -35,9 +35,9 @@ class QUELLON_EXPORT IThread {
   virtual void Stopping();
 
  public:
-  /// Starts the thread. Does nothing while it runs; while a cancelled thread is still in its last
-  /// pass, lets it go on with a new frame instead of ending, so no start is lost.
-  /// Throws std::system_error when the system has no thread to give.
+  /// Starts the thread. Does nothing while it runs; while a cancelled or failed thread is still in
+  /// its last pass, lets it go on with a new frame instead of ending, so no start is lost. Throws
+  /// std::system_error when the system has no thread to give.
   void Start();
 
   /// Lets the thread end after the current `Run()`. Does not wait.
@@ -50,6 +50,8 @@ class QUELLON_EXPORT IThread {
   enum class State { Idle, Running, Cancelled, Restarted };
 
   void Work() noexcept;
+  void RunUntilCancelled();
+  void StopRunning();
   bool KeepsRunning();
   bool BeginsAnotherFrame();
 

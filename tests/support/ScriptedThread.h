@@ -1,0 +1,90 @@
+// A worker thread whose hooks do what a test says. Replaces pthread_create, so include it in one
+// source file of a test program only.
+#pragma once
+
+#include <dlfcn.h>
+#include <pthread.h>
+
+#include <algorithm>
+#include <atomic>
+#include <functional>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "base/IThread.h"
+
+/// Notes every call of a hook, in order, and then does the script of that hook, if there is one.
+/// Set the scripts before `Start`.
+class ScriptedThread : public Tarvik::Interfaces::IThread {
+ public:
+  ScriptedThread() { created = 0; }
+  ScriptedThread(ScriptedThread const&) = delete;
+  ScriptedThread& operator=(ScriptedThread const&) = delete;
+  ~ScriptedThread() override {
+    Cancel();
+    Join();
+  }
+
+  std::function<void()> runBefore;
+  std::function<void()> run;
+  std::function<void()> runAfter;
+  std::function<void()> stopping;
+
+  /// "before", "run", "after" and "stopping" in the order of the calls; the "stopping" of a cancel
+  /// on the worker is left out.
+  std::vector<std::string> Events() {
+    std::lock_guard const lock(mutex);
+    return events;
+  }
+  int Count(std::string const& event) {
+    std::lock_guard const lock(mutex);
+    return static_cast<int>(std::ranges::count(events, event));
+  }
+
+  /// Threads made since the last object was.
+  static int Created() { return created; }
+  /// While set, the system has no thread to give.
+  static void Fail(int error) { failure = error; }
+
+  /// What pthread_create(3) does for this program.
+  static int Create(pthread_t* thread, pthread_attr_t const* attributes, void* (*start)(void*),
+                    void* argument) {
+    static auto* const next =
+        reinterpret_cast<decltype(&Create)>(dlsym(RTLD_NEXT, "pthread_create"));
+    if (failure != 0) return failure;
+    ++created;
+    return next(thread, attributes, start, argument);
+  }
+
+ protected:
+  void RunBefore() override {
+    onWorker = true;
+    Do("before", runBefore);
+  }
+  void Run() override { Do("run", run); }
+  void RunAfter() override { Do("after", runAfter); }
+  void Stopping() override {
+    if (!onWorker) Do("stopping", stopping);
+  }
+
+ private:
+  void Do(char const* event, std::function<void()> const& script) {
+    {
+      std::lock_guard const lock(mutex);
+      events.emplace_back(event);
+    }
+    if (script) script();
+  }
+
+  std::mutex mutex;
+  std::vector<std::string> events;
+  static inline thread_local bool onWorker = false;
+  static inline std::atomic<int> created = 0;
+  static inline std::atomic<int> failure = 0;
+};
+
+extern "C" int pthread_create(pthread_t* thread, pthread_attr_t const* attributes,
+                              void* (*start)(void*), void* argument) noexcept {
+  return ScriptedThread::Create(thread, attributes, start, argument);
+}
