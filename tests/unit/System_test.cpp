@@ -166,8 +166,9 @@ TEST_P(ForcedCard, CountsAsUnmountedWithWhicheverAttemptItGivesWay) {
 
 INSTANTIATE_TEST_SUITE_P(EveryAttempt, ForcedCard, testing::Values(1, 2, 9, 10));
 
-TEST_F(SystemTest, ComplainsWithTheErrorOfTheAttemptThatFailed) {
+TEST_F(SystemTest, ComplainsWithTheErrorOfTheAttemptThatFailedAndNotOfAnyOtherCall) {
   IsBusyUntilForced(kCard, 0);
+  hooks().sync = [] { errno = EIO; };
   hooks().umount2 = [tried = 0](auto&&...) mutable {
     return ++tried == 1 ? Answer::Failure(EINVAL) : Answer::Success();
   };
