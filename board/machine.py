@@ -5,6 +5,7 @@ import socket
 import subprocess
 import sys
 import threading
+import time
 from dataclasses import dataclass, field
 from pathlib import Path
 
@@ -12,6 +13,11 @@ from board.parts import Parts
 from board.tools import Failure
 
 KERNEL_ARGUMENTS = "console=ttymxc0,115200 rdinit=/init panic=-1 quiet loglevel=3"
+
+# On a busy host QEMU 7.2 now and then sleeps through its next timer, and the board with it, until
+# anything is asked of it. So something is asked every so many seconds.
+WAKING = 0.5
+
 STARTED = "board: started after "
 
 
@@ -68,14 +74,14 @@ class Machine:
                 [*hardware.command(), "-serial", "stdio",
                  "-chardev", f"socket,id=control,fd={fd}", "-mon", "chardev=control,mode=control"],
                 stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=complaints, pass_fds=[fd])
-        self._control = ours.makefile("rw")
-        ours.close()
+        self._control = ours
+        self._answers = ours.makefile("r")
         self._console = threading.Thread(target=self._read_console)
         self._console.start()
         self._timer = threading.Timer(limit, self._out_of_time)
         self._timer.start()
         try:
-            self._control.readline()  # the greeting
+            self._answers.readline()  # the greeting
             self.control("qmp_capabilities")
         except BaseException:
             self.cut_power()
@@ -99,16 +105,18 @@ class Machine:
 
     def wait(self, text: str) -> str:
         """Returns the first line with this text after the line found before."""
-        with self._news:
-            while True:
+        while True:
+            with self._news:
+                ended = self._ended
                 while self._read < len(self.lines):
                     line = self.lines[self._read]
                     self._read += 1
                     if text in line:
                         return line
-                if self._ended:
+                if ended:
                     raise Failure(f"{self._end()} before the console showed {text!r}")
-                self._news.wait()
+                self._news.wait(WAKING)
+            self._wake()
 
     def arrive(self, name: str):
         """Waits until the board has come to `await NAME`; it stays there until go_on()."""
@@ -118,9 +126,20 @@ class Machine:
         self._process.stdin.write(b"\n")
         self._process.stdin.flush()
 
+    def run_for(self, seconds: float):
+        """Leaves the board alone for a time, or until it has powered itself off."""
+        end = time.monotonic() + seconds
+        while (left := end - time.monotonic()) > 0:
+            try:
+                self._process.wait(min(left, WAKING))
+                return
+            except subprocess.TimeoutExpired:
+                self._wake()
+
     def finish(self):
         """Waits until the board has powered itself off."""
-        self._process.wait()
+        while self._process.poll() is None:
+            self.run_for(WAKING)
         self._close()
         if self._late or self._process.returncode != 0:
             raise Failure(self._end())
@@ -140,9 +159,9 @@ class Machine:
     def control(self, command: str, **arguments):
         """Runs one command of QEMU's control protocol and returns its result."""
         try:
-            self._control.write(json.dumps({"execute": command, "arguments": arguments}) + "\n")
-            self._control.flush()
-            for line in self._control:
+            request = json.dumps({"execute": command, "arguments": arguments})
+            self._control.sendall(request.encode())
+            for line in self._answers:
                 answer = json.loads(line)
                 if "return" in answer:
                     return answer["return"]
@@ -152,6 +171,12 @@ class Machine:
         except OSError:
             pass
         raise Failure(f"{self._end()} before {command}")
+
+    def _wake(self):
+        try:
+            self.control("query-status")
+        except Failure:
+            pass  # it has ended meanwhile
 
     def _read_console(self):
         with open(self._log, "a") as log:
@@ -180,10 +205,11 @@ class Machine:
     def _close(self):
         self._timer.cancel()
         self._console.join()
-        if not self._control.closed:
+        if not self._answers.closed:
             try:
-                self.events += [json.loads(line).get("event") for line in self._control]
+                self.events += [json.loads(line).get("event") for line in self._answers]
             except OSError:
                 pass
+            self._answers.close()
             self._control.close()
             self._process.stdin.close()

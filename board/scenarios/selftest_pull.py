@@ -33,7 +33,7 @@ def run(board: Board):
         machine.arrive("inserted")
         machine.insert_card(other.path)
         machine.go_on()
-        expect(machine.wait("mount ") != "", "")
+        expect(machine.wait("mount ") == "mount 0", "the other card was not mounted")
         machine.arrive("power-cut")
         machine.cut_power()
     machine = board.run("fsck -f -y /dev/mmcblk1p1; mount /dev/mmcblk1p1 /mnt/sdcard; "
