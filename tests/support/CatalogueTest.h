@@ -20,34 +20,12 @@
 #include "tests/support/LiveFiles.h"
 
 class CatalogueTest : public testing::Test {
- protected:
+ public:
   using Disk = Quellon::DiskUtils::Disk;
   using FilesManager = Quellon::FileUtils::FilesManager;
   using Ifile = Quellon::FileUtils::Ifile;
 
   static constexpr char const* kDirectory = "/mnt/sdcard/cr/";
-
-  CatalogueTest() : card(NewCard()) {
-    std::filesystem::create_directories(Interpose::Real(kDirectory));
-    Interpose::hooks().statvfs = [this](std::string const& path, struct statvfs* space) {
-      EXPECT_EQ(path, "/mnt/sdcard/");
-      space->f_frsize = 1;
-      space->f_blocks = static_cast<fsblkcnt_t>(totalBytes);
-      space->f_bfree = static_cast<fsblkcnt_t>(freeBytes);
-      return Interpose::Answer::Success();
-    };
-  }
-
-  /// Also the objects that catalogues abandoned.
-  ~CatalogueTest() override { LiveFiles::DeleteAll(); }
-
-  /// A catalogue of that directory, which has logged its figures out of sight.
-  std::unique_ptr<FilesManager> NewCatalogue(std::string const& directory = kDirectory,
-                                             unsigned long long minimumFree = 0,
-                                             float share = 1.0F) {
-    Capture::Descriptor const hidden(1);
-    return std::make_unique<FilesManager>(&card, directory, minimumFree, share);
-  }
 
   /// Makes a recording of that size and age.
   static void MakeRecording(std::string const& name, std::size_t size = 0, std::time_t time = 0) {
@@ -75,6 +53,29 @@ class CatalogueTest : public testing::Test {
     std::vector<std::string> names;
     for (Ifile const* file : catalogue.GetList()) names.push_back(file->name);
     return names;
+  }
+
+ protected:
+  CatalogueTest() : card(NewCard()) {
+    std::filesystem::create_directories(Interpose::Real(kDirectory));
+    Interpose::hooks().statvfs = [this](std::string const& path, struct statvfs* space) {
+      EXPECT_EQ(path, "/mnt/sdcard/");
+      space->f_frsize = 1;
+      space->f_blocks = static_cast<fsblkcnt_t>(totalBytes);
+      space->f_bfree = static_cast<fsblkcnt_t>(freeBytes);
+      return Interpose::Answer::Success();
+    };
+  }
+
+  /// Also the objects that catalogues abandoned.
+  ~CatalogueTest() override { LiveFiles::DeleteAll(); }
+
+  /// A catalogue of that directory, which has logged its figures out of sight.
+  std::unique_ptr<FilesManager> NewCatalogue(std::string const& directory = kDirectory,
+                                             unsigned long long minimumFree = 0,
+                                             float share = 1.0F) {
+    Capture::Descriptor const hidden(1);
+    return std::make_unique<FilesManager>(&card, directory, minimumFree, share);
   }
 
   /// Adds files that exist, oldest first.

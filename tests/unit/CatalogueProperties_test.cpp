@@ -1,0 +1,401 @@
+// Random sequences of everything a catalogue can be told, while files appear, vanish and refuse to
+// go, against a simple model. QUELLON_SEED and QUELLON_SEQUENCES choose which are tried.
+#include <dirent.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <functional>
+#include <iostream>
+#include <map>
+#include <memory>
+#include <optional>
+#include <random>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "base/IException.h"
+#include "base/Logger.h"
+#include "tests/support/CatalogueModel.h"
+#include "tests/support/CatalogueTest.h"
+#include "tests/support/RemovalHook.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using CatalogueModel::Figures;
+using CatalogueModel::File;
+using CatalogueModel::Model;
+using CatalogueModel::Removal;
+using CatalogueModel::State;
+using Interpose::Answer;
+
+enum class Deed {
+  Appear,
+  Vanish,
+  RemovalSucceeds,
+  RemovalFails,
+  RemovalThrows,
+  Occupy,
+  Withdraw,
+  Insert,
+  Load,
+  LoadAndSort,
+  AddFile,
+  RemoveFileByName,
+  DeleteOldFiles,
+  RemoveAllFiles,
+  MakeRoom,
+  Sort,
+  ReverseList,
+  ClearList,
+  ReadTotal,
+  SumTotal,
+};
+
+constexpr char const* kDeeds[] = {
+    "Appear",  "Vanish",           "RemovalSucceeds", "RemovalFails",   "RemovalThrows",
+    "Occupy",  "Withdraw",         "Insert",          "Load",           "LoadAndSort",
+    "AddFile", "RemoveFileByName", "DeleteOldFiles",  "RemoveAllFiles", "MakeRoom",
+    "Sort",    "ReverseList",      "ClearList",       "ReadTotal",      "SumTotal"};
+
+/// What a step does is its deed; the rest are arguments, of which each deed uses its own.
+struct Step {
+  Deed deed;
+  std::string name;
+  unsigned int number;
+  int time;
+};
+
+struct Script {
+  Figures figures;
+  std::vector<Step> steps;
+};
+
+std::ostream& operator<<(std::ostream& out, Step const& step) {
+  return out << kDeeds[static_cast<int>(step.deed)] << ' ' << step.name << ' ' << step.number
+             << " @" << step.time;
+}
+
+std::ostream& operator<<(std::ostream& out, Script const& script) {
+  out << "card " << script.figures.cardBytes << " reserve " << script.figures.reserveBytes
+      << " minimum " << script.figures.minimumFree << " share " << script.figures.share << '\n';
+  for (auto const& step : script.steps) out << "  " << step << '\n';
+  return out;
+}
+
+Script Invent(std::uint32_t seed) {
+  constexpr char const* kNames[] = {"a.dat", "b.dat", "c.dat", "d.dat", "e.LOG",
+                                    "f.log", "g.gps", ".log",  "README"};
+  constexpr Deed kOften[] = {Deed::Appear, Deed::Appear, Deed::AddFile, Deed::MakeRoom};
+  std::mt19937 random(seed);
+  auto const below = [&random](std::size_t limit) { return random() % limit; };
+  Script script{{200 + static_cast<int>(below(300)), static_cast<int>(below(40)), below(100),
+                 static_cast<float>(1 + below(10)) / 10},
+                {}};
+  for (std::size_t left = 5 + below(40); left > 0; --left) {
+    bool const often = below(2) == 0;
+    Deed const deed =
+        often ? kOften[below(std::size(kOften))] : static_cast<Deed>(below(std::size(kDeeds)));
+    script.steps.push_back({deed, kNames[below(std::size(kNames))],
+                            static_cast<unsigned int>(below(60)), static_cast<int>(below(4))});
+  }
+  return script;
+}
+
+/// The library's catalogue on a card of files, with the same operations as the model.
+class World {
+ public:
+  using FilesManager = CatalogueTest::FilesManager;
+  using Ifile = CatalogueTest::Ifile;
+
+  World(CatalogueTest::Disk const& usable, Figures const& used) : card(usable), figures(used) {
+    Interpose::Reset();
+    fs::create_directories(CatalogueTest::Where("sub"));
+    card.reserveBytes = figures.reserveBytes;
+    catalogue = std::make_unique<FilesManager>(&card, CatalogueTest::kDirectory,
+                                               figures.minimumFree, figures.share);
+    auto& hooks = Interpose::hooks();
+    hooks.statvfs = [this](std::string const&, struct statvfs* space) { return Measure(space); };
+    hooks.unlink = [this](std::string const& path) { return Unlink(path); };
+    RemovalHook::hook() = [this](Ifile& file) {
+      if (removals[file.name] == Removal::Throws) throw Tarvik::IException("refused");
+      return RemovalHook::Real(file);
+    };
+  }
+  World(World const&) = delete;
+  World& operator=(World const&) = delete;
+  ~World() {
+    catalogue.reset();
+    LiveFiles::DeleteAll();
+    RemovalHook::hook() = nullptr;
+    Interpose::Reset();
+  }
+
+  void Appear(File const& file) {
+    CatalogueTest::MakeRecording(file.name, file.size, file.time);
+    sizes[file.name] = static_cast<std::int64_t>(file.size);
+  }
+  void Vanish(std::string const& name) {
+    std::remove(CatalogueTest::Where(name).c_str());
+    sizes.erase(name);
+  }
+  void Make(std::string const& name, Removal removal) { removals[name] = removal; }
+  void Withdraw(bool isOut) { card.available = !isOut; }
+  void Occupy(std::int64_t bytes) { occupied = bytes; }
+
+  bool Load(std::vector<std::string> const&) { return catalogue->Load(); }
+  bool LoadAndSort(std::vector<std::string> const&) { return catalogue->LoadAndSort(); }
+  bool AddFile(std::string name) { return catalogue->AddFile(name); }
+  bool RemoveFileByName(std::string name) { return catalogue->RemoveFileByName(name); }
+  unsigned int DeleteOldFiles(unsigned int count) { return catalogue->DeleteOldFiles(count); }
+  unsigned int RemoveAllFiles() { return catalogue->RemoveAllFiles(); }
+  bool MakeRoom() { return catalogue->MakeRoom(); }
+  void Sort() { catalogue->Sort(); }
+  void ReverseList() { catalogue->ReverseList(); }
+  void ClearList() { catalogue->ClearList(); }
+  std::uint64_t TotalFilesSize(bool recalculate) {
+    return recalculate ? catalogue->GetTotalFilesSize(true) : catalogue->GetTotalFilesSize();
+  }
+
+  State Look() const {
+    State state{{}, CatalogueTest::OnCard(), LiveFiles::Count(), 0, ""};
+    std::erase(state.card, "sub");
+    for (Ifile const* file : catalogue->GetList()) {
+      state.catalogue.push_back({file->name, static_cast<std::uint64_t>(file->size), file->time});
+    }
+    state.sleptMs = static_cast<std::uint64_t>(Interpose::Slept() / std::chrono::milliseconds(1));
+    if (catalogue->HasError()) {
+      state.error = catalogue->GetError() + " in " + catalogue->GetErrorPlace();
+    }
+    return state;
+  }
+
+  /// What the directory holds, in the order in which it says so.
+  static std::vector<std::string> DirectoryOrder() {
+    std::vector<std::string> names;
+    std::unique_ptr<DIR, int (*)(DIR*)> const directory(opendir(CatalogueTest::kDirectory),
+                                                        closedir);
+    while (dirent const* entry = readdir(directory.get())) names.emplace_back(entry->d_name);
+    return names;
+  }
+
+  /// Ends the catalogue; what is alive then was abandoned.
+  std::size_t Abandoned() {
+    catalogue.reset();
+    return LiveFiles::Count();
+  }
+
+ private:
+  Answer Measure(struct statvfs* space) const {
+    std::int64_t free = figures.cardBytes - occupied;
+    for (auto const& [name, size] : sizes) free -= size;
+    space->f_frsize = 1;
+    space->f_blocks = static_cast<fsblkcnt_t>(figures.cardBytes);
+    space->f_bfree = static_cast<fsblkcnt_t>(std::max<std::int64_t>(free, 0));
+    return Answer::Success();
+  }
+
+  Answer Unlink(std::string const& path) {
+    std::string const name = fs::path(path).filename();
+    if (removals[name] == Removal::Fails) return Answer::Failure(EBUSY);
+    Vanish(name);
+    return Answer::Success();
+  }
+
+  CatalogueTest::Disk card;
+  Figures figures;
+  std::unique_ptr<FilesManager> catalogue;
+  std::map<std::string, std::int64_t> sizes;
+  std::map<std::string, Removal> removals;
+  std::int64_t occupied = 0;
+};
+
+/// Does the step on the world or on the model of it; returns what it returned.
+template <typename Subject>
+std::uint64_t Do(Step const& step, Subject& subject, std::vector<std::string> const& order) {
+  switch (step.deed) {
+    case Deed::Appear:
+      return subject.Appear({step.name, step.number, step.time}), 0;
+    case Deed::Vanish:
+      return subject.Vanish(step.name), 0;
+    case Deed::RemovalSucceeds:
+      return subject.Make(step.name, Removal::Succeeds), 0;
+    case Deed::RemovalFails:
+      return subject.Make(step.name, Removal::Fails), 0;
+    case Deed::RemovalThrows:
+      return subject.Make(step.name, Removal::Throws), 0;
+    case Deed::Occupy:
+      return subject.Occupy(step.number * 5), 0;
+    case Deed::Withdraw:
+      return subject.Withdraw(true), 0;
+    case Deed::Insert:
+      return subject.Withdraw(false), 0;
+    case Deed::Load:
+      return subject.Load(order);
+    case Deed::LoadAndSort:
+      return subject.LoadAndSort(order);
+    case Deed::AddFile:
+      return subject.AddFile(step.name);
+    case Deed::RemoveFileByName:
+      return subject.RemoveFileByName(step.name);
+    case Deed::DeleteOldFiles:
+      return subject.DeleteOldFiles(step.number % 6);
+    case Deed::RemoveAllFiles:
+      return subject.RemoveAllFiles();
+    case Deed::MakeRoom:
+      return subject.MakeRoom();
+    case Deed::Sort:
+      return subject.Sort(), 0;
+    case Deed::ReverseList:
+      return subject.ReverseList(), 0;
+    case Deed::ClearList:
+      return subject.ClearList(), 0;
+    case Deed::ReadTotal:
+      return subject.TotalFilesSize(false);
+    case Deed::SumTotal:
+      return subject.TotalFilesSize(true);
+  }
+  std::abort();
+}
+
+std::string Describe(State const& state) {
+  std::ostringstream text;
+  text << "catalogue";
+  for (auto const& file : state.catalogue) {
+    text << ' ' << file.name << '(' << file.size << " @" << file.time << ')';
+  }
+  text << ", card";
+  for (auto const& name : state.card) text << ' ' << name;
+  text << ", " << state.objects << " objects, slept " << state.sleptMs << " ms, error '"
+       << state.error << '\'';
+  return text.str();
+}
+
+/// What has come of the steps of all scripts, so that none was tried in vain.
+std::map<std::string, int> outcomes;
+
+void Count(Step const& step, std::uint64_t result, State const& before, State const& after) {
+  std::string outcome = kDeeds[static_cast<int>(step.deed)];
+  if (before.card.size() > after.card.size()) outcome += " deletes";
+  if (before.catalogue.size() + after.card.size() > after.catalogue.size() + before.card.size()) {
+    outcome += " drops";
+  }
+  if (result == 0) outcome += " in vain";
+  ++outcomes[outcome];
+}
+
+/// The first difference between the library and the model, if there is one.
+std::optional<std::string> Difference(CatalogueTest::Disk const& card, Script const& script,
+                                      bool positionsAreProtected = true) {
+  World world(card, script.figures);
+  Model model(script.figures, positionsAreProtected);
+  for (auto const& step : script.steps) {
+    bool const loads = step.deed == Deed::Load || step.deed == Deed::LoadAndSort;
+    auto const order = loads ? World::DirectoryOrder() : std::vector<std::string>();
+    State const before = model.Look();
+    auto const result = Do(step, world, order);
+    auto const expected = Do(step, model, order);
+    State const is = world.Look();
+    State const shouldBe = model.Look();
+    Count(step, expected, before, shouldBe);
+    if (result == expected && is == shouldBe) continue;
+    std::ostringstream text;
+    text << "at " << step << "\n  is        " << result << ", " << Describe(is) << "\n  should be "
+         << expected << ", " << Describe(shouldBe);
+    return text.str();
+  }
+  if (world.Abandoned() == model.Abandoned()) return std::nullopt;
+  return "another number of objects is left over";
+}
+
+/// Leaves out steps, many at first and then one by one, as long as `fails` holds.
+Script Shrink(Script script, std::function<bool(Script const&)> const& fails) {
+  for (std::size_t piece = script.steps.size(); piece > 0;) {
+    bool shrunk = false;
+    for (std::size_t at = 0; at + piece <= script.steps.size();) {
+      Script shorter = script;
+      auto const first = shorter.steps.begin() + static_cast<std::ptrdiff_t>(at);
+      shorter.steps.erase(first, first + static_cast<std::ptrdiff_t>(piece));
+      if (fails(shorter)) {
+        script = shorter;
+        shrunk = true;
+      } else {
+        at += piece;
+      }
+    }
+    if (!shrunk || piece > 1) piece /= 2;
+  }
+  return script;
+}
+
+std::uint32_t Chosen(char const* variable, std::uint32_t otherwise) {
+  char const* const text = std::getenv(variable);
+  return text == nullptr ? otherwise : static_cast<std::uint32_t>(std::strtoul(text, nullptr, 10));
+}
+
+class CatalogueProperties : public CatalogueTest {
+ protected:
+  // Names without a dot are complained of on standard output, and catalogues log their figures.
+  CatalogueProperties() {
+    std::cout.setstate(std::ios::badbit);
+    EnableLog(false);
+  }
+  ~CatalogueProperties() override {
+    std::cout.clear();
+    EnableLog(true);
+  }
+
+  static void EnableLog(bool enabled) {
+    auto* const logger = Tarvik::Ilog::Logger::GetInstance();
+    logger->consoleSink->enabled = enabled;
+    logger->fileSink->enabled = enabled;
+  }
+};
+
+TEST_F(CatalogueProperties, EverySequenceGoesAsTheModelSays) {
+  std::uint32_t const seed = Chosen("QUELLON_SEED", std::random_device()());
+  std::uint32_t const sequences = Chosen("QUELLON_SEQUENCES", 3000);
+  std::printf("QUELLON_SEED=%u QUELLON_SEQUENCES=%u\n", seed, sequences);
+  for (std::uint32_t number = 0; number < sequences; ++number) {
+    Script const script = Invent(seed + number);
+    if (!Difference(card, script)) continue;
+    auto const isWrong = [this](Script const& shorter) {
+      return Difference(card, shorter).has_value();
+    };
+    Script const shortest = Shrink(script, isWrong);
+    FAIL() << "QUELLON_SEED=" << seed + number << " QUELLON_SEQUENCES=1 shows it again:\n"
+           << shortest << *Difference(card, shortest);
+  }
+  if (sequences < 1000) return;
+  for (char const* outcome :
+       {"Load", "Load in vain", "LoadAndSort", "AddFile", "AddFile in vain",
+        "RemoveFileByName deletes", "RemoveFileByName in vain", "DeleteOldFiles deletes",
+        "DeleteOldFiles deletes drops", "DeleteOldFiles drops in vain", "RemoveAllFiles deletes",
+        "MakeRoom", "MakeRoom deletes", "MakeRoom deletes drops", "MakeRoom in vain"}) {
+    EXPECT_GT(outcomes[outcome], 0) << outcome << " was never seen";
+  }
+}
+
+TEST_F(CatalogueProperties, AMistakeIsFoundAndShrunkToItsFewestSteps) {
+  auto const isWrong = [this](Script const& script) {
+    return Difference(card, script, false).has_value();
+  };
+  for (std::uint32_t seed = 0; seed < 1000; ++seed) {
+    Script const script = Invent(seed);
+    if (!isWrong(script)) continue;
+    Script const shortest = Shrink(script, isWrong);
+    EXPECT_LE(shortest.steps.size(), 3U) << shortest;
+    EXPECT_EQ(shortest.steps.front().name, "g.gps") << shortest;
+    return;
+  }
+  FAIL() << "the mistake was never found";
+}
+
+}  // namespace
