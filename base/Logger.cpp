@@ -1,6 +1,7 @@
 #include "base/Logger.h"
 
 #include <ctime>
+#include <locale>
 #include <string_view>
 #include <system_error>
 
@@ -21,6 +22,12 @@ LoggerBase<Policy>* Sink() {
 }
 
 }  // namespace
+
+// Whatever the application's locale, numbers in the log are plain.
+template <typename Policy>
+LoggerBase<Policy>::LoggerBase() {
+  buffer.imbue(std::locale::classic());
+}
 
 template <typename Policy>
 void LoggerBase<Policy>::WriteHeader(LogType type) {

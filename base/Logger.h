@@ -33,7 +33,7 @@ enum LogType : int {
 template <typename Policy>
 class LoggerBase {
  public:
-  LoggerBase() = default;
+  LoggerBase();
   LoggerBase(LoggerBase const&) = delete;
   LoggerBase& operator=(LoggerBase const&) = delete;
   ~LoggerBase() = default;

@@ -12,6 +12,7 @@
 
 #include "base/TemperatureMonitor.h"
 #include "tests/support/Capture.h"
+#include "tests/support/GroupedNumbers.h"
 #include "tests/support/Interpose.h"
 #include "tests/support/LogFile.h"
 
@@ -237,6 +238,16 @@ TEST_F(LoggerTest, HowOneLineShowsNumbersDoesNotReachTheNext) {
             "[2021-03-04 17:05:09][41C]ff0.120001\n");
   EXPECT_EQ(Logged([] { LogLine(Info) << 255 << " " << 0.125 << std::setw(3) << 1; }),
             "[2021-03-04 17:05:09][41C]255 0.125  1\n");
+}
+
+TEST_F(LoggerTest, TheLocaleOfTheApplicationChangesNothing) {
+  BoardHas(1000);
+  GroupedNumbers const locale;
+  LoggerBase<FileLogPolicy> sink;
+  sink.WriteHeader(Info);
+  sink << 524288000 << " " << 14235.5 << " " << 0L;
+  sink.EndLine();
+  EXPECT_EQ(LogFile::Text(), "[2021-03-04 17:05:09][1000C]524288000 14235.5 1970-01-01 00:00:00\n");
 }
 
 }  // namespace
