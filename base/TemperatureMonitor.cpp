@@ -26,6 +26,12 @@ TemperatureMonitor::~TemperatureMonitor() {
   Join();
 }
 
+// A cancel that found no pause to end must not end a later one.
+void TemperatureMonitor::RunBefore() {
+  while (stop.TryWait()) {
+  }
+}
+
 void TemperatureMonitor::Run() {
   Read();
   stop.WaitFor(kPeriod);

@@ -25,6 +25,7 @@ class QUELLON_EXPORT TemperatureMonitor : public Interfaces::IThread {
   std::atomic<int> temperature = 0;  ///< degrees Celsius, rounded toward zero
 
  protected:
+  void RunBefore() override;
   void Run() override;
   void RunAfter() override;
   void Stopping() override;

@@ -1,0 +1,158 @@
+// The small helpers that the other classes are built with.
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <utility>
+
+#include "base/NoDestructor.h"
+#include "base/Retry.h"
+#include "base/Shell.h"
+#include "base/SystemClock.h"
+#include "base/UniqueDir.h"
+#include "base/UniqueFd.h"
+#include "base/Utf8.h"
+#include "tests/support/Descriptors.h"
+#include "tests/support/Interpose.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using Tarvik::UniqueFd;
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+/// Retries 4 times, 100 ms apart, something that works at its `success`-th attempt.
+std::pair<int, int> Retry(int success) {
+  int attempts = 0;
+  int const result = Tarvik::Retry(4, 100ms, [&] { return ++attempts == success; });
+  return {result, attempts};
+}
+
+TEST(Retry, StopsAtTheFirstSuccessAndSaysWhichItWas) {
+  EXPECT_EQ(Retry(1), std::pair(1, 1));
+  EXPECT_THAT(Interpose::Trace(), IsEmpty());
+  EXPECT_EQ(Retry(3), std::pair(3, 3));
+  EXPECT_THAT(Interpose::Trace(), ElementsAre(Interpose::Sleep(100ms), Interpose::Sleep(100ms)));
+}
+
+TEST(Retry, PausesAfterTheLastFailureToo) {
+  EXPECT_EQ(Retry(5), std::pair(0, 4));
+  EXPECT_EQ(Interpose::Trace().size(), 4U);
+}
+
+TEST(Retry, ASignalDoesNotShortenAPause) {
+  bool interrupted = false;
+  Interpose::hooks().interrupt =
+      [&](std::chrono::nanoseconds length) -> std::optional<std::chrono::nanoseconds> {
+    if (std::exchange(interrupted, true)) return std::nullopt;
+    return length - 30ms;
+  };
+  Retry(2);
+  EXPECT_THAT(Interpose::Trace(), ElementsAre(Interpose::Sleep(30ms), Interpose::Sleep(70ms)));
+}
+
+TEST(Shell, TheExitStatusIsTheSecondByte) {
+  EXPECT_EQ(Tarvik::ExitStatusByte(0), 0);
+  EXPECT_EQ(Tarvik::ExitStatusByte(1 << 8), 1);
+  EXPECT_EQ(Tarvik::ExitStatusByte(128 << 8), 128);
+  EXPECT_EQ(Tarvik::ExitStatusByte(9), 0);
+  EXPECT_EQ(Tarvik::ExitStatusByte(-1), 255);
+}
+
+TEST(SystemClock, IsSetInWholeSeconds) {
+  Interpose::hooks().setClock = [](long seconds) {
+    return seconds > 0 ? Interpose::Answer::Success() : Interpose::Answer::Failure(EINVAL);
+  };
+  EXPECT_TRUE(Tarvik::SetSystemClock(1614877509));
+  EXPECT_FALSE(Tarvik::SetSystemClock(-1));
+  EXPECT_THAT(Interpose::Trace(), ElementsAre("clock 1614877509", "clock -1"));
+}
+
+TEST(UniqueFd, ClosesItsDescriptor) {
+  Descriptors::Watch const watch;
+  {
+    UniqueFd const fd(open("/dev/null", O_RDONLY));
+    EXPECT_TRUE(fd.IsOpen());
+    EXPECT_THAT(watch.Opened(), ElementsAre(fd.Get()));
+  }
+  EXPECT_THAT(watch.Opened(), IsEmpty());
+}
+
+TEST(UniqueFd, OwnsNothingUnlessGivenSomething) {
+  UniqueFd const none;
+  EXPECT_FALSE(none.IsOpen());
+  EXPECT_EQ(none.Get(), -1);
+}
+
+TEST(UniqueFd, DescriptorZeroIsOneToo) {
+  UniqueFd const keep(dup(0));
+  EXPECT_TRUE(UniqueFd(0).IsOpen());
+  dup2(keep.Get(), 0);
+}
+
+TEST(UniqueFd, HandsItsDescriptorOn) {
+  Descriptors::Watch const watch;
+  {
+    UniqueFd first(open("/dev/null", O_RDONLY));
+    int const number = first.Get();
+    UniqueFd second(std::move(first));
+    EXPECT_EQ(second.Get(), number);
+    UniqueFd third(open("/dev/null", O_RDONLY));
+    third = std::move(second);
+    EXPECT_EQ(third.Get(), number);
+  }
+  EXPECT_THAT(watch.Opened(), IsEmpty());
+}
+
+TEST(UniqueFd, GivesUpItsDescriptorForNone) {
+  Descriptors::Watch const watch;
+  UniqueFd fd(open("/dev/null", O_RDONLY));
+  fd = UniqueFd();
+  EXPECT_FALSE(fd.IsOpen());
+  EXPECT_THAT(watch.Opened(), IsEmpty());
+}
+
+TEST(UniqueDir, ClosesItsDirectory) {
+  Descriptors::Watch const watch;
+  {
+    Tarvik::UniqueDir const directory(opendir("/"));
+    EXPECT_NE(directory, nullptr);
+  }
+  EXPECT_THAT(watch.Opened(), IsEmpty());
+  EXPECT_EQ(Tarvik::UniqueDir(opendir("/no such directory")), nullptr);
+}
+
+TEST(NoDestructor, MakesItsObjectOnceAndNeverDestroysIt) {
+  struct Counted {
+    explicit Counted(int& count) : destroyed(count) {}
+    ~Counted() { ++destroyed; }
+    int& destroyed;
+  };
+  int destroyed = 0;
+  {
+    Tarvik::NoDestructor<Counted> kept(destroyed);
+    EXPECT_EQ(&kept.Get()->destroyed, &destroyed);
+    EXPECT_EQ(kept.Get(), kept.Get());
+  }
+  EXPECT_EQ(destroyed, 0);
+}
+
+TEST(Utf8, EveryCharacterIsReadBackFromItsBytes) {
+  for (unsigned long point = 0; point <= 0x10FFFF; point += point < 0x3000 ? 1 : 251) {
+    if (point >= 0xD800 && point <= 0xDFFF) continue;
+    std::string text;
+    Tarvik::AppendUtf8(text, point);
+    std::size_t const length = point < 0x80 ? 1 : point < 0x800 ? 2 : point < 0x10000 ? 3 : 4;
+    ASSERT_EQ(text.size(), length) << point;
+    ASSERT_EQ(Tarvik::Utf8Length(text + "\x80"), length) << point;
+    ASSERT_EQ(Tarvik::Utf8Length(text.substr(0, length - 1)), 0U) << point;
+  }
+}
+
+TEST(Utf8, NothingBeginsWithNothing) {
+  EXPECT_EQ(Tarvik::Utf8Length(""), 0U);
+}
+
+}  // namespace

@@ -1,0 +1,179 @@
+#include "base/TemperatureMonitor.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <filesystem>
+#include <mutex>
+#include <semaphore>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "base/ISemaphore.h"
+#include "tests/support/Interpose.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using Tarvik::Interfaces::ISemaphore;
+using Tarvik::Util::TemperatureMonitor;
+
+constexpr char const* kSensor = "/sys/class/thermal/thermal_zone0/temp";
+
+std::counting_semaphore pauses(0);  // one for each pause that has begun
+std::counting_semaphore ticks(0);   // one for each pause that may end by itself
+std::mutex lengthsMutex;
+std::vector<std::chrono::milliseconds> lengths;  // of the pauses
+
+}  // namespace
+
+// A pause ends when the test lets it, or when it is woken.
+bool ISemaphore::WaitFor(std::chrono::milliseconds limit) noexcept {
+  {
+    std::lock_guard const lock(lengthsMutex);
+    lengths.push_back(limit);
+  }
+  pauses.release();
+  while (!ticks.try_acquire()) {
+    if (TryWait()) return true;
+    std::this_thread::yield();
+  }
+  return false;
+}
+
+namespace {
+
+class Temperature : public testing::Test {
+ protected:
+  void SetUp() override {
+    lengths.clear();
+    while (pauses.try_acquire()) {
+    }
+  }
+  void TearDown() override { Stop(); }
+
+  void StartWith(std::string const& reading) {
+    Interpose::MakeFile(kSensor, reading);
+    monitor.Start();
+    pauses.acquire();
+  }
+  void Stop() {
+    monitor.Cancel();
+    monitor.Join();
+  }
+  static void NextReading() {
+    ticks.release();
+    pauses.acquire();
+  }
+  static void NextReading(std::string const& reading) {
+    Interpose::MakeFile(kSensor, reading);
+    NextReading();
+  }
+
+  TemperatureMonitor monitor;
+};
+
+TEST_F(Temperature, HasOneMonitorForTheWholeProcess) {
+  EXPECT_NE(TemperatureMonitor::GetInstance(), nullptr);
+  EXPECT_EQ(TemperatureMonitor::GetInstance(), TemperatureMonitor::GetInstance());
+  EXPECT_FALSE(TemperatureMonitor::GetInstance()->valid);
+}
+
+TEST_F(Temperature, IsNotKnownBeforeTheStart) {
+  Interpose::MakeFile(kSensor, "41000\n");
+  EXPECT_FALSE(monitor.valid);
+  EXPECT_EQ(monitor.temperature, 0);
+}
+
+TEST_F(Temperature, IsReadAtTheStart) {
+  StartWith("41234\n");
+  EXPECT_TRUE(monitor.valid);
+  EXPECT_EQ(monitor.temperature, 41);
+}
+
+TEST_F(Temperature, IsReadEveryTenSeconds) {
+  StartWith("41000\n");
+  NextReading("42000\n");
+  EXPECT_EQ(monitor.temperature, 42);
+  NextReading("43000\n");
+  EXPECT_EQ(monitor.temperature, 43);
+  Stop();
+  EXPECT_THAT(lengths, testing::ElementsAre(10s, 10s, 10s));
+}
+
+TEST_F(Temperature, IsRoundedTowardZero) {
+  struct {
+    char const* reading;
+    int degrees;
+  } const table[] = {{"999\n", 0},    {"-999\n", 0},           {"-1000\n", -1}, {"-7999\n", -7},
+                     {"41999\n", 41}, {"2147483647", 2147483}, {"0\n", 0}};
+  StartWith("1000\n");
+  for (auto const& [reading, degrees] : table) {
+    NextReading(reading);
+    EXPECT_TRUE(monitor.valid) << reading;
+    EXPECT_EQ(monitor.temperature, degrees) << reading;
+  }
+}
+
+TEST_F(Temperature, IsUnknownWhileItsSensorCannotBeRead) {
+  StartWith("41000\n");
+  for (char const* reading : {"", "\n", "hot\n", "2147483648\n"}) {
+    NextReading(reading);
+    EXPECT_FALSE(monitor.valid) << reading;
+    NextReading("41000\n");
+    EXPECT_TRUE(monitor.valid);
+  }
+}
+
+TEST_F(Temperature, ComesBackWithItsSensor) {
+  StartWith("41000\n");
+  std::filesystem::remove(Interpose::Real(kSensor));
+  NextReading();
+  EXPECT_FALSE(monitor.valid);
+  EXPECT_EQ(monitor.temperature, 41);
+  NextReading("42000\n");
+  EXPECT_TRUE(monitor.valid);
+  EXPECT_EQ(monitor.temperature, 42);
+}
+
+TEST_F(Temperature, IsUnknownOnceTheMonitorHasEnded) {
+  StartWith("41000\n");
+  Stop();
+  EXPECT_FALSE(monitor.valid);
+}
+
+TEST_F(Temperature, ACancelDoesNotWaitForThePauseToEnd) {
+  StartWith("41000\n");
+  Stop();
+  EXPECT_EQ(lengths.size(), 1U);
+}
+
+TEST_F(Temperature, IsReadAgainAfterANewStart) {
+  StartWith("41000\n");
+  Stop();
+  StartWith("42000\n");
+  EXPECT_TRUE(monitor.valid);
+  EXPECT_EQ(monitor.temperature, 42);
+}
+
+TEST_F(Temperature, ACancelOfAnIdleMonitorDoesNotShortenALaterPause) {
+  for (int i = 0; i < 5; ++i) monitor.Cancel();
+  StartWith("41000\n");
+  for (int i = 0; i < 1000; ++i) std::this_thread::yield();
+  EXPECT_FALSE(pauses.try_acquire());
+}
+
+TEST_F(Temperature, AMonitorMayBeDestroyedWhileItRuns) {
+  Interpose::MakeFile(kSensor, "41000\n");
+  {
+    TemperatureMonitor running;
+    running.Start();
+    pauses.acquire();
+  }
+  EXPECT_EQ(lengths.size(), 1U);
+}
+
+}  // namespace
