@@ -1,0 +1,278 @@
+// The shape of the public classes, which applications are compiled against.
+#include <dlfcn.h>
+#include <gtest/gtest.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <ctime>
+#include <fstream>
+#include <list>
+#include <map>
+#include <memory>
+#include <string>
+#include <type_traits>
+
+#include "DiskUtils/CheckDisk.h"
+#include "DiskUtils/Disk.h"
+#include "DiskUtils/HealthStatus.h"
+#include "DiskUtils/SDCardInfo.h"
+#include "DiskUtils/System.h"
+#include "FileUtils/Dir.h"
+#include "FileUtils/File.h"
+#include "FileUtils/FilesManager.h"
+#include "RTC/Rtc.h"
+#include "SysUtil/Util.h"
+#include "Testing/main.h"
+#include "Watchdog/Watchdog.h"
+#include "tests/support/Capture.h"
+#include "tests/support/Shape.h"
+
+namespace {
+
+using Shape::Is;
+using std::is_base_of_v;
+using std::is_constructible_v;
+using std::is_convertible_v;
+using std::is_same_v;
+using std::string;
+
+using Quellon::HealthStatus;
+static_assert(std::has_virtual_destructor_v<HealthStatus>);
+static_assert(is_same_v<decltype(HealthStatus::status), Tarvik::Json::Object>);
+
+using Quellon::DiskUtils::CheckDisk;
+static_assert(std::has_virtual_destructor_v<CheckDisk>);
+static_assert(is_constructible_v<CheckDisk, char*, char*>);
+static_assert(is_constructible_v<CheckDisk, int, char*, char*>);
+static_assert(is_same_v<decltype(&CheckDisk::UnMount), void (CheckDisk::*)()>);
+static_assert(is_same_v<decltype(&CheckDisk::Mount), void (CheckDisk::*)()>);
+static_assert(is_same_v<decltype(&CheckDisk::DiskCheck), int (CheckDisk::*)()>);
+static_assert(is_same_v<decltype(CheckDisk::mountPoint), string>);
+static_assert(is_same_v<decltype(CheckDisk::devicePath), string>);
+
+using Quellon::DiskUtils::Disk;
+using Quellon::DiskUtils::SDCardInfo;
+using Data = SDCardInfo::SDCardInfoData;
+static_assert(is_base_of_v<CheckDisk, Disk> && is_convertible_v<Disk*, CheckDisk*>);
+static_assert(std::has_virtual_destructor_v<Disk>);
+static_assert(is_constructible_v<Disk, string, string, string>);
+static_assert(is_same_v<decltype(&Disk::Mount), bool (Disk::*)()>);
+static_assert(is_same_v<decltype(&Disk::Umount), bool (Disk::*)()>);
+static_assert(is_same_v<decltype(&Disk::CheckDiskPresence), bool (Disk::*)()>);
+static_assert(is_same_v<decltype(&Disk::CheckDeviceStatus), bool (Disk::*)()>);
+static_assert(is_same_v<decltype(&Disk::LoadDiskInfo), void (Disk::*)()>);
+static_assert(is_same_v<decltype(&Disk::ScanDisk), void (Disk::*)()>);
+static_assert(is_same_v<decltype(&Disk::Fromat), bool (Disk::*)(bool)>);
+static_assert(is_same_v<decltype(&Disk::PrintInfo), void (Disk::*)()>);
+static_assert(is_same_v<decltype(&Disk::testSDCardReadOnlySlow), bool (*)(string)>);
+static_assert(is_same_v<decltype(&Disk::readSysFSProperty), string (*)(string)>);
+static_assert(is_same_v<decltype(&Disk::StringToULong), unsigned long long (*)(string)>);
+static_assert(is_same_v<decltype(&Disk::ULongToString), string (*)(unsigned long long)>);
+static_assert(is_same_v<decltype(&Disk::getSDCardLifetimeWrites), unsigned long long (*)(string)>);
+static_assert(is_same_v<decltype(&Disk::getSDCardReadOnlyFlag), bool (*)(string)>);
+static_assert(is_same_v<decltype(&Disk::getSDCardTotalSize), unsigned long long (*)(string)>);
+static_assert(is_same_v<decltype(Disk::reserveRatio), float> && sizeof(float) == 4);
+static_assert(is_same_v<decltype(Disk::blockDevice), string>);
+static_assert(is_same_v<decltype(Disk::available), bool>);
+static_assert(is_same_v<decltype(Disk::sdCardInfo), Data>);
+static_assert(is_same_v<decltype(Disk::freeBytes), std::int64_t>);
+static_assert(is_same_v<decltype(Disk::reserveBytes), std::int64_t>);
+static_assert(is_same_v<decltype(Disk::totalBytes), std::int64_t>);
+static_assert(is_same_v<decltype(Disk::deviceStatusList), std::map<string, Disk::DeviceStatus>>);
+
+using Status = Disk::DeviceStatus;
+static_assert(std::is_standard_layout_v<Status> && std::is_trivial_v<Status>);
+static_assert(is_same_v<decltype(Status::cid), char[36]> && offsetof(Status, cid) == 0);
+static_assert(is_same_v<decltype(Status::present), bool> && offsetof(Status, present) == 36);
+static_assert(is_same_v<decltype(Status::readOnly), bool> && offsetof(Status, readOnly) == 37);
+static_assert(is_same_v<decltype(Status::fsckStatus), std::int32_t>);
+static_assert(offsetof(Status, fsckStatus) == 40);
+static_assert(is_same_v<decltype(Status::malfunction), std::int32_t>);
+static_assert(offsetof(Status, malfunction) == 44);
+static_assert(is_same_v<decltype(Status::sizeBytes), std::uint64_t>);
+static_assert(offsetof(Status, sizeBytes) == 48);
+static_assert(is_same_v<decltype(Status::lifetimeWritesKB), std::uint64_t>);
+static_assert(offsetof(Status, lifetimeWritesKB) == 56 && sizeof(Status) == 64);
+
+static_assert(is_constructible_v<SDCardInfo, string> && !std::is_polymorphic_v<SDCardInfo>);
+static_assert(sizeof(SDCardInfo) == sizeof(Data));
+static_assert(is_same_v<decltype(Data::cid), string> && is_same_v<decltype(Data::csd), string>);
+static_assert(is_same_v<decltype(Data::serial), string>);
+static_assert(is_same_v<decltype(Data::oemid), string>);
+static_assert(is_same_v<decltype(Data::manfid), string>);
+static_assert(is_same_v<decltype(Data::name), string> && is_same_v<decltype(Data::ro), string>);
+static_assert(is_same_v<decltype(Data::size), std::uint64_t>);
+static_assert(std::is_copy_assignable_v<Data>);
+
+using Quellon::System;
+static_assert(std::has_virtual_destructor_v<System> && std::is_default_constructible_v<System>);
+static_assert(is_same_v<decltype(&System::GetInstance), System* (*)()>);
+static_assert(is_same_v<decltype(&System::InitDisk), Disk* (System::*)()>);
+static_assert(is_same_v<decltype(&System::ReadSDCardStatusCounter), int (System::*)()>);
+static_assert(is_same_v<decltype(&System::SaveSDCardStatusCounter), bool (System::*)(int)>);
+static_assert(is_same_v<decltype(&System::BuildDiskHealthReport), void (System::*)()>);
+static_assert(is_same_v<decltype(&System::GetHealthReport), string (System::*)() const>);
+static_assert(is_same_v<decltype(&System::UnmountAll), int (System::*)()>);
+static_assert(is_same_v<decltype(&System::Reboot), int (System::*)()>);
+static_assert(is_same_v<decltype(&System::SetDate), bool (System::*)(long&)>);
+static_assert(is_same_v<decltype(&System::SetRTC), bool (System::*)(long&)>);
+static_assert(is_same_v<decltype(System::healthStatus), HealthStatus>);
+static_assert(is_same_v<decltype(System::disk), Disk*>);
+static_assert(is_same_v<decltype(System::diskFault), bool>);
+
+using Quellon::FileUtils::Ifile;
+static_assert(std::has_virtual_destructor_v<Ifile> && std::is_default_constructible_v<Ifile>);
+static_assert(std::is_nothrow_destructible_v<Ifile>);
+static_assert(is_constructible_v<Ifile, string&, bool>);
+static_assert(is_same_v<decltype(&Ifile::GetName), string (Ifile::*)()>);
+static_assert(is_same_v<decltype(&Ifile::FileExists), bool (Ifile::*)()>);
+static_assert(is_same_v<decltype(&Ifile::Stat), bool (Ifile::*)()>);
+static_assert(is_same_v<decltype(&Ifile::PrintStat), void (Ifile::*)()>);
+static_assert(is_same_v<decltype(&Ifile::Open), bool (Ifile::*)(bool)>);
+static_assert(is_same_v<decltype(&Ifile::Close), void (Ifile::*)()>);
+static_assert(Is<bool (Ifile::*)(char*, unsigned int)>(&Ifile::Write));
+static_assert(Is<bool (Ifile::*)(Ibuffer&)>(&Ifile::Write));
+static_assert(Is<bool (Ifile::*)(Iubuffer&)>(&Ifile::Write));
+static_assert(Is<bool (*)(void*, unsigned int, FILE*)>(&Ifile::Write));
+static_assert(is_same_v<decltype(&Ifile::Remove), bool (Ifile::*)()>);
+static_assert(Is<bool (Ifile::*)(unsigned long long)>(&Ifile::RemoveIfBiggerThan));
+static_assert(Is<void (*)(string&, unsigned long long)>(&Ifile::RemoveIfBiggerThan));
+static_assert(is_same_v<decltype(&Ifile::Rename), bool (Ifile::*)(string&)>);
+static_assert(is_same_v<decltype(&Ifile::CopyTo), bool (Ifile::*)(string const&)>);
+static_assert(is_same_v<decltype(&Ifile::WriteInt), bool (*)(int, FILE*)>);
+static_assert(Is<bool (*)(string const&, unsigned int, FILE*)>(&Ifile::WriteString));
+static_assert(Is<bool (*)(string const&, FILE*)>(&Ifile::WriteString));
+static_assert(
+    is_same_v<decltype(&Ifile::ExtractFileNameFromPath), string (Ifile::*)(string const&)>);
+static_assert(is_same_v<decltype(&Ifile::ExtractFileExtension), string (Ifile::*)(string const&)>);
+static_assert(is_same_v<decltype(Ifile::path), string> && is_same_v<decltype(Ifile::name), string>);
+static_assert(is_same_v<decltype(Ifile::extension), string>);
+static_assert(is_same_v<decltype(Ifile::size), std::int64_t>);
+static_assert(is_same_v<decltype(Ifile::time), std::time_t>);
+static_assert(is_same_v<decltype(Ifile::stream), std::unique_ptr<std::fstream>>);
+
+using Quellon::FileUtils::Idir;
+using Tarvik::Interfaces::IError;
+using Tarvik::Interfaces::IThread;
+static_assert(is_base_of_v<IError, Idir> && is_convertible_v<Idir*, IError*>);
+static_assert(std::has_virtual_destructor_v<Idir> && is_constructible_v<Idir, string const&>);
+static_assert(is_same_v<decltype(&Idir::CheckIfExists), bool (Idir::*)()>);
+static_assert(is_same_v<decltype(&Idir::Create), bool (Idir::*)()>);
+static_assert(is_same_v<decltype(Idir::path), string> && is_same_v<decltype(Idir::exists), bool>);
+
+using Quellon::FileUtils::FilesManager;
+static_assert(is_convertible_v<FilesManager*, IThread*> &&
+              is_convertible_v<FilesManager*, IError*>);
+static_assert(is_constructible_v<FilesManager, Disk*, string, unsigned long long, float>);
+static_assert(is_constructible_v<FilesManager, Disk*>);
+static_assert(is_constructible_v<FilesManager, Disk*, unsigned long long, float>);
+static_assert(Is<bool (FilesManager::*)()>(&FilesManager::Load));
+static_assert(Is<bool (FilesManager::*)(string&)>(&FilesManager::Load));
+static_assert(is_same_v<decltype(&FilesManager::LoadAndSort), bool (FilesManager::*)()>);
+static_assert(is_same_v<decltype(&FilesManager::AddFile), bool (FilesManager::*)(string&)>);
+static_assert(is_same_v<decltype(&FilesManager::Sort), void (FilesManager::*)()>);
+static_assert(is_same_v<decltype(&FilesManager::CBSort), bool (*)(Ifile*, Ifile*)>);
+static_assert(is_same_v<decltype(&FilesManager::ReverseList), void (FilesManager::*)()>);
+static_assert(is_same_v<decltype(&FilesManager::ClearList), void (FilesManager::*)()>);
+static_assert(Is<unsigned long long (FilesManager::*)(bool)>(&FilesManager::GetTotalFilesSize));
+static_assert(Is<unsigned long long (FilesManager::*)()>(&FilesManager::GetTotalFilesSize));
+static_assert(is_same_v<decltype(&FilesManager::GetPath), string (FilesManager::*)()>);
+static_assert(is_same_v<decltype(&FilesManager::GetList), std::list<Ifile*>& (FilesManager::*)()>);
+static_assert(is_same_v<decltype(&FilesManager::Log), void (FilesManager::*)()>);
+static_assert(
+    is_same_v<decltype(&FilesManager::CheckAvailableSpace), bool (FilesManager::*)(bool)>);
+static_assert(is_same_v<decltype(&FilesManager::MakeRoom), bool (FilesManager::*)()>);
+static_assert(is_same_v<decltype(&FilesManager::DeleteOldFiles),
+                        unsigned int (FilesManager::*)(unsigned int)>);
+static_assert(
+    is_same_v<decltype(&FilesManager::RemoveFileByName), bool (FilesManager::*)(string&)>);
+static_assert(is_same_v<decltype(&FilesManager::RemoveAllFiles), unsigned int (FilesManager::*)()>);
+static_assert(is_same_v<decltype(&FilesManager::RemoveAllFilesAsync), void (FilesManager::*)()>);
+static_assert(is_same_v<decltype(&FilesManager::Run), void (FilesManager::*)()>);
+
+using Quellon::Watchdog;
+static_assert(std::has_virtual_destructor_v<Watchdog> && std::is_nothrow_destructible_v<Watchdog>);
+static_assert(std::is_default_constructible_v<Watchdog> && is_constructible_v<Watchdog, int>);
+static_assert(is_same_v<decltype(&Watchdog::Init), bool (Watchdog::*)()>);
+static_assert(is_same_v<decltype(&Watchdog::Reset), bool (Watchdog::*)()>);
+static_assert(is_same_v<decltype(&Watchdog::Open), bool (Watchdog::*)()>);
+static_assert(is_same_v<decltype(&Watchdog::Close), bool (Watchdog::*)()>);
+static_assert(is_same_v<decltype(Watchdog::fd), std::int32_t>);
+static_assert(is_same_v<decltype(Watchdog::timeout), std::int32_t>);
+
+using Quellon::RTC::Rtc;
+static_assert(std::has_virtual_destructor_v<Rtc> && is_constructible_v<Rtc, string>);
+static_assert(is_same_v<decltype(&Rtc::Load), bool (Rtc::*)()>);
+static_assert(is_same_v<decltype(&Rtc::Set), bool (Rtc::*)(long&)>);
+static_assert(is_same_v<decltype(&Rtc::SetSystemClock), bool (Rtc::*)()>);
+static_assert(is_same_v<decltype(&Rtc::Print), int (Rtc::*)()>);
+static_assert(is_same_v<decltype(Rtc::devicePath), string>);
+static_assert(is_same_v<decltype(Rtc::rtcTime), rtc_time> && sizeof(rtc_time) == 9 * 4);
+
+static_assert(is_same_v<decltype(&Quellon::SysUtil::ClearCache), bool (*)()>);
+static_assert(is_same_v<decltype(&Quellon::SysUtil::ExecSystemCmdThroughPipe), string (*)(string)>);
+static_assert(is_same_v<decltype(&Quellon::SysUtil::GetProcIdByName), int (*)(string)>);
+static_assert(is_same_v<decltype(&Quellon::SysUtil::MountRamdisk), void (*)()>);
+static_assert(is_same_v<decltype(&Quellon::SysUtil::DisplayOpenFiles), void (*)()>);
+
+static_assert(is_same_v<decltype(&FilesManagerTest), void (*)()>);
+static_assert(is_same_v<decltype(&TestRtc), void (*)()>);
+
+TEST(Interface, TheOnlyVirtualFunctionIsTheDestructor) {
+  EXPECT_TRUE(Shape::OnlyTheDestructorIsVirtual<HealthStatus>());
+  EXPECT_TRUE(Shape::OnlyTheDestructorIsVirtual<System>());
+  EXPECT_TRUE(Shape::OnlyTheDestructorIsVirtual<CheckDisk>());
+  EXPECT_TRUE(Shape::OnlyTheDestructorIsVirtual<Disk>());
+  EXPECT_TRUE(Shape::OnlyTheDestructorIsVirtual<Ifile>());
+  EXPECT_TRUE(Shape::OnlyTheDestructorIsVirtual<Idir>());
+  EXPECT_TRUE(Shape::OnlyTheDestructorIsVirtual<Watchdog>());
+  EXPECT_TRUE(Shape::OnlyTheDestructorIsVirtual<Rtc>());
+}
+
+TEST(Interface, ACatalogueAddsNoVirtualFunctionToThoseOfAThread) {
+  EXPECT_EQ(Shape::Slot(&FilesManager::Run), 3U);
+  EXPECT_EQ(Shape::Slot(&Shape::WithOneMore<FilesManager>::OneMore), 6U);
+}
+
+TEST(Interface, ACatalogueIsAThreadFirstAndAnErrorRecordSecond) {
+  FilesManager const catalogue(nullptr);
+  EXPECT_TRUE(Shape::IsFirstBase<IThread>(catalogue));
+  EXPECT_FALSE(Shape::IsFirstBase<IError>(catalogue));
+}
+
+TEST(Interface, PublicFieldsOfTheCardKeepTheirOrder) {
+  Capture::Output([] {
+    Disk const d("/mnt/nowhere/", "/dev/nothing", "nothing");
+    EXPECT_TRUE(Shape::IsFirstBase<CheckDisk>(d));
+    EXPECT_TRUE(Shape::InOrder(d.mountPoint, d.devicePath, d.reserveRatio, d.blockDevice,
+                               d.available, d.sdCardInfo, d.freeBytes, d.reserveBytes,
+                               d.totalBytes));
+    Data const& i = d.sdCardInfo;
+    EXPECT_TRUE(Shape::InOrder(i.cid, i.csd, i.serial, i.oemid, i.manfid, i.name, i.ro, i.size));
+    System const s;
+    EXPECT_TRUE(Shape::InOrder(s.healthStatus, s.disk, s.diskFault));
+  });
+}
+
+TEST(Interface, PublicFieldsOfFilesAndDevicesKeepTheirOrder) {
+  Ifile const f;
+  EXPECT_TRUE(
+      Shape::InOrder(f.path, f.extension, f.name, f.label, f.size, f.time, f.marked, f.stream));
+  Idir const d("/");
+  EXPECT_TRUE(Shape::InOrder(d.path, d.exists));
+  Rtc const r("/dev/rtc0");
+  EXPECT_TRUE(Shape::InOrder(r.devicePath, r.rtcTime));
+  Watchdog const w;
+  EXPECT_TRUE(Shape::InOrder(w.fd, w.timeout));
+}
+
+TEST(Interface, TheLibraryExportsItsBenchDriver) {
+  void* const library = dlopen("libQuellon.so.1", RTLD_NOW | RTLD_NOLOAD);
+  ASSERT_NE(library, nullptr);
+  EXPECT_NE(dlsym(library, "main"), nullptr);
+  EXPECT_EQ(dlsym(library, "_Z16FilesManagerTestv"), reinterpret_cast<void*>(&FilesManagerTest));
+  EXPECT_EQ(dlsym(library, "_Z7TestRtcv"), reinterpret_cast<void*>(&TestRtc));
+  dlclose(library);
+}
+
+}  // namespace
