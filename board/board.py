@@ -19,6 +19,8 @@ PROGRAMS = {
     "libTarvik.so": "usr/lib",
     "libQuellon.so": "usr/lib",
     "examples/recorder/recorder": "usr/bin",
+    "examples/bench-driver/bench-driver": "usr/bin",
+    "board/driver/driver": "usr/bin",
 }
 
 

@@ -1,0 +1,107 @@
+// The library on the board's command line: a sub-command for each thing a scenario asks of it.
+//
+//   driver COMMAND [ARGUMENT...]
+//
+// Prints what the library printed, then "driver: COMMAND yes" or "no". Exit code 0 means yes, 1 no,
+// 2 that the command line is not understood.
+#include <algorithm>
+#include <array>
+#include <cstdlib>
+#include <iostream>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "DiskUtils/System.h"
+#include "FileUtils/FilesManager.h"
+
+using Quellon::System;
+using Quellon::DiskUtils::Disk;
+using Quellon::FileUtils::FilesManager;
+using Quellon::FileUtils::Ifile;
+
+namespace {
+
+using Arguments = std::vector<std::string>;
+
+struct Command {
+  std::string_view name;
+  std::string_view arguments;  // one word for each
+  bool (*run)(Arguments const&);
+};
+
+constexpr char const* kRecordings = "/mnt/sdcard/cr/";
+
+Disk MountedCard() {
+  return {"/mnt/sdcard/", "/dev/mmcblk1p1", "mmcblk1"};
+}
+
+bool InitDisk(Arguments const& /*none*/) {
+  auto* const system = System::GetInstance();
+  auto const* const disk = system->InitDisk();
+  std::cout << "health " << system->GetHealthReport() << std::endl;
+  return disk != nullptr && disk->available;
+}
+
+bool ReadCounter(Arguments const& /*none*/) {
+  int const counter = System::GetInstance()->ReadSDCardStatusCounter();
+  std::cout << "counter " << counter << std::endl;
+  return counter >= 0;
+}
+
+bool SaveCounter(Arguments const& arguments) {
+  return System::GetInstance()->SaveSDCardStatusCounter(std::atoi(arguments[0].c_str()));
+}
+
+// Each file as "file NAME SIZE", oldest first, then the sum of their sizes.
+bool List(Arguments const& /*none*/) {
+  Disk card = MountedCard();
+  FilesManager catalogue(&card, kRecordings, 0, 1.0F);
+  if (!catalogue.LoadAndSort()) return false;
+  for (Ifile const* file : catalogue.GetList()) {
+    std::cout << "file " << file->name << ' ' << file->size << '\n';
+  }
+  std::cout << "total " << catalogue.GetTotalFilesSize() << std::endl;
+  return true;
+}
+
+bool MakeRoom(Arguments const& arguments) {
+  Disk card = MountedCard();
+  FilesManager catalogue(&card, kRecordings, std::strtoull(arguments[0].c_str(), nullptr, 10),
+                         std::strtof(arguments[1].c_str(), nullptr));
+  if (!catalogue.LoadAndSort()) return false;
+  bool const room = catalogue.MakeRoom();
+  if (!room) std::cout << "error " << catalogue.GetError() << std::endl;
+  return room;
+}
+
+constexpr std::array kCommands = {
+    Command{"init-disk", "", InitDisk},
+    Command{"read-counter", "", ReadCounter},
+    Command{"save-counter", "COUNTER", SaveCounter},
+    Command{"list", "", List},
+    Command{"make-room", "MINIMUM-FREE SHARE", MakeRoom},
+};
+
+std::size_t Words(std::string_view text) {
+  return text.empty() ? 0 : 1 + static_cast<std::size_t>(std::ranges::count(text, ' '));
+}
+
+int Usage() {
+  for (auto const& command : kCommands) {
+    std::cerr << "driver " << command.name << ' ' << command.arguments << '\n';
+  }
+  return 2;
+}
+
+}  // namespace
+
+int main(int count, char** words) {
+  Arguments arguments(words + std::min(count, 2), words + count);
+  std::string_view const name = count > 1 ? words[1] : "";
+  auto const* const command = std::ranges::find(kCommands, name, &Command::name);
+  if (command == kCommands.end() || arguments.size() != Words(command->arguments)) return Usage();
+  bool const done = command->run(arguments);
+  std::cout << "driver: " << name << (done ? " yes" : " no") << std::endl;
+  return done ? EXIT_SUCCESS : EXIT_FAILURE;
+}
