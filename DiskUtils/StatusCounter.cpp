@@ -58,6 +58,8 @@ bool System::SaveSDCardStatusCounter(int counter) {
     std::ofstream file(kCounterFile, std::ios::trunc);
     // True all the same: a system that cannot save must still reboot for its card.
     if (!file.is_open()) return true;
+    // On a full disk the count would be lost, and the reboots without end.
+    file.exceptions(std::ios::failbit | std::ios::badbit);
     Json::Object object;
     object[kCounterKey] = counter;
     file << Json::Serialize(object);

@@ -37,7 +37,8 @@ class QUELLON_EXPORT System {
   int ReadSDCardStatusCounter();
 
   /// Stores the count, or removes the file when `counter` is 0 or less. False when the file could
-  /// not be removed or writing raised an exception.
+  /// not be removed or written; true, though, when it could not even be opened, so that a system
+  /// that cannot save still reboots for its card.
   bool SaveSDCardStatusCounter(int counter);
 
   /// Prints the card's report and refreshes `healthStatus`. Does nothing before `InitDisk`.

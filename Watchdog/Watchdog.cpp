@@ -30,7 +30,9 @@ Watchdog::~Watchdog() {
   Watchdog::Close();
 }
 
+// Drivers allow one opener: a device that a failure left open is closed first.
 bool Watchdog::Open() {
+  Close();
   fd = open("/dev/watchdog", O_RDWR | O_CLOEXEC);
   return fd >= 0;
 }

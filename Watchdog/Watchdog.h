@@ -29,7 +29,7 @@ class QUELLON_EXPORT Watchdog {
   /// then it is left open.
   bool Reset();
 
-  /// Opens the device. False on failure; `fd` is -1 then.
+  /// Opens the device, anew if it was left open. False on failure; `fd` is -1 then.
   bool Open();
 
   /// Closes the device. False when it was not open.

@@ -247,6 +247,15 @@ TEST_F(WatchdogTest, ClosesOnlyADescriptorAboveZero) {
   EXPECT_GE(fcntl(0, F_GETFD), 0);
 }
 
+TEST_F(WatchdogTest, ArmsAgainWithoutKeepingTheDescriptorThatWasLeftOpen) {
+  DriverRefuses();
+  Watchdog watchdog;
+  DriverApplies(30);
+  Capture::Output([&] { EXPECT_TRUE(watchdog.Init()); });
+  EXPECT_EQ(watchdog.fd, 0);
+  EXPECT_THAT(descriptors.Opened(), IsEmpty());
+}
+
 TEST_F(WatchdogTest, OpensAndClosesOnItsOwn) {
   Watchdog watchdog;
   Interpose::MakeFile(kDevice, "");
