@@ -6,14 +6,19 @@
 // 2 that the command line is not understood.
 #include <algorithm>
 #include <array>
+#include <chrono>
 #include <cstdlib>
 #include <iostream>
 #include <string>
 #include <string_view>
+#include <thread>
 #include <vector>
 
 #include "DiskUtils/System.h"
 #include "FileUtils/FilesManager.h"
+#include "RTC/Rtc.h"
+#include "SysUtil/Util.h"
+#include "Watchdog/Watchdog.h"
 
 using Quellon::System;
 using Quellon::DiskUtils::Disk;
@@ -75,12 +80,103 @@ bool MakeRoom(Arguments const& arguments) {
   return room;
 }
 
+bool AddFile(Arguments const& arguments) {
+  Disk card = MountedCard();
+  FilesManager catalogue(&card, kRecordings, 0, 1.0F);
+  std::string name = arguments[0];
+  bool const added = catalogue.AddFile(name);
+  if (!added) std::cout << "error " << catalogue.GetError() << std::endl;
+  return added;
+}
+
+bool Stat(Arguments const& arguments) {
+  std::string path = arguments[0];
+  Ifile file(path, false);
+  bool const described = file.Stat();
+  std::cout << "size " << file.size << std::endl;
+  return described;
+}
+
+bool RemoveIfBigger(Arguments const& arguments) {
+  std::string path = arguments[0];
+  return Ifile(path, false).RemoveIfBiggerThan(std::strtoull(arguments[1].c_str(), nullptr, 10));
+}
+
+bool Format(Arguments const& arguments) {
+  return MountedCard().Fromat(arguments[0] == "scan");
+}
+
+bool Reboot(Arguments const& /*none*/) {
+  return System::GetInstance()->Reboot() == 0;
+}
+
+bool SetDate(Arguments const& arguments) {
+  long seconds = std::atol(arguments[0].c_str());
+  return System::GetInstance()->SetDate(seconds);
+}
+
+bool SetRtc(Arguments const& arguments) {
+  long seconds = std::atol(arguments[0].c_str());
+  return System::GetInstance()->SetRTC(seconds);
+}
+
+bool LoadRtc(Arguments const& /*none*/) {
+  Quellon::RTC::Rtc clock("/dev/rtc0");
+  bool const loaded = clock.Load() && clock.SetSystemClock();
+  clock.Print();
+  return loaded;
+}
+
+// Arms the watchdog and kicks it so often, four times in a timeout.
+bool KickWatchdog(Arguments const& arguments) {
+  Quellon::Watchdog watchdog(std::atoi(arguments[0].c_str()));
+  bool alive = watchdog.fd == 0;
+  for (int kicks = std::atoi(arguments[1].c_str()); alive && kicks > 0; --kicks) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(watchdog.timeout * 250));
+    alive = watchdog.Reset();
+  }
+  return alive;
+}
+
+bool ClearCache(Arguments const& /*none*/) {
+  return Quellon::SysUtil::ClearCache();
+}
+
+bool FindProcess(Arguments const& arguments) {
+  int const process = Quellon::SysUtil::GetProcIdByName(arguments[0]);
+  std::cout << "process " << process << std::endl;
+  return process > 0;
+}
+
+bool MountRamdisk(Arguments const& /*none*/) {
+  Quellon::SysUtil::MountRamdisk();
+  return true;
+}
+
+bool OpenFiles(Arguments const& /*none*/) {
+  Quellon::SysUtil::DisplayOpenFiles();
+  return true;
+}
+
 constexpr std::array kCommands = {
     Command{"init-disk", "", InitDisk},
     Command{"read-counter", "", ReadCounter},
     Command{"save-counter", "COUNTER", SaveCounter},
     Command{"list", "", List},
     Command{"make-room", "MINIMUM-FREE SHARE", MakeRoom},
+    Command{"add-file", "NAME", AddFile},
+    Command{"stat", "PATH", Stat},
+    Command{"remove-if-bigger", "PATH LIMIT", RemoveIfBigger},
+    Command{"format", "scan|plain", Format},
+    Command{"reboot", "", Reboot},
+    Command{"set-date", "SECONDS", SetDate},
+    Command{"set-rtc", "SECONDS", SetRtc},
+    Command{"load-rtc", "", LoadRtc},
+    Command{"watchdog", "TIMEOUT KICKS", KickWatchdog},
+    Command{"clear-cache", "", ClearCache},
+    Command{"find-process", "NAME", FindProcess},
+    Command{"ramdisk", "", MountRamdisk},
+    Command{"open-files", "", OpenFiles},
 };
 
 std::size_t Words(std::string_view text) {
