@@ -24,10 +24,10 @@ std::size_t Slot(Function function) {
 #endif
 }
 
-/// Whether a name has an overload of exactly the type `Type`.
+/// True; compiles only for the name of a function that has an overload of exactly the type `Type`.
 template <typename Type>
-constexpr bool Is(Type function) {
-  return function != nullptr;
+constexpr bool Is(Type) {
+  return true;
 }
 
 /// Whether fields lie in the order in which they are named.

@@ -118,7 +118,7 @@ TEST(JsonValue, RefusesToBeOfAnotherKind) {
   for (auto const& [kinds, refusal, ask] : questions) {
     for (auto const& [kind, value] : values) {
       bool const fits = kinds.find(kind) != std::string::npos;
-      EXPECT_EQ(Refusal([&, ask = ask] { ask(value); }), fits ? "" : refusal) << kind;
+      EXPECT_EQ(Refusal([&asked = ask, &of = value] { asked(of); }), fits ? "" : refusal) << kind;
     }
   }
 }
