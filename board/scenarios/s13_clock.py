@@ -1,0 +1,65 @@
+"""Both clocks are set and read back; a start at the epoch is announced and told."""
+
+import json
+import re
+
+from board.board import Board, expect, expect_equal
+from board.image import Image
+
+LIMIT = 300
+
+SET = 1_700_000_000
+EAST = 3 * 3600  # the clock on the wall holds local time
+SLACK = 20  # seconds that a busy emulation may take from command to command
+
+SETTING = f"""
+export TZ=EAST-3
+now() {{ echo "$1 system $(date +%s) rtc $(cat /sys/class/rtc/rtc0/since_epoch)"; }}
+now start
+driver set-rtc {SET}
+now set
+driver set-date 1500000000
+now moved
+driver load-rtc
+now restored
+"""
+
+RESET = """
+echo "start system $(date +%s)"
+driver init-disk
+driver set-date 10000
+driver init-disk
+"""
+
+
+def run(board: Board):
+    lines = board.run(SETTING, clock="2021-03-04T17:05:09").lines
+    for command in ("set-rtc", "set-date", "load-rtc"):
+        expect(f"driver: {command} yes" in lines, f"{command} failed")
+    expect_time(lines, "start", "rtc", 1_614_877_509)
+    expect_time(lines, "set", "system", SET)
+    expect_time(lines, "set", "rtc", SET + EAST)
+    expect_time(lines, "moved", "system", 1_500_000_000)
+    expect_time(lines, "moved", "rtc", SET + EAST)
+    expect_time(lines, "restored", "system", SET)
+    expect(any(line.startswith("RTC: 11/15/2023 01:13:") for line in lines), "the printed time")
+
+    card = Image.card(board.folder / "card.img")
+    lines = board.run(RESET, card, clock="1970-01-01T00:00:30").lines
+    expect_time(lines, "start", "system", 0)
+    banner = lines.index("SYSTEM DATE/TIME CHANGED, RTC RESET DUE POWER OFF")
+    expect_equal([lines[banner - 2], lines[banner - 1], lines[banner + 1]], ["", "=" * 66, "=" * 66],
+                 "the banner's frame")
+    expect_equal(lines.count(lines[banner]), 1, "banners")
+    first, second = (json.loads(line.removeprefix("health ")) for line in lines
+                     if line.startswith("health "))
+    expect_equal(first.get("rtc-have-been-reset"), 1, "the health key at the epoch")
+    expect("rtc-have-been-reset" not in second, "the health key is set when the clock is right")
+    board.note(f"at the epoch: {json.dumps(first)}")
+
+
+def expect_time(lines: list[str], moment: str, clock: str, expected: int):
+    line = next(line for line in lines if line.startswith(moment + " "))
+    actual = int(re.search(rf"{clock} (\d+)", line).group(1))
+    expect(0 <= actual - expected <= SLACK,
+           f"{moment}: the {clock} clock says {actual} instead of {expected}")
