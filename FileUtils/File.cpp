@@ -13,7 +13,6 @@
 namespace Quellon::FileUtils {
 
 using Tarvik::IException;
-using Tarvik::Ilog::Error;
 using Tarvik::Ilog::Info;
 using Tarvik::Ilog::LogLine;
 
@@ -126,7 +125,7 @@ bool Ifile::CopyTo(std::string const& destination) {
     copy.close();
     return true;
   } catch (std::exception const& e) {
-    LogLine(Error) << "Ifile: " << e.what();
+    Tarvik::Ilog::LogFailure("Ifile", e.what());
     return false;
   }
 }
@@ -136,7 +135,7 @@ bool Ifile::WriteInt(int value, FILE* file) {
 }
 
 bool Ifile::Write(void* data, unsigned int length, FILE* file) {
-  if (file == nullptr || data == nullptr) return false;
+  if (file == nullptr || (data == nullptr && length != 0)) return false;
   static_cast<void>(std::fwrite(data, 1, length, file));
   return std::ferror(file) == 0;
 }

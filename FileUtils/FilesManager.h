@@ -46,7 +46,7 @@ class QUELLON_EXPORT FilesManager : public Tarvik::Interfaces::IThread,
   FilesManager(FilesManager const&) = delete;
   FilesManager& operator=(FilesManager const&) = delete;
 
-  /// Waits for a running pass, then deletes the catalogued objects, not their files.
+  /// Waits for a running pass, to its end, then deletes the catalogued objects, not their files.
   ~FilesManager() override;
 
   /// Fills the catalogue from the directory, in the directory's order, with a pause of 1 ms per
@@ -78,7 +78,8 @@ class QUELLON_EXPORT FilesManager : public Tarvik::Interfaces::IThread,
   unsigned long long GetTotalFilesSize();
 
   std::string GetPath();
-  /// The list itself, to be read while no other thread changes it.
+  /// The list itself, to be read, or put in another order, while no other thread uses it. Files
+  /// come and go only by the operations here.
   std::list<Ifile*>& GetList();
   /// Logs the name of each catalogued file.
   void Log();

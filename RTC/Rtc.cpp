@@ -71,6 +71,7 @@ bool Rtc::SetSystemClock() {
 }
 
 int Rtc::Print() {
+  tzset();  // the zone may have been changed since the last call
   tm const system = LocalTime(time(nullptr));
   int const printed =
       std::printf("RTC: %d/%d/%d %02d:%02d:%02d\nSystem: %d/%d/%d %02d:%02d:%02d\n",

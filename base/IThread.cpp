@@ -6,21 +6,14 @@ namespace Tarvik::Interfaces {
 
 namespace {
 
-void LogFailure(char const* what) noexcept {
-  try {
-    Ilog::LogLine(Ilog::Error) << "IThread: " << what;
-  } catch (...) {  // NOLINT(bugprone-empty-catch): a lost log line must not end the process
-  }
-}
-
 template <typename Work>
 void LoggingExceptions(Work work) noexcept {
   try {
     work();
   } catch (std::exception const& e) {
-    LogFailure(e.what());
+    Ilog::LogFailure("IThread", e.what());
   } catch (...) {
-    LogFailure("unknown exception");
+    Ilog::LogFailure("IThread", "unknown exception");
   }
 }
 

@@ -97,6 +97,16 @@ LoggerBase<Policy>& LoggerBase<Policy>::operator<<(char const* text) {
   return *this;
 }
 
+// A null text spoils the rest of its line, but not its end: nobody could begin another one.
+template <typename Policy>
+LoggerBase<Policy>& LoggerBase<Policy>::operator<<(std::ostream& (*manipulator)(std::ostream&)) {
+  if (!HoldsLine()) return *this;
+  buffer.clear();
+  buffer << manipulator;
+  CheckEndOfStream();
+  return *this;
+}
+
 // The writer runs on the thread that completed the line: it holds the lock that only it may
 // release, and the line must be with the kernel before this thread goes on.
 template <typename Policy>
@@ -115,10 +125,7 @@ void LoggerBase<Policy>::WriteLine() {
 
 template <typename Policy>
 void LoggerBase<Policy>::EndLine() {
-  if (!HoldsLine()) return;
-  buffer.clear();  // a spoilt line loses its rest, not its end
-  buffer << std::endl;
-  CheckEndOfStream();
+  *this << std::endl;
   Abandon();  // no memory for the newline: the line is lost, the sink is not
 }
 
@@ -199,9 +206,7 @@ Logger& Logger::operator<<(long const& t) {
 
 Logger& Logger::operator<<(std::ostream& (*manipulator)(std::ostream&)) {
   *fileSink << manipulator;
-  fileSink->CheckEndOfStream();
   *consoleSink << manipulator;
-  consoleSink->CheckEndOfStream();
   return *this;
 }
 
@@ -211,6 +216,13 @@ LogLine::LogLine(LogType type) : logger(*Logger::GetInstance()) {
 
 LogLine::~LogLine() {
   logger.EndLine();
+}
+
+void LogFailure(char const* source, char const* what) noexcept {
+  try {
+    LogLine(Error) << source << ": " << what;
+  } catch (...) {  // NOLINT(bugprone-empty-catch): there is nowhere left to tell it
+  }
 }
 
 }  // namespace Tarvik::Ilog

@@ -49,6 +49,10 @@ class LoggerBase {
   /// Appends a text. A null `text` spoils the rest of the line, as on a standard output stream.
   LoggerBase& operator<<(char const* text);
 
+  /// Appends a manipulator such as std::endl, also to a spoilt line; a line that then ends with a
+  /// newline is complete.
+  LoggerBase& operator<<(std::ostream& (*manipulator)(std::ostream&));
+
   /// Appends any other value as a standard output stream does.
   template <typename Value>
   LoggerBase& operator<<(Value const& value) {
@@ -124,7 +128,8 @@ class QUELLON_EXPORT Logger {
     *consoleSink << value;
     return *this;
   }
-  /// Appends a manipulator such as std::endl; a line that then ends with a newline is complete.
+  /// Appends a manipulator such as std::endl, also to a spoilt line; a line that then ends with a
+  /// newline is complete.
   Logger& operator<<(std::ostream& (*manipulator)(std::ostream&));
 };
 
@@ -148,5 +153,9 @@ class QUELLON_EXPORT LogLine {
  private:
   Logger& logger;
 };
+
+/// Writes the `Error` line "source: what" where nothing may be thrown any more; the line is lost if
+/// it cannot be written.
+QUELLON_EXPORT void LogFailure(char const* source, char const* what) noexcept;
 
 }  // namespace Tarvik::Ilog

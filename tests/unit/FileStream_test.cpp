@@ -355,6 +355,11 @@ TEST(FileToCStream, WritesNothingOfAnEmptyText) {
 TEST(FileToCStream, FailsWithoutAStream) {
   char byte = 'x';
   EXPECT_FALSE(Ifile::WriteInt(1, nullptr));
+  EXPECT_EQ(Written([](FILE* file) {
+              EXPECT_TRUE(Ifile::Write(nullptr, 0, file)) << "nothing was written without error";
+              EXPECT_FALSE(Ifile::Write(nullptr, 1, file));
+            }),
+            "");
   EXPECT_FALSE(Ifile::Write(&byte, 1, nullptr));
   EXPECT_FALSE(Ifile::WriteString("x", 1, nullptr));
   EXPECT_FALSE(Ifile::WriteString("x", nullptr));

@@ -191,6 +191,17 @@ TEST_F(LoggerTest, ANullTextThatIsNotConstantDoesTheSame) {
             std::string(kHeader) + "kept\n");
 }
 
+TEST_F(LoggerTest, ALineWithANullTextEndsWithItsManipulatorAndFreesBothSinks) {
+  char const* const nothing = nullptr;
+  Logger& logger = *Logger::GetInstance();
+  std::string const log = Capture::Output([&] {
+    logger.BeginLine(Tarvik::Ilog::Info);
+    logger << "kept" << nothing << "lost" << std::endl;
+    Tarvik::Ilog::LogLine(Tarvik::Ilog::Info) << "next";
+  });
+  EXPECT_THAT(log, testing::MatchesRegex("\\[[^]]*\\]kept\n\\[[^]]*\\]next\n"));
+}
+
 TEST_F(LoggerTest, ANullTextWithoutALineDoesNothing) {
   char const* const nothing = nullptr;
   *Logger::GetInstance() << nothing;

@@ -259,6 +259,14 @@ TEST_F(RtcTest, PrintsItsTimeAndTheSystemsAsMonthDayYear) {
   EXPECT_EQ(printed, static_cast<int>(expected.size()));
 }
 
+TEST_F(RtcTest, PrintsTheSystemsTimeInAZoneThatWasJustChosen) {
+  TimeZone const zone("UTC0");
+  hooks().now = 1625068800;
+  setenv("TZ", "XYZ-3", 1);
+  EXPECT_EQ(Capture::Output([this] { rtc.Print(); }),
+            "RTC: 1/0/1900 00:00:00\nSystem: 6/30/2021 19:00:00\n");
+}
+
 TEST_F(RtcTest, PrintsTheSystemsTimeInLocalTime) {
   TimeZone const berlin(kCentralEurope);
   hooks().now = 1625068800;
