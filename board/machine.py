@@ -105,26 +105,34 @@ class Machine:
 
     def wait(self, text: str) -> str:
         """Returns the first line with this text after the line found before."""
-        while True:
-            with self._news:
-                ended = self._ended
-                while self._read < len(self.lines):
-                    line = self.lines[self._read]
-                    self._read += 1
-                    if text in line:
-                        return line
-                if ended:
-                    raise Failure(f"{self._end()} before the console showed {text!r}")
-                self._news.wait(WAKING)
+        while (line := self._find(text)) is None:
             self._wake()
+        return line
+
+    def _find(self, text: str) -> str | None:
+        """Looks through the new lines, or waits a little for some if there are none."""
+        with self._news:
+            if self._read == len(self.lines) and not self._ended:
+                self._news.wait(WAKING)
+            while self._read < len(self.lines):
+                line = self.lines[self._read]
+                self._read += 1
+                if text in line:
+                    return line
+            if self._ended:
+                raise Failure(f"{self._end()} before the console showed {text!r}")
+        return None
 
     def arrive(self, name: str):
-        """Waits until the board has come to `await NAME`; it stays there until go_on()."""
+        """Waits until the board has come to `await NAME`; it stays there until go_on(NAME)."""
         self.wait(f"board: await {name}")
 
-    def go_on(self):
-        self._process.stdin.write(b"\n")
-        self._process.stdin.flush()
+    def go_on(self, name: str):
+        """Lets the board continue; asked again until it does, as the emulated line may drop it."""
+        while True:
+            self._type(name)
+            if self._find(f"board: go on {name}"):
+                return
 
     def run_for(self, seconds: float):
         """Leaves the board alone for a time, or until it has powered itself off."""
@@ -171,6 +179,13 @@ class Machine:
         except OSError:
             pass
         raise Failure(f"{self._end()} before {command}")
+
+    def _type(self, text: str):
+        try:
+            self._process.stdin.write(text.encode() + b"\n")
+            self._process.stdin.flush()
+        except OSError:
+            pass  # the console's end tells why
 
     def _wake(self):
         try:

@@ -4,7 +4,7 @@ from board.board import Board, expect, expect_equal
 from board.image import Image, fill, sample
 
 BARE = True
-LIMIT = 240
+LIMIT = 400
 
 MOUNT = "mount -o noatime,nodiratime,data=writeback /dev/mmcblk1p1 /mnt/sdcard; echo mount $?\n"
 

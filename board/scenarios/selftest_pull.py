@@ -28,11 +28,11 @@ def run(board: Board):
     with board.start(SCRIPT, card) as machine:
         machine.arrive("pulled")
         machine.pull_card()
-        machine.go_on()
+        machine.go_on("pulled")
         expect(machine.wait("write ") != "write 0", "writing without a card succeeded")
         machine.arrive("inserted")
         machine.insert_card(other.path)
-        machine.go_on()
+        machine.go_on("inserted")
         expect(machine.wait("mount ") == "mount 0", "the other card was not mounted")
         machine.arrive("power-cut")
         machine.cut_power()
