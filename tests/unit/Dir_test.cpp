@@ -92,7 +92,7 @@ TEST_F(Directory, CreateTouchesNothingWhenItExistedAtFirst) {
 }
 
 TEST_F(Directory, CreateMakesItWithAllRightsButWritingForOthersLessTheUmask) {
-  for (mode_t const mask : {0000, 0022, 0077}) {
+  for (mode_t const mask : {0000U, 0022U, 0077U}) {
     mode_t const before = umask(mask);
     EXPECT_TRUE(Idir(kPath).Create());
     umask(before);

@@ -114,12 +114,17 @@ TEST_F(MakeRoom, ComparesTheUsedSpaceInSinglePrecision) {
   EXPECT_FALSE(HasRoom(100, 10, 0, 0.1F, 1)) << "the product is 1 only when it is rounded";
 }
 
-TEST_F(MakeRoom, NeverFindsItForAShareThatIsNotANumber) {
-  card.available = false;  // so that no minimum is computed from it
-  auto const catalogue = NewCatalogue(kDirectory, 0, std::nanf(""));
-  card.available = true;
-  EXPECT_FALSE(catalogue->CheckAvailableSpace(true));
-  EXPECT_FALSE(catalogue->CheckAvailableSpace(false));
+TEST_F(MakeRoom, NeverFindsItWhereAProductIsNotANumber) {
+  constexpr float kInfinity = std::numeric_limits<float>::infinity();
+  for (float const share : {std::nanf(""), kInfinity}) {
+    card.available = false;  // so that no minimum is computed from the share
+    auto const catalogue = NewCatalogue(kDirectory, 0, share);
+    card.available = true;
+    freeBytes = 0;
+    EXPECT_FALSE(catalogue->CheckAvailableSpace(true));
+    freeBytes = 1;
+    EXPECT_EQ(catalogue->CheckAvailableSpace(true), share == kInfinity);
+  }
 }
 
 TEST_F(MakeRoom, MeasuresTheCardEachTime) {
