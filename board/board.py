@@ -8,7 +8,7 @@ from pathlib import Path
 from board.image import Image
 from board.machine import STARTED, Hardware, Machine
 from board.parts import get_parts, pack
-from board.tools import Failure, run
+from board.tools import Failure, Unavailable, run
 
 ROOT = Path(__file__).resolve().parent.parent
 GUEST = ROOT / "board/guest"
@@ -24,6 +24,22 @@ PROGRAMS = {
 }
 
 
+def prepare():
+    """Installs what the host lacks and makes the board's parts."""
+    if subprocess.run([ROOT / "board/setup"]).returncode != 0:
+        raise Unavailable("board/setup could not install what the board needs")
+    get_parts()
+
+
+def require_prepared():
+    if shutil.which("qemu-system-arm") is None:
+        raise Unavailable("there is no qemu-system-arm")
+
+
+def programs() -> dict[Path, str]:
+    return {BUILD / name: place for name, place in PROGRAMS.items()}
+
+
 def cross_build():
     run(["cmake", "--preset", "armhf"], cwd=ROOT)
     run(["cmake", "--build", "--preset", "armhf"], cwd=ROOT)
@@ -32,9 +48,14 @@ def cross_build():
 class Board:
     """One scenario's board, in a folder of its own that starts empty."""
 
-    def __init__(self, folder: Path, limit: float, programs: dict[Path, str], echo: bool = False):
-        """`programs` maps files of the host to folders of the board."""
+    def __init__(self, folder: Path, limit: float, programs: dict[Path, str], echo: bool = False,
+                 cuts: int = 0):
+        """`programs` maps files of the host to folders of the board.
+
+        `cuts` is how often a scenario of power cuts cuts the power.
+        """
         self.folder = folder
+        self.cuts = cuts
         self.notes: list[str] = []
         self._programs = programs
         self._echo = echo

@@ -17,7 +17,7 @@ from collections.abc import Callable
 from dataclasses import dataclass
 from pathlib import Path
 
-from board.tools import run
+from board.tools import Failure, Unavailable, run
 
 KERNEL = "linux-image-armmp"
 DEVICE_TREE = "imx6ul-14x14-evk.dtb"
@@ -104,14 +104,17 @@ def _once(cache: Path, name: str, make: Callable[[Path], None]) -> Path:
 
 def _fetch(folder: Path):
     names = [f"{name}:armhf" for name in [_kernel_package(), *USER_SPACE]]
-    run(["apt-get", "download", "-qq", "-o", "APT::Sandbox::User=root", *names], cwd=folder)
+    try:
+        run(["apt-get", "download", "-qq", "-o", "APT::Sandbox::User=root", *names], cwd=folder)
+    except Failure as failure:
+        raise Unavailable(f"the board's packages cannot be had: {failure}") from failure
 
 
 def _kernel_package() -> str:
     depends = run(["apt-cache", "depends", f"{KERNEL}:armhf"])
     found = re.search(r"Depends: (linux-image-\d[^:\s]*)", depends)
     if not found:
-        raise RuntimeError(f"apt knows no {KERNEL}:armhf; run board/setup")
+        raise Unavailable(f"apt knows no {KERNEL}:armhf; run board/setup")
     return found.group(1)
 
 

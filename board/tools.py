@@ -12,6 +12,10 @@ class Failure(Exception):
     """Something did not go as it must; the text says what."""
 
 
+class Unavailable(Failure):
+    """What the board is made of cannot be had on this machine."""
+
+
 def run(command: list, cwd: Path | None = None, accept: tuple[int, ...] = (0,)) -> str:
     """Runs a command and returns what it printed; any other exit code than accepted is a Failure.
     """
