@@ -1,5 +1,6 @@
 """The main job on the board: a small card that fills up while the recorder runs."""
 
+import json
 import shutil
 import sys
 
@@ -49,12 +50,13 @@ def summarize(machine: Machine, card: Image):
     expect(card.check() == 0, "the card's file system is not clean")
 
     properties = card.superblock()
-    free = int(properties["Free blocks"]) * int(properties["Block size"])
+    free, size = (int(properties[blocks]) * int(properties["Block size"]) / 1e6
+                  for blocks in ("Free blocks", "Block count"))
     print(f"""== Done
 boot time   {boot_seconds(machine)} s to the start of the service
 recordings  {len(written)} written, {deleted(machine)} deleted, {len(kept)} kept, all intact
-free space  {free / 1e6:.1f} MB of {CARD_BYTES / 1e6:.1f} MB
-health      {report}""")
+free space  {free:.1f} MB of {size:.1f} MB
+health      {json.dumps(report)}""")
 
 
 if __name__ == "__main__":
