@@ -1,0 +1,65 @@
+"""A formatted card has the label and no journal; this kernel takes it back with a journal only."""
+
+import json
+
+from board.board import Board, expect, expect_equal
+from board.image import Image, MiB, fill
+
+LIMIT = 500
+
+# The counter of failed starts is at its limit, so that a refused card restarts nothing.
+PLAIN = """
+driver save-counter 3
+driver format plain
+echo "mounts $(grep -c sdcard /proc/mounts)"
+dmesg | grep EXT4-fs | tail -1
+driver init-disk
+"""
+
+BY_HAND = """
+mount -o noatime,nodiratime /dev/mmcblk1p1 /mnt/sdcard
+driver init-disk
+tune2fs -j /dev/mmcblk1p1 >/dev/null
+driver init-disk
+driver format scan
+"""
+
+# Newer kernels refuse the mode that the library asks for to file systems without a journal.
+REFUSAL = "can't mount with data=, fs mounted w/o journal"
+
+
+def run(board: Board):
+    folder = fill(board.folder / "card", {"cr/old.mp4": 1000})
+    card = Image.card(board.folder / "card.img", folder, size=64 * MiB)
+
+    lines = board.run(PLAIN, card).lines
+    check_format(lines, "mkfs.ext4 -v -F -O ^has_journal  -L storage /dev/mmcblk1p1", card)
+    expect("mounts 0" in lines, "the formatted card was mounted")
+    expect(any(REFUSAL in line for line in lines), "the kernel gives another reason")
+    expect_equal(answers(lines), ["save-counter yes", "format yes", "init-disk no"], "answers")
+    expect_equal(card_states(lines), [3], "the formatted card's state")
+
+    lines = board.run(BY_HAND, card).lines
+    expect_equal(answers(lines), ["init-disk no", "init-disk yes", "format yes"], "answers")
+    expect_equal(card_states(lines), [3, 0], "the states mounted by hand and with a journal")
+    check_format(lines, "mkfs.ext4 -v -F -O ^has_journal -c -L storage /dev/mmcblk1p1", card)
+    board.note(f"kernel: {REFUSAL}; state 3, and 0 after tune2fs -j")
+
+
+def check_format(lines: list[str], command: str, card: Image):
+    expect(f"Try format partition: {command}" in lines, "another command was run")
+    expect("Done format partition /dev/mmcblk1p1 ext4" in lines, "the format is not announced")
+    properties = card.superblock()
+    expect_equal(properties["Filesystem volume name"], "storage", "the label")
+    expect("has_journal" not in properties["Filesystem features"], "there is a journal")
+    expect_equal(card.names("/"), ["lost+found"], "what is left on the card")
+    expect_equal(card.check(), 0, "the card's check")
+
+
+def answers(lines: list[str]) -> list[str]:
+    return [line.removeprefix("driver: ") for line in lines if line.startswith("driver: ")]
+
+
+def card_states(lines: list[str]) -> list[int]:
+    return [json.loads(line.removeprefix("health "))["zr"]
+            for line in lines if line.startswith("health ")]
