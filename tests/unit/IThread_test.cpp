@@ -68,10 +68,9 @@ TEST(IThread, IsCancelledFromOutside) {
   passes.acquire();
   thread.Cancel();
   thread.Join();
-  auto const events = thread.Events();
-  EXPECT_EQ(events.front(), "before");
-  EXPECT_EQ(events.back(), "after");
-  EXPECT_GE(events.size(), 4U);
+  EXPECT_EQ(thread.Count("before"), 1);
+  EXPECT_GE(thread.Count("run"), 2);
+  EXPECT_EQ(thread.Count("after"), 1);
 }
 
 TEST(IThread, ACancelInItsFirstHookLeavesOutTheRun) {
