@@ -269,6 +269,23 @@ TEST_F(DiskTest, CheckOfAMountedFileSystemFailsAndTheMountCommandToo) {
   EXPECT_THAT(output.Text(), EndsWith("Mount SD card FAILED.\n"));
 }
 
+TEST_F(DiskTest, CheckThatWantsARebootSaysSoWaitsAndMountsAllTheSame) {
+  card.Insert();
+  Disk disk = MakeDisk();
+  CommandInFront const fsck("fsck", "exit 2\n");
+  ForgetMachineCalls();
+  Capture::Descriptor output(1);
+
+  EXPECT_EQ(disk.DiskCheck(), 2);
+  EXPECT_EQ(output.Text(),
+            "Unmount SD card success.\n"
+            "FSCK output: System should be rebooted\n"
+            "fcsk requested system reboot...\n"
+            "===================================>>> REBOOT \n"
+            "Mount SD card success\n");
+  EXPECT_EQ(MachineCalls(), std::vector<std::string>{"sleep 3000 ms"});
+}
+
 TEST_F(DiskTest, ScanOfAGoodCardPassesAndLeavesNoTestFile) {
   card.Insert();
   Disk disk = MakeDisk();
