@@ -98,6 +98,26 @@ TEST_F(IThreadFailure, AStartAfterAnExceptionIsNotLostWhileTheThreadEnds) {
   EXPECT_EQ(thread.Count("run"), 2);
 }
 
+TEST_F(IThreadFailure, AnExceptionInTheLastPassEndsItOnce) {
+  thread.run = [this] {
+    thread.Cancel();
+    throw std::runtime_error("too late");
+  };
+  EXPECT_EQ(LinesOfAStart().size(), 1U);
+  EXPECT_THAT(thread.Events(), ElementsAre("before", "run", "after"));
+}
+
+TEST_F(IThreadFailure, AStartInAPassThatThenFailsIsNotLost) {
+  thread.run = [this] {
+    thread.Cancel();
+    if (thread.Count("run") > 1) return;
+    thread.Start();
+    throw std::runtime_error("once");
+  };
+  EXPECT_EQ(LinesOfAStart().size(), 1U);
+  EXPECT_EQ(thread.Count("run"), 2);
+}
+
 TEST_F(IThreadFailure, AnExceptionThatCannotBeLoggedIsNoHarm) {
   auto& logger = *Tarvik::Ilog::Logger::GetInstance();
   thread.run = [&] {
