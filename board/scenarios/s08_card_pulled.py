@@ -1,0 +1,68 @@
+"""The card is pulled while recording: the service says so, goes on, and takes one put back."""
+
+from board.board import Board, expect_equal
+from board.image import Image, fill
+from board.recorder import expect_intact, health, recorded, recording, recordings, service, stop
+
+LIMIT = 400
+
+# The kernel notices what is lost when it writes, which it does long before the next recording.
+PERIOD = 4000  # ms
+
+PULLED = """
+until [ ! -e /dev/mmcblk1 ]; do usleep 100000; done
+echo lost >/mnt/sdcard/lost; sync
+await {name}-released
+sleep 6
+await {name}-looked-for
+until [ -e /dev/mmcblk1 ]; do usleep 100000; done
+"""
+
+# Nearly as many as fit on the card.
+OLD = range(101, 143)
+
+
+def run(board: Board):
+    card = new_card(board)
+    script = service(PULLED.format(name="first") + PULLED.format(name="second"), PERIOD)
+    with board.start(script, card) as machine:
+        machine.wait("[REC] Recorded rec_000144.gps")
+        machine.pull_card()
+        machine.wait("[REC] Could not write")
+        put_back(machine, "first", card)
+
+        # Two recordings are deleted for every second one made: after two there is no room.
+        machine.wait("[REC] Deleted 2 oldest recordings")
+        machine.wait(".gps")
+        machine.wait(".gps")
+        machine.pull_card()
+        machine.wait("[REC] Unable to make room, after 100 retries")
+        put_back(machine, "second", card)
+
+        machine.wait("[REC] Recorded")
+        machine.wait(".gps")
+        stop(machine)
+
+    expect_equal(machine.boots, 1, "starts")
+    expect_equal(health(machine)["zr"], 0, "the state of the card put back")
+    complete = [recording(int(name[4:10]), name[-3:]) for name in recorded(machine)]
+    expect_intact(card, dict(complete))
+    expect_equal(card.check(), 0, "the card's check")
+    board.note(f"{len(complete)} files complete, before, between and after two pulls, all intact")
+
+
+def new_card(board: Board) -> Image:
+    files = {f"cr/{name}": content for name, content in recordings(OLD).items()}
+    times = {name: 1_600_000_000 + int(name[7:13]) for name in files}
+    return Image.card(board.folder / "card.img", fill(board.folder / "card", files, times),
+                      size=64 << 20)
+
+
+def put_back(machine, pull: str, card: Image):
+    """Waits until the service has released the card and looked for it, and puts it back."""
+    machine.wait("[REC] Card released")
+    machine.go_on(f"{pull}-released")
+    machine.arrive(f"{pull}-looked-for")
+    machine.insert_card(card.path)
+    machine.go_on(f"{pull}-looked-for")
+    machine.wait("[REC] Catalogue of")
