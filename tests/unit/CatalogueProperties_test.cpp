@@ -36,6 +36,12 @@ using CatalogueModel::Removal;
 using CatalogueModel::State;
 using Interpose::Answer;
 
+#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
+constexpr std::uint32_t kSequences = 1000;  // sanitizers take their time
+#else
+constexpr std::uint32_t kSequences = 3000;
+#endif
+
 enum class Deed {
   Appear,
   Vanish,
@@ -361,7 +367,7 @@ class CatalogueProperties : public CatalogueTest {
 
 TEST_F(CatalogueProperties, EverySequenceGoesAsTheModelSays) {
   std::uint32_t const seed = Chosen("QUELLON_SEED", std::random_device()());
-  std::uint32_t const sequences = Chosen("QUELLON_SEQUENCES", 3000);
+  std::uint32_t const sequences = Chosen("QUELLON_SEQUENCES", kSequences);
   std::printf("QUELLON_SEED=%u QUELLON_SEQUENCES=%u\n", seed, sequences);
   for (std::uint32_t number = 0; number < sequences; ++number) {
     Script const script = Invent(seed + number);
