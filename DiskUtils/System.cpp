@@ -12,6 +12,7 @@
 
 #include "DiskUtils/ForceUnmount.h"
 #include "RTC/Rtc.h"
+#include "base/Logger.h"
 #include "base/SystemClock.h"
 
 namespace Quellon {
@@ -31,6 +32,7 @@ System::System() {
 System::~System() = default;
 
 int System::UnmountAll() {
+  Tarvik::Ilog::Logger::GetInstance()->Close();  // a file that is being written keeps "/" busy
   if (chdir("/") != 0) std::perror("Unable to change dir to /");
   sync();
   if (umount("/") != 0) {

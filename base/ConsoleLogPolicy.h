@@ -15,6 +15,9 @@ class ConsoleLogPolicy {
   /// Called at the start of each line's header; the console shows lines as the file has them.
   void WriteHeader(LogType) noexcept {}
 
+  /// Standard output is the program's, and stays open.
+  void Close() noexcept {}
+
   /// Hands one completed line to the kernel. A console that cannot be written loses the line; the
   /// next one is tried all the same.
   bool Write(std::string_view line) noexcept {

@@ -18,8 +18,12 @@ constexpr std::size_t kLimit = std::size_t{1} << 20;
 
 bool FileLogPolicy::Write(std::string_view line) noexcept {
   bool const written = (file.IsOpen() || Open(0)) && MakeWay(line.size()) && Append(line);
-  if (!written) file = UniqueFd();
+  if (!written) Close();
   return written;
+}
+
+void FileLogPolicy::Close() noexcept {
+  file = UniqueFd();
 }
 
 // O_NONBLOCK: a pipe somebody left under this name must not stop the caller; a regular file does

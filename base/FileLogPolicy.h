@@ -20,6 +20,9 @@ class QUELLON_EXPORT FileLogPolicy {
   /// it is closed then, and the next call opens it anew.
   bool Write(std::string_view line) noexcept;
 
+  /// Lets go of the file, so that its file system can be unmounted; the next line opens it again.
+  void Close() noexcept;
+
  private:
   bool Open(int flags) noexcept;
   bool Append(std::string_view line) noexcept;

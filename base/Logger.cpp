@@ -158,6 +158,13 @@ void LoggerBase<Policy>::Flush() {
   if (!HoldsLine()) std::lock_guard const lock(lineLock);
 }
 
+template <typename Policy>
+void LoggerBase<Policy>::Close() {
+  if (HoldsLine()) return;
+  std::lock_guard const lock(lineLock);
+  policy.Close();
+}
+
 template class LoggerBase<FileLogPolicy>;
 template class LoggerBase<ConsoleLogPolicy>;
 
@@ -190,6 +197,11 @@ void Logger::EndLine() {
 void Logger::Flush() {
   fileSink->Flush();
   consoleSink->Flush();
+}
+
+void Logger::Close() {
+  fileSink->Close();
+  consoleSink->Close();
 }
 
 Logger& Logger::operator<<(char const* text) {

@@ -70,6 +70,9 @@ class LoggerBase {
   /// Waits until no line of another thread is under way.
   void Flush();
 
+  /// Waits likewise, and lets go of what the sink writes to until the next line.
+  void Close();
+
  private:
   friend class Logger;
 
@@ -118,6 +121,9 @@ class QUELLON_EXPORT Logger {
 
   /// Returns when both sinks have written every completed line.
   void Flush();
+
+  /// Closes the log file until the next line, so that its file system can be unmounted.
+  void Close();
 
   /// Append to the line under way, on the file sink and then on the console sink; see `LoggerBase`.
   Logger& operator<<(char const* text);

@@ -8,13 +8,16 @@
 
 #include <cerrno>
 #include <chrono>
+#include <filesystem>
 #include <optional>
 #include <string>
 #include <type_traits>
 #include <vector>
 
+#include "base/Logger.h"
 #include "tests/support/Capture.h"
 #include "tests/support/ChildProcess.h"
+#include "tests/support/Descriptors.h"
 #include "tests/support/Interpose.h"
 
 namespace {
@@ -25,6 +28,7 @@ using Interpose::hooks;
 using Interpose::Sleep;
 using Interpose::Trace;
 using Quellon::System;
+using Tarvik::Ilog::LogLine;
 using testing::AnyOf;
 using testing::ElementsAre;
 using testing::ElementsAreArray;
@@ -106,6 +110,20 @@ TEST(SystemClass, LeavesTheDiskAloneWhenItGoes) {
     system.disk = &*disk;
   }
   EXPECT_FALSE(gone);
+}
+
+TEST_F(SystemTest, LetsGoOfTheLogFileBeforeItUnmounts) {
+  EveryUnmountSucceeds();
+  std::filesystem::create_directories(Interpose::Real("/var/log/"));
+  Descriptors::Watch const descriptors;
+  Capture::Output([] { LogLine(Tarvik::Ilog::Info) << "before"; });
+  EXPECT_EQ(descriptors.Opened().size(), 1U);
+  system.UnmountAll();
+  EXPECT_THAT(descriptors.Opened(), IsEmpty());
+  Capture::Output([] { LogLine(Tarvik::Ilog::Info) << "after"; });
+  EXPECT_THAT(Interpose::ReadFile("/var/log/quellon.log"),
+              testing::AllOf(testing::HasSubstr("]before\n"), testing::HasSubstr("]after\n")));
+  Tarvik::Ilog::Logger::GetInstance()->Close();
 }
 
 TEST_F(SystemTest, UnmountsRootAndThenTheCard) {
