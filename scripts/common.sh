@@ -78,7 +78,7 @@ run_tests() {
   ctest --test-dir "build/$preset" --output-junit "$root/$report" --output-on-failure \
     --no-tests=error "$@" >"$log" 2>&1 || sed -n '/^The following tests FAILED/,$p' "$log"
   [[ -s $report ]] || fail "no tests were run; see $log"
-  grep -E '\*\*\*(Failed|Timeout|Exception|Skipped|Not Run)' "$log" | sed 's/^/   /'
+  sed -nE '/\*\*\*(Failed|Timeout|Exception|Skipped|Not Run)/s/^/   /p' "$log"
   local tests failures skips
   tests=$(xmllint --xpath 'string(/testsuite/@tests)' "$report")
   failures=$(xmllint --xpath 'string(/testsuite/@failures)' "$report")
