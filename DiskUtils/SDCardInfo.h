@@ -28,7 +28,7 @@ class QUELLON_EXPORT SDCardInfo {
   /// a missing card.
   explicit SDCardInfo(std::string device);
 
-  SDCardInfoData data;
+  SDCardInfoData data;  ///< as it was when this object was made
 };
 
 using SDCardInfoData = SDCardInfo::SDCardInfoData;

@@ -26,7 +26,7 @@ class QUELLON_EXPORT Idir : public Tarvik::Interfaces::IError {
   /// the path recorded, otherwise, and so also on a second call after it was made.
   bool Create();
 
-  std::string path;
+  std::string path;     ///< as it was given
   bool exists = false;  ///< whether the directory could be opened when this object was made
 };
 

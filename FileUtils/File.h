@@ -35,6 +35,7 @@ class QUELLON_EXPORT Ifile {
   /// Closes the stream; what could not be flushed is lost silently.
   virtual ~Ifile();
 
+  /// The name, without the directories that lead to it.
   std::string GetName();
 
   /// True when something of that path exists; symbolic links are followed.
@@ -59,7 +60,9 @@ class QUELLON_EXPORT Ifile {
   /// Write to the stream. False when there is nothing to write or no stream; true says nothing
   /// about the stream's state.
   bool Write(char* data, unsigned int length);
+  /// The valid bytes of a buffer, in the same way.
   bool Write(Ibuffer& buffer);
+  /// The valid bytes of a buffer, in the same way.
   bool Write(Iubuffer& buffer);
 
   /// Closes the stream and unlinks the file, in 3 attempts 50 ms apart. False, at once, when the
@@ -83,13 +86,15 @@ class QUELLON_EXPORT Ifile {
   /// copying is not detected. Never throws.
   bool CopyTo(std::string const& destination);
 
-  /// Write to a C stream. False when `file` is null, or in error afterwards.
-  /// The bytes of `value` as they lie in memory.
+  /// Writes the bytes of `value`, as they lie in memory, to a C stream. False when `file` is null,
+  /// or in error afterwards.
   static bool WriteInt(int value, FILE* file);
+  /// Writes bytes to a C stream, in the same way. False also for bytes at a null `data`.
   static bool Write(void* data, unsigned int length, FILE* file);
   /// `length` bytes from the start of `text`, which the caller vouches for: at most the text and
-  /// its terminator. False when `text` is empty.
+  /// its terminator, in the same way. False also when `text` is empty.
   static bool WriteString(std::string const& text, unsigned int length, FILE* file);
+  /// The whole text, in the same way.
   static bool WriteString(std::string const& text, FILE* file);
 
   /// What follows the last "/" of `anyPath`; empty when there is no "/".
@@ -98,9 +103,9 @@ class QUELLON_EXPORT Ifile {
   /// What follows the last "." of `anyName`; empty when there is no ".".
   std::string ExtractFileExtension(std::string const& anyName);
 
-  std::string path;
+  std::string path;       ///< the whole path
   std::string extension;  ///< without the dot, but with it where a catalogue set it
-  std::string name;
+  std::string name;       ///< what follows the last "/" of the path
   std::string label;      ///< for the application; never read or written here
   std::int64_t size = 0;  ///< bytes, from the last successful `Stat`
   std::time_t time = 0;   ///< modification time, seconds since the epoch, from the same

@@ -67,6 +67,7 @@ class QUELLON_EXPORT FilesManager : public Tarvik::Interfaces::IThread,
   void Sort();
   /// Whether `a` was modified before `b`.
   static bool CBSort(Ifile* a, Ifile* b);
+  /// Turns the order round.
   void ReverseList();
   /// Empties the list. The objects live on, for whoever holds them, and the total stays until it
   /// is recalculated.
@@ -75,8 +76,10 @@ class QUELLON_EXPORT FilesManager : public Tarvik::Interfaces::IThread,
   /// Bytes of all catalogued files: the running total, or a new sum if asked for or if the total
   /// is 0. Reading the running total takes no lock.
   unsigned long long GetTotalFilesSize(bool recalculate);
+  /// The running total, as `GetTotalFilesSize(false)`.
   unsigned long long GetTotalFilesSize();
 
+  /// The directory, as it was given.
   std::string GetPath();
   /// The list itself, to be read, or put in another order, while no other thread uses it. Files
   /// come and go only by the operations here.

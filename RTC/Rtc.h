@@ -35,8 +35,8 @@ class QUELLON_EXPORT Rtc {
   /// Returns the result of printf(3).
   int Print();
 
-  std::string devicePath;
-  rtc_time rtcTime;  ///< the time last read from or written to the device
+  std::string devicePath;  ///< as it was given
+  rtc_time rtcTime;        ///< the time last read from or written to the device
 };
 
 }  // namespace Quellon::RTC

@@ -23,6 +23,7 @@ class QUELLON_EXPORT IError {
   /// The two flags are accepted for the callers' sake and change nothing. Prints nothing.
   void SetError(std::string const& message, std::string const& where, bool, bool);
 
+  /// Whether the last operation that may fail has failed.
   [[nodiscard]] bool HasError() const;
   /// The text of the last error; empty when there is none.
   [[nodiscard]] std::string GetError() const;

@@ -22,9 +22,9 @@ class QUELLON_EXPORT IException : public std::exception {
   /// The text, NUL-terminated; valid as long as this object.
   [[nodiscard]] char const* what() const noexcept override;
 
-  static constexpr std::size_t kCapacity = 1024;
-  char message[kCapacity] = {};  ///< the text, NUL-terminated
-  int code;                      ///< `errno` of the failed system call, or 0
+  static constexpr std::size_t kCapacity = 1024;  ///< bytes of the text, its NUL included
+  char message[kCapacity] = {};                   ///< the text, NUL-terminated
+  int code;                                       ///< `errno` of the failed system call, or 0
 };
 
 }  // namespace Tarvik

@@ -26,18 +26,19 @@ class QUELLON_EXPORT Value {
   /// Only a bool proper: a pointer must not become one by accident.
   template <std::same_as<bool> Bool>
   Value(Bool truth) noexcept : held(truth) {}
-  Value(int number) noexcept;
-  Value(double number) noexcept;
-  Value(char const* text);  ///< a null `text` makes a null value
-  Value(std::string text) noexcept;
-  Value(Object members);
-  Value(Array elements);
+  Value(int number) noexcept;        ///< an integer
+  Value(double number) noexcept;     ///< a floating-point number
+  Value(char const* text);           ///< a text; a null `text` makes a null value
+  Value(std::string text) noexcept;  ///< a text
+  Value(Object members);             ///< an object
+  Value(Array elements);             ///< an array
   Value(Value const&);
   Value(Value&&) noexcept;
   Value& operator=(Value const&);
   Value& operator=(Value&&) noexcept;
   ~Value();
 
+  /// @{ The kind of value held; exactly one of these is true.
   [[nodiscard]] bool IsNull() const noexcept;
   [[nodiscard]] bool IsBool() const noexcept;
   [[nodiscard]] bool IsInt() const noexcept;
@@ -45,7 +46,9 @@ class QUELLON_EXPORT Value {
   [[nodiscard]] bool IsString() const noexcept;
   [[nodiscard]] bool IsObject() const noexcept;
   [[nodiscard]] bool IsArray() const noexcept;
+  /// @}
 
+  /// The truth held.
   [[nodiscard]] bool ToBool() const;
   /// The number held, without its fraction; one that does not fit an int throws IException.
   operator int() const;
@@ -53,7 +56,9 @@ class QUELLON_EXPORT Value {
   operator double() const;
   /// The text held.
   [[nodiscard]] std::string ToString() const;
+  /// A copy of the object held.
   [[nodiscard]] Object ToObject() const;
+  /// A copy of the array held.
   [[nodiscard]] Array ToArray() const;
 
  private:
@@ -76,15 +81,20 @@ class QUELLON_EXPORT Object {
   Object& operator=(Object&&) noexcept;
   ~Object();
 
-  /// The value stored under `key`; made, as null, when missing.
+  /// The value stored under `key`; made, as null, when missing. A null `key` throws IException.
   Value& operator[](char const* key);
+  /// The value stored under `key`; made, as null, when missing.
   Value& operator[](std::string const& key);
+  /// Whether a value, even null, is stored under `key`.
   [[nodiscard]] bool HasKey(std::string const& key) const;
+  /// The number of members.
   [[nodiscard]] std::size_t Size() const noexcept;
 
   /// Members, keys ascending bytewise.
   using Members = std::map<std::string, Value, std::less<>>;
+  /// The first member.
   [[nodiscard]] Members::const_iterator begin() const noexcept;
+  /// Past the last member.
   [[nodiscard]] Members::const_iterator end() const noexcept;
 
  private:
@@ -101,11 +111,15 @@ class QUELLON_EXPORT Array {
   Array& operator=(Array&&) noexcept;
   ~Array();
 
+  /// Appends a value.
   void Add(Value value);
   /// The element at `index`; throws IException when there is none.
   [[nodiscard]] Value const& operator[](std::size_t index) const;
+  /// The number of elements.
   [[nodiscard]] std::size_t Size() const noexcept;
+  /// The first element.
   [[nodiscard]] std::vector<Value>::const_iterator begin() const noexcept;
+  /// Past the last element.
   [[nodiscard]] std::vector<Value>::const_iterator end() const noexcept;
 
  private:
