@@ -125,7 +125,8 @@ class QUELLON_EXPORT Logger {
   /// Closes the log file until the next line, so that its file system can be unmounted.
   void Close();
 
-  /// Append to the line under way, on the file sink and then on the console sink; see `LoggerBase`.
+  /// @{ Append to the line under way, on the file sink and then on the console sink; see
+  /// `LoggerBase`.
   Logger& operator<<(char const* text);
   Logger& operator<<(long const& t);
   template <typename Value>
@@ -134,6 +135,7 @@ class QUELLON_EXPORT Logger {
     *consoleSink << value;
     return *this;
   }
+  /// @}
   /// Appends a manipulator such as std::endl, also to a spoilt line; a line that then ends with a
   /// newline is complete.
   Logger& operator<<(std::ostream& (*manipulator)(std::ostream&));
@@ -150,6 +152,7 @@ class QUELLON_EXPORT LogLine {
   /// Ends the line.
   ~LogLine();
 
+  /// Appends to the line, as `Logger` does.
   template <typename Value>
   LogLine& operator<<(Value const& value) {
     logger << value;
