@@ -28,7 +28,8 @@ class QUELLON_EXPORT CheckDisk {
   void Mount();
 
   /// Unmounts, runs "fsck -f -y", prints what its exit code says and mounts again, whatever the
-  /// code. Returns the code. Takes minutes on a large card; 3 seconds more for code 2, whose
+  /// code. A file system that could not be unmounted is handed to the check all the same, which
+  /// refuses it. Returns the code. Takes minutes on a large card; 3 seconds more for code 2, whose
   /// reboot is announced but left to others.
   int DiskCheck();
 

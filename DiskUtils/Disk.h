@@ -58,7 +58,8 @@ class QUELLON_EXPORT Disk : public CheckDisk {
 
   /// Proves the card: writes "check.tmp" to it, checks the file system and looks whether the file
   /// is still there. Returns with `available` true when the card passed; throws IException
-  /// otherwise, and a card that lost the file is refused for the rest of the process's life.
+  /// otherwise. Once a card has lost the file, every card on this mount point is refused for the
+  /// rest of the process's life. The file is not read back: contents are not compared.
   /// Refreshes the status entry, but not the space figures. Takes as long as the check.
   void ScanDisk();
 

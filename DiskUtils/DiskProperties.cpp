@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <fstream>
 #include <iostream>
+#include <locale>
 #include <sstream>
 
 #include "DiskUtils/Disk.h"
@@ -32,6 +33,7 @@ unsigned long long Disk::StringToULong(std::string text) {
 
 std::string Disk::ULongToString(unsigned long long value) {
   std::ostringstream text;
+  text.imbue(std::locale::classic());  // whatever the application chose for its own texts
   text << value;
   return text.str();
 }

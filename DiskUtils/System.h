@@ -29,7 +29,8 @@ class QUELLON_EXPORT System {
   ///
   /// Returns the card, usable if its `available` is true, owned by the System and replaced by the
   /// next call; null when a reboot was asked for or the card could not be represented at all.
-  /// Exceptions outside the standard family pass. Takes seconds, more with a large card.
+  /// Exceptions outside the standard family pass. Takes seconds, minutes with a large
+  /// card to check: arm no watchdog with less patience before it.
   DiskUtils::Disk* InitDisk();
 
   /// How many reboots in a row a failing card has caused, from "/root/system.dat", which is made,
@@ -47,8 +48,10 @@ class QUELLON_EXPORT System {
   /// The health summary as JSON text; "{}" before the first report.
   [[nodiscard]] std::string GetHealthReport() const;
 
-  /// Flushes and unmounts the root file system and the card, by force if need be. Returns the
-  /// result of the last unmount call. Kernel interface: umount(2), umount2(2).
+  /// Flushes and unmounts the root file system and the card, by force if need be, which takes
+  /// seconds. Meant for the end: the working directory is "/" and the log file closed afterwards,
+  /// and a root file system that cannot go is read-only. Returns the result of the last unmount
+  /// call. Kernel interface: umount(2), umount2(2).
   int UnmountAll();
 
   /// Restarts the machine: asks the "reboot" command, gives it 20 seconds, then unmounts all and

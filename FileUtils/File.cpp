@@ -116,7 +116,7 @@ bool Ifile::Rename(std::string& newPath) {
 bool Ifile::CopyTo(std::string const& destination) {
   try {
     if (destination.empty()) throw IException("Empty destination path");
-    if (!Open(true)) throw IException("Source file not open");  // Open never says so today
+    if (!Open(true)) throw IException("Source file not open");  // Open says true to everything
     std::ofstream copy(destination, std::ios::binary);
     if (!copy.is_open()) throw IException("destination file not open");
     LogLine(Info) << "Copy file " << path << " to " << destination;
@@ -136,7 +136,7 @@ bool Ifile::WriteInt(int value, FILE* file) {
 
 bool Ifile::Write(void* data, unsigned int length, FILE* file) {
   if (file == nullptr || (data == nullptr && length != 0)) return false;
-  static_cast<void>(std::fwrite(data, 1, length, file));
+  if (length != 0) static_cast<void>(std::fwrite(data, 1, length, file));
   return std::ferror(file) == 0;
 }
 

@@ -53,7 +53,8 @@ class QUELLON_EXPORT FilesManager : public Tarvik::Interfaces::IThread,
   /// entry. Everything but directories is taken; links are not followed. Objects of an earlier
   /// load are abandoned, so that whoever holds one may go on using it.
   /// Errors: "The disk is not available", "Empty path value", "Could not open directory",
-  /// "Incorrect path". A name without a dot is reported on standard output and has no extension.
+  /// "Incorrect path". A directory that fails while it is read ends there. A name without a dot is
+  /// reported on standard output and has no extension.
   bool Load();
   /// Loads another directory from now on.
   bool Load(std::string& directory);
@@ -74,7 +75,8 @@ class QUELLON_EXPORT FilesManager : public Tarvik::Interfaces::IThread,
   void ClearList();
 
   /// Bytes of all catalogued files: the running total, or a new sum if asked for or if the total
-  /// is 0. Reading the running total takes no lock.
+  /// is 0. The running total keeps what vanished without this object: ask for a new sum where
+  /// others delete, too, or `MakeRoom` deletes for them. Reading it takes no lock.
   unsigned long long GetTotalFilesSize(bool recalculate);
   /// The running total, as `GetTotalFilesSize(false)`.
   unsigned long long GetTotalFilesSize();
@@ -82,7 +84,7 @@ class QUELLON_EXPORT FilesManager : public Tarvik::Interfaces::IThread,
   /// The directory, as it was given.
   std::string GetPath();
   /// The list itself, to be read, or put in another order, while no other thread uses it. Files
-  /// come and go only by the operations here.
+  /// come and go only by the operations here, and keep the size they were catalogued with.
   std::list<Ifile*>& GetList();
   /// Logs the name of each catalogued file.
   void Log();
@@ -110,7 +112,7 @@ class QUELLON_EXPORT FilesManager : public Tarvik::Interfaces::IThread,
   unsigned int RemoveAllFiles();
 
   /// The same on the object's own thread; `Join()` waits for it. Does nothing when the catalogue is
-  /// empty. Throws std::system_error when no thread can be had.
+  /// empty or a pass is running already. Throws std::system_error when no thread can be had.
   void RemoveAllFilesAsync();
 
   /// The pass of the object's own thread.

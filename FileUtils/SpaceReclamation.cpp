@@ -108,7 +108,7 @@ void FilesManager::RemoveAllFilesAsync() {
 
 void FilesManager::Run() {
   RemoveAllFiles();
-  Cancel();  // one pass for each start
+  Cancel();  // one pass; a start meanwhile asks for nothing more
 }
 
 FilesManager::Position FilesManager::Erase(Position position) {

@@ -37,6 +37,7 @@ rtc_time ToRtcTime(tm const& calendar) {
 
 tm LocalTime(time_t seconds) {
   tm calendar{};
+  tzset();  // mktime looks for a new time zone, localtime_r does not
   localtime_r(&seconds, &calendar);
   return calendar;
 }
@@ -71,7 +72,6 @@ bool Rtc::SetSystemClock() {
 }
 
 int Rtc::Print() {
-  tzset();  // the zone may have been changed since the last call
   tm const system = LocalTime(time(nullptr));
   int const printed =
       std::printf("RTC: %d/%d/%d %02d:%02d:%02d\nSystem: %d/%d/%d %02d:%02d:%02d\n",

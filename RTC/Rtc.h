@@ -20,15 +20,17 @@ class QUELLON_EXPORT Rtc {
   Rtc& operator=(Rtc const&) = default;
   virtual ~Rtc();
 
-  /// Reads the clock into `rtcTime`. False when the device could not be opened or read.
+  /// Reads the clock into `rtcTime`. False when the device could not be opened or read; a
+  /// time that could not be read is all zeros.
   bool Load();
 
   /// Sets the clock to `seconds` since the epoch, and then the system clock to the clock's time.
   /// False when either could not be set. Setting needs CAP_SYS_TIME.
   bool Set(long& seconds);
 
-  /// Sets the system clock from `rtcTime`, which is normalised by that. False when the kernel
-  /// refused the time.
+  /// Sets the system clock from `rtcTime`, which is normalised by that. Its daylight-saving flag
+  /// counts: `Load` leaves it 0, winter time, so set it to -1 in a zone with summer time. False when
+  /// the kernel refused the time.
   bool SetSystemClock();
 
   /// Prints `rtcTime` and the system's local time on standard output, dates as month/day/year.

@@ -1,5 +1,6 @@
 #include "base/ISemaphore.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <ctime>
 
@@ -16,8 +17,11 @@ bool RestartedWhileInterrupted(Call call) noexcept {
   return result == 0;
 }
 
+// A year at most: later deadlines do not fit everywhere, and nobody sees the difference.
 timespec MonotonicDeadline(std::chrono::milliseconds limit) noexcept {
   using namespace std::chrono;
+  constexpr milliseconds kYear = hours(24 * 365);
+  limit = std::clamp(limit, -kYear, kYear);
   timespec deadline{};
   clock_gettime(CLOCK_MONOTONIC, &deadline);
   auto const at = seconds(deadline.tv_sec) + nanoseconds(deadline.tv_nsec) + limit;

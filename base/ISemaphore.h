@@ -29,7 +29,7 @@ class QUELLON_EXPORT ISemaphore {
   bool TryWait() noexcept;
 
   /// As `Wait`, for at most `limit` of the monotonic clock, so that setting the date does not
-  /// matter; false when the time is over.
+  /// matter, and for a year at most; false when the time is over.
   bool WaitFor(std::chrono::milliseconds limit) noexcept;
 
  private:

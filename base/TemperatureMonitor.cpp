@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <fstream>
+#include <locale>
 
 #include "base/NoDestructor.h"
 
@@ -49,6 +50,7 @@ void TemperatureMonitor::Stopping() {
 void TemperatureMonitor::Read() {
   int milliCelsius = 0;
   std::ifstream sensor(kSensor);
+  sensor.imbue(std::locale::classic());
   bool const known = static_cast<bool>(sensor >> milliCelsius);
   if (known) temperature = milliCelsius / 1000;
   valid = known;
