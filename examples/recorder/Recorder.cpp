@@ -12,6 +12,7 @@
 #include <string_view>
 
 #include "FileUtils/Dir.h"
+#include "base/IThread.h"
 #include "base/Logger.h"
 #include "base/UniqueFd.h"
 
@@ -29,6 +30,12 @@ constexpr char const* kRecordings = "/mnt/sdcard/cr/";
 constexpr std::string_view kPrefix = "rec_";
 constexpr std::size_t kPositionsBytes = 1024;
 constexpr auto kShortestKickPeriod = std::chrono::seconds(1);
+
+constexpr auto kLongestCheck = std::chrono::minutes(30);
+
+std::chrono::seconds KickPeriod(Quellon::Watchdog const& watchdog) {
+  return std::max(kShortestKickPeriod, std::chrono::seconds(watchdog.timeout / 4));
+}
 
 std::string RecordingName(int number, char const* extension) {
   std::ostringstream name;
@@ -54,6 +61,32 @@ bool SyncToCard(std::string const& path) {
   return file.IsOpen() && fsync(file.Get()) == 0;
 }
 
+// Kicks the watchdog while the card is checked, which takes minutes when it is large, but not for
+// ever: a check that hangs is the watchdog's to end.
+class KicksMeanwhile : public Tarvik::Interfaces::IThread {
+ public:
+  explicit KicksMeanwhile(Quellon::Watchdog& kicked) : watchdog(kicked) { Start(); }
+  ~KicksMeanwhile() override {
+    Cancel();
+    Join();
+  }
+  KicksMeanwhile(KicksMeanwhile const&) = delete;
+  KicksMeanwhile& operator=(KicksMeanwhile const&) = delete;
+
+  void Run() override {
+    if (over.WaitFor(KickPeriod(watchdog))) return;
+    watchdog.Reset();
+    if (std::chrono::steady_clock::now() > end) Cancel();
+  }
+
+ private:
+  void Stopping() override { over.Notify(); }
+
+  Quellon::Watchdog& watchdog;
+  std::chrono::steady_clock::time_point end = std::chrono::steady_clock::now() + kLongestCheck;
+  Tarvik::Interfaces::ISemaphore over;
+};
+
 }  // namespace
 
 Recorder::Recorder(Settings const& chosen)
@@ -76,7 +109,7 @@ void Recorder::Run() {
 // False when the machine is about to reboot.
 bool Recorder::StartCard() {
   cardWasOut = false;
-  Disk* const disk = system.InitDisk();
+  Disk* const disk = InitDisk();
   if (disk == nullptr) return false;
   LogLine(Info) << "[REC] Health " << system.GetHealthReport();
   if (disk->available) {
@@ -86,6 +119,11 @@ bool Recorder::StartCard() {
     LogLine(Error) << "[REC] No usable card, going on without recordings";
   }
   return true;
+}
+
+Disk* Recorder::InitDisk() {
+  KicksMeanwhile const kicks(watchdog);
+  return system.InitDisk();
 }
 
 void Recorder::OpenCatalogue(Disk* disk) {
@@ -184,16 +222,15 @@ bool Recorder::WaitForNextPeriod() {
   while (true) {
     auto const left =
         std::chrono::ceil<std::chrono::milliseconds>(next - std::chrono::steady_clock::now());
-    if (left.count() <= 0) return true;
+    if (left.count() <= 0) return !stop.TryWait();
     if (stop.WaitFor(std::min<std::chrono::milliseconds>(left, kShortestKickPeriod))) return false;
     KickWatchdog();
   }
 }
 
 void Recorder::KickWatchdog() {
-  auto const period = std::max(kShortestKickPeriod, std::chrono::seconds(watchdog.timeout / 4));
   auto const now = std::chrono::steady_clock::now();
-  if (now - lastKick < period) return;
+  if (now - lastKick < KickPeriod(watchdog)) return;
   watchdog.Reset();
   lastKick = now;
 }

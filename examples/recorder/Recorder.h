@@ -33,6 +33,7 @@ class Recorder {
 
  private:
   bool StartCard();
+  Quellon::DiskUtils::Disk* InitDisk();
   void OpenCatalogue(Quellon::DiskUtils::Disk* disk);
   void GiveUpCard();
   bool CardIsBack();

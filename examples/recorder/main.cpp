@@ -2,9 +2,13 @@
 #include <getopt.h>
 
 #include <array>
+#include <charconv>
+#include <chrono>
 #include <csignal>
+#include <cstdint>
 #include <cstdlib>
 #include <iostream>
+#include <string_view>
 
 #include "RTC/Rtc.h"
 #include "Recorder.h"
@@ -23,6 +27,37 @@ void StopRunning(int /*signal*/) {
   running->Stop();
 }
 
+// False unless the whole text is a number that fits.
+template <typename Number>
+bool Read(std::string_view text, Number& number) {
+  auto const [end, error] = std::from_chars(text.begin(), text.end(), number);
+  return error == std::errc() && end == text.end();
+}
+
+bool Read(std::string_view text, std::chrono::milliseconds& time) {
+  std::uint32_t count = 0;
+  if (!Read(text, count) || count == 0) return false;
+  time = std::chrono::milliseconds(count);
+  return true;
+}
+
+bool Choose(int choice, std::string_view value, Settings& settings) {
+  switch (choice) {
+    case 's':
+      return Read(value, settings.recordingBytes) && settings.recordingBytes > 0;
+    case 'p':
+      return Read(value, settings.period);
+    case 'm':
+      return Read(value, settings.minimumFreeBytes);
+    case 'f':
+      return Read(value, settings.share) && settings.share > 0 && settings.share <= 1;
+    case 'w':
+      return Read(value, settings.watchdogSeconds) && settings.watchdogSeconds > 0;
+    default:
+      return false;
+  }
+}
+
 // False when the command line is not understood.
 bool Parse(int count, char** arguments, Settings& settings) {
   static constexpr std::array<option, 6> kOptions = {{
@@ -35,21 +70,17 @@ bool Parse(int count, char** arguments, Settings& settings) {
   }};
   int choice;
   while ((choice = getopt_long(count, arguments, "", kOptions.data(), nullptr)) != -1) {
-    if (choice == '?') return false;
-    auto const value = std::strtoull(optarg, nullptr, 10);
-    if (choice == 's') settings.recordingBytes = static_cast<std::size_t>(value);
-    if (choice == 'p') settings.period = std::chrono::milliseconds(value);
-    if (choice == 'm') settings.minimumFreeBytes = value;
-    if (choice == 'f') settings.share = std::strtof(optarg, nullptr);
-    if (choice == 'w') settings.watchdogSeconds = static_cast<int>(value);
+    if (optarg == nullptr || !Choose(choice, optarg, settings)) return false;
   }
-  return optind == count && settings.recordingBytes > 0;
+  return optind == count;
 }
 
 // The system clock starts at the epoch; the battery-backed one went on.
 void RestoreClock() {
   Quellon::RTC::Rtc clock("/dev/rtc0");
-  if (!clock.Load() || !clock.SetSystemClock()) {
+  bool const read = clock.Load();
+  clock.rtcTime.tm_isdst = -1;  // the clock does not know whether it is summer, the zone does
+  if (!read || !clock.SetSystemClock()) {
     Tarvik::Ilog::LogLine(Tarvik::Ilog::Warning) << "[REC] The clock could not be restored";
   }
 }
