@@ -69,8 +69,18 @@ Recorder& recorder() {
   return instance;
 }
 
+thread_local int working = 0;
+
+struct Work {
+  Work() { ++working; }
+  Work(Work const&) = delete;
+  Work& operator=(Work const&) = delete;
+  ~Work() { --working; }
+};
+
 template <typename... Words>
 void Record(Words const&... words) {
+  Work const work;
   std::ostringstream text;
   std::size_t count = 0;
   ((text << (count++ == 0 ? "" : " ") << words), ...);
@@ -83,9 +93,15 @@ Function* Next(char const* name) {
   return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
 }
 
-std::optional<int> Fault(char const* function) {
-  if (!active || !hooks().fault) return std::nullopt;
-  return hooks().fault(function);
+template <typename Subject, typename... Others>
+std::optional<int> Fault(char const* function, Subject const& subject,
+                         Others const&... /*others*/) {
+  if (!active) return std::nullopt;
+  auto const error = hooks().fault ? hooks().fault(function) : std::nullopt;
+  if (error || !hooks().faultAt) return error;
+  std::ostringstream text;
+  text << subject;
+  return hooks().faultAt(function, text.str());
 }
 
 int Give(Answer answer) {
@@ -97,7 +113,8 @@ int Give(Answer answer) {
 template <typename Hook, typename Otherwise, typename... Arguments>
 int Ask(char const* function, Hook const& hook, Otherwise otherwise,
         Arguments const&... arguments) {
-  if (auto const error = Fault(function)) return Give(Answer::Failure(*error));
+  Work const work;
+  if (auto const error = Fault(function, arguments...)) return Give(Answer::Failure(*error));
   if (active && hook) return Give(hook(arguments...));
   return otherwise();
 }
@@ -128,6 +145,10 @@ void RecordSleep(std::chrono::nanoseconds duration) {
 Hooks& hooks() {
   static Hooks instance;
   return instance;
+}
+
+bool IsWorking() {
+  return working > 0;
 }
 
 std::vector<std::string> Trace() {
@@ -273,14 +294,16 @@ int open(char const* path, int flags, ...) {
     mode = va_arg(arguments, mode_t);
     va_end(arguments);
   }
-  if (auto const error = Fault("open")) return Give(Answer::Failure(*error));
+  Work const work;
+  if (auto const error = Fault("open", path)) return Give(Answer::Failure(*error));
   static auto* const next = Next<int(char const*, int, ...)>("open");
   return next(Real(path).c_str(), flags, mode);
 }
 
 FILE* fopen64(char const* path, char const* mode) {
   static auto* const next = Next<FILE*(char const*, char const*)>("fopen64");
-  if (auto const error = Fault("fopen")) {
+  Work const work;
+  if (auto const error = Fault("fopen", path)) {
     errno = *error;
     return nullptr;
   }
@@ -289,7 +312,8 @@ FILE* fopen64(char const* path, char const* mode) {
 
 DIR* opendir(char const* path) {
   static auto* const next = Next<DIR*(char const*)>("opendir");
-  if (auto const error = Fault("opendir")) {
+  Work const work;
+  if (auto const error = Fault("opendir", path)) {
     errno = *error;
     return nullptr;
   }
@@ -336,7 +360,8 @@ int rename(char const* from, char const* to) noexcept {
 
 int mkdir(char const* path, mode_t mode) noexcept {
   static auto* const next = Next<int(char const*, mode_t)>("mkdir");
-  if (auto const error = Fault("mkdir")) return Give(Answer::Failure(*error));
+  Work const work;
+  if (auto const error = Fault("mkdir", path)) return Give(Answer::Failure(*error));
   return next(Real(path).c_str(), mode);
 }
 

@@ -56,6 +56,9 @@ struct Hooks {
 
   /// Asked before everything else, with the function's name: an `errno` makes the call fail.
   std::function<std::optional<int>(std::string const& function)> fault;
+  /// The same, told also what the call is about: its path, command, request or number of seconds.
+  std::function<std::optional<int>(std::string const& function, std::string const& subject)>
+      faultAt;
 };
 
 /// The hooks in force. Set them in a test; `Reset` takes them back.
@@ -87,6 +90,10 @@ void RemoveFile(std::string const& path);
 
 /// The whole content of a file of the device.
 std::string ReadFile(std::string const& path);
+
+/// True while an interposed function does work of its own, so that memory it needs is not taken for
+/// the library's.
+bool IsWorking();
 
 /// Removes hooks, trace and everything in the private folder.
 void Reset();

@@ -1,0 +1,357 @@
+// The catalogue, the copying of files, clock, watchdog and log, with each of their calls failing in
+// turn.
+#include <dirent.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <linux/rtc.h>
+#include <linux/watchdog.h>
+#include <sys/stat.h>
+#include <sys/statvfs.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "FileUtils/FilesManager.h"
+#include "RTC/Rtc.h"
+#include "Watchdog/Watchdog.h"
+#include "tests/support/Capture.h"
+#include "tests/support/FaultTable.h"
+#include "tests/support/Interpose.h"
+#include "tests/support/LiveFiles.h"
+#include "tests/support/LogFile.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using FaultTable::kNoHarm;
+using FaultTable::Row;
+using Interpose::Answer;
+using Quellon::DiskUtils::Disk;
+using Quellon::FileUtils::FilesManager;
+using Quellon::FileUtils::Ifile;
+
+constexpr char const* kDirectory = "/mnt/sdcard/cr/";
+
+/// What stands between the end of the header of the log's lines and the ends of these.
+std::string LogText() {
+  std::string text;
+  for (auto const& line : LogFile::SplitLines(LogFile::Text())) text += "|" + line.substr(21);
+  return text;
+}
+
+/// The pattern of a request to a device that fails.
+std::string Request(unsigned long number) {
+  return "ioctl " + std::to_string(number) + " *";
+}
+
+/// The logger on a new, empty file that it has not opened, and silent on the console.
+void BeginLog() {
+  LogFile::BeginAnew();
+  Tarvik::Ilog::Logger::GetInstance()->consoleSink->enabled = false;
+}
+
+void EndLog() {
+  Tarvik::Ilog::Logger::GetInstance()->Close();
+}
+
+/// Four recordings of 1000 bytes on a card of 10,000, a minute apart.
+class Recordings {
+ public:
+  static constexpr std::size_t kSize = 1000;
+
+  Recordings() {
+    std::time_t time = 0;
+    for (char const* name : {"a.dat", "b.dat", "c.dat", "d.dat"}) {
+      std::string const path = std::string(kDirectory) + name;
+      Interpose::MakeFile(path, std::string(kSize, 'x'));
+      timespec const times[2] = {{time += 60, 0}, {time, 0}};
+      utimensat(AT_FDCWD, Interpose::Real(path).c_str(), times, 0);
+    }
+    Interpose::hooks().statvfs = [](std::string const&, struct statvfs* space) {
+      space->f_frsize = 1;
+      space->f_blocks = 10000;
+      space->f_bfree = static_cast<fsblkcnt_t>(10000 - 1000 * OnCard().size());
+      return Answer::Success();
+    };
+    Tarvik::Ilog::Logger::GetInstance()->fileSink->enabled = false;
+    Tarvik::Ilog::Logger::GetInstance()->consoleSink->enabled = false;
+    Capture::Output([this] { card.emplace("/mnt/sdcard/", "/dev/mmcblk1p1", "mmcblk1"); });
+    card->available = true;
+    catalogue = std::make_unique<FilesManager>(&*card, kDirectory, 7000, 1.0F);
+  }
+  ~Recordings() {
+    catalogue.reset();
+    LiveFiles::DeleteAll();
+  }
+
+  static std::string OnCard() {
+    std::string names;
+    for (auto const& entry : fs::directory_iterator(Interpose::Real(kDirectory))) {
+      names += entry.path().stem();
+    }
+    std::ranges::sort(names);
+    return names;
+  }
+
+  std::string Outcome() {
+    std::string names;
+    for (Ifile const* file : catalogue->GetList()) names += file->name.substr(0, 1);
+    std::string const error = catalogue->GetError() + " in " + catalogue->GetErrorPlace();
+    return (result                  ? "done"
+            : catalogue->HasError() ? error
+                                    : "failed") +
+           ", catalogue " + names + ", card " + OnCard() + ", total " +
+           std::to_string(catalogue->GetTotalFilesSize());
+  }
+
+ protected:
+  bool result = false;
+  std::optional<Disk> card;
+  std::unique_ptr<FilesManager> catalogue;
+};
+
+class Loading : public Recordings {
+ public:
+  void Run() { result = catalogue->LoadAndSort(); }
+};
+
+/// A directory that cannot be read any further counts as read to its end.
+std::vector<Row> TruncatedDirectories() {
+  Recordings const recordings;
+  std::vector<Row> rows;
+  std::string names;
+  int number = 0;
+  std::unique_ptr<DIR, int (*)(DIR*)> const directory(opendir(kDirectory), closedir);
+  for (dirent const* entry = nullptr; (entry = readdir(directory.get())) != nullptr;) {
+    rows.push_back({"readdir * (" + std::to_string(++number) + "): *",
+                    "done, catalogue " + names + ", card abcd, total " +
+                        std::to_string(Recordings::kSize * names.size())});
+    if (entry->d_name[0] != '.') names += entry->d_name[0];
+    std::ranges::sort(names);
+  }
+  return rows;
+}
+
+TEST(EveryCallFails, WhileTheCatalogueIsLoaded) {
+  std::vector<Row> table = TruncatedDirectories();
+  table.push_back(
+      {"opendir *", "Could not open directory in Load, catalogue , card abcd, total 0"});
+  for (std::string const name : {"a", "b", "c", "d"}) {
+    std::string others = "abcd";
+    std::erase(others, name[0]);
+    table.push_back(
+        {"lstat */" + name + ".dat *", "done, catalogue " + others + ", card abcd, total 3000"});
+  }
+  FaultTable::Try<Loading>(table);
+}
+
+class Adding : public Recordings {
+ public:
+  void Run() {
+    std::string name = "a.dat";
+    result = catalogue->AddFile(name);
+  }
+};
+
+TEST(EveryCallFails, WhileARecordingIsAdded) {
+  FaultTable::Try<Adding>({{"*", "File not found in AddFile, catalogue , card abcd, total 0"}});
+}
+
+class MakingRoom : public Recordings {
+ public:
+  MakingRoom() { EXPECT_TRUE(catalogue->LoadAndSort()); }
+  void Run() { result = catalogue->MakeRoom(); }
+};
+
+TEST(EveryCallFails, WhileRoomIsMade) {
+  // A recording that cannot be removed leaves the catalogue; its bytes stay counted.
+  std::string const unknown = "Get space stat error in MakeRoom, ";
+  FaultTable::Try<MakingRoom>(
+      {{"statvfs * (1): *", unknown + "catalogue abcd, card abcd, total 4000"},
+       {"statvfs * (2): *", unknown + "catalogue cd, card cd, total 2000"},
+       {"access */a.dat *", "done, catalogue d, card ad, total 2000"},
+       {"access */b.dat *", "done, catalogue d, card bd, total 2000"},
+       {"unlink *", kNoHarm}});
+}
+
+class RemovingByName : public Recordings {
+ public:
+  RemovingByName() { EXPECT_TRUE(catalogue->LoadAndSort()); }
+  void Run() {
+    std::string name = "b.dat";
+    result = catalogue->RemoveFileByName(name);
+  }
+};
+
+TEST(EveryCallFails, WhileARecordingIsRemovedByName) {
+  FaultTable::Try<RemovingByName>(
+      {{"access *", "failed, catalogue abcd, card abcd, total 4000"}, {"unlink *", kNoHarm}});
+}
+
+class Copying {
+ public:
+  Copying() {
+    BeginLog();
+    Interpose::MakeFile("/mnt/sdcard/from", content);
+    std::string path = "/mnt/sdcard/from";
+    file.emplace(path, false);
+  }
+
+  void Run() {
+    result = file->CopyTo("/mnt/sdcard/to");
+    file->Close();
+    EndLog();
+  }
+
+  std::string Outcome() {
+    EXPECT_EQ(Interpose::ReadFile("/mnt/sdcard/from"), content);
+    std::string const copy = Interpose::ReadFile("/mnt/sdcard/to");
+    EXPECT_EQ(copy, content.substr(0, copy.size()));
+    std::string const amount = copy.empty() ? "nothing" : copy == content ? "all" : "a part";
+    return (result ? "done, " : "failed, ") + amount + LogText();
+  }
+
+ private:
+  std::string const content = std::string(20000, 'y') + "end";
+  std::optional<Ifile> file;
+  bool result = false;
+};
+
+// Only a destination that cannot be opened is told of. A line that cannot be logged harms nothing.
+TEST(EveryCallFails, WhileAFileIsCopied) {
+  std::string const line = "|Copy file /mnt/sdcard/from to /mnt/sdcard/to";
+  FaultTable::Try<Copying>(
+      {{"[rw]* *: EINTR", kNoHarm},
+       {"[rw]* *: short", kNoHarm},
+       {"close *", kNoHarm},
+       {"fclose *", kNoHarm},
+       {"fopen /mnt/sdcard/to *", "failed, nothing|[ERROR]Ifile: destination file not open"},
+       {"* /var/log/quellon.log *", "done, all"},
+       {"read * (4): *", kNoHarm},  // the one that finds the end
+       {"[rw]* (1): *", "done, nothing" + line},
+       {"[rw]* *", "done, a part" + line}});
+}
+
+class Clock {
+ public:
+  Clock() {
+    Interpose::MakeFile("/dev/rtc0", "");
+    Interpose::hooks().ioctl = [](unsigned long, void*) { return Answer::Success(); };
+    Interpose::hooks().setClock = [](long) { return Answer::Success(); };
+  }
+
+  void Run() {
+    Quellon::RTC::Rtc clock("/dev/rtc0");
+    long seconds = 1614877509;
+    outcome = clock.Load() ? "loaded, " : "not loaded, ";
+    outcome += clock.Set(seconds) ? "set" : "not set";
+  }
+  std::string Outcome() { return outcome; }
+
+ private:
+  std::string outcome;
+};
+
+TEST(EveryCallFails, WhileTheClockIsReadAndSet) {
+  FaultTable::Try<Clock>({{"open * (1): *", "not loaded, set"},
+                          {Request(RTC_RD_TIME), "not loaded, set"},
+                          {"open * (2): *", "loaded, not set"},
+                          {Request(RTC_SET_TIME), "loaded, not set"},
+                          {"clock_settime *", "loaded, not set"}});
+}
+
+class Kicking {
+ public:
+  Kicking() {
+    BeginLog();
+    Interpose::MakeFile("/dev/watchdog", "");
+    Interpose::hooks().ioctl = [](unsigned long request, void* argument) {
+      if (request == WDIOC_GETTIMEOUT) *static_cast<int*>(argument) = 60;
+      return Answer::Success();
+    };
+  }
+
+  void Run() {
+    {
+      Quellon::Watchdog watchdog(60);
+      for (int kick = 1; kick <= 2; ++kick) outcome += watchdog.Reset() ? "kicked " : "not kicked ";
+    }
+    EndLog();
+  }
+  std::string Outcome() { return outcome + LogText(); }
+
+ private:
+  std::string outcome;
+};
+
+// A watchdog that could not be armed is kicked all the same. A failed kick is given up at once,
+// also when a signal interrupted it: the next one is due soon enough.
+TEST(EveryCallFails, WhileTheWatchdogIsArmedAndKicked) {
+  std::string const armed = "|[WTD] Watchdog timeout have been set to 60 seconds";
+  std::string const unknown = "|[WTD] Watchdog timeout have been set to 0 seconds";
+  std::string const kicked = "|[WTD] Watchdog have been reset";
+  std::string const closed = "|[WTD] Watchdog could not be open";
+  FaultTable::Try<Kicking>(
+      {{"close *", kNoHarm},
+       {"write *.log *: EINTR", kNoHarm},
+       {"write *.log *: short", kNoHarm},
+       {"open /dev/watchdog (1): *", "kicked kicked " + kicked + kicked},
+       {Request(WDIOC_SETTIMEOUT), "kicked kicked " + kicked + kicked},
+       {Request(WDIOC_GETTIMEOUT), "kicked kicked " + unknown + kicked + kicked},
+       {"open *watchdog (2): *", "not kicked kicked " + armed + closed + kicked},
+       {"write *watchdog (1): *", "not kicked kicked " + armed + kicked},
+       {"open *watchdog (3): *", "kicked not kicked " + armed + kicked + closed},
+       {"write *watchdog (2): *", "kicked not kicked " + armed + kicked},
+       {"write *.log (2): *", "kicked kicked " + armed},
+       {"write *.log (3): *", "kicked kicked " + armed + kicked},
+       {"* *.log *", "kicked kicked "}});
+}
+
+/// Three lines, the second of which fills the file to its limit.
+class Logging {
+ public:
+  Logging() {
+    BeginLog();
+    Interpose::MakeFile(LogFile::kPath, std::string((1 << 20) - 60, 'x') + "\n");
+  }
+
+  void Run() {
+    for (char const* text : {"one", "two", "three"}) {
+      Tarvik::Ilog::LogLine(Tarvik::Ilog::Info) << text;
+    }
+    EndLog();
+  }
+
+  std::string Outcome() {
+    std::string const older = Interpose::ReadFile(LogFile::kOlderPath);
+    return Summary(older) + " then " + Summary(LogFile::Text());
+  }
+
+ private:
+  // The text of each line; what filled the file is a dot.
+  static std::string Summary(std::string const& text) {
+    std::string summary;
+    for (auto const& line : LogFile::SplitLines(text)) {
+      summary +=
+          line.starts_with('x') ? "." : "|" + line.substr(std::min<std::size_t>(21, line.size()));
+    }
+    return summary;
+  }
+};
+
+// A log that cannot be written is given up; one that cannot be set aside is emptied.
+TEST(EveryCallFails, WhileLinesAreLogged) {
+  FaultTable::Try<Logging>({{"close *", kNoHarm},
+                            {"write *: EINTR", kNoHarm},
+                            {"write *: short", kNoHarm},
+                            {"rename *", " then |three"},
+                            {"write * (2): *", " then .|one"},
+                            {"* (1): *", " then ."},
+                            {"*", ".|one|two then "}});
+}
+
+}  // namespace

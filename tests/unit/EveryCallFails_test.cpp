@@ -1,0 +1,192 @@
+// The start-up of the card and the count of reboots, with each of their calls failing in turn.
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <optional>
+#include <regex>
+#include <sstream>
+#include <string>
+
+#include "DiskUtils/System.h"
+#include "tests/support/Capture.h"
+#include "tests/support/FakeCard.h"
+#include "tests/support/FaultTable.h"
+#include "tests/support/Interpose.h"
+
+namespace {
+
+using FaultTable::kNoHarm;
+using Quellon::DiskUtils::Disk;
+
+constexpr char const* kCounterFile = "/root/system.dat";
+
+/// The facade, which in service never goes, with the card it owns.
+class System : public Quellon::System {
+ public:
+  System() = default;
+  ~System() override { delete disk; }
+};
+
+std::string NewSystem(std::optional<System>& system) {
+  return Capture::Output([&] { system.emplace(); });
+}
+
+/// The value of a key of the health report, as it is written.
+std::string Health(System const& system, std::string const& key) {
+  std::string const report = system.GetHealthReport();
+  std::smatch found;
+  std::regex_search(report, found, std::regex("\"" + key + "\":([^,}]*)"));
+  return found[1];
+}
+
+/// The messages of the exceptions that were told of.
+std::string Exceptions(std::string const& output) {
+  std::string messages;
+  std::regex const line("(?:Disk exception|Exception disk \\(0\\):) ([^\n]*)\n");
+  for (std::sregex_iterator found(output.begin(), output.end(), line), end; found != end; ++found) {
+    messages += (*found)[1].str() + "; ";
+  }
+  return messages;
+}
+
+/// A good card, after three reboots for one that failed: the limit, so that each failure ends in a
+/// report.
+class GoodCard {
+ public:
+  GoodCard() {
+    Interpose::MakeFile(kCounterFile, R"({"sdcard-status-conter":3})");
+    Interpose::hooks().reboot = [](int) { return Interpose::Answer::Failure(EPERM); };
+    NewSystem(system);
+  }
+
+  void Run() {
+    output = Capture::Output([this] { result = system->InitDisk(); });
+  }
+
+  std::string Outcome() {
+    EXPECT_EQ(result, system->disk);
+    EXPECT_EQ(system->diskFault, !result->available);
+    EXPECT_TRUE(Interpose::Traced("reboot").empty());
+    std::string outcome = Exceptions(output) + (result->available ? "in service" : "refused") +
+                          ", state " + Health(*system, "zr") + ", check " + Health(*system, "zf");
+    if (Health(*system, "zi") != "\"\"") outcome += ", cid";
+    if (Health(*system, "zs") != "0") outcome += ", size";
+    if (Health(*system, "zl") != "0") outcome += ", writes";
+    return outcome;
+  }
+
+ private:
+  FakeCard card;
+  std::optional<System> system;
+  Disk* result = nullptr;
+  std::string output;
+};
+
+TEST(EveryCallFails, WhileAGoodCardIsStarted) {
+  std::string const refused = "The device is not available; refused, state 3, check 0";
+  std::string const known = ", cid, size";
+  std::string const served = "in service, state 0, check ";
+  FaultTable::Try<GoodCard>(
+      {{"read *: EINTR", kNoHarm},
+       {"read *: short", kNoHarm},
+       // The constructor.
+       {"access /dev/mmcblk1 (1): *", "Disk not found; " + refused},
+       {"access /dev/mmcblk1p1 (1): *", "Disk not found; " + refused + known},
+       {"stat /mnt/sdcard/ (1): *", "Stat error (1); " + refused + known},
+       {"stat /mnt/sdcard/.. (1): *", "Stat error (2); " + refused + known},
+       {"statvfs *", "Get space stat error; " + refused + known},
+       // The scan. A test file that could not be made is missed after the check; one that could not
+       // be written is there all the same.
+       {"fopen *check.tmp *", "disk malfunction; refused, state 1, check 0" + known},
+       {"system fsck *: exit 1", served + "1, cid, size, writes"},
+       {"system fsck *: exit 127", served + "127, cid, size, writes"},
+       {"system fsck *", served + "255, cid, size, writes"},
+       {"access /dev/mmcblk1 (2): *", "Disk not present; refused, state 3, check 0" + known},
+       {"access /dev/mmcblk1p1 (2): *", "Disk not present; refused, state 3, check 0" + known},
+       {"stat /mnt/sdcard/ (2): *", "Stat error (1); refused, state 3, check 0" + known},
+       {"stat /mnt/sdcard/.. (2): *", "Stat error (2); refused, state 3, check 0" + known},
+       {"access *check.tmp *", "disk malfunction; refused, state 1, check 0" + known},
+       // The identity is read twice; what is unknown the second time is unknown.
+       {"fclose *", kNoHarm},
+       {"* /sys/block/mmcblk1/device/cid (2): *", served + "0, size, writes"},
+       {"* /sys/block/mmcblk1/size (2): *", served + "0, cid, writes"},
+       {"* /sys/fs/*/lifetime_write_kbytes *", served + "0, cid, size"}});
+}
+
+/// No card, and a machine that has been rebooted for it once.
+class MissingCard {
+ public:
+  MissingCard() {
+    Interpose::MakeFile(kCounterFile, R"({"sdcard-status-conter":1})");
+    Interpose::RemoveFile("/dev/mmcblk1");
+    Interpose::hooks().reboot = [](int) { return Interpose::Answer::Failure(EPERM); };
+    NewSystem(system);
+  }
+
+  void Run() {
+    Capture::Descriptor const complaints(2);
+    Capture::Output([this] { result = system->InitDisk(); });
+  }
+
+  std::string Outcome() {
+    bool const rebooted = !Interpose::Traced("reboot").empty();
+    EXPECT_EQ(result == nullptr, rebooted);
+    EXPECT_EQ(system->GetHealthReport() == "{}", rebooted);
+    EXPECT_TRUE(system->diskFault);
+    return (rebooted ? "rebooted, " : "carried on, ") + Interpose::ReadFile(kCounterFile);
+  }
+
+ private:
+  FakeCard card;
+  std::optional<System> system;
+  Disk* result = nullptr;
+};
+
+TEST(EveryCallFails, WhileAMissingCardIsStarted) {
+  std::string const one = R"({"sdcard-status-conter":1})";
+  std::string const two = R"({"sdcard-status-conter":2})";
+  FaultTable::Try<MissingCard>({{"[rw]* *: EINTR", kNoHarm},
+                                {"[rw]* *: short", kNoHarm},
+                                {"fopen * (1): *", "carried on, " + one},
+                                {"read *", "carried on, " + one},
+                                // It cannot be saved, and the card may still need the reboot.
+                                {"fopen * (2): *", "rebooted, " + one},
+                                {"write *", "carried on, "},
+                                {"fclose * (2): *", "carried on, " + two}});
+}
+
+/// The count of reboots written, read and removed.
+class Counter {
+ public:
+  Counter() {
+    Interpose::MakeFile(kCounterFile, R"({"sdcard-status-conter":1})");
+    NewSystem(system);
+  }
+
+  void Run() {
+    outcome << std::boolalpha;
+    Capture::Output([this] {
+      outcome << "saved " << system->SaveSDCardStatusCounter(2);
+      outcome << ", read " << system->ReadSDCardStatusCounter();
+      outcome << ", removed " << system->SaveSDCardStatusCounter(0);
+    });
+  }
+  std::string Outcome() { return outcome.str(); }
+
+ private:
+  std::ostringstream outcome;
+  std::optional<System> system;
+};
+
+TEST(EveryCallFails, WhileTheCounterIsKept) {
+  FaultTable::Try<Counter>({{"[rw]* *: EINTR", kNoHarm},
+                            {"[rw]* *: short", kNoHarm},
+                            {"fopen * (1): *", "saved true, read 1, removed true"},
+                            {"write *", "saved false, read 0, removed true"},
+                            {"fclose * (1): *", "saved false, read 2, removed true"},
+                            {"fopen * (2): *", "saved true, read -1, removed true"},
+                            {"read *", "saved true, read -1, removed true"},
+                            {"unlink *", "saved true, read 2, removed false"}});
+}
+
+}  // namespace
