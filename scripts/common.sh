@@ -24,7 +24,17 @@ help_if_asked() {
   exit 0
 }
 
-# Installs the Debian packages among the given ones that are missing.
+# Refuses arguments that the calling script does not know; the first one lists those it knows.
+refuse_unknown() {
+  local known=" $1 " argument
+  shift
+  for argument in "$@"; do
+    [[ $known == *" $argument "* ]] || fail "unknown argument: $argument; see --help"
+  done
+}
+
+# Installs the Debian packages among the given ones that are missing. An index that a mirror is just
+# rewriting does not matter unless the packages cannot be had without it.
 need_packages() {
   local missing=() package
   for package in "$@"; do
@@ -38,8 +48,9 @@ Install them as root: apt-get install ${missing[*]}"
   step "Installing ${missing[*]}"
   local log
   log=$(mktemp)
-  if ! { apt-get update && DEBIAN_FRONTEND=noninteractive apt-get install -y \
-    --no-install-recommends "${missing[@]}"; } >"$log" 2>&1 </dev/null; then
+  apt-get update >"$log" 2>&1 </dev/null || true
+  if ! DEBIAN_FRONTEND=noninteractive apt-get install -y --no-install-recommends \
+    "${missing[@]}" >>"$log" 2>&1 </dev/null; then
     tail -n 30 "$log" >&2
     rm -f "$log"
     fail "could not install: ${missing[*]}"
@@ -49,7 +60,8 @@ Install them as root: apt-get install ${missing[*]}"
 
 # Packages to build the libraries on this machine, and to build and run their tests.
 build_packages=(g++ cmake ninja-build)
-test_packages=(libgtest-dev libgmock-dev e2fsprogs util-linux mount fdisk gcovr libxml2-utils)
+test_packages=(libgtest-dev libgmock-dev e2fsprogs util-linux mount fdisk gcovr libxml2-utils
+  python3)
 
 # Configures and builds a preset; prints the compiler's words only if it fails.
 build() {

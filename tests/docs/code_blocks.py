@@ -4,7 +4,7 @@
   code_blocks.py BUILD_FOLDER COMPILER
 
 Every fenced block names its language:
-  cpp    part of a source of this project, word for word, or a program that builds with the libraries
+  cpp    part of a source of this project, word for word, or a program that builds with it
   sh     commands, checked as below
   json   one JSON text
   text   output, shown for reading
@@ -75,7 +75,7 @@ def check_block(language: str, block: str, build: Path, compiler: str) -> list[s
 
 def check_program(block: str, build: Path, compiler: str) -> list[str]:
     """Takes code as it is if it stands in what the project builds; else compiles and links it."""
-    sources = (source for folder in ("examples", "tests") for source in (ROOT / folder).rglob("*.cpp"))
+    sources = [*(ROOT / "examples").rglob("*.cpp"), *(ROOT / "tests").rglob("*.cpp")]
     if any(block in source.read_text() for source in sources):
         return []
     with tempfile.TemporaryDirectory() as folder:

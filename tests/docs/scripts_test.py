@@ -1,0 +1,55 @@
+#!/usr/bin/env python3
+"""Tests of the comfort of the commands that a person types."""
+
+import subprocess
+import unittest
+from pathlib import Path
+
+ROOT = Path(__file__).resolve().parents[2]
+SCRIPTS = sorted(path for path in (ROOT / "scripts").iterdir()
+                 if path.suffix not in (".sh", ".md") and path.is_file())
+
+
+class Scripts(unittest.TestCase):
+    def test_there_are_scripts(self):
+        self.assertIn(ROOT / "scripts/test", SCRIPTS)
+
+    def test_each_has_help_that_says_how_to_use_it(self):
+        for script in SCRIPTS:
+            for option in ("--help", "-h"):
+                result = self.run_script(script, option)
+                self.assertEqual(result.returncode, 0, script)
+                self.assertIn("usage:", result.stdout.lower(), script)
+
+    def test_each_stands_in_the_readme(self):
+        readme = (ROOT / "README.md").read_text()
+        for script in SCRIPTS:
+            self.assertIn(f"| `scripts/{script.name}` |", readme)
+
+    def test_none_takes_an_option_it_does_not_know(self):
+        for script in SCRIPTS:
+            result = self.run_script(script, "--nonsense")
+            self.assertNotEqual(result.returncode, 0, script)
+            self.assertIn("--nonsense", result.stderr, script)
+
+    def test_none_colours_what_is_no_terminal(self):
+        for script in SCRIPTS:
+            self.assertNotIn("\x1b", self.run_script(script, "--help").stdout, script)
+        self.assertNotIn("\x1b", self.step())
+
+    def test_a_step_is_bold_on_a_terminal(self):
+        self.assertIn("\x1b[1m== Here", self.step("script", "-qec"))
+
+    def step(self, *terminal: str) -> str:
+        command = f"bash -c '. {ROOT}/scripts/common.sh; step Here'"
+        arguments = [*terminal, command, "/dev/null"] if terminal else ["sh", "-c", command]
+        return subprocess.run(arguments, capture_output=True, text=True, timeout=60,
+                              stdin=subprocess.DEVNULL, check=True).stdout
+
+    def run_script(self, script: Path, argument: str):
+        return subprocess.run([script, argument], capture_output=True, text=True, timeout=60,
+                              stdin=subprocess.DEVNULL)
+
+
+if __name__ == "__main__":
+    unittest.main()
