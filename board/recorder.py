@@ -3,8 +3,8 @@
 import json
 from collections.abc import Iterable
 
-from board.board import expect, expect_equal
-from board.image import Image
+from board.board import Board, expect, expect_equal
+from board.image import Image, fill
 from board.machine import Machine
 
 FOLDER = "/cr"
@@ -80,10 +80,16 @@ def expect_intact(card: Image, files: dict[str, bytes]):
         expect(card.read(f"{FOLDER}/{name}") == content, f"{name} is not intact")
 
 
-def expect_gave_up(machine: Machine, storage: Image, state: int):
-    """The board has started three times more for its card and then done without it."""
-    expect_equal(machine.boots, 4, "starts")
-    expect_equal(machine.resets, 3, "resets")
+def count_reboots(board: Board, reboots: int):
+    """Makes the storage of a board that has rebooted so often in a row for its card."""
+    text = json.dumps({"sdcard-status-conter": reboots}).encode()
+    board.storage.format(fill(board.folder / f"storage-{reboots}", {"system.dat": text}))
+
+
+def expect_gave_up(machine: Machine, storage: Image, state: int, counted: int = 0):
+    """The board has rebooted for its card up to three times in all, and then done without it."""
+    expect_equal(machine.boots, 4 - counted, "starts")
+    expect_equal(machine.resets, 3 - counted, "resets")
     expect_equal(counter(storage), 3, "the counter")
     expect_equal(health(machine)["zr"], state, "the card's state")
     expect_equal(recorded(machine), [], "recordings")
