@@ -42,4 +42,12 @@ std::string ErrorOutput(Work work) {
   return captured.Text();
 }
 
+/// What `work` writes to standard output and then what it writes to standard error.
+template <typename Work>
+std::string AllOutput(Work work) {
+  std::string output;
+  std::string const errors = ErrorOutput([&] { output = Output(work); });
+  return output + errors;
+}
+
 }  // namespace Capture

@@ -323,7 +323,7 @@ DIR* opendir(char const* path) {
 int access(char const* path, int mode) noexcept {
   static auto* const next = Next<int(char const*, int)>("access");
   return Ask(
-      "access", hooks().access, [&] { return next(Real(path).c_str(), mode); }, path);
+      "access", hooks().access, [&] { return next(Real(path).c_str(), mode); }, path, mode);
 }
 
 int stat(char const* __restrict path, struct stat* __restrict status) noexcept {

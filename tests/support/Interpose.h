@@ -39,7 +39,7 @@ struct Hooks {
   std::function<Answer(std::string const& command)> system;
   std::function<Answer(long seconds)> setClock;
   std::function<Answer(unsigned long request, void* argument)> ioctl;
-  std::function<Answer(std::string const& path)> access;
+  std::function<Answer(std::string const& path, int mode)> access;
   std::function<Answer(std::string const& path, struct stat* status)> stat;
   std::function<Answer(std::string const& path, struct stat* status)> lstat;
   std::function<Answer(std::string const& path, struct statvfs* space)> statvfs;

@@ -1,5 +1,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
@@ -68,12 +69,14 @@ TEST(Properties, AreEmptyAndReportedWhenTheFileIsMissing) {
 
 TEST(Properties, AreReportedMissingWhenTheFileIsNotReadable) {
   MakeFile(kProperty, "31116288\n");
-  hooks().access = [](std::string const&) { return Answer::Failure(EACCES); };
+  hooks().access = [](std::string const&, int mode) {
+    return mode == R_OK ? Answer::Failure(EACCES) : Answer::Success();
+  };
   EXPECT_THAT(Read(kProperty), testing::Pair("", Missing(kProperty)));
 }
 
 TEST(Properties, AreEmptyWhenTheFileVanishesBeforeItIsOpened) {
-  hooks().access = [](std::string const&) { return Answer::Success(); };
+  hooks().access = [](auto&&...) { return Answer::Success(); };
   EXPECT_THAT(Read(kProperty), testing::Pair("", ""));
 }
 

@@ -1,5 +1,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <exception>
@@ -98,6 +99,27 @@ TEST_F(DiskScan, WritesAndFlushesTheTestFileBeforeTheCheck) {
   Scan();
   EXPECT_EQ(flushed, "velmor");
   EXPECT_EQ(checked, "velmor");
+}
+
+TEST_F(DiskScan, ClosesTheTestFileBeforeItFlushesTheCard) {
+  int flushes = 0;
+  Capture::Output([&] {
+    Descriptors::Watch const descriptors;
+    hooks().sync = [&] {
+      ++flushes;
+      EXPECT_THAT(descriptors.Opened(), IsEmpty());
+    };
+    disk->ScanDisk();
+  });
+  EXPECT_EQ(flushes, 1);
+}
+
+TEST_F(DiskScan, FindsATestFileThatItMayNotRead) {
+  hooks().access = [](std::string const& path, int mode) {
+    bool const readable = path != FakeCard::kTestFile || mode == F_OK;
+    return readable ? Answer::Success() : Answer::Failure(EACCES);
+  };
+  EXPECT_EQ(Scan(), "passed");
 }
 
 TEST_F(DiskScan, OverwritesATestFileThatAnEarlierScanLeft) {
@@ -227,7 +249,7 @@ TEST_F(DiskScan, RecordsZeroLifetimeWritesWhenTheyAreUnknown) {
 TEST_F(DiskScan, NamesThePartitionByWhatFollowsTheLastSlashOrBackslash) {
   for (char const* const path :
        {"mmcblk1p1", "\\dev\\mmcblk1p1", "/dev\\mmcblk1p1", "\\dev/mmcblk1p1", "/dev/mmcblk1p1"}) {
-    hooks().access = [](auto&&) { return Answer::Success(); };
+    hooks().access = [](auto&&...) { return Answer::Success(); };
     FakeCard::Status().lifetimeWritesKB = 0;
     disk->devicePath = path;
     EXPECT_EQ(Scan(), "passed");
@@ -245,10 +267,12 @@ TEST_F(DiskScan, LeavesTheSpaceFiguresAsTheyWere) {
 // writing.
 TEST_F(DiskScan, GivesUpWhicheverAllocationFailsWhileWritingTheTestFile) {
   hooks().sync = FailingAllocation::Stop;
+  constexpr int kEarlierResult = 4;
   Descriptors::Watch const descriptors;
   int number = 1;
   for (bool failed = true; failed; ++number) {
     disk->available = true;
+    FakeCard::Status().fsckStatus = kEarlierResult;
     Capture::Descriptor captured(1);
     FailingAllocation const allocation(number + 1);
     std::string result = "passed";
@@ -260,6 +284,8 @@ TEST_F(DiskScan, GivesUpWhicheverAllocationFailsWhileWritingTheTestFile) {
     failed = FailingAllocation::Happened();
     EXPECT_EQ(result, failed ? "Could not write test file" : "passed") << "allocation " << number;
     EXPECT_EQ(disk->available, !failed);
+    EXPECT_EQ(FakeCard::Status().fsckStatus, failed ? kEarlierResult : 0);
+    EXPECT_EQ(Interpose::Traced("system").empty(), failed);
   }
   EXPECT_GT(number, 2);
   EXPECT_THAT(descriptors.Opened(), IsEmpty());

@@ -1,6 +1,7 @@
 #include <dlfcn.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -143,6 +144,18 @@ TEST_F(DiskStartup, WaitsASecondAfterTheScan) {
                           "unlink /mnt/sdcard/check.tmp", Sleep(1s)));
 }
 
+TEST_F(DiskStartup, TakesTheFaultBackBeforeItsPauseAndReportsAfterIt) {
+  int pauses = 0;
+  hooks().sleep = [&](auto) {
+    ++pauses;
+    EXPECT_FALSE(system->diskFault);
+    ExpectNoReport();
+  };
+  EXPECT_THAT(Start(), testing::EndsWith(kRule + "\n"));
+  EXPECT_EQ(pauses, 1);
+  ExpectState(0);
+}
+
 TEST_F(DiskStartup, LeavesTheCounterAsItWasAfterAGoodStart) {
   StoreCounter("2");
   Start();
@@ -161,9 +174,13 @@ TEST_F(DiskStartup, WaitsASecondAndKeepsTheFaultWhenAScanLeavesTheCardUnavailabl
 TEST_F(DiskStartup, RebootsForAFailingCardWithoutACounterFile) {
   RemoveCard();
   std::filesystem::create_directories(Interpose::Real("/root/"));
+  hooks().system = [](std::string const&) {
+    EXPECT_EQ(write(1, "*", 1), 1);  // nothing may be left for a console that goes down
+    return Interpose::Answer::Success();
+  };
   EXPECT_EQ(Start(), kRefusal + Found("0") +
                          "Save sdcard status counter 1 to file\n"
-                         "Done save counter, trigger reboot...\n");
+                         "Done save counter, trigger reboot...\n*");
   EXPECT_EQ(result, nullptr);
   EXPECT_EQ(ReadFile(kCounterFile), Counter("1"));
   EXPECT_THAT(Trace(), ElementsAre("sync", "system reboot", Sleep(20s), "chdir /", "sync",
@@ -295,7 +312,7 @@ TEST_F(DiskStartup, DeletesTheFirstDiskBeforeItBuildsTheSecond) {
   };
   std::vector<std::string> events;
   Capture::Output([&] { system->disk = std::make_unique<WatchedDisk>(events).release(); });
-  hooks().access = [&](std::string const& path) {
+  hooks().access = [&](std::string const& path, int /*mode*/) {
     events.push_back(path);
     return Interpose::Answer::Success();
   };
@@ -308,7 +325,7 @@ TEST_F(DiskStartup, DeletesTheFirstDiskBeforeItBuildsTheSecond) {
 
 TEST_F(DiskStartup, HoldsNoDiskWhileItBuildsTheNext) {
   Start();
-  hooks().access = [this](std::string const&) {
+  hooks().access = [this](auto&&...) {
     EXPECT_EQ(system->disk, nullptr);
     return Interpose::Answer::Failure(ENOENT);
   };

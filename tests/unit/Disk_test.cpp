@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/mount.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <chrono>
@@ -15,8 +16,10 @@
 #include "base/IException.h"
 #include "tests/support/Capture.h"
 #include "tests/support/Descriptors.h"
+#include "tests/support/FailingAllocation.h"
 #include "tests/support/FakeCard.h"
 #include "tests/support/Interpose.h"
+#include "tests/support/LastException.h"
 
 namespace {
 
@@ -49,6 +52,8 @@ Tarvik::IException Thrown(Work work) {
 
 class DiskTest : public testing::Test {
  protected:
+  DiskTest() { LastException().reset(); }
+
   /// Makes the Disk and returns what that prints.
   std::string Make(std::string const& mountPoint = FakeCard::kMountPoint) {
     return Capture::Output(
@@ -86,6 +91,17 @@ TEST_F(DiskTest, IsAvailableAndMeasuredWithAGoodCard) {
   EXPECT_THAT(Trace(), IsEmpty());
 }
 
+TEST_F(DiskTest, PrintsWhateverStandardExceptionItsMakingMeets) {
+  std::optional<FailingAllocation> allocation;
+  hooks().access = [&](std::string const& path, int /*mode*/) {
+    if (path == "/dev/mmcblk1") allocation.emplace(1);
+    return Answer::Success();
+  };
+  EXPECT_EQ(Make(), "Disk exception std::bad_alloc\n");
+  EXPECT_TRUE(FailingAllocation::Happened());
+  EXPECT_FALSE(disk->available);
+}
+
 TEST_F(DiskTest, RecordsTheCardInTheStatusTable) {
   Make();
   ASSERT_THAT(Disk::deviceStatusList, SizeIs(1));
@@ -103,6 +119,7 @@ TEST_F(DiskTest, IsNotFoundWithoutItsBlockDevice) {
   Interpose::RemoveFile("/dev/mmcblk1");
   FakeCard::Status().present = true;
   EXPECT_EQ(Make(), "Disk exception Disk not found\n");
+  EXPECT_EQ(LastException()->code, 0);
   EXPECT_FALSE(disk->available);
   EXPECT_EQ(disk->totalBytes, 0);
   EXPECT_EQ(disk->freeBytes, 0);
@@ -140,13 +157,32 @@ TEST_F(DiskTest, IsPresentAndMeasuredButNotAvailableWhenTheCardIsReadOnly) {
   EXPECT_EQ(disk->totalBytes, 12288000000);
 }
 
+TEST_F(DiskTest, TakesEveryNumberButZeroForTheReadOnlyFlag) {
+  Make();
+  for (auto const& [text, flag] : std::vector<std::pair<std::string, bool>>{
+           {"2\n", true}, {"yes\n", false}, {"-1\n", true}, {"0\n", false}}) {
+    FakeCard::SetProperty("ro", text);
+    EXPECT_TRUE(disk->CheckDeviceStatus());
+    EXPECT_EQ(FakeCard::Status().readOnly, flag) << text;
+  }
+}
+
+TEST_F(DiskTest, TakesACardWithoutTheReadOnlyFlagForWritable) {
+  Interpose::RemoveFile("/sys/block/mmcblk1/ro");
+  FakeCard::Status().readOnly = true;
+  EXPECT_EQ(Make(), "ERR: [/sys/block/mmcblk1/ro] does not exist !\n" + std::string(kSpaceLine));
+  EXPECT_FALSE(FakeCard::Status().readOnly);
+  EXPECT_TRUE(disk->available);
+}
+
 TEST_F(DiskTest, RefusesAMountPointWhoseCardFailedBeforeItTouchesAnything) {
   FakeCard::Status().malfunction = 1;
-  hooks().access = [](std::string const& path) {
+  hooks().access = [](std::string const& path, int /*mode*/) {
     ADD_FAILURE() << path;
     return Answer::Success();
   };
   EXPECT_EQ(Make(), "Disk exception Disk malfunction status had been set to read-only\n");
+  EXPECT_EQ(LastException()->code, 0);
   EXPECT_FALSE(disk->available);
   EXPECT_EQ(FakeCard::Status().malfunction, 1);
 }
@@ -194,8 +230,9 @@ TEST_F(DiskTest, IsNotFoundWhenItCannotBeMounted) {
 
 TEST_F(DiskTest, LooksForTheCardInAFixedOrder) {
   std::vector<std::string> asked;
-  hooks().access = [&](std::string const& path) {
+  hooks().access = [&](std::string const& path, int mode) {
     asked.push_back(path);
+    EXPECT_EQ(mode, path.starts_with("/sys/") ? R_OK : F_OK) << path;
     return Answer::Success();
   };
   Make();
@@ -289,10 +326,12 @@ TEST_F(DiskTest, PrintsWholeMegabytesOnly) {
 TEST_F(DiskTest, MountsAndTellsWhetherTheKernelDidIt) {
   Make();
   EXPECT_TRUE(disk->Mount());
-  card.systemCallsWork = false;
+  hooks().mount = [](auto&&...) { return Answer{1, 0}; };
+  EXPECT_TRUE(disk->Mount()) << "only a negative result is a failure";
+  hooks().mount = [](auto&&...) { return Answer::Failure(EBUSY); };
   EXPECT_FALSE(disk->Mount());
   EXPECT_EQ(MS_NOEXEC | MS_NOATIME | MS_NODIRATIME, 3080);
-  EXPECT_THAT(Trace(), ElementsAre(kMountCall, kMountCall));
+  EXPECT_THAT(Trace(), ElementsAre(kMountCall, kMountCall, kMountCall));
 }
 
 TEST_F(DiskTest, UnmountsAtOnceWhereItCan) {

@@ -14,6 +14,7 @@
 #include <type_traits>
 #include <vector>
 
+#include "tests/support/Capture.h"
 #include "tests/support/Interpose.h"
 
 namespace {
@@ -103,6 +104,21 @@ TEST_F(File, ExistsWhenItsPathLeadsSomewhere) {
   EXPECT_FALSE(file->FileExists());
   fs::create_directories(Interpose::Real(kPath));
   EXPECT_TRUE(file->FileExists());
+}
+
+TEST_F(File, ExistsThoughItMayNotBeRead) {
+  MakeOfSize(1);
+  int asked = 0;
+  Interpose::hooks().access = [&asked](std::string const&, int mode) {
+    ++asked;
+    return mode == F_OK ? Answer::Success() : Answer::Failure(EACCES);
+  };
+  std::string newPath = "/mnt/sdcard/cr/other";
+  EXPECT_TRUE(file->FileExists());
+  EXPECT_TRUE(file->Stat());
+  EXPECT_TRUE(file->Rename(newPath));
+  EXPECT_TRUE(file->Remove());
+  EXPECT_EQ(asked, 4);
 }
 
 TEST_F(File, StatTellsSizeAndModificationTime) {
@@ -348,6 +364,22 @@ TEST_F(File, RenameThatFailsChangesNothing) {
   EXPECT_EQ(file->path, kPath);
   EXPECT_EQ(file->name, "clip.gps");
   EXPECT_EQ(file->extension, "gps");
+}
+
+TEST_F(File, FailsWithoutAWord) {
+  std::string newPath = "/mnt/sdcard/cr/other.log";
+  auto const everythingFails = [&] {
+    EXPECT_FALSE(file->Stat());
+    EXPECT_FALSE(file->Remove());
+    EXPECT_FALSE(file->Rename(newPath));
+  };
+  EXPECT_EQ(Capture::AllOutput(everythingFails), "");
+  MakeOfSize(1);
+  auto& hooks = Interpose::hooks();
+  hooks.lstat = [](auto&&...) { return Answer::Failure(EOVERFLOW); };
+  hooks.unlink = [](auto&&) { return Answer::Failure(EROFS); };
+  hooks.rename = [](auto&&...) { return Answer::Failure(EXDEV); };
+  EXPECT_EQ(Capture::AllOutput(everythingFails), "");
 }
 
 TEST_F(File, CanBeRenamedToAStringOfItsOwn) {

@@ -14,6 +14,7 @@
 #include "tests/support/Descriptors.h"
 #include "tests/support/FailingAllocation.h"
 #include "tests/support/Interpose.h"
+#include "tests/support/LastException.h"
 
 namespace {
 
@@ -102,7 +103,11 @@ INSTANTIATE_TEST_SUITE_P(
 
 TEST_F(StatusCounter, IsMinusOneWhenTheFileCannotBeOpened) {
   MakeFile("/root/system.dat/in-its-place", "");
+  LastException().reset();
   EXPECT_EQ(Capture::Output([&] { EXPECT_EQ(system.ReadSDCardStatusCounter(), -1); }), "");
+  ASSERT_TRUE(LastException());
+  EXPECT_STREQ(LastException()->what(), "sdcard status file cannot be open");
+  EXPECT_EQ(LastException()->code, 0);
   EXPECT_THAT(descriptors.Opened(), IsEmpty());
 }
 
