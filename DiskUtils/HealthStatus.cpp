@@ -6,7 +6,7 @@ HealthStatus::HealthStatus() = default;
 HealthStatus::~HealthStatus() = default;
 
 std::string HealthStatus::ToText() const {
-  return Tarvik::Json::Serialize(status);
+  return status.ToText();
 }
 
 }  // namespace Quellon

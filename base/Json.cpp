@@ -98,8 +98,9 @@ Value& Object::operator[](char const* key) {
   return (*this)[std::string(key)];
 }
 
+// Keys mostly come ascending, as they are in serialised texts.
 Value& Object::operator[](std::string const& key) {
-  return members[key];
+  return members.try_emplace(members.end(), key)->second;
 }
 bool Object::HasKey(std::string const& key) const {
   return members.contains(key);

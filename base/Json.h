@@ -90,6 +90,9 @@ class QUELLON_EXPORT Object {
   /// The number of members.
   [[nodiscard]] std::size_t Size() const noexcept;
 
+  /// What `Serialize` makes of the object, without a copy of it.
+  [[nodiscard]] std::string ToText() const;
+
   /// Members, keys ascending bytewise.
   using Members = std::map<std::string, Value, std::less<>>;
   /// The first member.

@@ -1,5 +1,4 @@
 // JSON text as values: a recursive descent over the grammar of RFC 8259.
-#include <algorithm>
 #include <charconv>
 #include <limits>
 #include <locale>
@@ -9,6 +8,7 @@
 
 #include "base/IException.h"
 #include "base/Json.h"
+#include "base/JsonText.h"
 #include "base/Utf8.h"
 
 namespace Tarvik::Json {
@@ -48,7 +48,9 @@ class Reader {
   }
 
   void SkipBlanks() {
-    position = std::min(text.find_first_not_of(" \t\n\r", position), text.size());
+    position += RunLength(text.substr(position), [](char character) {
+      return character == ' ' || character == '\t' || character == '\n' || character == '\r';
+    });
   }
 
   Value ReadValue();
@@ -151,7 +153,9 @@ std::string Reader::ReadString() {
 
 void Reader::ReadPlainCharacters(std::string& characters) {
   std::size_t const start = position;
-  while (position < text.size()) {
+  while (true) {
+    position += PlainLength(text.substr(position));
+    if (position == text.size()) break;
     char const next = text[position];
     if (next == '"' || next == '\\' || static_cast<unsigned char>(next) < 0x20) break;
     std::size_t const length = Utf8Length(text.substr(position));
@@ -196,9 +200,10 @@ unsigned long Reader::ReadFourHexDigits() {
 }
 
 void Reader::SkipDigits() {
-  std::size_t const end = std::min(text.find_first_not_of("0123456789", position), text.size());
-  if (end == position) Fail("missing digit");
-  position = end;
+  std::size_t const count = RunLength(
+      text.substr(position), [](char character) { return character >= '0' && character <= '9'; });
+  if (count == 0) Fail("missing digit");
+  position += count;
 }
 
 bool Reader::SkipFractionAndExponent() {
@@ -212,11 +217,11 @@ bool Reader::SkipFractionAndExponent() {
 }
 
 // The nearest double; for a number beyond the range of doubles that is infinity or zero.
-double ToDouble(std::string const& digits) {
+double ToDouble(std::string_view digits) {
   double number = 0;
   auto const result = std::from_chars(digits.data(), digits.data() + digits.size(), number);
   if (result.ec == std::errc()) return number;
-  std::istringstream stream(digits);
+  std::istringstream stream{std::string(digits)};
   stream.imbue(std::locale::classic());
   if (stream >> number) return number;
   double const infinity = std::numeric_limits<double>::infinity();
@@ -225,8 +230,7 @@ double ToDouble(std::string const& digits) {
 
 Value Reader::ReadNumber() {
   std::size_t const start = position;
-  if (std::string_view("-0123456789").find(Peek()) == std::string_view::npos) Fail("missing value");
-  Accept('-');
+  if (!Accept('-') && (Peek() < '0' || Peek() > '9')) Fail("missing value");
   if (!Accept('0')) SkipDigits();
   bool const whole = !SkipFractionAndExponent();
   std::string_view const digits = text.substr(start, position - start);
@@ -235,7 +239,7 @@ Value Reader::ReadNumber() {
       std::from_chars(digits.data(), digits.data() + digits.size(), integer).ec == std::errc()) {
     return integer;
   }
-  return ToDouble(std::string(digits));
+  return ToDouble(digits);
 }
 
 }  // namespace

@@ -5,14 +5,28 @@
 #include <string_view>
 
 #include "base/Json.h"
+#include "base/JsonText.h"
 #include "base/Utf8.h"
 
 namespace Tarvik::Json {
 
+namespace {
+
+constexpr std::size_t kUsualLength = 256;  // of a health summary, with some to spare
+
+}  // namespace
+
 class Writer {
  public:
+  Writer() { text.reserve(kUsualLength); }
+
   std::string Text(Value const& value) {
     Append(value);
+    return std::move(text);
+  }
+
+  std::string Text(Object const& object) {
+    AppendHeld(object);
     return std::move(text);
   }
 
@@ -26,7 +40,8 @@ class Writer {
   void AppendHeld(int number) { AppendNumber(number); }
   void AppendHeld(double number);
   void AppendHeld(std::string_view characters);
-  void AppendHeld(std::shared_ptr<Object const> const& object);
+  void AppendHeld(Object const& object);
+  void AppendHeld(std::shared_ptr<Object const> const& object) { AppendHeld(*object); }
   void AppendHeld(std::shared_ptr<Array const> const& array);
   void AppendEscaped(char character);
 
@@ -54,6 +69,10 @@ void Writer::AppendHeld(double number) {
 void Writer::AppendHeld(std::string_view characters) {
   text += '"';
   while (!characters.empty()) {
+    std::size_t const plain = PlainLength(characters);
+    text += characters.substr(0, plain);
+    characters.remove_prefix(plain);
+    if (characters.empty()) break;
     std::size_t const length = Utf8Length(characters);
     if (length == 0) {
       text += "\xEF\xBF\xBD";
@@ -81,16 +100,16 @@ void Writer::AppendEscaped(char character) {
   }
 }
 
-void Writer::AppendHeld(std::shared_ptr<Object const> const& object) {
+void Writer::AppendHeld(Object const& object) {
   char separator = '{';
-  for (auto const& [key, value] : *object) {
+  for (auto const& [key, value] : object) {
     text += separator;
     separator = ',';
     AppendHeld(key);
     text += ':';
     Append(value);
   }
-  text += object->Size() == 0 ? "{}" : "}";
+  text += object.Size() == 0 ? "{}" : "}";
 }
 
 void Writer::AppendHeld(std::shared_ptr<Array const> const& array) {
@@ -105,6 +124,10 @@ void Writer::AppendHeld(std::shared_ptr<Array const> const& array) {
 
 std::string Serialize(Value const& value) {
   return Writer().Text(value);
+}
+
+std::string Object::ToText() const {
+  return Writer().Text(*this);
 }
 
 }  // namespace Tarvik::Json

@@ -1,0 +1,32 @@
+// What the reader and the writer of JSON texts share.
+#pragma once
+
+#include <algorithm>
+#include <array>
+#include <cstddef>
+#include <string_view>
+
+namespace Tarvik::Json {
+
+/// How many characters `text` begins with that `belong`.
+template <typename Belong>
+std::size_t RunLength(std::string_view text, Belong belong) {
+  auto const end = std::find_if_not(text.begin(), text.end(), belong);
+  return static_cast<std::size_t>(end - text.begin());
+}
+
+/// Which bytes are ASCII characters that stand for themselves in a JSON string.
+inline constexpr auto kPlain = [] {
+  std::array<bool, 256> plain{};
+  for (std::size_t code = 0x20; code < 0x80; ++code) plain[code] = code != '"' && code != '\\';
+  return plain;
+}();
+
+/// How many such characters `text` begins with. Nearly all are, so both sides take them by the run.
+inline std::size_t PlainLength(std::string_view text) {
+  std::size_t length = 0;
+  while (length < text.size() && kPlain[static_cast<unsigned char>(text[length])]) ++length;
+  return length;
+}
+
+}  // namespace Tarvik::Json
