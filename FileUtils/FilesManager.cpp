@@ -126,8 +126,9 @@ bool FilesManager::LoadAndSort() {
 
 void FilesManager::LoadEntry(char const* entryName) {
   struct stat status {};
-  if (lstat((path + entryName).c_str(), &status) != 0 || S_ISDIR(status.st_mode)) return;
-  auto file = MakeEntry(entryName);
+  std::string filePath = path + entryName;
+  if (lstat(filePath.c_str(), &status) != 0 || S_ISDIR(status.st_mode)) return;
+  auto file = MakeEntry(std::move(filePath), entryName);
   file->size = status.st_size;
   file->time = status.st_mtime;
   Append(std::move(file));
@@ -135,7 +136,7 @@ void FilesManager::LoadEntry(char const* entryName) {
 
 bool FilesManager::AddFile(std::string& fileName) {
   ResetError();
-  auto file = MakeEntry(fileName);
+  auto file = MakeEntry(path + fileName, fileName);
   if (!file->Stat()) {
     static_cast<void>(file.release());  // abandoned on purpose, as every object of an entry that
                                         // left the catalogue or never came into it
@@ -145,9 +146,9 @@ bool FilesManager::AddFile(std::string& fileName) {
   return true;
 }
 
-std::unique_ptr<Ifile> FilesManager::MakeEntry(std::string const& fileName) {
+std::unique_ptr<Ifile> FilesManager::MakeEntry(std::string filePath, std::string const& fileName) {
   auto file = std::make_unique<Ifile>();
-  file->path = path + fileName;
+  file->path = std::move(filePath);
   file->name = fileName;
   file->extension = DottedExtension(fileName);
   return file;
@@ -166,11 +167,13 @@ void FilesManager::Forget() {
   std::lock_guard const lock(filesMutex);
   files.clear();
   filesCount = 0;
+  ++changes;
 }
 
 void FilesManager::Sort() {
   std::lock_guard const lock(filesMutex);
   files.sort(CBSort);
+  ++changes;
 }
 
 bool FilesManager::CBSort(Ifile* a, Ifile* b) {
@@ -180,6 +183,7 @@ bool FilesManager::CBSort(Ifile* a, Ifile* b) {
 void FilesManager::ReverseList() {
   std::lock_guard const lock(filesMutex);
   files.reverse();
+  ++changes;
 }
 
 void FilesManager::ClearList() {

@@ -6,6 +6,7 @@
 #include <list>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 
 #include "DiskUtils/Disk.h"
@@ -121,14 +122,23 @@ class QUELLON_EXPORT FilesManager : public Tarvik::Interfaces::IThread,
  private:
   using Position = std::list<Ifile*>::iterator;
 
+  // The protected files that the list begins with, found once for all the attempts of one
+  // `MakeRoom`; a list that has changed otherwise since is walked anew.
+  struct ProtectedHead {
+    std::optional<Position> last;
+    unsigned long long changes = 0;
+  };
+
   [[nodiscard]] bool HasCard() const;
   bool Fail(char const* message, char const* where);
   void AddReserve();
   void LogShare();
   void Forget();
   void LoadEntry(char const* entryName);
-  std::unique_ptr<Ifile> MakeEntry(std::string const& fileName);
+  static std::unique_ptr<Ifile> MakeEntry(std::string filePath, std::string const& fileName);
   void Append(std::unique_ptr<Ifile> file);
+  unsigned int DeleteBehind(ProtectedHead& head, unsigned int count);
+  Position FirstBehind(ProtectedHead& head);
   Position Erase(Position position);
   void SubtractSize(Ifile const& file);
 
@@ -139,6 +149,7 @@ class QUELLON_EXPORT FilesManager : public Tarvik::Interfaces::IThread,
   std::atomic<unsigned long long> totalFilesSize;
   std::mutex filesMutex;
   std::list<Ifile*> files;
+  unsigned long long changes = 0;       // of the list's order, counted under its lock
   std::atomic<std::size_t> filesCount;  // the list's size, for those who ask without the lock
 };
 

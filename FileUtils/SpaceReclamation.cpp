@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <exception>
+#include <iterator>
 
 #include "FileUtils/FilesManager.h"
 #include "base/IException.h"
@@ -43,9 +44,10 @@ bool FilesManager::CheckAvailableSpace(bool throwIfNoDisk) {
 bool FilesManager::MakeRoom() {
   ResetError();
   int attemptsLeft = kFruitlessAttempts;
+  ProtectedHead head;
   try {
     while (!CheckAvailableSpace(true)) {
-      if (DeleteOldFiles(kFilesPerAttempt) > 0) continue;
+      if (DeleteBehind(head, kFilesPerAttempt) > 0) continue;
       if (--attemptsLeft == 0) throw IException("Unable to make room, after 100 retries");
       usleep(kAttemptPauseMicroseconds);
     }
@@ -56,13 +58,18 @@ bool FilesManager::MakeRoom() {
 }
 
 unsigned int FilesManager::DeleteOldFiles(unsigned int count) {
+  ProtectedHead head;
+  return DeleteBehind(head, count);
+}
+
+unsigned int FilesManager::DeleteBehind(ProtectedHead& head, unsigned int count) {
   std::size_t const known = filesCount;
   if (count == 0 || known == 0) return 0;
   std::size_t const wanted = std::min<std::size_t>(count, known);
 
   std::lock_guard const lock(filesMutex);
   unsigned int deleted = 0;
-  for (auto position = files.begin(); position != files.end() && deleted < wanted;) {
+  for (auto position = FirstBehind(head); position != files.end() && deleted < wanted;) {
     Ifile* const file = *position;
     if (IsProtected(*file)) {
       ++position;
@@ -79,7 +86,15 @@ unsigned int FilesManager::DeleteOldFiles(unsigned int count) {
       ++position;  // stays catalogued for another try
     }
   }
+  head.changes = changes;  // its own deletions were all behind the head
   return deleted;
+}
+
+FilesManager::Position FilesManager::FirstBehind(ProtectedHead& head) {
+  if (head.changes != changes) head.last.reset();
+  auto position = head.last ? std::next(*head.last) : files.begin();
+  for (; position != files.end() && IsProtected(**position); ++position) head.last = position;
+  return position;
 }
 
 bool FilesManager::RemoveFileByName(std::string& fileName) {
@@ -114,6 +129,7 @@ void FilesManager::Run() {
 FilesManager::Position FilesManager::Erase(Position position) {
   auto const next = files.erase(position);
   filesCount = files.size();
+  ++changes;
   return next;
 }
 
