@@ -19,6 +19,36 @@
 #include "Testing/main.h"
 #include "tests/support/Capture.h"
 #include "tests/support/Interpose.h"
+#include "tests/support/LiveFiles.h"
+
+namespace {
+
+int disksDeleted = 0;
+
+}  // namespace
+
+extern "C" {
+
+using Quellon::DiskUtils::Disk;
+
+// On some machines destructors return their object, on the others nobody looks.
+Disk* DestroyDisk(Disk* disk) __asm__("_ZN7Quellon9DiskUtils4DiskD1Ev");
+void DeleteDisk(Disk* disk) __asm__("_ZN7Quellon9DiskUtils4DiskD0Ev");
+
+Disk* DestroyDisk(Disk* disk) {
+  static auto* const next = LiveFiles::Next<void(Disk*)>("_ZN7Quellon9DiskUtils4DiskD1Ev");
+  ++disksDeleted;
+  next(disk);
+  return disk;
+}
+
+void DeleteDisk(Disk* disk) {
+  static auto* const next = LiveFiles::Next<void(Disk*)>("_ZN7Quellon9DiskUtils4DiskD0Ev");
+  ++disksDeleted;
+  next(disk);
+}
+
+}  // extern "C"
 
 namespace {
 
@@ -100,6 +130,17 @@ TEST(BenchDriver, StartsNoThreadAndDeletesNothing) {
   Interpose::hooks().stat = nullptr;
   EXPECT_EQ(threads(), before);
   EXPECT_TRUE(fs::exists(Interpose::Real("/mnt/sdcard/cr/rec_0001.dat")));
+}
+
+TEST(BenchDriver, LeavesItsCardAndItsCatalogueToTheEndOfTheProcess) {
+  MakeRecording("rec_0001.dat", 10);
+  InsertCard();
+  LiveFiles::DeleteAll();
+  disksDeleted = 0;
+  Capture::Output([] { FilesManagerTest(); });
+  EXPECT_EQ(LiveFiles::Count(), 1U) << "a catalogue that goes deletes its objects";
+  EXPECT_EQ(disksDeleted, 0);
+  LiveFiles::DeleteAll();
 }
 
 class ClockTest : public testing::Test {

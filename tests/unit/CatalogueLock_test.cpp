@@ -4,11 +4,13 @@
 #include <pthread.h>
 
 #include <cerrno>
+#include <optional>
 #include <string>
 #include <system_error>
 
 #include "base/IError.h"
 #include "tests/support/CatalogueTest.h"
+#include "tests/support/LogFile.h"
 
 namespace {
 
@@ -56,10 +58,23 @@ class CatalogueLock : public CatalogueTest {
   CatalogueLock() {
     for (char const* name : {"a.dat", "b.dat", "c.dat"}) MakeRecording(name, 4);
     Add(catalogue, {"a.dat", "b.dat"});
-    auto* const errors = static_cast<Tarvik::Interfaces::IError*>(&catalogue);
-    watched = {reinterpret_cast<char*>(errors), reinterpret_cast<char*>(&catalogue + 1)};
+    WatchLockOf(catalogue);
   }
   ~CatalogueLock() override { watched = {}; }
+
+  static void WatchLockOf(FilesManager& owner) {
+    auto* const errors = static_cast<Tarvik::Interfaces::IError*>(&owner);
+    watched = {reinterpret_cast<char*>(errors), reinterpret_cast<char*>(&owner + 1)};
+  }
+
+  /// Every write(2) from here on must happen while the lock is held. They are counted.
+  static void ExpectHeldWhileWriting(int& writes) {
+    Interpose::hooks().write = [&writes](auto&&...) -> std::optional<ssize_t> {
+      ++writes;
+      EXPECT_EQ(watched.held, 1);
+      return std::nullopt;
+    };
+  }
 
   /// How often `work` takes the lock; it frees it as often.
   template <typename Work>
@@ -148,6 +163,29 @@ TEST_F(CatalogueLock, IsHeldWhileFilesAreRemoved) {
   EXPECT_TRUE(catalogue.RemoveFileByName(name));
   EXPECT_EQ(catalogue.RemoveAllFiles(), 1U);
   EXPECT_EQ(removals, 2);
+}
+
+TEST_F(CatalogueLock, IsHeldWhileTheListIsLogged) {
+  LogFile::BeginAnew();
+  int written = 0;
+  ExpectHeldWhileWriting(written);
+  Capture::Output([this] { catalogue.Log(); });
+  EXPECT_EQ(written, 2) << "one line for each file";
+}
+
+TEST_F(CatalogueLock, IsTakenOnceByACatalogueThatGoesAndHeldWhileItDeletesItsObjects) {
+  auto leaving = NewCatalogue();
+  Add(*leaving, {"a.dat", "b.dat"});
+  char text[] = "closing writes this";
+  for (Ifile* file : leaving->GetList()) {
+    file->Open(true);
+    file->Write(text, sizeof text);
+  }
+  WatchLockOf(*leaving);
+  int written = 0;
+  ExpectHeldWhileWriting(written);
+  EXPECT_EQ(Locks([&] { leaving.reset(); }), 1);
+  EXPECT_EQ(written, 2);
 }
 
 TEST_F(CatalogueLock, ThatFailsIsReportedByTheStandardLibrary) {

@@ -203,6 +203,14 @@ TEST_F(Catalogue, PrintsTheLibrarysComplaintOfANameWithoutADotAndAddsIt) {
   EXPECT_EQ(catalogue->GetTotalFilesSize(), 4U);
 }
 
+TEST_F(Catalogue, PrintsTheLibrarysComplaintOfANameWithoutADotBeforeItMissesTheFile) {
+  auto const catalogue = NewCatalogue();
+  std::string name = "README";
+  EXPECT_THAT(Capture::Output([&] { EXPECT_FALSE(catalogue->AddFile(name)); }),
+              MatchesRegex("^[^[\n]*basic_string::substr[^\n]*\n$"));
+  EXPECT_EQ(catalogue->GetError(), "File not found");
+}
+
 TEST_F(Catalogue, SortsOldestFirstAndKeepsTheOrderOfEqualTimes) {
   MakeRecording("x.dat", 0, 2);
   MakeRecording("b.dat", 0, 1);

@@ -53,6 +53,11 @@ class CheckDiskTest : public testing::Test {
     };
   }
 
+  /// Each pause puts a "*" between what was printed before and after it.
+  static void PausesShow() {
+    hooks().sleep = [](auto) { EXPECT_EQ(write(1, "*", 1), 1); };
+  }
+
   std::string directory = "/mnt/sdcard/";
   std::string device = "/dev/mmcblk1p1";
   CheckDisk checkDisk{directory.data(), device.data()};
@@ -87,14 +92,16 @@ TEST_F(CheckDiskTest, MountsByCommand) {
 
 TEST_F(CheckDiskTest, GivesUpUnmountingAfterFourAttemptsAndFourSeconds) {
   Answers("umount", {Exited(32)});
-  EXPECT_EQ(Capture::Output([&] { checkDisk.UnMount(); }), "Unmount SD card FAILED.\n");
+  PausesShow();
+  EXPECT_EQ(Capture::Output([&] { checkDisk.UnMount(); }), "****Unmount SD card FAILED.\n");
   EXPECT_THAT(Trace(), ElementsAre(kUmount, Sleep(1s), kUmount, Sleep(1s), kUmount, Sleep(1s),
                                    kUmount, Sleep(1s)));
 }
 
 TEST_F(CheckDiskTest, GivesUpMountingAfterFourAttemptsAndFourSeconds) {
   Answers("mount", {Exited(32)});
-  EXPECT_EQ(Capture::Output([&] { checkDisk.Mount(); }), "Mount SD card FAILED.\n");
+  PausesShow();
+  EXPECT_EQ(Capture::Output([&] { checkDisk.Mount(); }), "****Mount SD card FAILED.\n");
   EXPECT_THAT(Trace(), ElementsAre(kMount, Sleep(1s), kMount, Sleep(1s), kMount, Sleep(1s), kMount,
                                    Sleep(1s)));
 }
@@ -176,7 +183,11 @@ INSTANTIATE_TEST_SUITE_P(
 
 TEST_F(CheckDiskTest, WaitsThreeSecondsBetweenTheRebootLineAndMountingAndRebootsNothing) {
   Answers("fsck", {Exited(2)});
-  Capture::Output([&] { checkDisk.DiskCheck(); });
+  PausesShow();
+  EXPECT_EQ(Capture::Output([&] { checkDisk.DiskCheck(); }),
+            "Unmount SD card success.\nFSCK output: System should be rebooted\n"
+            "fcsk requested system reboot...\n"
+            "===================================>>> REBOOT \n*Mount SD card success\n");
   EXPECT_THAT(Trace(), ElementsAre(kUmount, kFsck, Sleep(3s), kMount));
 }
 

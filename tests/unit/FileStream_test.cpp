@@ -120,6 +120,14 @@ TEST_F(FileStream, OpenMakesAMissingFileAndTheStreamIsGood) {
   }
 }
 
+TEST_F(FileStream, OpenWithoutAppendingLetsWhatWasWrittenBeRead) {
+  auto const file = BareAt(kPath);
+  EXPECT_TRUE(file->Open(false));
+  Put(*file, "ab");
+  file->stream->seekg(0);
+  EXPECT_EQ(file->stream->get(), 'a');
+}
+
 TEST_F(FileStream, OpenSucceedsEvenWhereNoFileCanBe) {
   auto const file = At(kNowhere);
   EXPECT_TRUE(file->Open(false));
@@ -279,6 +287,15 @@ TEST_F(FileStream, CopyToMakesAMissingSourceAndAnEmptyCopy) {
   EXPECT_TRUE(Exists(kCopy));
 }
 
+TEST_F(FileStream, CopyToTakesASourceThatCannotBeOpenedForAnEmptyOne) {
+  std::string const output = Capture::Output([] { EXPECT_TRUE(At(kNowhere)->CopyTo(kCopy)); });
+  EXPECT_THAT(output,
+              MatchesRegex(std::string(kHeader) + "Copy file /mnt/sdcard/missing/a\\.gps to "
+                                                  "/mnt/sdcard/cr/b\\.gps\n"));
+  ASSERT_TRUE(Exists(kCopy));
+  EXPECT_EQ(Interpose::ReadFile(kCopy), "");
+}
+
 /// What a failing copy logs, apart from the header.
 std::string LogOfFailedCopy(Ifile& file, std::string const& destination) {
   std::string const output = Capture::Output([&] { EXPECT_FALSE(file.CopyTo(destination)); });
@@ -372,6 +389,7 @@ TEST(FileToCStream, FailsWhenTheStreamIsInErrorAfterwards) {
   EXPECT_FALSE(Ifile::WriteInt(1, full));
   EXPECT_FALSE(Ifile::Write(&byte, 1, full));
   EXPECT_FALSE(Ifile::WriteString("x", full));
+  EXPECT_FALSE(Ifile::Write(&byte, 0, full)) << "an earlier error counts too";
   std::clearerr(full);
   EXPECT_TRUE(Ifile::Write(&byte, 0, full)) << "nothing was to be written";
   std::fclose(full);

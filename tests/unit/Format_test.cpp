@@ -86,9 +86,11 @@ TEST_F(Format, MakesAStatusEntryWhereThereIsNone) {
 }
 
 TEST_F(Format, FailsWhenTheCommandCannotBeStarted) {
-  hooks().system = [](auto&&) { return Answer::Failure(ENOMEM); };
-  EXPECT_EQ(Output(false),
-            "Try format partition: " + std::string(kCommand) + "\nERROR: Unable to format\n");
+  for (int const result : {-1, -256}) {
+    hooks().system = [result](auto&&) { return Answer{result, ENOMEM}; };
+    EXPECT_EQ(Output(false),
+              "Try format partition: " + std::string(kCommand) + "\nERROR: Unable to format\n");
+  }
   EXPECT_THAT(Interpose::Traced("mount"), IsEmpty());
 }
 

@@ -291,6 +291,21 @@ TEST(IThread, ItsOtherHooksDoNothingUnlessAClassSaysSo) {
   EXPECT_EQ(ScriptedThread::Created(), before + 2);
 }
 
+TEST(IThread, StopsAndReleasesItsThreadAlsoForAClassThatDoesNot) {
+  struct Plain : IThread {
+    explicit Plain(std::binary_semaphore& semaphore) : ended(semaphore) {}
+    void Run() override { Cancel(); }
+    void RunAfter() override { ended.release(); }
+    std::binary_semaphore& ended;
+  };
+  std::binary_semaphore ended(0);
+  EXPECT_TRUE(LogFile::AnotherThreadGetsThrough([&ended] {
+    Plain thread(ended);
+    thread.Start();
+    ended.acquire();
+  }));
+}
+
 TEST(IThread, IsUsedFromManyThreadsAtOnce) {
   ScriptedThread thread;
   std::vector<std::thread> users;

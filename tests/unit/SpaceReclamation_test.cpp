@@ -45,6 +45,20 @@ class SpaceReclamation : public CatalogueTest {
   static bool ThrowsAnother() { throw std::runtime_error("cannot be removed"); }
   static bool ThrowsANumber() { throw 7; }
 
+  /// What the library says while files cannot be removed or removing them throws.
+  std::string SaidWhileNothingCanBeRemoved() {
+    return Capture::AllOutput([this] {
+      for (auto const& failure : {Fails, Throws}) {
+        RemovalHook::hook() = [failure](Ifile&) { return failure(); };
+        EXPECT_FALSE(RemoveByName("a.dat"));
+      }
+      RemovalHook::hook() = [](Ifile&) { return Throws(); };
+      EXPECT_EQ(catalogue->DeleteOldFiles(1), 0U);
+      RemovalHook::hook() = [](Ifile&) { return Fails(); };
+      EXPECT_EQ(catalogue->DeleteOldFiles(1), 0U);
+    });
+  }
+
   bool RemoveByName(std::string name) { return catalogue->RemoveFileByName(name); }
 
   std::unique_ptr<FilesManager> const catalogue = NewCatalogue();
@@ -249,6 +263,11 @@ TEST_F(SpaceReclamation, ByNameStopsWhenRemovalThrows) {
   EXPECT_THAT(Names(*catalogue), ElementsAre("a.dat", "a.dat"));
   EXPECT_FALSE(catalogue->HasError());
   catalogue->Sort();  // the lock is free again
+}
+
+TEST_F(SpaceReclamation, SaysNothingOfFilesThatCannotBeRemoved) {
+  Keep({"a.dat"});
+  EXPECT_EQ(SaidWhileNothingCanBeRemoved(), "");
 }
 
 TEST_F(SpaceReclamation, ByNameLetsOtherExceptionsPassAndFreesItsLock) {

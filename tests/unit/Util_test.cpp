@@ -118,6 +118,13 @@ TEST_F(ClearCacheTest, GivesUpAfterFourAttemptsAndFourPauses) {
   EXPECT_THAT(descriptors.Opened(), IsEmpty());
 }
 
+TEST_F(ClearCacheTest, GivesUpWithoutAWord) {
+  hooks().write = [](int fd, auto&&...) -> std::optional<ssize_t> {
+    return fd > 2 ? std::optional<ssize_t>(-1) : std::nullopt;
+  };
+  EXPECT_EQ(Capture::AllOutput([] { EXPECT_FALSE(ClearCache()); }), "");
+}
+
 TEST_F(ClearCacheTest, TakesAWriteOfNothingForAFailure) {
   KernelTakesAttempt(0, 0);
   EXPECT_FALSE(ClearCache());
@@ -128,7 +135,7 @@ TEST_F(ClearCacheTest, FailsAtOnceWithoutPermission) {
   hooks().fault = [](std::string const& function) -> std::optional<int> {
     return function == "open" ? std::optional(EACCES) : std::nullopt;
   };
-  EXPECT_FALSE(ClearCache());
+  EXPECT_EQ(Capture::AllOutput([] { EXPECT_FALSE(ClearCache()); }), "");
   EXPECT_THAT(Trace(), IsEmpty());
   EXPECT_EQ(Interpose::ReadFile(kDropCaches), "");
 }

@@ -17,12 +17,15 @@
 #include "tests/support/Capture.h"
 #include "tests/support/Descriptors.h"
 #include "tests/support/Interpose.h"
+#include "tests/support/LogFile.h"
 
 namespace {
 
 using Interpose::Answer;
 using Interpose::hooks;
 using Quellon::Watchdog;
+using Tarvik::Ilog::Info;
+using Tarvik::Ilog::LogLine;
 using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::MatchesRegex;
@@ -63,6 +66,26 @@ class WatchdogTest : public testing::Test {
  protected:
   // The log file stays open once it was written; these tests count descriptors.
   WatchdogTest() { Tarvik::Ilog::Logger::GetInstance()->fileSink->enabled = false; }
+
+  /// Whether the device is open when the one line that `work` logs goes to the log file.
+  template <typename Work>
+  static bool IsOpenWhenTheLineIsWritten(int const& device, Work work) {
+    LogFile::BeginAnew();
+    Capture::Output([] { LogLine(Info) << "a file opened later might get the device's number"; });
+    bool open = false;
+    int lines = 0;
+    hooks().write = [&](int, void const* data, std::size_t length) -> std::optional<ssize_t> {
+      std::string const text(static_cast<char const*>(data), length);
+      if (text.find("[WTD]") == std::string::npos) return std::nullopt;
+      ++lines;
+      open = fcntl(device, F_GETFD) >= 0;
+      return std::nullopt;
+    };
+    Capture::Output(work);
+    EXPECT_EQ(lines, 1);
+    Tarvik::Ilog::Logger::GetInstance()->Close();
+    return open;
+  }
 
   Descriptors::Watch descriptors;
 };
@@ -145,6 +168,34 @@ TEST_F(WatchdogTest, ClosesTheDeviceAfterArmingAndAfterEveryKick) {
   Capture::Output([&] { EXPECT_TRUE(watchdog->Reset()); });
   EXPECT_EQ(watchdog->fd, 0);
   EXPECT_THAT(descriptors.Opened(), IsEmpty());
+}
+
+TEST_F(WatchdogTest, TakesAnyResultOfSettingTheTimeoutThatIsNotNegativeForASuccess) {
+  Interpose::MakeFile(kDevice, "");
+  hooks().ioctl = [](unsigned long, void*) { return Answer{1, 0}; };
+  Capture::Output([] {
+    Watchdog watchdog;
+    EXPECT_EQ(watchdog.fd, 0);
+    EXPECT_TRUE(watchdog.Init());
+  });
+}
+
+TEST_F(WatchdogTest, LogsItsTimeoutBeforeItClosesTheDevice) {
+  Interpose::MakeFile(kDevice, "");
+  int device = -1;
+  hooks().ioctl = [&](unsigned long, void*) {
+    device = descriptors.Opened().back();
+    return Answer::Success();
+  };
+  EXPECT_TRUE(IsOpenWhenTheLineIsWritten(device, [] { Watchdog(); }));
+}
+
+TEST_F(WatchdogTest, ClosesTheDeviceBeforeItLogsAKick) {
+  Watchdog watchdog;
+  Interpose::MakeFile(kDevice, "");
+  ASSERT_TRUE(watchdog.Open());
+  int const device = watchdog.fd;
+  EXPECT_FALSE(IsOpenWhenTheLineIsWritten(device, [&] { EXPECT_TRUE(watchdog.Reset()); }));
 }
 
 TEST_F(WatchdogTest, IsMadeSilentlyWithoutADevice) {

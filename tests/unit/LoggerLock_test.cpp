@@ -1,0 +1,97 @@
+// Sinks that cannot be locked.
+#include <dlfcn.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <pthread.h>
+
+#include <cerrno>
+#include <system_error>
+
+#include "base/Logger.h"
+#include "tests/support/Capture.h"
+#include "tests/support/LogFile.h"
+
+namespace {
+
+/// The memory that holds the lock which fails; none at first.
+struct Failing {
+  char const* begin = nullptr;
+  char const* end = nullptr;
+};
+Failing failing;
+
+}  // namespace
+
+extern "C" int pthread_mutex_lock(pthread_mutex_t* mutex) noexcept {
+  static auto* const next =
+      reinterpret_cast<decltype(&pthread_mutex_lock)>(dlsym(RTLD_NEXT, "pthread_mutex_lock"));
+  auto const* const place = reinterpret_cast<char const*>(mutex);
+  return failing.begin <= place && place < failing.end ? EINVAL : next(mutex);
+}
+
+namespace {
+
+using Tarvik::Ilog::FileLogPolicy;
+using Tarvik::Ilog::Info;
+using Tarvik::Ilog::Logger;
+using Tarvik::Ilog::LoggerBase;
+using Tarvik::Ilog::LogLine;
+
+class LoggerLock : public testing::Test {
+ protected:
+  LoggerLock() { LogFile::BeginAnew(); }
+  ~LoggerLock() override { failing = {}; }
+
+  template <typename Sink>
+  static void Fail(Sink const& sink) {
+    failing = {reinterpret_cast<char const*>(&sink), reinterpret_cast<char const*>(&sink + 1)};
+  }
+
+  /// Both sinks are free, and the next line goes to both.
+  static void ExpectNextLineAlone() {
+    failing = {};
+    EXPECT_TRUE(LogFile::IsFree(*logger.fileSink));
+    EXPECT_TRUE(LogFile::IsFree(*logger.consoleSink));
+    std::string const console = Capture::Output([] { LogLine(Info) << "next"; });
+    EXPECT_THAT(console, testing::MatchesRegex("\\[[^]]*\\]next\n"));
+    EXPECT_EQ(LogFile::Text(), console);
+  }
+
+  static inline Logger& logger = *Logger::GetInstance();
+};
+
+TEST_F(LoggerLock, ThatFailsIsReportedByTheStandardLibraryAndTheSinkStaysUsable) {
+  LoggerBase<FileLogPolicy> sink;
+  Fail(sink);
+  EXPECT_THROW(sink.WriteHeader(Info), std::system_error);
+  sink << "belongs to no line";
+  sink.EndLine();
+  EXPECT_EQ(LogFile::Text(), "");
+  failing = {};
+  sink.WriteHeader(Info);
+  sink << "next";
+  sink.EndLine();
+  EXPECT_THAT(LogFile::Text(), testing::MatchesRegex("\\[[^]]*\\]next\n"));
+}
+
+TEST_F(LoggerLock, ThatFailsForTheFileLeavesTheConsoleFree) {
+  Fail(*logger.fileSink);
+  EXPECT_EQ(Capture::Output([] { EXPECT_THROW(LogLine(Info) << "lost", std::system_error); }), "");
+  ExpectNextLineAlone();
+}
+
+TEST_F(LoggerLock, ThatFailsForTheConsoleLeavesTheFileFreeAndWithoutTheLine) {
+  Fail(*logger.consoleSink);
+  EXPECT_EQ(Capture::Output([] { EXPECT_THROW(LogLine(Info) << "lost", std::system_error); }), "");
+  EXPECT_EQ(LogFile::Text(), "");
+  ExpectNextLineAlone();
+}
+
+TEST_F(LoggerLock, IsNotAskedForWhileTheSinkIsDisabled) {
+  LoggerBase<FileLogPolicy> sink;
+  sink.enabled = false;
+  Fail(sink);
+  EXPECT_NO_THROW(sink.WriteHeader(Info));
+}
+
+}  // namespace
