@@ -1,6 +1,9 @@
 #include "base/Logger.h"
 
+#include <array>
+#include <charconv>
 #include <ctime>
+#include <limits>
 #include <locale>
 #include <string_view>
 #include <system_error>
@@ -15,6 +18,8 @@ namespace {
 
 constexpr char const* kTimeFormat = "%Y-%m-%d %H:%M:%S";
 
+constexpr auto kPlainFormat = std::ios::skipws | std::ios::dec;
+
 template <typename Policy>
 LoggerBase<Policy>* Sink() {
   static NoDestructor<LoggerBase<Policy>> sink;
@@ -26,7 +31,7 @@ LoggerBase<Policy>* Sink() {
 // Whatever the application's locale, numbers in the log are plain.
 template <typename Policy>
 LoggerBase<Policy>::LoggerBase() {
-  buffer.imbue(std::locale::classic());
+  stream.imbue(std::locale::classic());
 }
 
 template <typename Policy>
@@ -62,27 +67,27 @@ void LoggerBase<Policy>::AppendTime() {
     stamp = "[" + Util::NewDate(kTimeFormat) + "]";
     stampSecond = now;
   }
-  buffer << stamp;
+  AppendText(stamp);
 }
 
 template <typename Policy>
 void LoggerBase<Policy>::AppendTemperature() {
   auto const* monitor = Util::TemperatureMonitor::GetInstance();
-  if (monitor->valid) buffer << "[" << monitor->temperature.load() << "C]";
+  if (monitor->valid) stream << "[" << monitor->temperature.load() << "C]";
 }
 
 template <typename Policy>
 void LoggerBase<Policy>::AppendTag(LogType type) {
   if (type == Error) {
-    buffer << "[ERROR]";
+    AppendText("[ERROR]");
   } else if (type == Warning) {
-    buffer << "[WARNING]";
+    AppendText("[WARNING]");
   }
 }
 
 template <typename Policy>
 LoggerBase<Policy>& LoggerBase<Policy>::operator<<(long const& t) {
-  if (HoldsLine()) buffer << Util::Date(t, kTimeFormat);
+  if (HoldsLine()) stream << Util::Date(t, kTimeFormat);
   return *this;
 }
 
@@ -90,19 +95,47 @@ template <typename Policy>
 LoggerBase<Policy>& LoggerBase<Policy>::operator<<(char const* text) {
   if (!HoldsLine()) return *this;
   if (text != nullptr) {
-    buffer << text;
+    AppendText(text);
   } else {
-    buffer.setstate(std::ios::badbit);
+    stream.setstate(std::ios::badbit);
   }
   return *this;
+}
+
+template <typename Policy>
+LoggerBase<Policy>& LoggerBase<Policy>::operator<<(std::string_view text) {
+  if (HoldsLine()) AppendText(text);
+  return *this;
+}
+
+// Most of a line is text that nobody asked to be filled up to a width, and needs no formatting.
+template <typename Policy>
+void LoggerBase<Policy>::AppendText(std::string_view text) {
+  if (stream.width() != 0 || !stream.good()) {
+    stream << text;
+  } else if (!line.Append(text)) {
+    stream.setstate(std::ios::badbit);
+  }
+}
+
+template <typename Policy>
+template <typename Number>
+void LoggerBase<Policy>::AppendNumber(Number number) {
+  if (stream.flags() != kPlainFormat) {
+    stream << number;
+    return;
+  }
+  std::array<char, std::numeric_limits<Number>::digits10 + 2> digits;
+  char* const end = std::to_chars(digits.begin(), digits.end(), number).ptr;
+  AppendText({digits.begin(), end});
 }
 
 // A null text spoils the rest of its line, but not its end: nobody could begin another one.
 template <typename Policy>
 LoggerBase<Policy>& LoggerBase<Policy>::operator<<(std::ostream& (*manipulator)(std::ostream&)) {
   if (!HoldsLine()) return *this;
-  buffer.clear();
-  buffer << manipulator;
+  stream.clear();
+  stream << manipulator;
   CheckEndOfStream();
   return *this;
 }
@@ -111,7 +144,7 @@ LoggerBase<Policy>& LoggerBase<Policy>::operator<<(std::ostream& (*manipulator)(
 // release, and the line must be with the kernel before this thread goes on.
 template <typename Policy>
 void LoggerBase<Policy>::CheckEndOfStream() {
-  if (!HoldsLine() || !buffer.view().ends_with('\n')) return;
+  if (!HoldsLine() || !line.View().ends_with('\n')) return;
   lineReady.Notify();
   WriteLine();
 }
@@ -119,13 +152,14 @@ void LoggerBase<Policy>::CheckEndOfStream() {
 template <typename Policy>
 void LoggerBase<Policy>::WriteLine() {
   lineReady.Wait();
-  if (!policy.Write(buffer.view())) enabled = false;
+  if (!policy.Write(line.View())) enabled = false;
   Release();
 }
 
 template <typename Policy>
 void LoggerBase<Policy>::EndLine() {
-  *this << std::endl;
+  if (!HoldsLine()) return;
+  if (line.Append("\n")) CheckEndOfStream();
   Abandon();  // no memory for the newline: the line is lost, the sink is not
 }
 
@@ -136,9 +170,8 @@ void LoggerBase<Policy>::Abandon() noexcept {
 
 template <typename Policy>
 void LoggerBase<Policy>::Release() noexcept {
-  std::string const empty;
-  buffer.str(empty);  // copied from, so the buffer keeps its memory for the next line
-  buffer.clear();
+  line.Clear();
+  stream.clear();
   ForgetFormat();
   lineOwner.store(std::thread::id(), std::memory_order_relaxed);
   lineLock.unlock();
@@ -147,10 +180,10 @@ void LoggerBase<Policy>::Release() noexcept {
 // A manipulator that one line used must not change how the next one shows its numbers.
 template <typename Policy>
 void LoggerBase<Policy>::ForgetFormat() noexcept {
-  buffer.flags(std::ios::skipws | std::ios::dec);
-  buffer.precision(6);
-  buffer.fill(' ');
-  buffer.width(0);
+  stream.flags(kPlainFormat);
+  stream.precision(6);
+  stream.fill(' ');
+  stream.width(0);
 }
 
 template <typename Policy>
@@ -163,6 +196,18 @@ void LoggerBase<Policy>::Close() {
   if (HoldsLine()) return;
   std::lock_guard const lock(lineLock);
   policy.Close();
+}
+
+template <typename Policy>
+LoggerBase<Policy>& LoggerBase<Policy>::operator<<(int number) {
+  if (HoldsLine()) AppendNumber(number);
+  return *this;
+}
+
+template <typename Policy>
+LoggerBase<Policy>& LoggerBase<Policy>::operator<<(unsigned long long number) {
+  if (HoldsLine()) AppendNumber(number);
+  return *this;
 }
 
 template class LoggerBase<FileLogPolicy>;
@@ -205,6 +250,13 @@ void Logger::Close() {
 }
 
 Logger& Logger::operator<<(char const* text) {
+  if (text != nullptr) return *this << std::string_view(text);
+  *fileSink << text;
+  *consoleSink << text;
+  return *this;
+}
+
+Logger& Logger::operator<<(std::string_view text) {
   *fileSink << text;
   *consoleSink << text;
   return *this;

@@ -5,14 +5,15 @@
 #include <atomic>
 #include <mutex>
 #include <ostream>
-#include <sstream>
 #include <string>
+#include <string_view>
 #include <thread>
 
 #include "base/ConsoleLogPolicy.h"
 #include "base/Export.h"
 #include "base/FileLogPolicy.h"
 #include "base/ISemaphore.h"
+#include "base/LineBuffer.h"
 
 namespace Tarvik::Ilog {
 
@@ -49,6 +50,16 @@ class LoggerBase {
   /// Appends a text. A null `text` spoils the rest of the line, as on a standard output stream.
   LoggerBase& operator<<(char const* text);
 
+  /// Appends a text.
+  LoggerBase& operator<<(std::string_view text);
+  /// Appends a text.
+  LoggerBase& operator<<(std::string const& text) { return *this << std::string_view(text); }
+
+  /// Appends a number.
+  LoggerBase& operator<<(int number);
+  /// Appends a number.
+  LoggerBase& operator<<(unsigned long long number);
+
   /// Appends a manipulator such as std::endl, also to a spoilt line; a line that then ends with a
   /// newline is complete.
   LoggerBase& operator<<(std::ostream& (*manipulator)(std::ostream&));
@@ -56,7 +67,7 @@ class LoggerBase {
   /// Appends any other value as a standard output stream does.
   template <typename Value>
   LoggerBase& operator<<(Value const& value) {
-    if (HoldsLine()) buffer << value;
+    if (HoldsLine()) stream << value;
     return *this;
   }
 
@@ -78,6 +89,9 @@ class LoggerBase {
 
   [[nodiscard]] bool HoldsLine() const noexcept;
   void RequireNoLine() const;
+  void AppendText(std::string_view text);
+  template <typename Number>
+  void AppendNumber(Number number);
   void AppendTime();
   void AppendTemperature();
   void AppendTag(LogType type);
@@ -87,7 +101,8 @@ class LoggerBase {
   void ForgetFormat() noexcept;
 
   Policy policy;
-  std::ostringstream buffer;
+  LineBuffer line;
+  std::ostream stream{&line};
   std::mutex lineLock;
   Interfaces::ISemaphore lineReady;
   std::atomic<std::thread::id> lineOwner;
@@ -128,6 +143,8 @@ class QUELLON_EXPORT Logger {
   /// @{ Append to the line under way, on the file sink and then on the console sink; see
   /// `LoggerBase`.
   Logger& operator<<(char const* text);
+  Logger& operator<<(std::string_view text);
+  Logger& operator<<(std::string const& text) { return *this << std::string_view(text); }
   Logger& operator<<(long const& t);
   template <typename Value>
   Logger& operator<<(Value const& value) {
