@@ -49,8 +49,8 @@ Install them as root: apt-get install ${missing[*]}"
   local log
   log=$(mktemp)
   apt-get update >"$log" 2>&1 </dev/null || true
-  if ! DEBIAN_FRONTEND=noninteractive apt-get install -y --no-install-recommends \
-    "${missing[@]}" >>"$log" 2>&1 </dev/null; then
+  if ! DEBIAN_FRONTEND=noninteractive apt-get -o DPkg::Lock::Timeout=300 install -y \
+    --no-install-recommends "${missing[@]}" >>"$log" 2>&1 </dev/null; then
     tail -n 30 "$log" >&2
     rm -f "$log"
     fail "could not install: ${missing[*]}"
