@@ -1,4 +1,5 @@
 // Proving the card, and making a new file system on it.
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -13,6 +14,18 @@
 namespace Quellon::DiskUtils {
 
 using Tarvik::IException;
+
+namespace {
+
+// A card's contents are anybody's: what is written must not go where a link leads, to a device, or
+// into a pipe, where it would wait for a reader.
+void RemoveUnlessRegular(std::string const& path) {
+  struct stat status {};
+  bool const known = lstat(path.c_str(), &status) == 0;
+  if (known && !S_ISREG(status.st_mode)) unlink(path.c_str());
+}
+
+}  // namespace
 
 void Disk::ScanDisk() {
   RequireAvailable();
@@ -39,6 +52,7 @@ void Disk::RequireAvailable() {
 
 // A file that cannot be opened is no failure here: it will be missed after the check.
 void Disk::WriteTestFile(std::string const& path) {
+  RemoveUnlessRegular(path);
   try {
     std::ofstream file(path, std::ios::trunc);
     if (!file.is_open()) return;

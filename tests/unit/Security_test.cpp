@@ -1,0 +1,229 @@
+// What a card, whose contents are anybody's, cannot make a service do that runs as root.
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <filesystem>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "DiskUtils/System.h"
+#include "FileUtils/Dir.h"
+#include "tests/support/CatalogueTest.h"
+#include "tests/support/Descriptors.h"
+#include "tests/support/FakeCard.h"
+#include "tests/support/LogFile.h"
+
+namespace {
+
+int pipes = 0;  ///< commands whose output was asked for
+
+}  // namespace
+
+extern "C" FILE* popen(char const*, char const*) {
+  ++pipes;
+  errno = EPERM;
+  return nullptr;
+}
+
+namespace {
+
+namespace fs = std::filesystem;
+using Interpose::Traced;
+using Quellon::FileUtils::Idir;
+using Quellon::FileUtils::Ifile;
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+constexpr char const* kOutside = "/root/outside";
+constexpr char const* kCounterFile = "/root/system.dat";
+
+mode_t ModeOf(std::string const& path) {
+  struct stat status {};
+  EXPECT_EQ(fstatat(AT_FDCWD, Interpose::Real(path).c_str(), &status, 0), 0) << path;
+  return status.st_mode & 07777;
+}
+
+/// The facade, which in service never goes, with the card it owns.
+class System : public Quellon::System {
+ public:
+  System() = default;
+  ~System() override { delete disk; }
+};
+
+class CardOfAnybody : public CatalogueTest {
+ protected:
+  CardOfAnybody() { Interpose::MakeFile(kOutside, std::string(5000, 'o')); }
+
+  static bool OutsideIsUntouched() {
+    return Interpose::ReadFile(kOutside) == std::string(5000, 'o');
+  }
+};
+
+TEST_F(CardOfAnybody, NamesNeverReachAShell) {
+  std::vector<std::string> const names = {"$(reboot).dat", "`reboot`.dat", ";reboot;.dat",
+                                          "-rf.dat",       "a'b\"c.dat",   "a\nreboot\n.dat"};
+  for (auto const& name : names) MakeRecording(name, 10);
+  Capture::Descriptor const output(1);
+  auto const catalogue = NewCatalogue();
+  EXPECT_TRUE(catalogue->LoadAndSort());
+  catalogue->Log();
+  std::string first = names[0];
+  Ifile* const file = catalogue->GetList().front();
+  EXPECT_TRUE(file->CopyTo(file->path + ".copy"));
+  file->PrintStat();
+  EXPECT_TRUE(catalogue->RemoveFileByName(first));
+  EXPECT_EQ(catalogue->RemoveAllFiles(), names.size() - 1);
+  EXPECT_THAT(Traced("system"), IsEmpty());
+  EXPECT_EQ(pipes, 0);
+}
+
+TEST_F(CardOfAnybody, ALinkCountsWithItsOwnSizeAndRoomIsMadeOfItAlone) {
+  fs::create_symlink(Interpose::Real(kOutside), Where("link.dat"));
+  auto const linkSize = fs::read_symlink(Where("link.dat")).string().size();
+  totalBytes = 100;
+  freeBytes = 1;
+  Interpose::hooks().unlink = [this](std::string const& path) {
+    freeBytes = 1000;
+    return Interpose::Answer{::unlinkat(AT_FDCWD, Interpose::Real(path).c_str(), 0), errno};
+  };
+  auto const catalogue = NewCatalogue(kDirectory, 500);
+  EXPECT_TRUE(catalogue->LoadAndSort());
+  EXPECT_EQ(catalogue->GetTotalFilesSize(), linkSize);
+  EXPECT_TRUE(catalogue->MakeRoom());
+  EXPECT_THAT(OnCard(), IsEmpty());
+  EXPECT_TRUE(OutsideIsUntouched());
+}
+
+// Kept as it is: a link that leads nowhere passes for a file that is missing.
+TEST_F(CardOfAnybody, ALinkThatLeadsNowhereIsNotRemoved) {
+  fs::create_symlink("nowhere", Where("link.dat"));
+  auto const catalogue = NewCatalogue();
+  EXPECT_TRUE(catalogue->LoadAndSort());
+  EXPECT_EQ(catalogue->RemoveAllFiles(), 0U);
+  EXPECT_THAT(OnCard(), ElementsAre("link.dat"));
+}
+
+// Streams follow links; what is opened or copied is the application's choice.
+TEST_F(CardOfAnybody, ACopyIsOneOfWhereALinkLeads) {
+  fs::create_symlink(Interpose::Real(kOutside), Where("link.dat"));
+  std::string path = std::string(kDirectory) + "link.dat";
+  Capture::Descriptor const output(1);
+  EXPECT_TRUE(Ifile(path, false).CopyTo("/mnt/sdcard/copy"));
+  EXPECT_EQ(Interpose::ReadFile("/mnt/sdcard/copy"), std::string(5000, 'o'));
+  EXPECT_TRUE(OutsideIsUntouched());
+}
+
+class Start : public testing::Test {
+ protected:
+  Start() {
+    Capture::Output([this] { system.emplace(); });
+    Interpose::hooks().reboot = [](int) { return Interpose::Answer::Failure(EPERM); };
+    Interpose::MakeFile(kCounterFile, "");
+    Interpose::MakeFile(kOutside, "outside");
+  }
+
+  std::string InitDisk() {
+    return Capture::Output([this] { system->InitDisk(); });
+  }
+
+  FakeCard card;
+  std::optional<System> system;
+};
+
+TEST_F(Start, WhatACardTellsOfItselfNeverReachesAShell) {
+  for (char const* name : {"cid", "csd", "serial", "manfid", "oemid", "name"}) {
+    FakeCard::SetProperty(std::string("device/") + name, "$(reboot);reboot\n");
+  }
+  InitDisk();
+  EXPECT_THAT(Traced("system"),
+              ElementsAre("system umount /mnt/sdcard/", "system fsck -f -y /dev/mmcblk1p1",
+                          "system mount -o noatime,nodiratime,data=writeback "
+                          "/dev/mmcblk1p1 /mnt/sdcard/"));
+  EXPECT_EQ(pipes, 0);
+}
+
+TEST_F(Start, CommandsInheritNothing) {
+  LogFile::BeginAnew();
+  Descriptors::Watch const descriptors;
+  Capture::Output([] { Tarvik::Ilog::LogLine(Tarvik::Ilog::Info) << "the log is open"; });
+  ASSERT_THAT(descriptors.Opened(), testing::SizeIs(1));
+  int const log = descriptors.Opened().front();
+  int commands = 0;
+  Capture::Descriptor const output(1);
+  std::vector<int> const own = descriptors.Opened();
+  auto const checked = [&, answers = Interpose::hooks().system](std::string const& command) {
+    ++commands;
+    for (int const fd : descriptors.Opened()) {
+      bool const isOwn = std::ranges::count(own, fd) > 0 && fd != log;
+      EXPECT_TRUE(isOwn || Descriptors::ClosesOnExec(fd)) << command;
+    }
+    return answers(command);
+  };
+  Interpose::hooks().system = checked;
+  system->InitDisk();
+  EXPECT_TRUE(system->disk->Fromat(false));
+  card.duringCheck = [] { Interpose::RemoveFile(FakeCard::kTestFile); };
+  system->InitDisk();  // fails, and the machine is rebooted
+  EXPECT_EQ(commands, 3 + 1 + 3 + 1);
+}
+
+// The standard library's streams have no other way: close recordings before a command is run.
+TEST_F(Start, AStreamThatIsOpenIsInherited) {
+  Descriptors::Watch const descriptors;
+  std::string path = kOutside;
+  Ifile const file(path, true);
+  ASSERT_THAT(descriptors.Opened(), testing::SizeIs(1));
+  EXPECT_FALSE(Descriptors::ClosesOnExec(descriptors.Opened().front()));
+}
+
+TEST_F(Start, TheTestFileIsNotWrittenWhereALinkLeads) {
+  fs::create_symlink(Interpose::Real(kOutside), Interpose::Real(FakeCard::kTestFile));
+  card.duringCheck = [] { EXPECT_EQ(Interpose::ReadFile(FakeCard::kTestFile), "velmor"); };
+  InitDisk();
+  EXPECT_TRUE(system->disk->available);
+  EXPECT_EQ(Interpose::ReadFile(kOutside), "outside");
+  EXPECT_FALSE(FakeCard::HasTestFile());
+}
+
+TEST_F(Start, APipeInThePlaceOfTheTestFileDoesNotStopTheStart) {
+  ASSERT_EQ(mkfifo(Interpose::Real(FakeCard::kTestFile).c_str(), 0600), 0);
+  InitDisk();
+  EXPECT_TRUE(system->disk->available);
+  EXPECT_FALSE(FakeCard::HasTestFile());
+}
+
+TEST_F(Start, ADirectoryInThePlaceOfTheTestFileIsLeft) {
+  fs::create_directory(Interpose::Real(FakeCard::kTestFile));
+  InitDisk();
+  EXPECT_TRUE(FakeCard::HasTestFile());
+}
+
+TEST_F(Start, FilesAreMadeForTheirOwnerToWriteAndAllToRead) {
+  mode_t const before = umask(022);
+  Interpose::RemoveFile(kCounterFile);
+  mode_t testFile = 0;
+  card.duringCheck = [&testFile] { testFile = ModeOf(FakeCard::kTestFile); };
+  LogFile::BeginAnew();
+  Interpose::RemoveFile(LogFile::kPath);
+  std::string path = kOutside;
+  InitDisk();
+  Capture::Output([&] {
+    EXPECT_TRUE(Ifile(path, false).CopyTo("/mnt/sdcard/copy"));
+    EXPECT_TRUE(system->SaveSDCardStatusCounter(1));
+    EXPECT_TRUE(Idir("/mnt/sdcard/made").Create());
+  });
+  EXPECT_EQ(testFile, 0644U);
+  for (std::string const made : {LogFile::kPath, kCounterFile, "/mnt/sdcard/copy"}) {
+    EXPECT_EQ(ModeOf(made), 0644U) << made;
+  }
+  EXPECT_EQ(ModeOf("/mnt/sdcard/made"), 0755U);
+  umask(before);
+}
+
+}  // namespace
