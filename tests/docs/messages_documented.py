@@ -1,7 +1,8 @@
 #!/usr/bin/env python3
 """Compares docs/operations.md with the texts that the library and the recorder print.
 
-Fails when a text is missing there, or when a message that is described there is in no source.
+Fails when a text is missing there, when a message that is described there is in no source, or when
+a line of output that is shown there cannot be printed.
 """
 
 import re
@@ -21,14 +22,14 @@ UNSEEN = {'"\\/bfnrt', '"\\/\b', "0123456789", "-0123456789", "null", "true", "f
           "/\\", "/", "3", "r"}
 
 CODE_SPAN = re.compile(r"`([^`\n]+)`")
-BLOCK = re.compile(r"^```\w*\n(.*?)^```", re.MULTILINE | re.DOTALL)
+BLOCK = re.compile(r"^```.*?^```", re.MULTILINE | re.DOTALL)
+OUTPUT = re.compile(r"^```text\n(.*?)^```", re.MULTILINE | re.DOTALL)
+LOG_HEADER = re.compile(r"^\[\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\](\[-?\d+C\])?(\[(ERROR|WARNING)\])?")
 
 
 def documented(page: str) -> set[str]:
-    """What stands in code spans and, line by line, in code blocks."""
-    blocks = BLOCK.findall(page)
-    lines = (line.strip() for block in blocks for line in block.splitlines())
-    return spans(BLOCK.sub("", page)) | set(lines)
+    """What stands in code spans; what only an example shows is not explained."""
+    return spans(BLOCK.sub("", page))
 
 
 def described(page: str) -> set[str]:
@@ -45,6 +46,17 @@ def described(page: str) -> set[str]:
     return found
 
 
+def not_printed(messages: dict[str, str], page: str) -> list[str]:
+    """The lines shown as output that no message makes, after a log line's header, if it has one.
+
+    A text of the system may follow a message, as on standard error.
+    """
+    made = re.compile("|".join(re.escape(text).replace(VALUE, ".+") + "(?:: .+)?"
+                               for text in messages if text.strip(f"{VALUE}[]: ")))
+    shown = (line.strip() for block in OUTPUT.findall(page) for line in block.splitlines())
+    return [line for line in shown if not made.fullmatch(LOG_HEADER.sub("", line))]
+
+
 def spans(text: str) -> set[str]:
     return {span.replace("\\|", "|").strip() for span in CODE_SPAN.findall(text)}
 
@@ -53,7 +65,8 @@ def complaints(messages: dict[str, str], page: str) -> list[str]:
     missing = messages.keys() - documented(page)
     stale = described(page) - messages.keys()
     return ([f"{messages[text]}: not in docs/operations.md: {text}" for text in sorted(missing)] +
-            [f"docs/operations.md: in no source: {text}" for text in sorted(stale)])
+            [f"docs/operations.md: in no source: {text}" for text in sorted(stale)] +
+            [f"docs/operations.md: not printed: {line}" for line in not_printed(messages, page)])
 
 
 def printed(root: Path) -> dict[str, str]:
