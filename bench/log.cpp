@@ -7,8 +7,11 @@
 #include <spdlog/spdlog.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <memory>
 #include <string_view>
+#include <thread>
+#include <vector>
 
 #include "base/Logger.h"
 #include "base/UniqueFd.h"
@@ -18,6 +21,7 @@ namespace {
 
 constexpr char const* kName = "rec_000042.dat";
 constexpr unsigned long long kSize = 16777216;
+constexpr int kLinesTogether = 8000;
 constexpr std::string_view kLine =
     "[2021-03-04 17:05:09][SYSTEM] recording rec_000042.dat size 16777216\n";
 
@@ -34,14 +38,10 @@ void SystemCalls(benchmark::State& state) {
     benchmark::DoNotOptimize(write(file.Get(), kLine.data(), kLine.size()));
     benchmark::DoNotOptimize(write(STDOUT_FILENO, kLine.data(), kLine.size()));
   }
-  state.SetItemsProcessed(state.iterations());
 }
 
-void Library(benchmark::State& state) {
-  using Tarvik::Ilog::LogLine;
-  for (auto _ : state)
-    LogLine(Tarvik::Ilog::Info) << "[SYSTEM] recording " << kName << " size " << kSize;
-  state.SetItemsProcessed(state.iterations());
+void LogByLibrary() {
+  Tarvik::Ilog::LogLine(Tarvik::Ilog::Info) << "[SYSTEM] recording " << kName << " size " << kSize;
 }
 
 spdlog::logger& Peer() {
@@ -57,21 +57,44 @@ spdlog::logger& Peer() {
   return *logger;
 }
 
-void Spdlog(benchmark::State& state) {
-  auto& logger = Peer();
-  for (auto _ : state) logger.info("[SYSTEM] recording {} size {}", kName, kSize);
-  state.SetItemsProcessed(state.iterations());
+void LogBySpdlog() {
+  Peer().info("[SYSTEM] recording {} size {}", kName, kSize);
 }
 
-BENCHMARK(SystemCalls)->Setup(EmptyFiles)->UseRealTime();
-BENCHMARK(Library)
-    ->Setup(EmptyFiles)
-    ->UseRealTime()
-    ->Threads(1)
-    ->Threads(2)
-    ->Threads(4)
-    ->Threads(8);
-BENCHMARK(Spdlog)->Setup(EmptyFiles)->UseRealTime()->Threads(1)->Threads(2)->Threads(4)->Threads(8);
+template <auto log>
+void Alone(benchmark::State& state) {
+  for (auto _ : state) log();
+}
+
+// The time from the first thread's start to the last one's end, for each line of them all.
+template <auto log>
+void Together(benchmark::State& state) {
+  using Clock = std::chrono::steady_clock;
+  auto const threads = static_cast<int>(state.range(0));
+  auto const logShare = [threads] {
+    for (int line = 0; line < kLinesTogether / threads; ++line) log();
+  };
+  for (auto _ : state) {
+    auto const start = Clock::now();
+    {
+      std::vector<std::jthread> workers;
+      for (int thread = 0; thread < threads; ++thread) workers.emplace_back(logShare);
+    }
+    state.SetIterationTime(std::chrono::duration<double>(Clock::now() - start).count() /
+                           kLinesTogether);
+  }
+}
+
+void Threads(benchmark::internal::Benchmark* benchmark) {
+  benchmark->Setup(EmptyFiles)->UseManualTime()->Iterations(1);
+  for (int threads : {1, 2, 4, 8}) benchmark->Arg(threads);
+}
+
+BENCHMARK(SystemCalls)->Setup(EmptyFiles);
+BENCHMARK(Alone<LogByLibrary>)->Name("Library")->Setup(EmptyFiles);
+BENCHMARK(Alone<LogBySpdlog>)->Name("Spdlog")->Setup(EmptyFiles);
+BENCHMARK(Together<LogByLibrary>)->Name("LibraryThreads")->Apply(Threads);
+BENCHMARK(Together<LogBySpdlog>)->Name("SpdlogThreads")->Apply(Threads);
 
 }  // namespace
 
