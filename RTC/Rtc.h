@@ -29,7 +29,7 @@ class QUELLON_EXPORT Rtc {
   bool Set(long& seconds);
 
   /// Sets the system clock from `rtcTime`, which is normalised by that. Its daylight-saving flag
-  /// counts: `Load` leaves it 0, winter time, so set it to -1 in a zone with summer time. False when
+  /// counts: `Load` leaves it 0, winter time; set it to -1 in a zone with summer time. False when
   /// the kernel refused the time.
   bool SetSystemClock();
 
