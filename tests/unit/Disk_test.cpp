@@ -119,7 +119,7 @@ TEST_F(DiskTest, IsNotFoundWithoutItsBlockDevice) {
   Interpose::RemoveFile("/dev/mmcblk1");
   FakeCard::Status().present = true;
   EXPECT_EQ(Make(), "Disk exception Disk not found\n");
-  EXPECT_EQ(LastException()->code, 0);
+  EXPECT_EQ(LastException().value().code, 0);
   EXPECT_FALSE(disk->available);
   EXPECT_EQ(disk->totalBytes, 0);
   EXPECT_EQ(disk->freeBytes, 0);
@@ -182,7 +182,7 @@ TEST_F(DiskTest, RefusesAMountPointWhoseCardFailedBeforeItTouchesAnything) {
     return Answer::Success();
   };
   EXPECT_EQ(Make(), "Disk exception Disk malfunction status had been set to read-only\n");
-  EXPECT_EQ(LastException()->code, 0);
+  EXPECT_EQ(LastException().value().code, 0);
   EXPECT_FALSE(disk->available);
   EXPECT_EQ(FakeCard::Status().malfunction, 1);
 }

@@ -82,6 +82,7 @@ class WatchdogTest : public testing::Test {
       return std::nullopt;
     };
     Capture::Output(work);
+    hooks().write = nullptr;
     EXPECT_EQ(lines, 1);
     Tarvik::Ilog::Logger::GetInstance()->Close();
     return open;
