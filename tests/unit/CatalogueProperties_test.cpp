@@ -36,8 +36,8 @@ using CatalogueModel::Removal;
 using CatalogueModel::State;
 using Interpose::Answer;
 
-#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
-constexpr std::uint32_t kSequences = 1000;  // sanitizers take their time
+#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__) || defined(__arm__)
+constexpr std::uint32_t kSequences = 1000;  // sanitizers and emulators take their time
 #else
 constexpr std::uint32_t kSequences = 3000;
 #endif
@@ -145,7 +145,8 @@ class World {
   }
 
   void Appear(File const& file) {
-    CatalogueTest::MakeRecording(file.name, file.size, file.time);
+    CatalogueTest::MakeRecording(file.name, static_cast<std::size_t>(file.size),
+                                 static_cast<std::time_t>(file.time));
     sizes[file.name] = static_cast<std::int64_t>(file.size);
   }
   void Vanish(std::string const& name) {
