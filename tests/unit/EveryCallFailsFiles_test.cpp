@@ -10,6 +10,7 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <fstream>
 #include <memory>
 #include <optional>
 #include <string>
@@ -327,17 +328,18 @@ class Logging {
   }
 
   std::string Outcome() {
-    std::string const older = Interpose::ReadFile(LogFile::kOlderPath);
-    return Summary(older) + " then " + Summary(LogFile::Text());
+    return Summary(LogFile::kOlderPath) + " then " + Summary(LogFile::kPath);
   }
 
  private:
   // The text of each line; what filled the file is a dot.
-  static std::string Summary(std::string const& text) {
+  static std::string Summary(std::string const& path) {
+    constexpr std::streamoff kEnd = 100;
+    std::ifstream file(Interpose::Real(path), std::ios::ate);
+    file.seekg(-std::min<std::streamoff>(kEnd, file.tellg()), std::ios::end);
     std::string summary;
-    for (auto const& line : LogFile::SplitLines(text)) {
-      summary +=
-          line.starts_with('x') ? "." : "|" + line.substr(std::min<std::size_t>(21, line.size()));
+    for (std::string line; std::getline(file, line);) {
+      summary += line.starts_with('x') ? "." : "|" + line.substr(21);
     }
     return summary;
   }

@@ -3,7 +3,6 @@
 
 #include <cerrno>
 #include <optional>
-#include <regex>
 #include <sstream>
 #include <string>
 
@@ -34,17 +33,20 @@ std::string NewSystem(std::optional<System>& system) {
 /// The value of a key of the health report, as it is written.
 std::string Health(System const& system, std::string const& key) {
   std::string const report = system.GetHealthReport();
-  std::smatch found;
-  std::regex_search(report, found, std::regex("\"" + key + "\":([^,}]*)"));
-  return found[1];
+  std::size_t const name = report.find("\"" + key + "\":");
+  if (name == std::string::npos) return "unknown";
+  std::size_t const value = name + key.size() + 3;
+  return report.substr(value, report.find_first_of(",}", value) - value);
 }
 
 /// The messages of the exceptions that were told of.
 std::string Exceptions(std::string const& output) {
   std::string messages;
-  std::regex const line("(?:Disk exception|Exception disk \\(0\\):) ([^\n]*)\n");
-  for (std::sregex_iterator found(output.begin(), output.end(), line), end; found != end; ++found) {
-    messages += (*found)[1].str() + "; ";
+  std::istringstream lines(output);
+  for (std::string line; std::getline(lines, line);) {
+    for (std::string const beginning : {"Disk exception ", "Exception disk (0): "}) {
+      if (line.starts_with(beginning)) messages += line.substr(beginning.size()) + "; ";
+    }
   }
   return messages;
 }
