@@ -146,11 +146,11 @@ bool FilesManager::AddFile(std::string& fileName) {
   return true;
 }
 
-std::unique_ptr<Ifile> FilesManager::MakeEntry(std::string filePath, std::string const& fileName) {
+std::unique_ptr<Ifile> FilesManager::MakeEntry(std::string filePath, std::string fileName) {
   auto file = std::make_unique<Ifile>();
   file->path = std::move(filePath);
-  file->name = fileName;
   file->extension = DottedExtension(fileName);
+  file->name = std::move(fileName);
   return file;
 }
 

@@ -135,7 +135,7 @@ class QUELLON_EXPORT FilesManager : public Tarvik::Interfaces::IThread,
   void LogShare();
   void Forget();
   void LoadEntry(char const* entryName);
-  static std::unique_ptr<Ifile> MakeEntry(std::string filePath, std::string const& fileName);
+  static std::unique_ptr<Ifile> MakeEntry(std::string filePath, std::string fileName);
   void Append(std::unique_ptr<Ifile> file);
   unsigned int DeleteBehind(ProtectedHead& head, unsigned int count);
   Position FirstBehind(ProtectedHead& head);

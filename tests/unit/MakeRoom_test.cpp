@@ -210,6 +210,29 @@ TEST_F(MakeRoom, DeletesTwoFilesAtATimeAndMeasuresAfterEachStepWithoutPauses) {
   EXPECT_THAT(Names(*catalogue), ElementsAre("b.log", "f.dat", "g.dat"));
 }
 
+TEST_F(MakeRoom, LeavesProtectedFilesWhereverTheyStandBetweenItsAttempts) {
+  auto const catalogue = NewCatalogue(kDirectory, 60, 1.0F);
+  Keep(*catalogue, {"a.log", "b.gps", "c.dat", "d.dat", "e.gps", "f.dat", "g.log", "h.dat"});
+  freeBytes = 30;
+  RemovalFrees(10);
+  EXPECT_TRUE(catalogue->MakeRoom());
+  EXPECT_THAT(Names(*catalogue), ElementsAre("a.log", "b.gps", "e.gps", "g.log"));
+}
+
+TEST_F(MakeRoom, BeginsAtTheOldestAgainWhenTheListHasChangedBetweenItsAttempts) {
+  auto const catalogue = NewCatalogue(kDirectory, 100, 1.0F);
+  Keep(*catalogue, {"a.log", "b.gps", "c.dat", "d.dat", "e.dat", "f.dat", "g.dat"});
+  freeBytes = 70;
+  RemovalFrees(10);
+  Interpose::hooks().statvfs = [&, measure = Interpose::hooks().statvfs](std::string const& path,
+                                                                         struct statvfs* space) {
+    if (freeBytes == 90) catalogue->ReverseList();
+    return measure(path, space);
+  };
+  EXPECT_TRUE(catalogue->MakeRoom());
+  EXPECT_THAT(Names(*catalogue), ElementsAre("e.dat", "b.gps", "a.log"));
+}
+
 TEST_F(MakeRoom, DeletesUntilTheCatalogueIsWithinItsShare) {
   auto const catalogue = NewCatalogue(kDirectory, 0, 0.5F);
   totalBytes = 70;  // so 35 may be used, if not quite
