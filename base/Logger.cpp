@@ -38,6 +38,11 @@ template <typename Policy>
 void LoggerBase<Policy>::WriteHeader(LogType type) {
   if (!enabled) return;
   RequireNoLine();
+  BeginLine(type);
+}
+
+template <typename Policy>
+void LoggerBase<Policy>::BeginLine(LogType type) {
   std::unique_lock lock(lineLock);
   if constexpr (requires { policy.WriteHeader(type); }) policy.WriteHeader(type);
   AppendTime();
@@ -225,9 +230,9 @@ Logger::Logger() : fileSink(Sink<FileLogPolicy>()), consoleSink(Sink<ConsoleLogP
 void Logger::BeginLine(LogType type) {
   fileSink->RequireNoLine();
   consoleSink->RequireNoLine();
-  fileSink->WriteHeader(type);
+  if (fileSink->enabled) fileSink->BeginLine(type);
   try {
-    consoleSink->WriteHeader(type);
+    if (consoleSink->enabled) consoleSink->BeginLine(type);
   } catch (...) {
     fileSink->Abandon();
     throw;

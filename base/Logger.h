@@ -92,6 +92,7 @@ class LoggerBase {
   void AppendText(std::string_view text);
   template <typename Number>
   void AppendNumber(Number number);
+  void BeginLine(LogType type);
   void AppendTime();
   void AppendTemperature();
   void AppendTag(LogType type);
