@@ -19,6 +19,7 @@ NANOSECONDS = {"ns": 1.0, "us": 1e3, "ms": 1e6, "s": 1e9}
 COUNTS = (2000, 6000, 20000)
 THREADS = (1, 2, 4, 8)
 LIMIT_OF_SIZE = 200  # KiB
+LINEAR = 1.2  # caches hold less of a long catalogue; what is worse than linear grows far more
 
 
 class Times:
@@ -83,7 +84,7 @@ def loads(table, load, paused):
         table.add(f"loading {count:,} entries, without pauses", "readdir and lstat alone", 1.6,
                   load.ratio(f"LibraryLoads/{count}", f"SystemCalls/{count}"))
     growth = [load[f"LibraryLoads/{count}"] / load[f"SystemCalls/{count}"] for count in COUNTS]
-    table.add("that ratio at 20,000 entries", "itself at 2,000", 1.1, growth[-1] / growth[0])
+    table.add("that ratio at 20,000 entries", "itself at 2,000", LINEAR, growth[-1] / growth[0])
     for count in (2000, 20000):
         table.add(f"loading and sorting {count:,} entries",
                   "std::filesystem into records, stable sort", 0.6,
@@ -96,7 +97,7 @@ def room(table, make):
         ratios[count] = make.ratio(f"Library/{count}", f"SystemCalls/{count}")
         table.add(f"MakeRoom, per deleted file, {count:,} recordings",
                   "statvfs, access and unlink alone", 1.15, ratios[count])
-    table.add("that ratio at 20,000 recordings", "itself at 2,000", 1.1,
+    table.add("that ratio at 20,000 recordings", "itself at 2,000", LINEAR,
               ratios[20000] / ratios[2000])
     table.add("MakeRoom behind 10,000 protected files, per deleted file", "itself without them",
               None, make.ratio("LibraryAmongProtectedFiles/2000", "Library/2000"))

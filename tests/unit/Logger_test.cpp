@@ -251,6 +251,16 @@ TEST_F(LoggerTest, HowOneLineShowsNumbersDoesNotReachTheNext) {
             "[2021-03-04 17:05:09][41C]255 0.125  1\n");
 }
 
+TEST_F(LoggerTest, TextsAndNumbersAreFilledUpToTheWidthAskedForOnce) {
+  BoardHas(41);
+  EXPECT_EQ(Logged([] {
+              LogLine(Info) << std::setw(5) << "ab"
+                            << "c" << std::left << std::setw(4) << std::string("de") << std::right
+                            << std::setw(4) << -7 << 18ULL << std::showpos << 2;
+            }),
+            "[2021-03-04 17:05:09][41C]   abcde    -718+2\n");
+}
+
 TEST_F(LoggerTest, TheLocaleOfTheApplicationChangesNothing) {
   BoardHas(1000);
   GroupedNumbers const locale;
