@@ -139,13 +139,13 @@ def component_table(sizes):
     return "\n".join(["| component | bytes of code and data |", "|---|---|"] + rows)
 
 
-def plot(name, title, axes, curves, logarithmic):
-    """One SVG: `curves` maps a label to (x, y) pairs."""
+def plot(name, title, axes, curves, key, logarithmic=False):
+    """One SVG: `curves` maps a label to (x, y) pairs; `key` says where no curve is."""
     commands = [
         "set terminal svg size 640,400 background '#ffffff' font 'sans,12'",
         f"set output '{FIGURES / name}.svg'",
         f"set title '{title}'", f"set xlabel '{axes[0]}'", f"set ylabel '{axes[1]}'",
-        "set key left top", "set grid", "set yrange [0:*]",
+        f"set key {key}", "set grid", "set yrange [0:*]",
     ]
     if logarithmic:
         commands.append("set logscale x 2")
@@ -168,16 +168,16 @@ def plots(together, load, make):
     plot("log", "One log line to a file and the console", ("threads", "microseconds a line"), {
         "the library": curve(together, "LibraryThreads", THREADS, 1e3),
         "spdlog": curve(together, "SpdlogThreads", THREADS, 1e3),
-    }, True)
+    }, "left bottom", logarithmic=True)
     plot("load", "Loading and sorting a catalogue, without pauses", ("files", "milliseconds"), {
         "the library": curve(load, "LibraryLoadsAndSorts", COUNTS, 1e6),
         "std::filesystem, stable sort": curve(load, "StandardLibrary", COUNTS, 1e6),
         "readdir and lstat alone": curve(load, "SystemCalls", COUNTS, 1e6),
-    }, False)
+    }, "left top")
     plot("reclaim", "Making room", ("recordings in the catalogue", "microseconds a deleted file"), {
         "the library": curve(make, "Library", COUNTS, 1e3),
         "statvfs, access and unlink alone": curve(make, "SystemCalls", COUNTS, 1e3),
-    }, False)
+    }, "right bottom")
 
 
 def instructions():
