@@ -13,12 +13,11 @@ from board.tools import Failure, Unavailable, run
 ROOT = Path(__file__).resolve().parent.parent
 GUEST = ROOT / "board/guest"
 
-# What the cross build makes and where the board has it.
+# What the board runs: the files of the packages, and programs that are in none.
 BUILD = ROOT / "build/armhf"
+PACKAGES = BUILD / "root"
+PACKAGED = ("usr/lib/*/libTarvik.so.1", "usr/lib/*/libQuellon.so.1", "usr/bin/recorder")
 PROGRAMS = {
-    "libTarvik.so": "usr/lib",
-    "libQuellon.so": "usr/lib",
-    "examples/recorder/recorder": "usr/bin",
     "examples/bench-driver/bench-driver": "usr/bin",
     "board/driver/driver": "usr/bin",
 }
@@ -37,12 +36,23 @@ def require_prepared():
 
 
 def programs() -> dict[Path, str]:
-    return {BUILD / name: place for name, place in PROGRAMS.items()}
+    """The files of the host that the board has, each with its folder there."""
+    places = {BUILD / name: place for name, place in PROGRAMS.items()}
+    for name in PACKAGED:
+        for file in PACKAGES.glob(name):
+            places[file] = str(file.parent.relative_to(PACKAGES))
+    if len(places) != len(PROGRAMS) + len(PACKAGED):
+        raise Failure("the board's programs have not been made: scripts/board --build")
+    return places
 
 
 def cross_build():
-    run(["cmake", "--preset", "armhf"], cwd=ROOT)
+    run(["cmake", "--preset", "armhf", "-DQUELLON_DEBIAN_PACKAGES=ON"], cwd=ROOT)
     run(["cmake", "--build", "--preset", "armhf"], cwd=ROOT)
+    shutil.rmtree(PACKAGES, ignore_errors=True)
+    for component in ("runtime", "recorder"):
+        run(["cmake", "--install", BUILD, "--strip", "--component", component,
+             "--prefix", PACKAGES / "usr"], cwd=ROOT)
 
 
 class Board:
@@ -144,11 +154,6 @@ def expect_equal(actual, expected, what: str):
 
 
 def _install(program: Path, folder: Path):
-    """Copies a program without its debugging symbols, a library under the name it is loaded by."""
+    """Copies a program without its debugging symbols."""
     folder.mkdir(parents=True, exist_ok=True)
     run(["arm-linux-gnueabihf-strip", "-o", folder / program.name, program])
-    dynamic = run(["arm-linux-gnueabihf-readelf", "-d", program])
-    if "soname: [" in dynamic:
-        name = dynamic.split("soname: [")[1].split("]")[0]
-        if name != program.name:
-            (folder / name).symlink_to(program.name)

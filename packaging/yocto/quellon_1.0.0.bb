@@ -1,0 +1,28 @@
+# A recipe for Yocto, from release 4.0 on. It was not built by those who wrote it.
+SUMMARY = "System services of an embedded recording device"
+DESCRIPTION = "Brings an SD card into service, keeps recordings within their share of it, feeds the \
+hardware watchdog, sets the clock and keeps a log."
+SECTION = "libs"
+# A license has not been chosen yet.
+LICENSE = "CLOSED"
+
+# Where your copy of the sources is; this repository has no public address.
+SRC_URI = "git://git.example.org/quellon.git;protocol=https;branch=main"
+# The commit of the release.
+SRCREV = "INVALID"
+S = "${WORKDIR}/git"
+
+inherit cmake pkgconfig systemd
+
+EXTRA_OECMAKE = "-DQUELLON_BUILD_TESTS=OFF -DQUELLON_UNIT_DIR=${systemd_system_unitdir}"
+
+PACKAGES =+ "${PN}-recorder"
+FILES:${PN}-recorder = "${bindir}/recorder ${systemd_system_unitdir}/quellon-recorder.service"
+
+# The library calls fsck.ext4 and mkfs.ext4.
+RRECOMMENDS:${PN} = "e2fsprogs-e2fsck e2fsprogs-mke2fs"
+
+# It arms the watchdog and may restart the machine: whether it runs is the image's choice.
+SYSTEMD_PACKAGES = "${PN}-recorder"
+SYSTEMD_SERVICE:${PN}-recorder = "quellon-recorder.service"
+SYSTEMD_AUTO_ENABLE:${PN}-recorder = "disable"
