@@ -68,7 +68,7 @@ void LoggerBase<Policy>::RequireNoLine() const {
 template <typename Policy>
 void LoggerBase<Policy>::AppendTime() {
   long const now = time(nullptr);
-  if (now != stampSecond) {
+  if (now != stampSecond || stamp.empty()) {
     stamp = "[" + Util::NewDate(kTimeFormat) + "]";
     stampSecond = now;
   }

@@ -1,18 +1,30 @@
-# What every target of this project is compiled with; nothing of it reaches applications.
+# What this project's targets are compiled and linked with; nothing of it reaches applications.
+#
+#   Quellon_options       the libraries and what is shipped: warnings, instruments
+#   Quellon_test_options  the tests: the same warnings, but instruments only where a test needs them
 add_library(Quellon_options INTERFACE)
+add_library(Quellon_test_options INTERFACE)
 
-target_compile_options(Quellon_options INTERFACE
-  -Wall -Wextra -Wpedantic -Wconversion -Wshadow
-  $<$<AND:$<CXX_COMPILER_ID:GNU>,$<STREQUAL:${CMAKE_SYSTEM_PROCESSOR},arm>>:-Wno-psabi>)
-target_compile_features(Quellon_options INTERFACE cxx_std_20)
+foreach(options Quellon_options Quellon_test_options)
+  target_compile_options(${options} INTERFACE
+    -Wall -Wextra -Wpedantic -Wconversion -Wshadow
+    $<$<AND:$<CXX_COMPILER_ID:GNU>,$<STREQUAL:${CMAKE_SYSTEM_PROCESSOR},arm>>:-Wno-psabi>)
+  target_compile_features(${options} INTERFACE cxx_std_20)
+endforeach()
 
 if(QUELLON_SANITIZE)
-  target_compile_options(Quellon_options INTERFACE
-    -fsanitize=${QUELLON_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
+  set(sanitize -fsanitize=${QUELLON_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
+  target_compile_options(Quellon_options INTERFACE ${sanitize})
   target_link_options(Quellon_options INTERFACE -fsanitize=${QUELLON_SANITIZE})
+  target_link_options(Quellon_test_options INTERFACE -fsanitize=${QUELLON_SANITIZE})
+  # Data races lie between two threads, and one of them may be the test's own.
+  if(QUELLON_SANITIZE MATCHES thread)
+    target_compile_options(Quellon_test_options INTERFACE ${sanitize})
+  endif()
 endif()
 
 if(QUELLON_COVERAGE)
   target_compile_options(Quellon_options INTERFACE --coverage -fprofile-update=atomic)
   target_link_options(Quellon_options INTERFACE --coverage)
+  target_link_options(Quellon_test_options INTERFACE --coverage)
 endif()
