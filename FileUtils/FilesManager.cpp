@@ -106,9 +106,10 @@ bool FilesManager::Load() {
   }
   Forget();
   totalFilesSize = 0;
+  std::fstream unopened;
   while (dirent const* entry = readdir(directory.get())) {
     usleep(kEntryPauseMicroseconds);
-    LoadEntry(entry->d_name);
+    LoadEntry(entry->d_name, unopened);
   }
   return true;
 }
@@ -124,11 +125,11 @@ bool FilesManager::LoadAndSort() {
   return true;
 }
 
-void FilesManager::LoadEntry(char const* entryName) {
+void FilesManager::LoadEntry(char const* entryName, std::fstream& unopened) {
   struct stat status {};
   std::string filePath = path + entryName;
   if (lstat(filePath.c_str(), &status) != 0 || S_ISDIR(status.st_mode)) return;
-  auto file = MakeEntry(std::move(filePath), entryName);
+  auto file = MakeEntry(std::move(filePath), entryName, unopened);
   file->size = status.st_size;
   file->time = status.st_mtime;
   Append(std::move(file));
@@ -136,7 +137,8 @@ void FilesManager::LoadEntry(char const* entryName) {
 
 bool FilesManager::AddFile(std::string& fileName) {
   ResetError();
-  auto file = MakeEntry(path + fileName, fileName);
+  std::fstream unopened;
+  auto file = MakeEntry(path + fileName, fileName, unopened);
   if (!file->Stat()) {
     static_cast<void>(file.release());  // abandoned on purpose, as every object of an entry that
                                         // left the catalogue or never came into it
@@ -146,8 +148,9 @@ bool FilesManager::AddFile(std::string& fileName) {
   return true;
 }
 
-std::unique_ptr<Ifile> FilesManager::MakeEntry(std::string filePath, std::string fileName) {
-  auto file = std::make_unique<Ifile>();
+std::unique_ptr<Ifile> FilesManager::MakeEntry(std::string filePath, std::string fileName,
+                                               std::fstream& unopened) {
+  std::unique_ptr<Ifile> file(new Ifile(unopened));  // a constructor that std::make_unique lacks
   file->path = std::move(filePath);
   file->extension = DottedExtension(fileName);
   file->name = std::move(fileName);

@@ -1,6 +1,6 @@
 // Which file objects are alive, so that a test sees those a catalogue deletes and those it leaves
-// to others on purpose. Defines constructor and destructors of `Ifile` before the library's own, so
-// it belongs into one source of a test program.
+// to others on purpose. Defines constructors and destructors of `Ifile` before the library's own,
+// so it belongs into one source of a test program.
 #pragma once
 
 #include <dlfcn.h>
@@ -36,6 +36,11 @@ inline bool Contains(Ifile* file) {
   return registry().alive.contains(file);
 }
 
+inline void Add(Ifile* file) {
+  std::lock_guard const lock(registry().mutex);
+  registry().alive.insert(file);
+}
+
 inline void Forget(Ifile* file) {
   std::lock_guard const lock(registry().mutex);
   registry().alive.erase(file);
@@ -59,14 +64,23 @@ extern "C" {
 using LiveFiles::Ifile;
 
 Ifile* ConstructFile(Ifile* file) __asm__("_ZN7Quellon9FileUtils5IfileC1Ev");
+Ifile* ConstructEntry(Ifile* file, std::fstream& unopened) __asm__(
+    "_ZN7Quellon9FileUtils5IfileC1ERSt13basic_fstreamIcSt11char_traitsIcEE");
 Ifile* DestroyFile(Ifile* file) __asm__("_ZN7Quellon9FileUtils5IfileD1Ev");
 void DeleteFile(Ifile* file) __asm__("_ZN7Quellon9FileUtils5IfileD0Ev");
 
 Ifile* ConstructFile(Ifile* file) {
   static auto* const next = LiveFiles::Next<void(Ifile*)>("_ZN7Quellon9FileUtils5IfileC1Ev");
   next(file);
-  std::lock_guard const lock(LiveFiles::registry().mutex);
-  LiveFiles::registry().alive.insert(file);
+  LiveFiles::Add(file);
+  return file;
+}
+
+Ifile* ConstructEntry(Ifile* file, std::fstream& unopened) {
+  static auto* const next = LiveFiles::Next<void(Ifile*, std::fstream&)>(
+      "_ZN7Quellon9FileUtils5IfileC1ERSt13basic_fstreamIcSt11char_traitsIcEE");
+  next(file, unopened);
+  LiveFiles::Add(file);
   return file;
 }
 

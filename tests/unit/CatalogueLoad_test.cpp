@@ -232,6 +232,22 @@ TEST_F(CatalogueLoad, TakesNamesOfAnyBytes) {
   EXPECT_THAT(OnCard(), IsEmpty());
 }
 
+TEST_F(CatalogueLoad, GivesEachEntryAStreamOfItsOwnThatIsNotOpen) {
+  MakeRecording("a.dat", 1);
+  MakeRecording("b.dat", 2);
+  EXPECT_TRUE(catalogue->Load());
+  for (Ifile* file : catalogue->GetList()) {
+    ASSERT_NE(file->stream, nullptr);
+    EXPECT_TRUE(file->stream->good());
+    EXPECT_FALSE(file->stream->is_open());
+    EXPECT_TRUE(file->Open(true));
+    *file->stream << file->name << std::flush;
+    EXPECT_TRUE(file->stream->good());
+  }
+  EXPECT_EQ(fs::file_size(Where("a.dat")), 6U);
+  EXPECT_EQ(fs::file_size(Where("b.dat")), 7U);
+}
+
 TEST_F(CatalogueLoad, AgainAbandonsTheObjectsOfTheFirstTime) {
   MakeRecording("a.dat", 5);
   ASSERT_TRUE(catalogue->Load());
