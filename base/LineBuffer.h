@@ -1,6 +1,7 @@
 // The text of a log line under way.
 #pragma once
 
+#include <cstddef>
 #include <exception>
 #include <streambuf>
 #include <string>
@@ -12,18 +13,18 @@ namespace Tarvik::Ilog {
 /// its text, and asks for its bounds at every piece; that costs more than the pieces themselves.
 class LineBuffer : public std::streambuf {
  public:
-  [[nodiscard]] std::string_view View() const noexcept { return text; }
+  [[nodiscard]] std::string_view View() const noexcept { return {memory.data(), length}; }
 
   /// False, with nothing appended, when there is no memory for it.
-  bool Append(std::string_view piece) noexcept try {
-    text += piece;
+  bool Append(std::string_view piece) noexcept {
+    if (piece.size() > memory.size() - length && !Grow(piece.size())) return false;
+    piece.copy(memory.data() + length, piece.size());
+    length += piece.size();
     return true;
-  } catch (std::exception const&) {
-    return false;
   }
 
   /// Empties the text but keeps its memory for the next line.
-  void Clear() noexcept { text.clear(); }
+  void Clear() noexcept { length = 0; }
 
  protected:
   std::streamsize xsputn(char const* characters, std::streamsize count) override {
@@ -36,7 +37,16 @@ class LineBuffer : public std::streambuf {
   }
 
  private:
-  std::string text;
+  bool Grow(std::size_t count) noexcept try {
+    memory.append(count, '\0');
+    memory.resize(memory.capacity());
+    return true;
+  } catch (std::exception const&) {
+    return false;
+  }
+
+  std::string memory;      // the text and room for more
+  std::size_t length = 0;  // of the text
 };
 
 }  // namespace Tarvik::Ilog

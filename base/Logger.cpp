@@ -115,7 +115,7 @@ LoggerBase<Policy>& LoggerBase<Policy>::operator<<(std::string_view text) {
 
 // Most of a line is text that nobody asked to be filled up to a width, and needs no formatting.
 template <typename Policy>
-void LoggerBase<Policy>::AppendText(std::string_view text) {
+inline void LoggerBase<Policy>::AppendText(std::string_view text) {
   if (stream.width() != 0 || !stream.good()) {
     stream << text;
   } else if (!line.Append(text)) {
@@ -145,17 +145,16 @@ LoggerBase<Policy>& LoggerBase<Policy>::operator<<(std::ostream& (*manipulator)(
   return *this;
 }
 
+template <typename Policy>
+void LoggerBase<Policy>::CheckEndOfStream() {
+  if (HoldsLine() && line.View().ends_with('\n')) WriteLine();
+}
+
 // The writer runs on the thread that completed the line: it holds the lock that only it may
 // release, and the line must be with the kernel before this thread goes on.
 template <typename Policy>
-void LoggerBase<Policy>::CheckEndOfStream() {
-  if (!HoldsLine() || !line.View().ends_with('\n')) return;
-  lineReady.Notify();
-  WriteLine();
-}
-
-template <typename Policy>
 void LoggerBase<Policy>::WriteLine() {
+  lineReady.Notify();
   lineReady.Wait();
   if (!policy.Write(line.View())) enabled = false;
   Release();
@@ -164,8 +163,11 @@ void LoggerBase<Policy>::WriteLine() {
 template <typename Policy>
 void LoggerBase<Policy>::EndLine() {
   if (!HoldsLine()) return;
-  if (line.Append("\n")) CheckEndOfStream();
-  Abandon();  // no memory for the newline: the line is lost, the sink is not
+  if (line.Append("\n")) {
+    WriteLine();
+  } else {
+    Release();  // no memory for the newline: the line is lost, the sink is not
+  }
 }
 
 template <typename Policy>
@@ -176,7 +178,7 @@ void LoggerBase<Policy>::Abandon() noexcept {
 template <typename Policy>
 void LoggerBase<Policy>::Release() noexcept {
   line.Clear();
-  stream.clear();
+  if (!stream.good()) stream.clear();
   ForgetFormat();
   lineOwner.store(std::thread::id(), std::memory_order_relaxed);
   lineLock.unlock();
