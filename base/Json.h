@@ -101,6 +101,8 @@ class QUELLON_EXPORT Object {
   [[nodiscard]] Members::const_iterator end() const noexcept;
 
  private:
+  friend class Reader;
+
   Members members;
 };
 

@@ -5,6 +5,7 @@
 #include <sstream>
 #include <string_view>
 #include <system_error>
+#include <utility>
 
 #include "base/IException.h"
 #include "base/Json.h"
@@ -16,6 +17,28 @@ namespace Tarvik::Json {
 namespace {
 
 constexpr int kDeepestNesting = 512;
+
+bool IsBlank(char character) {
+  return character == ' ' || character == '\t' || character == '\n' || character == '\r';
+}
+
+bool IsDigit(char character) {
+  return character >= '0' && character <= '9';
+}
+
+// The nearest double; for a number beyond the range of doubles that is infinity or zero.
+double ToDouble(std::string_view digits) {
+  double number = 0;
+  auto const result = std::from_chars(digits.data(), digits.data() + digits.size(), number);
+  if (result.ec == std::errc()) return number;
+  std::istringstream stream{std::string(digits)};
+  stream.imbue(std::locale::classic());
+  if (stream >> number) return number;
+  double const infinity = std::numeric_limits<double>::infinity();
+  return digits.front() == '-' ? -infinity : infinity;
+}
+
+}  // namespace
 
 class Reader {
  public:
@@ -48,9 +71,7 @@ class Reader {
   }
 
   void SkipBlanks() {
-    position += RunLength(text.substr(position), [](char character) {
-      return character == ' ' || character == '\t' || character == '\n' || character == '\r';
-    });
+    while (position < text.size() && IsBlank(text[position])) ++position;
   }
 
   Value ReadValue();
@@ -61,7 +82,7 @@ class Reader {
   void Leave() { --depth; }
 
   std::string ReadString();
-  void ReadPlainCharacters(std::string& characters);
+  std::string_view ReadPlainCharacters();
   void ReadEscape(std::string& characters);
   unsigned long ReadEscapedCodePoint();
   unsigned long ReadFourHexDigits();
@@ -112,11 +133,13 @@ Value Reader::ReadObject() {
   if (!Accept('}')) {
     do {
       SkipBlanks();
-      std::string const key = ReadString();
+      std::string key = ReadString();
       SkipBlanks();
       Expect(':', "missing colon");
       SkipBlanks();
-      object[key] = ReadValue();
+      // Keys mostly come ascending, as they are in serialised texts.
+      object.members.emplace_hint(object.members.end(), std::move(key), Value())->second =
+          ReadValue();
       SkipBlanks();
     } while (Accept(','));
     Expect('}', "missing comma or closing brace");
@@ -142,16 +165,16 @@ Value Reader::ReadArray() {
 
 std::string Reader::ReadString() {
   Expect('"', "missing quotation mark");
-  std::string characters;
-  while (true) {
-    ReadPlainCharacters(characters);
-    if (Accept('"')) return characters;
+  std::string characters(ReadPlainCharacters());
+  while (!Accept('"')) {
     Expect('\\', "unfinished text or bad character in it");
     ReadEscape(characters);
+    characters += ReadPlainCharacters();
   }
+  return characters;
 }
 
-void Reader::ReadPlainCharacters(std::string& characters) {
+std::string_view Reader::ReadPlainCharacters() {
   std::size_t const start = position;
   while (true) {
     position += PlainLength(text.substr(position));
@@ -162,7 +185,7 @@ void Reader::ReadPlainCharacters(std::string& characters) {
     if (length == 0) break;
     position += length;
   }
-  characters += text.substr(start, position - start);
+  return text.substr(start, position - start);
 }
 
 void Reader::ReadEscape(std::string& characters) {
@@ -200,10 +223,8 @@ unsigned long Reader::ReadFourHexDigits() {
 }
 
 void Reader::SkipDigits() {
-  std::size_t const count = RunLength(
-      text.substr(position), [](char character) { return character >= '0' && character <= '9'; });
-  if (count == 0) Fail("missing digit");
-  position += count;
+  if (!IsDigit(Peek())) Fail("missing digit");
+  while (IsDigit(Peek())) ++position;
 }
 
 bool Reader::SkipFractionAndExponent() {
@@ -216,21 +237,9 @@ bool Reader::SkipFractionAndExponent() {
   return position != start;
 }
 
-// The nearest double; for a number beyond the range of doubles that is infinity or zero.
-double ToDouble(std::string_view digits) {
-  double number = 0;
-  auto const result = std::from_chars(digits.data(), digits.data() + digits.size(), number);
-  if (result.ec == std::errc()) return number;
-  std::istringstream stream{std::string(digits)};
-  stream.imbue(std::locale::classic());
-  if (stream >> number) return number;
-  double const infinity = std::numeric_limits<double>::infinity();
-  return digits.front() == '-' ? -infinity : infinity;
-}
-
 Value Reader::ReadNumber() {
   std::size_t const start = position;
-  if (!Accept('-') && (Peek() < '0' || Peek() > '9')) Fail("missing value");
+  if (!Accept('-') && !IsDigit(Peek())) Fail("missing value");
   if (!Accept('0')) SkipDigits();
   bool const whole = !SkipFractionAndExponent();
   std::string_view const digits = text.substr(start, position - start);
@@ -241,8 +250,6 @@ Value Reader::ReadNumber() {
   }
   return ToDouble(digits);
 }
-
-}  // namespace
 
 Value Deserialize(std::string const& text) {
   return Reader(text).ReadDocument();

@@ -1,19 +1,11 @@
 // What the reader and the writer of JSON texts share.
 #pragma once
 
-#include <algorithm>
 #include <array>
 #include <cstddef>
 #include <string_view>
 
 namespace Tarvik::Json {
-
-/// How many characters `text` begins with that `belong`.
-template <typename Belong>
-std::size_t RunLength(std::string_view text, Belong belong) {
-  auto const end = std::find_if_not(text.begin(), text.end(), belong);
-  return static_cast<std::size_t>(end - text.begin());
-}
 
 /// Which bytes are ASCII characters that stand for themselves in a JSON string.
 inline constexpr auto kPlain = [] {
