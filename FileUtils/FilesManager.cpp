@@ -3,10 +3,15 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cmath>
+#include <ctime>
 #include <exception>
 #include <iostream>
+#include <list>
+#include <new>
 #include <utility>
+#include <vector>
 
 #include "base/Logger.h"
 #include "base/UniqueDir.h"
@@ -34,6 +39,22 @@ std::string DottedExtension(std::string const& fileName) {
 // Kept on purpose: the path is judged after the directory was opened, which then stays open.
 void LeaveOpen(UniqueDir directory) {
   static_cast<void>(directory.release());
+}
+
+// What std::list::sort makes of CBSort, from times that lie side by side: in a long list each look
+// at a file itself is a cache miss. Nodes are relinked, so that positions stay with their files.
+void SortByTime(std::list<Ifile*>& files) {
+  struct Entry {
+    std::time_t time;
+    std::list<Ifile*>::iterator position;
+  };
+  std::vector<Entry> entries;
+  entries.reserve(files.size());
+  for (auto position = files.begin(); position != files.end(); ++position) {
+    entries.push_back({(*position)->time, position});
+  }
+  std::ranges::stable_sort(entries, {}, &Entry::time);
+  for (Entry const& entry : entries) files.splice(files.end(), files, entry.position);
 }
 
 }  // namespace
@@ -175,7 +196,11 @@ void FilesManager::Forget() {
 
 void FilesManager::Sort() {
   std::lock_guard const lock(filesMutex);
-  files.sort(CBSort);
+  try {
+    SortByTime(files);
+  } catch (std::bad_alloc const&) {
+    files.sort(CBSort);  // needs no memory
+  }
   ++changes;
 }
 

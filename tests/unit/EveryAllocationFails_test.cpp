@@ -2,14 +2,18 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <ctime>
 #include <exception>
 #include <filesystem>
 #include <iostream>
+#include <iterator>
 #include <optional>
 #include <string>
 
 #include "DiskUtils/System.h"
 #include "FileUtils/File.h"
+#include "FileUtils/FilesManager.h"
 #include "tests/support/Capture.h"
 #include "tests/support/Descriptors.h"
 #include "tests/support/FailingAllocation.h"
@@ -19,6 +23,7 @@
 namespace {
 
 using Quellon::DiskUtils::Disk;
+using Quellon::FileUtils::FilesManager;
 using Quellon::FileUtils::Ifile;
 using testing::HasSubstr;
 using testing::IsEmpty;
@@ -163,6 +168,22 @@ TEST(EveryAllocationFails, WhileACardIsFormatted) {
     if (failed) {
       EXPECT_EQ(output.Text(), "ERROR: std::bad_alloc\n");
     }
+    return failed;
+  });
+}
+
+TEST(EveryAllocationFails, WhileACatalogueIsSorted) {
+  Try([](int allocation) {
+    FilesManager catalogue(nullptr, "", 0, 1.0F);
+    auto& files = catalogue.GetList();
+    for (std::time_t const time : {3, 1, 2}) files.emplace_back(new Ifile)->time = time;
+    auto const newest = files.begin();
+    FailingAllocation const failing(allocation);
+    catalogue.Sort();
+    bool const failed = FailingAllocation::Happened();
+    FailingAllocation::Stop();
+    EXPECT_TRUE(std::ranges::is_sorted(files, {}, &Ifile::time));
+    EXPECT_EQ(std::next(newest), files.end()) << "a position stays with its file";
     return failed;
   });
 }
