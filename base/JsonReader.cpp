@@ -138,8 +138,7 @@ Value Reader::ReadObject() {
       Expect(':', "missing colon");
       SkipBlanks();
       // Keys mostly come ascending, as they are in serialised texts.
-      object.members.emplace_hint(object.members.end(), std::move(key), Value())->second =
-          ReadValue();
+      object.members.insert_or_assign(object.members.end(), std::move(key), ReadValue());
       SkipBlanks();
     } while (Accept(','));
     Expect('}', "missing comma or closing brace");

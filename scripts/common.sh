@@ -65,7 +65,7 @@ test_packages=(libgtest-dev libgmock-dev e2fsprogs util-linux mount fdisk gcovr 
 
 # Configures and builds a preset; prints the compiler's words only if it fails.
 build() {
-  local preset=$1 log=build/$1.log
+  local preset=$1 log=build/$1.log start=$SECONDS
   shift
   step "Building ($preset)"
   mkdir -p build
@@ -77,26 +77,42 @@ build() {
     grep -A5 'warning:' "$log" >&2
     fail "the build has warnings; see $log"
   fi
+  printf '   %s\n' "$(minutes $((SECONDS - start)))"
 }
 
 passed=0 failed=0 skipped=0
 
+# Seconds, for people: 1:05.
+minutes() { printf '%d:%02d' $(($1 / 60)) $(($1 % 60)); }
+
+# Each reason once, with what the skipped tests said last.
+show_skip_reasons() {
+  local report=$1 number count
+  count=$(xmllint --xpath 'count(//testcase[skipped])' "$report")
+  for ((number = 1; number <= count; ++number)); do
+    xmllint --xpath "string((//testcase[skipped])[$number]/system-out)" "$report" |
+      sed '/^[[:space:]]*$/d' | tail -n 1
+  done | sort | uniq -c | sed 's/^/   skipped: /'
+}
+
 # Runs the tests of a preset and counts them; further arguments go to ctest.
 run_tests() {
-  local preset=$1 report=build/$1/tests-$RANDOM.xml log
+  local preset=$1 report=build/$1/tests-$RANDOM.xml log start=$SECONDS
   log=${report%.xml}.log
   shift
   step "Testing ($preset) $*"
   ctest --test-dir "build/$preset" --output-junit "$root/$report" --output-on-failure \
     --no-tests=error "$@" >"$log" 2>&1 || sed -n '/^The following tests FAILED/,$p' "$log"
   [[ -s $report ]] || fail "no tests were run; see $log"
-  sed -nE '/\*\*\*(Failed|Timeout|Exception|Skipped|Not Run)/s/^/   /p' "$log"
   local tests failures skips
   tests=$(xmllint --xpath 'string(/testsuite/@tests)' "$report")
   failures=$(xmllint --xpath 'string(/testsuite/@failures)' "$report")
   skips=$(xmllint --xpath 'string(/testsuite/@skipped)' "$report")
-  printf '   %d passed, %d failed, %d skipped (%s)\n' \
-    $((tests - failures - skips)) "$failures" "$skips" "$log"
+  ((tests > 0)) || fail "no tests were run; see $log"
+  sed -nE 's/^ *[0-9]+\/[0-9]+ Test +#[0-9]+: ([^ ]+) .*\*{3}(Failed|Timeout|Exception|Skipped|Not Run)/   \2: \1 /p' "$log"
+  ((skips == 0)) || show_skip_reasons "$report"
+  printf '   %d passed, %d failed, %d skipped in %s (%s)\n' \
+    $((tests - failures - skips)) "$failures" "$skips" "$(minutes $((SECONDS - start)))" "$log"
   passed=$((passed + tests - failures - skips))
   failed=$((failed + failures))
   skipped=$((skipped + skips))
@@ -104,7 +120,7 @@ run_tests() {
 
 # A check that is one test: its output is shown only if it fails.
 run_check() {
-  local name=$1 log=build/check-$RANDOM.log
+  local name=$1 log=build/check-$RANDOM.log start=$SECONDS
   shift
   step "$name"
   mkdir -p build
@@ -115,11 +131,13 @@ run_check() {
     tail -n 60 "$log"
     printf '   failed; see %s\n' "$log"
   fi
+  printf '   %s\n' "$(minutes $((SECONDS - start)))"
 }
 
 # The closing line, and the exit status.
 report_results() {
   ((skipped == 0)) || printf '%d tests were skipped; the reasons are above\n' "$skipped"
+  step "Done in $(minutes $SECONDS)"
   printf '%d passed, %d failed\n' "$passed" "$failed"
   ((failed == 0))
 }

@@ -8,8 +8,8 @@
 
 #include "tests/support/Interpose.h"
 
-/// While one exists, the allocation of that number, counted from 1, throws std::bad_alloc; just the
-/// one. What interposed functions allocate for themselves does not count.
+/// While one exists, the allocation of that number, counted from 1, fails; just the one. What
+/// interposed functions allocate for themselves does not count.
 class FailingAllocation {
  public:
   explicit FailingAllocation(int number) { left = number; }
@@ -35,8 +35,12 @@ class FailingAllocation {
 };
 
 // Not inlined: the compiler would take malloc and free for mismatched with new and delete.
-[[gnu::noinline]] void* operator new(std::size_t size) {
-  void* const memory = FailingAllocation::Strikes() ? nullptr : std::malloc(size == 0 ? 1 : size);
+[[gnu::noinline]] void* operator new(std::size_t size, std::nothrow_t const& /*tag*/) noexcept {
+  return FailingAllocation::Strikes() ? nullptr : std::malloc(size == 0 ? 1 : size);
+}
+
+void* operator new(std::size_t size) {
+  void* const memory = operator new(size, std::nothrow);
   if (memory == nullptr) throw std::bad_alloc();
   return memory;
 }
