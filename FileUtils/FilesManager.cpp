@@ -186,7 +186,7 @@ void FilesManager::Append(std::unique_ptr<Ifile> file) {
   filesCount = files.size();
 }
 
-// Empties the list without deleting the objects: whoever was given one may still use it.
+// Empties the list. The objects are abandoned on purpose: whoever was given one may still use it.
 void FilesManager::Forget() {
   std::lock_guard const lock(filesMutex);
   files.clear();

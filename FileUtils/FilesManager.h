@@ -99,7 +99,8 @@ class QUELLON_EXPORT FilesManager : public Tarvik::Interfaces::IThread,
 
   /// Deletes the oldest files, two at a time, until there is room. Gives up after 100 attempts, 10
   /// ms apart, that deleted nothing. Errors: "Unable to make room, after 100 retries", "Disk not
-  /// available", "Get space stat error".
+  /// available", "Get space stat error". Passes on other exceptions, such as std::bad_alloc; the
+  /// catalogue then holds what is left.
   bool MakeRoom();
 
   /// Deletes up to `count` of the oldest files and returns how many it deleted. A file that cannot

@@ -77,7 +77,8 @@ unsigned int FilesManager::DeleteBehind(ProtectedHead& head, unsigned int count)
     }
     try {
       bool const removed = file->Remove();
-      position = Erase(position);  // also a file that could not be removed; its object is left
+      position = Erase(position);  // also a file that could not be removed: that object is
+                                   // abandoned on purpose, whoever was given it may still use it
       if (!removed) continue;
       ++deleted;
       SubtractSize(*file);
@@ -106,7 +107,7 @@ bool FilesManager::RemoveFileByName(std::string& fileName) {
     auto const position = std::find_if(files.begin(), files.end(), isRemoved);
     if (position == files.end()) return false;
     SubtractSize(**position);
-    Erase(position);  // the object is left to whoever holds it
+    Erase(position);  // abandoned on purpose: whoever was given the object may still use it
     return true;
   } catch (IException const&) {
     return false;

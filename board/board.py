@@ -89,10 +89,12 @@ class Board:
                             card.path if isinstance(card, Image) else card, clock)
         return Machine(hardware, self.log, self._deadline - time.monotonic(), self._echo)
 
-    def run(self, script: str, card: Image | str | None = None, **options) -> Machine:
-        """Powers the board on and waits until it has powered itself off."""
+    def run(self, script: str, card: Image | str | None = None, starts: int = 1,
+            **options) -> Machine:
+        """Powers the board on, waits until it has powered itself off, and counts its starts."""
         with self.start(script, card, **options) as machine:
             machine.finish()
+        expect_equal(machine.boots, starts, "starts")
         return machine
 
     def shell(self):
@@ -103,17 +105,13 @@ class Board:
         hardware = Hardware(get_parts(), initramfs, self.storage.path, card.path)
         subprocess.run([*hardware.command(), "-serial", "mon:stdio"])
 
-    def faulty(self, image: Image, operation: str, sector: int | None = None) -> str:
-        """Returns the image as a drive that fails to "read" or "write", everywhere or in a sector.
+    def losing_writes(self, image: Image) -> str:
+        """Returns the image as a drive that loses whatever is written, and does not tell.
 
-        The emulated card does not tell the board: a failed write is lost, a failed read gives
-        other data. Errors that the board sees are made by its own fail-card.
+        Errors that the board sees are made by its own fail-card.
         """
-        rule = f'[inject-error]\nevent = "{operation}_aio"\nerrno = "5"\n'
-        if sector is not None:
-            rule += f'sector = "{sector}"\n'
         configuration = self.folder / "faults.conf"
-        configuration.write_text(rule)
+        configuration.write_text('[inject-error]\nevent = "write_aio"\nerrno = "5"\n')
         return f"blkdebug:{configuration}:{image.path}"
 
     def note(self, text: str):

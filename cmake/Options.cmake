@@ -1,7 +1,8 @@
 # What this project's targets are compiled and linked with; nothing of it reaches applications.
 #
 #   Quellon_options       the libraries and what is shipped: warnings, instruments
-#   Quellon_test_options  the tests: the same warnings, but instruments only where a test needs them
+#   Quellon_test_options  the tests: the same warnings, but instruments only where a test needs them.
+#                         What a test itself does wrong with memory is found by valgrind alone.
 add_library(Quellon_options INTERFACE)
 add_library(Quellon_test_options INTERFACE)
 

@@ -48,12 +48,6 @@ bool InitDisk(Arguments const& /*none*/) {
   return disk != nullptr && disk->available;
 }
 
-bool ReadCounter(Arguments const& /*none*/) {
-  int const counter = System::GetInstance()->ReadSDCardStatusCounter();
-  std::cout << "counter " << counter << std::endl;
-  return counter >= 0;
-}
-
 bool SaveCounter(Arguments const& arguments) {
   return System::GetInstance()->SaveSDCardStatusCounter(std::atoi(arguments[0].c_str()));
 }
@@ -160,7 +154,6 @@ bool OpenFiles(Arguments const& /*none*/) {
 
 constexpr std::array kCommands = {
     Command{"init-disk", "", InitDisk},
-    Command{"read-counter", "", ReadCounter},
     Command{"save-counter", "COUNTER", SaveCounter},
     Command{"list", "", List},
     Command{"make-room", "MINIMUM-FREE SHARE", MakeRoom},

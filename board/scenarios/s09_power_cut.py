@@ -31,10 +31,12 @@ def run(board: Board):
     card = Image.card(board.folder / "card.img", fill(board.folder / "card", files, times),
                       size=CARD_BYTES)
     synced, total = set(recordings(OLD)), 0
+    chance = random.Random(seed := random.randrange(1 << 32))
+    board.note(f"moments of the cuts: seed {seed}")
     for _ in range(board.cuts + 1):
         with board.start(LOOK, card) as machine:
             machine.wait("[REC] Recorded")
-            machine.run_for(random.uniform(0, 5))
+            machine.run_for(chance.uniform(0, 5))
             machine.cut_power()
         expect_equal(machine.boots, 1, "starts")
         expect("driver: init-disk yes" in machine.lines, "the card is not in service")

@@ -23,9 +23,9 @@ while :; do echo "alive at $(uptime)"; usleep 200000; done
 
 
 def run(board: Board):
-    machine = board.run(SCRIPT)
+    machine = board.run(SCRIPT, starts=2)
 
-    expect_equal((machine.boots, machine.resets), (2, 1), "starts and resets")
+    expect_equal(machine.resets, 1, "resets")
     expect("driver: watchdog yes" in machine.lines, "not every kick was taken")
     armed, kicked = value(machine, "armed at "), value(machine, "kicked until ")
     expect(kicked - armed >= 3 * TIMEOUT, f"only {kicked - armed:.1f} s were lived through")

@@ -49,7 +49,7 @@ def run(board: Board):
     expect("5000000" in machine.lines, "the file is not whole when the card works again")
 
     card = new_card(board)
-    machine = board.run(LOST, board.faulty(card, "write"))
+    machine = board.run(LOST, board.losing_writes(card))
     expect_equal(outcomes(machine, "write"), ["write 0"], "writing to a card that loses it")
     expect("new" not in card.names("/"), "the write was not lost")
 

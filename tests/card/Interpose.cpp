@@ -1,6 +1,5 @@
 #include "tests/card/Interpose.h"
-
-#include <dlfcn.h>
+#include "tests/support/TheReal.h"
 
 #include <cerrno>
 #include <cstdlib>
@@ -52,7 +51,7 @@ int nanosleep(timespec const* duration, timespec* /*remaining*/) {
 
 int system(char const* command) {
   bool const asksForReboot = std::string(command).find("reboot") != std::string::npos;
-  static auto* const hidden = reinterpret_cast<decltype(&system)>(dlsym(RTLD_NEXT, "system"));
+  static auto* const hidden = TheReal<decltype(system)>("system");
   if (!asksForReboot) return hidden(command);
   Record("system " + std::string(command));
   return 0;

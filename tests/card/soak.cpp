@@ -4,7 +4,6 @@
 // fails. Memory, descriptors, catalogue and share are checked all along; the first that is not as
 // it should be ends the run with 1.
 #include <dirent.h>
-#include <dlfcn.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
@@ -34,6 +33,7 @@
 #include "tests/card/Interpose.h"
 #include "tests/card/PrivateRoot.h"
 #include "tests/support/LiveFiles.h"
+#include "tests/support/TheReal.h"
 
 namespace {
 
@@ -55,11 +55,6 @@ struct Fault {
 
 Fault fault;
 
-template <typename Function>
-Function* Real(char const* name) {
-  return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
-}
-
 }  // namespace
 
 extern "C" {
@@ -69,22 +64,22 @@ int usleep(useconds_t /*microseconds*/) {
 }
 
 int unlink(char const* path) noexcept {
-  static auto* const next = Real<int(char const*)>("unlink");
+  static auto* const next = TheReal<int(char const*)>("unlink");
   return fault.Strikes("unlink") ? -1 : next(path);
 }
 
 int lstat(char const* __restrict path, struct stat* __restrict status) noexcept {
-  static auto* const next = Real<int(char const*, struct stat*)>("lstat");
+  static auto* const next = TheReal<int(char const*, struct stat*)>("lstat");
   return fault.Strikes("lstat") ? -1 : next(path, status);
 }
 
 int statvfs(char const* __restrict path, struct statvfs* __restrict space) noexcept {
-  static auto* const next = Real<int(char const*, struct statvfs*)>("statvfs");
+  static auto* const next = TheReal<int(char const*, struct statvfs*)>("statvfs");
   return fault.Strikes("statvfs") ? -1 : next(path, space);
 }
 
 DIR* opendir(char const* path) {
-  static auto* const next = Real<DIR*(char const*)>("opendir");
+  static auto* const next = TheReal<DIR*(char const*)>("opendir");
   return fault.Strikes("opendir") ? nullptr : next(path);
 }
 

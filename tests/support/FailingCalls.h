@@ -4,7 +4,6 @@
 #pragma once
 
 #include <dirent.h>
-#include <dlfcn.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/uio.h>
@@ -23,6 +22,7 @@
 #include <vector>
 
 #include "tests/support/Interpose.h"
+#include "tests/support/TheReal.h"
 
 namespace FailingCalls {
 
@@ -187,11 +187,6 @@ class Plan {
   bool moreWays = false;
 };
 
-template <typename Function>
-Function* TheReal(char const* name) {
-  return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
-}
-
 inline ssize_t Fail(Failure const& failure) {
   errno = failure.value;
   return -1;
@@ -213,7 +208,7 @@ Result DoAndDeny(char const* function, int fd, Result denied, Call call) {
 extern "C" {
 
 ssize_t read(int fd, void* data, std::size_t length) {
-  static auto* const next = FailingCalls::TheReal<decltype(read)>("read");
+  static auto* const next = TheReal<decltype(read)>("read");
   auto const failure = FailingCalls::Plan::NextOf("read", fd);
   if (!failure) return next(fd, data, length);
   return failure->kind == FailingCalls::Failure::Short ? next(fd, data, 1)
@@ -221,7 +216,7 @@ ssize_t read(int fd, void* data, std::size_t length) {
 }
 
 ssize_t writev(int fd, iovec const* parts, int count) {
-  static auto* const next = FailingCalls::TheReal<decltype(writev)>("writev");
+  static auto* const next = TheReal<decltype(writev)>("writev");
   auto const failure = FailingCalls::Plan::NextOf("writev", fd);
   if (!failure) return next(fd, parts, count);
   return failure->kind == FailingCalls::Failure::Short ? next(fd, parts, 1)
@@ -229,23 +224,23 @@ ssize_t writev(int fd, iovec const* parts, int count) {
 }
 
 int fstat(int fd, struct stat* status) noexcept {
-  static auto* const next = FailingCalls::TheReal<int(int, struct stat*)>("fstat");
+  static auto* const next = TheReal<int(int, struct stat*)>("fstat");
   return FailingCalls::DoAndDeny("fstat", fd, -1, [=] { return next(fd, status); });
 }
 
 dirent* readdir(DIR* directory) {
-  static auto* const next = FailingCalls::TheReal<dirent*(DIR*)>("readdir");
+  static auto* const next = TheReal<dirent*(DIR*)>("readdir");
   return FailingCalls::DoAndDeny<dirent*>("readdir", dirfd(directory), nullptr,
                                           [=] { return next(directory); });
 }
 
 int close(int fd) {
-  static auto* const next = FailingCalls::TheReal<int(int)>("close");
+  static auto* const next = TheReal<int(int)>("close");
   return FailingCalls::DoAndDeny("close", fd, -1, [=] { return next(fd); });
 }
 
 int fclose(FILE* file) {
-  static auto* const next = FailingCalls::TheReal<int(FILE*)>("fclose");
+  static auto* const next = TheReal<int(FILE*)>("fclose");
   return FailingCalls::DoAndDeny("fclose", fileno(file), EOF, [=] { return next(file); });
 }
 

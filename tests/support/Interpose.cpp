@@ -1,7 +1,7 @@
 #include "tests/support/Interpose.h"
+#include "tests/support/TheReal.h"
 
 #include <dirent.h>
-#include <dlfcn.h>
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -86,11 +86,6 @@ void Record(Words const&... words) {
   ((text << (count++ == 0 ? "" : " ") << words), ...);
   std::lock_guard const lock(recorder().mutex);
   recorder().trace.push_back(text.str());
-}
-
-template <typename Function>
-Function* Next(char const* name) {
-  return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
 }
 
 template <typename Subject, typename... Others>
@@ -281,7 +276,7 @@ int ioctl(int fd, unsigned long request, ...) noexcept {
   va_start(arguments, request);
   void* const argument = va_arg(arguments, void*);
   va_end(arguments);
-  static auto* const next = Next<int(int, unsigned long, ...)>("ioctl");
+  static auto* const next = TheReal<int(int, unsigned long, ...)>("ioctl");
   return Ask(
       "ioctl", hooks().ioctl, [&] { return next(fd, request, argument); }, request, argument);
 }
@@ -296,12 +291,12 @@ int open(char const* path, int flags, ...) {
   }
   Work const work;
   if (auto const error = Fault("open", path)) return Give(Answer::Failure(*error));
-  static auto* const next = Next<int(char const*, int, ...)>("open");
+  static auto* const next = TheReal<int(char const*, int, ...)>("open");
   return next(Real(path).c_str(), flags, mode);
 }
 
 FILE* fopen64(char const* path, char const* mode) {
-  static auto* const next = Next<FILE*(char const*, char const*)>("fopen64");
+  static auto* const next = TheReal<FILE*(char const*, char const*)>("fopen64");
   Work const work;
   if (auto const error = Fault("fopen", path)) {
     errno = *error;
@@ -311,7 +306,7 @@ FILE* fopen64(char const* path, char const* mode) {
 }
 
 DIR* opendir(char const* path) {
-  static auto* const next = Next<DIR*(char const*)>("opendir");
+  static auto* const next = TheReal<DIR*(char const*)>("opendir");
   Work const work;
   if (auto const error = Fault("opendir", path)) {
     errno = *error;
@@ -321,52 +316,52 @@ DIR* opendir(char const* path) {
 }
 
 int access(char const* path, int mode) noexcept {
-  static auto* const next = Next<int(char const*, int)>("access");
+  static auto* const next = TheReal<int(char const*, int)>("access");
   return Ask(
       "access", hooks().access, [&] { return next(Real(path).c_str(), mode); }, path, mode);
 }
 
 int stat(char const* __restrict path, struct stat* __restrict status) noexcept {
-  static auto* const next = Next<int(char const*, struct stat*)>("stat");
+  static auto* const next = TheReal<int(char const*, struct stat*)>("stat");
   return Ask(
       "stat", hooks().stat, [&] { return next(Real(path).c_str(), status); }, path, status);
 }
 
 int lstat(char const* __restrict path, struct stat* __restrict status) noexcept {
-  static auto* const next = Next<int(char const*, struct stat*)>("lstat");
+  static auto* const next = TheReal<int(char const*, struct stat*)>("lstat");
   return Ask(
       "lstat", hooks().lstat, [&] { return next(Real(path).c_str(), status); }, path, status);
 }
 
 int statvfs(char const* __restrict path, struct statvfs* __restrict space) noexcept {
-  static auto* const next = Next<int(char const*, struct statvfs*)>("statvfs");
+  static auto* const next = TheReal<int(char const*, struct statvfs*)>("statvfs");
   return Ask(
       "statvfs", hooks().statvfs, [&] { return next(Real(path).c_str(), space); }, path, space);
 }
 
 int unlink(char const* path) noexcept {
   Record("unlink", path);
-  static auto* const next = Next<int(char const*)>("unlink");
+  static auto* const next = TheReal<int(char const*)>("unlink");
   return Ask(
       "unlink", hooks().unlink, [&] { return next(Real(path).c_str()); }, path);
 }
 
 int rename(char const* from, char const* to) noexcept {
-  static auto* const next = Next<int(char const*, char const*)>("rename");
+  static auto* const next = TheReal<int(char const*, char const*)>("rename");
   return Ask(
       "rename", hooks().rename, [&] { return next(Real(from).c_str(), Real(to).c_str()); }, from,
       to);
 }
 
 int mkdir(char const* path, mode_t mode) noexcept {
-  static auto* const next = Next<int(char const*, mode_t)>("mkdir");
+  static auto* const next = TheReal<int(char const*, mode_t)>("mkdir");
   Work const work;
   if (auto const error = Fault("mkdir", path)) return Give(Answer::Failure(*error));
   return next(Real(path).c_str(), mode);
 }
 
 ssize_t write(int fd, void const* data, std::size_t length) {
-  static auto* const next = Next<ssize_t(int, void const*, std::size_t)>("write");
+  static auto* const next = TheReal<ssize_t(int, void const*, std::size_t)>("write");
   if (active && hooks().write) {
     if (auto const result = hooks().write(fd, data, length)) return *result;
   }

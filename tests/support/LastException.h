@@ -3,12 +3,11 @@
 // program.
 #pragma once
 
-#include <dlfcn.h>
-
 #include <optional>
 #include <string_view>
 
 #include "base/IException.h"
+#include "tests/support/TheReal.h"
 
 /// The last IException made with a text since it was reset. Keeping it allocates nothing.
 inline std::optional<Tarvik::IException>& LastException() {
@@ -25,8 +24,8 @@ ConstructException(Tarvik::IException* exception, std::string_view text, int err
 
 Tarvik::IException* ConstructException(Tarvik::IException* exception, std::string_view text,
                                        int errorNumber) {
-  static auto* const next = reinterpret_cast<void (*)(Tarvik::IException*, std::string_view, int)>(
-      dlsym(RTLD_NEXT, "_ZN6Tarvik10IExceptionC1ESt17basic_string_viewIcSt11char_traitsIcEEi"));
+  static auto* const next = TheReal<void(Tarvik::IException*, std::string_view, int)>(
+      "_ZN6Tarvik10IExceptionC1ESt17basic_string_viewIcSt11char_traitsIcEEi");
   next(exception, text, errorNumber);
   LastException() = *exception;
   return exception;

@@ -3,13 +3,12 @@
 // so it belongs into one source of a test program.
 #pragma once
 
-#include <dlfcn.h>
-
 #include <cstddef>
 #include <mutex>
 #include <set>
 
 #include "FileUtils/File.h"
+#include "tests/support/TheReal.h"
 
 namespace LiveFiles {
 
@@ -51,11 +50,6 @@ inline void DeleteAll() {
   while (Count() > 0) delete *registry().alive.begin();
 }
 
-template <typename Function>
-Function* Next(char const* symbol) {
-  return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, symbol));
-}
-
 }  // namespace LiveFiles
 
 // On some machines constructors and destructors return their object, on the others nobody looks.
@@ -70,14 +64,14 @@ Ifile* DestroyFile(Ifile* file) __asm__("_ZN7Quellon9FileUtils5IfileD1Ev");
 void DeleteFile(Ifile* file) __asm__("_ZN7Quellon9FileUtils5IfileD0Ev");
 
 Ifile* ConstructFile(Ifile* file) {
-  static auto* const next = LiveFiles::Next<void(Ifile*)>("_ZN7Quellon9FileUtils5IfileC1Ev");
+  static auto* const next = TheReal<void(Ifile*)>("_ZN7Quellon9FileUtils5IfileC1Ev");
   next(file);
   LiveFiles::Add(file);
   return file;
 }
 
 Ifile* ConstructEntry(Ifile* file, std::fstream& unopened) {
-  static auto* const next = LiveFiles::Next<void(Ifile*, std::fstream&)>(
+  static auto* const next = TheReal<void(Ifile*, std::fstream&)>(
       "_ZN7Quellon9FileUtils5IfileC1ERSt13basic_fstreamIcSt11char_traitsIcEE");
   next(file, unopened);
   LiveFiles::Add(file);
@@ -85,14 +79,14 @@ Ifile* ConstructEntry(Ifile* file, std::fstream& unopened) {
 }
 
 Ifile* DestroyFile(Ifile* file) {
-  static auto* const next = LiveFiles::Next<void(Ifile*)>("_ZN7Quellon9FileUtils5IfileD1Ev");
+  static auto* const next = TheReal<void(Ifile*)>("_ZN7Quellon9FileUtils5IfileD1Ev");
   LiveFiles::Forget(file);
   next(file);
   return file;
 }
 
 void DeleteFile(Ifile* file) {
-  static auto* const next = LiveFiles::Next<void(Ifile*)>("_ZN7Quellon9FileUtils5IfileD0Ev");
+  static auto* const next = TheReal<void(Ifile*)>("_ZN7Quellon9FileUtils5IfileD0Ev");
   LiveFiles::Forget(file);
   next(file);
 }

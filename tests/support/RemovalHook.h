@@ -2,11 +2,10 @@
 // belongs into one source of a test program.
 #pragma once
 
-#include <dlfcn.h>
-
 #include <functional>
 
 #include "FileUtils/File.h"
+#include "tests/support/TheReal.h"
 
 namespace RemovalHook {
 
@@ -20,8 +19,7 @@ inline std::function<bool(Ifile&)>& hook() {
 
 /// The library's own removal.
 inline bool Real(Ifile& file) {
-  static auto* const next =
-      reinterpret_cast<bool (*)(Ifile*)>(dlsym(RTLD_NEXT, "_ZN7Quellon9FileUtils5Ifile6RemoveEv"));
+  static auto* const next = TheReal<bool(Ifile*)>("_ZN7Quellon9FileUtils5Ifile6RemoveEv");
   return next(&file);
 }
 

@@ -2,7 +2,6 @@
 // source file of a test program only.
 #pragma once
 
-#include <dlfcn.h>
 #include <pthread.h>
 
 #include <algorithm>
@@ -13,6 +12,7 @@
 #include <vector>
 
 #include "base/IThread.h"
+#include "tests/support/TheReal.h"
 
 /// Notes every call of a hook, in order, and then does the script of that hook, if there is one.
 /// Set the scripts before `Start`.
@@ -50,8 +50,7 @@ class ScriptedThread : public Tarvik::Interfaces::IThread {
   /// What pthread_create(3) does for this program.
   static int Create(pthread_t* thread, pthread_attr_t const* attributes, void* (*start)(void*),
                     void* argument) {
-    static auto* const next =
-        reinterpret_cast<decltype(&Create)>(dlsym(RTLD_NEXT, "pthread_create"));
+    static auto* const next = TheReal<decltype(Create)>("pthread_create");
     if (failure != 0) return failure;
     ++created;
     return next(thread, attributes, start, argument);

@@ -1,5 +1,4 @@
 // The bench driver that the library exports, and the program that is nothing else.
-#include <dlfcn.h>
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -20,6 +19,7 @@
 #include "tests/support/Capture.h"
 #include "tests/support/Interpose.h"
 #include "tests/support/LiveFiles.h"
+#include "tests/support/TheReal.h"
 
 namespace {
 
@@ -36,14 +36,14 @@ Disk* DestroyDisk(Disk* disk) __asm__("_ZN7Quellon9DiskUtils4DiskD1Ev");
 void DeleteDisk(Disk* disk) __asm__("_ZN7Quellon9DiskUtils4DiskD0Ev");
 
 Disk* DestroyDisk(Disk* disk) {
-  static auto* const next = LiveFiles::Next<void(Disk*)>("_ZN7Quellon9DiskUtils4DiskD1Ev");
+  static auto* const next = TheReal<void(Disk*)>("_ZN7Quellon9DiskUtils4DiskD1Ev");
   ++disksDeleted;
   next(disk);
   return disk;
 }
 
 void DeleteDisk(Disk* disk) {
-  static auto* const next = LiveFiles::Next<void(Disk*)>("_ZN7Quellon9DiskUtils4DiskD0Ev");
+  static auto* const next = TheReal<void(Disk*)>("_ZN7Quellon9DiskUtils4DiskD0Ev");
   ++disksDeleted;
   next(disk);
 }
@@ -67,7 +67,7 @@ constexpr long kDay = 86400;
 
 /// The `main` of the library, which this program's own one hides.
 int LibraryMain() {
-  return reinterpret_cast<int (*)()>(dlsym(RTLD_NEXT, "main"))();
+  return TheReal<int()>("main")();
 }
 
 void MakeRecording(std::string const& name, std::time_t time) {

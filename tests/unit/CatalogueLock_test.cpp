@@ -11,6 +11,7 @@
 #include "base/IError.h"
 #include "tests/support/CatalogueTest.h"
 #include "tests/support/LogFile.h"
+#include "tests/support/TheReal.h"
 
 namespace {
 
@@ -34,7 +35,7 @@ bool IsWatched(pthread_mutex_t const* mutex) {
 extern "C" {
 
 int pthread_mutex_lock(pthread_mutex_t* mutex) noexcept {
-  static auto* const next = LiveFiles::Next<int(pthread_mutex_t*)>("pthread_mutex_lock");
+  static auto* const next = TheReal<int(pthread_mutex_t*)>("pthread_mutex_lock");
   if (!IsWatched(mutex)) return next(mutex);
   if (watched.fails) return EINVAL;
   EXPECT_EQ(watched.held, 0) << "the lock is taken recursively";
@@ -44,7 +45,7 @@ int pthread_mutex_lock(pthread_mutex_t* mutex) noexcept {
 }
 
 int pthread_mutex_unlock(pthread_mutex_t* mutex) noexcept {
-  static auto* const next = LiveFiles::Next<int(pthread_mutex_t*)>("pthread_mutex_unlock");
+  static auto* const next = TheReal<int(pthread_mutex_t*)>("pthread_mutex_unlock");
   if (IsWatched(mutex)) --watched.held;
   return next(mutex);
 }

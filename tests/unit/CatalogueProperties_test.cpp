@@ -36,8 +36,8 @@ using CatalogueModel::Removal;
 using CatalogueModel::State;
 using Interpose::Answer;
 
-#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__) || defined(__arm__)
-constexpr std::uint32_t kSequences = 1000;  // sanitizers and emulators take their time
+#if defined(__SANITIZE_THREAD__) || defined(__arm__)
+constexpr std::uint32_t kSequences = 1000;  // the race detector and emulators take their time
 #else
 constexpr std::uint32_t kSequences = 3000;
 #endif

@@ -1,4 +1,3 @@
-#include <dlfcn.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
@@ -19,6 +18,8 @@
 #include "tests/support/FailingAllocation.h"
 #include "tests/support/FakeCard.h"
 #include "tests/support/Interpose.h"
+#include "tests/support/OwnedSystem.h"
+#include "tests/support/TheReal.h"
 
 namespace {
 
@@ -29,17 +30,14 @@ std::function<void()> scan;       ///< instead of scanning
 
 bool Quellon::System::SaveSDCardStatusCounter(int counter) {
   if (saveAnswers) return *saveAnswers;
-  using Save = bool (*)(System*, int);
-  static auto const next =
-      reinterpret_cast<Save>(dlsym(RTLD_NEXT, "_ZN7Quellon6System23SaveSDCardStatusCounterEi"));
+  static auto* const next =
+      TheReal<bool(System*, int)>("_ZN7Quellon6System23SaveSDCardStatusCounterEi");
   return next(this, counter);
 }
 
 void Quellon::DiskUtils::Disk::ScanDisk() {
   if (scan) return scan();
-  using Scan = void (*)(Disk*);
-  static auto const next =
-      reinterpret_cast<Scan>(dlsym(RTLD_NEXT, "_ZN7Quellon9DiskUtils4Disk8ScanDiskEv"));
+  static auto* const next = TheReal<void(Disk*)>("_ZN7Quellon9DiskUtils4Disk8ScanDiskEv");
   next(this);
 }
 
@@ -76,13 +74,6 @@ std::string Counter(std::string const& number) {
   return R"({"sdcard-status-conter":)" + number + "}";
 }
 
-/// The facade, which in service never goes, with the card it owns.
-class System : public Quellon::System {
- public:
-  System() = default;
-  ~System() override { delete disk; }
-};
-
 class DiskStartup : public testing::Test {
  protected:
   DiskStartup() {
@@ -110,7 +101,7 @@ class DiskStartup : public testing::Test {
   }
 
   FakeCard card;
-  std::optional<System> system;
+  std::optional<OwnedSystem> system;
   Disk* result = nullptr;
 };
 

@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <iostream>
 #include <iterator>
+#include <new>
 #include <optional>
 #include <string>
 
@@ -15,10 +16,12 @@
 #include "FileUtils/File.h"
 #include "FileUtils/FilesManager.h"
 #include "tests/support/Capture.h"
+#include "tests/support/CatalogueTest.h"
 #include "tests/support/Descriptors.h"
 #include "tests/support/FailingAllocation.h"
 #include "tests/support/FakeCard.h"
 #include "tests/support/LogFile.h"
+#include "tests/support/OwnedSystem.h"
 
 namespace {
 
@@ -43,13 +46,6 @@ void Try(Work work) {
   EXPECT_GT(number, 1);
 }
 
-/// The facade, which in service never goes, with the card it owns.
-class System : public Quellon::System {
- public:
-  System() = default;
-  ~System() override { delete disk; }
-};
-
 struct Start {
   Disk* result = nullptr;
   std::string output;
@@ -57,7 +53,7 @@ struct Start {
   bool failed = false;
 };
 
-Start InitDisk(System& system, int allocation) {
+Start InitDisk(OwnedSystem& system, int allocation) {
   Start start;
   Capture::Descriptor output(1);
   Capture::Descriptor const complaints(2);
@@ -80,7 +76,7 @@ TEST(EveryAllocationFails, WhileAGoodCardIsStarted) {
     Interpose::Reset();
     FakeCard const card;
     Interpose::MakeFile("/root/system.dat", R"({"sdcard-status-conter":3})");
-    std::optional<System> system;
+    std::optional<OwnedSystem> system;
     Capture::Output([&] { system.emplace(); });
     Start const start = InitDisk(*system, number);
     if (start.threw) {
@@ -107,7 +103,7 @@ TEST(EveryAllocationFails, WhileAMissingCardIsStarted) {
     Interpose::RemoveFile("/dev/mmcblk1");
     std::string const one = R"({"sdcard-status-conter":1})";
     Interpose::MakeFile("/root/system.dat", one);
-    std::optional<System> system;
+    std::optional<OwnedSystem> system;
     Capture::Output([&] { system.emplace(); });
     Start const start = InitDisk(*system, number);
     bool const rebooted = !Interpose::Traced("reboot").empty();
@@ -185,6 +181,28 @@ TEST(EveryAllocationFails, WhileACatalogueIsSorted) {
     EXPECT_TRUE(std::ranges::is_sorted(files, {}, &Ifile::time));
     EXPECT_EQ(std::next(newest), files.end()) << "a position stays with its file";
     return failed;
+  });
+}
+
+class EveryAllocationFailsInACatalogue : public CatalogueTest {};
+
+TEST_F(EveryAllocationFailsInACatalogue, WhileRoomIsMade) {
+  freeBytes = 0;
+  Try([this](int allocation) {
+    MakeRecording("old.dat");
+    MakeRecording("track.gps");
+    auto const catalogue = NewCatalogue();
+    Add(*catalogue, {"old.dat", "track.gps"});
+    try {
+      FailingAllocation const failing(allocation);
+      EXPECT_FALSE(catalogue->MakeRoom());
+    } catch (std::bad_alloc const&) {
+      EXPECT_TRUE(FailingAllocation::Happened()) << "memory ran out by itself";
+    }
+    EXPECT_EQ(Names(*catalogue), OnCard());
+    if (FailingAllocation::Happened()) return true;
+    EXPECT_EQ(catalogue->GetError(), "Unable to make room, after 100 retries");
+    return false;
   });
 }
 

@@ -11,6 +11,7 @@
 #include "tests/support/FakeCard.h"
 #include "tests/support/FaultTable.h"
 #include "tests/support/Interpose.h"
+#include "tests/support/OwnedSystem.h"
 
 namespace {
 
@@ -19,19 +20,12 @@ using Quellon::DiskUtils::Disk;
 
 constexpr char const* kCounterFile = "/root/system.dat";
 
-/// The facade, which in service never goes, with the card it owns.
-class System : public Quellon::System {
- public:
-  System() = default;
-  ~System() override { delete disk; }
-};
-
-std::string NewSystem(std::optional<System>& system) {
+std::string NewSystem(std::optional<OwnedSystem>& system) {
   return Capture::Output([&] { system.emplace(); });
 }
 
 /// The value of a key of the health report, as it is written.
-std::string Health(System const& system, std::string const& key) {
+std::string Health(OwnedSystem const& system, std::string const& key) {
   std::string const report = system.GetHealthReport();
   std::size_t const name = report.find("\"" + key + "\":");
   if (name == std::string::npos) return "unknown";
@@ -79,7 +73,7 @@ class GoodCard {
 
  private:
   FakeCard card;
-  std::optional<System> system;
+  std::optional<OwnedSystem> system;
   Disk* result = nullptr;
   std::string output;
 };
@@ -140,7 +134,7 @@ class MissingCard {
 
  private:
   FakeCard card;
-  std::optional<System> system;
+  std::optional<OwnedSystem> system;
   Disk* result = nullptr;
 };
 
@@ -177,7 +171,7 @@ class Counter {
 
  private:
   std::ostringstream outcome;
-  std::optional<System> system;
+  std::optional<OwnedSystem> system;
 };
 
 TEST(EveryCallFails, WhileTheCounterIsKept) {

@@ -1,5 +1,4 @@
 // The file behind the log: its size, its older copy, and what happens when it cannot be had.
-#include <dlfcn.h>
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -16,6 +15,7 @@
 #include "tests/support/Descriptors.h"
 #include "tests/support/Interpose.h"
 #include "tests/support/LogFile.h"
+#include "tests/support/TheReal.h"
 
 namespace {
 
@@ -24,7 +24,7 @@ bool fstatFails = false;
 }  // namespace
 
 extern "C" int fstat(int fd, struct stat* status) noexcept {
-  static auto* const next = reinterpret_cast<int (*)(int, struct stat*)>(dlsym(RTLD_NEXT, "fstat"));
+  static auto* const next = TheReal<int(int, struct stat*)>("fstat");
   if (!fstatFails) return next(fd, status);
   errno = EIO;
   return -1;

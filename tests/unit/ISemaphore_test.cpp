@@ -1,6 +1,6 @@
 #include "base/ISemaphore.h"
+#include "tests/support/TheReal.h"
 
-#include <dlfcn.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <semaphore.h>
@@ -35,11 +35,6 @@ bool Interrupted() {
   return true;
 }
 
-template <typename Function>
-Function* Next(char const* name) {
-  return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
-}
-
 }  // namespace
 
 extern "C" {
@@ -49,17 +44,17 @@ int sem_clockwait(sem_t*, clockid_t clock, timespec const* deadline) {
 }
 
 int sem_wait(sem_t* semaphore) {
-  static auto* const next = Next<int(sem_t*)>("sem_wait");
+  static auto* const next = TheReal<int(sem_t*)>("sem_wait");
   return Interrupted() ? -1 : next(semaphore);
 }
 
 int sem_trywait(sem_t* semaphore) noexcept {
-  static auto* const next = Next<int(sem_t*)>("sem_trywait");
+  static auto* const next = TheReal<int(sem_t*)>("sem_trywait");
   return Interrupted() ? -1 : next(semaphore);
 }
 
 int clock_gettime(clockid_t clock, timespec* time) noexcept {
-  static auto* const next = Next<int(clockid_t, timespec*)>("clock_gettime");
+  static auto* const next = TheReal<int(clockid_t, timespec*)>("clock_gettime");
   if (clock != CLOCK_MONOTONIC || !monotonicNow) return next(clock, time);
   *time = *monotonicNow;
   return 0;

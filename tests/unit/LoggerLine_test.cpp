@@ -1,5 +1,4 @@
 // The life of a line on its sinks: header, lock, text, end, signal, release.
-#include <dlfcn.h>
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -17,6 +16,7 @@
 #include "tests/support/Capture.h"
 #include "tests/support/Interpose.h"
 #include "tests/support/LogFile.h"
+#include "tests/support/TheReal.h"
 
 namespace {
 
@@ -37,8 +37,8 @@ std::vector<void const*> signals;  // the semaphores signalled, in order
 }  // namespace
 
 void ISemaphore::Notify() noexcept {
-  static auto const next = reinterpret_cast<void (*)(ISemaphore*)>(
-      dlsym(RTLD_NEXT, "_ZN6Tarvik10Interfaces10ISemaphore6NotifyEv"));
+  static auto* const next =
+      TheReal<void(ISemaphore*)>("_ZN6Tarvik10Interfaces10ISemaphore6NotifyEv");
   {
     std::lock_guard const lock(signalsMutex);
     signals.push_back(this);

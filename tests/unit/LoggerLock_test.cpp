@@ -1,5 +1,4 @@
 // Sinks that cannot be locked.
-#include <dlfcn.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <pthread.h>
@@ -10,6 +9,7 @@
 #include "base/Logger.h"
 #include "tests/support/Capture.h"
 #include "tests/support/LogFile.h"
+#include "tests/support/TheReal.h"
 
 namespace {
 
@@ -23,8 +23,7 @@ Failing failing;
 }  // namespace
 
 extern "C" int pthread_mutex_lock(pthread_mutex_t* mutex) noexcept {
-  static auto* const next =
-      reinterpret_cast<decltype(&pthread_mutex_lock)>(dlsym(RTLD_NEXT, "pthread_mutex_lock"));
+  static auto* const next = TheReal<decltype(pthread_mutex_lock)>("pthread_mutex_lock");
   auto const* const place = reinterpret_cast<char const*>(mutex);
   return failing.begin <= place && place < failing.end ? EINVAL : next(mutex);
 }

@@ -1,5 +1,4 @@
 // Many threads log at full speed while another one switches the sinks.
-#include <dlfcn.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -17,6 +16,7 @@
 #include "base/TemperatureMonitor.h"
 #include "tests/support/Capture.h"
 #include "tests/support/LogFile.h"
+#include "tests/support/TheReal.h"
 
 namespace {
 
@@ -35,15 +35,15 @@ std::atomic<int> signals = 0;
 }  // namespace
 
 TemperatureMonitor* TemperatureMonitor::GetInstance() {
-  static auto const next = reinterpret_cast<TemperatureMonitor* (*)()>(
-      dlsym(RTLD_NEXT, "_ZN6Tarvik4Util18TemperatureMonitor11GetInstanceEv"));
+  static auto* const next =
+      TheReal<TemperatureMonitor*()>("_ZN6Tarvik4Util18TemperatureMonitor11GetInstanceEv");
   ++headersOfThisThread;
   return next();
 }
 
 void ISemaphore::Notify() noexcept {
-  static auto const next = reinterpret_cast<void (*)(ISemaphore*)>(
-      dlsym(RTLD_NEXT, "_ZN6Tarvik10Interfaces10ISemaphore6NotifyEv"));
+  static auto* const next =
+      TheReal<void(ISemaphore*)>("_ZN6Tarvik10Interfaces10ISemaphore6NotifyEv");
   ++signals;
   next(this);
 }

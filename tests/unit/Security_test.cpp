@@ -18,6 +18,7 @@
 #include "tests/support/Descriptors.h"
 #include "tests/support/FakeCard.h"
 #include "tests/support/LogFile.h"
+#include "tests/support/OwnedSystem.h"
 
 namespace {
 
@@ -48,13 +49,6 @@ mode_t ModeOf(std::string const& path) {
   EXPECT_EQ(fstatat(AT_FDCWD, Interpose::Real(path).c_str(), &status, 0), 0) << path;
   return status.st_mode & 07777;
 }
-
-/// The facade, which in service never goes, with the card it owns.
-class System : public Quellon::System {
- public:
-  System() = default;
-  ~System() override { delete disk; }
-};
 
 class CardOfAnybody : public CatalogueTest {
  protected:
@@ -133,7 +127,7 @@ class Start : public testing::Test {
   }
 
   FakeCard card;
-  std::optional<System> system;
+  std::optional<OwnedSystem> system;
 };
 
 TEST_F(Start, WhatACardTellsOfItselfNeverReachesAShell) {

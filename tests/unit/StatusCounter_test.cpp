@@ -1,4 +1,3 @@
-#include <dlfcn.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
@@ -15,6 +14,7 @@
 #include "tests/support/FailingAllocation.h"
 #include "tests/support/Interpose.h"
 #include "tests/support/LastException.h"
+#include "tests/support/TheReal.h"
 
 namespace {
 
@@ -23,7 +23,7 @@ bool readsFail = false;
 }  // namespace
 
 extern "C" ssize_t read(int fd, void* data, std::size_t length) {
-  static auto* const next = reinterpret_cast<decltype(&read)>(dlsym(RTLD_NEXT, "read"));
+  static auto* const next = TheReal<decltype(read)>("read");
   if (!readsFail) return next(fd, data, length);
   errno = EIO;
   return -1;

@@ -1,6 +1,5 @@
 #include "SysUtil/Util.h"
 
-#include <dlfcn.h>
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -19,6 +18,7 @@
 #include "tests/support/Descriptors.h"
 #include "tests/support/FailingAllocation.h"
 #include "tests/support/Interpose.h"
+#include "tests/support/TheReal.h"
 
 namespace {
 
@@ -30,14 +30,14 @@ std::function<void(FILE*, int)> beforeReading;  ///< told the stream and the roo
 
 extern "C" char* fgets(char* piece, int size, FILE* stream) {
   if (beforeReading) beforeReading(stream, size);
-  static auto* const next = reinterpret_cast<decltype(&fgets)>(dlsym(RTLD_NEXT, "fgets"));
+  static auto* const next = TheReal<decltype(fgets)>("fgets");
   return next(piece, size, stream);
 }
 
 extern "C" FILE* popen(char const* command, char const* mode) {
   pipeModes.emplace_back(mode);
   if (pipeAnswers) return pipeAnswers(command);
-  static auto* const next = reinterpret_cast<decltype(&popen)>(dlsym(RTLD_NEXT, "popen"));
+  static auto* const next = TheReal<decltype(popen)>("popen");
   return next(command, mode);
 }
 
@@ -246,7 +246,7 @@ TEST_F(UtilTest, DisplaysTheOpenFilesOfThisProcessAndThenItsParent) {
   std::vector<std::string> commands;
   pipeAnswers = [&](std::string const& command) {
     commands.push_back(command);
-    static auto* const real = reinterpret_cast<decltype(&popen)>(dlsym(RTLD_NEXT, "popen"));
+    static auto* const real = TheReal<decltype(popen)>("popen");
     return real("echo 'a file'", "r");
   };
   EXPECT_EQ(Capture::Output(DisplayOpenFiles),
