@@ -3,8 +3,9 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 
-#include <cerrno>
 #include <cstdio>
+
+#include "base/WriteAll.h"
 
 namespace Tarvik::Ilog {
 
@@ -46,14 +47,8 @@ bool FileLogPolicy::MakeWay(std::size_t length) noexcept {
 }
 
 bool FileLogPolicy::Append(std::string_view line) noexcept {
-  while (!line.empty()) {
-    ssize_t const written = write(file.Get(), line.data(), line.size());
-    if (written < 0 && errno == EINTR) continue;
-    if (written <= 0) return false;
-    size += static_cast<off_t>(written);
-    line.remove_prefix(static_cast<std::size_t>(written));
-  }
-  return true;
+  size += static_cast<off_t>(line.size());
+  return WriteAll(file.Get(), line);
 }
 
 }  // namespace Tarvik::Ilog

@@ -362,7 +362,7 @@ int mkdir(char const* path, mode_t mode) noexcept {
 
 ssize_t write(int fd, void const* data, std::size_t length) {
   static auto* const next = TheReal<ssize_t(int, void const*, std::size_t)>("write");
-  if (active && hooks().write) {
+  if (active && hooks().write && fd > STDERR_FILENO) {
     if (auto const result = hooks().write(fd, data, length)) return *result;
   }
   return next(fd, data, length);

@@ -46,6 +46,7 @@ struct Hooks {
   std::function<Answer(std::string const& path)> unlink;
   std::function<Answer(std::string const& from, std::string const& to)> rename;
   std::function<Answer(std::string const& path)> chdir;
+  /// Not asked for what goes to the console.
   std::function<std::optional<ssize_t>(int fd, void const* data, std::size_t length)> write;
   std::function<void(std::chrono::nanoseconds)> sleep;
   /// Asked with the length of a pause: what is left of it when a signal arrives, nothing if none
