@@ -1,11 +1,12 @@
 #include "tests/card/Interpose.h"
-#include "tests/support/TheReal.h"
 
 #include <cerrno>
 #include <cstdlib>
 #include <ctime>
 #include <mutex>
 #include <sstream>
+
+#include "tests/support/TheReal.h"
 
 namespace {
 

@@ -1,5 +1,4 @@
 #include "tests/support/Interpose.h"
-#include "tests/support/TheReal.h"
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -12,6 +11,8 @@
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
+
+#include "tests/support/TheReal.h"
 
 namespace Interpose {
 

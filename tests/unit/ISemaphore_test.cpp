@@ -1,5 +1,4 @@
 #include "base/ISemaphore.h"
-#include "tests/support/TheReal.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -13,6 +12,8 @@
 #include <optional>
 #include <thread>
 #include <vector>
+
+#include "tests/support/TheReal.h"
 
 namespace {
 
@@ -136,6 +137,23 @@ TEST_F(Semaphore, LetsOneWaiterThroughForEachNotification) {
     EXPECT_EQ(through, i);
   }
   for (auto& waiter : waiters) waiter.join();
+}
+
+TEST_F(Semaphore, LosesAndMakesUpNothingBetweenManyThreads) {
+  constexpr int kThreads = 4;
+  constexpr int kTimes = 10000;
+  {
+    std::vector<std::jthread> threads;
+    for (int i = 0; i < kThreads; ++i) {
+      threads.emplace_back([&] {
+        for (int time = 0; time < kTimes; ++time) semaphore.Wait();
+      });
+      threads.emplace_back([&] {
+        for (int time = 0; time < kTimes; ++time) semaphore.Notify();
+      });
+    }
+  }  // a notification lost would leave a waiter here
+  EXPECT_FALSE(semaphore.TryWait()) << "a waiter passed without a notification";
 }
 
 TEST_F(Semaphore, ASignalDoesNotEndAWait) {
