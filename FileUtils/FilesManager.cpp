@@ -10,6 +10,7 @@
 #include <iostream>
 #include <list>
 #include <new>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -34,6 +35,14 @@ std::string DottedExtension(std::string const& fileName) {
     std::cout << e.what() << std::endl;
     return {};
   }
+}
+
+// One allocation; operator+ would copy the first part and then make room for the second.
+std::string JoinPath(std::string const& directory, std::string_view fileName) {
+  std::string path;
+  path.reserve(directory.size() + fileName.size());
+  path.append(directory).append(fileName);
+  return path;
 }
 
 // Kept on purpose: the path is judged after the directory was opened, which then stays open.
@@ -148,7 +157,7 @@ bool FilesManager::LoadAndSort() {
 
 void FilesManager::LoadEntry(char const* entryName, std::fstream& unopened) {
   struct stat status {};
-  std::string filePath = path + entryName;
+  std::string filePath = JoinPath(path, entryName);
   if (lstat(filePath.c_str(), &status) != 0 || S_ISDIR(status.st_mode)) return;
   auto file = MakeEntry(std::move(filePath), entryName, unopened);
   file->size = status.st_size;
@@ -159,7 +168,7 @@ void FilesManager::LoadEntry(char const* entryName, std::fstream& unopened) {
 bool FilesManager::AddFile(std::string& fileName) {
   ResetError();
   std::fstream unopened;
-  auto file = MakeEntry(path + fileName, fileName, unopened);
+  auto file = MakeEntry(JoinPath(path, fileName), fileName, unopened);
   if (!file->Stat()) {
     static_cast<void>(file.release());  // abandoned on purpose, as every object of an entry that
                                         // left the catalogue or never came into it

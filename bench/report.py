@@ -180,6 +180,14 @@ def plots(together, load, make):
     }, "right bottom")
 
 
+def board_instructions(counts):
+    rows = []
+    for work in (name for name in counts if not name.startswith("bare_")):
+        own, bare = counts[work], counts[f"bare_{work}"]
+        rows.append(f"| {work.replace('_', ' ')} | {own:,} | {bare:,} | {own / bare:.2f} |")
+    return "\n".join(["| work | library | system calls alone | ratio |", "|---|---|---|---|"] + rows)
+
+
 def instructions():
     rows = []
     for line in (ROOT / "bench/instructions.txt").read_text().splitlines():
@@ -212,6 +220,7 @@ def main():
     page = Template((ROOT / "bench/performance.md.in").read_text())
     PAGE.write_text(page.substitute(
         table=table.markdown(), components=component_table(sizes), instructions=instructions(),
+        board_instructions=board_instructions(json.loads((results / "board.json").read_text())),
         machine=(results / "machine.txt").read_text().strip()))
     if table.missed:
         print(f"{table.missed} targets missed")

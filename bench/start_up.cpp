@@ -1,7 +1,6 @@
 // A good card brought into service, by the library and by a shell script that runs the same
 // commands and pauses as long, in turns. Runs only in a private root, with a real ext4 card. One
 // line of JSON with the seconds of each turn.
-#include <dlfcn.h>
 #include <sys/mount.h>
 #include <unistd.h>
 
@@ -18,6 +17,7 @@
 #include "DiskUtils/System.h"
 #include "tests/card/Card.h"
 #include "tests/card/PrivateRoot.h"
+#include "tests/support/TheReal.h"
 
 namespace {
 
@@ -74,7 +74,7 @@ int reboot(int /*command*/) noexcept {
 }
 
 int system(char const* command) {
-  static auto* const next = reinterpret_cast<decltype(&system)>(dlsym(RTLD_NEXT, "system"));
+  static auto* const next = TheReal<decltype(system)>("system");
   if (std::string_view(command).find("reboot") != std::string_view::npos) return -1;
   return next(command);
 }

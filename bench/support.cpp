@@ -1,6 +1,5 @@
 #include "bench/support.h"
 
-#include <dlfcn.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -17,6 +16,7 @@
 #include <system_error>
 
 #include "base/UniqueFd.h"
+#include "tests/support/TheReal.h"
 
 namespace Bench {
 
@@ -49,11 +49,6 @@ std::string Real(char const* path) {
   std::string_view const wanted = path;
   if (!wanted.starts_with(kLogs)) return path;
   return Folder() / wanted.substr(kLogs.size());
-}
-
-template <typename Function>
-Function* Next(char const* name) {
-  return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
 }
 
 }  // namespace
@@ -120,18 +115,18 @@ int open(char const* path, int flags, ...) {
     mode = va_arg(arguments, mode_t);
     va_end(arguments);
   }
-  static auto* const next = Bench::Next<int(char const*, int, ...)>("open");
+  static auto* const next = TheReal<int(char const*, int, ...)>("open");
   return next(Bench::Real(path).c_str(), flags, mode);
 }
 
 int rename(char const* from, char const* to) noexcept {
-  static auto* const next = Bench::Next<int(char const*, char const*)>("rename");
+  static auto* const next = TheReal<int(char const*, char const*)>("rename");
   return next(Bench::Real(from).c_str(), Bench::Real(to).c_str());
 }
 
 int usleep(useconds_t microseconds) {
   if (Bench::pausesLeftOut > 0) return 0;
-  static auto* const next = Bench::Next<int(useconds_t)>("usleep");
+  static auto* const next = TheReal<int(useconds_t)>("usleep");
   return next(microseconds);
 }
 

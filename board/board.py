@@ -77,16 +77,16 @@ class Board:
         self.storage = Image.storage(folder / "storage.img")
 
     def start(self, script: str, card: Image | str | None = None, clock: str = "utc",
-              files: dict[str, str] | None = None) -> Machine:
+              files: dict[str, str] | None = None, options: tuple[str, ...] = ()) -> Machine:
         """Powers the board on. It runs the script, at every start anew, and powers off.
 
-        `files` are further files of the board by their absolute names. The storage persists from
-        one machine to the next.
+        `files` are further files of the board by their absolute names, `options` are QEMU's. The
+        storage persists from one machine to the next.
         """
         initramfs = self._make_initramfs({**(files or {}), "/etc/board/run": "#!/bin/sh\n" + script,
                                           **({} if card else {"/etc/board/no-card": ""})})
         hardware = Hardware(get_parts(), initramfs, self.storage.path,
-                            card.path if isinstance(card, Image) else card, clock)
+                            card.path if isinstance(card, Image) else card, clock, list(options))
         return Machine(hardware, self.log, self._deadline - time.monotonic(), self._echo)
 
     def run(self, script: str, card: Image | str | None = None, starts: int = 1,
