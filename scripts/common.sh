@@ -10,11 +10,37 @@ else
   bold='' plain=''
 fi
 
+exec 3>&1  # what the user sees, also while a step writes elsewhere
+
 step() { printf '%s== %s%s\n' "$bold" "$*" "$plain"; }
 
 fail() {
   printf '%s: %s\n' "$(basename "$0")" "$*" >&2
   exit 1
+}
+
+# Seconds, for people: 1:05.
+minutes() { printf '%d:%02d' $(($1 / 60)) $(($1 % 60)); }
+
+# Runs a command; meanwhile a terminal shows how long that has taken.
+timed() {
+  [[ -t 3 ]] || { "$@"; return; }
+  local status=0 clock
+  show_clock &
+  clock=$!
+  "$@" || status=$?
+  kill "$clock"
+  wait "$clock" 2>/dev/null || true
+  printf '\r\e[K' >&3
+  return "$status"
+}
+
+# Ends with the script, too, however that ends.
+show_clock() {
+  local start=$SECONDS
+  while sleep 1 && kill -0 $$ 2>/dev/null; do
+    printf '\r   %s' "$(minutes $((SECONDS - start)))" >&3
+  done
 }
 
 # Shows the comment at the top of the calling script as its help when it is asked for.
@@ -48,8 +74,8 @@ Install them as root: apt-get install ${missing[*]}"
   step "Installing ${missing[*]}"
   local log
   log=$(mktemp)
-  apt-get update >"$log" 2>&1 </dev/null || true
-  if ! DEBIAN_FRONTEND=noninteractive apt-get -o DPkg::Lock::Timeout=300 install -y \
+  timed apt-get update >"$log" 2>&1 </dev/null || true
+  if ! DEBIAN_FRONTEND=noninteractive timed apt-get -o DPkg::Lock::Timeout=300 install -y \
     --no-install-recommends "${missing[@]}" >>"$log" 2>&1 </dev/null; then
     tail -n 30 "$log" >&2
     rm -f "$log"
@@ -69,7 +95,7 @@ build() {
   shift
   step "Building ($preset)"
   mkdir -p build
-  if ! { cmake --preset "$preset" "$@" && cmake --build --preset "$preset"; } >"$log" 2>&1; then
+  if ! timed build_quietly "$preset" "$@" >"$log" 2>&1; then
     tail -n 50 "$log" >&2
     fail "the build failed; see $log"
   fi
@@ -80,10 +106,13 @@ build() {
   printf '   %s\n' "$(minutes $((SECONDS - start)))"
 }
 
-passed=0 failed=0 skipped=0
+build_quietly() {
+  local preset=$1
+  shift
+  cmake --preset "$preset" "$@" && cmake --build --preset "$preset"
+}
 
-# Seconds, for people: 1:05.
-minutes() { printf '%d:%02d' $(($1 / 60)) $(($1 % 60)); }
+passed=0 failed=0 skipped=0
 
 # Each reason once, with what the skipped tests said last.
 show_skip_reasons() {
@@ -101,7 +130,7 @@ run_tests() {
   log=${report%.xml}.log
   shift
   step "Testing ($preset) $*"
-  ctest --test-dir "build/$preset" --output-junit "$root/$report" --output-on-failure \
+  timed ctest --test-dir "build/$preset" --output-junit "$root/$report" --output-on-failure \
     --no-tests=error "$@" >"$log" 2>&1 || sed -n '/^The following tests FAILED/,$p' "$log"
   [[ -s $report ]] || fail "no tests were run; see $log"
   local tests failures skips
@@ -124,7 +153,7 @@ run_check() {
   shift
   step "$name"
   mkdir -p build
-  if "$@" >"$log" 2>&1; then
+  if timed "$@" >"$log" 2>&1; then
     passed=$((passed + 1))
   else
     failed=$((failed + 1))

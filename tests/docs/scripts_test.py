@@ -36,13 +36,18 @@ class Scripts(unittest.TestCase):
     def test_none_colours_what_is_no_terminal(self):
         for script in SCRIPTS:
             self.assertNotIn("\x1b", self.run_script(script, "--help").stdout, script)
-        self.assertNotIn("\x1b", self.step())
+        self.assertNotIn("\x1b", self.output("step Here"))
 
     def test_a_step_is_bold_on_a_terminal(self):
-        self.assertIn("\x1b[1m== Here", self.step("script", "-qec"))
+        self.assertIn("\x1b[1m== Here", self.output("step Here", "script", "-qec"))
 
-    def step(self, *terminal: str) -> str:
-        command = f"bash -c '. {ROOT}/scripts/common.sh; step Here'"
+    def test_a_long_step_shows_its_time_on_a_terminal_alone(self):
+        command = "timed sleep 1.5 >/dev/null; echo $?"
+        self.assertEqual(self.output(command), "0\n")
+        self.assertIn("0:01", self.output(command, "script", "-qec"))
+
+    def output(self, command: str, *terminal: str) -> str:
+        command = f"bash -c '. {ROOT}/scripts/common.sh; {command}'"
         arguments = [*terminal, command, "/dev/null"] if terminal else ["sh", "-c", command]
         return subprocess.run(arguments, capture_output=True, text=True, timeout=60,
                               stdin=subprocess.DEVNULL, check=True).stdout
