@@ -114,13 +114,13 @@ build_quietly() {
 
 passed=0 failed=0 skipped=0
 
-# Each reason once, with what the skipped tests said last.
+# Each reason once. GoogleTest gives it on a line after "Skipped", other tests on their last one.
 show_skip_reasons() {
   local report=$1 number count
   count=$(xmllint --xpath 'count(//testcase[skipped])' "$report")
   for ((number = 1; number <= count; ++number)); do
     xmllint --xpath "string((//testcase[skipped])[$number]/system-out)" "$report" |
-      sed '/^[[:space:]]*$/d' | tail -n 1
+      awk '/: Skipped$/ { getline; reason = $0; exit } NF { reason = $0 } END { print reason }'
   done | sort | uniq -c | sed 's/^/   skipped: /'
 }
 

@@ -1,4 +1,4 @@
-// One card, found, mounted, measured, scanned and formatted for real.
+// One card, found, mounted, measured and formatted for real.
 #include "DiskUtils/Disk.h"
 
 #include <fcntl.h>
@@ -9,8 +9,7 @@
 
 #include <fstream>
 
-#include "base/IException.h"
-#include "tests/card/CardFixture.h"
+#include "tests/card/DiskFixture.h"
 #include "tests/card/Interpose.h"
 #include "tests/support/Capture.h"
 
@@ -24,23 +23,6 @@ using testing::EndsWith;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::StartsWith;
-
-class DiskTest : public CardTest {
- protected:
-  static Disk MakeDisk() { return {mountPoint, partition, device}; }
-  static Disk::DeviceStatus& Status() { return Disk::deviceStatusList[mountPoint]; }
-};
-
-/// The message of the exception that a scan ends with; empty when the card passed.
-std::string ScanFailure(Disk& disk) {
-  try {
-    disk.ScanDisk();
-    return {};
-  } catch (Tarvik::IException const& e) {
-    EXPECT_EQ(e.code, 0);
-    return e.what();
-  }
-}
 
 std::string MountOptions() {
   std::ifstream mounts("/proc/mounts");
@@ -284,160 +266,6 @@ TEST_F(DiskTest, CheckThatWantsARebootSaysSoWaitsAndMountsAllTheSame) {
             "===================================>>> REBOOT \n"
             "Mount SD card success\n");
   EXPECT_EQ(MachineCalls(), std::vector<std::string>{"sleep 3000 ms"});
-}
-
-TEST_F(DiskTest, ScanOfAGoodCardPassesAndLeavesNoTestFile) {
-  card.Insert();
-  Disk disk = MakeDisk();
-  Capture::Descriptor output(1);
-
-  EXPECT_EQ(ScanFailure(disk), "");
-  EXPECT_TRUE(disk.available);
-  EXPECT_EQ(Status().fsckStatus, 0);
-  EXPECT_EQ(Status().malfunction, 0);
-  EXPECT_GT(Status().lifetimeWritesKB, 0U);
-  EXPECT_EQ(NamesIn(mountPoint), std::set<std::string>{"lost+found"});
-  EXPECT_THAT(output.Text(), StartsWith("Unmount SD card success.\n"));
-  EXPECT_THAT(output.Text(), EndsWith("FSCK output: No errors\nMount SD card success\n"));
-}
-
-TEST_F(DiskTest, TestFileIsThereDuringTheCheckWithItsSixCharacters) {
-  card.Insert();
-  Disk disk = MakeDisk();
-  CommandInFront const fsck("fsck", "debugfs -R 'cat check.tmp' /dev/mmcblk1p1 > /tmp/seen\n");
-
-  EXPECT_EQ(ScanFailure(disk), "");
-  EXPECT_EQ(TextOf("/tmp/seen"), "velmor");
-}
-
-TEST_F(DiskTest, LeftoverTestFileIsOverwrittenAndRemoved) {
-  card.Insert();
-  Disk disk = MakeDisk();
-  std::ofstream("/mnt/sdcard/check.tmp") << "left behind by an earlier scan that was interrupted";
-  CommandInFront const fsck("fsck", "debugfs -R 'cat check.tmp' /dev/mmcblk1p1 > /tmp/seen\n");
-
-  EXPECT_EQ(ScanFailure(disk), "");
-  EXPECT_EQ(TextOf("/tmp/seen"), "velmor");
-  EXPECT_FALSE(fs::exists("/mnt/sdcard/check.tmp"));
-}
-
-TEST_F(DiskTest, DamagedFileSystemIsRepairedByTheScan) {
-  card.DamageRepairably();
-  card.Insert();
-  Disk disk = MakeDisk();
-  Capture::Descriptor output(1);
-
-  EXPECT_EQ(ScanFailure(disk), "");
-  EXPECT_TRUE(disk.available);
-  EXPECT_EQ(Status().fsckStatus, 1);
-  EXPECT_THAT(output.Text(), HasSubstr("FSCK output: File system errors corrected\n"));
-
-  EXPECT_EQ(ScanFailure(disk), "");
-  EXPECT_EQ(Status().fsckStatus, 0);
-}
-
-TEST_F(DiskTest, CardWhoseCheckFailsIsUsedAsLongAsItKeepsItsFiles) {
-  card.DamageCheckOnly();
-  card.Insert();
-  Disk disk = MakeDisk();
-  Capture::Descriptor errors(2);
-  Capture::Descriptor output(1);
-
-  EXPECT_EQ(ScanFailure(disk), "");
-  EXPECT_TRUE(disk.available);
-  EXPECT_EQ(Status().fsckStatus, 12);
-  EXPECT_THAT(output.Text(), Not(HasSubstr("FSCK output")));
-}
-
-TEST_F(DiskTest, CardThatCannotBeRepairedIsNotFound) {
-  card.DamageBeyondRepair();
-  card.Insert();
-  Capture::Descriptor output(1);
-  Disk disk = MakeDisk();
-
-  EXPECT_EQ(output.Text(), "Disk exception Disk not found\n");
-  EXPECT_FALSE(disk.available);
-  EXPECT_TRUE(Status().present);
-}
-
-TEST_F(DiskTest, CardThatBreaksBeyondRepairDuringTheScanIsNotPresent) {
-  card.Insert();
-  Disk disk = MakeDisk();
-  CommandInFront const fsck("fsck",
-                            "debugfs -w -R 'feature FEATURE_I29' /dev/mmcblk1p1 >/dev/null 2>&1\n"
-                            "/sbin/fsck \"$@\"\n");
-  Capture::Descriptor errors(2);
-  Capture::Descriptor output(1);
-
-  EXPECT_EQ(ScanFailure(disk), "Disk not present");
-  EXPECT_FALSE(disk.available);
-  EXPECT_EQ(Status().fsckStatus, 8);
-  EXPECT_TRUE(Status().present);
-  EXPECT_THAT(output.Text(), EndsWith("FSCK output: Operational error\nMount SD card FAILED.\n"));
-}
-
-TEST_F(DiskTest, CardPulledDuringTheCheckIsNotPresent) {
-  card.Insert();
-  Disk disk = MakeDisk();
-  CommandInFront const fsck("fsck", "rm /dev/mmcblk1 /dev/mmcblk1p1; exit 8\n");
-  Capture::Descriptor errors(2);
-  Capture::Descriptor output(1);
-
-  EXPECT_EQ(ScanFailure(disk), "Disk not present");
-  EXPECT_FALSE(disk.available);
-  EXPECT_FALSE(Status().present);
-  EXPECT_EQ(Status().fsckStatus, 8);
-}
-
-TEST_F(DiskTest, CardThatLosesTheTestFileIsRefusedForGood) {
-  LossyCheck const lossy(card);
-  card.Insert();
-  Disk disk = MakeDisk();
-  Capture::Descriptor output(1);
-
-  EXPECT_EQ(ScanFailure(disk), "disk malfunction");
-  EXPECT_FALSE(disk.available);
-  EXPECT_EQ(Status().malfunction, 1);
-  EXPECT_EQ(Status().fsckStatus, 0);
-
-  Capture::Descriptor later(1);
-  Disk const next = MakeDisk();
-  EXPECT_FALSE(next.available);
-  EXPECT_EQ(later.Text(), "Disk exception Disk malfunction status had been set to read-only\n");
-}
-
-TEST_F(DiskTest, CardThatMountsReadOnlyMissesTheTestFileAndIsRefused) {
-  card.Insert();
-  Disk disk = MakeDisk();
-  ASSERT_EQ(mount(nullptr, mountPoint, nullptr, MS_REMOUNT | MS_RDONLY, nullptr), 0);
-  Capture::Descriptor output(1);
-
-  EXPECT_EQ(ScanFailure(disk), "disk malfunction");
-  EXPECT_EQ(Status().malfunction, 1);
-}
-
-TEST_F(DiskTest, CardThatTurnsReadOnlyDuringTheScanIsNotAvailable) {
-  card.Insert();
-  Disk disk = MakeDisk();
-  card.ReportReadOnly(true);
-  Capture::Descriptor output(1);
-
-  EXPECT_EQ(ScanFailure(disk), "disk read only");
-  EXPECT_FALSE(disk.available);
-  EXPECT_TRUE(Status().readOnly);
-  EXPECT_FALSE(fs::exists("/mnt/sdcard/check.tmp"));
-}
-
-TEST_F(DiskTest, ScanPassesWithoutALifetimeCounter) {
-  card.Insert();
-  Disk disk = MakeDisk();
-  fs::remove("/sys/fs/ext4/mmcblk1p1");
-  Capture::Descriptor output(1);
-
-  EXPECT_EQ(ScanFailure(disk), "");
-  EXPECT_EQ(Status().lifetimeWritesKB, 0U);
-  EXPECT_THAT(output.Text(), EndsWith("ERR: [/sys/fs/ext4/mmcblk1p1/lifetime_write_kbytes] does "
-                                      "not exist !\n"));
 }
 
 TEST_F(DiskTest, FormatMakesALabelledFileSystemWithoutAJournal) {
