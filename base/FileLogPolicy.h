@@ -10,7 +10,7 @@
 
 namespace Tarvik::Ilog {
 
-/// Appends lines to "/var/log/quellon.log". Before a line would take the file past 1 MiB the file
+/// Appends lines to "/var/log/quellon.log". Before a line would take the file to 1 MiB the file
 /// is renamed to "quellon.log.1", replacing the older one, and a new one begun. The file is opened
 /// by the first line, never through a symbolic link, and readable by all (mode 0644).
 /// Not locked: the sink calls it with its line lock held.

@@ -13,6 +13,7 @@ namespace Tarvik::Ilog {
 /// its text, and asks for its bounds at every piece; that costs more than the pieces themselves.
 class LineBuffer : public std::streambuf {
  public:
+  /// The text so far; valid until more is appended.
   [[nodiscard]] std::string_view View() const noexcept { return {memory.data(), length}; }
 
   /// False, with nothing appended, when there is no memory for it.
@@ -27,10 +28,12 @@ class LineBuffer : public std::streambuf {
   void Clear() noexcept { length = 0; }
 
  protected:
+  /// Appends what the stream writes: all, or nothing.
   std::streamsize xsputn(char const* characters, std::streamsize count) override {
     return Append({characters, static_cast<std::size_t>(count)}) ? count : 0;
   }
 
+  /// Appends one character.
   int_type overflow(int_type character) override {
     char const next = traits_type::to_char_type(character);
     return Append({&next, 1}) ? character : traits_type::eof();

@@ -75,7 +75,8 @@ class LoggerBase {
   /// the sink is free again; otherwise does nothing.
   void CheckEndOfStream();
 
-  /// Ends the line under way: newline, flush, `CheckEndOfStream`. Frees the sink in every case.
+  /// Ends the line under way: appends a newline, signals the line and hands it to the sink's
+  /// writer. Frees the sink in every case.
   void EndLine();
 
   /// Waits until no line of another thread is under way.
@@ -111,7 +112,9 @@ class LoggerBase {
   std::string stamp;
 
  public:
-  std::atomic<bool> enabled = true;  ///< false: the sink takes no part in new lines; any thread
+  /// False: the sink takes no part in new lines. Any thread may switch it. The library switches a
+  /// sink off whose line could not be written, and leaves it to the application to switch it on.
+  std::atomic<bool> enabled = true;
 };
 
 extern template class QUELLON_EXPORT LoggerBase<FileLogPolicy>;

@@ -7,6 +7,7 @@ the kernel's instructions, too: each kind of work has a bare one beside it, the 
 """
 
 import json
+import re
 import sys
 from pathlib import Path
 
@@ -14,12 +15,13 @@ ROOT = Path(__file__).resolve().parent.parent
 sys.path.insert(0, str(ROOT))
 
 from board.board import Board, prepare
+from board.tools import Failure
 
 LIMIT = 300  # s
-WORK = ("log_line", "catalogued_file", "deleted_file")
+WORK = [prefix + work for prefix in ("", "bare_")
+        for work in ("log_line", "catalogued_file", "deleted_file")]
 SCRIPT = "mkdir -p /dev/shm\nmount -t tmpfs tmpfs /dev/shm\n" + "".join(
-    f"echo {prefix}{work} $(bench_instructions {prefix}{work} 2>&1)\n"
-    for prefix in ("", "bare_") for work in WORK)
+    f"echo {work} $(bench_instructions {work} 2>&1)\n" for work in WORK)
 
 
 def main() -> int:
@@ -28,11 +30,16 @@ def main() -> int:
     programs = {build / "bench/bench_instructions": "usr/bin",
                 build / "libTarvik.so.1": "usr/lib", build / "libQuellon.so.1": "usr/lib"}
     board = Board(ROOT / "build/board/bench", LIMIT, programs)
-    with board.start(SCRIPT, options=("-icount", "shift=0,sleep=off")) as machine:
-        machine.finish()
-    counts = dict(line.split() for line in machine.lines if "_" in line and len(line.split()) == 2)
-    print(json.dumps({work: int(counts[work]) for work in counts}))
+    machine = board.run(SCRIPT, options=("-icount", "shift=0,sleep=off"))
+    print(json.dumps({work: count(machine.lines, work) for work in WORK}))
     return 0
+
+
+def count(lines: list[str], work: str) -> int:
+    for line in lines:
+        if match := re.fullmatch(rf"{work} (\d+)", line):
+            return int(match.group(1))
+    raise Failure(f"{work} was not counted")
 
 
 if __name__ == "__main__":

@@ -2,7 +2,6 @@
 // node, the file object with its path, and the stream that the object keeps. Runs on any
 // architecture; one line of JSON.
 #include <malloc.h>
-#include <unistd.h>
 
 #include <cstdio>
 #include <fstream>

@@ -17,6 +17,7 @@
 #include "DiskUtils/System.h"
 #include "tests/card/Card.h"
 #include "tests/card/PrivateRoot.h"
+#include "tests/support/OwnedSystem.h"
 #include "tests/support/TheReal.h"
 
 namespace {
@@ -24,10 +25,9 @@ namespace {
 constexpr int kTurns = 5;
 
 void RunLibrary() {
-  Quellon::System system;
+  OwnedSystem system;
   auto const* const disk = system.InitDisk();
   if (disk == nullptr || !disk->available) throw std::runtime_error("the card was refused");
-  delete system.disk;
 }
 
 void RunScript() {

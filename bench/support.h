@@ -16,7 +16,7 @@ namespace Bench {
 /// under test as for its peers.
 std::filesystem::path const& Folder();
 
-/// While one exists, usleep(3) and its kind return at once.
+/// While one exists, usleep(3) returns at once.
 class WithoutPauses {
  public:
   WithoutPauses();

@@ -28,6 +28,7 @@ namespace {
 
 constexpr char const* kRecordings = "/mnt/sdcard/cr/";
 constexpr std::string_view kPrefix = "rec_";
+constexpr int kLastNumber = 999999;  // six digits; then they begin anew
 constexpr std::size_t kPositionsBytes = 1024;
 constexpr auto kShortestKickPeriod = std::chrono::seconds(1);
 
@@ -127,7 +128,6 @@ Disk* Recorder::InitDisk() {
 }
 
 void Recorder::OpenCatalogue(Disk* disk) {
-  disk->LoadDiskInfo();
   if (!Idir(kRecordings).Create()) LogLine(Error) << "[REC] No directory for recordings";
   catalogue =
       std::make_unique<FilesManager>(disk, kRecordings, settings.minimumFreeBytes, settings.share);
@@ -157,7 +157,7 @@ bool Recorder::CardIsBack() {
 
 bool Recorder::Record() {
   if (!MakeRoom()) return false;
-  ++number;
+  number = number % kLastNumber + 1;
   return WriteFile(RecordingName(number, ".dat"), settings.recordingBytes) &&
          WriteFile(RecordingName(number, ".gps"), kPositionsBytes);
 }
@@ -210,8 +210,8 @@ int Recorder::LastRecordingNumber() {
   int last = 0;
   for (Ifile* file : catalogue->GetList()) {
     if (!file->name.starts_with(kPrefix)) continue;
-    char const* const digits = file->name.c_str() + kPrefix.size();
-    last = std::max(last, static_cast<int>(std::strtol(digits, nullptr, 10)));
+    long const found = std::strtol(file->name.c_str() + kPrefix.size(), nullptr, 10);
+    if (found <= kLastNumber) last = std::max(last, static_cast<int>(found));  // else not ours
   }
   return last;
 }

@@ -1,17 +1,16 @@
 // Recordings on a real card, listed and kept within their share of it.
-#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 
 #include <algorithm>
-#include <fstream>
 
 #include "DiskUtils/System.h"
 #include "FileUtils/Dir.h"
 #include "FileUtils/FilesManager.h"
 #include "tests/card/CardFixture.h"
 #include "tests/support/Capture.h"
+#include "tests/support/OwnedSystem.h"
 
 namespace CardTests {
 namespace {
@@ -191,7 +190,7 @@ void CatalogueTest::RecordEndlessly(std::uint64_t minimum, float fraction) {
 TEST_F(CatalogueTest, CardIsBroughtIntoServiceFilledAndKeptWithinItsShare) {
   InsertUsedCard();
   Capture::Descriptor output(1);
-  Quellon::System system;
+  OwnedSystem system;
   Disk* const disk = system.InitDisk();
   ASSERT_TRUE(disk->available) << output.Text();
 
@@ -211,7 +210,6 @@ TEST_F(CatalogueTest, CardIsBroughtIntoServiceFilledAndKeptWithinItsShare) {
   EXPECT_EQ(Forecast(directory, minimumFree, share).Survivors(), forecast.Survivors());
   EXPECT_EQ(catalogue.GetTotalFilesSize(), forecast.UsedBytes());
   EXPECT_TRUE(catalogue.CheckAvailableSpace(false));
-  delete system.disk;
 }
 
 TEST_F(CatalogueTest, EndlessRecordingLeavesTheMinimumFree) {

@@ -13,6 +13,7 @@
 #include "tests/card/CardFixture.h"
 #include "tests/card/Interpose.h"
 #include "tests/support/Capture.h"
+#include "tests/support/OwnedSystem.h"
 
 namespace CardTests {
 namespace {
@@ -95,7 +96,7 @@ std::string SystemTest::StartUntilItGivesUp(std::string const& reason) {
 TEST_F(SystemTest, GoodCardIsBroughtIntoServiceAndReported) {
   card.Insert();
   Capture::Descriptor output(1);
-  System system;
+  OwnedSystem system;
   auto const* const disk = system.InitDisk();
 
   ASSERT_NE(disk, nullptr);
@@ -112,13 +113,12 @@ TEST_F(SystemTest, GoodCardIsBroughtIntoServiceAndReported) {
                        "] kB\n read only [0]\n fcsk status [0]\n cid [" + card.identity.cid +
                        "]\n"
                        "==================================================================\n"));
-  delete system.disk;
 }
 
 TEST_F(SystemTest, HealthOfAGoodCardIsMeasured) {
   card.Insert();
   Capture::Descriptor output(1);
-  System system;
+  OwnedSystem system;
   system.InitDisk();
   auto health = Tarvik::Json::Deserialize(system.GetHealthReport()).ToObject();
 
@@ -129,7 +129,6 @@ TEST_F(SystemTest, HealthOfAGoodCardIsMeasured) {
   EXPECT_GT(static_cast<double>(health["zl"]), 0);
   EXPECT_THAT(health["f"].ToString(), StartsWith("30.4|B140 ("));
   EXPECT_FALSE(health.HasKey("rtc-have-been-reset"));
-  delete system.disk;
 }
 
 TEST_F(SystemTest, RepairedCardIsUsedAndTheRepairReported) {
@@ -194,7 +193,7 @@ TEST_F(SystemTest, AnotherStartInTheSameProcessReplacesTheCardObject) {
   Capture::Descriptor errors(2);
   Capture::Descriptor output(1);
   WriteCounterFile(Counted(3));
-  System system;
+  OwnedSystem system;
   ASSERT_NE(system.InitDisk(), nullptr);
   EXPECT_FALSE(system.disk->available);
   EXPECT_TRUE(system.diskFault);
@@ -203,13 +202,12 @@ TEST_F(SystemTest, AnotherStartInTheSameProcessReplacesTheCardObject) {
   ASSERT_NE(system.InitDisk(), nullptr);
   EXPECT_TRUE(system.disk->available);
   EXPECT_FALSE(system.diskFault);
-  delete system.disk;
 }
 
 TEST_F(SystemTest, CardFoundBrokenIsRefusedByLaterStartsInTheSameProcess) {
   Capture::Descriptor output(1);
   WriteCounterFile(Counted(3));
-  System system;
+  OwnedSystem system;
   {
     LossyCheck const lossy(card);
     card.Insert();
@@ -221,7 +219,6 @@ TEST_F(SystemTest, CardFoundBrokenIsRefusedByLaterStartsInTheSameProcess) {
   EXPECT_THAT(output.Text(),
               HasSubstr("Disk exception Disk malfunction status had been set to read-only\n"
                         "Exception disk (0): The device is not available\n"));
-  delete system.disk;
 }
 
 TEST_F(SystemTest, RebootLeavesCardAndRootUnmounted) {
@@ -237,7 +234,7 @@ TEST_F(SystemTest, BusyCardDoesNotStopAReboot) {
   card.Insert();
   Quellon::DiskUtils::Disk disk(mountPoint, partition, device);
   Tarvik::UniqueFd const busy(open("/mnt/sdcard/busy", O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
-  System system;
+  OwnedSystem system;
   Capture::Descriptor errors(2);
 
   EXPECT_EQ(system.Reboot(), -1);
@@ -251,7 +248,7 @@ TEST_F(SystemTest, BusyRootIsGivenASecondAndTenForcedAttempts) {
   Tarvik::UniqueFd const busy(open("/busy", O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
   card.Insert();
   Quellon::DiskUtils::Disk disk(mountPoint, partition, device);
-  System system;
+  OwnedSystem system;
   ForgetMachineCalls();
   Capture::Descriptor errors(2);
 
@@ -264,13 +261,13 @@ TEST_F(SystemTest, BusyRootIsGivenASecondAndTenForcedAttempts) {
 }
 
 TEST_F(SystemTest, MissingCounterFileCountsZeroAndIsMade) {
-  System system;
+  OwnedSystem system;
   EXPECT_EQ(system.ReadSDCardStatusCounter(), 0);
   EXPECT_TRUE(fs::is_empty(counterFile));
 }
 
 TEST_F(SystemTest, SavedCounterIsReadBackAndReplacesTheWholeFile) {
-  System system;
+  OwnedSystem system;
   WriteCounterFile(std::string(1000, ' '));
   Capture::Descriptor output(1);
 
@@ -281,7 +278,7 @@ TEST_F(SystemTest, SavedCounterIsReadBackAndReplacesTheWholeFile) {
 }
 
 TEST_F(SystemTest, ZeroRemovesTheCounterFileAndAMissingOneIsFine) {
-  System system;
+  OwnedSystem system;
   WriteCounterFile(Counted(1));
   Capture::Descriptor output(1);
 
@@ -292,13 +289,13 @@ TEST_F(SystemTest, ZeroRemovesTheCounterFileAndAMissingOneIsFine) {
 }
 
 TEST_F(SystemTest, CounterIsReadFromAnyObjectThatHasIt) {
-  System system;
+  OwnedSystem system;
   WriteCounterFile("{\n \"other\": [1],\n \"sdcard-status-conter\":\n 2\n}\n");
   EXPECT_EQ(system.ReadSDCardStatusCounter(), 2);
 }
 
 TEST_F(SystemTest, ValidTextWithoutTheCounterCountsZero) {
-  System system;
+  OwnedSystem system;
   for (char const* text : {R"({"sdcard-status-counter":2})", "{}", "[2]", "2", "null"}) {
     WriteCounterFile(text);
     EXPECT_EQ(system.ReadSDCardStatusCounter(), 0) << text;
@@ -306,7 +303,7 @@ TEST_F(SystemTest, ValidTextWithoutTheCounterCountsZero) {
 }
 
 TEST_F(SystemTest, BrokenTextOrAWrongKindOfCounterIsUnreadable) {
-  System system;
+  OwnedSystem system;
   for (char const* text : {R"({"sdcard-status-conter":)", R"({"sdcard-status-conter":"2"})"}) {
     WriteCounterFile(text);
     EXPECT_EQ(system.ReadSDCardStatusCounter(), -1) << text;
@@ -314,7 +311,7 @@ TEST_F(SystemTest, BrokenTextOrAWrongKindOfCounterIsUnreadable) {
 }
 
 TEST_F(SystemTest, CounterOnAReadOnlyRootCannotBeReadOrRemovedAndIsTakenForSaved) {
-  System system;
+  OwnedSystem system;
   WriteCounterFile(Counted(1));
   MakeRootReadOnly();
   Capture::Descriptor output(1);

@@ -32,6 +32,7 @@
 #include "tests/card/Card.h"
 #include "tests/card/Interpose.h"
 #include "tests/card/PrivateRoot.h"
+#include "tests/support/Descriptors.h"
 #include "tests/support/LiveFiles.h"
 #include "tests/support/TheReal.h"
 
@@ -104,11 +105,6 @@ void Require(bool condition, std::string const& otherwise) {
   if (!condition) throw std::runtime_error(otherwise);
 }
 
-std::size_t OpenDescriptors() {
-  return static_cast<std::size_t>(
-      std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator()));
-}
-
 /// The largest size in memory since the last `ForgetPeak`, in KiB.
 long PeakMemory() {
   std::ifstream status("/proc/self/status");
@@ -153,9 +149,9 @@ class Service {
   void RunDays(int days) {
     for (day = 1; day <= days; ++day) {
       RunDay();
-      if (day == 1) descriptors = OpenDescriptors();
+      if (day == 1) descriptors = Descriptors::Open().size();
       if (day == 2) secondPeak = peak;
-      Require(OpenDescriptors() == descriptors, "descriptors are left open");
+      Require(Descriptors::Open().size() == descriptors, "descriptors are left open");
     }
     if (days < 3) return;
     double const growth = 100.0 * static_cast<double>(peak - secondPeak) / double(secondPeak);
@@ -185,8 +181,8 @@ class Service {
     std::cout << "day " << day << ": " << recordings << " recordings, " << reclaimed
               << " reclaimed, " << positions << " positions removed, " << faults << " faults, "
               << catalogue->GetList().size() << " files, " << freed << " objects abandoned, peak "
-              << peak << " KiB, " << OpenDescriptors() << " descriptors, at most " << excess
-              << " bytes over the share" << std::endl;
+              << peak << " KiB, " << Descriptors::Open().size() << " descriptors, at most "
+              << excess << " bytes over the share" << std::endl;
   }
 
   // A recording and its positions, after room was made for them.

@@ -1,8 +1,6 @@
 // What every fuzz target is made of.
 #pragma once
 
-#include <unistd.h>
-
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>

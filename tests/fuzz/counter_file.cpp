@@ -1,11 +1,12 @@
 // Whatever the counter file holds, reading it gives a number, and a card that is missing for ever
 // causes no more than three reboots.
-#include <fstream>
+#include <unistd.h>
 
 #include "DiskUtils/System.h"
 #include "tests/fuzz/Target.h"
 #include "tests/support/Capture.h"
 #include "tests/support/Interpose.h"
+#include "tests/support/OwnedSystem.h"
 
 namespace {
 
@@ -24,11 +25,9 @@ int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size) {
   Interpose::MakeFile("/root/system.dat", std::string(Fuzz::Text(data, size)));
   Capture::Descriptor const quiet(STDOUT_FILENO);
   Capture::Descriptor const silent(STDERR_FILENO);
-  Quellon::System system;
+  OwnedSystem system;
   int const counter = system.ReadSDCardStatusCounter();
   int const reboots = RebootsWithoutCard(system);
-  // The object does not delete its card, as the only one in a process need not.
-  delete system.disk;
   Fuzz::Require(reboots <= kAllowedReboots, "bounded reboots");
   Fuzz::Require((counter < 0 || counter >= kAllowedReboots) == (reboots == 0),
                 "a count in bounds, and only that, allows a reboot");

@@ -1,9 +1,6 @@
 // A file of any name is loaded, added and removed, and nothing but that file is touched.
 #include <unistd.h>
 
-#include <filesystem>
-#include <fstream>
-
 #include "FileUtils/FilesManager.h"
 #include "tests/fuzz/Target.h"
 #include "tests/support/Capture.h"

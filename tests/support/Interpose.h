@@ -11,7 +11,6 @@
 #include <chrono>
 #include <filesystem>
 #include <functional>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <vector>
@@ -27,8 +26,8 @@ struct Answer {
   static Answer Failure(int error) { return {-1, error}; }
 };
 
-/// While one exists, a test's own answers. An empty hook leaves the default in place. Hooks may be
-/// called from any thread.
+/// A test's own answers, in force until `Reset`. An empty hook leaves the default in place. Hooks
+/// may be called from any thread.
 struct Hooks {
   std::function<Answer(std::string const& source, std::string const& target,
                        std::string const& type, unsigned long flags, std::string const& data)>

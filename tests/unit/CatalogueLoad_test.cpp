@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "tests/support/CatalogueTest.h"
+#include "tests/support/Descriptors.h"
 
 namespace {
 
@@ -27,11 +28,6 @@ using testing::IsEmpty;
 using testing::MatchesRegex;
 using testing::SizeIs;
 using testing::UnorderedElementsAre;
-
-std::size_t OpenDescriptors() {
-  auto const entries = fs::directory_iterator("/dev/fd");
-  return static_cast<std::size_t>(std::distance(begin(entries), end(entries)));
-}
 
 class CatalogueLoad : public CatalogueTest {
  protected:
@@ -83,9 +79,9 @@ TEST_F(CatalogueLoad, FailsForADirectoryThatCannotBeOpenedAlsoWithoutATrailingSl
 
 TEST_F(CatalogueLoad, FailsForAPathWithoutATrailingSlashAndLeavesTheDirectoryOpen) {
   auto const failing = NewCatalogue("/mnt/sdcard/cr");
-  std::size_t const before = OpenDescriptors();
+  std::size_t const before = Descriptors::Open().size();
   ExpectFailure(*failing, "Incorrect path");
-  EXPECT_EQ(OpenDescriptors(), before + 1);
+  EXPECT_EQ(Descriptors::Open().size(), before + 1);
 }
 
 TEST_F(CatalogueLoad, FailsForAPathWithoutAnySlash) {
@@ -161,9 +157,9 @@ TEST_F(CatalogueLoad, SkipsDirectoriesAndClosesWhatItOpened) {
   fs::create_directories(Where("one/two.dat"));
   MakeRecording("one/inside.dat", 9);
   EXPECT_EQ(Capture::Output([&] {
-              std::size_t const before = OpenDescriptors();
+              std::size_t const before = Descriptors::Open().size();
               EXPECT_TRUE(catalogue->Load());
-              EXPECT_EQ(OpenDescriptors(), before);
+              EXPECT_EQ(Descriptors::Open().size(), before);
             }),
             "");
   EXPECT_THAT(catalogue->GetList(), IsEmpty());

@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <limits>
-#include <list>
 #include <string>
 #include <type_traits>
 

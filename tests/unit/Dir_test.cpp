@@ -1,4 +1,5 @@
 #include "FileUtils/Dir.h"
+#include "tests/support/Descriptors.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -20,11 +21,6 @@ using Quellon::FileUtils::Idir;
 using testing::IsEmpty;
 
 constexpr char const* kPath = "/mnt/sdcard/cr";
-
-std::size_t OpenDescriptors() {
-  auto const entries = fs::directory_iterator("/dev/fd");
-  return static_cast<std::size_t>(std::distance(begin(entries), end(entries)));
-}
 
 class Directory : public testing::Test {
  protected:
@@ -73,9 +69,9 @@ TEST_F(Directory, LooksAgainButKeepsWhatItKnewAndRecordsNothing) {
 TEST_F(Directory, ClosesWhatItOpenedToLook) {
   Make();
   Idir directory(kPath);
-  std::size_t const before = OpenDescriptors();
+  std::size_t const before = Descriptors::Open().size();
   directory.CheckIfExists();
-  EXPECT_EQ(OpenDescriptors(), before);
+  EXPECT_EQ(Descriptors::Open().size(), before);
 }
 
 TEST_F(Directory, CreateTouchesNothingWhenItExistedAtFirst) {

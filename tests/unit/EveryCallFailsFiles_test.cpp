@@ -147,7 +147,7 @@ TEST(EveryCallFails, WhileTheCatalogueIsLoaded) {
     table.push_back(
         {"lstat */" + name + ".dat *", "done, catalogue " + others + ", card abcd, total 3000"});
   }
-  FaultTable::Try<Loading>(table);
+  FaultTable::Try<Loading>("done, catalogue abcd, card abcd, total 4000", table);
 }
 
 class Adding : public Recordings {
@@ -159,7 +159,8 @@ class Adding : public Recordings {
 };
 
 TEST(EveryCallFails, WhileARecordingIsAdded) {
-  FaultTable::Try<Adding>({{"*", "File not found in AddFile, catalogue , card abcd, total 0"}});
+  FaultTable::Try<Adding>("done, catalogue a, card abcd, total 1000",
+                          {{"*", "File not found in AddFile, catalogue , card abcd, total 0"}});
 }
 
 class MakingRoom : public Recordings {
@@ -172,6 +173,7 @@ TEST(EveryCallFails, WhileRoomIsMade) {
   // A recording that cannot be removed leaves the catalogue; its bytes stay counted.
   std::string const unknown = "Get space stat error in MakeRoom, ";
   FaultTable::Try<MakingRoom>(
+      "done, catalogue cd, card cd, total 2000",
       {{"statvfs * (1): *", unknown + "catalogue abcd, card abcd, total 4000"},
        {"statvfs * (2): *", unknown + "catalogue cd, card cd, total 2000"},
        {"access */a.dat *", "done, catalogue d, card ad, total 2000"},
@@ -190,6 +192,7 @@ class RemovingByName : public Recordings {
 
 TEST(EveryCallFails, WhileARecordingIsRemovedByName) {
   FaultTable::Try<RemovingByName>(
+      "done, catalogue acd, card acd, total 3000",
       {{"access *", "failed, catalogue abcd, card abcd, total 4000"}, {"unlink *", kNoHarm}});
 }
 
@@ -226,6 +229,7 @@ class Copying {
 TEST(EveryCallFails, WhileAFileIsCopied) {
   std::string const line = "|Copy file /mnt/sdcard/from to /mnt/sdcard/to";
   FaultTable::Try<Copying>(
+      "done, all" + line,
       {{"[rw]* *: EINTR", kNoHarm},
        {"[rw]* *: short", kNoHarm},
        {"close *", kNoHarm},
@@ -258,11 +262,11 @@ class Clock {
 };
 
 TEST(EveryCallFails, WhileTheClockIsReadAndSet) {
-  FaultTable::Try<Clock>({{"open * (1): *", "not loaded, set"},
-                          {Request(RTC_RD_TIME), "not loaded, set"},
-                          {"open * (2): *", "loaded, not set"},
-                          {Request(RTC_SET_TIME), "loaded, not set"},
-                          {"clock_settime *", "loaded, not set"}});
+  FaultTable::Try<Clock>("loaded, set", {{"open * (1): *", "not loaded, set"},
+                                         {Request(RTC_RD_TIME), "not loaded, set"},
+                                         {"open * (2): *", "loaded, not set"},
+                                         {Request(RTC_SET_TIME), "loaded, not set"},
+                                         {"clock_settime *", "loaded, not set"}});
 }
 
 class Kicking {
@@ -297,6 +301,7 @@ TEST(EveryCallFails, WhileTheWatchdogIsArmedAndKicked) {
   std::string const kicked = "|[WTD] Watchdog have been reset";
   std::string const closed = "|[WTD] Watchdog could not be open";
   FaultTable::Try<Kicking>(
+      "kicked kicked " + armed + kicked + kicked,
       {{"close *", kNoHarm},
        {"write *.log *: EINTR", kNoHarm},
        {"write *.log *: short", kNoHarm},
@@ -347,13 +352,13 @@ class Logging {
 
 // A log that cannot be written is given up; one that cannot be set aside is emptied.
 TEST(EveryCallFails, WhileLinesAreLogged) {
-  FaultTable::Try<Logging>({{"close *", kNoHarm},
-                            {"write *: EINTR", kNoHarm},
-                            {"write *: short", kNoHarm},
-                            {"rename *", " then |three"},
-                            {"write * (2): *", " then .|one"},
-                            {"* (1): *", " then ."},
-                            {"*", ".|one|two then "}});
+  FaultTable::Try<Logging>(".|one|two then |three", {{"close *", kNoHarm},
+                                                     {"write *: EINTR", kNoHarm},
+                                                     {"write *: short", kNoHarm},
+                                                     {"rename *", " then |three"},
+                                                     {"write * (2): *", " then .|one"},
+                                                     {"* (1): *", " then ."},
+                                                     {"*", ".|one|two then "}});
 }
 
 }  // namespace

@@ -83,6 +83,7 @@ TEST(EveryCallFails, WhileAGoodCardIsStarted) {
   std::string const known = ", cid, size";
   std::string const served = "in service, state 0, check ";
   FaultTable::Try<GoodCard>(
+      served + "0, cid, size, writes",
       {{"read *: EINTR", kNoHarm},
        {"read *: short", kNoHarm},
        // The constructor.
@@ -141,7 +142,8 @@ class MissingCard {
 TEST(EveryCallFails, WhileAMissingCardIsStarted) {
   std::string const one = R"({"sdcard-status-conter":1})";
   std::string const two = R"({"sdcard-status-conter":2})";
-  FaultTable::Try<MissingCard>({{"[rw]* *: EINTR", kNoHarm},
+  FaultTable::Try<MissingCard>("rebooted, " + two,
+                               {{"[rw]* *: EINTR", kNoHarm},
                                 {"[rw]* *: short", kNoHarm},
                                 {"fopen * (1): *", "carried on, " + one},
                                 {"read *", "carried on, " + one},
@@ -175,7 +177,8 @@ class Counter {
 };
 
 TEST(EveryCallFails, WhileTheCounterIsKept) {
-  FaultTable::Try<Counter>({{"[rw]* *: EINTR", kNoHarm},
+  FaultTable::Try<Counter>("saved true, read 2, removed true",
+                           {{"[rw]* *: EINTR", kNoHarm},
                             {"[rw]* *: short", kNoHarm},
                             {"fopen * (1): *", "saved true, read 1, removed true"},
                             {"write *", "saved false, read 0, removed true"},

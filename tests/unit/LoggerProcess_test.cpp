@@ -65,7 +65,10 @@ Outcome InAChild(Work work) {
 
 class LoggerProcess : public testing::Test {
  protected:
-  void SetUp() override { Interpose::MakeFile(LogFile::kPath, ""); }
+  void SetUp() override {
+    Interpose::MakeFile(LogFile::kPath, "");
+    Interpose::hooks().now = 1614877509;  // each sink takes the time for itself
+  }
 };
 
 TEST_F(LoggerProcess, APipeHasAllLinesInTheOrderOfTheProgram) {
@@ -89,7 +92,6 @@ TEST_F(LoggerProcess, APipeHasAllLinesInTheOrderOfTheProgram) {
 }
 
 TEST_F(LoggerProcess, ACompletedLineSurvivesAKillRightAfterIt) {
-  Interpose::hooks().now = 1614877509;  // each sink takes the time for itself
   auto const [output, status] = InAChild([] {
     std::puts("before");
     LogLine(Info) << "the last line";

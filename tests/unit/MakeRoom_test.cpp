@@ -4,7 +4,6 @@
 
 #include <cerrno>
 #include <chrono>
-#include <cmath>
 #include <limits>
 #include <memory>
 #include <stdexcept>
