@@ -89,6 +89,8 @@ build_packages=(g++ cmake ninja-build)
 test_packages=(libgtest-dev libgmock-dev e2fsprogs util-linux mount fdisk gcovr libxml2-utils
   python3)
 
+fuzz_packages=(clang-14 libclang-rt-14-dev libgtest-dev libgmock-dev libxml2-utils)
+
 # Configures and builds a preset; prints the compiler's words only if it fails.
 build() {
   local preset=$1 log=build/$1.log start=$SECONDS
@@ -167,6 +169,14 @@ run_check() {
     printf '   failed; see %s\n' "$log"
   fi
   printf '   %s\n' "$(minutes $((SECONDS - start)))"
+}
+
+# Waits for a job in the background and shows its output; the exit status is the job's.
+finish() {
+  local status=0
+  wait "$1" || status=$?
+  cat "$2"
+  return "$status"
 }
 
 # The closing line, and the exit status.
