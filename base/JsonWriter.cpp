@@ -93,10 +93,8 @@ void Writer::AppendEscaped(char character) {
   auto const code = static_cast<unsigned char>(character);
   if (std::size_t const i = kSpecial.find(character); i != std::string_view::npos) {
     text += {'\\', kLetters[i]};
-  } else if (code < 0x20) {
+  } else {  // only control characters are left
     text += {'\\', 'u', '0', '0', kHexDigits[code >> 4], kHexDigits[code & 0xF]};
-  } else {
-    text += character;
   }
 }
 

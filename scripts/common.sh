@@ -89,6 +89,7 @@ build_packages=(g++ cmake ninja-build)
 test_packages=(libgtest-dev libgmock-dev e2fsprogs util-linux mount fdisk gcovr libxml2-utils
   python3)
 
+check_packages=(clang-14 clang-format-14 clang-tidy-14 cppcheck)
 fuzz_packages=(clang-14 libclang-rt-14-dev libgtest-dev libgmock-dev libxml2-utils)
 
 # Configures and builds a preset; prints the compiler's words only if it fails.
@@ -171,8 +172,25 @@ run_check() {
   printf '   %s\n' "$(minutes $((SECONDS - start)))"
 }
 
-# Waits for a job in the background and shows its output; the exit status is the job's.
-finish() {
+started=()  # names and processes of checks that are under way
+
+# Starts a check beside the steps that follow.
+start_check() {
+  local name=$1
+  shift
+  nice -n 15 "$@" >"build/${name%%[ ,]*}-beside.log" 2>&1 &
+  started+=("$name" $!)
+}
+
+# Waits for the checks that were started.
+finish_checks() {
+  local i
+  for ((i = 0; i < ${#started[@]}; i += 2)); do
+    run_check "${started[i]}" output_of "${started[i + 1]}" "build/${started[i]%%[ ,]*}-beside.log"
+  done
+}
+
+output_of() {
   local status=0
   wait "$1" || status=$?
   cat "$2"
