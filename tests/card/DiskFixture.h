@@ -14,6 +14,10 @@ namespace CardTests {
 class DiskTest : public CardTest {
  protected:
   static Quellon::DiskUtils::Disk MakeDisk() { return {mountPoint, partition, device}; }
+  Quellon::DiskUtils::Disk MakeDiskOfInsertedCard() {
+    card.Insert();
+    return MakeDisk();
+  }
   static Quellon::DiskUtils::Disk::DeviceStatus& Status() {
     return Quellon::DiskUtils::Disk::deviceStatusList[mountPoint];
   }

@@ -16,11 +16,12 @@ using testing::EndsWith;
 using testing::HasSubstr;
 using testing::StartsWith;
 
+constexpr char const* kLookAtTestFile = "debugfs -R 'cat check.tmp' /dev/mmcblk1p1 > /tmp/seen\n";
+
 }  // namespace
 
 TEST_F(DiskTest, ScanOfAGoodCardPassesAndLeavesNoTestFile) {
-  card.Insert();
-  Disk disk = MakeDisk();
+  Disk disk = MakeDiskOfInsertedCard();
   Capture::Descriptor output(1);
 
   EXPECT_EQ(ScanFailure(disk), "");
@@ -34,19 +35,17 @@ TEST_F(DiskTest, ScanOfAGoodCardPassesAndLeavesNoTestFile) {
 }
 
 TEST_F(DiskTest, TestFileIsThereDuringTheCheckWithItsSixCharacters) {
-  card.Insert();
-  Disk disk = MakeDisk();
-  CommandInFront const fsck("fsck", "debugfs -R 'cat check.tmp' /dev/mmcblk1p1 > /tmp/seen\n");
+  Disk disk = MakeDiskOfInsertedCard();
+  CommandInFront const fsck("fsck", kLookAtTestFile);
 
   EXPECT_EQ(ScanFailure(disk), "");
   EXPECT_EQ(TextOf("/tmp/seen"), "velmor");
 }
 
 TEST_F(DiskTest, LeftoverTestFileIsOverwrittenAndRemoved) {
-  card.Insert();
-  Disk disk = MakeDisk();
+  Disk disk = MakeDiskOfInsertedCard();
   std::ofstream("/mnt/sdcard/check.tmp") << "left behind by an earlier scan that was interrupted";
-  CommandInFront const fsck("fsck", "debugfs -R 'cat check.tmp' /dev/mmcblk1p1 > /tmp/seen\n");
+  CommandInFront const fsck("fsck", kLookAtTestFile);
 
   EXPECT_EQ(ScanFailure(disk), "");
   EXPECT_EQ(TextOf("/tmp/seen"), "velmor");
@@ -55,8 +54,7 @@ TEST_F(DiskTest, LeftoverTestFileIsOverwrittenAndRemoved) {
 
 TEST_F(DiskTest, DamagedFileSystemIsRepairedByTheScan) {
   card.DamageRepairably();
-  card.Insert();
-  Disk disk = MakeDisk();
+  Disk disk = MakeDiskOfInsertedCard();
   Capture::Descriptor output(1);
 
   EXPECT_EQ(ScanFailure(disk), "");
@@ -70,8 +68,7 @@ TEST_F(DiskTest, DamagedFileSystemIsRepairedByTheScan) {
 
 TEST_F(DiskTest, CardWhoseCheckFailsIsUsedAsLongAsItKeepsItsFiles) {
   card.DamageCheckOnly();
-  card.Insert();
-  Disk disk = MakeDisk();
+  Disk disk = MakeDiskOfInsertedCard();
   Capture::Descriptor errors(2);
   Capture::Descriptor output(1);
 
@@ -93,8 +90,7 @@ TEST_F(DiskTest, CardThatCannotBeRepairedIsNotFound) {
 }
 
 TEST_F(DiskTest, CardThatBreaksBeyondRepairDuringTheScanIsNotPresent) {
-  card.Insert();
-  Disk disk = MakeDisk();
+  Disk disk = MakeDiskOfInsertedCard();
   CommandInFront const fsck("fsck",
                             "debugfs -w -R 'feature FEATURE_I29' /dev/mmcblk1p1 >/dev/null 2>&1\n"
                             "/sbin/fsck \"$@\"\n");
@@ -109,8 +105,7 @@ TEST_F(DiskTest, CardThatBreaksBeyondRepairDuringTheScanIsNotPresent) {
 }
 
 TEST_F(DiskTest, CardPulledDuringTheCheckIsNotPresent) {
-  card.Insert();
-  Disk disk = MakeDisk();
+  Disk disk = MakeDiskOfInsertedCard();
   CommandInFront const fsck("fsck", "rm /dev/mmcblk1 /dev/mmcblk1p1; exit 8\n");
   Capture::Descriptor errors(2);
   Capture::Descriptor output(1);
@@ -123,8 +118,7 @@ TEST_F(DiskTest, CardPulledDuringTheCheckIsNotPresent) {
 
 TEST_F(DiskTest, CardThatLosesTheTestFileIsRefusedForGood) {
   LossyCheck const lossy(card);
-  card.Insert();
-  Disk disk = MakeDisk();
+  Disk disk = MakeDiskOfInsertedCard();
   Capture::Descriptor output(1);
 
   EXPECT_EQ(ScanFailure(disk), "disk malfunction");
@@ -139,8 +133,7 @@ TEST_F(DiskTest, CardThatLosesTheTestFileIsRefusedForGood) {
 }
 
 TEST_F(DiskTest, CardThatMountsReadOnlyMissesTheTestFileAndIsRefused) {
-  card.Insert();
-  Disk disk = MakeDisk();
+  Disk disk = MakeDiskOfInsertedCard();
   ASSERT_EQ(mount(nullptr, mountPoint, nullptr, MS_REMOUNT | MS_RDONLY, nullptr), 0);
   Capture::Descriptor output(1);
 
@@ -149,8 +142,7 @@ TEST_F(DiskTest, CardThatMountsReadOnlyMissesTheTestFileAndIsRefused) {
 }
 
 TEST_F(DiskTest, CardThatTurnsReadOnlyDuringTheScanIsNotAvailable) {
-  card.Insert();
-  Disk disk = MakeDisk();
+  Disk disk = MakeDiskOfInsertedCard();
   card.ReportReadOnly(true);
   Capture::Descriptor output(1);
 
@@ -161,8 +153,7 @@ TEST_F(DiskTest, CardThatTurnsReadOnlyDuringTheScanIsNotAvailable) {
 }
 
 TEST_F(DiskTest, ScanPassesWithoutALifetimeCounter) {
-  card.Insert();
-  Disk disk = MakeDisk();
+  Disk disk = MakeDiskOfInsertedCard();
   fs::remove("/sys/fs/ext4/mmcblk1p1");
   Capture::Descriptor output(1);
 

@@ -60,8 +60,7 @@ TEST_F(DiskTest, ConstructionMountsAndMeasuresTheCardAndSaysSo) {
 }
 
 TEST_F(DiskTest, SpaceFiguresAreThoseOfTheFileSystemWithTheSuperusersShare) {
-  card.Insert();
-  Disk disk = MakeDisk();
+  Disk disk = MakeDiskOfInsertedCard();
   WriteRecording("/mnt/sdcard/a", 3'000'000, 1000);
   disk.LoadDiskInfo();
   struct statvfs space {};
@@ -76,8 +75,7 @@ TEST_F(DiskTest, SpaceFiguresAreThoseOfTheFileSystemWithTheSuperusersShare) {
 }
 
 TEST_F(DiskTest, IdentityComesFromSysfsAndIsPrinted) {
-  card.Insert();
-  Disk disk = MakeDisk();
+  Disk disk = MakeDiskOfInsertedCard();
   Capture::Descriptor output(1);
   disk.PrintInfo();
 
@@ -159,8 +157,7 @@ TEST_F(DiskTest, WriteProtectedCardThatIsAlreadyMountedIsMeasuredButNotAvailable
 }
 
 TEST_F(DiskTest, MountAndUmountDoWhatTheySay) {
-  card.Insert();
-  Disk disk = MakeDisk();
+  Disk disk = MakeDiskOfInsertedCard();
 
   EXPECT_TRUE(disk.CheckDiskPresence());
   EXPECT_TRUE(disk.Umount());
@@ -172,8 +169,7 @@ TEST_F(DiskTest, MountAndUmountDoWhatTheySay) {
 }
 
 TEST_F(DiskTest, DeviceStatusMountsACardThatWasUnmounted) {
-  card.Insert();
-  Disk disk = MakeDisk();
+  Disk disk = MakeDiskOfInsertedCard();
   ASSERT_TRUE(disk.Umount());
 
   EXPECT_TRUE(disk.CheckDeviceStatus());
@@ -181,8 +177,7 @@ TEST_F(DiskTest, DeviceStatusMountsACardThatWasUnmounted) {
 }
 
 TEST_F(DiskTest, UmountOfABusyCardComplainsAndPausesNineTimes) {
-  card.Insert();
-  Disk disk = MakeDisk();
+  Disk disk = MakeDiskOfInsertedCard();
   Tarvik::UniqueFd const busy = KeepBusy();
   ForgetMachineCalls();
   Capture::Descriptor errors(2);
@@ -196,8 +191,7 @@ TEST_F(DiskTest, UmountOfABusyCardComplainsAndPausesNineTimes) {
 }
 
 TEST_F(DiskTest, UnmountCommandOnABusyCardIsTriedFourTimesASecondApart) {
-  card.Insert();
-  Disk disk = MakeDisk();
+  Disk disk = MakeDiskOfInsertedCard();
   Tarvik::UniqueFd const busy = KeepBusy();
   ForgetMachineCalls();
   Capture::Descriptor errors(2);
@@ -210,8 +204,7 @@ TEST_F(DiskTest, UnmountCommandOnABusyCardIsTriedFourTimesASecondApart) {
 }
 
 TEST_F(DiskTest, MountCommandWithoutAPartitionIsTriedFourTimesASecondApart) {
-  card.Insert();
-  Disk disk = MakeDisk();
+  Disk disk = MakeDiskOfInsertedCard();
   ASSERT_TRUE(disk.Umount());
   fs::remove(partition);
   ForgetMachineCalls();
@@ -224,8 +217,7 @@ TEST_F(DiskTest, MountCommandWithoutAPartitionIsTriedFourTimesASecondApart) {
 }
 
 TEST_F(DiskTest, UnmountAndMountCommandsSucceedWithoutAPause) {
-  card.Insert();
-  Disk disk = MakeDisk();
+  Disk disk = MakeDiskOfInsertedCard();
   ForgetMachineCalls();
   Capture::Descriptor output(1);
 
@@ -239,8 +231,7 @@ TEST_F(DiskTest, UnmountAndMountCommandsSucceedWithoutAPause) {
 }
 
 TEST_F(DiskTest, CheckOfAMountedFileSystemFailsAndTheMountCommandToo) {
-  card.Insert();
-  Disk disk = MakeDisk();
+  Disk disk = MakeDiskOfInsertedCard();
   Tarvik::UniqueFd const busy = KeepBusy();
   Capture::Descriptor errors(2);
   Capture::Descriptor output(1);
@@ -252,8 +243,7 @@ TEST_F(DiskTest, CheckOfAMountedFileSystemFailsAndTheMountCommandToo) {
 }
 
 TEST_F(DiskTest, CheckThatWantsARebootSaysSoWaitsAndMountsAllTheSame) {
-  card.Insert();
-  Disk disk = MakeDisk();
+  Disk disk = MakeDiskOfInsertedCard();
   CommandInFront const fsck("fsck", "exit 2\n");
   ForgetMachineCalls();
   Capture::Descriptor output(1);
@@ -269,8 +259,7 @@ TEST_F(DiskTest, CheckThatWantsARebootSaysSoWaitsAndMountsAllTheSame) {
 }
 
 TEST_F(DiskTest, FormatMakesALabelledFileSystemWithoutAJournal) {
-  card.Insert();
-  Disk disk = MakeDisk();
+  Disk disk = MakeDiskOfInsertedCard();
   WriteRecording("/mnt/sdcard/cr/a.dat", 1000, 1000);
   Capture::Descriptor errors(2);
   Capture::Descriptor output(1);
@@ -289,8 +278,7 @@ TEST_F(DiskTest, FormatMakesALabelledFileSystemWithoutAJournal) {
 }
 
 TEST_F(DiskTest, FormatWithTheBadBlockScanAsksForIt) {
-  card.Insert();
-  Disk disk = MakeDisk();
+  Disk disk = MakeDiskOfInsertedCard();
   Capture::Descriptor errors(2);
   Capture::Descriptor output(1);
 
@@ -304,8 +292,7 @@ TEST_F(DiskTest, FormatWithTheBadBlockScanAsksForIt) {
 // Kernels since 4.4 refuse data=writeback, which every mount of the card asks for, where there is
 // no journal.
 TEST_F(DiskTest, FormattedCardIsNotMountedByAKernelThatWantsAJournalForWriteback) {
-  card.Insert();
-  Disk disk = MakeDisk();
+  Disk disk = MakeDiskOfInsertedCard();
   Capture::Descriptor errors(2);
   Capture::Descriptor output(1);
   ASSERT_TRUE(disk.Fromat(false));
@@ -317,8 +304,7 @@ TEST_F(DiskTest, FormattedCardIsNotMountedByAKernelThatWantsAJournalForWriteback
 
 TEST_F(DiskTest, FormatOfACardThatIsNotAvailableLeavesItAlone) {
   card.SetWriteProtected(true);
-  card.Insert();
-  Disk disk = MakeDisk();
+  Disk disk = MakeDiskOfInsertedCard();
   Capture::Descriptor output(1);
 
   EXPECT_FALSE(disk.Fromat(false));
@@ -327,8 +313,7 @@ TEST_F(DiskTest, FormatOfACardThatIsNotAvailableLeavesItAlone) {
 }
 
 TEST_F(DiskTest, FormatIsTakenForDoneWhateverTheCommandSays) {
-  card.Insert();
-  Disk disk = MakeDisk();
+  Disk disk = MakeDiskOfInsertedCard();
   CommandInFront const mkfs("mkfs.ext4", "exit 1\n");
   Capture::Descriptor output(1);
 
