@@ -1,8 +1,7 @@
 // Where the logger's file sink writes.
 #pragma once
 
-#include <sys/types.h>
-
+#include <cstddef>
 #include <string_view>
 
 #include "base/Export.h"
@@ -10,26 +9,41 @@
 
 namespace Tarvik::Ilog {
 
-/// Appends lines to "/var/log/quellon.log". Before a line would take the file to 1 MiB the file
-/// is renamed to "quellon.log.1", replacing the older one, and a new one begun. The file is opened
-/// by the first line, never through a symbolic link, and readable by all (mode 0644).
-/// Not locked: the sink calls it with its line lock held.
+/// Appends lines to "/var/log/quellon.log", which stays below 1 MiB: before that the file is
+/// renamed to "quellon.log.1", replacing the older one, and a new one begun. The file is opened by
+/// the first line, never through a symbolic link, and readable by all (mode 0644).
+///
+/// Other processes may log into the same file, and anybody may rename or delete it: within a second
+/// or two lines are in the file at the path again. Lines of all processes stay whole, and the limit
+/// is kept, for up to 15 processes at a time. Not locked against threads: the sink calls it with
+/// its line lock held. Kernel interface: O_APPEND, and flock(2) on "/var/log" around a look at the
+/// file's place and size and the line that follows it.
 class QUELLON_EXPORT FileLogPolicy {
  public:
-  /// Hands one completed line to the kernel. False when the file could not be opened or written;
-  /// it is closed then, and the next call opens it anew.
+  /// The longest line in bytes that the file takes; the sink cuts longer ones.
+  static constexpr std::size_t kLongestLine = 960 * 1024;
+
+  /// Hands one completed line, of `kLongestLine` bytes at most, to the kernel. False when the file
+  /// could not be opened or written; it is closed then, nothing of the line is left in it, and the
+  /// next call opens it anew.
   bool Write(std::string_view line) noexcept;
 
   /// Lets go of the file, so that its file system can be unmounted; the next line opens it again.
   void Close() noexcept;
 
  private:
+  [[nodiscard]] bool NeedsLook(std::size_t length) const noexcept;
+  bool Look(std::size_t length, bool hasTurn) noexcept;
+  [[nodiscard]] bool IsInPlace() const noexcept;
   bool Open(int flags) noexcept;
+  bool EndFragment() noexcept;
+  bool MakeWay(std::size_t length, std::size_t limit) noexcept;
   bool Append(std::string_view line) noexcept;
-  bool MakeWay(std::size_t length) noexcept;
+  void TakeBack(std::size_t fragment) noexcept;
 
   UniqueFd file;
-  off_t size = 0;
+  std::size_t unwatched = 0;  // bytes written since the last look
+  long lookedAt = -1;         // second of the last look
 };
 
 }  // namespace Tarvik::Ilog

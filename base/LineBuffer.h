@@ -24,8 +24,19 @@ class LineBuffer : public std::streambuf {
     return true;
   }
 
-  /// Empties the text but keeps its memory for the next line.
-  void Clear() noexcept { length = 0; }
+  /// Shortens a text beyond `limit` bytes to that many, of which `ending` is the last.
+  void Cut(std::size_t limit, std::string_view ending) noexcept {
+    if (length <= limit) return;
+    length = limit;
+    ending.copy(memory.data() + (limit - ending.size()), ending.size());
+  }
+
+  /// Empties the text, but keeps the memory that a usual line needs for the next one.
+  void Clear() noexcept {
+    constexpr std::size_t kUsual = 65536;
+    length = 0;
+    if (memory.size() > kUsual) std::string().swap(memory);
+  }
 
  protected:
   /// Appends what the stream writes: all, or nothing.

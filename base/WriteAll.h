@@ -10,15 +10,16 @@
 namespace Tarvik {
 
 /// Writes the whole text with write(2), which may take parts of it or be interrupted by a signal.
-/// False when it cannot; part of the text may have been written then.
-inline bool WriteAll(int fd, std::string_view text) noexcept {
-  while (!text.empty()) {
-    ssize_t const written = write(fd, text.data(), text.size());
+/// Returns how many bytes were written: fewer than the text has when the kernel took no more.
+inline std::size_t WriteAll(int fd, std::string_view text) noexcept {
+  std::size_t done = 0;
+  while (done < text.size()) {
+    ssize_t const written = write(fd, text.data() + done, text.size() - done);
     if (written < 0 && errno == EINTR) continue;
-    if (written <= 0) return false;
-    text.remove_prefix(static_cast<std::size_t>(written));
+    if (written <= 0) break;
+    done += static_cast<std::size_t>(written);
   }
-  return true;
+  return done;
 }
 
 }  // namespace Tarvik

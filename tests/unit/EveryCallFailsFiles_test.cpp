@@ -317,16 +317,18 @@ TEST(EveryCallFails, WhileTheWatchdogIsArmedAndKicked) {
        {"* *.log *", "kicked kicked "}});
 }
 
-/// Three lines, the second of which fills the file to its limit.
+/// Three lines, a second apart, the second of which fills the file to where another is begun.
 class Logging {
  public:
   Logging() {
     BeginLog();
-    Interpose::MakeFile(LogFile::kPath, std::string((1 << 20) - 60, 'x') + "\n");
+    Interpose::MakeFile(LogFile::kPath, std::string(kLongestLine - 60, 'x') + "\n");
   }
 
   void Run() {
+    long second = 0;
     for (char const* text : {"one", "two", "three"}) {
+      Interpose::hooks().now = ++second;
       Tarvik::Ilog::LogLine(Tarvik::Ilog::Info) << text;
     }
     EndLog();
@@ -337,9 +339,11 @@ class Logging {
   }
 
  private:
+  static constexpr std::size_t kLongestLine = Tarvik::Ilog::FileLogPolicy::kLongestLine;
+
   // The text of each line; what filled the file is a dot.
   static std::string Summary(std::string const& path) {
-    constexpr std::streamoff kEnd = 100;
+    constexpr std::streamoff kEnd = 120;
     std::ifstream file(Interpose::Real(path), std::ios::ate);
     file.seekg(-std::min<std::streamoff>(kEnd, file.tellg()), std::ios::end);
     std::string summary;
@@ -350,15 +354,26 @@ class Logging {
   }
 };
 
-// A log that cannot be written is given up; one that cannot be set aside is emptied.
+// A log that cannot be written is given up; one that cannot be set aside is emptied. Whoever does
+// not get its turn goes on up to the limit; whoever cannot tell where the file is opens it again.
 TEST(EveryCallFails, WhileLinesAreLogged) {
-  FaultTable::Try<Logging>(".|one|two then |three", {{"close *", kNoHarm},
-                                                     {"write *: EINTR", kNoHarm},
-                                                     {"write *: short", kNoHarm},
-                                                     {"rename *", " then |three"},
-                                                     {"write * (2): *", " then .|one"},
-                                                     {"* (1): *", " then ."},
-                                                     {"*", ".|one|two then "}});
+  FaultTable::Try<Logging>(".|one|two then |three",
+                           {{"close *", kNoHarm},
+                            {"write *: EINTR", kNoHarm},
+                            {"write *: short", kNoHarm},
+                            {"read *: short", kNoHarm},
+                            {"lstat *", kNoHarm},
+                            {"fstat * (6): *", " then .|one|two"},
+                            {"fstat * (3): *", kNoHarm},
+                            {"fstat * (5): *", kNoHarm},
+                            {"fstat * (2): *", " then ."},
+                            {"fstat * (4): *", " then .|one"},
+                            {"open /var/log/ (3): *", " then .|one|two|three"},
+                            {"open /var/log/ *", kNoHarm},
+                            {"rename *", " then |three"},
+                            {"write * (2): *", " then .|one"},
+                            {"* (1): *", " then ."},
+                            {"*", ".|one|two then "}});
 }
 
 }  // namespace

@@ -2,16 +2,26 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/file.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <filesystem>
+#include <fstream>
+#include <map>
+#include <regex>
+#include <sstream>
 #include <string>
+#include <vector>
 
 #include "base/FileLogPolicy.h"
 #include "base/Logger.h"
+#include "base/UniqueFd.h"
 #include "tests/support/Capture.h"
+#include "tests/support/ChildProcess.h"
 #include "tests/support/Descriptors.h"
 #include "tests/support/Interpose.h"
 #include "tests/support/LogFile.h"
@@ -20,6 +30,11 @@
 namespace {
 
 bool fstatFails = false;
+
+ssize_t RealWrite(int fd, void const* data, std::size_t length) {
+  static auto* const next = TheReal<ssize_t(int, void const*, std::size_t)>("write");
+  return next(fd, data, length);
+}
 
 }  // namespace
 
@@ -40,7 +55,16 @@ using Tarvik::Ilog::Info;
 using Tarvik::Ilog::LoggerBase;
 using testing::EndsWith;
 
-constexpr std::size_t kMiB = std::size_t{1} << 20;
+constexpr std::size_t kLimit = std::size_t{1} << 20;
+constexpr std::size_t kMark = 960 * 1024;  // where one process alone begins a new file
+
+/// Whole lines, together of that many bytes.
+std::string Lines(std::size_t size) {
+  std::string text(size, 'a');
+  for (std::size_t end = size; end > 0; end -= std::min<std::size_t>(end, 100))
+    text[end - 1] = '\n';
+  return text;
+}
 
 class FileLog : public testing::Test {
  protected:
@@ -119,26 +143,26 @@ TEST_F(FileLog, ClosesItsFileInTheEnd) {
   EXPECT_THAT(watch.Opened(), testing::IsEmpty());
 }
 
-TEST_F(FileLog, FillsItsFileToOneByteBelowTheLimit) {
-  Interpose::MakeFile(kPath, std::string(kMiB - 10, 'a'));
+TEST_F(FileLog, FillsItsFileToOneByteBelowTheMark) {
+  Interpose::MakeFile(kPath, Lines(kMark - 10));
   EXPECT_TRUE(policy.Write("12345678\n"));
-  EXPECT_EQ(LogFile::Text().size(), kMiB - 1);
+  EXPECT_EQ(LogFile::Text().size(), kMark - 1);
   EXPECT_FALSE(Exists(kOlderPath));
 }
 
-TEST_F(FileLog, BeginsANewFileBeforeTheLimitIsReached) {
-  std::string const full(kMiB - 10, 'a');
+TEST_F(FileLog, BeginsANewFileBeforeTheMarkIsReached) {
+  std::string const full = Lines(kMark - 10);
   Interpose::MakeFile(kPath, full);
   EXPECT_TRUE(policy.Write("123456789\n"));
   EXPECT_EQ(LogFile::Text(), "123456789\n");
-  EXPECT_EQ(Older(), full);
+  EXPECT_TRUE(Older() == full);
 }
 
 TEST_F(FileLog, KeepsOneOlderFileOnly) {
   Interpose::MakeFile(kOlderPath, "oldest");
-  Interpose::MakeFile(kPath, std::string(kMiB, 'a'));
+  Interpose::MakeFile(kPath, Lines(kLimit));
   EXPECT_TRUE(policy.Write("new\n"));
-  EXPECT_EQ(Older(), std::string(kMiB, 'a'));
+  EXPECT_TRUE(Older() == Lines(kLimit));
   EXPECT_EQ(LogFile::Text(), "new\n");
   auto const folder = Interpose::Real(kPath).parent_path();
   EXPECT_EQ(std::distance(fs::directory_iterator(folder), fs::directory_iterator()), 2);
@@ -151,23 +175,35 @@ TEST_F(FileLog, StaysBelowTheLimitForeverAndLosesOnlyTheOldestLines) {
     ASSERT_TRUE(policy.Write(line));
     all += line;
   }
-  EXPECT_LT(LogFile::Text().size(), kMiB);
-  EXPECT_LT(Older().size(), kMiB);
-  EXPECT_GT(Older().size(), kMiB - 200);
-  EXPECT_THAT(all, EndsWith("\n" + Older() + LogFile::Text()));
+  EXPECT_LT(LogFile::Text().size(), kLimit);
+  EXPECT_LT(Older().size(), kLimit);
+  EXPECT_GT(Older().size(), kMark - 200);
+  EXPECT_TRUE(all.ends_with("\n" + Older() + LogFile::Text()));
 }
 
-TEST_F(FileLog, TakesALineLongerThanTheLimitWhole) {
-  std::string const line(kMiB + 5, 'x');
-  EXPECT_TRUE(policy.Write(line));
-  EXPECT_EQ(LogFile::Text(), line);
-  EXPECT_TRUE(policy.Write("next\n"));
-  EXPECT_EQ(Older(), line);
-  EXPECT_EQ(LogFile::Text(), "next\n");
+TEST_F(FileLog, TakesALongLineWholeAndCutsOneThatNoFileCouldHold) {
+  LoggerBase<FileLogPolicy> sink;
+  constexpr std::size_t kRoom = kMark - 22;  // a header of 21 bytes, a newline
+  for (std::size_t const length : {kRoom, kRoom + 1, 3 * kLimit}) {
+    Log(sink, std::string(length, 'x').c_str());
+    EXPECT_EQ(LogFile::Text().size(), kMark);
+    EXPECT_LE(Older().size(), kMark);
+    std::string const end = length == kRoom ? "]" + std::string(kRoom, 'x') + "\n" : "xxx [cut]\n";
+    EXPECT_TRUE(LogFile::Text().ends_with(end)) << length;
+  }
+  Log(sink, "next");
+  EXPECT_THAT(LogFile::Text(), testing::MatchesRegex("\\[[^]]*\\]next\n"));
+}
+
+TEST_F(FileLog, LeavesALongLineWholeOnTheConsole) {
+  LogFile::BeginAnew();
+  std::string const text(kLimit, 'x');
+  EXPECT_TRUE(
+      Capture::Output([&] { Tarvik::Ilog::LogLine(Info) << text; }).ends_with("]" + text + "\n"));
 }
 
 TEST_F(FileLog, IsEmptiedWhereItCannotBeRenamed) {
-  Interpose::MakeFile(kPath, std::string(kMiB, 'a'));
+  Interpose::MakeFile(kPath, Lines(kLimit));
   Interpose::hooks().rename = [](auto const&, auto const&) {
     return Interpose::Answer::Failure(EACCES);
   };
@@ -177,12 +213,14 @@ TEST_F(FileLog, IsEmptiedWhereItCannotBeRenamed) {
 }
 
 TEST_F(FileLog, FailsWhereTheNewFileCannotBeMade) {
-  EXPECT_TRUE(policy.Write(std::string(kMiB - 1, 'a')));
-  Interpose::hooks().fault = [](std::string const& function) {
-    return function == "open" ? std::optional(EROFS) : std::nullopt;
+  EXPECT_TRUE(policy.Write("first\n"));
+  std::ofstream(Interpose::Real(kPath), std::ios::app) << Lines(kMark);
+  Interpose::hooks().now = 1;
+  Interpose::hooks().faultAt = [](std::string const& function, std::string const& path) {
+    return function == "open" && path == kPath ? std::optional(EROFS) : std::nullopt;
   };
   EXPECT_FALSE(policy.Write("lost\n"));
-  Interpose::hooks().fault = nullptr;
+  Interpose::hooks().faultAt = nullptr;
   EXPECT_TRUE(policy.Write("back\n"));
   EXPECT_EQ(LogFile::Text(), "back\n");
 }
@@ -229,6 +267,180 @@ TEST_F(FileLog, IsNotTrustedWhenItsSizeCannotBeRead) {
   fstatFails = false;
   EXPECT_TRUE(policy.Write("back\n"));
   EXPECT_EQ(LogFile::Text(), "back\n");
+}
+
+TEST_F(FileLog, ALineThatDoesNotFitOnTheDiskLeavesNoFragment) {
+  EXPECT_TRUE(policy.Write("whole\n"));
+  int calls = 0;
+  OnWrite([&](int fd, char const* data, std::size_t) -> std::optional<ssize_t> {
+    if (++calls == 1) return RealWrite(fd, data, 5);
+    errno = ENOSPC;
+    return -1;
+  });
+  EXPECT_FALSE(policy.Write("does not fit\n"));
+  EXPECT_EQ(LogFile::Text(), "whole\n");
+  Interpose::hooks().write = nullptr;
+  EXPECT_TRUE(policy.Write("back\n"));
+  EXPECT_EQ(LogFile::Text(), "whole\nback\n");
+}
+
+TEST_F(FileLog, AFragmentWithAnotherLineBehindItStaysAndTheNextLineBeginsAnew) {
+  EXPECT_TRUE(policy.Write("whole\n"));
+  int calls = 0;
+  OnWrite([&](int fd, char const* data, std::size_t) -> std::optional<ssize_t> {
+    if (++calls == 1) {
+      RealWrite(fd, data, 5);
+      Tarvik::UniqueFd const other(open(kPath, O_WRONLY | O_APPEND | O_CLOEXEC));
+      RealWrite(other.Get(), "another process\n", 16);
+      return 5;
+    }
+    errno = ENOSPC;
+    return -1;
+  });
+  EXPECT_FALSE(policy.Write("does not fit\n"));
+  Interpose::hooks().write = nullptr;
+  EXPECT_TRUE(policy.Write("back\n"));
+  EXPECT_EQ(LogFile::Text(), "whole\ndoes another process\nback\n");
+}
+
+TEST_F(FileLog, WhatAPowerCutLeftOfALineIsEndedBeforeTheNext) {
+  Interpose::MakeFile(kPath, "whole\nfragm");
+  EXPECT_TRUE(policy.Write("next\n"));
+  EXPECT_EQ(LogFile::Text(), "whole\nfragm\nnext\n");
+}
+
+TEST_F(FileLog, DeletedByOthersItIsThereAgainASecondLater) {
+  Interpose::hooks().now = 100;
+  EXPECT_TRUE(policy.Write("lost\n"));
+  fs::remove(Interpose::Real(kPath));
+  Interpose::hooks().now = 101;
+  EXPECT_TRUE(policy.Write("there\n"));
+  EXPECT_EQ(LogFile::Text(), "there\n");
+}
+
+TEST_F(FileLog, RenamedByOthersItGoesOnUnderItsOwnNameASecondLater) {
+  Interpose::hooks().now = 100;
+  EXPECT_TRUE(policy.Write("before\n"));
+  fs::rename(Interpose::Real(kPath), Interpose::Real("/var/log/kept"));
+  Interpose::hooks().now = 99;  // a clock that was set back tells the time as well
+  EXPECT_TRUE(policy.Write("after\n"));
+  EXPECT_EQ(LogFile::Text(), "after\n");
+  EXPECT_EQ(Interpose::ReadFile("/var/log/kept"), "before\n");
+}
+
+TEST_F(FileLog, ReplacedByOthersItIsTheirFileASecondLater) {
+  Interpose::hooks().now = 100;
+  EXPECT_TRUE(policy.Write("before\n"));
+  Interpose::MakeFile("/var/log/new", "theirs\n");
+  fs::rename(Interpose::Real("/var/log/new"), Interpose::Real(kPath));
+  Interpose::hooks().now = 101;
+  EXPECT_TRUE(policy.Write("after\n"));
+  EXPECT_EQ(LogFile::Text(), "theirs\nafter\n");
+}
+
+TEST_F(FileLog, IsNotAskedForItsPlaceWithEveryLine) {
+  Interpose::hooks().now = 100;
+  EXPECT_TRUE(policy.Write("first\n"));
+  int looks = 0;
+  Interpose::hooks().lstat = [&](auto const&, struct stat*) {
+    ++looks;
+    return Interpose::Answer::Failure(ENOENT);
+  };
+  for (int i = 0; i < 40; ++i) EXPECT_TRUE(policy.Write(std::string(99, 'x') + "\n"));
+  EXPECT_EQ(looks, 0);
+  EXPECT_TRUE(policy.Write(std::string(99, 'x') + "\n"));
+  EXPECT_EQ(looks, 1);
+}
+
+/// Writes numbered lines as a process of its own does, and ends.
+pid_t StartWriter(int writer, int lines, std::size_t longest = 150, std::size_t step = 1) {
+  pid_t const child = fork();
+  if (child != 0) return child;
+  Interpose::hooks().now.reset();
+  FileLogPolicy own;
+  bool written = true;
+  for (int i = 0; i < lines; ++i) {
+    written = own.Write(std::to_string(writer) + " " + std::to_string(i) + " " +
+                        std::string(static_cast<std::size_t>(i) * step % longest, 'x') + ".\n") &&
+              written;
+  }
+  _exit(written ? 0 : 1);
+}
+
+void ExpectEnds(pid_t child) {
+  int status = -1;
+  EXPECT_EQ(waitpid(child, &status, 0), child);
+  EXPECT_EQ(status, 0);
+}
+
+TEST_F(FileLog, TwoProcessesRotateItTogetherAndLoseNoLine) {
+  constexpr int kLines = 9'000;  // together they fill the file once, but not twice
+  pid_t const one = StartWriter(1, kLines);
+  pid_t const two = StartWriter(2, kLines);
+  ExpectEnds(one);
+  ExpectEnds(two);
+  EXPECT_LT(LogFile::Text().size(), kLimit);
+  EXPECT_LT(Older().size(), kLimit);
+  EXPECT_GT(Older().size(), kMark - 200);
+  std::map<int, int> next;
+  for (auto const& line : LogFile::SplitLines(Older() + LogFile::Text())) {
+    std::istringstream words(line);
+    int writer = 0;
+    int number = -1;
+    std::string rest;
+    words >> writer >> number >> rest;
+    EXPECT_EQ(number, next[writer]++) << line;
+    EXPECT_EQ(rest, std::string(static_cast<std::size_t>(number % 150), 'x') + ".");
+  }
+  EXPECT_EQ(next, (std::map<int, int>{{1, kLines}, {2, kLines}}));
+}
+
+TEST_F(FileLog, ManyProcessesKeepItsLimitAndItsLinesWhole) {
+  std::vector<pid_t> writers;
+  for (int writer = 0; writer < 8; ++writer) writers.push_back(StartWriter(writer, 9'000));
+  for (pid_t const writer : writers) ExpectEnds(writer);
+  EXPECT_LT(LogFile::Text().size(), kLimit);
+  EXPECT_LT(Older().size(), kLimit);
+  std::regex const whole(R"(\d \d+ x*\.)");
+  for (auto const& line : LogFile::SplitLines(Older() + LogFile::Text())) {
+    EXPECT_TRUE(std::regex_match(line, whole)) << line;
+  }
+}
+
+TEST_F(FileLog, ProcessesWithLongLinesKeepItsLimitToo) {
+  std::vector<pid_t> writers;
+  for (int writer = 0; writer < 2; ++writer)
+    writers.push_back(StartWriter(writer, 200, 300'000, 7'919));
+  for (pid_t const writer : writers) ExpectEnds(writer);
+  EXPECT_LT(LogFile::Text().size(), kLimit);
+  EXPECT_LT(Older().size(), kLimit);
+}
+
+TEST_F(FileLog, AProcessThatKeepsTheTurnForItselfStopsNobodyAndTheLimitHolds) {
+  EXPECT_TRUE(policy.Write("first\n"));
+  Tarvik::UniqueFd const folder(open("/var/log/", O_RDONLY | O_CLOEXEC));
+  ASSERT_EQ(flock(folder.Get(), LOCK_EX), 0);
+  std::string const line(999, 'x');
+  for (int i = 0; i < 2'000; ++i) {
+    ASSERT_TRUE(policy.Write(line + "\n"));
+    ASSERT_LT(fs::file_size(Interpose::Real(kPath)), kLimit);
+  }
+  EXPECT_LT(Older().size(), kLimit);
+  EXPECT_GT(Older().size(), kLimit - 2'000);
+}
+
+TEST_F(FileLog, IsNeverAStandardStream) {
+  ChildProcess::Run([this] {
+    Interpose::MakeFile(kPath, "");
+    for (int fd : {0, 1, 2}) close(fd);
+    Descriptors::Watch const watch;
+    bool const written = policy.Write("line\n");
+    auto const opened = watch.Opened();
+    std::printf("printed\n");
+    std::fflush(stdout);
+    if (!written || opened.size() != 1 || opened[0] < 3 || LogFile::Text() != "line\n") _exit(3);
+    EXPECT_TRUE(Descriptors::ClosesOnExec(opened[0]));
+  });
 }
 
 TEST_F(FileLog, IsNeverWrittenThroughASymbolicLink) {

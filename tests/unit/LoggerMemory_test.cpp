@@ -49,6 +49,29 @@ TEST_F(LoggerMemory, ALineWithoutMemoryForItsEndIsLostAndItsSinkIsFree) {
   EXPECT_GT(lost, 0);
 }
 
+TEST_F(LoggerMemory, TheMemoryOfAUsualLineIsKeptAndThatOfALongOneGivenBack) {
+  LoggerBase<FileLogPolicy> sink;
+  auto const needsMemory = [&sink](std::size_t length) {
+    std::string const text(length, 'x');
+    FailingAllocation const failing(1);
+    sink.WriteHeader(Info);
+    sink << text;
+    FailingAllocation::Stop();
+    sink.EndLine();
+    return FailingAllocation::Happened();
+  };
+  auto const log = [&sink](std::size_t length) {
+    sink.WriteHeader(Info);
+    sink << std::string(length, 'x');
+    sink.EndLine();
+  };
+  Interpose::hooks().now = 1;
+  log(10'000);
+  EXPECT_FALSE(needsMemory(9'000));
+  log(200'000);
+  EXPECT_TRUE(needsMemory(9'000));
+}
+
 TEST_F(LoggerMemory, AnAllocationThatFailsAnywhereKeepsNoLockAndHarmsNoLaterLine) {
   int failures = 0;
   for (int number = 1; number < kMoreThanALineNeeds; ++number) {
