@@ -1,10 +1,13 @@
 #include "base/Logger.h"
 
+#include <pthread.h>
+
 #include <array>
 #include <charconv>
 #include <ctime>
 #include <limits>
 #include <locale>
+#include <memory>
 #include <string_view>
 #include <system_error>
 
@@ -36,7 +39,10 @@ LoggerBase<Policy>::LoggerBase() {
 
 template <typename Policy>
 void LoggerBase<Policy>::WriteHeader(LogType type) {
-  if (!enabled) return;
+  if (!enabled) {
+    Abandon();
+    return;
+  }
   RequireNoLine();
   BeginLine(type);
 }
@@ -56,6 +62,15 @@ void LoggerBase<Policy>::BeginLine(LogType type) {
 template <typename Policy>
 bool LoggerBase<Policy>::HoldsLine() const noexcept {
   return lineOwner.load(std::memory_order_relaxed) == std::this_thread::get_id();
+}
+
+// A disabled sink ignores everything, the beginning of the line under way included.
+template <typename Policy>
+bool LoggerBase<Policy>::TakesPart() noexcept {
+  if (!HoldsLine()) return false;
+  if (enabled) return true;
+  Release();
+  return false;
 }
 
 template <typename Policy>
@@ -92,13 +107,13 @@ void LoggerBase<Policy>::AppendTag(LogType type) {
 
 template <typename Policy>
 LoggerBase<Policy>& LoggerBase<Policy>::operator<<(long const& t) {
-  if (HoldsLine()) stream << Util::Date(t, kTimeFormat);
+  if (TakesPart()) stream << Util::Date(t, kTimeFormat);
   return *this;
 }
 
 template <typename Policy>
 LoggerBase<Policy>& LoggerBase<Policy>::operator<<(char const* text) {
-  if (!HoldsLine()) return *this;
+  if (!TakesPart()) return *this;
   if (text != nullptr) {
     AppendText(text);
   } else {
@@ -109,7 +124,7 @@ LoggerBase<Policy>& LoggerBase<Policy>::operator<<(char const* text) {
 
 template <typename Policy>
 LoggerBase<Policy>& LoggerBase<Policy>::operator<<(std::string_view text) {
-  if (HoldsLine()) AppendText(text);
+  if (TakesPart()) AppendText(text);
   return *this;
 }
 
@@ -135,19 +150,27 @@ void LoggerBase<Policy>::AppendNumber(Number number) {
   AppendText({digits.begin(), end});
 }
 
-// A null text spoils the rest of its line, but not its end: nobody could begin another one.
 template <typename Policy>
 LoggerBase<Policy>& LoggerBase<Policy>::operator<<(std::ostream& (*manipulator)(std::ostream&)) {
-  if (!HoldsLine()) return *this;
-  stream.clear();
+  if (!TakesPart()) return *this;
   stream << manipulator;
-  CheckEndOfStream();
+  if (EndsWithNewline()) manipulatedLength = line.View().size();
   return *this;
 }
 
 template <typename Policy>
+bool LoggerBase<Policy>::EndsWithNewline() const noexcept {
+  return line.View().ends_with('\n');
+}
+
+template <typename Policy>
 void LoggerBase<Policy>::CheckEndOfStream() {
-  if (HoldsLine() && line.View().ends_with('\n')) WriteLine();
+  if (!TakesPart()) return;
+  if (EndsWithNewline()) {
+    WriteLine();
+  } else if (!stream.good()) {
+    EndLine();  // it would not take a newline either, and nobody could begin another line
+  }
 }
 
 // The writer runs on the thread that completed the line: it holds the lock that only it may
@@ -156,14 +179,16 @@ template <typename Policy>
 void LoggerBase<Policy>::WriteLine() {
   lineReady.Notify();
   lineReady.Wait();
+  if constexpr (requires { Policy::kLongestLine; }) line.Cut(Policy::kLongestLine, " [cut]\n");
   if (!policy.Write(line.View())) enabled = false;
   Release();
 }
 
 template <typename Policy>
 void LoggerBase<Policy>::EndLine() {
-  if (!HoldsLine()) return;
-  if (line.Append("\n")) {
+  if (!TakesPart()) return;
+  bool const ended = line.View().size() == manipulatedLength;
+  if (ended || line.Append("\n")) {
     WriteLine();
   } else {
     Release();  // no memory for the newline: the line is lost, the sink is not
@@ -178,6 +203,7 @@ void LoggerBase<Policy>::Abandon() noexcept {
 template <typename Policy>
 void LoggerBase<Policy>::Release() noexcept {
   line.Clear();
+  manipulatedLength = 0;
   if (!stream.good()) stream.clear();
   ForgetFormat();
   lineOwner.store(std::thread::id(), std::memory_order_relaxed);
@@ -199,21 +225,40 @@ void LoggerBase<Policy>::Flush() {
 }
 
 template <typename Policy>
-void LoggerBase<Policy>::Close() {
+bool LoggerBase<Policy>::Close() noexcept requires requires(Policy& sinkPolicy) {
+  sinkPolicy.Close();
+}
+{
+  if (HoldsLine()) return false;
+  std::unique_lock const lock(lineLock, std::try_to_lock);
+  if (lock.owns_lock()) policy.Close();
+  return lock.owns_lock();
+}
+
+// Of a process that forks, only the forking thread lives on in the child. What another thread was
+// doing to the sink then will never be finished, so the sink is made anew over what is there.
+template <typename Policy>
+void LoggerBase<Policy>::RecoverInChild() noexcept {
   if (HoldsLine()) return;
-  std::lock_guard const lock(lineLock);
-  policy.Close();
+  bool const taken = !lineLock.try_lock();
+  if (!taken) lineLock.unlock();
+  if constexpr (requires { policy.Close(); })
+    policy.Close();  // shares its position with the parent
+  if (!taken) return;
+  bool const wasEnabled = enabled;
+  std::construct_at(this);
+  enabled = wasEnabled;
 }
 
 template <typename Policy>
 LoggerBase<Policy>& LoggerBase<Policy>::operator<<(int number) {
-  if (HoldsLine()) AppendNumber(number);
+  if (TakesPart()) AppendNumber(number);
   return *this;
 }
 
 template <typename Policy>
 LoggerBase<Policy>& LoggerBase<Policy>::operator<<(unsigned long long number) {
-  if (HoldsLine()) AppendNumber(number);
+  if (TakesPart()) AppendNumber(number);
   return *this;
 }
 
@@ -225,7 +270,15 @@ Logger* Logger::GetInstance() {
   return instance.Get();
 }
 
-Logger::Logger() : fileSink(Sink<FileLogPolicy>()), consoleSink(Sink<ConsoleLogPolicy>()) {}
+Logger::Logger() : fileSink(Sink<FileLogPolicy>()), consoleSink(Sink<ConsoleLogPolicy>()) {
+  static int const registered = pthread_atfork(nullptr, nullptr, &Logger::RecoverInChild);
+  static_cast<void>(registered);
+}
+
+void Logger::RecoverInChild() noexcept {
+  Sink<FileLogPolicy>()->RecoverInChild();
+  Sink<ConsoleLogPolicy>()->RecoverInChild();
+}
 
 // Both sinks are asked first: a thread that has a line on the console alone, begun while the file
 // was disabled, must not wait for the file of a thread that waits for the console.
@@ -251,9 +304,8 @@ void Logger::Flush() {
   consoleSink->Flush();
 }
 
-void Logger::Close() {
-  fileSink->Close();
-  consoleSink->Close();
+bool Logger::Close() noexcept {
+  return fileSink->Close();
 }
 
 Logger& Logger::operator<<(char const* text) {

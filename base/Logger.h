@@ -3,6 +3,7 @@
 #pragma once
 
 #include <atomic>
+#include <cstddef>
 #include <mutex>
 #include <ostream>
 #include <string>
@@ -28,9 +29,13 @@ enum LogType : int {
 
 /// One sink of the logger. A line begins with `WriteHeader`, which takes the sink's line lock, and
 /// ends with `EndLine` (or a newline and `CheckEndOfStream`), which writes it and frees the sink;
-/// both on the same thread. Whether the sink takes part in a line is settled at its header: a line
-/// begun is finished even if the sink is disabled meanwhile, and text for a line that was not
-/// begun is dropped.
+/// both on the same thread. Text for a line that was not begun is dropped. A sink that is disabled
+/// in the middle of a line drops the whole line, and is free again at the line's next piece, or at
+/// its end.
+///
+/// Never log in a signal handler: one that interrupts a line of its own thread ends the program.
+/// Set a flag there, or call write(2). A child made by fork(2) may log; a line that another thread
+/// had under way is the parent's alone.
 template <typename Policy>
 class LoggerBase {
  public:
@@ -40,14 +45,17 @@ class LoggerBase {
   ~LoggerBase() = default;
 
   /// Begins a line: "[date time]", "[temperature]" if it is known, and the tag of `type`. Waits
-  /// while another thread's line is under way. Does nothing while the sink is disabled.
+  /// while another thread's line is under way. Does nothing while the sink is disabled, but for
+  /// dropping a line of this thread.
   /// Throws std::system_error when this thread has not ended its own last line.
   void WriteHeader(LogType type);
 
   /// Appends `t`, seconds since the epoch, as a date and time in local time, never as a number.
+  /// Where 64 bits are a `long`, that goes for std::int64_t: hand a number over as `long long`.
   LoggerBase& operator<<(long const& t);
 
-  /// Appends a text. A null `text` spoils the rest of the line, as on a standard output stream.
+  /// Appends a text. After a null `text` no more of the line is taken, as on a standard output
+  /// stream; the line still ends at its end.
   LoggerBase& operator<<(char const* text);
 
   /// Appends a text.
@@ -60,35 +68,37 @@ class LoggerBase {
   /// Appends a number.
   LoggerBase& operator<<(unsigned long long number);
 
-  /// Appends a manipulator such as std::endl, also to a spoilt line; a line that then ends with a
-  /// newline is complete.
+  /// Applies a manipulator. std::endl appends its newline, but completes no line: see
+  /// `CheckEndOfStream` and `EndLine`.
   LoggerBase& operator<<(std::ostream& (*manipulator)(std::ostream&));
 
   /// Appends any other value as a standard output stream does.
   template <typename Value>
   LoggerBase& operator<<(Value const& value) {
-    if (HoldsLine()) stream << value;
+    if (TakesPart()) stream << value;
     return *this;
   }
 
-  /// If the line under way ends with a newline, signals it and hands it to the sink's writer, and
-  /// the sink is free again; otherwise does nothing.
+  /// If the line under way ends with a newline, or takes no more text, signals it and hands it to
+  /// the sink's writer, and the sink is free again; otherwise does nothing.
   void CheckEndOfStream();
 
-  /// Ends the line under way: appends a newline, signals the line and hands it to the sink's
-  /// writer. Frees the sink in every case.
+  /// Ends the line under way: appends a newline, unless a manipulator such as std::endl was its
+  /// last piece, signals the line and hands it to the sink's writer. Frees the sink in every case.
   void EndLine();
 
   /// Waits until no line of another thread is under way.
   void Flush();
 
-  /// Waits likewise, and lets go of what the sink writes to until the next line.
-  void Close();
+  /// Lets go of what the sink writes to, until the next line. Never waits: false, with nothing
+  /// changed, while a line is under way.
+  bool Close() noexcept requires requires(Policy& sinkPolicy) { sinkPolicy.Close(); };
 
  private:
   friend class Logger;
 
   [[nodiscard]] bool HoldsLine() const noexcept;
+  [[nodiscard]] bool TakesPart() noexcept;
   void RequireNoLine() const;
   void AppendText(std::string_view text);
   template <typename Number>
@@ -97,9 +107,11 @@ class LoggerBase {
   void AppendTime();
   void AppendTemperature();
   void AppendTag(LogType type);
+  [[nodiscard]] bool EndsWithNewline() const noexcept;
   void WriteLine();
   void Abandon() noexcept;
   void Release() noexcept;
+  void RecoverInChild() noexcept;
   void ForgetFormat() noexcept;
 
   Policy policy;
@@ -108,12 +120,14 @@ class LoggerBase {
   std::mutex lineLock;
   Interfaces::ISemaphore lineReady;
   std::atomic<std::thread::id> lineOwner;
+  std::size_t manipulatedLength =
+      0;  // of the line, when a manipulator last ended it with a newline
   long stampSecond = -1;
   std::string stamp;
 
  public:
-  /// False: the sink takes no part in new lines. Any thread may switch it. The library switches a
-  /// sink off whose line could not be written, and leaves it to the application to switch it on.
+  /// False: the sink ignores everything. Any thread may switch it. The library switches a sink off
+  /// whose line could not be written, and leaves it to the application to switch it on.
   std::atomic<bool> enabled = true;
 };
 
@@ -141,8 +155,9 @@ class QUELLON_EXPORT Logger {
   /// Returns when both sinks have written every completed line.
   void Flush();
 
-  /// Closes the log file until the next line, so that its file system can be unmounted.
-  void Close();
+  /// Closes the log file until the next line, so that its file system can be unmounted. Never
+  /// waits: false, with the file still open, while a line is under way on the file sink.
+  bool Close() noexcept;
 
   /// @{ Append to the line under way, on the file sink and then on the console sink; see
   /// `LoggerBase`.
@@ -156,10 +171,11 @@ class QUELLON_EXPORT Logger {
     *consoleSink << value;
     return *this;
   }
-  /// @}
-  /// Appends a manipulator such as std::endl, also to a spoilt line; a line that then ends with a
-  /// newline is complete.
   Logger& operator<<(std::ostream& (*manipulator)(std::ostream&));
+  /// @}
+
+ private:
+  static void RecoverInChild() noexcept;
 };
 
 /// One line, from its header to its end: `LogLine(Info) << "size " << size;`. The line ends with
@@ -173,12 +189,17 @@ class QUELLON_EXPORT LogLine {
   /// Ends the line.
   ~LogLine();
 
-  /// Appends to the line, as `Logger` does.
+  /// @{ Append to the line, as `Logger` does. std::endl does not end it: the object does.
   template <typename Value>
   LogLine& operator<<(Value const& value) {
     logger << value;
     return *this;
   }
+  LogLine& operator<<(std::ostream& (*manipulator)(std::ostream&)) {
+    logger << manipulator;
+    return *this;
+  }
+  /// @}
 
  private:
   Logger& logger;

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <functional>
 #include <mutex>
 #include <semaphore>
 #include <system_error>
@@ -239,21 +240,56 @@ TEST_F(LoggerLine, ADisabledSinkTakesNoLock) {
     sink.CheckEndOfStream();
     sink.EndLine();
   }));
+  sink.enabled = true;
   sink.EndLine();
   EXPECT_THAT(LogFile::Text(), EndsWith("]under way\n"));
 }
 
-TEST_F(LoggerLine, ASinkDisabledInTheMiddleFinishesItsLineAndIsFree) {
+/// Whatever a line may go on with.
+std::vector<std::function<void(FileSink&)>> Pieces() {
+  return {[](FileSink& sink) { sink << "text"; },
+          [](FileSink& sink) { sink << std::string("text"); },
+          [](FileSink& sink) { sink << 7; },
+          [](FileSink& sink) { sink << 7ULL; },
+          [](FileSink& sink) { sink << 7L; },
+          [](FileSink& sink) { sink << 0.5; },
+          [](FileSink& sink) { sink << std::endl; },
+          [](FileSink& sink) { sink << static_cast<char const*>(nullptr); },
+          [](FileSink& sink) { sink.CheckEndOfStream(); },
+          [](FileSink& sink) { sink.WriteHeader(Info); },
+          [](FileSink& sink) { sink.EndLine(); }};
+}
+
+TEST_F(LoggerLine, ASinkDisabledInTheMiddleDropsItsLineAndIsFreeAtTheNextPiece) {
+  for (auto const& piece : Pieces()) {
+    FileSink sink;
+    sink.WriteHeader(Info);
+    sink << "begun\n";
+    std::thread([&sink] { sink.enabled = false; }).join();
+    piece(sink);
+    EXPECT_TRUE(LogFile::IsFree(sink));
+    EXPECT_FALSE(sink.enabled);
+    sink.enabled = true;
+    sink << "belongs to no line\n";
+    sink.CheckEndOfStream();
+    sink.EndLine();
+  }
+  EXPECT_EQ(LogFile::Text(), "");
+  EXPECT_THAT(signals, IsEmpty());
+}
+
+TEST_F(LoggerLine, AfterADroppedLineTheNextOneIsWhole) {
   FileSink sink;
   sink.WriteHeader(Info);
-  sink << "whole";
-  std::thread([&sink] { sink.enabled = false; }).join();
-  sink << " line " << 7 << " " << 0L;
+  sink << "dropped" << static_cast<char const*>(nullptr);
+  sink.enabled = false;
   sink.EndLine();
-  EXPECT_THAT(LogFile::Text(), testing::HasSubstr("]whole line 7 19"));
-  EXPECT_EQ(signals.size(), 1U);
-  EXPECT_FALSE(sink.enabled);
-  EXPECT_TRUE(LogFile::IsFree(sink));
+  sink.enabled = true;
+  sink.WriteHeader(Info);
+  sink << "next";
+  sink.EndLine();
+  EXPECT_EQ(LogFile::SplitLines(LogFile::Text()).size(), 1U);
+  EXPECT_THAT(LogFile::Text(), EndsWith("]next\n"));
 }
 
 TEST_F(LoggerLine, ASinkEnabledInTheMiddleTakesNoPartInTheLine) {
@@ -267,6 +303,55 @@ TEST_F(LoggerLine, ASinkEnabledInTheMiddleTakesNoPartInTheLine) {
   EXPECT_EQ(LogFile::Text(), "");
   EXPECT_THAT(signals, IsEmpty());
   EXPECT_TRUE(LogFile::IsFree(sink));
+}
+
+TEST_F(LoggerLine, TextAfterANewlineIsPartOfTheLine) {
+  std::string const console = Capture::Output([] {
+    LogLine(Info) << "one" << std::endl << "two";
+    LogLine(Info) << "three\n" << std::flush << "four" << std::flush << "five";
+  });
+  EXPECT_THAT(console, testing::MatchesRegex("\\[[^]]*\\]one\ntwo\n"
+                                             "\\[[^]]*\\]three\nfourfive\n"));
+  EXPECT_EQ(console, LogFile::Text());
+  EXPECT_EQ(signals.size(), 4U);
+}
+
+TEST_F(LoggerLine, AManipulatorCompletesNoLine) {
+  FileSink sink;
+  sink.WriteHeader(Info);
+  sink << "text" << std::endl;
+  EXPECT_THAT(signals, IsEmpty());
+  EXPECT_EQ(LogFile::Text(), "");
+  sink.CheckEndOfStream();
+  EXPECT_EQ(signals.size(), 1U);
+  EXPECT_THAT(LogFile::Text(), EndsWith("]text\n"));
+  EXPECT_TRUE(LogFile::IsFree(sink));
+}
+
+TEST_F(LoggerLine, ALastEndlIsTheNewlineOfItsLine) {
+  Capture::Output([] {
+    LogLine(Info) << "one" << std::endl;
+    LogLine(Info) << "two\n" << std::endl;
+    LogLine(Info) << "three" << std::endl << "\n";
+  });
+  EXPECT_THAT(LogFile::Text(), testing::MatchesRegex("\\[[^]]*\\]one\n\\[[^]]*\\]two\n\n"
+                                                     "\\[[^]]*\\]three\n\n\n"));
+}
+
+TEST_F(LoggerLine, AfterANullTextAManipulatorAppendsNothingAndTheCheckEndsTheLine) {
+  FileSink sink;
+  sink.WriteHeader(Info);
+  sink << "kept" << static_cast<char const*>(nullptr) << std::endl
+       << "lost" << 1 << 2L << std::endl;
+  EXPECT_THAT(signals, IsEmpty());
+  sink.CheckEndOfStream();
+  EXPECT_EQ(signals.size(), 1U);
+  EXPECT_THAT(LogFile::Text(), EndsWith("]kept\n"));
+  EXPECT_TRUE(LogFile::IsFree(sink));
+  sink.WriteHeader(Info);
+  sink << "whole again";
+  sink.EndLine();
+  EXPECT_THAT(LogFile::Text(), EndsWith("]whole again\n"));
 }
 
 TEST_F(LoggerLine, TheFileIsTakenBeforeTheConsole) {

@@ -6,15 +6,20 @@
 #include <unistd.h>
 
 #include <array>
+#include <atomic>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <iostream>
 #include <regex>
+#include <semaphore>
 #include <string>
+#include <thread>
+#include <vector>
 
 #include "base/Logger.h"
 #include "base/UniqueFd.h"
+#include "tests/support/Capture.h"
 #include "tests/support/LogFile.h"
 
 namespace {
@@ -66,7 +71,7 @@ Outcome InAChild(Work work) {
 class LoggerProcess : public testing::Test {
  protected:
   void SetUp() override {
-    Interpose::MakeFile(LogFile::kPath, "");
+    LogFile::BeginAnew();
     Interpose::hooks().now = 1614877509;  // each sink takes the time for itself
   }
 };
@@ -130,6 +135,114 @@ TEST_F(LoggerProcess, StaticObjectsMayLogWhileTheProgramEnds) {
   EXPECT_EQ(WEXITSTATUS(status), 7);
   EXPECT_THAT(output, EndsWith("]ending\n"));
   EXPECT_EQ(output, LogFile::Text());
+}
+
+/// Another thread in the middle of a line on both sinks, as long as the object lives.
+class LineUnderWay {
+ public:
+  LineUnderWay() { begun.acquire(); }
+  LineUnderWay(LineUnderWay const&) = delete;
+  LineUnderWay& operator=(LineUnderWay const&) = delete;
+  ~LineUnderWay() {
+    end.release();
+    thread.join();
+  }
+
+ private:
+  std::binary_semaphore begun{0};
+  std::binary_semaphore end{0};
+  std::thread thread{[this] {
+    LogLine line(Info);
+    line << "the parent's " << std::string(1000, 'x');
+    begun.release();
+    end.acquire();
+    line << " line";
+  }};
+};
+
+/// Ends a child that hangs.
+void EndInTime() {
+  signal(SIGALRM, SIG_DFL);
+  alarm(20);
+}
+
+TEST_F(LoggerProcess, AChildLogsWhileAnotherThreadOfItsParentIsInTheMiddleOfALine) {
+  Outcome outcome;
+  std::string const parents = Capture::Output([&] {
+    LineUnderWay const line;
+    outcome = InAChild([] {
+      EndInTime();
+      LogLine(Info) << "one";
+      LogLine(Error) << "two";
+    });
+  });
+  EXPECT_EQ(outcome.status, 0);
+  EXPECT_THAT(outcome.output, MatchesRegex("\\[.{19}\\]one\n\\[.{19}\\]\\[ERROR\\]two\n"));
+  EXPECT_TRUE(std::regex_match(parents, std::regex(R"(\[.{19}\]the parent's x{1000} line\n)")));
+  EXPECT_EQ(LogFile::Text(), outcome.output + parents);
+}
+
+TEST_F(LoggerProcess, AChildKeepsASinkSwitchedOffThatAnotherThreadOfItsParentHas) {
+  auto& file = *Tarvik::Ilog::Logger::GetInstance()->fileSink;
+  Capture::Output([&] {
+    LineUnderWay const line;
+    file.enabled = false;
+    auto const [output, status] = InAChild([&] {
+      EndInTime();
+      LogLine(Info) << "console only";
+      file.enabled = true;
+      LogLine(Info) << "both";
+    });
+    file.enabled = true;
+    EXPECT_EQ(status, 0);
+    EXPECT_EQ(LogFile::SplitLines(output).size(), 2U);
+    EXPECT_THAT(LogFile::Text(), MatchesRegex("\\[.{19}\\]both\n"));
+  });
+}
+
+TEST_F(LoggerProcess, ALineUnderWayOnTheForkingThreadGoesOnInBoth) {
+  Outcome child;
+  std::string const parent = Capture::Output([&] {
+    LogLine line(Info);
+    line << "begun";
+    child = InAChild([&] {
+      EndInTime();
+      line << " in the child";
+      Tarvik::Ilog::Logger::GetInstance()->EndLine();
+    });
+    line << " in the parent";
+  });
+  EXPECT_EQ(child.status, 0);
+  EXPECT_THAT(child.output, EndsWith("]begun in the child\n"));
+  EXPECT_THAT(parent, EndsWith("]begun in the parent\n"));
+  EXPECT_EQ(LogFile::Text(), child.output + parent);
+}
+
+TEST_F(LoggerProcess, NoChildHangsWhateverOtherThreadsLogMeanwhile) {
+  constexpr int kChildren = 300;
+  Interpose::hooks().now.reset();
+  std::atomic<bool> stop = false;
+  Capture::Output([&] {
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 3; ++i) {
+      threads.emplace_back([&] {
+        for (long t = 0; !stop; ++t) LogLine(Info) << t << " " << t << 0.5;
+      });
+    }
+    for (int i = 0; i < kChildren && !HasFailure(); ++i) {
+      pid_t const child = fork();
+      if (child == 0) {
+        EndInTime();
+        LogLine(Info) << "child " << 5L;
+        _exit(0);
+      }
+      int status = -1;
+      EXPECT_EQ(waitpid(child, &status, 0), child);
+      EXPECT_EQ(status, 0);
+    }
+    stop = true;
+    for (auto& thread : threads) thread.join();
+  });
 }
 
 }  // namespace

@@ -191,15 +191,18 @@ TEST_F(LoggerTest, ANullTextThatIsNotConstantDoesTheSame) {
             std::string(kHeader) + "kept\n");
 }
 
-TEST_F(LoggerTest, ALineWithANullTextEndsWithItsManipulatorAndFreesBothSinks) {
+TEST_F(LoggerTest, ALineWithANullTextEndsAtItsEndAndFreesBothSinks) {
   char const* const nothing = nullptr;
   Logger& logger = *Logger::GetInstance();
   std::string const log = Capture::Output([&] {
-    logger.BeginLine(Tarvik::Ilog::Info);
+    logger.fileSink->WriteHeader(Info);
+    logger.consoleSink->WriteHeader(Info);
     logger << "kept" << nothing << "lost" << std::endl;
-    Tarvik::Ilog::LogLine(Tarvik::Ilog::Info) << "next";
+    logger.fileSink->CheckEndOfStream();
+    logger.consoleSink->CheckEndOfStream();
+    LogLine(Info) << "next";
   });
-  EXPECT_THAT(log, testing::MatchesRegex("\\[[^]]*\\]kept\n\\[[^]]*\\]next\n"));
+  EXPECT_EQ(log, std::string(kHeader) + "kept\n" + kHeader + "next\n");
 }
 
 TEST_F(LoggerTest, ANullTextWithoutALineDoesNothing) {
@@ -208,24 +211,26 @@ TEST_F(LoggerTest, ANullTextWithoutALineDoesNothing) {
   EXPECT_EQ(Line("whole"), std::string(kHeader) + "whole\n");
 }
 
-TEST_F(LoggerTest, EndlCompletesTheLine) {
+TEST_F(LoggerTest, TheStepsOfBothSinksMakeALine) {
   auto& logger = *Logger::GetInstance();
   EXPECT_EQ(Logged([&] {
-              logger.BeginLine(Info);
+              logger.fileSink->WriteHeader(Info);
+              logger.consoleSink->WriteHeader(Info);
               logger << "by hand " << 7 << std::endl;
+              logger.fileSink->CheckEndOfStream();
+              logger.consoleSink->CheckEndOfStream();
             }),
             std::string(kHeader) + "by hand 7\n");
   EXPECT_TRUE(LogFile::IsFree(*logger.fileSink));
   EXPECT_TRUE(LogFile::IsFree(*logger.consoleSink));
 }
 
-TEST_F(LoggerTest, AManipulatorThatEndsNoLineCompletesNone) {
+TEST_F(LoggerTest, EndLineAddsNoNewlineToThatOfEndl) {
   auto& logger = *Logger::GetInstance();
   EXPECT_EQ(Logged([&] {
               logger.BeginLine(Info);
-              logger << "a" << std::flush;
-              EXPECT_EQ(LogFile::Text(), "");
-              logger << "b" << std::endl;
+              logger << "a" << std::flush << "b" << std::endl;
+              logger.EndLine();
             }),
             std::string(kHeader) + "ab\n");
 }

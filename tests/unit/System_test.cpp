@@ -10,7 +10,9 @@
 #include <chrono>
 #include <filesystem>
 #include <optional>
+#include <semaphore>
 #include <string>
+#include <thread>
 #include <type_traits>
 #include <vector>
 
@@ -19,6 +21,7 @@
 #include "tests/support/ChildProcess.h"
 #include "tests/support/Descriptors.h"
 #include "tests/support/Interpose.h"
+#include "tests/support/LogFile.h"
 
 namespace {
 
@@ -130,6 +133,30 @@ TEST_F(SystemTest, LetsGoOfTheLogFileBeforeItUnmounts) {
   EXPECT_THAT(Interpose::ReadFile("/var/log/quellon.log"),
               testing::AllOf(testing::HasSubstr("]before\n"), testing::HasSubstr("]after\n")));
   Tarvik::Ilog::Logger::GetInstance()->Close();
+}
+
+TEST_F(SystemTest, WaitsForNoLineOfTheLog) {
+  LogFile::BeginAnew();
+  EveryUnmountSucceeds();
+  auto& logger = *Tarvik::Ilog::Logger::GetInstance();
+  Capture::Output([&] {
+    std::binary_semaphore begun(0);
+    std::binary_semaphore end(0);
+    std::thread other([&] {
+      LogLine line(Tarvik::Ilog::Info);
+      begun.release();
+      end.acquire();
+    });
+    begun.acquire();
+    EXPECT_TRUE(LogFile::AnotherThreadGetsThrough([this] { system.UnmountAll(); }));
+    EXPECT_FALSE(logger.Close());
+    end.release();
+    other.join();
+    EXPECT_TRUE(logger.Close());
+    LogLine const own(Tarvik::Ilog::Info);
+    EXPECT_FALSE(logger.Close());
+  });
+  EXPECT_THAT(Trace(), ElementsAre("chdir /", "sync", "umount /", "umount /mnt/sdcard/"));
 }
 
 TEST_F(SystemTest, UnmountsRootAndThenTheCard) {
