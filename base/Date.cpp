@@ -2,29 +2,36 @@
 
 #include <pthread.h>
 
-#include <chrono>
 #include <ctime>
 #include <mutex>
 #include <optional>
+#include <thread>
 
 namespace Tarvik::Util {
 
 namespace {
 
-// The C library's own lock on the time zone, when a process forks, stays locked in the child if
-// another thread had it. So no process forks while one of ours has it. Not waited for long: a
-// handler of a signal may fork, too.
+// The C library's own lock on the time zone stays locked in the child of a process that forks while
+// another thread has it. So no process forks while one of ours has it. Nobody waits long: a handler
+// of a signal may fork, too, and interrupt the thread that has it.
 class CalendarLock {
  public:
-  static std::timed_mutex& Get() {
-    static std::timed_mutex mutex;
+  static std::mutex& Get() {
+    static std::mutex mutex;
     static int const registered = pthread_atfork(&Hold, &Release, &Release);
     static_cast<void>(registered);
     return mutex;
   }
 
  private:
-  static void Hold() { held = Get().try_lock_for(std::chrono::seconds(1)); }
+  static void Hold() {
+    constexpr int kPatience = 1000;
+    held = Get().try_lock();
+    for (int i = 0; i < kPatience && !held; ++i) {
+      std::this_thread::yield();
+      held = Get().try_lock();
+    }
+  }
   static void Release() {
     if (held) Get().unlock();
   }
