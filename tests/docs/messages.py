@@ -8,7 +8,6 @@ VALUE = "…"
 TOKEN = re.compile(r"""
     (?P<comment>//[^\n]*|/\*.*?\*/)
   | (?P<directive>^[ \t]*\#(?:[^\n\\]|\\.)*)
-  | (?P<assertion>\bstatic_assert\b[^;]*;)
   | (?P<text>"(?:[^"\\]|\\.)*")
   | (?P<character>'(?:[^'\\]|\\.)*')
   | (?P<word>[\w.:]+)
@@ -48,7 +47,7 @@ def messages_below(root: Path, places: list[str]) -> dict[str, str]:
 
 def tokens_of(source: str):
     for match in TOKEN.finditer(source):
-        if match.lastgroup not in ("comment", "directive", "assertion"):
+        if match.lastgroup not in ("comment", "directive"):
             yield match.lastgroup, match.group()
 
 
