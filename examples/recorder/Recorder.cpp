@@ -34,6 +34,8 @@ constexpr auto kShortestKickPeriod = std::chrono::seconds(1);
 
 constexpr auto kLongestCheck = std::chrono::minutes(30);
 
+// Half the timeout would do; a quarter leaves time for a card that keeps its writer waiting. Each
+// kick is a line of the log.
 std::chrono::seconds KickPeriod(Quellon::Watchdog const& watchdog) {
   return std::max(kShortestKickPeriod, std::chrono::seconds(watchdog.timeout / 4));
 }

@@ -23,6 +23,7 @@ constexpr char const* kUsage =
 
 Recorder* running = nullptr;
 
+// Notifies and no more: a handler that logs ends the program, or stops it for good.
 void StopRunning(int /*signal*/) {
   running->Stop();
 }

@@ -18,7 +18,7 @@ FOLDERS = ["base", "DiskUtils", "FileUtils", "RTC", "SysUtil", "Watchdog", "Test
 UNSEEN_FILES = {"base/JsonWriter.cpp"}
 UNSEEN = {'"\\/bfnrt', '"\\/\b', "null", "true", "false",  # JsonReader
           "%Y-%m-… %H:%M:%S",  # the date's format, a conversion of which looks like printf's
-          "…..",  # the parent directory
+          ".", "…..",  # a directory and its parent
           "/\\", "/", "3", "r"}
 
 CODE_SPAN = re.compile(r"`([^`\n]+)`")
