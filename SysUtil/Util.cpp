@@ -12,6 +12,7 @@
 #include <iostream>
 #include <memory>
 
+#include "base/OpenFile.h"
 #include "base/Retry.h"
 #include "base/Shell.h"
 #include "base/UniqueDir.h"
@@ -63,7 +64,7 @@ void DisplayOpenFilesOf(pid_t process) {
 }  // namespace
 
 bool ClearCache() {
-  Tarvik::UniqueFd const control(open("/proc/sys/vm/drop_caches", O_RDWR | O_CLOEXEC));
+  Tarvik::UniqueFd const control(Tarvik::OpenFile("/proc/sys/vm/drop_caches", O_RDWR));
   if (!control.IsOpen()) return false;
   int const attempt = Tarvik::Retry(4, std::chrono::milliseconds(100),
                                     [&] { return write(control.Get(), "3", 1) == 1; });

@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "tests/support/Capture.h"
+#include "tests/support/ChildProcess.h"
 #include "tests/support/Descriptors.h"
 #include "tests/support/FailingAllocation.h"
 #include "tests/support/Interpose.h"
@@ -123,6 +124,23 @@ TEST_F(ClearCacheTest, GivesUpWithoutAWord) {
     return fd > 2 ? std::optional<ssize_t>(-1) : std::nullopt;
   };
   EXPECT_EQ(Capture::AllOutput([] { EXPECT_FALSE(ClearCache()); }), "");
+}
+
+TEST_F(ClearCacheTest, NeverHasAStandardDescriptorForTheControl) {
+  ChildProcess::Run([] {
+    bool cleared = false;
+    std::optional<int> control;
+    {
+      Descriptors::NoStandardOnes const none;
+      hooks().write = [&](int fd, auto&&...) -> std::optional<ssize_t> {
+        control = fd;
+        return std::nullopt;
+      };
+      cleared = ClearCache();
+    }
+    EXPECT_TRUE(cleared);
+    EXPECT_TRUE(control && *control > 2);  // the hook is not asked about others
+  });
 }
 
 TEST_F(ClearCacheTest, TakesAWriteOfNothingForAFailure) {
