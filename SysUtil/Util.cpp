@@ -13,6 +13,7 @@
 #include <memory>
 
 #include "base/OpenFile.h"
+#include "base/Restart.h"
 #include "base/Retry.h"
 #include "base/Shell.h"
 #include "base/UniqueDir.h"
@@ -45,6 +46,16 @@ bool ProcessMatches(std::string const& processId, std::string const& processName
   return !commandLine.empty() && ProgramName(commandLine).find(processName) != std::string::npos;
 }
 
+// Past the pipe's stream, which stops at a signal and drops what it has read until then.
+bool AppendPiece(std::string& output, int fd) {
+  std::array<char, 1024> piece;
+  ssize_t const length =
+      Tarvik::RestartWhileInterrupted([&] { return read(fd, piece.data(), piece.size()); });
+  if (length <= 0) return false;
+  output.append(piece.data(), static_cast<std::size_t>(length));
+  return true;
+}
+
 void RunForRamdisk(char const* command, char const* failureFormat) {
   int const status = std::system(command);
   if (status >= 0) return;
@@ -75,9 +86,10 @@ std::string ExecSystemCmdThroughPipe(std::string command) {
   std::string output;
   UniquePipe const pipe(popen(command.c_str(), "r"));
   if (pipe == nullptr) return output;
-  fcntl(fileno(pipe.get()), F_SETFD, FD_CLOEXEC);
-  std::array<char, 1024> piece;
-  while (std::fgets(piece.data(), piece.size(), pipe.get()) != nullptr) output += piece.data();
+  int const end = fileno(pipe.get());
+  fcntl(end, F_SETFD, FD_CLOEXEC);
+  while (AppendPiece(output, end)) {
+  }
   return output;
 }
 

@@ -3,9 +3,10 @@
 
 #include <unistd.h>
 
-#include <cerrno>
 #include <cstddef>
 #include <string_view>
+
+#include "base/Restart.h"
 
 namespace Tarvik {
 
@@ -13,8 +14,8 @@ namespace Tarvik {
 /// False when it cannot; part of the text may have been written then.
 inline bool WriteAll(int fd, std::string_view text) noexcept {
   while (!text.empty()) {
-    ssize_t const written = write(fd, text.data(), text.size());
-    if (written < 0 && errno == EINTR) continue;
+    ssize_t const written =
+        RestartWhileInterrupted([&] { return write(fd, text.data(), text.size()); });
     if (written <= 0) return false;
     text.remove_prefix(static_cast<std::size_t>(written));
   }
