@@ -95,13 +95,13 @@ class QUELLON_EXPORT Disk : public CheckDisk {
   /// The raw size in bytes of a block device such as "mmcblk1"; 0 when unknown.
   static unsigned long long getSDCardTotalSize(std::string device);
 
-  float reserveRatio;             ///< part of the card that recordings leave alone
-  std::string blockDevice;        ///< kernel name of the card, such as "mmcblk1"
-  bool available = false;         ///< the card may be used
-  SDCardInfoData sdCardInfo;      ///< the card's identity
-  std::int64_t freeBytes = 0;     ///< free bytes of the file system, the superuser's included
-  std::int64_t reserveBytes = 0;  ///< `totalBytes` times `reserveRatio`
-  std::int64_t totalBytes = 0;    ///< size of the file system
+  float reserveRatio;          ///< part of the card that recordings leave alone
+  std::string blockDevice;     ///< kernel name of the card, such as "mmcblk1"
+  bool available = false;      ///< the card may be used
+  SDCardInfoData sdCardInfo;   ///< the card's identity
+  long long freeBytes = 0;     ///< free bytes of the file system, the superuser's included
+  long long reserveBytes = 0;  ///< `totalBytes` times `reserveRatio`
+  long long totalBytes = 0;    ///< bytes of the file system
 
   /// The status of every mount point asked about so far, until the process ends.
   static std::map<std::string, DeviceStatus> deviceStatusList;

@@ -60,7 +60,7 @@ void System::PrintDiskReport(Disk::DeviceStatus const& card) const {
     std::printf(
         " size [%lld] B\n usable size [%lld] B \n writen [%lld] kB\n"
         " read only [%d]\n fcsk status [%d]\n cid [%s]\n",
-        static_cast<long long>(card.sizeBytes), static_cast<long long>(disk->totalBytes),
+        static_cast<long long>(card.sizeBytes), disk->totalBytes,
         static_cast<long long>(card.lifetimeWritesKB), static_cast<int>(card.readOnly),
         static_cast<int>(card.fsckStatus), card.cid);
   } else {

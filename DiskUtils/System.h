@@ -68,13 +68,13 @@ class QUELLON_EXPORT System {
   DiskUtils::Disk* disk = nullptr;  ///< the card; owned, null until `InitDisk` has made one
   bool diskFault = true;            ///< false once a scan has left the card available
 
+  static System* instance;  ///< what `GetInstance` gives; null before its first call
+
  private:
   bool RebootForFailingDisk(char const* reason);
   void CheckClock();
   void PrintDiskReport(DiskUtils::Disk::DeviceStatus const& card) const;
   void RecordHealth(DiskUtils::Disk::DeviceStatus const& card);
-
-  static System* instance;
 };
 
 }  // namespace Quellon

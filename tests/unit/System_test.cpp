@@ -93,6 +93,16 @@ TEST(SystemClass, GivesTheSameInstanceTwiceAndAnnouncesItOnce) {
   });
 }
 
+TEST(SystemClass, HasNoInstanceBeforeItIsAskedForOne) {
+  ChildProcess::Run([] {
+    EXPECT_EQ(System::instance, nullptr);
+    System* given = nullptr;
+    Capture::Output([&] { given = System::GetInstance(); });
+    EXPECT_EQ(System::instance, given);
+    EXPECT_NE(given, nullptr);
+  });
+}
+
 TEST(SystemClass, BeginsWithoutADiskAndWithTheFaultSet) {
   std::string const output = Capture::Output([] {
     System const system;
