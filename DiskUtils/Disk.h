@@ -58,8 +58,10 @@ class QUELLON_EXPORT Disk : public CheckDisk {
 
   /// Proves the card: writes "check.tmp" to it, checks the file system and looks whether the file
   /// is still there. Returns with `available` true when the card passed; throws IException
-  /// otherwise. Once a card has lost the file, every card on this mount point is refused for the
-  /// rest of the process's life. The file is not read back: contents are not compared.
+  /// otherwise. Once a card has lost the file, or could not take it, every card on this mount point
+  /// is refused for the rest of the process's life. Whatever else lies in the place of the file is
+  /// removed; where it cannot be, the card could not take the file. The file is not read back:
+  /// neither contents nor a failed write are noticed.
   /// Refreshes the status entry, but not the space figures. Takes as long as the check.
   void ScanDisk();
 
@@ -114,7 +116,7 @@ class QUELLON_EXPORT Disk : public CheckDisk {
   DeviceStatus& Status();
   void Acquire();
   void PrintSpace();
-  void WriteTestFile(std::string const& path);
+  bool WriteTestFile(std::string const& path);
   void RequireAvailable();
   void LoadLifetimeWrites();
 };
