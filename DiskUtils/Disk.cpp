@@ -8,15 +8,16 @@
 #include <cerrno>
 #include <cmath>
 #include <exception>
-#include <iostream>
 #include <utility>
 
 #include "DiskUtils/ForceUnmount.h"
 #include "base/IException.h"
+#include "base/OutputLine.h"
 
 namespace Quellon::DiskUtils {
 
 using Tarvik::IException;
+using Tarvik::OutputLine;
 
 namespace {
 
@@ -55,7 +56,7 @@ Disk::Disk(std::string mountDirectory, std::string partition, std::string device
   try {
     Acquire();
   } catch (std::exception const& e) {
-    std::cout << "Disk exception " << e.what() << std::endl;
+    OutputLine() << "Disk exception " << e.what();
   }
 }
 
@@ -72,8 +73,8 @@ void Disk::Acquire() {
 }
 
 void Disk::PrintSpace() {
-  std::cout << "Disk " << mountPoint << " free sapce " << WholeMegabytes(freeBytes) << "MB from "
-            << WholeMegabytes(totalBytes) << "MB" << std::endl;
+  OutputLine() << "Disk " << mountPoint << " free sapce " << WholeMegabytes(freeBytes) << "MB from "
+               << WholeMegabytes(totalBytes) << "MB";
 }
 
 Disk::DeviceStatus& Disk::Status() {

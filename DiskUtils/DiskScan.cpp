@@ -6,15 +6,17 @@
 #include <cstdlib>
 #include <exception>
 #include <fstream>
-#include <iostream>
 #include <stdexcept>
 
 #include "DiskUtils/Disk.h"
+#include "base/ByteFile.h"
 #include "base/IException.h"
+#include "base/OutputLine.h"
 
 namespace Quellon::DiskUtils {
 
 using Tarvik::IException;
+using Tarvik::OutputLine;
 
 namespace {
 
@@ -65,7 +67,7 @@ void Disk::RequireAvailable() {
 bool Disk::WriteTestFile(std::string const& path) {
   if (!CanTakeAFile(path)) return false;
   try {
-    std::ofstream file(path, std::ios::trunc);
+    Tarvik::ByteFile<std::ofstream> file(path, std::ios::trunc);
     if (!file.is_open()) return false;
     file << "velmor" << std::flush;
     file.close();
@@ -92,13 +94,13 @@ bool Disk::Fromat(bool check) {
     // Without the bad-block scan two blanks are left before "-L"; they do no harm.
     std::string const command = std::string("mkfs.ext4 -v -F -O ^has_journal ") +
                                 (check ? "-c" : "") + " -L storage " + devicePath;
-    std::cout << "Try format partition: " << command << std::endl;
+    OutputLine() << "Try format partition: " << command;
     if (std::system(command.c_str()) < 0) throw std::runtime_error("Unable to format");
-    std::cout << "Done format partition " << devicePath << " ext4" << std::endl;
+    OutputLine() << "Done format partition " << devicePath << " ext4";
     Mount();
     return true;
   } catch (std::exception const& e) {
-    std::cout << "ERROR: " << e.what() << std::endl;
+    OutputLine() << "ERROR: " << e.what();
     return false;
   }
 }

@@ -7,12 +7,12 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
-#include <iostream>
 #include <thread>
 
 #include "DiskUtils/ForceUnmount.h"
 #include "RTC/Rtc.h"
 #include "base/Logger.h"
+#include "base/OutputLine.h"
 #include "base/SystemClock.h"
 
 namespace Quellon {
@@ -25,7 +25,7 @@ System* System::GetInstance() {
 }
 
 System::System() {
-  std::cout << "start instance of system class " << std::endl;
+  Tarvik::OutputLine() << "start instance of system class ";
 }
 
 // The card object is left alone: the singleton lives as long as the process.

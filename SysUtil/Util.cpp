@@ -9,10 +9,11 @@
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
-#include <iostream>
 #include <memory>
 
+#include "base/ByteFile.h"
 #include "base/OpenFile.h"
+#include "base/OutputLine.h"
 #include "base/Restart.h"
 #include "base/Retry.h"
 #include "base/Shell.h"
@@ -20,6 +21,8 @@
 #include "base/UniqueFd.h"
 
 namespace Quellon::SysUtil {
+
+using Tarvik::OutputLine;
 
 namespace {
 
@@ -29,7 +32,7 @@ struct PipeCloser {
 using UniquePipe = std::unique_ptr<FILE, PipeCloser>;
 
 std::string FirstLineOf(std::string const& path) {
-  std::ifstream file(path);
+  Tarvik::ByteFile<std::ifstream> file(path);
   std::string line;
   std::getline(file, line);
   return line;
@@ -66,10 +69,10 @@ void RunForRamdisk(char const* command, char const* failureFormat) {
 void DisplayOpenFilesOf(pid_t process) {
   std::string const id = std::to_string(process);
   std::string const command = "ls -l /proc/" + id + "/fd";
-  std::cout << "Try run [" << command << "] on pipe" << std::endl;
+  OutputLine() << "Try run [" << command << "] on pipe";
   std::string const files = ExecSystemCmdThroughPipe(command);
-  std::cout << "Open files on pid " << id << " :" << std::endl;
-  std::cout << files << std::endl;
+  OutputLine() << "Open files on pid " << id << " :";
+  OutputLine() << files;
 }
 
 }  // namespace
