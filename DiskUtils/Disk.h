@@ -41,7 +41,7 @@ class QUELLON_EXPORT Disk : public CheckDisk {
   bool Mount();
 
   /// Unmounts by umount(2), then by force: 10 attempts 100 ms apart, each but the last failure
-  /// reported on standard error. True on success.
+  /// reported on standard error unless that takes nothing just now. True on success.
   bool Umount();
 
   /// True when `mountPoint` is a mount point: it lies on another device than its parent.

@@ -5,10 +5,10 @@
 #include <unistd.h>
 
 #include <chrono>
-#include <cstdio>
 #include <cstdlib>
 #include <thread>
 
+#include "DiskUtils/Complain.h"
 #include "DiskUtils/ForceUnmount.h"
 #include "RTC/Rtc.h"
 #include "base/Logger.h"
@@ -33,7 +33,7 @@ System::~System() = default;
 
 int System::UnmountAll() {
   Tarvik::Ilog::Logger::GetInstance()->Close();  // a file that is being written keeps "/" busy
-  if (chdir("/") != 0) std::perror("Unable to change dir to /");
+  if (chdir("/") != 0) DiskUtils::Complain("Unable to change dir to /");
   sync();
   if (umount("/") != 0) {
     std::this_thread::sleep_for(std::chrono::seconds(1));

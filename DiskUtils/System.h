@@ -10,8 +10,8 @@
 namespace Quellon {
 
 /// The device's system services. Messages go to standard output, and the errors of failed unmounts
-/// to standard error. Not locked: one thread at a time; `GetInstance` is called on one thread
-/// before any other calls it.
+/// to standard error, where they are lost rather than waited for. Not locked: one thread at a time;
+/// `GetInstance` is called on one thread before any other calls it.
 class QUELLON_EXPORT System {
  public:
   /// The one instance, made by the first call and never destroyed.
