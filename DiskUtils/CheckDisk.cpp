@@ -2,9 +2,9 @@
 
 #include <chrono>
 #include <cstdlib>
-#include <iostream>
 #include <thread>
 
+#include "base/OutputLine.h"
 #include "base/Retry.h"
 #include "base/Shell.h"
 
@@ -13,6 +13,7 @@ namespace Quellon::DiskUtils {
 namespace {
 
 using std::chrono::seconds;
+using Tarvik::OutputLine;
 
 std::string TextOf(char const* text) {
   return text == nullptr ? "" : text;
@@ -37,12 +38,12 @@ void PrintCheckResult(int code) {
                              : code == 32  ? "Fsck canceled by user request"
                              : code == 128 ? "Shared library error"
                                            : nullptr;
-  if (result != nullptr) std::cout << "FSCK output: " << result << std::endl;
+  if (result != nullptr) OutputLine() << "FSCK output: " << result;
 }
 
 void AnnounceReboot() {
-  std::cout << "fcsk requested system reboot..." << std::endl;
-  std::cout << "===================================>>> REBOOT " << std::endl;
+  OutputLine() << "fcsk requested system reboot...";
+  OutputLine() << "===================================>>> REBOOT ";
   std::this_thread::sleep_for(seconds(3));
 }
 
@@ -58,13 +59,13 @@ CheckDisk::~CheckDisk() = default;
 
 void CheckDisk::UnMount() {
   bool const unmounted = Succeeds("umount " + mountPoint);
-  std::cout << (unmounted ? "Unmount SD card success." : "Unmount SD card FAILED.") << std::endl;
+  OutputLine() << (unmounted ? "Unmount SD card success." : "Unmount SD card FAILED.");
 }
 
 void CheckDisk::Mount() {
   bool const mounted =
       Succeeds("mount -o noatime,nodiratime,data=writeback " + devicePath + " " + mountPoint);
-  std::cout << (mounted ? "Mount SD card success" : "Mount SD card FAILED.") << std::endl;
+  OutputLine() << (mounted ? "Mount SD card success" : "Mount SD card FAILED.");
 }
 
 int CheckDisk::DiskCheck() {

@@ -8,33 +8,40 @@
 #include <cerrno>
 #include <cmath>
 #include <exception>
-#include <iostream>
 #include <utility>
 
 #include "DiskUtils/ForceUnmount.h"
 #include "base/IException.h"
+#include "base/OutputLine.h"
 
 namespace Quellon::DiskUtils {
 
 using Tarvik::IException;
+using Tarvik::OutputLine;
 
 namespace {
 
 constexpr float kReserveRatio = 0.055F;
-constexpr std::int64_t kBytesPerMegabyte = 1048576;
+constexpr long long kBytesPerMegabyte = 1048576;
 
 bool Exists(std::string const& path) {
   return access(path.c_str(), F_OK) == 0;
 }
 
+// Takes the errno of the failed call before the exception is made, which asks for memory.
+[[noreturn]] void ThrowErrno(char const* complaint) {
+  int const error = errno;
+  throw IException(complaint, error);
+}
+
 dev_t DeviceOf(std::string const& path, char const* complaint) {
   struct stat status {};
-  if (stat(path.c_str(), &status) != 0) throw IException(complaint, errno);
+  if (stat(path.c_str(), &status) != 0) ThrowErrno(complaint);
   return status.st_dev;
 }
 
-double WholeMegabytes(std::int64_t bytes) {
-  std::int64_t const whole = bytes / kBytesPerMegabyte;
+double WholeMegabytes(long long bytes) {
+  long long const whole = bytes / kBytesPerMegabyte;
   return static_cast<double>(whole);
 }
 
@@ -49,7 +56,7 @@ Disk::Disk(std::string mountDirectory, std::string partition, std::string device
   try {
     Acquire();
   } catch (std::exception const& e) {
-    std::cout << "Disk exception " << e.what() << std::endl;
+    OutputLine() << "Disk exception " << e.what();
   }
 }
 
@@ -66,8 +73,8 @@ void Disk::Acquire() {
 }
 
 void Disk::PrintSpace() {
-  std::cout << "Disk " << mountPoint << " free sapce " << WholeMegabytes(freeBytes) << "MB from "
-            << WholeMegabytes(totalBytes) << "MB" << std::endl;
+  OutputLine() << "Disk " << mountPoint << " free sapce " << WholeMegabytes(freeBytes) << "MB from "
+               << WholeMegabytes(totalBytes) << "MB";
 }
 
 Disk::DeviceStatus& Disk::Status() {
@@ -109,10 +116,12 @@ bool Disk::Umount() {
 
 void Disk::LoadDiskInfo() {
   struct statvfs space {};
-  if (statvfs(mountPoint.c_str(), &space) != 0) throw IException("Get space stat error", errno);
-  auto const blockSize = static_cast<std::int64_t>(space.f_frsize);
-  totalBytes = static_cast<std::int64_t>(space.f_blocks) * blockSize;
-  freeBytes = static_cast<std::int64_t>(space.f_bfree) * blockSize;
+  if (statvfs(mountPoint.c_str(), &space) != 0) ThrowErrno("Get space stat error");
+  // Older kernels leave the unit of the counts out; it is the block size then.
+  auto const blockSize =
+      static_cast<long long>(space.f_frsize != 0 ? space.f_frsize : space.f_bsize);
+  totalBytes = static_cast<long long>(space.f_blocks) * blockSize;
+  freeBytes = static_cast<long long>(space.f_bfree) * blockSize;
   reserveBytes = std::llround(static_cast<float>(totalBytes) * reserveRatio);
 }
 

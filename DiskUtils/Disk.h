@@ -41,7 +41,7 @@ class QUELLON_EXPORT Disk : public CheckDisk {
   bool Mount();
 
   /// Unmounts by umount(2), then by force: 10 attempts 100 ms apart, each but the last failure
-  /// reported on standard error. True on success.
+  /// reported on standard error unless that takes nothing just now. True on success.
   bool Umount();
 
   /// True when `mountPoint` is a mount point: it lies on another device than its parent.
@@ -58,8 +58,10 @@ class QUELLON_EXPORT Disk : public CheckDisk {
 
   /// Proves the card: writes "check.tmp" to it, checks the file system and looks whether the file
   /// is still there. Returns with `available` true when the card passed; throws IException
-  /// otherwise. Once a card has lost the file, every card on this mount point is refused for the
-  /// rest of the process's life. The file is not read back: contents are not compared.
+  /// otherwise. Once a card has lost the file, or could not take it, every card on this mount point
+  /// is refused for the rest of the process's life. Whatever else lies in the place of the file is
+  /// removed; where it cannot be, the card could not take the file. The file is not read back:
+  /// neither contents nor a failed write are noticed.
   /// Refreshes the status entry, but not the space figures. Takes as long as the check.
   void ScanDisk();
 
@@ -95,13 +97,13 @@ class QUELLON_EXPORT Disk : public CheckDisk {
   /// The raw size in bytes of a block device such as "mmcblk1"; 0 when unknown.
   static unsigned long long getSDCardTotalSize(std::string device);
 
-  float reserveRatio;             ///< part of the card that recordings leave alone
-  std::string blockDevice;        ///< kernel name of the card, such as "mmcblk1"
-  bool available = false;         ///< the card may be used
-  SDCardInfoData sdCardInfo;      ///< the card's identity
-  std::int64_t freeBytes = 0;     ///< free bytes of the file system, the superuser's included
-  std::int64_t reserveBytes = 0;  ///< `totalBytes` times `reserveRatio`
-  std::int64_t totalBytes = 0;    ///< size of the file system
+  float reserveRatio;          ///< part of the card that recordings leave alone
+  std::string blockDevice;     ///< kernel name of the card, such as "mmcblk1"
+  bool available = false;      ///< the card may be used
+  SDCardInfoData sdCardInfo;   ///< the card's identity
+  long long freeBytes = 0;     ///< free bytes of the file system, the superuser's included
+  long long reserveBytes = 0;  ///< `totalBytes` times `reserveRatio`
+  long long totalBytes = 0;    ///< bytes of the file system
 
   /// The status of every mount point asked about so far, until the process ends.
   static std::map<std::string, DeviceStatus> deviceStatusList;
@@ -114,7 +116,7 @@ class QUELLON_EXPORT Disk : public CheckDisk {
   DeviceStatus& Status();
   void Acquire();
   void PrintSpace();
-  void WriteTestFile(std::string const& path);
+  bool WriteTestFile(std::string const& path);
   void RequireAvailable();
   void LoadLifetimeWrites();
 };

@@ -3,13 +3,16 @@
 
 #include <cstdlib>
 #include <fstream>
-#include <iostream>
 #include <locale>
 #include <sstream>
 
 #include "DiskUtils/Disk.h"
+#include "base/ByteFile.h"
+#include "base/OutputLine.h"
 
 namespace Quellon::DiskUtils {
+
+using Tarvik::OutputLine;
 
 namespace {
 
@@ -19,11 +22,11 @@ constexpr int kSectorShift = 9;  // the kernel counts sectors of 512 bytes, what
 
 std::string Disk::readSysFSProperty(std::string path) {
   if (access(path.c_str(), R_OK) != 0) {
-    std::cout << "ERR: [" << path << "] does not exist !" << std::endl;
+    OutputLine() << "ERR: [" << path << "] does not exist !";
     return {};
   }
   std::string word;
-  std::ifstream(path) >> word;
+  Tarvik::ByteFile<std::ifstream>(path) >> word;
   return word;
 }
 
@@ -55,15 +58,15 @@ unsigned long long Disk::getSDCardTotalSize(std::string device) {
 }
 
 void Disk::PrintInfo() {
-  std::cout << " Disk info:" << std::endl;
-  std::cout << " CID " << sdCardInfo.cid << std::endl;
-  std::cout << " CSD " << sdCardInfo.csd << std::endl;
-  std::cout << " Manfield " << sdCardInfo.manfid << std::endl;
-  std::cout << " Name " << sdCardInfo.name << std::endl;
-  std::cout << " OemId " << sdCardInfo.oemid << std::endl;
-  std::cout << " RO " << sdCardInfo.ro << std::endl;
-  std::cout << " Serial " << sdCardInfo.serial << std::endl;
-  std::cout << " Size " << sdCardInfo.size << std::endl;
+  OutputLine() << " Disk info:";
+  OutputLine() << " CID " << sdCardInfo.cid;
+  OutputLine() << " CSD " << sdCardInfo.csd;
+  OutputLine() << " Manfield " << sdCardInfo.manfid;
+  OutputLine() << " Name " << sdCardInfo.name;
+  OutputLine() << " OemId " << sdCardInfo.oemid;
+  OutputLine() << " RO " << sdCardInfo.ro;
+  OutputLine() << " Serial " << sdCardInfo.serial;
+  OutputLine() << " Size " << sdCardInfo.size;
 }
 
 }  // namespace Quellon::DiskUtils

@@ -2,27 +2,40 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdlib>
 #include <exception>
 #include <fstream>
-#include <iostream>
 #include <stdexcept>
 
 #include "DiskUtils/Disk.h"
+#include "base/ByteFile.h"
 #include "base/IException.h"
+#include "base/OutputLine.h"
 
 namespace Quellon::DiskUtils {
 
 using Tarvik::IException;
+using Tarvik::OutputLine;
 
 namespace {
 
-// A card's contents are anybody's: what is written must not go where a link leads, to a device, or
-// into a pipe, where it would wait for a reader.
-void RemoveUnlessRegular(std::string const& path) {
+bool IsRegularFile(std::string const& path) {
   struct stat status {};
-  bool const known = lstat(path.c_str(), &status) == 0;
-  if (known && !S_ISREG(status.st_mode)) unlink(path.c_str());
+  return lstat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode);
+}
+
+bool IsMissing(std::string const& path) {
+  struct stat status {};
+  return lstat(path.c_str(), &status) != 0 && errno == ENOENT;
+}
+
+// A card's contents are anybody's: what is written must not go where a link leads, to a device, or
+// into a pipe, where it would wait for a reader. Such a thing is removed if that can be done.
+bool CanTakeAFile(std::string const& path) {
+  if (IsMissing(path) || IsRegularFile(path)) return true;
+  unlink(path.c_str());
+  return IsMissing(path);
 }
 
 }  // namespace
@@ -32,10 +45,10 @@ void Disk::ScanDisk() {
   available = false;
 
   std::string const testFile = mountPoint + "check.tmp";
-  WriteTestFile(testFile);
+  bool const written = WriteTestFile(testFile);
   Status().fsckStatus = DiskCheck();
   if (!CheckDeviceStatus()) throw IException("Disk not present");
-  if (access(testFile.c_str(), F_OK) != 0) {
+  if (!written || !IsRegularFile(testFile)) {
     Status().malfunction = 1;
     throw IException("disk malfunction");
   }
@@ -50,15 +63,16 @@ void Disk::RequireAvailable() {
   if (!available || !Status().present) throw IException("The device is not available");
 }
 
-// A file that cannot be opened is no failure here: it will be missed after the check.
-void Disk::WriteTestFile(std::string const& path) {
-  RemoveUnlessRegular(path);
+// False for a file that could not be opened, which the card is refused for after the check.
+bool Disk::WriteTestFile(std::string const& path) {
+  if (!CanTakeAFile(path)) return false;
   try {
-    std::ofstream file(path, std::ios::trunc);
-    if (!file.is_open()) return;
+    Tarvik::ByteFile<std::ofstream> file(path, std::ios::trunc);
+    if (!file.is_open()) return false;
     file << "velmor" << std::flush;
     file.close();
     sync();
+    return true;
   } catch (...) {
     throw IException("Could not write test file");
   }
@@ -80,13 +94,13 @@ bool Disk::Fromat(bool check) {
     // Without the bad-block scan two blanks are left before "-L"; they do no harm.
     std::string const command = std::string("mkfs.ext4 -v -F -O ^has_journal ") +
                                 (check ? "-c" : "") + " -L storage " + devicePath;
-    std::cout << "Try format partition: " << command << std::endl;
+    OutputLine() << "Try format partition: " << command;
     if (std::system(command.c_str()) < 0) throw std::runtime_error("Unable to format");
-    std::cout << "Done format partition " << devicePath << " ext4" << std::endl;
+    OutputLine() << "Done format partition " << devicePath << " ext4";
     Mount();
     return true;
   } catch (std::exception const& e) {
-    std::cout << "ERROR: " << e.what() << std::endl;
+    OutputLine() << "ERROR: " << e.what();
     return false;
   }
 }

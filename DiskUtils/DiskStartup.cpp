@@ -1,13 +1,15 @@
 // Bringing the card into service, with a bounded number of reboots for a card that fails.
 #include <chrono>
 #include <exception>
-#include <iostream>
 #include <memory>
 #include <thread>
 
 #include "DiskUtils/System.h"
+#include "base/OutputLine.h"
 
 namespace Quellon {
+
+using Tarvik::OutputLine;
 
 namespace {
 
@@ -32,10 +34,10 @@ DiskUtils::Disk* System::InitDisk() {
 
 // False when the system has to carry on without the card.
 bool System::RebootForFailingDisk(char const* reason) {
-  std::cout << "Exception disk (0): " << reason << std::endl;
+  OutputLine() << "Exception disk (0): " << reason;
   int const counter = ReadSDCardStatusCounter();
   auto const printCounter = [](long long number, char const* end) {
-    std::cout << "Found SD card status counter " << number << " on file" << end << std::endl;
+    OutputLine() << "Found SD card status counter " << number << " on file" << end;
   };
   if (counter < 0) {
     printCounter(counter, ", passed limit");
@@ -43,7 +45,7 @@ bool System::RebootForFailingDisk(char const* reason) {
   }
   printCounter(counter, "");
   if (counter < kRebootLimit && SaveSDCardStatusCounter(counter + 1)) {
-    std::cout << "Done save counter, trigger reboot..." << std::endl;
+    OutputLine() << "Done save counter, trigger reboot...";
     Reboot();
     return true;
   }

@@ -4,8 +4,8 @@
 #include <unistd.h>
 
 #include <chrono>
-#include <cstdio>
 
+#include "DiskUtils/Complain.h"
 #include "base/Retry.h"
 
 namespace Quellon::DiskUtils {
@@ -13,7 +13,7 @@ namespace Quellon::DiskUtils {
 int ForceUnmount(char const* mountPoint, char const* complaint) {
   auto const unmountOrComplain = [=] {
     if (umount2(mountPoint, MNT_FORCE) == 0) return true;
-    std::perror(complaint);
+    Complain(complaint);
     sync();
     return false;
   };

@@ -1,14 +1,15 @@
 // The card's health report: on standard output for people, as JSON for other services.
 #include <cstdio>
 #include <ctime>
-#include <iostream>
 
 #include "DiskUtils/System.h"
+#include "base/OutputLine.h"
 
 namespace Quellon {
 
 namespace Json = Tarvik::Json;
 using DiskUtils::Disk;
+using Tarvik::OutputLine;
 
 namespace {
 
@@ -48,10 +49,10 @@ std::string System::GetHealthReport() const {
 void System::CheckClock() {
   if (time(nullptr) > kEpochNeighbourhood) return;
   healthStatus.status["rtc-have-been-reset"] = 1;
-  std::cout << std::endl;
-  std::cout << kRule << std::endl;
-  std::cout << "SYSTEM DATE/TIME CHANGED, RTC RESET DUE POWER OFF" << std::endl;
-  std::cout << kRule << std::endl;
+  OutputLine();
+  OutputLine() << kRule;
+  OutputLine() << "SYSTEM DATE/TIME CHANGED, RTC RESET DUE POWER OFF";
+  OutputLine() << kRule;
 }
 
 void System::PrintDiskReport(Disk::DeviceStatus const& card) const {
@@ -60,7 +61,7 @@ void System::PrintDiskReport(Disk::DeviceStatus const& card) const {
     std::printf(
         " size [%lld] B\n usable size [%lld] B \n writen [%lld] kB\n"
         " read only [%d]\n fcsk status [%d]\n cid [%s]\n",
-        static_cast<long long>(card.sizeBytes), static_cast<long long>(disk->totalBytes),
+        static_cast<long long>(card.sizeBytes), disk->totalBytes,
         static_cast<long long>(card.lifetimeWritesKB), static_cast<int>(card.readOnly),
         static_cast<int>(card.fsckStatus), card.cid);
   } else {

@@ -3,16 +3,19 @@
 
 #include <exception>
 #include <fstream>
-#include <iostream>
 #include <string>
 
 #include "DiskUtils/System.h"
+#include "base/ByteFile.h"
 #include "base/IException.h"
 #include "base/Json.h"
+#include "base/OutputLine.h"
 
 namespace Quellon {
 
 namespace Json = Tarvik::Json;
+using Tarvik::ByteFile;
+using Tarvik::OutputLine;
 
 namespace {
 
@@ -21,7 +24,7 @@ constexpr char const* kCounterKey = "sdcard-status-conter";  // as devices in th
 
 std::string ReadCounterFile() {
   // Opened to append as well, which makes the file when it is missing.
-  std::ifstream file(kCounterFile, std::ios::in | std::ios::app);
+  ByteFile<std::ifstream> file(kCounterFile, std::ios::in | std::ios::app);
   if (!file.is_open()) throw Tarvik::IException("sdcard status file cannot be open");
   file.exceptions(std::ios::badbit);  // a count that cannot be read must not pass for 0
   std::string text;
@@ -30,9 +33,9 @@ std::string ReadCounterFile() {
 }
 
 bool RemoveCounterFile() {
-  std::cout << "Remove sdcard status file" << std::endl;
+  OutputLine() << "Remove sdcard status file";
   if (access(kCounterFile, F_OK) != 0 || unlink(kCounterFile) == 0) return true;
-  std::cout << "Unable to remove sd card status file" << std::endl;
+  OutputLine() << "Unable to remove sd card status file";
   return false;
 }
 
@@ -53,9 +56,9 @@ int System::ReadSDCardStatusCounter() {
 
 bool System::SaveSDCardStatusCounter(int counter) {
   if (counter <= 0) return RemoveCounterFile();
-  std::cout << "Save sdcard status counter " << counter << " to file" << std::endl;
+  OutputLine() << "Save sdcard status counter " << counter << " to file";
   try {
-    std::ofstream file(kCounterFile, std::ios::trunc);
+    ByteFile<std::ofstream> file(kCounterFile, std::ios::trunc);
     // True all the same: a system that cannot save must still reboot for its card.
     if (!file.is_open()) return true;
     // On a full disk the count would be lost, and the reboots without end.

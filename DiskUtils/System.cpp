@@ -5,14 +5,14 @@
 #include <unistd.h>
 
 #include <chrono>
-#include <cstdio>
 #include <cstdlib>
-#include <iostream>
 #include <thread>
 
+#include "DiskUtils/Complain.h"
 #include "DiskUtils/ForceUnmount.h"
 #include "RTC/Rtc.h"
 #include "base/Logger.h"
+#include "base/OutputLine.h"
 #include "base/SystemClock.h"
 
 namespace Quellon {
@@ -25,7 +25,7 @@ System* System::GetInstance() {
 }
 
 System::System() {
-  std::cout << "start instance of system class " << std::endl;
+  Tarvik::OutputLine() << "start instance of system class ";
 }
 
 // The card object is left alone: the singleton lives as long as the process.
@@ -34,7 +34,7 @@ System::~System() = default;
 int System::UnmountAll() {
   // A file that is being written keeps "/" busy; but a line that goes nowhere must not stop this.
   static_cast<void>(Tarvik::Ilog::Logger::GetInstance()->Close());
-  if (chdir("/") != 0) std::perror("Unable to change dir to /");
+  if (chdir("/") != 0) DiskUtils::Complain("Unable to change dir to /");
   sync();
   if (umount("/") != 0) {
     std::this_thread::sleep_for(std::chrono::seconds(1));

@@ -10,8 +10,8 @@
 namespace Quellon {
 
 /// The device's system services. Messages go to standard output, and the errors of failed unmounts
-/// to standard error. Not locked: one thread at a time; `GetInstance` is called on one thread
-/// before any other calls it.
+/// to standard error, where they are lost rather than waited for. Not locked: one thread at a time;
+/// `GetInstance` is called on one thread before any other calls it.
 class QUELLON_EXPORT System {
  public:
   /// The one instance, made by the first call and never destroyed.
@@ -68,13 +68,13 @@ class QUELLON_EXPORT System {
   DiskUtils::Disk* disk = nullptr;  ///< the card; owned, null until `InitDisk` has made one
   bool diskFault = true;            ///< false once a scan has left the card available
 
+  static System* instance;  ///< what `GetInstance` gives; null before its first call
+
  private:
   bool RebootForFailingDisk(char const* reason);
   void CheckClock();
   void PrintDiskReport(DiskUtils::Disk::DeviceStatus const& card) const;
   void RecordHealth(DiskUtils::Disk::DeviceStatus const& card);
-
-  static System* instance;
 };
 
 }  // namespace Quellon

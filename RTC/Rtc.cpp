@@ -1,12 +1,12 @@
 #include "RTC/Rtc.h"
 
-#include <fcntl.h>
 #include <sys/ioctl.h>
 
 #include <cstdio>
 #include <ctime>
 #include <utility>
 
+#include "base/OpenFile.h"
 #include "base/SystemClock.h"
 #include "base/UniqueFd.h"
 
@@ -49,7 +49,7 @@ Rtc::Rtc(std::string path) : devicePath(std::move(path)), rtcTime{} {}
 Rtc::~Rtc() = default;
 
 bool Rtc::Load() {
-  Tarvik::UniqueFd const device(open(devicePath.c_str(), O_RDWR | O_CLOEXEC));
+  Tarvik::UniqueFd const device(Tarvik::OpenFile(devicePath.c_str(), O_RDWR));
   if (!device.IsOpen()) return false;
   rtcTime = {};
   return ioctl(device.Get(), RTC_RD_TIME, &rtcTime) == 0;
@@ -58,7 +58,7 @@ bool Rtc::Load() {
 bool Rtc::Set(long& seconds) {
   rtcTime = ToRtcTime(LocalTime(seconds));
   {
-    Tarvik::UniqueFd const device(open(devicePath.c_str(), O_RDWR | O_CLOEXEC));
+    Tarvik::UniqueFd const device(Tarvik::OpenFile(devicePath.c_str(), O_RDWR));
     if (!device.IsOpen() || ioctl(device.Get(), RTC_SET_TIME, &rtcTime) < 0) return false;
   }
   return SetSystemClock();

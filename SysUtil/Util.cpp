@@ -9,15 +9,20 @@
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
-#include <iostream>
 #include <memory>
 
+#include "base/ByteFile.h"
+#include "base/OpenFile.h"
+#include "base/OutputLine.h"
+#include "base/Restart.h"
 #include "base/Retry.h"
 #include "base/Shell.h"
 #include "base/UniqueDir.h"
 #include "base/UniqueFd.h"
 
 namespace Quellon::SysUtil {
+
+using Tarvik::OutputLine;
 
 namespace {
 
@@ -27,7 +32,7 @@ struct PipeCloser {
 using UniquePipe = std::unique_ptr<FILE, PipeCloser>;
 
 std::string FirstLineOf(std::string const& path) {
-  std::ifstream file(path);
+  Tarvik::ByteFile<std::ifstream> file(path);
   std::string line;
   std::getline(file, line);
   return line;
@@ -44,6 +49,16 @@ bool ProcessMatches(std::string const& processId, std::string const& processName
   return !commandLine.empty() && ProgramName(commandLine).find(processName) != std::string::npos;
 }
 
+// Past the pipe's stream, which stops at a signal and drops what it has read until then.
+bool AppendPiece(std::string& output, int fd) {
+  std::array<char, 1024> piece;
+  ssize_t const length =
+      Tarvik::RestartWhileInterrupted([&] { return read(fd, piece.data(), piece.size()); });
+  if (length <= 0) return false;
+  output.append(piece.data(), static_cast<std::size_t>(length));
+  return true;
+}
+
 void RunForRamdisk(char const* command, char const* failureFormat) {
   int const status = std::system(command);
   if (status >= 0) return;
@@ -54,16 +69,16 @@ void RunForRamdisk(char const* command, char const* failureFormat) {
 void DisplayOpenFilesOf(pid_t process) {
   std::string const id = std::to_string(process);
   std::string const command = "ls -l /proc/" + id + "/fd";
-  std::cout << "Try run [" << command << "] on pipe" << std::endl;
+  OutputLine() << "Try run [" << command << "] on pipe";
   std::string const files = ExecSystemCmdThroughPipe(command);
-  std::cout << "Open files on pid " << id << " :" << std::endl;
-  std::cout << files << std::endl;
+  OutputLine() << "Open files on pid " << id << " :";
+  OutputLine() << files;
 }
 
 }  // namespace
 
 bool ClearCache() {
-  Tarvik::UniqueFd const control(open("/proc/sys/vm/drop_caches", O_RDWR | O_CLOEXEC));
+  Tarvik::UniqueFd const control(Tarvik::OpenFile("/proc/sys/vm/drop_caches", O_RDWR));
   if (!control.IsOpen()) return false;
   int const attempt = Tarvik::Retry(4, std::chrono::milliseconds(100),
                                     [&] { return write(control.Get(), "3", 1) == 1; });
@@ -74,9 +89,10 @@ std::string ExecSystemCmdThroughPipe(std::string command) {
   std::string output;
   UniquePipe const pipe(popen(command.c_str(), "r"));
   if (pipe == nullptr) return output;
-  fcntl(fileno(pipe.get()), F_SETFD, FD_CLOEXEC);
-  std::array<char, 1024> piece;
-  while (std::fgets(piece.data(), piece.size(), pipe.get()) != nullptr) output += piece.data();
+  int const end = fileno(pipe.get());
+  fcntl(end, F_SETFD, FD_CLOEXEC);
+  while (AppendPiece(output, end)) {
+  }
   return output;
 }
 

@@ -13,9 +13,9 @@ namespace Quellon::SysUtil {
 /// taken. Needs root.
 QUELLON_EXPORT bool ClearCache();
 
-/// Runs `command` through the shell and returns all it wrote on its standard output; what was
-/// collected, possibly nothing, when it could not be run. The output is text: of a line that holds
-/// a NUL, what follows the NUL is lost. The command's exit status is ignored.
+/// Runs `command` through the shell and returns all the bytes it wrote on its standard output, none
+/// when it could not be started. Waits until the command has ended and nobody else has its output
+/// open; signals that arrive meanwhile change nothing. The command's exit status is ignored.
 QUELLON_EXPORT std::string ExecSystemCmdThroughPipe(std::string command);
 
 /// The id of the first process, in the order of "/proc", whose program name contains

@@ -1,6 +1,5 @@
 #include "Watchdog/Watchdog.h"
 
-#include <fcntl.h>
 #include <linux/watchdog.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
@@ -8,6 +7,7 @@
 #include <cstdint>
 
 #include "base/Logger.h"
+#include "base/OpenFile.h"
 
 namespace Quellon {
 
@@ -33,11 +33,11 @@ Watchdog::~Watchdog() {
 // Drivers allow one opener: a device that a failure left open is closed first.
 bool Watchdog::Open() {
   Close();
-  fd = open("/dev/watchdog", O_RDWR | O_CLOEXEC);
+  fd = Tarvik::OpenFile("/dev/watchdog", O_RDWR);
   return fd >= 0;
 }
 
-// Kept on purpose: 0 stands for closed, though a program without standard input is given it.
+// 0 stands for closed: no device gets this number, see OpenFile.
 bool Watchdog::Close() {
   if (fd < 1) return false;
   close(fd);

@@ -6,10 +6,11 @@
 namespace Quellon {
 
 /// Arms "/dev/watchdog" and kicks it. The device is opened for each operation and closed again,
-/// without the magic character, so closing never disarms the timer: once armed, the owner must
-/// call `Reset` well within `timeout` or the machine restarts. Messages go to the log. One thread
-/// at a time. Nothing is thrown for a failing device. Standard input must be open, if on /dev/null:
-/// descriptor 0 counts as closed, and a device that got it would never be kicked.
+/// without the magic character, so closing never disarms the timer; the kernel says so each time,
+/// "watchdog did not stop!", and that is meant. Once armed, the owner must call `Reset` well within
+/// `timeout` or the machine restarts: every half of it leaves room for a kick that comes late.
+/// Messages go to the log, a line for each kick. One thread at a time. Nothing is thrown for a
+/// failing device. A process without standard input, output or error may use it, too.
 /// Kernel interface: watchdog API, `WDIOC_SETTIMEOUT` and `WDIOC_GETTIMEOUT`.
 class QUELLON_EXPORT Watchdog {
  public:

@@ -1,21 +1,13 @@
 #include "base/ISemaphore.h"
 
 #include <algorithm>
-#include <cerrno>
 #include <ctime>
+
+#include "base/Restart.h"
 
 namespace Tarvik::Interfaces {
 
 namespace {
-
-template <typename Call>
-bool RestartedWhileInterrupted(Call call) noexcept {
-  int result;
-  do {
-    result = call();
-  } while (result != 0 && errno == EINTR);
-  return result == 0;
-}
 
 // A year at most: later deadlines do not fit everywhere, and nobody sees the difference.
 timespec MonotonicDeadline(std::chrono::milliseconds limit) noexcept {
@@ -45,17 +37,17 @@ void ISemaphore::Notify() noexcept {
 }
 
 void ISemaphore::Wait() noexcept {
-  RestartedWhileInterrupted([this] { return sem_wait(&semaphore); });
+  RestartWhileInterrupted([this] { return sem_wait(&semaphore); });
 }
 
 bool ISemaphore::TryWait() noexcept {
-  return RestartedWhileInterrupted([this] { return sem_trywait(&semaphore); });
+  return RestartWhileInterrupted([this] { return sem_trywait(&semaphore); }) == 0;
 }
 
 bool ISemaphore::WaitFor(std::chrono::milliseconds limit) noexcept {
   auto const deadline = MonotonicDeadline(limit);
-  return RestartedWhileInterrupted(
-      [&] { return sem_clockwait(&semaphore, CLOCK_MONOTONIC, &deadline); });
+  return RestartWhileInterrupted(
+             [&] { return sem_clockwait(&semaphore, CLOCK_MONOTONIC, &deadline); }) == 0;
 }
 
 }  // namespace Tarvik::Interfaces

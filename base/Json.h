@@ -133,7 +133,8 @@ class QUELLON_EXPORT Array {
 
 /// The JSON text of `value` on one line without blanks, keys ascending. Doubles are written in the
 /// shortest text that reads back as the same double, non-finite ones as null. Bytes that are not
-/// UTF-8 are replaced by U+FFFD, so that the result is always JSON.
+/// UTF-8 are replaced by U+FFFD, so that the result is always JSON; of members whose keys are equal
+/// then the last one stays.
 QUELLON_EXPORT std::string Serialize(Value const& value);
 
 /// Parses one JSON text (RFC 8259, UTF-8, nested 512 deep at most). Integers that fit an int become

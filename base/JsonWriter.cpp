@@ -13,6 +13,17 @@ namespace Tarvik::Json {
 namespace {
 
 constexpr std::size_t kUsualLength = 256;  // of a health summary, with some to spare
+constexpr std::string_view kReplacement = "\xEF\xBF\xBD";  // U+FFFD
+
+std::string AsUtf8(std::string_view bytes) {
+  std::string text;
+  while (!bytes.empty()) {
+    std::size_t const length = Utf8Length(bytes);
+    text += length == 0 ? kReplacement : bytes.substr(0, length);
+    bytes.remove_prefix(length == 0 ? 1 : length);
+  }
+  return text;
+}
 
 }  // namespace
 
@@ -20,13 +31,16 @@ class Writer {
  public:
   Writer() { text.reserve(kUsualLength); }
 
-  std::string Text(Value const& value) {
-    Append(value);
-    return std::move(text);
-  }
-
-  std::string Text(Object const& object) {
-    AppendHeld(object);
+  // Keys may be equal once bytes of them are replaced. That is so rare that nothing is done about
+  // it before it happens; then all is written anew.
+  template <typename Content>
+  std::string Text(Content const& content) {
+    Append(content);
+    if (keysWereReplaced) {
+      mergesKeys = true;
+      text.clear();
+      Append(content);
+    }
     return std::move(text);
   }
 
@@ -34,15 +48,21 @@ class Writer {
   void Append(Value const& value) {
     std::visit([this](auto const& held) { AppendHeld(held); }, value.held);
   }
+  void Append(Object const& object) { AppendHeld(object); }
 
   void AppendHeld(std::monostate) { text += "null"; }
   void AppendHeld(bool truth) { text += truth ? "true" : "false"; }
   void AppendHeld(int number) { AppendNumber(number); }
   void AppendHeld(double number);
-  void AppendHeld(std::string_view characters);
+  void AppendHeld(std::string_view characters) {
+    bool ignored = false;
+    AppendCharacters(characters, ignored);
+  }
   void AppendHeld(Object const& object);
   void AppendHeld(std::shared_ptr<Object const> const& object) { AppendHeld(*object); }
   void AppendHeld(std::shared_ptr<Array const> const& array);
+  void AppendMembers(Object const& object);
+  void AppendCharacters(std::string_view characters, bool& replaced);
   void AppendEscaped(char character);
 
   template <typename Number>
@@ -55,6 +75,8 @@ class Writer {
   }
 
   std::string text;
+  bool keysWereReplaced = false;
+  bool mergesKeys = false;
 };
 
 void Writer::AppendHeld(double number) {
@@ -66,7 +88,8 @@ void Writer::AppendHeld(double number) {
   if (AppendNumber(number).find_first_of(".e") == std::string_view::npos) text += ".0";
 }
 
-void Writer::AppendHeld(std::string_view characters) {
+// Sets `replaced` where bytes are replaced.
+void Writer::AppendCharacters(std::string_view characters, bool& replaced) {
   text += '"';
   while (!characters.empty()) {
     std::size_t const plain = PlainLength(characters);
@@ -75,7 +98,8 @@ void Writer::AppendHeld(std::string_view characters) {
     if (characters.empty()) break;
     std::size_t const length = Utf8Length(characters);
     if (length == 0) {
-      text += "\xEF\xBF\xBD";
+      text += kReplacement;
+      replaced = true;
     } else if (length == 1) {
       AppendEscaped(characters.front());
     } else {
@@ -99,11 +123,21 @@ void Writer::AppendEscaped(char character) {
 }
 
 void Writer::AppendHeld(Object const& object) {
+  if (!mergesKeys) {
+    AppendMembers(object);
+    return;
+  }
+  Object merged;
+  for (auto const& [key, value] : object) merged[AsUtf8(key)] = value;
+  AppendMembers(merged);
+}
+
+void Writer::AppendMembers(Object const& object) {
   char separator = '{';
   for (auto const& [key, value] : object) {
     text += separator;
     separator = ',';
-    AppendHeld(key);
+    AppendCharacters(key, keysWereReplaced);
     text += ':';
     Append(value);
   }

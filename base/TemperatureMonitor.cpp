@@ -2,8 +2,8 @@
 
 #include <chrono>
 #include <fstream>
-#include <locale>
 
+#include "base/ByteFile.h"
 #include "base/NoDestructor.h"
 
 namespace Tarvik::Util {
@@ -49,8 +49,7 @@ void TemperatureMonitor::Stopping() {
 
 void TemperatureMonitor::Read() {
   int milliCelsius = 0;
-  std::ifstream sensor(kSensor);
-  sensor.imbue(std::locale::classic());
+  ByteFile<std::ifstream> sensor(kSensor);
   bool const known = static_cast<bool>(sensor >> milliCelsius);
   if (known) temperature = milliCelsius / 1000;
   valid = known;

@@ -3,9 +3,10 @@
 
 #include <unistd.h>
 
-#include <cerrno>
 #include <cstddef>
 #include <string_view>
+
+#include "base/Restart.h"
 
 namespace Tarvik {
 
@@ -14,8 +15,9 @@ namespace Tarvik {
 inline std::size_t WriteAll(int fd, std::string_view text) noexcept {
   std::size_t done = 0;
   while (done < text.size()) {
-    ssize_t const written = write(fd, text.data() + done, text.size() - done);
-    if (written < 0 && errno == EINTR) continue;
+    std::string_view const rest = text.substr(done);
+    ssize_t const written =
+        RestartWhileInterrupted([&] { return write(fd, rest.data(), rest.size()); });
     if (written <= 0) break;
     done += static_cast<std::size_t>(written);
   }

@@ -1,8 +1,11 @@
 // The scan of a card: test file, check, repair, and whether it may be used.
 #include <gmock/gmock.h>
 #include <sys/mount.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
 
 #include <fstream>
+#include <functional>
 
 #include "tests/card/DiskFixture.h"
 #include "tests/support/Capture.h"
@@ -17,6 +20,17 @@ using testing::HasSubstr;
 using testing::StartsWith;
 
 constexpr char const* kLookAtTestFile = "debugfs -R 'cat check.tmp' /dev/mmcblk1p1 > /tmp/seen\n";
+
+class CraftedCard : public DiskTest {
+ protected:
+  /// Has `make` put something in the place of the test file, where nobody can remove it.
+  void PlantForGood(std::function<void(fs::path const& place)> const& make) {
+    card.Edit([&](fs::path const& root) {
+      make(root / "check.tmp");
+      RunQuietly("chattr +i " + root.string());
+    });
+  }
+};
 
 }  // namespace
 
@@ -139,6 +153,54 @@ TEST_F(DiskTest, CardThatMountsReadOnlyMissesTheTestFileAndIsRefused) {
 
   EXPECT_EQ(ScanFailure(disk), "disk malfunction");
   EXPECT_EQ(Status().malfunction, 1);
+}
+
+TEST_F(DiskTest, OldTestFileOnACardThatMountsReadOnlyCountsForNothing) {
+  Disk disk = MakeDiskOfInsertedCard();
+  std::ofstream("/mnt/sdcard/check.tmp") << "old";
+  ASSERT_EQ(mount(nullptr, mountPoint, nullptr, MS_REMOUNT | MS_RDONLY, nullptr), 0);
+  Capture::Descriptor output(1);
+
+  EXPECT_EQ(ScanFailure(disk), "disk malfunction");
+  EXPECT_EQ(TextOf("/mnt/sdcard/check.tmp"), "old");
+}
+
+TEST_F(CraftedCard, LinkThatCannotBeRemovedIsNotWrittenThrough) {
+  std::ofstream("/root/outside") << "outside";
+  PlantForGood([](fs::path const& place) { fs::create_symlink("/root/outside", place); });
+  Disk disk = MakeDiskOfInsertedCard();
+  Capture::Descriptor output(1);
+
+  EXPECT_EQ(ScanFailure(disk), "disk malfunction");
+  EXPECT_EQ(TextOf("/root/outside"), "outside");
+  fs::remove("/root/outside");
+}
+
+TEST_F(CraftedCard, LinkThatCannotBeRemovedMakesNoFileWhereItLeads) {
+  PlantForGood([](fs::path const& place) { fs::create_symlink("/root/made", place); });
+  Disk disk = MakeDiskOfInsertedCard();
+  Capture::Descriptor output(1);
+
+  EXPECT_EQ(ScanFailure(disk), "disk malfunction");
+  EXPECT_FALSE(fs::exists("/root/made"));
+}
+
+TEST_F(CraftedCard, PipeThatCannotBeRemovedDoesNotStopTheScan) {
+  PlantForGood([](fs::path const& place) { ASSERT_EQ(mkfifo(place.c_str(), 0600), 0); });
+  Disk disk = MakeDiskOfInsertedCard();
+  Capture::Descriptor output(1);
+
+  EXPECT_EQ(ScanFailure(disk), "disk malfunction");
+}
+
+TEST_F(CraftedCard, DeviceThatCannotBeRemovedIsNotTakenForTheTestFile) {
+  PlantForGood([](fs::path const& place) {
+    ASSERT_EQ(mknod(place.c_str(), S_IFCHR | 0600, makedev(1, 3)), 0);  // as /dev/null
+  });
+  Disk disk = MakeDiskOfInsertedCard();
+  Capture::Descriptor output(1);
+
+  EXPECT_EQ(ScanFailure(disk), "disk malfunction");
 }
 
 TEST_F(DiskTest, CardThatTurnsReadOnlyDuringTheScanIsNotAvailable) {

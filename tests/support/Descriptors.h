@@ -2,8 +2,10 @@
 #pragma once
 
 #include <fcntl.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <iterator>
 #include <vector>
 
@@ -35,6 +37,30 @@ class Watch {
 
  private:
   std::vector<int> before = Open();
+};
+
+/// While one exists, the process has neither standard input nor output nor error, as a service may
+/// be started. What a test then expects should wait for the end: nobody would read of a failure.
+class NoStandardOnes {
+ public:
+  NoStandardOnes() {
+    for (int fd = 0; fd < 3; ++fd) {
+      saved[static_cast<std::size_t>(fd)] = fcntl(fd, F_DUPFD_CLOEXEC, 3);
+      close(fd);
+    }
+  }
+  NoStandardOnes(NoStandardOnes const&) = delete;
+  NoStandardOnes& operator=(NoStandardOnes const&) = delete;
+  ~NoStandardOnes() {
+    for (int fd = 0; fd < 3; ++fd) {
+      int const kept = saved[static_cast<std::size_t>(fd)];
+      dup2(kept, fd);
+      close(kept);
+    }
+  }
+
+ private:
+  std::array<int, 3> saved{};
 };
 
 }  // namespace Descriptors

@@ -2,17 +2,22 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
 
 #include <cerrno>
 #include <utility>
+#include <vector>
 
 #include "base/NoDestructor.h"
+#include "base/OpenFile.h"
 #include "base/Retry.h"
 #include "base/Shell.h"
 #include "base/SystemClock.h"
 #include "base/UniqueDir.h"
 #include "base/UniqueFd.h"
 #include "base/Utf8.h"
+#include "tests/support/ChildProcess.h"
 #include "tests/support/Descriptors.h"
 #include "tests/support/Interpose.h"
 
@@ -112,6 +117,71 @@ TEST(UniqueFd, GivesUpItsDescriptorForNone) {
   fd = UniqueFd();
   EXPECT_FALSE(fd.IsOpen());
   EXPECT_THAT(watch.Opened(), IsEmpty());
+}
+
+TEST(OpenFile, OpensAsItIsToldAndKeepsTheDescriptorFromCommands) {
+  Interpose::MakeFile("/root/file", "");
+  UniqueFd const file(Tarvik::OpenFile("/root/file", O_WRONLY | O_APPEND));
+  EXPECT_TRUE(Descriptors::ClosesOnExec(file.Get()));
+  EXPECT_EQ(fcntl(file.Get(), F_GETFL) & (O_ACCMODE | O_APPEND), O_WRONLY | O_APPEND);
+}
+
+TEST(OpenFile, MakesAFileWithItsMode) {
+  Interpose::MakeFile("/root/other", "");
+  mode_t const before = umask(0);
+  UniqueFd const file(Tarvik::OpenFile("/root/file", O_WRONLY | O_CREAT | O_EXCL, 0640));
+  umask(before);
+  struct stat status {};
+  ASSERT_EQ(fstat(file.Get(), &status), 0);
+  EXPECT_EQ(status.st_mode & 07777, 0640U);
+}
+
+TEST(OpenFile, FailsWithTheErrorOfOpen) {
+  EXPECT_EQ(Tarvik::OpenFile("/root/missing", O_RDONLY), -1);
+  EXPECT_EQ(errno, ENOENT);
+}
+
+TEST(OpenFile, TakesNoStandardDescriptorThoughAllAreClosed) {
+  ChildProcess::Run([] {
+    Interpose::MakeFile("/root/file", "");
+    int opened = -1;
+    bool closesOnExec = false;
+    std::vector<int> open;
+    {
+      Descriptors::NoStandardOnes const none;
+      Descriptors::Watch const watch;
+      opened = Tarvik::OpenFile("/root/file", O_RDWR);
+      closesOnExec = Descriptors::ClosesOnExec(opened);
+      open = watch.Opened();
+    }
+    EXPECT_GT(opened, 2);
+    EXPECT_TRUE(closesOnExec);
+    EXPECT_THAT(open, ElementsAre(opened));
+  });
+}
+
+TEST(OpenFile, FailsWhereOnlyStandardDescriptorsAreLeft) {
+  ChildProcess::Run([] {
+    Interpose::MakeFile("/root/file", "");
+    int opened = 0;
+    int error = 0;
+    std::vector<int> open;
+    {
+      Descriptors::NoStandardOnes const none;
+      Descriptors::Watch const watch;
+      rlimit limit{};
+      getrlimit(RLIMIT_NOFILE, &limit);
+      rlimit const few{3, limit.rlim_max};
+      setrlimit(RLIMIT_NOFILE, &few);
+      opened = Tarvik::OpenFile("/root/file", O_RDWR);
+      error = errno;
+      setrlimit(RLIMIT_NOFILE, &limit);
+      open = watch.Opened();
+    }
+    EXPECT_EQ(opened, -1);
+    EXPECT_EQ(error, EINVAL);  // the limit itself is below what is asked for
+    EXPECT_THAT(open, IsEmpty());
+  });
 }
 
 TEST(UniqueDir, ClosesItsDirectory) {

@@ -1,6 +1,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <unistd.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
 
 #include <cerrno>
 #include <exception>
@@ -10,6 +12,7 @@
 
 #include "DiskUtils/Disk.h"
 #include "base/IException.h"
+#include "base/UniqueFd.h"
 #include "tests/support/Capture.h"
 #include "tests/support/Descriptors.h"
 #include "tests/support/FailingAllocation.h"
@@ -18,6 +21,7 @@
 
 namespace {
 
+namespace fs = std::filesystem;
 using Interpose::Answer;
 using Interpose::hooks;
 using Interpose::ReadFile;
@@ -114,10 +118,9 @@ TEST_F(DiskScan, ClosesTheTestFileBeforeItFlushesTheCard) {
   EXPECT_EQ(flushes, 1);
 }
 
-TEST_F(DiskScan, FindsATestFileThatItMayNotRead) {
-  hooks().access = [](std::string const& path, int mode) {
-    bool const readable = path != FakeCard::kTestFile || mode == F_OK;
-    return readable ? Answer::Success() : Answer::Failure(EACCES);
+TEST_F(DiskScan, FindsATestFileThatItMayNotOpen) {
+  hooks().access = [](std::string const& path, int) {
+    return path != FakeCard::kTestFile ? Answer::Success() : Answer::Failure(EACCES);
   };
   EXPECT_EQ(Scan(), "passed");
 }
@@ -170,11 +173,118 @@ TEST_F(DiskScan, CallsACardThatLosesTheTestFileAMalfunction) {
 
 TEST_F(DiskScan, ChecksACardThatCannotTakeTheTestFileAndCallsItAMalfunction) {
   Interpose::RemoveFile(FakeCard::kMountPoint);
-  card.duringCheck = [] { std::filesystem::create_directories(Interpose::Real("/mnt/sdcard/")); };
+  card.duringCheck = [] { fs::create_directories(Interpose::Real("/mnt/sdcard/")); };
   EXPECT_EQ(Scan(), "disk malfunction");
   EXPECT_EQ(output, kChecked);
   EXPECT_EQ(Trace().front(), "system umount /mnt/sdcard/");  // nothing written, nothing flushed
 }
+
+// As on a file system that is mounted read-only, or of a file that may not be changed.
+TEST_F(DiskScan, CallsACardAMalfunctionThatKeepsAnOldTestFileAndTakesNoNewOne) {
+  Interpose::MakeFile(FakeCard::kTestFile, "old");
+  hooks().faultAt = [](std::string const& function, std::string const& path) {
+    bool const fails = function == "fopen" && path == FakeCard::kTestFile;
+    return fails ? std::optional(EROFS) : std::nullopt;
+  };
+  EXPECT_EQ(Scan(), "disk malfunction");
+  EXPECT_EQ(output, kChecked);
+  EXPECT_FALSE(disk->available);
+  EXPECT_EQ(FakeCard::Status().malfunction, 1);
+  EXPECT_EQ(ReadFile(FakeCard::kTestFile), "old");
+}
+
+constexpr char const* kOutside = "/root/outside";
+
+/// What somebody may put in the place of the test file.
+struct Thing {
+  char const* name;
+  void (*make)(std::string const& path);
+};
+
+class InPlaceOfTheTestFile : public DiskScan, public testing::WithParamInterface<Thing> {
+ protected:
+  InPlaceOfTheTestFile() {
+    Interpose::MakeFile(kOutside, "outside");
+    hooks().faultAt = [this](std::string const& function, std::string const& path) {
+      if (function == "fopen" && path == FakeCard::kTestFile) ++opened;
+      return std::optional<int>();
+    };
+  }
+
+  static void Put() { GetParam().make(Interpose::Real(FakeCard::kTestFile)); }
+
+  int opened = 0;
+};
+
+TEST_P(InPlaceOfTheTestFile, IsNotOpenedWhereItCannotBeRemoved) {
+  Put();
+  hooks().unlink = [](auto&&) { return Answer::Failure(EPERM); };
+  EXPECT_EQ(Scan(), "disk malfunction");
+  EXPECT_EQ(output, kChecked);
+  EXPECT_EQ(opened, 0);
+  EXPECT_EQ(Trace().front(), "unlink /mnt/sdcard/check.tmp");
+  EXPECT_EQ(Trace()[1], "system umount /mnt/sdcard/");  // nothing was flushed
+  EXPECT_EQ(FakeCard::Status().malfunction, 1);
+  EXPECT_EQ(ReadFile(kOutside), "outside");
+  EXPECT_FALSE(fs::exists(Interpose::Real("/root/nowhere")));
+}
+
+TEST_P(InPlaceOfTheTestFile, IsNotOpenedWhenItsRemovalIsOnlyPretended) {
+  Put();
+  hooks().unlink = [](auto&&) { return Answer::Success(); };
+  EXPECT_EQ(Scan(), "disk malfunction");
+  EXPECT_EQ(opened, 0);
+}
+
+TEST_P(InPlaceOfTheTestFile, IsNotTakenForItAfterTheCheck) {
+  card.duringCheck = [] {
+    Interpose::RemoveFile(FakeCard::kTestFile);
+    Put();
+  };
+  EXPECT_EQ(Scan(), "disk malfunction");
+  EXPECT_EQ(opened, 1);
+}
+
+TEST_P(InPlaceOfTheTestFile, IsNotOpenedWhileNobodyCanTellWhatItIs) {
+  Put();
+  hooks().lstat = [](auto&&...) { return Answer::Failure(EIO); };
+  EXPECT_EQ(Scan(), "disk malfunction");
+  EXPECT_EQ(opened, 0);
+}
+
+TEST_P(InPlaceOfTheTestFile, IsRemovedUnlessItIsADirectory) {
+  Put();
+  bool const isDirectory = std::string(GetParam().name) == "ADirectory";
+  EXPECT_EQ(Scan(), isDirectory ? "disk malfunction" : "passed");
+  EXPECT_EQ(opened, isDirectory ? 0 : 1);
+  EXPECT_EQ(FakeCard::HasTestFile(), isDirectory);
+  EXPECT_EQ(ReadFile(kOutside), "outside");
+}
+
+void MakeSocket(std::string const& path) {
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  ASSERT_LT(path.size(), sizeof address.sun_path);
+  path.copy(address.sun_path, path.size());
+  Tarvik::UniqueFd const listener(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  ASSERT_EQ(bind(listener.Get(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Things, InPlaceOfTheTestFile,
+    testing::Values(
+        Thing{"APipe", [](std::string const& path) { mkfifo(path.c_str(), 0600); }},
+        Thing{"ASocket", MakeSocket},
+        Thing{"ADirectory", [](std::string const& path) { fs::create_directory(path); }},
+        Thing{"ALink",
+              [](std::string const& path) { fs::create_symlink(Interpose::Real(kOutside), path); }},
+        Thing{"ALinkToADirectory",
+              [](std::string const& path) { fs::create_directory_symlink("/", path); }},
+        Thing{"ALinkThatLeadsNowhere",
+              [](std::string const& path) {
+                fs::create_symlink(Interpose::Real("/root/nowhere"), path);
+              }}),
+    [](auto const& instance) { return instance.param.name; });
 
 TEST_F(DiskScan, HasLaterDisksRefuseTheCardForGood) {
   card.duringCheck = [] { Interpose::RemoveFile(FakeCard::kTestFile); };

@@ -20,6 +20,21 @@
 #include "tests/support/FakeCard.h"
 #include "tests/support/Interpose.h"
 #include "tests/support/LastException.h"
+#include "tests/support/LogFile.h"
+#include "tests/support/TheReal.h"
+
+namespace {
+
+int errnoAfterAllocating = 0;  ///< unless it is 0, what making an exception leaves behind
+
+}  // namespace
+
+extern "C" void* __cxa_allocate_exception(std::size_t size) noexcept {
+  static auto* const next = TheReal<void*(std::size_t)>("__cxa_allocate_exception");
+  void* const memory = next(size);
+  if (errnoAfterAllocating != 0) errno = errnoAfterAllocating;
+  return memory;
+}
 
 namespace {
 
@@ -271,6 +286,18 @@ TEST_F(DiskTest, ThrowsTheErrnoOfTheStatThatFailed) {
   EXPECT_EQ(second.code, ENOTDIR);
 }
 
+TEST_F(DiskTest, ThrowsTheErrnoOfTheFailedCallThoughMakingTheExceptionChangesIt) {
+  Make();
+  errnoAfterAllocating = ENOMEM;
+  StatFails("/mnt/sdcard/", EACCES);
+  EXPECT_EQ(Thrown([&] { disk->CheckDiskPresence(); }).code, EACCES);
+  StatFails("/mnt/sdcard/..", ENOTDIR);
+  EXPECT_EQ(Thrown([&] { disk->CheckDiskPresence(); }).code, ENOTDIR);
+  hooks().statvfs = [](auto&&...) { return Answer::Failure(EIO); };
+  EXPECT_EQ(Thrown([&] { disk->LoadDiskInfo(); }).code, EIO);
+  errnoAfterAllocating = 0;
+}
+
 TEST_F(DiskTest, ThrowsTheErrnoOfTheMeasurementAndKeepsItsFigures) {
   Make();
   hooks().statvfs = [](auto&&...) { return Answer::Failure(ENOSYS); };
@@ -309,6 +336,28 @@ TEST_F(DiskTest, MeasuresCardsBeyond32Bits) {
   EXPECT_EQ(Make(), "Disk /mnt/sdcard/ free sapce 1.67772e+07MB from 1.67772e+07MB\n");
   EXPECT_EQ(disk->totalBytes, 17592186040320);
   EXPECT_EQ(disk->freeBytes, 17592186036224);
+}
+
+TEST_F(DiskTest, MeasuresInBlocksWhereTheKernelNamesNoOtherUnit) {
+  card.space.f_frsize = 0;
+  card.space.f_bsize = 4096;
+  EXPECT_EQ(Make(), kSpaceLine);
+  EXPECT_EQ(disk->totalBytes, 12288000000);
+  EXPECT_EQ(disk->freeBytes, 4096000000);
+  EXPECT_EQ(disk->reserveBytes, 675840000);
+}
+
+TEST_F(DiskTest, HasFiguresThatAreLoggedAsNumbers) {
+  Make();
+  LogFile::BeginAnew();
+  Capture::Output([this] {
+    Tarvik::Ilog::LogLine(Tarvik::Ilog::Info)
+        << "free " << disk->freeBytes << " reserve " << disk->reserveBytes << " total "
+        << disk->totalBytes;
+  });
+  EXPECT_THAT(Interpose::ReadFile(LogFile::kPath),
+              testing::EndsWith("free 4096000000 reserve 675840000 total 12288000000\n"));
+  Tarvik::Ilog::Logger::GetInstance()->Close();
 }
 
 TEST_F(DiskTest, PrintsLessThanAMegabyteAsZero) {

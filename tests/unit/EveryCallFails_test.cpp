@@ -102,7 +102,7 @@ TEST(EveryCallFails, WhileAGoodCardIsStarted) {
        {"access /dev/mmcblk1p1 (2): *", "Disk not present; refused, state 3, check 0" + known},
        {"stat /mnt/sdcard/ (2): *", "Stat error (1); refused, state 3, check 0" + known},
        {"stat /mnt/sdcard/.. (2): *", "Stat error (2); refused, state 3, check 0" + known},
-       {"access *check.tmp *", "disk malfunction; refused, state 1, check 0" + known},
+       {"lstat *check.tmp (2): *", "disk malfunction; refused, state 1, check 0" + known},
        // The identity is read twice; what is unknown the second time is unknown.
        {"fclose *", kNoHarm},
        {"* /sys/block/mmcblk1/device/cid (2): *", served + "0, size, writes"},

@@ -75,9 +75,9 @@ static_assert(is_same_v<decltype(Disk::reserveRatio), float> && sizeof(float) ==
 static_assert(is_same_v<decltype(Disk::blockDevice), string>);
 static_assert(is_same_v<decltype(Disk::available), bool>);
 static_assert(is_same_v<decltype(Disk::sdCardInfo), Data>);
-static_assert(is_same_v<decltype(Disk::freeBytes), std::int64_t>);
-static_assert(is_same_v<decltype(Disk::reserveBytes), std::int64_t>);
-static_assert(is_same_v<decltype(Disk::totalBytes), std::int64_t>);
+static_assert(is_same_v<decltype(Disk::freeBytes), long long> && sizeof(long long) == 8);
+static_assert(is_same_v<decltype(Disk::reserveBytes), long long>);
+static_assert(is_same_v<decltype(Disk::totalBytes), long long>);
 static_assert(is_same_v<decltype(Disk::deviceStatusList), std::map<string, Disk::DeviceStatus>>);
 
 using Status = Disk::DeviceStatus;
@@ -119,6 +119,7 @@ static_assert(is_same_v<decltype(&System::SetRTC), bool (System::*)(long&)>);
 static_assert(is_same_v<decltype(System::healthStatus), HealthStatus>);
 static_assert(is_same_v<decltype(System::disk), Disk*>);
 static_assert(is_same_v<decltype(System::diskFault), bool>);
+static_assert(is_same_v<decltype(&System::instance), System**>, "a static field");
 
 using Quellon::FileUtils::Ifile;
 static_assert(std::has_virtual_destructor_v<Ifile> && std::is_default_constructible_v<Ifile>);

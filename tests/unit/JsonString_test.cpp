@@ -189,6 +189,46 @@ TEST(JsonString, BytesThatAreNotUtf8AreWrittenAsReplacementCharacters) {
   EXPECT_EQ(Serialize(Value(object)), "{\"\xEF\xBF\xBD\":1}");
 }
 
+TEST(JsonString, KeysThatReplacementMakesEqualAreOneMemberTheLast) {
+  Object object;
+  object["\x80"] = 1;
+  object["\x80 more"] = 2;
+  object["\xEF\xBF\xBD"] = 3;
+  object["\xFE more"] = 4;
+  object["\xFF"] = 5;
+  object["\xFF\xFF"] = 6;
+  object["a"] = 7;
+  std::string const written =
+      "{\"a\":7,\"\xEF\xBF\xBD\":5,\"\xEF\xBF\xBD more\":4,\"\xEF\xBF\xBD\xEF\xBF\xBD\":6}";
+  EXPECT_EQ(object.ToText(), written);
+  EXPECT_EQ(Serialize(Value(object)), written);
+  EXPECT_EQ(Serialize(Deserialize(written)), written);
+  EXPECT_EQ(object.Size(), 7U) << "the object stays as it is";
+}
+
+TEST(JsonString, KeysThatReplacementMakesEqualAreOneMemberHoweverDeep) {
+  Object inner;
+  inner["\xC0"] = "lost";
+  inner["\xC1"] = "kept";
+  Array list;
+  list.Add(inner);
+  Object outer;
+  outer["\xC3\xA4"] = list;
+  EXPECT_EQ(outer.ToText(), "{\"\xC3\xA4\":[{\"\xEF\xBF\xBD\":\"kept\"}]}");
+}
+
+// Doubled work at each level would take longer than the universe has been there.
+TEST(JsonString, KeysAreReplacedInLittleTimeHoweverDeep) {
+  Value nested("end");
+  for (int depth = 0; depth < 500; ++depth) {
+    Object object;
+    object["a"] = nested;
+    object["\xFF"] = depth;
+    nested = object;
+  }
+  EXPECT_EQ(Serialize(nested).substr(0, 10), "{\"a\":{\"a\":");
+}
+
 TEST(JsonString, ValuesAreWrittenOnOneLineWithoutBlanksKeysAscending) {
   Array list;
   list.Add(Value());

@@ -13,8 +13,10 @@
 #include <optional>
 #include <string>
 #include <type_traits>
+#include <vector>
 
 #include "tests/support/Capture.h"
+#include "tests/support/ChildProcess.h"
 #include "tests/support/Descriptors.h"
 #include "tests/support/Interpose.h"
 
@@ -152,6 +154,25 @@ TEST_F(RtcTest, OpensTheDeviceForReadingAndWritingAndKeepsItFromCommands) {
   rtc.Load();
   rtc.Set(seconds);
   EXPECT_EQ(requests, 2);
+}
+
+TEST_F(RtcTest, NeverHasAStandardDescriptorForItsDevice) {
+  ChildProcess::Run([this] {
+    std::vector<int> opened;
+    {
+      Descriptors::NoStandardOnes const none;
+      Descriptors::Watch const watch;
+      Interpose::MakeFile(kDevice, "");
+      hooks().ioctl = [&](unsigned long, void*) {
+        for (int const fd : watch.Opened()) opened.push_back(fd);
+        return Answer::Success();
+      };
+      long seconds = kTimeInUtc;
+      rtc.Load();
+      rtc.Set(seconds);
+    }
+    EXPECT_THAT(opened, ElementsAre(testing::Gt(2), testing::Gt(2)));
+  });
 }
 
 TEST_F(RtcTest, SetsTheClockAndThenTheSystemClock) {

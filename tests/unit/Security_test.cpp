@@ -192,10 +192,26 @@ TEST_F(Start, APipeInThePlaceOfTheTestFileDoesNotStopTheStart) {
   EXPECT_FALSE(FakeCard::HasTestFile());
 }
 
-TEST_F(Start, ADirectoryInThePlaceOfTheTestFileIsLeft) {
+TEST_F(Start, ADirectoryInThePlaceOfTheTestFileIsLeftAndTheCardRefused) {
   fs::create_directory(Interpose::Real(FakeCard::kTestFile));
   InitDisk();
   EXPECT_TRUE(FakeCard::HasTestFile());
+  EXPECT_EQ(FakeCard::Status().malfunction, 1);
+}
+
+TEST_F(Start, ALinkThatCannotBeRemovedIsNotWrittenThrough) {
+  fs::create_symlink(Interpose::Real(kOutside), Interpose::Real(FakeCard::kTestFile));
+  Interpose::hooks().unlink = [](auto&&) { return Interpose::Answer::Failure(EPERM); };
+  InitDisk();
+  EXPECT_EQ(FakeCard::Status().malfunction, 1);
+  EXPECT_EQ(Interpose::ReadFile(kOutside), "outside");
+}
+
+TEST_F(Start, APipeThatCannotBeRemovedDoesNotStopTheStart) {
+  ASSERT_EQ(mkfifo(Interpose::Real(FakeCard::kTestFile).c_str(), 0600), 0);
+  Interpose::hooks().unlink = [](auto&&) { return Interpose::Answer::Failure(EROFS); };
+  InitDisk();
+  EXPECT_EQ(FakeCard::Status().malfunction, 1);
 }
 
 TEST_F(Start, FilesAreMadeForTheirOwnerToWriteAndAllToRead) {

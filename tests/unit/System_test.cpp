@@ -1,11 +1,14 @@
 #include "DiskUtils/System.h"
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <linux/rtc.h>
 #include <sys/mount.h>
 #include <sys/reboot.h>
+#include <unistd.h>
 
+#include <array>
 #include <cerrno>
 #include <chrono>
 #include <filesystem>
@@ -93,6 +96,16 @@ TEST(SystemClass, GivesTheSameInstanceTwiceAndAnnouncesItOnce) {
         Capture::Output([] { EXPECT_EQ(System::GetInstance(), System::GetInstance()); });
     EXPECT_EQ(output, "start instance of system class \n");
     EXPECT_EQ(System::GetInstance()->disk, nullptr);
+  });
+}
+
+TEST(SystemClass, HasNoInstanceBeforeItIsAskedForOne) {
+  ChildProcess::Run([] {
+    EXPECT_EQ(System::instance, nullptr);
+    System* given = nullptr;
+    Capture::Output([&] { given = System::GetInstance(); });
+    EXPECT_EQ(System::instance, given);
+    EXPECT_NE(given, nullptr);
   });
 }
 
@@ -236,6 +249,58 @@ TEST_F(SystemTest, PausesInFullThoughSignalsArrive) {
   EXPECT_THAT(Interpose::Traced("sleep"),
               ElementsAre(Sleep(750ms), Sleep(250ms), Sleep(75ms), Sleep(25ms)));
 }
+
+/// While one exists, standard error is a pipe that nobody reads, full or without a reader.
+class DeafStandardError {
+ public:
+  enum Kind { Full, Closed };
+
+  explicit DeafStandardError(Kind kind) : saved(dup(STDERR_FILENO)) {
+    EXPECT_EQ(pipe2(ends.data(), O_CLOEXEC | O_NONBLOCK), 0);
+    std::array<char, 4096> const block{};
+    while (kind == Full && write(ends[1], block.data(), block.size()) > 0) {
+    }
+    if (kind == Closed) close(ends[0]);
+    fcntl(ends[1], F_SETFL, 0);  // as others' pipes are: writing to it waits
+    dup2(ends[1], STDERR_FILENO);
+  }
+  DeafStandardError(DeafStandardError const&) = delete;
+  DeafStandardError& operator=(DeafStandardError const&) = delete;
+  ~DeafStandardError() {
+    dup2(saved, STDERR_FILENO);
+    close(saved);
+  }
+
+ private:
+  std::array<int, 2> ends{};
+  int saved;
+};
+
+class DeafStandardErrorTest : public SystemTest,
+                              public testing::WithParamInterface<DeafStandardError::Kind> {};
+
+// In a child process, which ends by a signal if it waits, or writes where nobody reads.
+TEST_P(DeafStandardErrorTest, KeepsNothingFromBeingUnmounted) {
+  ChildProcess::Run([this] {
+    alarm(20);
+    hooks().chdir = [](auto&&) { return Answer::Failure(EACCES); };
+    hooks().reboot = [](int) { return Answer::Success(); };
+    int result = -1;
+    bool unmounted = true;
+    {
+      DeafStandardError const deaf(GetParam());
+      result = system.Reboot();
+      unmounted = Quellon::DiskUtils::Disk(kCard, "/dev/mmcblk1p1", "mmcblk1").Umount();
+    }
+    EXPECT_EQ(result, 0);
+    EXPECT_FALSE(unmounted);
+    EXPECT_THAT(Interpose::Traced("umount2"), testing::SizeIs(30));
+    EXPECT_THAT(Interpose::Traced("reboot"), testing::SizeIs(1));
+  });
+}
+
+INSTANTIATE_TEST_SUITE_P(Pipes, DeafStandardErrorTest,
+                         testing::Values(DeafStandardError::Full, DeafStandardError::Closed));
 
 TEST_F(SystemTest, RebootsByCommandThenUnmountsAndHasTheKernelRestart) {
   EveryUnmountSucceeds();

@@ -7,6 +7,7 @@
 
 #include <cerrno>
 #include <chrono>
+#include <csignal>
 #include <cstdio>
 #include <functional>
 #include <new>
@@ -15,6 +16,7 @@
 #include <vector>
 
 #include "tests/support/Capture.h"
+#include "tests/support/ChildProcess.h"
 #include "tests/support/Descriptors.h"
 #include "tests/support/FailingAllocation.h"
 #include "tests/support/Interpose.h"
@@ -24,14 +26,17 @@ namespace {
 
 std::function<FILE*(std::string const&)> pipeAnswers;  ///< instead of running the command
 std::vector<std::string> pipeModes;
-std::function<void(FILE*, int)> beforeReading;  ///< told the stream and the room for the piece
+std::function<int(int fd)> beforeReading;  ///< told the descriptor; the `errno` of a failure, or 0
 
 }  // namespace
 
-extern "C" char* fgets(char* piece, int size, FILE* stream) {
-  if (beforeReading) beforeReading(stream, size);
-  static auto* const next = TheReal<decltype(fgets)>("fgets");
-  return next(piece, size, stream);
+extern "C" ssize_t read(int fd, void* data, std::size_t length) {
+  if (int const error = beforeReading ? beforeReading(fd) : 0; error != 0) {
+    errno = error;
+    return -1;
+  }
+  static auto* const next = TheReal<decltype(read)>("read");
+  return next(fd, data, length);
 }
 
 extern "C" FILE* popen(char const* command, char const* mode) {
@@ -125,6 +130,23 @@ TEST_F(ClearCacheTest, GivesUpWithoutAWord) {
   EXPECT_EQ(Capture::AllOutput([] { EXPECT_FALSE(ClearCache()); }), "");
 }
 
+TEST_F(ClearCacheTest, NeverHasAStandardDescriptorForTheControl) {
+  ChildProcess::Run([] {
+    bool cleared = false;
+    std::optional<int> control;
+    {
+      Descriptors::NoStandardOnes const none;
+      hooks().write = [&](int fd, auto&&...) -> std::optional<ssize_t> {
+        control = fd;
+        return std::nullopt;
+      };
+      cleared = ClearCache();
+    }
+    EXPECT_TRUE(cleared);
+    EXPECT_TRUE(control && *control > 2);  // the hook is not asked about others
+  });
+}
+
 TEST_F(ClearCacheTest, TakesAWriteOfNothingForAFailure) {
   KernelTakesAttempt(0, 0);
   EXPECT_FALSE(ClearCache());
@@ -175,20 +197,59 @@ TEST_F(UtilTest, ReturnsLongLinesWhole) {
   }
 }
 
-TEST_F(UtilTest, ReadsPiecesOf1023BytesAndKeepsThePipeFromOtherCommands) {
+TEST_F(UtilTest, ReturnsEveryByteNulsToo) {
+  EXPECT_EQ(ExecSystemCmdThroughPipe("printf 'one\\0two\\n\\0\\0three'"),
+            std::string("one\0two\n\0\0three", 15));
+}
+
+TEST_F(UtilTest, KeepsThePipeFromOtherCommands) {
   int pieces = 0;
-  beforeReading = [&](FILE* pipe, int size) {
+  beforeReading = [&](int fd) {
     ++pieces;
-    EXPECT_EQ(size, 1024);
-    EXPECT_TRUE(Descriptors::ClosesOnExec(fileno(pipe)));
+    EXPECT_TRUE(Descriptors::ClosesOnExec(fd));
+    return 0;
   };
-  ExecSystemCmdThroughPipe("head -c 2046 /dev/zero | tr '\\0' x");
-  EXPECT_EQ(pieces, 3);
+  ExecSystemCmdThroughPipe("echo one");
+  EXPECT_EQ(pieces, 2);
+}
+
+TEST_F(UtilTest, ReturnsAllThoughASignalInterruptsEachPiece) {
+  int reads = 0;
+  beforeReading = [&](int) { return ++reads % 3 == 0 ? 0 : EINTR; };
+  EXPECT_EQ(ExecSystemCmdThroughPipe("head -c 5000 /dev/zero | tr '\\0' x; echo end"),
+            std::string(5000, 'x') + "end\n");
+}
+
+TEST_F(UtilTest, ReturnsWhatItHasWhenThePipeFails) {
+  int reads = 0;
+  beforeReading = [&](int) { return ++reads == 2 ? EIO : 0; };
+  EXPECT_EQ(ExecSystemCmdThroughPipe("echo one"), "one\n");
+  EXPECT_EQ(reads, 2);
+}
+
+// The command writes once this process waits for it, and again after the signal.
+TEST_F(UtilTest, ReturnsAllThoughARealSignalArrivesWhileItWaits) {
+  static int arrived;
+  arrived = 0;
+  struct sigaction count {};
+  count.sa_handler = [](int) { ++arrived; };  // without SA_RESTART
+  struct sigaction before {};
+  sigaction(SIGUSR1, &count, &before);
+  EXPECT_EQ(ExecSystemCmdThroughPipe("waits() { grep -q '^State:.S' /proc/$PPID/status; }\n"
+                                     "printf 'no end'\n"
+                                     "until waits; do :; done; kill -USR1 $PPID\n"
+                                     "until waits; do :; done; echo ', and more'"),
+            "no end, and more\n");
+  sigaction(SIGUSR1, &before, nullptr);
+  EXPECT_EQ(arrived, 1);
 }
 
 TEST_F(UtilTest, ClosesThePipeWhenMemoryRunsOut) {
   std::optional<FailingAllocation> allocation;
-  beforeReading = [&](auto&&...) { allocation.emplace(1); };
+  beforeReading = [&](auto&&...) {
+    if (!allocation) allocation.emplace(1);
+    return 0;
+  };
   EXPECT_THROW(ExecSystemCmdThroughPipe("echo one line that takes memory of its own"),
                std::bad_alloc);
   EXPECT_THAT(descriptors.Opened(), IsEmpty());

@@ -15,6 +15,7 @@
 
 #include "base/Logger.h"
 #include "tests/support/Capture.h"
+#include "tests/support/ChildProcess.h"
 #include "tests/support/Descriptors.h"
 #include "tests/support/Interpose.h"
 #include "tests/support/LogFile.h"
@@ -306,6 +307,30 @@ TEST_F(WatchdogTest, ArmsAgainWithoutKeepingTheDescriptorThatWasLeftOpen) {
   Capture::Output([&] { EXPECT_TRUE(watchdog.Init()); });
   EXPECT_EQ(watchdog.fd, 0);
   EXPECT_THAT(descriptors.Opened(), IsEmpty());
+}
+
+TEST_F(WatchdogTest, IsArmedAndKickedInAProcessWithoutStandardDescriptors) {
+  ChildProcess::Run([] {
+    std::vector<int> armed;
+    std::vector<int> left;
+    bool kicked = false;
+    {
+      Descriptors::NoStandardOnes const none;
+      Descriptors::Watch const watch;
+      Interpose::MakeFile(kDevice, "");
+      hooks().ioctl = [&](unsigned long, void*) {
+        armed = watch.Opened();
+        return Answer::Success();
+      };
+      Watchdog watchdog;
+      kicked = watchdog.Reset();
+      left = watch.Opened();
+    }
+    EXPECT_THAT(armed, ElementsAre(testing::Gt(2)));
+    EXPECT_TRUE(kicked);
+    EXPECT_THAT(left, IsEmpty());
+    EXPECT_EQ(Interpose::ReadFile(kDevice).size(), 4U);
+  });
 }
 
 TEST_F(WatchdogTest, OpensAndClosesOnItsOwn) {
