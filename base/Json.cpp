@@ -1,5 +1,6 @@
 #include "base/Json.h"
 
+#include <algorithm>
 #include <cmath>
 #include <limits>
 
@@ -9,8 +10,49 @@ namespace Tarvik::Json {
 
 namespace {
 
+// The range of an integer type: its lowest number and the one after its highest. Both are powers of
+// two, or 0, and so are doubles.
+template <typename Integer>
+constexpr auto kBegin = static_cast<double>(std::numeric_limits<Integer>::min());
+template <typename Integer>
+constexpr double kEnd = 2.0 * static_cast<double>(std::numeric_limits<Integer>::max() / 2 + 1);
+
 [[noreturn]] void ThrowNot(char const* kind) {
   throw IException(std::string("JSON value is not ") + kind);
+}
+
+// The number without its fraction, if that lies in the range.
+template <typename Integer>
+Integer WholeOf(double number, Integer lowest, Integer highest) {
+  double const whole = std::trunc(number);
+  // Beyond 2^53 not all limits are doubles: the last ones are compared as integers.
+  if (whole >= kBegin<Integer> && whole < kEnd<Integer>) {
+    auto const integer = static_cast<Integer>(whole);
+    if (integer >= lowest && integer <= highest) return integer;
+  }
+  throw IException("JSON number does not fit an integer");
+}
+
+// By their exact values, which a double need not have for an integer beyond 2^53.
+template <typename Integer>
+std::partial_ordering Compare(double number, Integer integer) {
+  double const whole = std::trunc(number);
+  if (whole < kBegin<Integer>) return std::partial_ordering::less;
+  if (whole >= kEnd<Integer>) return std::partial_ordering::greater;
+  if (std::isnan(number)) return std::partial_ordering::unordered;
+  auto const order = static_cast<Integer>(whole) <=> integer;
+  return order != 0 ? order : number <=> whole;
+}
+
+template <typename Held>
+bool AreEqual(Held const& one, Held const& other) {
+  return one == other;
+}
+
+template <typename Members>
+bool AreEqual(std::shared_ptr<Members const> const& one,
+              std::shared_ptr<Members const> const& other) {
+  return std::equal(one->begin(), one->end(), other->begin(), other->end());
 }
 
 }  // namespace
@@ -59,16 +101,49 @@ bool Value::ToBool() const {
 
 Value::operator int() const {
   if (auto const* number = std::get_if<int>(&held)) return *number;
-  double const whole = std::trunc(static_cast<double>(*this));
   using Limits = std::numeric_limits<int>;
-  if (whole >= Limits::min() && whole <= Limits::max()) return static_cast<int>(whole);
-  throw IException("JSON number does not fit an integer");
+  return static_cast<int>(ToSigned(Limits::min(), Limits::max()));
 }
 
 Value::operator double() const {
   if (auto const* number = std::get_if<double>(&held)) return *number;
   if (auto const* number = std::get_if<int>(&held)) return *number;
   ThrowNot("a number");
+}
+
+long long Value::ToSigned(long long lowest, long long highest) const {
+  return WholeOf(static_cast<double>(*this), lowest, highest);
+}
+
+unsigned long long Value::ToUnsigned(unsigned long long highest) const {
+  return WholeOf(static_cast<double>(*this), 0ULL, highest);
+}
+
+double Value::ToFloating(double highest) const {
+  auto const number = static_cast<double>(*this);
+  if (!std::isfinite(number) || std::abs(number) <= highest) return number;
+  throw IException("JSON number does not fit a floating-point number");
+}
+
+std::partial_ordering Value::CompareWith(long long number) const {
+  return Compare(static_cast<double>(*this), number);
+}
+
+std::partial_ordering Value::CompareWith(unsigned long long number) const {
+  return Compare(static_cast<double>(*this), number);
+}
+
+std::partial_ordering Value::CompareWith(long double number) const {
+  return static_cast<double>(*this) <=> number;
+}
+
+bool Value::operator==(Value const& other) const {
+  if (other.IsInt() || other.IsDouble()) return *this == static_cast<double>(other);
+  if (held.index() != other.held.index()) return false;
+  auto const isSame = [&other](auto const& mine) {
+    return AreEqual(mine, std::get<std::remove_cvref_t<decltype(mine)>>(other.held));
+  };
+  return std::visit(isSame, held);
 }
 
 std::string Value::ToString() const {

@@ -2,11 +2,15 @@
 // used by one thread at a time.
 #pragma once
 
+#include <algorithm>
+#include <compare>
 #include <concepts>
 #include <cstddef>
+#include <limits>
 #include <map>
 #include <memory>
 #include <string>
+#include <type_traits>
 #include <utility>
 #include <variant>
 #include <vector>
@@ -17,6 +21,21 @@ namespace Tarvik::Json {
 
 class Array;
 class Object;
+class Value;
+
+/// The types of characters. A value is neither compared with one nor converted to one.
+template <typename Type>
+concept Character = std::same_as<Type, char> || std::same_as<Type, wchar_t> ||
+    std::same_as<Type, char8_t> || std::same_as<Type, char16_t> || std::same_as<Type, char32_t>;
+
+/// The types of numbers, std::int8_t and std::uint8_t among them.
+template <typename Type>
+concept Number = std::floating_point<Type> ||
+    (std::integral<Type> && !std::same_as<Type, bool> && !Character<Type>);
+
+/// What values are made of, numbers apart: truths, texts, objects, arrays.
+template <typename Type>
+concept Content = !Number<Type> && !Character<Type> && std::convertible_to<Type const&, Value>;
 
 /// One JSON value: null, bool, integer, floating-point number, text, object or array. Asking for
 /// another kind than the one held throws IException.
@@ -54,6 +73,27 @@ class QUELLON_EXPORT Value {
   operator int() const;
   /// The number held.
   operator double() const;
+  /// The number held as any other type: as an integer without its fraction, else rounded to what
+  /// the type can hold. A number outside its range throws IException. A `switch` must be told which
+  /// type is meant: `switch (int{value})`.
+  template <Number Type>
+  operator Type() const {
+    using Limits = std::numeric_limits<Type>;
+    if constexpr (std::floating_point<Type>) {
+      constexpr auto kHighest =
+          std::min<long double>(Limits::max(), std::numeric_limits<double>::max());
+      return static_cast<Type>(ToFloating(static_cast<double>(kHighest)));
+    } else if constexpr (std::signed_integral<Type>) {
+      return static_cast<Type>(ToSigned(Limits::min(), Limits::max()));
+    } else {
+      return static_cast<Type>(ToUnsigned(Limits::max()));
+    }
+  }
+  /// The truth held, as `ToBool`.
+  template <std::same_as<bool> Bool>
+  operator Bool() const {
+    return ToBool();
+  }
   /// The text held.
   [[nodiscard]] std::string ToString() const;
   /// A copy of the object held.
@@ -61,8 +101,40 @@ class QUELLON_EXPORT Value {
   /// A copy of the array held.
   [[nodiscard]] Array ToArray() const;
 
+  /// Whether both hold the same: numbers of the same value, be they integers or floating-point
+  /// numbers, equal texts, and objects and arrays whose members and elements are equal.
+  bool operator==(Value const& other) const;
+  /// Whether the value equals the one that `content` makes.
+  template <Content Type>
+  bool operator==(Type const& content) const {
+    return *this == Value(content);
+  }
+  /// Whether a number of exactly that value is held.
+  template <Number Type>
+  bool operator==(Type number) const {
+    return (IsInt() || IsDouble()) && (*this <=> number) == 0;
+  }
+  /// How the number held compares with another, by their exact values; unordered where one is not
+  /// a number (NaN). Throws IException when no number is held.
+  template <Number Type>
+  std::partial_ordering operator<=>(Type number) const {
+    return CompareWith(static_cast<Widest<Type>>(number));
+  }
+
  private:
   friend class Writer;
+
+  template <Number Type>
+  using Widest = std::conditional_t<
+      std::floating_point<Type>, long double,
+      std::conditional_t<std::signed_integral<Type>, long long, unsigned long long>>;
+
+  [[nodiscard]] long long ToSigned(long long lowest, long long highest) const;
+  [[nodiscard]] unsigned long long ToUnsigned(unsigned long long highest) const;
+  [[nodiscard]] double ToFloating(double highest) const;
+  [[nodiscard]] std::partial_ordering CompareWith(long long number) const;
+  [[nodiscard]] std::partial_ordering CompareWith(unsigned long long number) const;
+  [[nodiscard]] std::partial_ordering CompareWith(long double number) const;
 
   // What an object or array holds never changes once it is in a value, so copies may share it.
   std::variant<std::monostate, bool, int, double, std::string, std::shared_ptr<Object const>,
