@@ -5,7 +5,6 @@
 
 #include <chrono>
 #include <exception>
-#include <utility>
 
 #include "base/IException.h"
 #include "base/Logger.h"
@@ -18,9 +17,6 @@ using Tarvik::Ilog::Info;
 using Tarvik::Ilog::LogLine;
 
 Ifile::Ifile() : stream(std::make_unique<std::fstream>()) {}
-
-Ifile::Ifile(std::fstream& unopened)
-    : stream(std::make_unique<std::fstream>(std::move(unopened))) {}
 
 Ifile::Ifile(std::string& filePath, bool open)
     : path(filePath), name(ExtractFileNameFromPath(filePath)) {

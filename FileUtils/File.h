@@ -112,13 +112,6 @@ class QUELLON_EXPORT Ifile {
   std::time_t time = 0;   ///< modification time, seconds since the epoch, from the same
   bool marked = false;    ///< for the application; never read here
   std::unique_ptr<std::fstream> stream;  ///< the file's stream; may be null
-
- private:
-  friend class FilesManager;
-
-  // As the first constructor, with a stream moved from `unopened`, which stays as good as new. A
-  // stream made anew looks 20 facets of its locale up, a moved one 6.
-  explicit Ifile(std::fstream& unopened);
 };
 
 }  // namespace Quellon::FileUtils

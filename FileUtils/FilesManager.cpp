@@ -136,10 +136,9 @@ bool FilesManager::Load() {
   }
   Forget();
   totalFilesSize = 0;
-  std::fstream unopened;
   while (dirent const* entry = readdir(directory.get())) {
     usleep(kEntryPauseMicroseconds);
-    LoadEntry(entry->d_name, unopened);
+    LoadEntry(entry->d_name);
   }
   return true;
 }
@@ -155,11 +154,11 @@ bool FilesManager::LoadAndSort() {
   return true;
 }
 
-void FilesManager::LoadEntry(char const* entryName, std::fstream& unopened) {
+void FilesManager::LoadEntry(char const* entryName) {
   struct stat status {};
   std::string filePath = JoinPath(path, entryName);
   if (lstat(filePath.c_str(), &status) != 0 || S_ISDIR(status.st_mode)) return;
-  auto file = MakeEntry(std::move(filePath), entryName, unopened);
+  auto file = MakeEntry(std::move(filePath), entryName);
   file->size = status.st_size;
   file->time = status.st_mtime;
   Append(std::move(file));
@@ -167,8 +166,7 @@ void FilesManager::LoadEntry(char const* entryName, std::fstream& unopened) {
 
 bool FilesManager::AddFile(std::string& fileName) {
   ResetError();
-  std::fstream unopened;
-  auto file = MakeEntry(JoinPath(path, fileName), fileName, unopened);
+  auto file = MakeEntry(JoinPath(path, fileName), fileName);
   if (!file->Stat()) {
     static_cast<void>(file.release());  // abandoned on purpose, as every object of an entry that
                                         // left the catalogue or never came into it
@@ -178,9 +176,8 @@ bool FilesManager::AddFile(std::string& fileName) {
   return true;
 }
 
-std::unique_ptr<Ifile> FilesManager::MakeEntry(std::string filePath, std::string fileName,
-                                               std::fstream& unopened) {
-  std::unique_ptr<Ifile> file(new Ifile(unopened));  // a constructor that std::make_unique lacks
+std::unique_ptr<Ifile> FilesManager::MakeEntry(std::string filePath, std::string fileName) {
+  auto file = std::make_unique<Ifile>();
   file->path = std::move(filePath);
   file->extension = DottedExtension(fileName);
   file->name = std::move(fileName);

@@ -3,7 +3,6 @@
 
 #include <atomic>
 #include <cstddef>
-#include <fstream>
 #include <list>
 #include <memory>
 #include <mutex>
@@ -136,9 +135,8 @@ class QUELLON_EXPORT FilesManager : public Tarvik::Interfaces::IThread,
   void AddReserve();
   void LogShare();
   void Forget();
-  void LoadEntry(char const* entryName, std::fstream& unopened);
-  static std::unique_ptr<Ifile> MakeEntry(std::string filePath, std::string fileName,
-                                          std::fstream& unopened);
+  void LoadEntry(char const* entryName);
+  static std::unique_ptr<Ifile> MakeEntry(std::string filePath, std::string fileName);
   void Append(std::unique_ptr<Ifile> file);
   unsigned int DeleteBehind(ProtectedHead& head, unsigned int count);
   Position FirstBehind(ProtectedHead& head);
