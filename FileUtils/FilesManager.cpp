@@ -74,8 +74,7 @@ FilesManager::FilesManager(Disk* card, std::string directory, unsigned long long
       path(std::move(directory)),
       fraction(share),
       minFreeSpace(minimumFree),
-      totalFilesSize(0),
-      filesCount(0) {
+      totalFilesSize(0) {
   moduleName = "Quellon::FileUtils";
   className = "FilesManager";
   if (!HasCard()) return;
@@ -189,25 +188,22 @@ void FilesManager::Append(std::unique_ptr<Ifile> file) {
   std::lock_guard const lock(filesMutex);
   files.push_back(file.get());
   static_cast<void>(file.release());  // the list owns it now
-  filesCount = files.size();
 }
 
 // Empties the list. The objects are abandoned on purpose: whoever was given one may still use it.
 void FilesManager::Forget() {
   std::lock_guard const lock(filesMutex);
   files.clear();
-  filesCount = 0;
-  ++changes;
 }
 
 void FilesManager::Sort() {
   std::lock_guard const lock(filesMutex);
+  files.remove(nullptr);  // which has no time to sort by
   try {
     SortByTime(files);
   } catch (std::bad_alloc const&) {
     files.sort(CBSort);  // needs no memory
   }
-  ++changes;
 }
 
 bool FilesManager::CBSort(Ifile* a, Ifile* b) {
@@ -217,7 +213,6 @@ bool FilesManager::CBSort(Ifile* a, Ifile* b) {
 void FilesManager::ReverseList() {
   std::lock_guard const lock(filesMutex);
   files.reverse();
-  ++changes;
 }
 
 void FilesManager::ClearList() {
@@ -229,7 +224,9 @@ unsigned long long FilesManager::GetTotalFilesSize(bool recalculate) {
   if (!recalculate && known != 0) return known;
   std::lock_guard const lock(filesMutex);
   unsigned long long sum = 0;
-  for (Ifile const* file : files) sum += static_cast<unsigned long long>(file->size);
+  for (Ifile const* file : files) {
+    if (file != nullptr) sum += static_cast<unsigned long long>(file->size);
+  }
   totalFilesSize = sum;
   return sum;
 }
@@ -248,7 +245,9 @@ std::list<Ifile*>& FilesManager::GetList() {
 
 void FilesManager::Log() {
   std::lock_guard const lock(filesMutex);
-  for (Ifile const* file : files) LogLine(Info) << "[SYSTEM][" << file->name << "]";
+  for (Ifile const* file : files) {
+    if (file != nullptr) LogLine(Info) << "[SYSTEM][" << file->name << "]";
+  }
 }
 
 }  // namespace Quellon::FileUtils

@@ -2,11 +2,9 @@
 #pragma once
 
 #include <atomic>
-#include <cstddef>
 #include <list>
 #include <memory>
 #include <mutex>
-#include <optional>
 #include <string>
 
 #include "DiskUtils/Disk.h"
@@ -84,8 +82,11 @@ class QUELLON_EXPORT FilesManager : public Tarvik::Interfaces::IThread,
 
   /// The directory, as it was given.
   std::string GetPath();
-  /// The list itself, to be read, or put in another order, while no other thread uses it. Files
-  /// come and go only by the operations here, and keep the size they were catalogued with.
+  /// The list itself, for as long as no other thread uses it: to be read, put in another order or
+  /// changed. Every operation takes the list as it finds it. The list owns its objects, made by
+  /// `new`; what is taken out is the taker's. Nulls are passed over, and go when the list is sorted.
+  /// The running total knows nothing of such changes: ask for a new sum after them, or `MakeRoom`
+  /// deletes too little or too much.
   std::list<Ifile*>& GetList();
   /// Logs the name of each catalogued file.
   void Log();
@@ -121,15 +122,6 @@ class QUELLON_EXPORT FilesManager : public Tarvik::Interfaces::IThread,
   void Run() override;
 
  private:
-  using Position = std::list<Ifile*>::iterator;
-
-  // The protected files that the list begins with, found once for all the attempts of one
-  // `MakeRoom`; a list that has changed otherwise since is walked anew.
-  struct ProtectedHead {
-    std::optional<Position> last;
-    unsigned long long changes = 0;
-  };
-
   [[nodiscard]] bool HasCard() const;
   bool Fail(char const* message, char const* where);
   void AddReserve();
@@ -138,9 +130,7 @@ class QUELLON_EXPORT FilesManager : public Tarvik::Interfaces::IThread,
   void LoadEntry(char const* entryName);
   static std::unique_ptr<Ifile> MakeEntry(std::string filePath, std::string fileName);
   void Append(std::unique_ptr<Ifile> file);
-  unsigned int DeleteBehind(ProtectedHead& head, unsigned int count);
-  Position FirstBehind(ProtectedHead& head);
-  Position Erase(Position position);
+  unsigned int CountFiles();
   void SubtractSize(Ifile const& file);
 
   Disk* disk;
@@ -150,8 +140,6 @@ class QUELLON_EXPORT FilesManager : public Tarvik::Interfaces::IThread,
   std::atomic<unsigned long long> totalFilesSize;
   std::mutex filesMutex;
   std::list<Ifile*> files;
-  unsigned long long changes = 0;       // of the list's order, counted under its lock
-  std::atomic<std::size_t> filesCount;  // the list's size, for those who ask without the lock
 };
 
 }  // namespace Quellon::FileUtils
