@@ -46,6 +46,8 @@ class QUELLON_EXPORT FilesManager : public Tarvik::Interfaces::IThread,
   FilesManager& operator=(FilesManager const&) = delete;
 
   /// Waits for a running pass, to its end, then deletes the catalogued objects, not their files.
+  /// The destructor of a derived class has to wait itself, by `Join()`: once that class is gone its
+  /// thread begins no pass any more, and removes nothing.
   ~FilesManager() override;
 
   /// Fills the catalogue from the directory, in the directory's order, with a pause of 1 ms per
@@ -84,9 +86,9 @@ class QUELLON_EXPORT FilesManager : public Tarvik::Interfaces::IThread,
   std::string GetPath();
   /// The list itself, for as long as no other thread uses it: to be read, put in another order or
   /// changed. Every operation takes the list as it finds it. The list owns its objects, made by
-  /// `new`; what is taken out is the taker's. Nulls are passed over, and go when the list is sorted.
-  /// The running total knows nothing of such changes: ask for a new sum after them, or `MakeRoom`
-  /// deletes too little or too much.
+  /// `new`; what is taken out is the taker's. Nulls are passed over, and go when the list is
+  /// sorted. The running total knows nothing of such changes: ask for a new sum after them, or
+  /// `MakeRoom` deletes too little or too much.
   std::list<Ifile*>& GetList();
   /// Logs the name of each catalogued file.
   void Log();
@@ -118,7 +120,7 @@ class QUELLON_EXPORT FilesManager : public Tarvik::Interfaces::IThread,
   /// empty or a pass is running already. Throws std::system_error when no thread can be had.
   void RemoveAllFilesAsync();
 
-  /// The pass of the object's own thread.
+  /// The pass of the object's own thread: removes all files, as `RemoveAllFiles` does, and cancels.
   void Run() override;
 
  private:

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <exception>
 #include <limits>
+#include <typeinfo>
 
 #include "FileUtils/FilesManager.h"
 #include "base/IException.h"
@@ -113,7 +114,8 @@ void FilesManager::RemoveAllFilesAsync() {
 }
 
 void FilesManager::Run() {
-  RemoveAllFiles();
+  // Else a derived class's work was under way when its object went, and nobody asked for this one.
+  if (!IsReducedTo(typeid(FilesManager))) RemoveAllFiles();
   Cancel();  // one pass; a start meanwhile asks for nothing more
 }
 
