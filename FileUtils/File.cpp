@@ -9,6 +9,7 @@
 #include "base/IException.h"
 #include "base/Logger.h"
 #include "base/Retry.h"
+#include "base/StandardDescriptors.h"
 
 namespace Quellon::FileUtils {
 
@@ -16,12 +17,23 @@ using Tarvik::IException;
 using Tarvik::Ilog::Info;
 using Tarvik::Ilog::LogLine;
 
+namespace {
+
+constexpr auto kReadWrite = std::ios::in | std::ios::out;
+
+std::unique_ptr<std::fstream> OpenInPlace(std::string const& path) {
+  Tarvik::OccupyStandardDescriptors();
+  return std::make_unique<std::fstream>(path, kReadWrite);
+}
+
+}  // namespace
+
 Ifile::Ifile() : stream(std::make_unique<std::fstream>()) {}
 
 Ifile::Ifile(std::string& filePath, bool open)
     : path(filePath), name(ExtractFileNameFromPath(filePath)) {
   extension = ExtractFileExtension(name);
-  if (open) stream = std::make_unique<std::fstream>(path, std::ios::in | std::ios::out);
+  if (open) stream = OpenInPlace(path);
 }
 
 Ifile::~Ifile() {
@@ -51,15 +63,15 @@ void Ifile::PrintStat() {
   LogLine(Info) << "Path: " << path;
   LogLine(Info) << "File: " << name;
   LogLine(Info) << "Ext: " << extension;
-  LogLine(Info) << "Size: " << static_cast<std::uint64_t>(size);
+  LogLine(Info) << "Size: " << static_cast<unsigned long long>(size);
   LogLine(Info) << "Time: " << static_cast<long>(time);
 }
 
 bool Ifile::Open(bool append) {
   if (path.empty()) throw IException("Empty file path");
-  constexpr auto kReadWrite = std::ios::in | std::ios::out;
-  if (stream == nullptr) stream = std::make_unique<std::fstream>(path, kReadWrite);
+  if (stream == nullptr) stream = OpenInPlace(path);
   if (stream->is_open()) return true;
+  Tarvik::OccupyStandardDescriptors();
   stream->open(path, kReadWrite | std::ios::binary | (append ? std::ios::app : std::ios::trunc));
   return true;  // also when it failed; the stream's own state tells
 }
@@ -117,6 +129,7 @@ bool Ifile::CopyTo(std::string const& destination) {
   try {
     if (destination.empty()) throw IException("Empty destination path");
     if (!Open(true)) throw IException("Source file not open");  // Open says true to everything
+    Tarvik::OccupyStandardDescriptors();
     std::ofstream copy(destination, std::ios::binary);
     if (!copy.is_open()) throw IException("destination file not open");
     LogLine(Info) << "Copy file " << path << " to " << destination;

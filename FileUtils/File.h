@@ -1,7 +1,6 @@
 // One file on the recording card.
 #pragma once
 
-#include <cstdint>
 #include <cstdio>
 #include <ctime>
 #include <fstream>
@@ -108,7 +107,7 @@ class QUELLON_EXPORT Ifile {
   std::string extension;  ///< without the dot, but with it where a catalogue set it
   std::string name;       ///< what follows the last "/" of the path
   std::string label;      ///< for the application; never read or written here
-  std::int64_t size = 0;  ///< bytes, from the last successful `Stat`
+  long long size = 0;     ///< bytes, from the last successful `Stat`
   std::time_t time = 0;   ///< modification time, seconds since the epoch, from the same
   bool marked = false;    ///< for the application; never read here
   std::unique_ptr<std::fstream> stream;  ///< the file's stream; may be null

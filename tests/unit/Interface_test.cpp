@@ -147,7 +147,7 @@ static_assert(
 static_assert(is_same_v<decltype(&Ifile::ExtractFileExtension), string (Ifile::*)(string const&)>);
 static_assert(is_same_v<decltype(Ifile::path), string> && is_same_v<decltype(Ifile::name), string>);
 static_assert(is_same_v<decltype(Ifile::extension), string>);
-static_assert(is_same_v<decltype(Ifile::size), std::int64_t>);
+static_assert(is_same_v<decltype(Ifile::size), long long>);
 static_assert(is_same_v<decltype(Ifile::time), std::time_t>);
 static_assert(is_same_v<decltype(Ifile::stream), std::unique_ptr<std::fstream>>);
 
