@@ -1,8 +1,10 @@
 #include "FileUtils/File.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <chrono>
 #include <exception>
 
@@ -10,6 +12,7 @@
 #include "base/Logger.h"
 #include "base/Retry.h"
 #include "base/StandardDescriptors.h"
+#include "base/UniqueFd.h"
 
 namespace Quellon::FileUtils {
 
@@ -24,6 +27,22 @@ constexpr auto kReadWrite = std::ios::in | std::ios::out;
 std::unique_ptr<std::fstream> OpenInPlace(std::string const& path) {
   Tarvik::OccupyStandardDescriptors();
   return std::make_unique<std::fstream>(path, kReadWrite);
+}
+
+// The result of a call that is made again when a signal interrupts it.
+template <typename Call>
+int Uninterrupted(Call call) {
+  int result;
+  do result = call();
+  while (result < 0 && errno == EINTR);
+  return result;
+}
+
+// O_NONBLOCK: a pipe of that name must not stop the caller; files and directories do not mind.
+bool BringToCard(std::string const& path) {
+  Tarvik::UniqueFd const fd(
+      Uninterrupted([&path] { return open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK); }));
+  return fd.IsOpen() && Uninterrupted([&fd] { return fsync(fd.Get()); }) == 0;
 }
 
 }  // namespace
@@ -94,6 +113,12 @@ bool Ifile::Write(Ibuffer& buffer) {
 
 bool Ifile::Write(Iubuffer& buffer) {
   return Write(reinterpret_cast<char*>(buffer.data), buffer.length);
+}
+
+bool Ifile::Sync() {
+  if (stream != nullptr && !stream->flush()) return false;
+  std::string const directory = path.substr(0, path.rfind('/') + 1);
+  return BringToCard(path) && BringToCard(directory.empty() ? "." : directory);
 }
 
 bool Ifile::Remove() {

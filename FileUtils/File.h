@@ -53,16 +53,26 @@ class QUELLON_EXPORT Ifile {
   /// path".
   bool Open(bool append);
 
-  /// Flushes and closes the stream, if it is open; a failure is left in its state.
+  /// Flushes and closes the stream, if it is open; a failure is left in its state. What was written
+  /// is in the kernel's hands then, not on the card: `Sync` brings it there.
   void Close();
 
   /// Write to the stream. False when there is nothing to write or no stream; true says nothing
-  /// about the stream's state.
+  /// about the stream's state. What was written is lost when the card is pulled or power fails
+  /// before `Sync`: the file may be shorter then, empty, or not there.
   bool Write(char* data, unsigned int length);
   /// The valid bytes of a buffer, in the same way.
   bool Write(Ibuffer& buffer);
   /// The valid bytes of a buffer, in the same way.
   bool Write(Iubuffer& buffer);
+
+  /// Brings the file to the card, so that it is whole after a power cut or when the card is pulled:
+  /// flushes the stream, then the file and the directory it lies in, each by an fsync(2) of its
+  /// own. Waits for the card, from some ms to seconds: call it where a recording is complete, and
+  /// now and then in a long one. False when one of them fails, or the stream has failed before,
+  /// also when closing it; the file is not to be counted on then. The stream may be open, closed or
+  /// none.
+  bool Sync();
 
   /// Closes the stream and unlinks the file, in 3 attempts 50 ms apart. False, at once, when the
   /// file does not exist, or after about 150 ms when it cannot be unlinked.

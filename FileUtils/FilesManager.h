@@ -62,7 +62,9 @@ class QUELLON_EXPORT FilesManager : public Tarvik::Interfaces::IThread,
   /// Loads and, if that succeeded, sorts.
   bool LoadAndSort();
 
-  /// Catalogues, as the newest, a file that exists in the directory. Error: "File not found".
+  /// Catalogues, as the newest, a file that exists in the directory. What it holds may still be in
+  /// the kernel's memory alone, and is lost then with the card's power: bring a recording to the
+  /// card first, by `Ifile::Sync`. Error: "File not found".
   bool AddFile(std::string& fileName);
 
   /// Sorts by modification time, oldest first; equal times keep their order.

@@ -130,6 +130,7 @@ static_assert(is_same_v<decltype(&Ifile::Stat), bool (Ifile::*)()>);
 static_assert(is_same_v<decltype(&Ifile::PrintStat), void (Ifile::*)()>);
 static_assert(is_same_v<decltype(&Ifile::Open), bool (Ifile::*)(bool)>);
 static_assert(is_same_v<decltype(&Ifile::Close), void (Ifile::*)()>);
+static_assert(is_same_v<decltype(&Ifile::Sync), bool (Ifile::*)()>);
 static_assert(Is<bool (Ifile::*)(char*, unsigned int)>(&Ifile::Write));
 static_assert(Is<bool (Ifile::*)(Ibuffer&)>(&Ifile::Write));
 static_assert(Is<bool (Ifile::*)(Iubuffer&)>(&Ifile::Write));
