@@ -117,8 +117,7 @@ bool Ifile::Write(Iubuffer& buffer) {
 
 bool Ifile::Sync() {
   if (stream != nullptr && !stream->flush()) return false;
-  std::string const directory = path.substr(0, path.rfind('/') + 1);
-  return BringToCard(path) && BringToCard(directory.empty() ? "." : directory);
+  return BringToCard(path) && BringToCard(path.substr(0, path.rfind('/') + 1) + ".");
 }
 
 bool Ifile::Remove() {

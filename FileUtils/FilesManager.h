@@ -26,13 +26,23 @@ using DiskUtils::Disk;
 /// which runs one pass. A lock guards the list; it is never held while `MakeRoom` measures or
 /// waits. Failures are a false result with the reason kept in the error base. A failing lock throws
 /// std::system_error.
+///
+/// A directory has one catalogue, and nobody else deletes in it. A file that another catalogue,
+/// another program or a person has deleted still counts with its size: `MakeRoom` deletes others in
+/// its place, at worst every recording, and returns true. After such a deletion load again before
+/// anything else: `LoadAndSort()`.
 class QUELLON_EXPORT FilesManager : public Tarvik::Interfaces::IThread,
                                     public Tarvik::Interfaces::IError {
  public:
-  /// A catalogue of `directory`, which must end in "/", that may use `share` (0 to 1) of the card
-  /// and leaves `minimumFree` bytes of it free; the card's reserve, in the same share, is added to
-  /// that. `card` is not owned and must outlive the object; null or unavailable, nothing can be
-  /// loaded. Logs both figures if the card is available. Reads no directory.
+  /// A catalogue of `directory`, which must end in "/", that may use `share` of the card and leaves
+  /// `minimumFree` bytes of it free; the card's reserve, in the same share, is added to that.
+  /// `card` is not owned and must outlive the object; null or unavailable, nothing can be loaded.
+  /// Logs both figures if the card is available. Reads no directory.
+  ///
+  /// `share` is a fraction between 0 and 1: 0.8 is 80 %. It is not tested here, so test what comes
+  /// from a configuration. With 0, less than that or no number (NaN) there is never room:
+  /// `MakeRoom` deletes every recording. With more than 1, such as 80 meant as per cent, there is
+  /// no limit: recordings fill the card but for its reserve.
   FilesManager(Disk* card, std::string directory, unsigned long long minimumFree, float share);
 
   /// An object that stays without card and directory; the figures are logged as for a catalogue of
@@ -78,8 +88,8 @@ class QUELLON_EXPORT FilesManager : public Tarvik::Interfaces::IThread,
   void ClearList();
 
   /// Bytes of all catalogued files: the running total, or a new sum if asked for or if the total
-  /// is 0. The running total keeps what vanished without this object: ask for a new sum where
-  /// others delete, too, or `MakeRoom` deletes for them. Reading it takes no lock.
+  /// is 0. Both count what vanished without this object, until it is loaded again. Reading the
+  /// running total takes no lock.
   unsigned long long GetTotalFilesSize(bool recalculate);
   /// The running total, as `GetTotalFilesSize(false)`.
   unsigned long long GetTotalFilesSize();
@@ -89,8 +99,9 @@ class QUELLON_EXPORT FilesManager : public Tarvik::Interfaces::IThread,
   /// The list itself, for as long as no other thread uses it: to be read, put in another order or
   /// changed. Every operation takes the list as it finds it. The list owns its objects, made by
   /// `new`; what is taken out is the taker's. Nulls are passed over, and go when the list is
-  /// sorted. The running total knows nothing of such changes: ask for a new sum after them, or
-  /// `MakeRoom` deletes too little or too much.
+  /// sorted. The running total knows nothing of such changes: ask for a new sum after them. A total
+  /// that is too small keeps too much; deletions may take it below zero, which counts as a card
+  /// that is more than full: `MakeRoom` deletes every recording then.
   std::list<Ifile*>& GetList();
   /// Logs the name of each catalogued file.
   void Log();
@@ -101,7 +112,8 @@ class QUELLON_EXPORT FilesManager : public Tarvik::Interfaces::IThread,
   /// Throws what `Disk::LoadDiskInfo` throws.
   bool CheckAvailableSpace(bool throwIfNoDisk);
 
-  /// Deletes the oldest files, two at a time, until there is room. Gives up after 100 attempts, 10
+  /// Deletes the oldest files, two at a time, until there is room, if need be all of them: see what
+  /// is said above of `share`, and of others that delete. Gives up after 100 attempts, 10
   /// ms apart, that deleted nothing. Errors: "Unable to make room, after 100 retries", "Disk not
   /// available", "Get space stat error". Passes on other exceptions, such as std::bad_alloc; the
   /// catalogue then holds what is left.

@@ -18,7 +18,8 @@ FOLDERS = ["base", "DiskUtils", "FileUtils", "RTC", "SysUtil", "Watchdog", "Test
 UNSEEN_FILES = {"base/JsonWriter.cpp"}
 UNSEEN = {'"\\/bfnrt', '"\\/\b', "null", "true", "false",  # JsonReader
           "%Y-%m-… %H:%M:%S",  # the date's format, a conversion of which looks like printf's
-          "…..",  # the parent directory
+          "…..", "….",  # the parent directory and the directory itself
+          "/dev/null",
           "/\\", "/", "3", "r"}
 
 CODE_SPAN = re.compile(r"`([^`\n]+)`")
