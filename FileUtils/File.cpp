@@ -1,15 +1,18 @@
 #include "FileUtils/File.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <chrono>
 #include <exception>
-#include <utility>
 
 #include "base/IException.h"
 #include "base/Logger.h"
 #include "base/Retry.h"
+#include "base/StandardDescriptors.h"
+#include "base/UniqueFd.h"
 
 namespace Quellon::FileUtils {
 
@@ -17,15 +20,39 @@ using Tarvik::IException;
 using Tarvik::Ilog::Info;
 using Tarvik::Ilog::LogLine;
 
-Ifile::Ifile() : stream(std::make_unique<std::fstream>()) {}
+namespace {
 
-Ifile::Ifile(std::fstream& unopened)
-    : stream(std::make_unique<std::fstream>(std::move(unopened))) {}
+constexpr auto kReadWrite = std::ios::in | std::ios::out;
+
+std::unique_ptr<std::fstream> OpenInPlace(std::string const& path) {
+  Tarvik::OccupyStandardDescriptors();
+  return std::make_unique<std::fstream>(path, kReadWrite);
+}
+
+// The result of a call that is made again when a signal interrupts it.
+template <typename Call>
+int Uninterrupted(Call call) {
+  int result;
+  do result = call();
+  while (result < 0 && errno == EINTR);
+  return result;
+}
+
+// O_NONBLOCK: a pipe of that name must not stop the caller; files and directories do not mind.
+bool BringToCard(std::string const& path) {
+  Tarvik::UniqueFd const fd(
+      Uninterrupted([&path] { return open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK); }));
+  return fd.IsOpen() && Uninterrupted([&fd] { return fsync(fd.Get()); }) == 0;
+}
+
+}  // namespace
+
+Ifile::Ifile() : stream(std::make_unique<std::fstream>()) {}
 
 Ifile::Ifile(std::string& filePath, bool open)
     : path(filePath), name(ExtractFileNameFromPath(filePath)) {
   extension = ExtractFileExtension(name);
-  if (open) stream = std::make_unique<std::fstream>(path, std::ios::in | std::ios::out);
+  if (open) stream = OpenInPlace(path);
 }
 
 Ifile::~Ifile() {
@@ -55,15 +82,15 @@ void Ifile::PrintStat() {
   LogLine(Info) << "Path: " << path;
   LogLine(Info) << "File: " << name;
   LogLine(Info) << "Ext: " << extension;
-  LogLine(Info) << "Size: " << static_cast<std::uint64_t>(size);
+  LogLine(Info) << "Size: " << static_cast<unsigned long long>(size);
   LogLine(Info) << "Time: " << static_cast<long>(time);
 }
 
 bool Ifile::Open(bool append) {
   if (path.empty()) throw IException("Empty file path");
-  constexpr auto kReadWrite = std::ios::in | std::ios::out;
-  if (stream == nullptr) stream = std::make_unique<std::fstream>(path, kReadWrite);
+  if (stream == nullptr) stream = OpenInPlace(path);
   if (stream->is_open()) return true;
+  Tarvik::OccupyStandardDescriptors();
   stream->open(path, kReadWrite | std::ios::binary | (append ? std::ios::app : std::ios::trunc));
   return true;  // also when it failed; the stream's own state tells
 }
@@ -86,6 +113,11 @@ bool Ifile::Write(Ibuffer& buffer) {
 
 bool Ifile::Write(Iubuffer& buffer) {
   return Write(reinterpret_cast<char*>(buffer.data), buffer.length);
+}
+
+bool Ifile::Sync() {
+  if (stream != nullptr && !stream->flush()) return false;
+  return BringToCard(path) && BringToCard(path.substr(0, path.rfind('/') + 1) + ".");
 }
 
 bool Ifile::Remove() {
@@ -121,6 +153,7 @@ bool Ifile::CopyTo(std::string const& destination) {
   try {
     if (destination.empty()) throw IException("Empty destination path");
     if (!Open(true)) throw IException("Source file not open");  // Open says true to everything
+    Tarvik::OccupyStandardDescriptors();
     std::ofstream copy(destination, std::ios::binary);
     if (!copy.is_open()) throw IException("destination file not open");
     LogLine(Info) << "Copy file " << path << " to " << destination;

@@ -1,7 +1,6 @@
 // One file on the recording card.
 #pragma once
 
-#include <cstdint>
 #include <cstdio>
 #include <ctime>
 #include <fstream>
@@ -54,16 +53,26 @@ class QUELLON_EXPORT Ifile {
   /// path".
   bool Open(bool append);
 
-  /// Flushes and closes the stream, if it is open; a failure is left in its state.
+  /// Flushes and closes the stream, if it is open; a failure is left in its state. What was written
+  /// is in the kernel's hands then, not on the card: `Sync` brings it there.
   void Close();
 
   /// Write to the stream. False when there is nothing to write or no stream; true says nothing
-  /// about the stream's state.
+  /// about the stream's state. What was written is lost when the card is pulled or power fails
+  /// before `Sync`: the file may be shorter then, empty, or not there.
   bool Write(char* data, unsigned int length);
   /// The valid bytes of a buffer, in the same way.
   bool Write(Ibuffer& buffer);
   /// The valid bytes of a buffer, in the same way.
   bool Write(Iubuffer& buffer);
+
+  /// Brings the file to the card, so that it is whole after a power cut or when the card is pulled:
+  /// flushes the stream, then the file and the directory it lies in, each by an fsync(2) of its
+  /// own. Waits for the card, from some ms to seconds: call it where a recording is complete, and
+  /// now and then in a long one. False when one of them fails, or the stream has failed before,
+  /// also when closing it; the file is not to be counted on then. The stream may be open, closed or
+  /// none.
+  bool Sync();
 
   /// Closes the stream and unlinks the file, in 3 attempts 50 ms apart. False, at once, when the
   /// file does not exist, or after about 150 ms when it cannot be unlinked.
@@ -108,17 +117,10 @@ class QUELLON_EXPORT Ifile {
   std::string extension;  ///< without the dot, but with it where a catalogue set it
   std::string name;       ///< what follows the last "/" of the path
   std::string label;      ///< for the application; never read or written here
-  std::int64_t size = 0;  ///< bytes, from the last successful `Stat`
+  long long size = 0;     ///< bytes, from the last successful `Stat`
   std::time_t time = 0;   ///< modification time, seconds since the epoch, from the same
   bool marked = false;    ///< for the application; never read here
   std::unique_ptr<std::fstream> stream;  ///< the file's stream; may be null
-
- private:
-  friend class FilesManager;
-
-  // As the first constructor, with a stream moved from `unopened`, which stays as good as new. A
-  // stream made anew looks 20 facets of its locale up, a moved one 6.
-  explicit Ifile(std::fstream& unopened);
 };
 
 }  // namespace Quellon::FileUtils

@@ -74,8 +74,7 @@ FilesManager::FilesManager(Disk* card, std::string directory, unsigned long long
       path(std::move(directory)),
       fraction(share),
       minFreeSpace(minimumFree),
-      totalFilesSize(0),
-      filesCount(0) {
+      totalFilesSize(0) {
   moduleName = "Quellon::FileUtils";
   className = "FilesManager";
   if (!HasCard()) return;
@@ -136,10 +135,9 @@ bool FilesManager::Load() {
   }
   Forget();
   totalFilesSize = 0;
-  std::fstream unopened;
   while (dirent const* entry = readdir(directory.get())) {
     usleep(kEntryPauseMicroseconds);
-    LoadEntry(entry->d_name, unopened);
+    LoadEntry(entry->d_name);
   }
   return true;
 }
@@ -155,11 +153,11 @@ bool FilesManager::LoadAndSort() {
   return true;
 }
 
-void FilesManager::LoadEntry(char const* entryName, std::fstream& unopened) {
+void FilesManager::LoadEntry(char const* entryName) {
   struct stat status {};
   std::string filePath = JoinPath(path, entryName);
   if (lstat(filePath.c_str(), &status) != 0 || S_ISDIR(status.st_mode)) return;
-  auto file = MakeEntry(std::move(filePath), entryName, unopened);
+  auto file = MakeEntry(std::move(filePath), entryName);
   file->size = status.st_size;
   file->time = status.st_mtime;
   Append(std::move(file));
@@ -167,8 +165,7 @@ void FilesManager::LoadEntry(char const* entryName, std::fstream& unopened) {
 
 bool FilesManager::AddFile(std::string& fileName) {
   ResetError();
-  std::fstream unopened;
-  auto file = MakeEntry(JoinPath(path, fileName), fileName, unopened);
+  auto file = MakeEntry(JoinPath(path, fileName), fileName);
   if (!file->Stat()) {
     static_cast<void>(file.release());  // abandoned on purpose, as every object of an entry that
                                         // left the catalogue or never came into it
@@ -178,9 +175,8 @@ bool FilesManager::AddFile(std::string& fileName) {
   return true;
 }
 
-std::unique_ptr<Ifile> FilesManager::MakeEntry(std::string filePath, std::string fileName,
-                                               std::fstream& unopened) {
-  std::unique_ptr<Ifile> file(new Ifile(unopened));  // a constructor that std::make_unique lacks
+std::unique_ptr<Ifile> FilesManager::MakeEntry(std::string filePath, std::string fileName) {
+  auto file = std::make_unique<Ifile>();
   file->path = std::move(filePath);
   file->extension = DottedExtension(fileName);
   file->name = std::move(fileName);
@@ -192,25 +188,22 @@ void FilesManager::Append(std::unique_ptr<Ifile> file) {
   std::lock_guard const lock(filesMutex);
   files.push_back(file.get());
   static_cast<void>(file.release());  // the list owns it now
-  filesCount = files.size();
 }
 
 // Empties the list. The objects are abandoned on purpose: whoever was given one may still use it.
 void FilesManager::Forget() {
   std::lock_guard const lock(filesMutex);
   files.clear();
-  filesCount = 0;
-  ++changes;
 }
 
 void FilesManager::Sort() {
   std::lock_guard const lock(filesMutex);
+  files.remove(nullptr);  // which has no time to sort by
   try {
     SortByTime(files);
   } catch (std::bad_alloc const&) {
     files.sort(CBSort);  // needs no memory
   }
-  ++changes;
 }
 
 bool FilesManager::CBSort(Ifile* a, Ifile* b) {
@@ -220,7 +213,6 @@ bool FilesManager::CBSort(Ifile* a, Ifile* b) {
 void FilesManager::ReverseList() {
   std::lock_guard const lock(filesMutex);
   files.reverse();
-  ++changes;
 }
 
 void FilesManager::ClearList() {
@@ -232,7 +224,9 @@ unsigned long long FilesManager::GetTotalFilesSize(bool recalculate) {
   if (!recalculate && known != 0) return known;
   std::lock_guard const lock(filesMutex);
   unsigned long long sum = 0;
-  for (Ifile const* file : files) sum += static_cast<unsigned long long>(file->size);
+  for (Ifile const* file : files) {
+    if (file != nullptr) sum += static_cast<unsigned long long>(file->size);
+  }
   totalFilesSize = sum;
   return sum;
 }
@@ -251,7 +245,9 @@ std::list<Ifile*>& FilesManager::GetList() {
 
 void FilesManager::Log() {
   std::lock_guard const lock(filesMutex);
-  for (Ifile const* file : files) LogLine(Info) << "[SYSTEM][" << file->name << "]";
+  for (Ifile const* file : files) {
+    if (file != nullptr) LogLine(Info) << "[SYSTEM][" << file->name << "]";
+  }
 }
 
 }  // namespace Quellon::FileUtils

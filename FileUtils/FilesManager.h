@@ -2,12 +2,9 @@
 #pragma once
 
 #include <atomic>
-#include <cstddef>
-#include <fstream>
 #include <list>
 #include <memory>
 #include <mutex>
-#include <optional>
 #include <string>
 
 #include "DiskUtils/Disk.h"
@@ -29,13 +26,23 @@ using DiskUtils::Disk;
 /// which runs one pass. A lock guards the list; it is never held while `MakeRoom` measures or
 /// waits. Failures are a false result with the reason kept in the error base. A failing lock throws
 /// std::system_error.
+///
+/// A directory has one catalogue, and nobody else deletes in it. A file that another catalogue,
+/// another program or a person has deleted still counts with its size: `MakeRoom` deletes others in
+/// its place, at worst every recording, and returns true. After such a deletion load again before
+/// anything else: `LoadAndSort()`.
 class QUELLON_EXPORT FilesManager : public Tarvik::Interfaces::IThread,
                                     public Tarvik::Interfaces::IError {
  public:
-  /// A catalogue of `directory`, which must end in "/", that may use `share` (0 to 1) of the card
-  /// and leaves `minimumFree` bytes of it free; the card's reserve, in the same share, is added to
-  /// that. `card` is not owned and must outlive the object; null or unavailable, nothing can be
-  /// loaded. Logs both figures if the card is available. Reads no directory.
+  /// A catalogue of `directory`, which must end in "/", that may use `share` of the card and leaves
+  /// `minimumFree` bytes of it free; the card's reserve, in the same share, is added to that.
+  /// `card` is not owned and must outlive the object; null or unavailable, nothing can be loaded.
+  /// Logs both figures if the card is available. Reads no directory.
+  ///
+  /// `share` is a fraction between 0 and 1: 0.8 is 80 %. It is not tested here, so test what comes
+  /// from a configuration. With 0, less than that or no number (NaN) there is never room:
+  /// `MakeRoom` deletes every recording. With more than 1, such as 80 meant as per cent, there is
+  /// no limit: recordings fill the card but for its reserve.
   FilesManager(Disk* card, std::string directory, unsigned long long minimumFree, float share);
 
   /// An object that stays without card and directory; the figures are logged as for a catalogue of
@@ -49,6 +56,8 @@ class QUELLON_EXPORT FilesManager : public Tarvik::Interfaces::IThread,
   FilesManager& operator=(FilesManager const&) = delete;
 
   /// Waits for a running pass, to its end, then deletes the catalogued objects, not their files.
+  /// The destructor of a derived class has to wait itself, by `Join()`: once that class is gone its
+  /// thread begins no pass any more, and removes nothing.
   ~FilesManager() override;
 
   /// Fills the catalogue from the directory, in the directory's order, with a pause of 1 ms per
@@ -63,7 +72,9 @@ class QUELLON_EXPORT FilesManager : public Tarvik::Interfaces::IThread,
   /// Loads and, if that succeeded, sorts.
   bool LoadAndSort();
 
-  /// Catalogues, as the newest, a file that exists in the directory. Error: "File not found".
+  /// Catalogues, as the newest, a file that exists in the directory. What it holds may still be in
+  /// the kernel's memory alone, and is lost then with the card's power: bring a recording to the
+  /// card first, by `Ifile::Sync`. Error: "File not found".
   bool AddFile(std::string& fileName);
 
   /// Sorts by modification time, oldest first; equal times keep their order.
@@ -77,16 +88,20 @@ class QUELLON_EXPORT FilesManager : public Tarvik::Interfaces::IThread,
   void ClearList();
 
   /// Bytes of all catalogued files: the running total, or a new sum if asked for or if the total
-  /// is 0. The running total keeps what vanished without this object: ask for a new sum where
-  /// others delete, too, or `MakeRoom` deletes for them. Reading it takes no lock.
+  /// is 0. Both count what vanished without this object, until it is loaded again. Reading the
+  /// running total takes no lock.
   unsigned long long GetTotalFilesSize(bool recalculate);
   /// The running total, as `GetTotalFilesSize(false)`.
   unsigned long long GetTotalFilesSize();
 
   /// The directory, as it was given.
   std::string GetPath();
-  /// The list itself, to be read, or put in another order, while no other thread uses it. Files
-  /// come and go only by the operations here, and keep the size they were catalogued with.
+  /// The list itself, for as long as no other thread uses it: to be read, put in another order or
+  /// changed. Every operation takes the list as it finds it. The list owns its objects, made by
+  /// `new`; what is taken out is the taker's. Nulls are passed over, and go when the list is
+  /// sorted. The running total knows nothing of such changes: ask for a new sum after them. A total
+  /// that is too small keeps too much; deletions may take it below zero, which counts as a card
+  /// that is more than full: `MakeRoom` deletes every recording then.
   std::list<Ifile*>& GetList();
   /// Logs the name of each catalogued file.
   void Log();
@@ -97,7 +112,8 @@ class QUELLON_EXPORT FilesManager : public Tarvik::Interfaces::IThread,
   /// Throws what `Disk::LoadDiskInfo` throws.
   bool CheckAvailableSpace(bool throwIfNoDisk);
 
-  /// Deletes the oldest files, two at a time, until there is room. Gives up after 100 attempts, 10
+  /// Deletes the oldest files, two at a time, until there is room, if need be all of them: see what
+  /// is said above of `share`, and of others that delete. Gives up after 100 attempts, 10
   /// ms apart, that deleted nothing. Errors: "Unable to make room, after 100 retries", "Disk not
   /// available", "Get space stat error". Passes on other exceptions, such as std::bad_alloc; the
   /// catalogue then holds what is left.
@@ -118,31 +134,19 @@ class QUELLON_EXPORT FilesManager : public Tarvik::Interfaces::IThread,
   /// empty or a pass is running already. Throws std::system_error when no thread can be had.
   void RemoveAllFilesAsync();
 
-  /// The pass of the object's own thread.
+  /// The pass of the object's own thread: removes all files, as `RemoveAllFiles` does, and cancels.
   void Run() override;
 
  private:
-  using Position = std::list<Ifile*>::iterator;
-
-  // The protected files that the list begins with, found once for all the attempts of one
-  // `MakeRoom`; a list that has changed otherwise since is walked anew.
-  struct ProtectedHead {
-    std::optional<Position> last;
-    unsigned long long changes = 0;
-  };
-
   [[nodiscard]] bool HasCard() const;
   bool Fail(char const* message, char const* where);
   void AddReserve();
   void LogShare();
   void Forget();
-  void LoadEntry(char const* entryName, std::fstream& unopened);
-  static std::unique_ptr<Ifile> MakeEntry(std::string filePath, std::string fileName,
-                                          std::fstream& unopened);
+  void LoadEntry(char const* entryName);
+  static std::unique_ptr<Ifile> MakeEntry(std::string filePath, std::string fileName);
   void Append(std::unique_ptr<Ifile> file);
-  unsigned int DeleteBehind(ProtectedHead& head, unsigned int count);
-  Position FirstBehind(ProtectedHead& head);
-  Position Erase(Position position);
+  unsigned int CountFiles();
   void SubtractSize(Ifile const& file);
 
   Disk* disk;
@@ -152,8 +156,6 @@ class QUELLON_EXPORT FilesManager : public Tarvik::Interfaces::IThread,
   std::atomic<unsigned long long> totalFilesSize;
   std::mutex filesMutex;
   std::list<Ifile*> files;
-  unsigned long long changes = 0;       // of the list's order, counted under its lock
-  std::atomic<std::size_t> filesCount;  // the list's size, for those who ask without the lock
 };
 
 }  // namespace Quellon::FileUtils

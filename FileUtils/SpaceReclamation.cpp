@@ -3,7 +3,8 @@
 
 #include <algorithm>
 #include <exception>
-#include <iterator>
+#include <limits>
+#include <typeinfo>
 
 #include "FileUtils/FilesManager.h"
 #include "base/IException.h"
@@ -18,9 +19,20 @@ constexpr int kFruitlessAttempts = 100;
 constexpr unsigned int kFilesPerAttempt = 2;
 constexpr useconds_t kAttemptPauseMicroseconds = 10000;
 
-// Logs and positions outlive the recordings they belong to.
-bool IsProtected(Ifile const& file) {
-  return file.extension == ".log" || file.extension == ".gps";
+// Logs and positions outlive the recordings they belong to. The list's owner may have put nulls
+// into it, which stay there.
+bool MayGo(Ifile const* file) {
+  return file != nullptr && file->extension != ".log" && file->extension != ".gps";
+}
+
+enum class Removal { Done, Failed, Thrown };
+
+Removal Remove(Ifile& file) {
+  try {
+    return file.Remove() ? Removal::Done : Removal::Failed;
+  } catch (std::exception const&) {
+    return Removal::Thrown;
+  }
 }
 
 }  // namespace
@@ -44,10 +56,9 @@ bool FilesManager::CheckAvailableSpace(bool throwIfNoDisk) {
 bool FilesManager::MakeRoom() {
   ResetError();
   int attemptsLeft = kFruitlessAttempts;
-  ProtectedHead head;
   try {
     while (!CheckAvailableSpace(true)) {
-      if (DeleteBehind(head, kFilesPerAttempt) > 0) continue;
+      if (DeleteOldFiles(kFilesPerAttempt) > 0) continue;
       if (--attemptsLeft == 0) throw IException("Unable to make room, after 100 retries");
       usleep(kAttemptPauseMicroseconds);
     }
@@ -58,56 +69,36 @@ bool FilesManager::MakeRoom() {
 }
 
 unsigned int FilesManager::DeleteOldFiles(unsigned int count) {
-  ProtectedHead head;
-  return DeleteBehind(head, count);
-}
-
-unsigned int FilesManager::DeleteBehind(ProtectedHead& head, unsigned int count) {
-  std::size_t const known = filesCount;
-  if (count == 0 || known == 0) return 0;
-  std::size_t const wanted = std::min<std::size_t>(count, known);
-
+  unsigned int const wanted = std::min(count, CountFiles());
+  if (wanted == 0) return 0;
   std::lock_guard const lock(filesMutex);
   unsigned int deleted = 0;
-  for (auto position = FirstBehind(head); position != files.end() && deleted < wanted;) {
+  for (auto next = files.begin(); next != files.end() && deleted < wanted;) {
+    auto const position = next++;
     Ifile* const file = *position;
-    if (IsProtected(*file)) {
-      ++position;
-      continue;
-    }
-    try {
-      bool const removed = file->Remove();
-      position = Erase(position);  // also a file that could not be removed: that object is
-                                   // abandoned on purpose, whoever was given it may still use it
-      if (!removed) continue;
-      ++deleted;
-      SubtractSize(*file);
-      delete file;
-    } catch (std::exception const&) {
-      ++position;  // stays catalogued for another try
-    }
+    if (!MayGo(file)) continue;
+    Removal const removal = Remove(*file);
+    if (removal == Removal::Thrown) continue;  // stays catalogued for another try
+    files.erase(position);  // also a file that could not be removed: that object is abandoned on
+                            // purpose, whoever was given it may still use it
+    if (removal == Removal::Failed) continue;
+    ++deleted;
+    SubtractSize(*file);
+    delete file;
   }
-  head.changes = changes;  // its own deletions were all behind the head
   return deleted;
-}
-
-FilesManager::Position FilesManager::FirstBehind(ProtectedHead& head) {
-  if (head.changes != changes) head.last.reset();
-  auto position = head.last ? std::next(*head.last) : files.begin();
-  for (; position != files.end() && IsProtected(**position); ++position) head.last = position;
-  return position;
 }
 
 bool FilesManager::RemoveFileByName(std::string& fileName) {
   std::lock_guard const lock(filesMutex);
   auto const isRemoved = [&fileName](Ifile* file) {
-    return file->name == fileName && file->Remove();
+    return file != nullptr && file->name == fileName && file->Remove();
   };
   try {
-    auto const position = std::find_if(files.begin(), files.end(), isRemoved);
+    auto const position = std::ranges::find_if(files, isRemoved);
     if (position == files.end()) return false;
     SubtractSize(**position);
-    Erase(position);  // abandoned on purpose: whoever was given the object may still use it
+    files.erase(position);  // abandoned on purpose: whoever was given the object may still use it
     return true;
   } catch (IException const&) {
     return false;
@@ -115,23 +106,25 @@ bool FilesManager::RemoveFileByName(std::string& fileName) {
 }
 
 unsigned int FilesManager::RemoveAllFiles() {
-  return DeleteOldFiles(static_cast<unsigned int>(filesCount.load()));
+  return DeleteOldFiles(CountFiles());
 }
 
 void FilesManager::RemoveAllFilesAsync() {
-  if (filesCount != 0) Start();
+  if (CountFiles() != 0) Start();
 }
 
 void FilesManager::Run() {
-  RemoveAllFiles();
+  // Else a derived class's work was under way when its object went, and nobody asked for this one.
+  if (!IsReducedTo(typeid(FilesManager))) RemoveAllFiles();
   Cancel();  // one pass; a start meanwhile asks for nothing more
 }
 
-FilesManager::Position FilesManager::Erase(Position position) {
-  auto const next = files.erase(position);
-  filesCount = files.size();
-  ++changes;
-  return next;
+// Does not wait: a pass keeps the list to itself as long as it deletes. There may be any number of
+// files in a list that is in use.
+unsigned int FilesManager::CountFiles() {
+  std::unique_lock const lock(filesMutex, std::try_to_lock);
+  return lock.owns_lock() ? static_cast<unsigned int>(files.size())
+                          : std::numeric_limits<unsigned int>::max();
 }
 
 void FilesManager::SubtractSize(Ifile const& file) {

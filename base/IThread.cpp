@@ -27,11 +27,15 @@ IThread::~IThread() {
 }
 
 void IThread::RunBefore() {}
+void IThread::Run() {
+  Cancel();
+}
 void IThread::RunAfter() {}
 void IThread::Stopping() {}
 
 void IThread::Start() {
   std::lock_guard const lock(stateMutex);
+  startedAs = &typeid(*this);
   if (state == State::Cancelled) state = State::Restarted;
   if (state != State::Idle) return;
   if (worker.joinable()) worker.join();  // it has left its last frame, so this takes no time
@@ -52,6 +56,11 @@ void IThread::Join() {
   if (worker.get_id() == std::this_thread::get_id()) return;
   ended.wait(lock, [this] { return state == State::Idle; });
   if (worker.joinable()) worker.join();
+}
+
+bool IThread::IsReducedTo(std::type_info const& type) {
+  std::lock_guard const lock(stateMutex);
+  return startedAs != nullptr && *startedAs != type && typeid(*this) == type;
 }
 
 void IThread::Work() noexcept {

@@ -4,6 +4,7 @@
 #include <condition_variable>
 #include <mutex>
 #include <thread>
+#include <typeinfo>
 
 #include "base/Export.h"
 
@@ -14,25 +15,34 @@ namespace Tarvik::Interfaces {
 ///
 /// `Start`, `Cancel` and `Join` may be called from any thread, the worker included. A derived
 /// class joins in its own destructor, before its members go: the base's destructor runs too late
-/// to protect them. No object is destroyed on its own worker. An exception that leaves a hook or
-/// `Run()` is logged as an error and ends the thread, never the process.
+/// to protect them. Where it does not, the destructors of its bases wait for the `Run()` under way,
+/// and the next one that the thread calls is that of the class whose destructor has been reached.
+/// No object is destroyed on its own worker. An exception that leaves a hook or `Run()` is logged
+/// as an error and ends the thread, never the process.
 class QUELLON_EXPORT IThread {
  public:
   IThread();
   IThread(IThread const&) = delete;
   IThread& operator=(IThread const&) = delete;
-  /// Cancels and waits for the thread.
-  virtual ~IThread();
+  /// Cancels and waits for the thread. Pure to make the class abstract: `Run()`, which derived
+  /// classes supply, cannot be, as the thread may call it until this destructor has been reached.
+  virtual ~IThread() = 0;
 
  protected:
   /// Called on the worker before the first `Run()`.
   virtual void RunBefore();
-  /// The work; called again and again until `Cancel()`.
-  virtual void Run() = 0;
+  /// The work; called again and again until `Cancel()`. Without any of a derived class, or when
+  /// that has been destroyed while its thread runs, cancels.
+  virtual void Run();
   /// Called on the worker after the last `Run()`, also when that one threw.
   virtual void RunAfter();
   /// Called by `Cancel()` on the cancelling thread, to wake a `Run()` that waits for something.
   virtual void Stopping();
+
+  /// Whether the object was of a class derived from `type` when its thread was started, and is of
+  /// `type` itself now: the derived part has been destroyed while the thread runs. For the `Run()`
+  /// of a class that others may derive from, which is called then in the place of theirs.
+  [[nodiscard]] bool IsReducedTo(std::type_info const& type);
 
  public:
   /// Starts the thread. Does nothing while it runs; while a cancelled or failed thread is still in
@@ -58,6 +68,7 @@ class QUELLON_EXPORT IThread {
   std::mutex stateMutex;
   std::condition_variable ended;
   State state = State::Idle;
+  std::type_info const* startedAs = nullptr;  // the object's class at the last start
   std::thread worker;
 };
 

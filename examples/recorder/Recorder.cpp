@@ -58,12 +58,6 @@ bool CardAnswers() {
   return card.IsOpen() && read(card.Get(), block.data(), kBlock) == kBlock;
 }
 
-// Recordings that are complete must survive a power cut, so they are on the card before they count.
-bool SyncToCard(std::string const& path) {
-  Tarvik::UniqueFd const file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
-  return file.IsOpen() && fsync(file.Get()) == 0;
-}
-
 // Kicks the watchdog while the card is checked, which takes minutes when it is large, but not for
 // ever: a check that hangs is the watchdog's to end.
 class KicksMeanwhile : public Tarvik::Interfaces::IThread {
@@ -191,6 +185,7 @@ void Recorder::RemoveOrphanedPositions() {
 }
 
 // Each recording holds its own name again and again, so that anybody can see whether it is intact.
+// What is complete must survive a power cut, so it is on the card before it counts.
 bool Recorder::WriteFile(std::string name, std::size_t bytes) {
   std::string path = kRecordings + name;
   std::string line = name + "\n";
@@ -199,8 +194,7 @@ bool Recorder::WriteFile(std::string name, std::size_t bytes) {
   for (std::size_t written = 0; written < bytes; written += line.size()) {
     file.Write(line.data(), static_cast<unsigned int>(std::min(line.size(), bytes - written)));
   }
-  file.Close();
-  if (!file.stream->good() || !SyncToCard(path) || !catalogue->AddFile(name)) {
+  if (!file.Sync() || !catalogue->AddFile(name)) {
     LogLine(Error) << "[REC] Could not write " << path;
     return false;
   }

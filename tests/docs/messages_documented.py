@@ -18,7 +18,8 @@ FOLDERS = ["base", "DiskUtils", "FileUtils", "RTC", "SysUtil", "Watchdog", "Test
 UNSEEN_FILES = {"base/JsonWriter.cpp"}
 UNSEEN = {'"\\/bfnrt', '"\\/\b', "null", "true", "false",  # JsonReader
           "%Y-%m-… %H:%M:%S",  # the date's format, a conversion of which looks like printf's
-          ".", "…..",  # a directory and its parent
+           ".", "….", "…..",  # a directory and its parent
+           "/dev/null",
           "/\\", "/", "3", "r"}
 
 CODE_SPAN = re.compile(r"`([^`\n]+)`")

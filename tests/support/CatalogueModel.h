@@ -96,6 +96,32 @@ class Model {
     catalogue.clear();
   }
 
+  // What its owner does to the list itself; the total knows nothing of it.
+  void Push(File const& file) { catalogue.push_back(file); }
+
+  bool Erase(std::string const& name) {
+    auto const found = Find(name);
+    if (found == catalogue.end()) return false;
+    catalogue.erase(found);
+    return true;
+  }
+
+  void OrderByName() {
+    std::stable_sort(catalogue.begin(), catalogue.end(),
+                     [](File const& a, File const& b) { return a.name > b.name; });
+  }
+
+  // What its owner does with an entry. Either makes a missing file; the entry keeps its size.
+  std::uint64_t Copy(std::string const& name, std::int64_t now) { return Write(name, 0, now); }
+
+  std::uint64_t Write(std::string const& name, std::uint64_t bytes, std::int64_t now) {
+    if (Find(name) == catalogue.end()) return 0;
+    File& file = card.try_emplace(name, File{name, 0, now}).first->second;
+    file.size += bytes;
+    file.time = now;
+    return file.size;
+  }
+
   std::uint64_t TotalFilesSize(bool recalculate) {
     if (recalculate || total == 0) {
       total = 0;
@@ -168,6 +194,11 @@ class Model {
   bool Fail(std::string const& reason) {
     error = reason;
     return false;
+  }
+
+  std::vector<File>::iterator Find(std::string const& name) {
+    return std::find_if(catalogue.begin(), catalogue.end(),
+                        [&name](File const& file) { return file.name == name; });
   }
 
   void Append(File const& file) {

@@ -30,6 +30,10 @@ class CatalogueTest : public testing::Test {
   /// Makes a recording of that size and age.
   static void MakeRecording(std::string const& name, std::size_t size = 0, std::time_t time = 0) {
     Interpose::MakeFile(kDirectory + name, std::string(size, 'x'));
+    SetTime(name, time);
+  }
+
+  static void SetTime(std::string const& name, std::time_t time) {
     timespec const times[2] = {{time, 0}, {time, 0}};
     utimensat(AT_FDCWD, Where(name).c_str(), times, AT_SYMLINK_NOFOLLOW);
   }

@@ -76,6 +76,7 @@ inline std::vector<Failure> const& FailuresOf(std::string const& function) {
       {"read", With({Failure::Short}, Errors({EAGAIN, EBADF, EFAULT, EINTR, EINVAL, EIO, EISDIR}))},
       {"write", writing},
       {"writev", writing},
+      {"fsync", Errors({EBADF, EDQUOT, EINTR, EINVAL, EIO, ENOSPC, EROFS})},
       {"close", closing},
       {"fclose", closing},
       {"unlink", Errors({EACCES, EBUSY, EFAULT, EIO, EISDIR, ELOOP, ENAMETOOLONG, ENOENT, ENOMEM,
@@ -221,6 +222,11 @@ ssize_t writev(int fd, iovec const* parts, int count) {
   if (!failure) return next(fd, parts, count);
   return failure->kind == FailingCalls::Failure::Short ? next(fd, parts, 1)
                                                        : FailingCalls::Fail(*failure);
+}
+
+int fsync(int fd) {
+  static auto* const next = TheReal<int(int)>("fsync");
+  return FailingCalls::DoAndDeny("fsync", fd, -1, [=] { return next(fd); });
 }
 
 int fstat(int fd, struct stat* status) noexcept {

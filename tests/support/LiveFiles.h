@@ -58,22 +58,12 @@ extern "C" {
 using LiveFiles::Ifile;
 
 Ifile* ConstructFile(Ifile* file) __asm__("_ZN7Quellon9FileUtils5IfileC1Ev");
-Ifile* ConstructEntry(Ifile* file, std::fstream& unopened) __asm__(
-    "_ZN7Quellon9FileUtils5IfileC1ERSt13basic_fstreamIcSt11char_traitsIcEE");
 Ifile* DestroyFile(Ifile* file) __asm__("_ZN7Quellon9FileUtils5IfileD1Ev");
 void DeleteFile(Ifile* file) __asm__("_ZN7Quellon9FileUtils5IfileD0Ev");
 
 Ifile* ConstructFile(Ifile* file) {
   static auto* const next = TheReal<void(Ifile*)>("_ZN7Quellon9FileUtils5IfileC1Ev");
   next(file);
-  LiveFiles::Add(file);
-  return file;
-}
-
-Ifile* ConstructEntry(Ifile* file, std::fstream& unopened) {
-  static auto* const next = TheReal<void(Ifile*, std::fstream&)>(
-      "_ZN7Quellon9FileUtils5IfileC1ERSt13basic_fstreamIcSt11char_traitsIcEE");
-  next(file, unopened);
   LiveFiles::Add(file);
   return file;
 }

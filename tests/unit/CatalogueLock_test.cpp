@@ -22,6 +22,7 @@ struct Watched {
   int locked = 0;
   int held = 0;
   bool fails = false;
+  bool isBusy = false;  // for whoever does not wait
 };
 Watched watched;
 
@@ -40,6 +41,15 @@ int pthread_mutex_lock(pthread_mutex_t* mutex) noexcept {
   if (watched.fails) return EINVAL;
   EXPECT_EQ(watched.held, 0) << "the lock is taken recursively";
   ++watched.locked;
+  ++watched.held;
+  return next(mutex);
+}
+
+int pthread_mutex_trylock(pthread_mutex_t* mutex) noexcept {
+  static auto* const next = TheReal<int(pthread_mutex_t*)>("pthread_mutex_trylock");
+  if (!IsWatched(mutex)) return next(mutex);
+  if (watched.fails) return EINVAL;
+  if (watched.isBusy) return EBUSY;
   ++watched.held;
   return next(mutex);
 }
@@ -139,6 +149,32 @@ TEST_F(CatalogueLock, IsNotTakenToDeleteFromAnEmptyCatalogue) {
               catalogue.RemoveAllFilesAsync();
             }),
             0);
+}
+
+TEST_F(CatalogueLock, IsNotTakenToDeleteFromAListThatItsOwnerEmptied) {
+  auto& list = catalogue.GetList();
+  for (Ifile* file : list) delete file;
+  list.clear();
+  EXPECT_EQ(Locks([&] { EXPECT_EQ(catalogue.RemoveAllFiles(), 0U); }), 0);
+}
+
+// Nobody knows then how many files there are, if any.
+TEST_F(CatalogueLock, IsWaitedForToDeleteFromAListThatIsInUse) {
+  watched.isBusy = true;
+  EXPECT_EQ(Locks([&] { EXPECT_EQ(catalogue.DeleteOldFiles(1), 1U); }), 1);
+  EXPECT_EQ(Locks([&] { EXPECT_EQ(catalogue.RemoveAllFiles(), 1U); }), 1);
+  EXPECT_EQ(Locks([&] { EXPECT_EQ(catalogue.RemoveAllFiles(), 0U); }), 1);
+}
+
+TEST_F(CatalogueLock, IsNotWaitedForToStartAPass) {
+  watched.isBusy = true;
+  EXPECT_EQ(Locks([&] {
+              catalogue.RemoveAllFilesAsync();
+              catalogue.Join();
+            }),
+            1)
+      << "that of the pass itself";
+  EXPECT_THAT(OnCard(), testing::ElementsAre("c.dat"));
 }
 
 TEST_F(CatalogueLock, IsFreeWhileMakeRoomMeasuresAndWaits) {

@@ -3,6 +3,8 @@
 #include <dirent.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/uio.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -25,6 +27,30 @@
 #include "tests/support/CatalogueModel.h"
 #include "tests/support/CatalogueTest.h"
 #include "tests/support/RemovalHook.h"
+#include "tests/support/TheReal.h"
+
+namespace {
+
+/// How often anything was read or written.
+int calls = 0;
+
+}  // namespace
+
+extern "C" {
+
+ssize_t read(int fd, void* data, std::size_t length) {
+  static auto* const next = TheReal<decltype(read)>("read");
+  ++calls;
+  return next(fd, data, length);
+}
+
+ssize_t writev(int fd, iovec const* parts, int count) {
+  static auto* const next = TheReal<decltype(writev)>("writev");
+  ++calls;
+  return next(fd, parts, count);
+}
+
+}  // extern "C"
 
 namespace {
 
@@ -63,13 +89,21 @@ enum class Deed {
   ClearList,
   ReadTotal,
   SumTotal,
+  Push,
+  Erase,
+  OrderByName,
+  Copy,
+  Write,
 };
 
 constexpr char const* kDeeds[] = {
-    "Appear",  "Vanish",           "RemovalSucceeds", "RemovalFails",   "RemovalThrows",
-    "Occupy",  "Withdraw",         "Insert",          "Load",           "LoadAndSort",
-    "AddFile", "RemoveFileByName", "DeleteOldFiles",  "RemoveAllFiles", "MakeRoom",
-    "Sort",    "ReverseList",      "ClearList",       "ReadTotal",      "SumTotal"};
+    "Appear",         "Vanish",         "RemovalSucceeds", "RemovalFails",
+    "RemovalThrows",  "Occupy",         "Withdraw",        "Insert",
+    "Load",           "LoadAndSort",    "AddFile",         "RemoveFileByName",
+    "DeleteOldFiles", "RemoveAllFiles", "MakeRoom",        "Sort",
+    "ReverseList",    "ClearList",      "ReadTotal",       "SumTotal",
+    "Push",           "Erase",          "OrderByName",     "Copy",
+    "Write"};
 
 /// What a step does is its deed; the rest are arguments, of which each deed uses its own.
 struct Step {
@@ -130,6 +164,10 @@ class World {
     auto& hooks = Interpose::hooks();
     hooks.statvfs = [this](std::string const&, struct statvfs* space) { return Measure(space); };
     hooks.unlink = [this](std::string const& path) { return Unlink(path); };
+    hooks.write = [](int, void const*, std::size_t) -> std::optional<ssize_t> {
+      ++calls;
+      return std::nullopt;
+    };
     RemovalHook::hook() = [this](Ifile& file) {
       if (removals[file.name] == Removal::Throws) throw Tarvik::IException("refused");
       return RemovalHook::Real(file);
@@ -171,6 +209,47 @@ class World {
     return recalculate ? catalogue->GetTotalFilesSize(true) : catalogue->GetTotalFilesSize();
   }
 
+  void Push(File const& pushed) {
+    auto file = std::make_unique<Ifile>();
+    file->path = CatalogueTest::kDirectory + pushed.name;
+    file->name = pushed.name;
+    auto const dot = pushed.name.rfind('.');
+    if (dot != std::string::npos) file->extension = pushed.name.substr(dot);
+    file->size = static_cast<long long>(pushed.size);
+    file->time = static_cast<std::time_t>(pushed.time);
+    catalogue->GetList().push_back(file.release());
+  }
+
+  bool Erase(std::string const& name) {
+    auto& list = catalogue->GetList();
+    auto const found = std::ranges::find(list, name, &Ifile::name);
+    if (found == list.end()) return false;
+    delete *found;
+    list.erase(found);
+    return true;
+  }
+
+  void OrderByName() {
+    catalogue->GetList().sort([](Ifile* a, Ifile* b) { return a->name > b->name; });
+  }
+
+  /// The bytes of a copy that an entry makes of its file.
+  std::uint64_t Copy(std::string const& name, std::int64_t now) {
+    constexpr char const* kCopy = "/mnt/sdcard/copy";
+    constexpr int kCalls = 3;  // the content read and written, and its end found
+    return WithEntry(name, now, kCopy, kCalls,
+                     [kCopy](Ifile& entry) { EXPECT_TRUE(entry.CopyTo(kCopy)); });
+  }
+
+  /// The bytes of the file that an entry was appended to, in pieces of a byte.
+  std::uint64_t Write(std::string const& name, std::uint64_t bytes, std::int64_t now) {
+    return WithEntry(name, now, CatalogueTest::kDirectory + name, 1, [bytes](Ifile& entry) {
+      char piece = 'x';
+      EXPECT_TRUE(entry.Open(true));
+      for (std::uint64_t left = bytes; left > 0; --left) EXPECT_TRUE(entry.Write(&piece, 1));
+    });
+  }
+
   State Look() const {
     State state{{}, CatalogueTest::OnCard(), LiveFiles::Count(), 0, ""};
     std::erase(state.card, "sub");
@@ -200,6 +279,25 @@ class World {
   }
 
  private:
+  /// Does `work` with the first entry of that name, and takes its file for one of that time.
+  /// Returns the size of `result`, unless that holds anything but what was written, or took more
+  /// calls than a plain stream makes.
+  template <typename Work>
+  std::uint64_t WithEntry(std::string const& name, std::int64_t now, std::string const& result,
+                          int callsOfAPlainStream, Work work) {
+    auto& list = catalogue->GetList();
+    auto const found = std::ranges::find(list, name, &Ifile::name);
+    if (found == list.end()) return 0;
+    calls = 0;
+    work(**found);
+    (*found)->Close();
+    if (calls > callsOfAPlainStream) return std::uint64_t(-1);
+    CatalogueTest::SetTime(name, static_cast<std::time_t>(now));
+    sizes[name] = static_cast<std::int64_t>(fs::file_size(CatalogueTest::Where(name)));
+    std::string const content = Interpose::ReadFile(result);
+    return content.find_first_not_of('x') == std::string::npos ? content.size() : std::uint64_t(-2);
+  }
+
   Answer Measure(struct statvfs* space) const {
     std::int64_t free = figures.cardBytes - occupied;
     for (auto const& [name, size] : sizes) free -= size;
@@ -268,6 +366,16 @@ std::uint64_t Do(Step const& step, Subject& subject, std::vector<std::string> co
       return subject.TotalFilesSize(false);
     case Deed::SumTotal:
       return subject.TotalFilesSize(true);
+    case Deed::Push:
+      return subject.Push({step.name, step.number, step.time}), 0;
+    case Deed::Erase:
+      return subject.Erase(step.name);
+    case Deed::OrderByName:
+      return subject.OrderByName(), 0;
+    case Deed::Copy:
+      return subject.Copy(step.name, step.time);
+    case Deed::Write:
+      return subject.Write(step.name, step.number, step.time);
   }
   std::abort();
 }
@@ -385,7 +493,8 @@ TEST_F(CatalogueProperties, EverySequenceGoesAsTheModelSays) {
        {"Load", "Load in vain", "LoadAndSort", "AddFile", "AddFile in vain",
         "RemoveFileByName deletes", "RemoveFileByName in vain", "DeleteOldFiles deletes",
         "DeleteOldFiles deletes drops", "DeleteOldFiles drops in vain", "RemoveAllFiles deletes",
-        "MakeRoom", "MakeRoom deletes", "MakeRoom deletes drops", "MakeRoom in vain"}) {
+        "MakeRoom", "MakeRoom deletes", "MakeRoom deletes drops", "MakeRoom in vain", "Erase drops",
+        "Copy", "Write"}) {
     EXPECT_GT(outcomes[outcome], 0) << outcome << " was never seen";
   }
 }

@@ -241,6 +241,38 @@ TEST(EveryCallFails, WhileAFileIsCopied) {
        {"[rw]* *", "done, a part" + line}});
 }
 
+/// A recording that is brought to the card while its stream holds the half of it.
+class Syncing {
+ public:
+  Syncing() {
+    Interpose::MakeFile(kPath, "");
+    std::string path = kPath;
+    file.emplace(path, true);
+    file->Write(text, sizeof text);
+  }
+
+  void Run() { outcome = file->Sync() ? "on the card" : "not on the card"; }
+
+  std::string Outcome() {
+    std::string const content = Interpose::ReadFile(kPath);
+    return outcome + (content == std::string(text, sizeof text) ? "" : ", incomplete");
+  }
+
+ private:
+  static constexpr char const* kPath = "/mnt/sdcard/cr/a.dat";
+  char text[5] = {'1', '2', '3', '4', '5'};
+  std::optional<Ifile> file;
+  std::string outcome;
+};
+
+TEST(EveryCallFails, WhileARecordingIsBroughtToTheCard) {
+  FaultTable::Try<Syncing>("on the card", {{"*: EINTR", kNoHarm},
+                                           {"write *: short", kNoHarm},
+                                           {"close *", kNoHarm},
+                                           {"write *", "not on the card, incomplete"},
+                                           {"*", "not on the card"}});
+}
+
 class Clock {
  public:
   Clock() {

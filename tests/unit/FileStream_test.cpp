@@ -1,17 +1,24 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <cerrno>
+#include <unistd.h>
+
 #include <cstdlib>
 #include <ctime>
 #include <filesystem>
 #include <fstream>
+#include <functional>
+#include <map>
 #include <memory>
+#include <optional>
 #include <string>
+#include <vector>
 
 #include "FileUtils/File.h"
 #include "base/IException.h"
+#include "base/Logger.h"
 #include "tests/support/Capture.h"
+#include "tests/support/ChildProcess.h"
 #include "tests/support/Interpose.h"
 
 namespace {
@@ -244,6 +251,79 @@ TEST_F(FileStream, PrintStatShowsATimeOfZeroAsADate) {
   tzset();
   EXPECT_THAT(Capture::Output([] { At(kPath)->PrintStat(); }),
               EndsWith("]Time: 1970-01-01 00:00:00\n"));
+}
+
+TEST_F(FileStream, TheSizeOfAFileIsLoggedAsANumber) {
+  Holds("12345");
+  auto const file = At(kPath);
+  ASSERT_TRUE(file->Stat());
+  EXPECT_THAT(Capture::Output([&] { Tarvik::Ilog::LogLine(Tarvik::Ilog::Info) << file->size; }),
+              EndsWith("]5\n"));
+}
+
+/// Each way in which a file of that path is opened and then kept open.
+std::map<std::string, std::function<std::unique_ptr<Ifile>()>> const kOpenings = {
+    {"made open", [] { return At(kPath, true); }},
+    {"opened in place",
+     [] {
+       auto file = At(kPath);
+       file->Open(true);
+       return file;
+     }},
+    {"opened anew",
+     [] {
+       auto file = BareAt(kPath);
+       file->Open(true);
+       return file;
+     }},
+    {"opened to be copied",
+     [] {
+       auto file = At(kPath);
+       EXPECT_TRUE(file->CopyTo(kCopy));
+       return file;
+     }},
+};
+
+// A child process, since the framework needs its own.
+TEST_F(FileStream, NeverBecomesAStandardDescriptorThatWasClosed) {
+  for (auto const& [how, open] : kOpenings) {
+    for (int number = STDIN_FILENO; number <= STDERR_FILENO; ++number) {
+      SCOPED_TRACE(how + ", without descriptor " + std::to_string(number));
+      Holds("12345");
+      ChildProcess::Run([open = open, number] {
+        Tarvik::Ilog::Logger::GetInstance()->fileSink->enabled = false;  // opens a file, too
+        close(number);
+        auto const file = open();
+        EXPECT_TRUE(file->stream->is_open());
+        static_cast<void>(write(number, "printed", 7));
+      });
+      EXPECT_EQ(Interpose::ReadFile(kPath), "12345");
+    }
+  }
+}
+
+TEST_F(FileStream, ACopyIsNotWhatIsPrintedMeanwhileByAProcessWithoutStandardOutput) {
+  Holds("12345");
+  ChildProcess::Run([] {
+    auto* const logger = Tarvik::Ilog::Logger::GetInstance();
+    logger->fileSink->enabled = false;
+    logger->consoleSink->enabled = true;
+    auto const file = At(kPath, true);
+    close(STDOUT_FILENO);  // now the destination would get its number, and the line for the console
+    EXPECT_TRUE(file->CopyTo(kCopy));
+  });
+  EXPECT_EQ(Interpose::ReadFile(kCopy), "12345");
+}
+
+TEST_F(FileStream, OpensNothingElseWhereTheStandardDescriptorsAreOpen) {
+  Holds("12345");
+  std::vector<std::string> others;
+  Interpose::hooks().faultAt = [&](std::string const& function, std::string const& path) {
+    if (function.find("open") != std::string::npos && path != kPath) others.push_back(path);
+    return std::nullopt;
+  };
+  At(kPath, true);
+  EXPECT_THAT(others, IsEmpty());
 }
 
 TEST_F(FileStream, CopyToCopiesTheWholeFileAndLogsIt) {

@@ -291,6 +291,15 @@ TEST(IThread, ItsOtherHooksDoNothingUnlessAClassSaysSo) {
   EXPECT_EQ(ScriptedThread::Created(), before + 2);
 }
 
+TEST(IThread, EndsAtOnceInAClassWithoutWork) {
+  struct Idle : IThread {
+  } thread;
+  EXPECT_TRUE(LogFile::AnotherThreadGetsThrough([&thread] {
+    thread.Start();
+    thread.Join();
+  }));
+}
+
 TEST(IThread, StopsAndReleasesItsThreadAlsoForAClassThatDoesNot) {
   struct Plain : IThread {
     explicit Plain(std::binary_semaphore& semaphore) : ended(semaphore) {}

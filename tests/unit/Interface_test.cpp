@@ -131,6 +131,7 @@ static_assert(is_same_v<decltype(&Ifile::Stat), bool (Ifile::*)()>);
 static_assert(is_same_v<decltype(&Ifile::PrintStat), void (Ifile::*)()>);
 static_assert(is_same_v<decltype(&Ifile::Open), bool (Ifile::*)(bool)>);
 static_assert(is_same_v<decltype(&Ifile::Close), void (Ifile::*)()>);
+static_assert(is_same_v<decltype(&Ifile::Sync), bool (Ifile::*)()>);
 static_assert(Is<bool (Ifile::*)(char*, unsigned int)>(&Ifile::Write));
 static_assert(Is<bool (Ifile::*)(Ibuffer&)>(&Ifile::Write));
 static_assert(Is<bool (Ifile::*)(Iubuffer&)>(&Ifile::Write));
@@ -148,7 +149,7 @@ static_assert(
 static_assert(is_same_v<decltype(&Ifile::ExtractFileExtension), string (Ifile::*)(string const&)>);
 static_assert(is_same_v<decltype(Ifile::path), string> && is_same_v<decltype(Ifile::name), string>);
 static_assert(is_same_v<decltype(Ifile::extension), string>);
-static_assert(is_same_v<decltype(Ifile::size), std::int64_t>);
+static_assert(is_same_v<decltype(Ifile::size), long long>);
 static_assert(is_same_v<decltype(Ifile::time), std::time_t>);
 static_assert(is_same_v<decltype(Ifile::stream), std::unique_ptr<std::fstream>>);
 
