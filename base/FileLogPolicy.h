@@ -1,8 +1,7 @@
 // Where the logger's file sink writes.
 #pragma once
 
-#include <sys/types.h>
-
+#include <cstdint>
 #include <string_view>
 
 #include "base/Export.h"
@@ -29,7 +28,7 @@ class QUELLON_EXPORT FileLogPolicy {
   bool MakeWay(std::size_t length) noexcept;
 
   UniqueFd file;
-  off_t size = 0;
+  std::int64_t size = 0;
 };
 
 }  // namespace Tarvik::Ilog
