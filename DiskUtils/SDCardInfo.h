@@ -31,6 +31,7 @@ class QUELLON_EXPORT SDCardInfo {
   SDCardInfoData data;  ///< as it was when this object was made
 };
 
+/// The properties by their short name.
 using SDCardInfoData = SDCardInfo::SDCardInfoData;
 
 }  // namespace Quellon::DiskUtils

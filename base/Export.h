@@ -1,4 +1,10 @@
-// Marks what the libraries export; everything else is hidden.
+// Marks what the libraries export; everything else is hidden. Every public header begins here, so
+// that an application that would see other classes than the libraries' own is refused, too.
 #pragma once
 
+#include <ctime>
+
 #define QUELLON_EXPORT __attribute__((visibility("default")))
+
+static_assert(sizeof(std::time_t) == sizeof(long),
+              "Quellon's times are as wide as long: compile without _TIME_BITS=64 (-U_TIME_BITS)");

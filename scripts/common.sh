@@ -117,15 +117,29 @@ build_quietly() {
 
 passed=0 failed=0 skipped=0
 
+# The tests of ctest's report that said that they were skipped, and those that failed. A test that
+# could not be started is reported as a skipped one, too.
+skips='//testcase[skipped[starts-with(@message, "SKIP_")]]'
+failures='//testcase[failure or skipped[not(starts-with(@message, "SKIP_"))]]'
+
 # Each reason once. GoogleTest gives it on a line after "Skipped", other tests on their last one.
 show_skip_reasons() {
-  local report=$1 number count
-  count=$(xmllint --xpath 'count(//testcase[skipped])' "$report")
-  for ((number = 1; number <= count; ++number)); do
-    xmllint --xpath "string((//testcase[skipped])[$number]/system-out)" "$report" |
+  local report=$1 number
+  for ((number = 1; number <= $(ask "$report" "count($skips)"); ++number)); do
+    ask "$report" "string(($skips)[$number]/system-out)" |
       awk '/: Skipped$/ { getline; reason = $0; exit } NF { reason = $0 } END { print reason }'
   done | sort | uniq -c | sed 's/^/   skipped: /'
 }
+
+show_failures() {
+  local report=$1 number
+  for ((number = 1; number <= $(ask "$report" "count($failures)"); ++number)); do
+    printf '%s-- %s%s\n' "$bold" "$(ask "$report" "string(($failures)[$number]/@name)")" "$plain"
+    ask "$report" "string(($failures)[$number]/system-out)" | tail -n 60
+  done
+}
+
+ask() { xmllint --xpath "$2" "$1"; }
 
 # Runs the tests of a preset and counts them; further arguments go to ctest.
 run_tests() {
@@ -134,20 +148,21 @@ run_tests() {
   shift
   step "Testing ($preset) $*"
   timed ctest --test-dir "build/$preset" --output-junit "$root/$report" --output-on-failure \
-    --no-tests=error "$@" >"$log" 2>&1 || sed -n '/^The following tests FAILED/,$p' "$log"
+    --no-tests=error "$@" >"$log" 2>&1 || true
   [[ -s $report ]] || fail "no tests were run; see $log"
-  local tests failures skips
-  tests=$(xmllint --xpath 'string(/testsuite/@tests)' "$report")
-  failures=$(xmllint --xpath 'string(/testsuite/@failures)' "$report")
-  skips=$(xmllint --xpath 'string(/testsuite/@skipped)' "$report")
-  ((tests > 0)) || fail "no tests were run; see $log"
+  local all bad skip
+  all=$(ask "$report" 'count(//testcase)')
+  bad=$(ask "$report" "count($failures)")
+  skip=$(ask "$report" "count($skips)")
+  ((all > 0)) || fail "no tests were run; see $log"
+  show_failures "$report"
   sed -nE 's/^ *[0-9]+\/[0-9]+ Test +#[0-9]+: ([^ ]+) .*\*{3}(Failed|Timeout|Exception|Skipped|Not Run)/   \2: \1 /p' "$log"
-  ((skips == 0)) || show_skip_reasons "$report"
+  show_skip_reasons "$report"
   printf '   %d passed, %d failed, %d skipped in %s (%s)\n' \
-    $((tests - failures - skips)) "$failures" "$skips" "$(minutes $((SECONDS - start)))" "$log"
-  passed=$((passed + tests - failures - skips))
-  failed=$((failed + failures))
-  skipped=$((skipped + skips))
+    $((all - bad - skip)) "$bad" "$skip" "$(minutes $((SECONDS - start)))" "$log"
+  passed=$((passed + all - bad - skip))
+  failed=$((failed + bad))
+  skipped=$((skipped + skip))
 }
 
 skip_status=77  # of a check or test that could not be made here

@@ -8,6 +8,7 @@ VALUE = "…"
 TOKEN = re.compile(r"""
     (?P<comment>//[^\n]*|/\*.*?\*/)
   | (?P<directive>^[ \t]*\#(?:[^\n\\]|\\.)*)
+  | (?P<assertion>\bstatic_assert\b(?:"(?:[^"\\]|\\.)*"|[^";])*)
   | (?P<text>"(?:[^"\\]|\\.)*")
   | (?P<character>'(?:[^'\\]|\\.)*')
   | (?P<word>[\w.:]+)
@@ -47,7 +48,7 @@ def messages_below(root: Path, places: list[str]) -> dict[str, str]:
 
 def tokens_of(source: str):
     for match in TOKEN.finditer(source):
-        if match.lastgroup not in ("comment", "directive"):
+        if match.lastgroup not in ("comment", "directive", "assertion"):
             yield match.lastgroup, match.group()
 
 

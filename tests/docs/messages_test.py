@@ -39,6 +39,9 @@ class Extraction(unittest.TestCase):
     def test_comments_directives_and_characters_are_no_texts(self):
         self.expect('#include "a.h"\n// "b"\n/* "c" */ char d = \'"\'; f("e");', "e")
 
+    def test_what_the_compiler_says_is_no_text(self):
+        self.expect('static_assert(sizeof(a) == 4, "a; " "b");\nf("c");', "c")
+
     def test_the_sources_are_read(self):
         texts = printed(ROOT)
         self.assertIn("FSCK output: …", texts)

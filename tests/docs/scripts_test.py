@@ -2,6 +2,7 @@
 """Tests of the comfort of the commands that a person types."""
 
 import subprocess
+import tempfile
 import unittest
 from pathlib import Path
 
@@ -45,6 +46,36 @@ class Scripts(unittest.TestCase):
         command = "timed sleep 1.5 >/dev/null; echo $?"
         self.assertEqual(self.output(command), "0\n")
         self.assertIn("0:01", self.output(command, "script", "-qec"))
+
+    def test_the_output_of_each_failing_test_is_shown_and_of_no_other(self):
+        output = self.output_of_tests(bad=("echo of the bad one; exit 1", ""),
+                                      slow=("echo of the slow one; sleep 60", "TIMEOUT 1"),
+                                      good=("echo of the good one", ""))
+        self.assertIn("-- bad\nof the bad one\n", output)
+        self.assertIn("-- slow\nof the slow one\n", output)
+        self.assertNotIn("good", output)
+        self.assertIn("1 passed, 2 failed, 0 skipped", output)
+
+    def test_a_test_that_cannot_be_started_failed_and_was_not_skipped(self):
+        output = self.output_of_tests(missing=None,
+                                      elsewhere=("echo no board here; exit 77",
+                                                 "SKIP_RETURN_CODE 77"))
+        self.assertIn("-- missing\nUnable to find executable", output)
+        self.assertIn("skipped:       1 no board here\n", output)
+        self.assertIn("0 passed, 1 failed, 1 skipped", output)
+
+    def output_of_tests(self, **tests) -> str:
+        """What run_tests says of tests, each a command of the shell and its properties."""
+        lines = []
+        for name, test in tests.items():
+            command, properties = test or ("", "")
+            lines.append(f"add_test({name} /bin/sh -c [[{command}]])" if test else
+                         f"add_test({name} /nowhere/{name})")
+            lines.append(f"set_tests_properties({name} PROPERTIES LABELS x {properties})")
+        (ROOT / "build").mkdir(exist_ok=True)
+        with tempfile.TemporaryDirectory(dir=ROOT / "build") as folder:
+            (Path(folder) / "CTestTestfile.cmake").write_text("\n".join(lines))
+            return self.output(f"run_tests {Path(folder).name} -L x")
 
     def output(self, command: str, *terminal: str) -> str:
         command = f"bash -c '. {ROOT}/scripts/common.sh; {command}'"
