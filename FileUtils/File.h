@@ -17,6 +17,9 @@ namespace Quellon::FileUtils {
 ///
 /// Sizes and times come from lstat(2) in the C library's plain form: on a 32-bit board a file of
 /// 2 GiB or more cannot be described, and operations that need its size fail.
+///
+/// Streams follow symbolic links, make files with mode 0666 less the umask, and are not
+/// close-on-exec: a command that is run while one is open inherits it.
 class QUELLON_EXPORT Ifile {
  public:
   /// Describes no file yet; `path`, `name` and `extension` are the caller's to set. The stream is
