@@ -8,8 +8,8 @@
 namespace Quellon::DiskUtils {
 
 /// Unmounts, checks and mounts one partition with the commands "umount", "fsck" and "mount", found
-/// on the search path. Nothing is thrown; messages go to standard output. Not locked: one thread
-/// at a time, and nothing else may use the partition meanwhile.
+/// on the search path. Nothing is thrown for a command that fails; messages go to standard output.
+/// Not locked: one thread at a time, and nothing else may use the partition meanwhile.
 class QUELLON_EXPORT CheckDisk {
  public:
   /// Keeps copies of both paths: the mount directory and the partition's device node.
@@ -21,7 +21,7 @@ class QUELLON_EXPORT CheckDisk {
   virtual ~CheckDisk();
 
   /// Runs the unmount command until it succeeds, 4 times at most, 1 second apart, and prints which
-  /// it was.
+  /// it was. A command that a signal ends counts as one that succeeded.
   void UnMount();
 
   /// Runs the mount command (options noatime, nodiratime, data=writeback) in the same way.

@@ -3,8 +3,8 @@
 
 namespace Quellon::DiskUtils {
 
-/// perror(3) where standard error takes it at once; else the complaint is lost. A pipe that nobody
-/// reads or a halted serial line must not keep the machine from its restart.
+/// perror(3), if poll(2) finds standard error ready for it; else the complaint is lost. A pipe that
+/// nobody reads or a halted serial line must not keep the machine from its restart.
 void Complain(char const* what);
 
 }  // namespace Quellon::DiskUtils

@@ -48,8 +48,10 @@ class QUELLON_EXPORT Disk : public CheckDisk {
   /// Throws IException "Stat error (1)" or "Stat error (2)" with the errno of stat(2).
   bool CheckDiskPresence();
 
-  /// Looks for the card, refreshes its identity and its status entry, and mounts it if it is not
-  /// mounted. True when it is there and mounted. Throws as `CheckDiskPresence` does.
+  /// Looks for the card's device nodes, refreshes its identity and its status entry, and mounts it
+  /// if nothing is mounted in its place. True when the nodes are there and something is mounted; a
+  /// card that was pulled and put back without `Umount` passes, though what is mounted is gone.
+  /// Changes `available` in neither case. Throws as `CheckDiskPresence` does.
   bool CheckDeviceStatus();
 
   /// Refreshes `totalBytes`, `freeBytes` and `reserveBytes` by statvfs(3). Throws IException "Get

@@ -8,8 +8,9 @@
 
 namespace Quellon {
 
-/// The health summary: one JSON object that every start-up attempt brings up to date. Not locked:
-/// read it while no report is being built.
+/// The health summary: one JSON object, a snapshot that the last report recorded. It does not
+/// change by itself, as when the card is pulled: `System::BuildDiskHealthReport` says how to bring
+/// it up to date. Not locked: read it while no report is being built.
 class QUELLON_EXPORT HealthStatus {
  public:
   HealthStatus();

@@ -42,10 +42,18 @@ class QUELLON_EXPORT System {
   /// that cannot save still reboots for its card.
   bool SaveSDCardStatusCounter(int counter);
 
-  /// Prints the card's report and refreshes `healthStatus`. Does nothing before `InitDisk`.
+  /// Prints the card's report and records it in `healthStatus`; `InitDisk` ends with one. It tells
+  /// what is known of the card, and does not look at it: one that was pulled is in service (0)
+  /// until somebody has looked. To have the summary up to date:
+  ///
+  ///     if (!system->disk->CheckDeviceStatus()) system->disk->available = false;
+  ///     system->BuildDiskHealthReport();
+  ///
+  /// A card that is put in later is brought into service by `Umount` of the one that went and by
+  /// `InitDisk`. Does nothing while `disk` is null.
   void BuildDiskHealthReport();
 
-  /// The health summary as JSON text; "{}" before the first report.
+  /// The health summary as JSON text, as the last report recorded it; "{}" before the first one.
   [[nodiscard]] std::string GetHealthReport() const;
 
   /// Flushes and unmounts the root file system and the card, by force if need be, which takes
@@ -64,7 +72,7 @@ class QUELLON_EXPORT System {
   /// Sets the real-time clock "/dev/rtc0" and the system clock. True when both were set.
   bool SetRTC(long& seconds);
 
-  HealthStatus healthStatus;        ///< refreshed by each report
+  HealthStatus healthStatus;        ///< as the last report recorded it
   DiskUtils::Disk* disk = nullptr;  ///< the card; owned, null until `InitDisk` has made one
   bool diskFault = true;            ///< false once a scan has left the card available
 

@@ -5,13 +5,14 @@
 
 namespace Quellon {
 
-/// Arms "/dev/watchdog" and kicks it. The device is opened for each operation and closed again,
-/// without the magic character, so closing never disarms the timer; the kernel says so each time,
-/// "watchdog did not stop!", and that is meant. Once armed, the owner must call `Reset` well within
-/// `timeout` or the machine restarts: every half of it leaves room for a kick that comes late.
-/// Messages go to the log, a line for each kick. One thread at a time. Nothing is thrown for a
-/// failing device. A process without standard input, output or error may use it, too.
-/// Kernel interface: watchdog API, `WDIOC_SETTIMEOUT` and `WDIOC_GETTIMEOUT`.
+/// Arms "/dev/watchdog" and kicks it. The device is opened for each operation and closed again
+/// without the magic character, so closing does not disarm the timer, provided that its driver
+/// knows that character, as nearly all do. The kernel says so each time, "watchdog did not stop!",
+/// and that is meant. Once armed, the owner must call `Reset` well within `timeout` or the machine
+/// restarts: every half of it leaves room for a kick that comes late. Messages go to the log, a
+/// line for each kick. One thread at a time. Nothing is thrown for a failing device. A process
+/// without standard input, output or error may use it, too. Kernel interface: watchdog API,
+/// `WDIOC_SETTIMEOUT` and `WDIOC_GETTIMEOUT`.
 class QUELLON_EXPORT Watchdog {
  public:
   /// Arms the watchdog with 90 seconds; whether that worked is not told, see `Init`.

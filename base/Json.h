@@ -142,8 +142,8 @@ class QUELLON_EXPORT Value {
       held;
 };
 
-/// An ordered map from text keys to values. References to members stay valid until the object
-/// goes.
+/// An ordered map from text keys to values. References to members stay valid until the object goes,
+/// is moved from or assigned to.
 class QUELLON_EXPORT Object {
  public:
   Object();

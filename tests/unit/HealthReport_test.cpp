@@ -92,6 +92,21 @@ TEST_F(HealthReport, PrintsACardThatIsNotAvailableAsNotPresent) {
   EXPECT_EQ(Build(), kNoCard);
 }
 
+// As the header tells applications to do it.
+TEST_F(HealthReport, TellsOfAPulledCardOnceSomebodyHasLooked) {
+  Build();
+  Interpose::RemoveFile(FakeCard::kPartition);
+  Interpose::RemoveFile("/dev/mmcblk1");
+  EXPECT_EQ(Build(), kGoodCard);
+  EXPECT_EQ(Integer("zr"), 0);
+
+  if (!system->disk->CheckDeviceStatus()) system->disk->available = false;
+  EXPECT_EQ(Integer("zr"), 0) << "a snapshot";
+  EXPECT_EQ(Build(), kNoCard);
+  EXPECT_EQ(Integer("zr"), 3);
+  EXPECT_EQ(Recorded("zi").ToString(), FakeCard::kCid);
+}
+
 TEST_F(HealthReport, RecordsEveryKeyAsJson) {
   FakeCard::Status().lifetimeWritesKB = 1572864;
   FakeCard::Status().sizeBytes = 32010928128;
