@@ -5,6 +5,7 @@
 
 Every fenced block names its language:
   cpp    part of a source of this project, word for word, or a program that builds with it
+  cmake  what builds an application's main.cpp with the installed libraries
   sh     commands, checked as below
   json   one JSON text
   text   output, shown for reading
@@ -14,6 +15,7 @@ Links within the project lead to files and headings. The README's main job is th
 
 import json
 import re
+import shutil
 import subprocess
 import sys
 import tempfile
@@ -65,6 +67,8 @@ def complaints(page: Path, build: Path, compiler: str) -> list[str]:
 def check_block(language: str, block: str, build: Path, compiler: str) -> list[str]:
     if language == "cpp":
         return check_program(block, build, compiler)
+    if language == "cmake":
+        return check_application(block, build, compiler)
     if language == "sh":
         syntax = complaint_of(["bash", "-n"], block)
         return syntax + [fault for line in block.splitlines() for fault in check_command(line)]
@@ -84,6 +88,20 @@ def check_program(block: str, build: Path, compiler: str) -> list[str]:
         return complaint_of([compiler, "-std=c++20", "-Wall", "-Wextra", "-Werror", "-I", str(ROOT),
                              str(source), "-o", f"{folder}/program", "-L", str(build),
                              f"-Wl,-rpath,{build}", "-lQuellon", "-lTarvik"])
+
+
+def check_application(block: str, build: Path, compiler: str) -> list[str]:
+    """Installs the libraries and builds the quickstart elsewhere, by the block alone."""
+    with tempfile.TemporaryDirectory() as folder:
+        shutil.copy(ROOT / "examples/quickstart/main.cpp", folder)
+        (Path(folder) / "CMakeLists.txt").write_text(block)
+        prefix, binaries = f"{folder}/prefix", f"{folder}/build"
+        for component in ("runtime", "development"):
+            subprocess.run(["cmake", "--install", build, "--prefix", prefix, "--component",
+                            component], capture_output=True, check=True)
+        return (complaint_of(["cmake", "-S", folder, "-B", binaries, "-G", "Ninja",
+                              f"-DCMAKE_PREFIX_PATH={prefix}", f"-DCMAKE_CXX_COMPILER={compiler}"])
+                or complaint_of(["cmake", "--build", binaries]))
 
 
 def check_json(block: str) -> list[str]:
@@ -143,7 +161,7 @@ def presets() -> set[str]:
 
 def complaint_of(command: list[str], text: str = "") -> list[str]:
     result = subprocess.run(command, input=text, capture_output=True, text=True)
-    return [] if result.returncode == 0 else [result.stderr.strip()]
+    return [] if result.returncode == 0 else [(result.stderr or result.stdout).strip()]
 
 
 if __name__ == "__main__":

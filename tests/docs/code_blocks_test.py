@@ -23,12 +23,27 @@ int main() {{
 """
 
 
+APPLICATION = """```cmake
+cmake_minimum_required(VERSION 3.25)
+project(Service LANGUAGES CXX)
+find_package(Quellon REQUIRED)
+add_executable(service main.cpp)
+target_link_libraries(service PRIVATE Quellon::{})
+```
+"""
+
+
 class Pages(unittest.TestCase):
     def test_a_program_is_compiled_and_linked(self):
         self.assertEqual(self.complaints(PROGRAM.format("7")), [])
         self.assertEqual(len(self.complaints(PROGRAM.format("seven"))), 1)
         missing = "```cpp\nint Gone();\nint main() { return Gone(); }\n```\n"
         self.assertEqual(len(self.complaints(missing)), 1)
+
+    def test_an_application_is_built_with_what_is_installed(self):
+        self.assertEqual(self.complaints(APPLICATION.format("Quellon")), [])
+        self.assertEqual(len(self.complaints(APPLICATION.format("Nothing"))), 1)  # no such target
+        self.assertEqual(len(self.complaints(APPLICATION.format("Tarvik"))), 1)  # not linked
 
     def test_a_part_of_a_source_is_taken_as_it_is(self):
         self.assertEqual(self.complaints("```cpp\nvoid Recorder::KickWatchdog() {\n```\n"), [])
