@@ -49,7 +49,7 @@ std::string System::GetHealthReport() const {
 void System::CheckClock() {
   if (time(nullptr) > kEpochNeighbourhood) return;
   healthStatus.status["rtc-have-been-reset"] = 1;
-  OutputLine();
+  OutputLine() << "";
   OutputLine() << kRule;
   OutputLine() << "SYSTEM DATE/TIME CHANGED, RTC RESET DUE POWER OFF";
   OutputLine() << kRule;

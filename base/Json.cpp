@@ -41,7 +41,7 @@ std::partial_ordering Compare(double number, Integer integer) {
   if (whole >= kEnd<Integer>) return std::partial_ordering::greater;
   if (std::isnan(number)) return std::partial_ordering::unordered;
   auto const order = static_cast<Integer>(whole) <=> integer;
-  return order != 0 ? order : number <=> whole;
+  return std::is_neq(order) ? order : number <=> whole;
 }
 
 template <typename Held>

@@ -112,7 +112,7 @@ class QUELLON_EXPORT Value {
   /// Whether a number of exactly that value is held.
   template <Number Type>
   bool operator==(Type number) const {
-    return (IsInt() || IsDouble()) && (*this <=> number) == 0;
+    return (IsInt() || IsDouble()) && std::is_eq(*this <=> number);
   }
   /// How the number held compares with another, by their exact values; unordered where one is not
   /// a number (NaN). Throws IException when no number is held.
