@@ -6,10 +6,11 @@
 namespace Tarvik {
 
 /// A file stream, such as std::ifstream, that neither converts bytes nor parses by the locale that
-/// the application has made the global one. Opened by its constructor, as its base is.
+/// the application has made the global one.
 template <typename Stream>
 class ByteFile : public Stream {
  public:
+  /// Opens the file as the base's open() does with these arguments.
   template <typename... Arguments>
   explicit ByteFile(Arguments const&... arguments) {
     this->imbue(std::locale::classic());
