@@ -4,9 +4,9 @@
 #include <cstdlib>
 #include <thread>
 
-#include "base/OutputLine.h"
-#include "base/Retry.h"
-#include "base/Shell.h"
+#include "base/internal/OutputLine.h"
+#include "base/internal/Retry.h"
+#include "base/internal/Shell.h"
 
 namespace Quellon::DiskUtils {
 

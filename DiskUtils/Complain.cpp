@@ -1,4 +1,4 @@
-#include "DiskUtils/Complain.h"
+#include "DiskUtils/internal/Complain.h"
 
 #include <poll.h>
 #include <unistd.h>

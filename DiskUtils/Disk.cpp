@@ -10,9 +10,9 @@
 #include <exception>
 #include <utility>
 
-#include "DiskUtils/ForceUnmount.h"
+#include "DiskUtils/internal/ForceUnmount.h"
 #include "base/IException.h"
-#include "base/OutputLine.h"
+#include "base/internal/OutputLine.h"
 
 namespace Quellon::DiskUtils {
 

@@ -7,8 +7,8 @@
 #include <sstream>
 
 #include "DiskUtils/Disk.h"
-#include "base/ByteFile.h"
-#include "base/OutputLine.h"
+#include "base/internal/ByteFile.h"
+#include "base/internal/OutputLine.h"
 
 namespace Quellon::DiskUtils {
 

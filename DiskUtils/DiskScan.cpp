@@ -9,9 +9,9 @@
 #include <stdexcept>
 
 #include "DiskUtils/Disk.h"
-#include "base/ByteFile.h"
+#include "base/internal/ByteFile.h"
 #include "base/IException.h"
-#include "base/OutputLine.h"
+#include "base/internal/OutputLine.h"
 
 namespace Quellon::DiskUtils {
 

@@ -5,7 +5,7 @@
 #include <thread>
 
 #include "DiskUtils/System.h"
-#include "base/OutputLine.h"
+#include "base/internal/OutputLine.h"
 
 namespace Quellon {
 

@@ -1,12 +1,12 @@
-#include "DiskUtils/ForceUnmount.h"
+#include "DiskUtils/internal/ForceUnmount.h"
 
 #include <sys/mount.h>
 #include <unistd.h>
 
 #include <chrono>
 
-#include "DiskUtils/Complain.h"
-#include "base/Retry.h"
+#include "DiskUtils/internal/Complain.h"
+#include "base/internal/Retry.h"
 
 namespace Quellon::DiskUtils {
 

@@ -3,7 +3,7 @@
 #include <ctime>
 
 #include "DiskUtils/System.h"
-#include "base/OutputLine.h"
+#include "base/internal/OutputLine.h"
 
 namespace Quellon {
 

@@ -6,10 +6,10 @@
 #include <string>
 
 #include "DiskUtils/System.h"
-#include "base/ByteFile.h"
+#include "base/internal/ByteFile.h"
 #include "base/IException.h"
 #include "base/Json.h"
-#include "base/OutputLine.h"
+#include "base/internal/OutputLine.h"
 
 namespace Quellon {
 

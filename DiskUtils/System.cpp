@@ -8,12 +8,12 @@
 #include <cstdlib>
 #include <thread>
 
-#include "DiskUtils/Complain.h"
-#include "DiskUtils/ForceUnmount.h"
+#include "DiskUtils/internal/Complain.h"
+#include "DiskUtils/internal/ForceUnmount.h"
 #include "RTC/Rtc.h"
 #include "base/Logger.h"
-#include "base/OutputLine.h"
-#include "base/SystemClock.h"
+#include "base/internal/OutputLine.h"
+#include "base/internal/SystemClock.h"
 
 namespace Quellon {
 

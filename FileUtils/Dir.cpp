@@ -2,7 +2,7 @@
 
 #include <sys/stat.h>
 
-#include "base/UniqueDir.h"
+#include "base/internal/UniqueDir.h"
 
 namespace Quellon::FileUtils {
 

@@ -10,8 +10,8 @@
 
 #include "base/IException.h"
 #include "base/Logger.h"
-#include "base/Retry.h"
-#include "base/StandardDescriptors.h"
+#include "base/internal/Retry.h"
+#include "base/internal/StandardDescriptors.h"
 #include "base/UniqueFd.h"
 
 namespace Quellon::FileUtils {

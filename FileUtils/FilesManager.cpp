@@ -15,7 +15,7 @@
 #include <vector>
 
 #include "base/Logger.h"
-#include "base/UniqueDir.h"
+#include "base/internal/UniqueDir.h"
 
 namespace Quellon::FileUtils {
 

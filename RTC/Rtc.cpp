@@ -6,8 +6,8 @@
 #include <ctime>
 #include <utility>
 
-#include "base/OpenFile.h"
-#include "base/SystemClock.h"
+#include "base/internal/OpenFile.h"
+#include "base/internal/SystemClock.h"
 #include "base/UniqueFd.h"
 
 namespace Quellon::RTC {

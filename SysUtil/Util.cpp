@@ -11,13 +11,13 @@
 #include <fstream>
 #include <memory>
 
-#include "base/ByteFile.h"
-#include "base/OpenFile.h"
-#include "base/OutputLine.h"
-#include "base/Restart.h"
-#include "base/Retry.h"
-#include "base/Shell.h"
-#include "base/UniqueDir.h"
+#include "base/internal/ByteFile.h"
+#include "base/internal/OpenFile.h"
+#include "base/internal/OutputLine.h"
+#include "base/internal/Restart.h"
+#include "base/internal/Retry.h"
+#include "base/internal/Shell.h"
+#include "base/internal/UniqueDir.h"
 #include "base/UniqueFd.h"
 
 namespace Quellon::SysUtil {

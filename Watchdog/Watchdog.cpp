@@ -7,7 +7,7 @@
 #include <cstdint>
 
 #include "base/Logger.h"
-#include "base/OpenFile.h"
+#include "base/internal/OpenFile.h"
 
 namespace Quellon {
 

@@ -2,7 +2,7 @@
 
 #include <cstdio>
 
-#include "base/WriteAll.h"
+#include "base/internal/WriteAll.h"
 
 namespace Tarvik::Ilog {
 

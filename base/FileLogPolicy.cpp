@@ -10,9 +10,9 @@
 #include <optional>
 #include <utility>
 
-#include "base/OpenFile.h"
-#include "base/Retry.h"
-#include "base/WriteAll.h"
+#include "base/internal/OpenFile.h"
+#include "base/internal/Retry.h"
+#include "base/internal/WriteAll.h"
 
 namespace Tarvik::Ilog {
 

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <ctime>
 
-#include "base/Restart.h"
+#include "base/internal/Restart.h"
 
 namespace Tarvik::Interfaces {
 

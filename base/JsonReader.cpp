@@ -9,8 +9,8 @@
 
 #include "base/IException.h"
 #include "base/Json.h"
-#include "base/JsonText.h"
-#include "base/Utf8.h"
+#include "base/internal/JsonText.h"
+#include "base/internal/Utf8.h"
 
 namespace Tarvik::Json {
 

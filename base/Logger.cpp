@@ -12,7 +12,7 @@
 #include <system_error>
 
 #include "base/Date.h"
-#include "base/NoDestructor.h"
+#include "base/internal/NoDestructor.h"
 #include "base/TemperatureMonitor.h"
 
 namespace Tarvik::Ilog {

@@ -3,8 +3,8 @@
 #include <chrono>
 #include <fstream>
 
-#include "base/ByteFile.h"
-#include "base/NoDestructor.h"
+#include "base/internal/ByteFile.h"
+#include "base/internal/NoDestructor.h"
 
 namespace Tarvik::Util {
 

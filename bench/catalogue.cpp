@@ -12,7 +12,7 @@
 
 #include "FileUtils/FilesManager.h"
 #include "base/Logger.h"
-#include "base/UniqueDir.h"
+#include "base/internal/UniqueDir.h"
 #include "bench/support.h"
 
 namespace {

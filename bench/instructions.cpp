@@ -21,7 +21,7 @@
 
 #include "FileUtils/FilesManager.h"
 #include "base/Logger.h"
-#include "base/UniqueDir.h"
+#include "base/internal/UniqueDir.h"
 #include "base/UniqueFd.h"
 #include "bench/support.h"
 

@@ -9,14 +9,14 @@
 #include <utility>
 #include <vector>
 
-#include "base/NoDestructor.h"
-#include "base/OpenFile.h"
-#include "base/Retry.h"
-#include "base/Shell.h"
-#include "base/SystemClock.h"
-#include "base/UniqueDir.h"
+#include "base/internal/NoDestructor.h"
+#include "base/internal/OpenFile.h"
+#include "base/internal/Retry.h"
+#include "base/internal/Shell.h"
+#include "base/internal/SystemClock.h"
+#include "base/internal/UniqueDir.h"
 #include "base/UniqueFd.h"
-#include "base/Utf8.h"
+#include "base/internal/Utf8.h"
 #include "tests/support/ChildProcess.h"
 #include "tests/support/Descriptors.h"
 #include "tests/support/Interpose.h"

@@ -13,7 +13,7 @@
 
 #include "DiskUtils/System.h"
 #include "SysUtil/Util.h"
-#include "base/OutputLine.h"
+#include "base/internal/OutputLine.h"
 #include "tests/support/Capture.h"
 #include "tests/support/FakeCard.h"
 #include "tests/support/GroupedNumbers.h"

@@ -6,7 +6,7 @@
 #include <cstddef>
 #include <string_view>
 
-#include "base/Restart.h"
+#include "base/internal/Restart.h"
 
 namespace Tarvik {
 
