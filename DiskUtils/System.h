@@ -57,9 +57,10 @@ class QUELLON_EXPORT System {
   [[nodiscard]] std::string GetHealthReport() const;
 
   /// Flushes and unmounts the root file system and the card, by force if need be, which takes
-  /// seconds. Meant for the end: the working directory is "/" and the log file closed afterwards,
-  /// and a root file system that cannot go is read-only. Returns the result of the last unmount
-  /// call. Kernel interface: umount(2), umount2(2).
+  /// seconds. Waits neither for the log nor for standard error. Meant for the end: afterwards the
+  /// working directory is "/", the log file closed unless a thread is in the middle of a line, and
+  /// a root file system that cannot go read-only. Returns the result of the last unmount call.
+  /// Kernel interface: umount(2), umount2(2).
   int UnmountAll();
 
   /// Restarts the machine: asks the "reboot" command, gives it 20 seconds, then unmounts all and

@@ -45,8 +45,16 @@ class QUELLON_EXPORT Value {
   /// Only a bool proper: a pointer must not become one by accident.
   template <std::same_as<bool> Bool>
   Value(Bool truth) noexcept : held(truth) {}
-  Value(int number) noexcept;        ///< an integer
-  Value(double number) noexcept;     ///< a floating-point number
+  Value(int number) noexcept;     ///< an integer
+  Value(double number) noexcept;  ///< a floating-point number
+  /// Any other number: an integer if it is a whole one that fits an int, else a floating-point
+  /// number, as `Deserialize` has it.
+  template <Number Type>
+  Value(Type number) noexcept : Value(static_cast<double>(number)) {
+    if constexpr (std::integral<Type>) {
+      if (std::in_range<int>(number)) held = static_cast<int>(number);
+    }
+  }
   Value(char const* text);           ///< a text; a null `text` makes a null value
   Value(std::string text) noexcept;  ///< a text
   Value(Object members);             ///< an object

@@ -11,6 +11,7 @@
 #include <limits>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "base/IException.h"
@@ -214,6 +215,27 @@ TYPED_TEST(JsonNumberIn, NothingComparesWithWhatIsNoNumber) {
   EXPECT_FALSE(none == one || none < one || none > one || none <= one || none >= one);
   EXPECT_TRUE(none != one);
   EXPECT_FALSE(one < none || one > none);
+}
+
+TYPED_TEST(JsonIntegerIn, IsStoredAsAnIntegerIfItFitsAnInt) {
+  using Limits = std::numeric_limits<TypeParam>;
+  Value const small = TypeParam{7};
+  EXPECT_TRUE(small.IsInt());
+  EXPECT_EQ(small, 7);
+  for (TypeParam const limit : {Limits::min(), Limits::max()}) {
+    Value const value = limit;
+    EXPECT_EQ(value.IsInt(), std::in_range<int>(limit));
+    EXPECT_EQ(static_cast<double>(value), static_cast<double>(limit));
+  }
+}
+
+TEST(JsonNumber, OfAnyTypeIsStoredInAnObject) {
+  Object object;
+  object["size"] = 5'000'000'000LL;
+  object["count"] = std::size_t{3};
+  object["ratio"] = 0.5F;
+  object["time"] = 1L;
+  EXPECT_EQ(object.ToText(), R"({"count":3,"ratio":0.5,"size":5e+09,"time":1})");
 }
 
 TEST(JsonNumber, IsComparedExactlyBeyond53Bits) {
