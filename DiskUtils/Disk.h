@@ -111,10 +111,6 @@ class QUELLON_EXPORT Disk : public CheckDisk {
   static std::map<std::string, DeviceStatus> deviceStatusList;
 
  private:
-  friend class SDCardInfo;
-
-  static unsigned long long SectorsToBytes(std::string const& sectors);
-
   DeviceStatus& Status();
   void Acquire();
   void PrintSpace();

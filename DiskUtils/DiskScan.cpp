@@ -9,8 +9,8 @@
 #include <stdexcept>
 
 #include "DiskUtils/Disk.h"
-#include "base/internal/ByteFile.h"
 #include "base/IException.h"
+#include "base/internal/ByteFile.h"
 #include "base/internal/OutputLine.h"
 
 namespace Quellon::DiskUtils {

@@ -1,19 +1,19 @@
 #include "DiskUtils/SDCardInfo.h"
 
-#include "DiskUtils/Disk.h"
+#include "DiskUtils/internal/SysFs.h"
 
 namespace Quellon::DiskUtils {
 
 SDCardInfo::SDCardInfo(std::string device) {
   std::string const base = "/sys/block/" + device + "/";
-  data.cid = Disk::readSysFSProperty(base + "device/cid");
-  data.csd = Disk::readSysFSProperty(base + "device/csd");
-  data.serial = Disk::readSysFSProperty(base + "device/serial");
-  data.manfid = Disk::readSysFSProperty(base + "device/manfid");
-  data.oemid = Disk::readSysFSProperty(base + "device/oemid");
-  data.name = Disk::readSysFSProperty(base + "device/name");
-  data.ro = Disk::readSysFSProperty(base + "ro");
-  data.size = Disk::SectorsToBytes(Disk::readSysFSProperty(base + "size"));
+  data.cid = SysFs::ReadWord(base + "device/cid");
+  data.csd = SysFs::ReadWord(base + "device/csd");
+  data.serial = SysFs::ReadWord(base + "device/serial");
+  data.manfid = SysFs::ReadWord(base + "device/manfid");
+  data.oemid = SysFs::ReadWord(base + "device/oemid");
+  data.name = SysFs::ReadWord(base + "device/name");
+  data.ro = SysFs::ReadWord(base + "ro");
+  data.size = SysFs::SectorsToBytes(SysFs::ReadWord(base + "size"));
 }
 
 }  // namespace Quellon::DiskUtils

@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <thread>
 
+#include "DiskUtils/internal/CardSlot.h"
 #include "DiskUtils/internal/Complain.h"
 #include "DiskUtils/internal/ForceUnmount.h"
 #include "RTC/Rtc.h"
@@ -41,9 +42,9 @@ int System::UnmountAll() {
     DiskUtils::ForceUnmount("/", "Unable to umount root SD");
   }
   // Only the root file system gets a second to come to rest before force is used.
-  int const result = umount("/mnt/sdcard/");
+  int const result = umount(DiskUtils::kCardMountPoint);
   if (result == 0) return result;
-  return DiskUtils::ForceUnmount("/mnt/sdcard/", "Unable to umount storage SD");
+  return DiskUtils::ForceUnmount(DiskUtils::kCardMountPoint, "Unable to umount storage SD");
 }
 
 int System::Reboot() {

@@ -4,10 +4,14 @@
 #include <memory>
 
 #include "DiskUtils/Disk.h"
+#include "DiskUtils/internal/CardSlot.h"
 #include "FileUtils/FilesManager.h"
 #include "RTC/Rtc.h"
 
 using Quellon::DiskUtils::Disk;
+using Quellon::DiskUtils::kCardDevice;
+using Quellon::DiskUtils::kCardMountPoint;
+using Quellon::DiskUtils::kCardPartition;
 using Quellon::FileUtils::FilesManager;
 
 namespace {
@@ -20,7 +24,7 @@ constexpr long kSecondsPerDay = 86400;
 
 void FilesManagerTest() {
   // Left to the end of the process on purpose.
-  Disk* const disk = std::make_unique<Disk>("/mnt/sdcard/", "/dev/mmcblk1p1", "mmcblk1").release();
+  Disk* const disk = std::make_unique<Disk>(kCardMountPoint, kCardPartition, kCardDevice).release();
   FilesManager* const catalogue =
       std::make_unique<FilesManager>(disk, "/mnt/sdcard/cr/", kMinimumFreeBytes, kShare).release();
   catalogue->LoadAndSort();

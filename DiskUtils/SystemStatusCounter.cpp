@@ -6,9 +6,9 @@
 #include <string>
 
 #include "DiskUtils/System.h"
-#include "base/internal/ByteFile.h"
 #include "base/IException.h"
 #include "base/Json.h"
+#include "base/internal/ByteFile.h"
 #include "base/internal/OutputLine.h"
 
 namespace Quellon {

@@ -5,6 +5,7 @@
 #include <thread>
 
 #include "DiskUtils/System.h"
+#include "DiskUtils/internal/CardSlot.h"
 #include "base/internal/OutputLine.h"
 
 namespace Quellon {
@@ -15,13 +16,18 @@ namespace {
 
 constexpr int kRebootLimit = 3;
 
+using DiskUtils::kCardDevice;
+using DiskUtils::kCardMountPoint;
+using DiskUtils::kCardPartition;
+
 }  // namespace
 
 DiskUtils::Disk* System::InitDisk() {
   delete disk;
   disk = nullptr;
   try {
-    disk = std::make_unique<DiskUtils::Disk>("/mnt/sdcard/", "/dev/mmcblk1p1", "mmcblk1").release();
+    disk =
+        std::make_unique<DiskUtils::Disk>(kCardMountPoint, kCardPartition, kCardDevice).release();
     disk->ScanDisk();
     if (disk->available) diskFault = false;
     std::this_thread::sleep_for(std::chrono::seconds(1));
