@@ -96,7 +96,7 @@ class QUELLON_EXPORT Ifile {
   /// it is not, which makes a missing file, and left open; copying begins at its read position.
   /// False, with an error line in the log, when the destination has no name or cannot be made;
   /// a source that cannot be opened is an empty one, and what failed while copying is not
-  /// detected. Never throws.
+  /// detected. The copy is in the kernel's hands, as what `Write` writes. Never throws.
   bool CopyTo(std::string const& destination);
 
   /// Writes the bytes of `value`, as they lie in memory, to a C stream. False when `file` is null,
