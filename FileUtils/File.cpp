@@ -10,9 +10,9 @@
 
 #include "base/IException.h"
 #include "base/Logger.h"
+#include "base/UniqueFd.h"
 #include "base/internal/Retry.h"
 #include "base/internal/StandardDescriptors.h"
-#include "base/UniqueFd.h"
 
 namespace Quellon::FileUtils {
 

@@ -99,9 +99,8 @@ class QUELLON_EXPORT FilesManager : public Tarvik::Interfaces::IThread,
   /// The list itself, for as long as no other thread uses it: to be read, put in another order or
   /// changed. Every operation takes the list as it finds it. The list owns its objects, made by
   /// `new`; what is taken out is the taker's. Nulls are passed over, and go when the list is
-  /// sorted. The running total knows nothing of such changes: ask for a new sum after them. A total
-  /// that is too small keeps too much; deletions may take it below zero, which counts as a card
-  /// that is more than full: `MakeRoom` deletes every recording then.
+  /// sorted. The running total knows nothing of such changes: ask for a new sum after them, or
+  /// `MakeRoom` keeps or deletes too much. Deletions do not take it below zero.
   std::list<Ifile*>& GetList();
   /// Logs the name of each catalogued file.
   void Log();

@@ -127,8 +127,15 @@ unsigned int FilesManager::CountFiles() {
                           : std::numeric_limits<unsigned int>::max();
 }
 
+// Never below zero: a file that the list's owner put there was not added, and a total that wraps is
+// a full card, on which everything would be deleted.
 void FilesManager::SubtractSize(Ifile const& file) {
-  totalFilesSize -= static_cast<unsigned long long>(file.size);
+  unsigned long long total = totalFilesSize;
+  auto const less = [&] {
+    return total - std::min(total, static_cast<unsigned long long>(file.size));
+  };
+  while (!totalFilesSize.compare_exchange_weak(total, less())) {
+  }
 }
 
 }  // namespace Quellon::FileUtils

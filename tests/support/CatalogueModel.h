@@ -142,7 +142,7 @@ class Model {
       switch (Remove(file.name)) {
         case Removal::Succeeds:
           ++deleted;
-          total -= file.size;
+          total -= std::min(total, file.size);
           break;
         case Removal::Fails:
           ++abandoned;
@@ -163,7 +163,7 @@ class Model {
       Removal const removal = Remove(name);
       if (removal == Removal::Throws) return false;
       if (removal == Removal::Fails) continue;
-      total -= catalogue[i].size;
+      total -= std::min(total, catalogue[i].size);
       ++abandoned;
       catalogue.erase(catalogue.begin() + static_cast<std::ptrdiff_t>(i));
       return true;

@@ -90,6 +90,16 @@ TEST_F(CatalogueList, ItsAdditionsMakeRoom) {
   EXPECT_THAT(OnCard(), ElementsAre("e.dat"));
 }
 
+TEST_F(CatalogueList, ItsAdditionsTakeTheTotalToZeroAtMostAndNoMoreIsDeletedThanRoomIsNeeded) {
+  FillCard(80);
+  Push({"a.dat", "b.dat", "c.dat", "d.dat", "e.dat"});
+  EXPECT_TRUE(catalogue->MakeRoom());
+  EXPECT_THAT(OnCard(), ElementsAre("e.dat"));
+  std::string name = "e.dat";
+  EXPECT_TRUE(catalogue->RemoveFileByName(name));
+  EXPECT_EQ(catalogue->GetTotalFilesSize(), 0U);
+}
+
 /// Counts the passes of its thread.
 class Counting : public CatalogueTest::FilesManager {
  public:
