@@ -38,7 +38,7 @@ template <typename Type>
 concept Content = !Number<Type> && !Character<Type> && std::convertible_to<Type const&, Value>;
 
 /// One JSON value: null, bool, integer, floating-point number, text, object or array. Asking for
-/// another kind than the one held throws IException.
+/// another kind than the one held throws IException. A value that was moved from is null.
 class QUELLON_EXPORT Value {
  public:
   Value() noexcept;  ///< null

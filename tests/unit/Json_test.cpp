@@ -146,6 +146,26 @@ TEST(JsonValue, MovesWhatItHolds) {
   EXPECT_EQ(third.ToString().size(), 1000U);
 }
 
+TEST(JsonValue, IsNullOnceItWasMovedFrom) {
+  for (Value const& held :
+       {Value(true), Value(1), Value("text"), Value(Object()), Value(Array())}) {
+    Value first(held);
+    Value second(std::move(first));
+    Value third;
+    third = std::move(second);
+    EXPECT_EQ(Kinds(first) + Kinds(second), "nn");
+    EXPECT_EQ(Serialize(first), "null");
+    EXPECT_TRUE(third == held);
+  }
+}
+
+TEST(JsonValue, MayBeMovedToItself) {
+  Value value("text");
+  Value& same = value;
+  value = std::move(same);
+  EXPECT_EQ(value.ToString(), "text");
+}
+
 TEST(JsonValue, KeepsAnObjectAsItWas) {
   Object object;
   object["key"] = 1;
