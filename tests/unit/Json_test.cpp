@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <limits>
+#include <sstream>
 #include <string>
 #include <utility>
 #include <vector>
@@ -175,6 +176,20 @@ TEST(JsonValue, KeepsAnObjectAsItWas) {
   EXPECT_EQ(static_cast<int>(held["key"]), 1);
   held["key"] = 3;
   EXPECT_EQ(static_cast<int>(value.ToObject()["key"]), 1);
+}
+
+TEST(JsonValue, IsWrittenToAStreamAsItsText) {
+  Object object;
+  object["key"] = 1;
+  std::ostringstream stream;
+  stream << object["key"] << ' ' << Value("text") << ' ' << object << ' ' << Array();
+  EXPECT_EQ(stream.str(), R"(1 "text" {"key":1} [])");
+}
+
+// A test framework that finds no other way prints a value by converting it to a number.
+TEST(JsonValue, OfAnyKindIsPrintedByAFailedExpectation) {
+  EXPECT_EQ(testing::PrintToString(Value("text")), "\"text\"");
+  EXPECT_EQ(testing::PrintToString(Value()), "null");
 }
 
 TEST(JsonObject, MakesAMissingMemberAsNull) {
