@@ -1,5 +1,9 @@
 #include "base/IThread.h"
 
+#include <unistd.h>
+
+#include <memory>
+
 #include "base/Logger.h"
 
 namespace Tarvik::Interfaces {
@@ -19,7 +23,7 @@ void LoggingExceptions(Work work) noexcept {
 
 }  // namespace
 
-IThread::IThread() = default;
+IThread::IThread() : process(getpid()) {}
 
 IThread::~IThread() {
   Cancel();
@@ -33,7 +37,19 @@ void IThread::Run() {
 void IThread::RunAfter() {}
 void IThread::Stopping() {}
 
+// Of a process that forks only the forking thread lives on in the child. There the worker never
+// ends and never gives the lock back, so all of it is made anew.
+void IThread::LeaveThreadToParent() noexcept {
+  if (process == getpid()) return;
+  std::construct_at(&stateMutex);
+  std::construct_at(&ended);
+  std::construct_at(&worker);
+  state = State::Idle;
+  process = getpid();
+}
+
 void IThread::Start() {
+  LeaveThreadToParent();
   std::lock_guard const lock(stateMutex);
   startedAs = &typeid(*this);
   if (state == State::Cancelled) state = State::Restarted;
@@ -44,6 +60,7 @@ void IThread::Start() {
 }
 
 void IThread::Cancel() {
+  LeaveThreadToParent();
   {
     std::lock_guard const lock(stateMutex);
     if (state != State::Idle) state = State::Cancelled;
@@ -52,6 +69,7 @@ void IThread::Cancel() {
 }
 
 void IThread::Join() {
+  LeaveThreadToParent();
   std::unique_lock lock(stateMutex);
   if (worker.get_id() == std::this_thread::get_id()) return;
   ended.wait(lock, [this] { return state == State::Idle; });

@@ -1,6 +1,8 @@
 // Base of objects that own one worker thread.
 #pragma once
 
+#include <sys/types.h>
+
 #include <condition_variable>
 #include <mutex>
 #include <thread>
@@ -17,8 +19,9 @@ namespace Tarvik::Interfaces {
 /// class joins in its own destructor, before its members go: the base's destructor runs too late
 /// to protect them. Where it does not, the destructors of its bases wait for the `Run()` under way,
 /// and the next one that the thread calls is that of the class whose destructor has been reached.
-/// No object is destroyed on its own worker. An exception that leaves a hook or `Run()` is logged
-/// as an error and ends the thread, never the process.
+/// No object is destroyed on its own worker. In a child made by fork(2) an object has no thread,
+/// whatever it had in the parent, until it is started there. An exception that leaves a hook or
+/// `Run()` is logged as an error and ends the thread, never the process.
 class QUELLON_EXPORT IThread {
  public:
   IThread();
@@ -59,6 +62,7 @@ class QUELLON_EXPORT IThread {
  private:
   enum class State { Idle, Running, Cancelled, Restarted };
 
+  void LeaveThreadToParent() noexcept;
   void Work() noexcept;
   void RunUntilCancelled();
   void StopRunning();
@@ -70,6 +74,7 @@ class QUELLON_EXPORT IThread {
   State state = State::Idle;
   std::type_info const* startedAs = nullptr;  // the object's class at the last start
   std::thread worker;
+  pid_t process;  // that the thread is of
 };
 
 }  // namespace Tarvik::Interfaces

@@ -67,9 +67,13 @@ Value::Value(std::string text) noexcept : held(std::move(text)) {}
 Value::Value(Object members) : held(std::make_shared<Object const>(std::move(members))) {}
 Value::Value(Array elements) : held(std::make_shared<Array const>(std::move(elements))) {}
 Value::Value(Value const&) = default;
-Value::Value(Value&&) noexcept = default;
+// Whatever was held before: a pointer that was moved from alone would still claim to be an object.
+Value::Value(Value&& other) noexcept : held(std::exchange(other.held, {})) {}
 Value& Value::operator=(Value const&) = default;
-Value& Value::operator=(Value&&) noexcept = default;
+Value& Value::operator=(Value&& other) noexcept {
+  held = std::exchange(other.held, {});
+  return *this;
+}
 Value::~Value() = default;
 
 bool Value::IsNull() const noexcept {

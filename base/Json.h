@@ -6,6 +6,7 @@
 #include <compare>
 #include <concepts>
 #include <cstddef>
+#include <iosfwd>
 #include <limits>
 #include <map>
 #include <memory>
@@ -38,7 +39,7 @@ template <typename Type>
 concept Content = !Number<Type> && !Character<Type> && std::convertible_to<Type const&, Value>;
 
 /// One JSON value: null, bool, integer, floating-point number, text, object or array. Asking for
-/// another kind than the one held throws IException.
+/// another kind than the one held throws IException. A value that was moved from is null.
 class QUELLON_EXPORT Value {
  public:
   Value() noexcept;  ///< null
@@ -216,6 +217,9 @@ class QUELLON_EXPORT Array {
 /// UTF-8 are replaced by U+FFFD, so that the result is always JSON; of members whose keys are equal
 /// then the last one stays.
 QUELLON_EXPORT std::string Serialize(Value const& value);
+
+/// Writes what `Serialize` makes of `value`, texts with their quotation marks.
+QUELLON_EXPORT std::ostream& operator<<(std::ostream& stream, Value const& value);
 
 /// Parses one JSON text (RFC 8259, UTF-8, nested 512 deep at most). Integers that fit an int become
 /// integers, every other number a double; of members with the same key the last one stays.

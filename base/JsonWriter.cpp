@@ -2,6 +2,7 @@
 #include <array>
 #include <charconv>
 #include <cmath>
+#include <ostream>
 #include <string_view>
 
 #include "base/Json.h"
@@ -156,6 +157,10 @@ void Writer::AppendHeld(std::shared_ptr<Array const> const& array) {
 
 std::string Serialize(Value const& value) {
   return Writer().Text(value);
+}
+
+std::ostream& operator<<(std::ostream& stream, Value const& value) {
+  return stream << Serialize(value);
 }
 
 std::string Object::ToText() const {

@@ -210,9 +210,12 @@ void LoggerBase<Policy>::Release() noexcept {
   lineLock.unlock();
 }
 
-// A manipulator that one line used must not change how the next one shows its numbers.
+// What a manipulator or a value of one line did to the stream must not change how the next one
+// shows its numbers, nor let it throw.
 template <typename Policy>
 void LoggerBase<Policy>::ForgetFormat() noexcept {
+  if (stream.exceptions() != std::ios::goodbit) stream.exceptions(std::ios::goodbit);
+  if (stream.getloc() != std::locale::classic()) stream.imbue(std::locale::classic());
   stream.flags(kPlainFormat);
   stream.precision(6);
   stream.fill(' ');

@@ -3,6 +3,7 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <memory>
@@ -11,6 +12,7 @@
 #include <thread>
 #include <vector>
 
+#include "tests/support/ChildProcess.h"
 #include "tests/support/LogFile.h"
 #include "tests/support/ScriptedThread.h"
 
@@ -221,6 +223,48 @@ TEST(IThread, JoinOnTheWorkerReturnsAtOnce) {
   thread.Start();
   thread.Join();
   EXPECT_THAT(thread.Events(), testing::ElementsAreArray(kFrame));
+}
+
+TEST(IThread, HasNoThreadInAChildOfItsProcessButMayBeStartedThere) {
+  ScriptedThread thread;
+  std::binary_semaphore running(0);
+  std::binary_semaphore end(0);
+  thread.run = [&] {
+    running.release();
+    end.acquire();
+    thread.Cancel();
+  };
+  thread.Start();
+  running.acquire();
+  ChildProcess::Run([&] {
+    alarm(60);  // ends a child that waits for a thread of its parent
+    thread.Join();
+    end.release();
+    thread.Start();
+    thread.Join();
+    EXPECT_EQ(thread.Count("run"), 2);
+  });
+  end.release();
+  thread.Join();
+  EXPECT_EQ(thread.Count("run"), 1);
+}
+
+TEST(IThread, ThatRunsMayBeDestroyedInAChildOfItsProcess) {
+  auto thread = std::make_unique<ScriptedThread>();
+  std::binary_semaphore running(0);
+  std::binary_semaphore end(0);
+  thread->run = [&] {
+    running.release();
+    end.acquire();
+    thread->Cancel();
+  };
+  thread->Start();
+  running.acquire();
+  ChildProcess::Run([&] {
+    alarm(60);
+    thread.reset();
+  });
+  end.release();
 }
 
 TEST(IThread, SeveralThreadsMayJoin) {

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <limits>
+#include <sstream>
 #include <string>
 #include <utility>
 #include <vector>
@@ -146,6 +147,26 @@ TEST(JsonValue, MovesWhatItHolds) {
   EXPECT_EQ(third.ToString().size(), 1000U);
 }
 
+TEST(JsonValue, IsNullOnceItWasMovedFrom) {
+  for (Value const& held :
+       {Value(true), Value(1), Value("text"), Value(Object()), Value(Array())}) {
+    Value first(held);
+    Value second(std::move(first));
+    Value third;
+    third = std::move(second);
+    EXPECT_EQ(Kinds(first) + Kinds(second), "nn");
+    EXPECT_EQ(Serialize(first), "null");
+    EXPECT_TRUE(third == held);
+  }
+}
+
+TEST(JsonValue, MayBeMovedToItself) {
+  Value value("text");
+  Value& same = value;
+  value = std::move(same);
+  EXPECT_EQ(value.ToString(), "text");
+}
+
 TEST(JsonValue, KeepsAnObjectAsItWas) {
   Object object;
   object["key"] = 1;
@@ -155,6 +176,20 @@ TEST(JsonValue, KeepsAnObjectAsItWas) {
   EXPECT_EQ(static_cast<int>(held["key"]), 1);
   held["key"] = 3;
   EXPECT_EQ(static_cast<int>(value.ToObject()["key"]), 1);
+}
+
+TEST(JsonValue, IsWrittenToAStreamAsItsText) {
+  Object object;
+  object["key"] = 1;
+  std::ostringstream stream;
+  stream << object["key"] << ' ' << Value("text") << ' ' << object << ' ' << Array();
+  EXPECT_EQ(stream.str(), R"(1 "text" {"key":1} [])");
+}
+
+// A test framework that finds no other way prints a value by converting it to a number.
+TEST(JsonValue, OfAnyKindIsPrintedByAFailedExpectation) {
+  EXPECT_EQ(testing::PrintToString(Value("text")), "\"text\"");
+  EXPECT_EQ(testing::PrintToString(Value()), "null");
 }
 
 TEST(JsonObject, MakesAMissingMemberAsNull) {

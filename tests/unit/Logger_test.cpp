@@ -256,6 +256,41 @@ TEST_F(LoggerTest, HowOneLineShowsNumbersDoesNotReachTheNext) {
             "[2021-03-04 17:05:09][41C]255 0.125  1\n");
 }
 
+/// A value that is written with a locale of its own.
+struct Grouped {
+  friend std::ostream& operator<<(std::ostream& stream, Grouped const& grouped) {
+    stream.imbue(std::locale());
+    return stream << grouped.number;
+  }
+  unsigned number;
+};
+
+/// A value whose writing throws where the stream fails.
+struct Strict {
+  friend std::ostream& operator<<(std::ostream& stream, Strict const& strict) {
+    stream.exceptions(std::ios::badbit | std::ios::failbit);
+    return stream << strict.number;
+  }
+  int number;
+};
+
+TEST_F(LoggerTest, TheLocaleThatAValueSetDoesNotReachTheNextLine) {
+  BoardHas(41);
+  GroupedNumbers const locale;
+  EXPECT_EQ(Logged([] { LogLine(Info) << Grouped{1234567}; }),
+            "[2021-03-04 17:05:09][41C]1.234.567\n");
+  EXPECT_EQ(Logged([] { LogLine(Info) << 1234567U << " " << 0.5; }),
+            "[2021-03-04 17:05:09][41C]1234567 0.5\n");
+}
+
+TEST_F(LoggerTest, TheExceptionsThatAValueAskedForDoNotReachTheNextLine) {
+  BoardHas(41);
+  EXPECT_EQ(Logged([] { LogLine(Info) << Strict{1}; }), "[2021-03-04 17:05:09][41C]1\n");
+  char const* const nothing = nullptr;
+  EXPECT_EQ(Logged([&] { LogLine(Info) << "a" << nothing << "b"; }),
+            "[2021-03-04 17:05:09][41C]a\n");
+}
+
 TEST_F(LoggerTest, TextsAndNumbersAreFilledUpToTheWidthAskedForOnce) {
   BoardHas(41);
   EXPECT_EQ(Logged([] {
