@@ -278,6 +278,22 @@ TEST_F(LoggerLine, ASinkDisabledInTheMiddleDropsItsLineAndIsFreeAtTheNextPiece) 
   EXPECT_THAT(signals, IsEmpty());
 }
 
+TEST_F(LoggerLine, BothSinksDisabledInTheMiddleDropTheirLineForAnotherOneAndAreFree) {
+  EXPECT_EQ(Capture::Output([] {
+              LogLine outer(Info);
+              logger.fileSink->enabled = false;
+              logger.consoleSink->enabled = false;
+              EXPECT_NO_THROW(LogLine(Info) << "inner");
+              ExpectFree();
+              logger.fileSink->enabled = true;
+              logger.consoleSink->enabled = true;
+              outer << "belongs to no line";
+            }),
+            "");
+  EXPECT_EQ(LogFile::Text(), "");
+  EXPECT_THAT(signals, IsEmpty());
+}
+
 TEST_F(LoggerLine, AfterADroppedLineTheNextOneIsWhole) {
   FileSink sink;
   sink.WriteHeader(Info);
