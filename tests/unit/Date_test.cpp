@@ -69,6 +69,11 @@ TEST_F(DateTest, KeepsTheTextAroundTheConversions) {
   EXPECT_EQ(Date(0, "100%% at %H h"), "100% at 00 h");
 }
 
+TEST_F(DateTest, AFormatEndsAtItsFirstNul) {
+  EXPECT_EQ(Date(0, std::string("%Y\0%m", 5)), "1970");
+  EXPECT_EQ(Date(0, std::string("\0%m", 3)), "");
+}
+
 TEST_F(DateTest, HasNoLongestFormat) {
   std::string format;
   std::string expected;
