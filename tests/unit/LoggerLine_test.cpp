@@ -80,6 +80,14 @@ TEST_F(LoggerLine, SignalsEachSinkOnceTheFileFirst) {
   EXPECT_TRUE(SignalledBy(*logger.consoleSink, signals[1]));
 }
 
+TEST_F(LoggerLine, TheWriterTakesEverySignal) {
+  Capture::Output([] { LogLine(Info) << "text"; });
+  ASSERT_EQ(signals.size(), 2U);
+  for (void const* const signal : signals) {
+    EXPECT_FALSE(static_cast<ISemaphore*>(const_cast<void*>(signal))->TryWait());
+  }
+}
+
 TEST_F(LoggerLine, SignalsOnlyAtItsNewline) {
   FileSink sink;
   sink.CheckEndOfStream();
@@ -352,6 +360,14 @@ TEST_F(LoggerLine, ALastEndlIsTheNewlineOfItsLine) {
   });
   EXPECT_THAT(LogFile::Text(), testing::MatchesRegex("\\[[^]]*\\]one\n\\[[^]]*\\]two\n\n"
                                                      "\\[[^]]*\\]three\n\n\n"));
+}
+
+TEST_F(LoggerLine, AsLongAsTheLastOneThatEndlEndedHasANewlineOfItsOwn) {
+  Capture::Output([] {
+    LogLine(Info) << "one" << std::endl;
+    LogLine(Info) << "four";
+  });
+  EXPECT_THAT(LogFile::Text(), testing::MatchesRegex("\\[[^]]*\\]one\n\\[[^]]*\\]four\n"));
 }
 
 TEST_F(LoggerLine, AfterANullTextAManipulatorAppendsNothingAndTheCheckEndsTheLine) {
