@@ -139,8 +139,14 @@ TEST_F(FileSync, FailsWhenTheCardDoesNotTakeTheDirectory) {
 
 TEST_F(FileSync, GoesOnAfterSignals) {
   failure = [count = 0](std::string const&) mutable { return ++count % 3 != 0 ? EINTR : 0; };
+  int opens = 0;
+  Interpose::hooks().faultAt = [&](std::string const& function, std::string const&) {
+    bool const fails = function == "open" && ++opens % 3 != 0;
+    return fails ? std::optional(EINTR) : std::nullopt;
+  };
   EXPECT_TRUE(At(kPath)->Sync());
   EXPECT_THAT(trace, ElementsAre(file, file, file, directory, directory, directory));
+  EXPECT_EQ(opens, 6);
 }
 
 TEST_F(FileSync, FailsForAFileThatIsNotThere) {
