@@ -1,22 +1,23 @@
 #include "FileUtils/File.h"
 
-#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <chrono>
 #include <exception>
 
 #include "base/IException.h"
 #include "base/Logger.h"
 #include "base/UniqueFd.h"
+#include "base/internal/OpenFile.h"
+#include "base/internal/Restart.h"
 #include "base/internal/Retry.h"
 #include "base/internal/StandardDescriptors.h"
 
 namespace Quellon::FileUtils {
 
 using Tarvik::IException;
+using Tarvik::RestartWhileInterrupted;
 using Tarvik::Ilog::Info;
 using Tarvik::Ilog::LogLine;
 
@@ -29,20 +30,11 @@ std::unique_ptr<std::fstream> OpenInPlace(std::string const& path) {
   return std::make_unique<std::fstream>(path, kReadWrite);
 }
 
-// The result of a call that is made again when a signal interrupts it.
-template <typename Call>
-int Uninterrupted(Call call) {
-  int result;
-  do result = call();
-  while (result < 0 && errno == EINTR);
-  return result;
-}
-
 // O_NONBLOCK: a pipe of that name must not stop the caller; files and directories do not mind.
 bool BringToCard(std::string const& path) {
-  Tarvik::UniqueFd const fd(
-      Uninterrupted([&path] { return open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK); }));
-  return fd.IsOpen() && Uninterrupted([&fd] { return fsync(fd.Get()); }) == 0;
+  Tarvik::UniqueFd const fd(RestartWhileInterrupted(
+      [&path] { return Tarvik::OpenFile(path.c_str(), O_RDONLY | O_NONBLOCK); }));
+  return fd.IsOpen() && RestartWhileInterrupted([&fd] { return fsync(fd.Get()); }) == 0;
 }
 
 }  // namespace

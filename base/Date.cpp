@@ -2,6 +2,7 @@
 
 #include <pthread.h>
 
+#include <cstring>
 #include <ctime>
 #include <mutex>
 #include <optional>
@@ -55,6 +56,7 @@ std::string NewDate(std::string format) {
 std::string Date(long const& t, std::string format) {
   auto const calendar = LocalTime(t);
   if (!calendar) return std::to_string(t);
+  format.resize(std::strlen(format.c_str()));  // strftime sees nothing behind a NUL
   format += ' ';  // so that no date is empty: strftime says so, too, when it has no room
   std::string text(64, '\0');
   std::size_t length;

@@ -7,7 +7,8 @@
 
 namespace Tarvik::Util {
 
-/// The system clock's current time, formatted with the conversions of strftime(3). Any thread.
+/// The system clock's current time, formatted with the conversions of strftime(3). A format
+/// ends at its first NUL. Any thread.
 QUELLON_EXPORT std::string NewDate(std::string format);
 
 /// The time `t`, in seconds since the epoch, formatted the same way; the plain number where `t`

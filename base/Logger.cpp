@@ -284,8 +284,11 @@ void Logger::RecoverInChild() noexcept {
 }
 
 // Both sinks are asked first: a thread that has a line on the console alone, begun while the file
-// was disabled, must not wait for the file of a thread that waits for the console.
+// was disabled, must not wait for the file of a thread that waits for the console. A line that a
+// disabled sink drops stands in nobody's way.
 void Logger::BeginLine(LogType type) {
+  if (!fileSink->enabled) fileSink->Abandon();
+  if (!consoleSink->enabled) consoleSink->Abandon();
   fileSink->RequireNoLine();
   consoleSink->RequireNoLine();
   if (fileSink->enabled) fileSink->BeginLine(type);

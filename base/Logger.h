@@ -30,8 +30,8 @@ enum LogType : int {
 /// One sink of the logger. A line begins with `WriteHeader`, which takes the sink's line lock, and
 /// ends with `EndLine` (or a newline and `CheckEndOfStream`), which writes it and frees the sink;
 /// both on the same thread. Text for a line that was not begun is dropped. A sink that is disabled
-/// in the middle of a line drops the whole line, and is free again at the line's next piece, or at
-/// its end.
+/// in the middle of a line drops the whole line, and is free again at the line's next piece, at its
+/// end, or when its thread begins another one.
 ///
 /// Never log in a signal handler: one that interrupts a line of its own thread ends the program.
 /// Set a flag there, or call write(2). A child made by fork(2) may log; a line that another thread
@@ -146,7 +146,7 @@ class QUELLON_EXPORT Logger {
   LoggerBase<ConsoleLogPolicy>* consoleSink;  ///< standard output; owned by the library
 
   /// Begins a line on the file sink, then on the console sink. Throws as `WriteHeader` does, and
-  /// then holds neither.
+  /// then has begun one on neither.
   void BeginLine(LogType type);
 
   /// Ends the line on both sinks, in the same order.

@@ -93,6 +93,12 @@ TEST_F(CatalogueThreads, PassRemovesAllButTheProtectedOnAThreadOfItsOwn) {
   EXPECT_THAT(ids, testing::Not(testing::Contains(std::this_thread::get_id())));
 }
 
+TEST_F(CatalogueThreads, APassMayBeRunWithoutAThread) {
+  Keep({"a.dat", "b.log", "c.dat"});
+  catalogue->Run();
+  EXPECT_THAT(OnCard(), ElementsAre("b.log"));
+}
+
 TEST_F(CatalogueThreads, StartOfAPassDoesNotWaitForIt) {
   Keep({"a.dat", "b.dat"});
   Barrier barrier;

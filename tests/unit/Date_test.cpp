@@ -2,15 +2,32 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <cstdlib>
 #include <ctime>
+#include <functional>
 #include <limits>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "tests/support/Interpose.h"
+#include "tests/support/TheReal.h"
+
+namespace {
+
+std::function<void()> whileAsked;  ///< what happens to a thread that asks the C library for a date
+
+}  // namespace
+
+extern "C" tm* localtime_r(time_t const* seconds, tm* calendar) noexcept {
+  static auto* const next = TheReal<tm*(time_t const*, tm*)>("localtime_r");
+  if (auto const work = std::exchange(whileAsked, nullptr)) work();
+  return next(seconds, calendar);
+}
 
 namespace {
 
@@ -69,6 +86,11 @@ TEST_F(DateTest, KeepsTheTextAroundTheConversions) {
   EXPECT_EQ(Date(0, "100%% at %H h"), "100% at 00 h");
 }
 
+TEST_F(DateTest, AFormatEndsAtItsFirstNul) {
+  EXPECT_EQ(Date(0, std::string("%Y\0%m", 5)), "1970");
+  EXPECT_EQ(Date(0, std::string("\0%m", 3)), "");
+}
+
 TEST_F(DateTest, HasNoLongestFormat) {
   std::string format;
   std::string expected;
@@ -110,6 +132,25 @@ TEST_F(DateTest, ManyThreadsMayAskAtOnce) {
     });
   }
   for (auto& thread : threads) thread.join();
+}
+
+// As a handler of a signal does that interrupts the thread.
+TEST_F(DateTest, AForkOfTheThreadThatAsksStopsNeitherParentNorChild) {
+  pid_t child = -1;
+  alarm(20);
+  whileAsked = [&] {
+    child = fork();
+    if (child == 0) alarm(20);
+  };
+  std::string const date = Date(0, kFormat);
+  std::string const next = Date(1, kFormat);
+  bool const right = date == "1970-01-01 00:00:00" && next == "1970-01-01 00:00:01";
+  if (child == 0) _exit(right ? 0 : 1);
+  alarm(0);
+  EXPECT_TRUE(right);
+  int status = -1;
+  EXPECT_EQ(waitpid(child, &status, 0), child);
+  EXPECT_EQ(status, 0);
 }
 
 }  // namespace

@@ -416,10 +416,16 @@ TEST_F(FileLog, ProcessesWithLongLinesKeepItsLimitToo) {
   EXPECT_LT(Older().size(), kLimit);
 }
 
+/// The turn, which another process has.
+Tarvik::UniqueFd TakeTheTurn() {
+  Tarvik::UniqueFd folder(open("/var/log/", O_RDONLY | O_CLOEXEC));
+  EXPECT_EQ(flock(folder.Get(), LOCK_EX), 0);
+  return folder;
+}
+
 TEST_F(FileLog, AProcessThatKeepsTheTurnForItselfStopsNobodyAndTheLimitHolds) {
   EXPECT_TRUE(policy.Write("first\n"));
-  Tarvik::UniqueFd const folder(open("/var/log/", O_RDONLY | O_CLOEXEC));
-  ASSERT_EQ(flock(folder.Get(), LOCK_EX), 0);
+  Tarvik::UniqueFd const turn = TakeTheTurn();
   std::string const line(999, 'x');
   for (int i = 0; i < 2'000; ++i) {
     ASSERT_TRUE(policy.Write(line + "\n"));
@@ -427,6 +433,32 @@ TEST_F(FileLog, AProcessThatKeepsTheTurnForItselfStopsNobodyAndTheLimitHolds) {
   }
   EXPECT_LT(Older().size(), kLimit);
   EXPECT_GT(Older().size(), kLimit - 2'000);
+}
+
+TEST_F(FileLog, IsLookedAtWithEachLineWithoutTheTurn) {
+  Interpose::hooks().now = 100;
+  Tarvik::UniqueFd const turn = TakeTheTurn();
+  EXPECT_TRUE(policy.Write("first\n"));
+  fs::remove(Interpose::Real(kPath));
+  EXPECT_TRUE(policy.Write("second\n"));
+  EXPECT_EQ(LogFile::Text(), "second\n");
+}
+
+TEST_F(FileLog, WaitsForTheTurnOnlyWithALineTheMarksLeaveNoRoomFor) {
+  Tarvik::UniqueFd turn = TakeTheTurn();
+  Interpose::hooks().sleep = [&](auto&&) { turn = Tarvik::UniqueFd(); };
+  EXPECT_TRUE(policy.Write("short\n"));
+  EXPECT_TRUE(turn.IsOpen());
+  EXPECT_TRUE(policy.Write(Lines(kMark - 6)));
+  EXPECT_FALSE(turn.IsOpen());
+  EXPECT_EQ(Older(), "short\n") << "with its turn it keeps to the mark";
+}
+
+TEST_F(FileLog, KeepsTheOlderOneThoughALineFillsANewFileAlone) {
+  Interpose::MakeFile(kOlderPath, "older\n");
+  EXPECT_TRUE(policy.Write(Lines(kMark)));
+  EXPECT_EQ(LogFile::Text().size(), kMark);
+  EXPECT_EQ(Older(), "older\n");
 }
 
 TEST_F(FileLog, IsNeverAStandardStream) {

@@ -5,9 +5,11 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <filesystem>
 #include <functional>
+#include <iterator>
 #include <memory>
 #include <optional>
 #include <string>
@@ -137,8 +139,14 @@ TEST_F(FileSync, FailsWhenTheCardDoesNotTakeTheDirectory) {
 
 TEST_F(FileSync, GoesOnAfterSignals) {
   failure = [count = 0](std::string const&) mutable { return ++count % 3 != 0 ? EINTR : 0; };
+  int opens = 0;
+  Interpose::hooks().faultAt = [&](std::string const& function, std::string const&) {
+    bool const fails = function == "open" && ++opens % 3 != 0;
+    return fails ? std::optional(EINTR) : std::nullopt;
+  };
   EXPECT_TRUE(At(kPath)->Sync());
   EXPECT_THAT(trace, ElementsAre(file, file, file, directory, directory, directory));
+  EXPECT_EQ(opens, 6);
 }
 
 TEST_F(FileSync, FailsForAFileThatIsNotThere) {
@@ -154,6 +162,23 @@ TEST_F(FileSync, TakesTheWorkingDirectoryForThatOfABareName) {
   EXPECT_TRUE(At("a.dat")->Sync());
   ASSERT_EQ(fchdir(before.Get()), 0);
   EXPECT_THAT(trace, ElementsAre(file, directory));
+}
+
+TEST_F(FileSync, NeverHasAStandardDescriptor) {
+  std::vector<int> opened;
+  std::optional<Descriptors::Watch> watch;
+  failure = [&](std::string const&) {
+    std::ranges::copy(watch->Opened(), std::back_inserter(opened));
+    return 0;
+  };
+  bool synced = false;
+  {
+    Descriptors::NoStandardOnes const none;
+    watch.emplace();
+    synced = At(kPath)->Sync();
+  }
+  EXPECT_TRUE(synced);
+  EXPECT_THAT(opened, ElementsAre(testing::Gt(2), testing::Gt(2)));
 }
 
 TEST_F(FileSync, IsNotStoppedByAPipe) {

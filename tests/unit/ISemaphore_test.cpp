@@ -207,6 +207,15 @@ TEST_F(Semaphore, FractionsOfASecondCarryOver) {
   EXPECT_EQ(deadline.tv_nsec, 999'999);
 }
 
+TEST_F(Semaphore, ALimitBelowZeroIsOneOfZero) {
+  for (auto const limit :
+       {-1ms, std::chrono::milliseconds(-1h), std::chrono::milliseconds::min()}) {
+    timespec const deadline = Deadline({100, 5}, limit);
+    EXPECT_EQ(deadline.tv_sec, 100);
+    EXPECT_EQ(deadline.tv_nsec, 5);
+  }
+}
+
 TEST_F(Semaphore, ALimitOfZeroIsOverAtOnce) {
   timespec const deadline = Deadline({100, 5}, 0ms);
   EXPECT_EQ(deadline.tv_sec, 100);

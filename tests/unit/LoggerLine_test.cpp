@@ -80,6 +80,14 @@ TEST_F(LoggerLine, SignalsEachSinkOnceTheFileFirst) {
   EXPECT_TRUE(SignalledBy(*logger.consoleSink, signals[1]));
 }
 
+TEST_F(LoggerLine, TheWriterTakesEverySignal) {
+  Capture::Output([] { LogLine(Info) << "text"; });
+  ASSERT_EQ(signals.size(), 2U);
+  for (void const* const signal : signals) {
+    EXPECT_FALSE(static_cast<ISemaphore*>(const_cast<void*>(signal))->TryWait());
+  }
+}
+
 TEST_F(LoggerLine, SignalsOnlyAtItsNewline) {
   FileSink sink;
   sink.CheckEndOfStream();
@@ -278,6 +286,22 @@ TEST_F(LoggerLine, ASinkDisabledInTheMiddleDropsItsLineAndIsFreeAtTheNextPiece) 
   EXPECT_THAT(signals, IsEmpty());
 }
 
+TEST_F(LoggerLine, BothSinksDisabledInTheMiddleDropTheirLineForAnotherOneAndAreFree) {
+  EXPECT_EQ(Capture::Output([] {
+              LogLine outer(Info);
+              logger.fileSink->enabled = false;
+              logger.consoleSink->enabled = false;
+              EXPECT_NO_THROW(LogLine(Info) << "inner");
+              ExpectFree();
+              logger.fileSink->enabled = true;
+              logger.consoleSink->enabled = true;
+              outer << "belongs to no line";
+            }),
+            "");
+  EXPECT_EQ(LogFile::Text(), "");
+  EXPECT_THAT(signals, IsEmpty());
+}
+
 TEST_F(LoggerLine, AfterADroppedLineTheNextOneIsWhole) {
   FileSink sink;
   sink.WriteHeader(Info);
@@ -336,6 +360,14 @@ TEST_F(LoggerLine, ALastEndlIsTheNewlineOfItsLine) {
   });
   EXPECT_THAT(LogFile::Text(), testing::MatchesRegex("\\[[^]]*\\]one\n\\[[^]]*\\]two\n\n"
                                                      "\\[[^]]*\\]three\n\n\n"));
+}
+
+TEST_F(LoggerLine, AsLongAsTheLastOneThatEndlEndedHasANewlineOfItsOwn) {
+  Capture::Output([] {
+    LogLine(Info) << "one" << std::endl;
+    LogLine(Info) << "four";
+  });
+  EXPECT_THAT(LogFile::Text(), testing::MatchesRegex("\\[[^]]*\\]one\n\\[[^]]*\\]four\n"));
 }
 
 TEST_F(LoggerLine, AfterANullTextAManipulatorAppendsNothingAndTheCheckEndsTheLine) {

@@ -1,5 +1,6 @@
 // What another process sees of the log: its order among the program's other output, and what is
 // left of it when the program dies.
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/wait.h>
@@ -20,6 +21,7 @@
 #include "base/Logger.h"
 #include "base/UniqueFd.h"
 #include "tests/support/Capture.h"
+#include "tests/support/Descriptors.h"
 #include "tests/support/LogFile.h"
 
 namespace {
@@ -216,6 +218,15 @@ TEST_F(LoggerProcess, ALineUnderWayOnTheForkingThreadGoesOnInBoth) {
   EXPECT_THAT(child.output, EndsWith("]begun in the child\n"));
   EXPECT_THAT(parent, EndsWith("]begun in the parent\n"));
   EXPECT_EQ(LogFile::Text(), child.output + parent);
+}
+
+TEST_F(LoggerProcess, AChildSharesNoDescriptorOfTheLogWithItsParent) {
+  Descriptors::Watch const watch;
+  Capture::Output([] { LogLine(Info) << "the parent's"; });
+  ASSERT_EQ(watch.Opened().size(), 1U);
+  int const file = watch.Opened().front();
+  auto const [output, status] = InAChild([file] { _exit(fcntl(file, F_GETFD) < 0 ? 0 : 1); });
+  EXPECT_EQ(status, 0);
 }
 
 TEST_F(LoggerProcess, NoChildHangsWhateverOtherThreadsLogMeanwhile) {

@@ -135,6 +135,16 @@ TEST_F(LoggerTest, TheHeaderFollowsTheClock) {
   EXPECT_EQ(Line("set back"), "[2021-03-03 17:05:09]set back\n");
 }
 
+TEST_F(LoggerTest, TheFirstHeaderHasItsDateWhateverTheClockShows) {
+  for (long const now : {-1L, 0L}) {
+    Interpose::hooks().now = now;
+    LoggerBase<FileLogPolicy> sink;
+    sink.WriteHeader(Info);
+    sink.EndLine();
+  }
+  EXPECT_EQ(LogFile::Text(), "[1969-12-31 23:59:59]\n[1970-01-01 00:00:00]\n");
+}
+
 TEST_F(LoggerTest, TheHeaderShowsLocalTime) {
   SetTimeZone("TEST-5:30");
   Interpose::hooks().now = kNow + 3600;

@@ -112,6 +112,7 @@ TEST_F(MakeRoom, ComparesTheFreeSpaceInSinglePrecision) {
 
 TEST_F(MakeRoom, ComparesTheUsedSpaceInSinglePrecision) {
   EXPECT_FALSE(HasRoom(100, 16777217, 0, 1.0F, 16777216));
+  EXPECT_FALSE(HasRoom(100, 16777220, 0, 1.0F, 16777219)) << "as a float what is used is 1 more";
   EXPECT_TRUE(HasRoom(1000, kRoundedUp, 0, 3.0F / 256, 12582913)) << "12582912.8 if exact";
   EXPECT_FALSE(HasRoom(100, 10, 0, 0.1F, 1)) << "the product is 1 only when it is rounded";
 }

@@ -12,6 +12,7 @@
 #include <string>
 
 #include "DiskUtils/System.h"
+#include "FileUtils/FilesManager.h"
 #include "SysUtil/Util.h"
 #include "base/internal/OutputLine.h"
 #include "tests/support/Capture.h"
@@ -96,6 +97,12 @@ void ReportAtTheEpoch() {
   StartAGoodCard();
 }
 
+void AddAFileWithoutADot() {
+  Quellon::FileUtils::FilesManager catalogue(nullptr);
+  std::string name = "README";
+  EXPECT_FALSE(catalogue.AddFile(name));
+}
+
 class WhateverTheApplicationLeft : public testing::TestWithParam<Job> {
  protected:
   static std::string Print() {
@@ -118,6 +125,7 @@ INSTANTIATE_TEST_SUITE_P(Jobs, WhateverTheApplicationLeft,
                                          Job{"AStartWithoutACard", StartWithoutACard},
                                          Job{"TheCounter", KeepTheCounter},
                                          Job{"AReportAtTheEpoch", ReportAtTheEpoch},
+                                         Job{"ANameWithoutADot", AddAFileWithoutADot},
                                          Job{"OpenFiles", Quellon::SysUtil::DisplayOpenFiles}),
                          [](auto const& instance) { return instance.param.name; });
 
