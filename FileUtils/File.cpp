@@ -7,6 +7,8 @@
 #include <cerrno>
 #include <chrono>
 #include <exception>
+#include <filesystem>
+#include <system_error>
 
 #include "base/IException.h"
 #include "base/Logger.h"
@@ -43,6 +45,13 @@ bool BringToCard(std::string const& path) {
   Tarvik::UniqueFd const fd(
       Uninterrupted([&path] { return open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK); }));
   return fd.IsOpen() && Uninterrupted([&fd] { return fsync(fd.Get()); }) == 0;
+}
+
+// Also by way of links. The standard library asks for sizes of 64 bits, so that a recording of 2
+// GiB is known on a 32-bit board, too.
+bool AreOneFile(std::string const& path, std::string const& other) {
+  std::error_code missing;
+  return std::filesystem::equivalent(path, other, missing);
 }
 
 }  // namespace
@@ -153,6 +162,8 @@ bool Ifile::CopyTo(std::string const& destination) {
   try {
     if (destination.empty()) throw IException("Empty destination path");
     if (!Open(true)) throw IException("Source file not open");  // Open says true to everything
+    // Opening it would empty the recording.
+    if (AreOneFile(path, destination)) throw IException("destination file not open");
     Tarvik::OccupyStandardDescriptors();
     std::ofstream copy(destination, std::ios::binary);
     if (!copy.is_open()) throw IException("destination file not open");
