@@ -7,7 +7,6 @@
 #include <cmath>
 #include <ctime>
 #include <exception>
-#include <iostream>
 #include <list>
 #include <new>
 #include <string_view>
@@ -15,6 +14,7 @@
 #include <vector>
 
 #include "base/Logger.h"
+#include "base/OutputLine.h"
 #include "base/UniqueDir.h"
 
 namespace Quellon::FileUtils {
@@ -32,7 +32,7 @@ std::string DottedExtension(std::string const& fileName) {
   try {
     return fileName.substr(fileName.rfind('.'));
   } catch (std::exception const& e) {
-    std::cout << e.what() << std::endl;
+    Tarvik::OutputLine() << e.what();
     return {};
   }
 }
