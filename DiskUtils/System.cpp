@@ -5,7 +5,6 @@
 #include <unistd.h>
 
 #include <chrono>
-#include <cstdlib>
 #include <thread>
 
 #include "DiskUtils/Complain.h"
@@ -13,6 +12,7 @@
 #include "RTC/Rtc.h"
 #include "base/Logger.h"
 #include "base/OutputLine.h"
+#include "base/Shell.h"
 #include "base/SystemClock.h"
 
 namespace Quellon {
@@ -47,7 +47,7 @@ int System::UnmountAll() {
 }
 
 int System::Reboot() {
-  static_cast<void>(std::system("reboot"));
+  static_cast<void>(Tarvik::RunCommand("reboot"));
   std::this_thread::sleep_for(std::chrono::seconds(20));
   UnmountAll();
   return reboot(RB_AUTOBOOT);
