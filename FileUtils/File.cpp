@@ -41,9 +41,10 @@ int Uninterrupted(Call call) {
 }
 
 // O_NONBLOCK: a pipe of that name must not stop the caller; files and directories do not mind.
+// O_LARGEFILE: a 32-bit board's streams write recordings of 2 GiB and more, too.
 bool BringToCard(std::string const& path) {
-  Tarvik::UniqueFd const fd(
-      Uninterrupted([&path] { return open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK); }));
+  constexpr int kFlags = O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_LARGEFILE;
+  Tarvik::UniqueFd const fd(Uninterrupted([&path] { return open(path.c_str(), kFlags); }));
   return fd.IsOpen() && Uninterrupted([&fd] { return fsync(fd.Get()); }) == 0;
 }
 
