@@ -153,8 +153,8 @@ bool Ifile::Rename(std::string& newPath) {
   if (newPath.length() < kShortestPath) return false;
   if (stream != nullptr && stream->is_open()) return false;
   if (!FileExists() || rename(path.c_str(), newPath.c_str()) != 0) return false;
-  name = ExtractFileNameFromPath(newPath);
-  path = newPath;
+  path = newPath;  // first: the new path may be one of the fields below
+  name = ExtractFileNameFromPath(path);
   extension = ExtractFileExtension(name);
   return true;
 }
