@@ -17,8 +17,10 @@ namespace Tarvik::Interfaces {
 /// class joins in its own destructor, before its members go: the base's destructor runs too late
 /// to protect them. Where it does not, the destructors of its bases wait for the `Run()` under way,
 /// and the next one that the thread calls is that of the class whose destructor has been reached.
-/// No object is destroyed on its own worker. An exception that leaves a hook or `Run()` is logged
-/// as an error and ends the thread, never the process.
+/// No object is destroyed on its own worker, nor waited for or destroyed in a child that fork(2)
+/// made while its thread ran: the worker is not there. Such a child ends by _exit(2), or execs. An
+/// exception that leaves a hook or `Run()` is logged as an error and ends the thread, never the
+/// process.
 class QUELLON_EXPORT IThread {
  public:
   IThread();

@@ -120,10 +120,11 @@ int Refuse() {
   return Give(Answer::Failure(EPERM));
 }
 
+// With or without a slash at the end: a folder of the machine's own must never be mistaken for it.
 bool LeadsToDevice(std::string const& path) {
   for (char const* const root :
        {"/dev/mmcblk1", "/dev/watchdog", "/dev/rtc0", "/sys/", "/root/", "/mnt/", "/var/log/"}) {
-    if (path.starts_with(root)) return true;
+    if ((path + "/").starts_with(root)) return true;
   }
   return path.starts_with("/proc") && fs::exists(Folder().path / "proc");
 }
