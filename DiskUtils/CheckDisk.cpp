@@ -1,7 +1,6 @@
 #include "DiskUtils/CheckDisk.h"
 
 #include <chrono>
-#include <cstdlib>
 #include <thread>
 
 #include "base/internal/OutputLine.h"
@@ -20,7 +19,7 @@ std::string TextOf(char const* text) {
 }
 
 int Run(std::string const& command) {
-  return Tarvik::ExitStatusByte(std::system(command.c_str()));
+  return Tarvik::ExitStatusByte(Tarvik::RunCommand(command.c_str()));
 }
 
 bool Succeeds(std::string const& command) {

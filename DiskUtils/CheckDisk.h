@@ -9,7 +9,9 @@ namespace Quellon::DiskUtils {
 
 /// Unmounts, checks and mounts one partition with the commands "umount", "fsck" and "mount", found
 /// on the search path. Nothing is thrown for a command that fails; messages go to standard output.
-/// Not locked: one thread at a time, and nothing else may use the partition meanwhile.
+/// Where the process ignores SIGCHLD it does not while a command runs, and standard descriptors
+/// that are closed become "/dev/null" for good. Not locked: one thread at a time, and nothing else
+/// may use the partition meanwhile.
 class QUELLON_EXPORT CheckDisk {
  public:
   /// Keeps copies of both paths: the mount directory and the partition's device node.

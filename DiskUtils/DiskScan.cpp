@@ -3,7 +3,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdlib>
 #include <exception>
 #include <fstream>
 #include <stdexcept>
@@ -12,6 +11,7 @@
 #include "base/IException.h"
 #include "base/internal/ByteFile.h"
 #include "base/internal/OutputLine.h"
+#include "base/internal/Shell.h"
 
 namespace Quellon::DiskUtils {
 
@@ -95,7 +95,7 @@ bool Disk::Fromat(bool check) {
     std::string const command = std::string("mkfs.ext4 -v -F -O ^has_journal ") +
                                 (check ? "-c" : "") + " -L storage " + devicePath;
     OutputLine() << "Try format partition: " << command;
-    if (std::system(command.c_str()) < 0) throw std::runtime_error("Unable to format");
+    if (Tarvik::RunCommand(command.c_str()) < 0) throw std::runtime_error("Unable to format");
     OutputLine() << "Done format partition " << devicePath << " ext4";
     Mount();
     return true;

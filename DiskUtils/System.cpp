@@ -5,7 +5,6 @@
 #include <unistd.h>
 
 #include <chrono>
-#include <cstdlib>
 #include <thread>
 
 #include "DiskUtils/internal/CardSlot.h"
@@ -14,6 +13,7 @@
 #include "RTC/Rtc.h"
 #include "base/Logger.h"
 #include "base/internal/OutputLine.h"
+#include "base/internal/Shell.h"
 #include "base/internal/SystemClock.h"
 
 namespace Quellon {
@@ -48,7 +48,7 @@ int System::UnmountAll() {
 }
 
 int System::Reboot() {
-  static_cast<void>(std::system("reboot"));
+  static_cast<void>(Tarvik::RunCommand("reboot"));
   std::this_thread::sleep_for(std::chrono::seconds(20));
   UnmountAll();
   return reboot(RB_AUTOBOOT);

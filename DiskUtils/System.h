@@ -34,7 +34,8 @@ class QUELLON_EXPORT System {
   DiskUtils::Disk* InitDisk();
 
   /// How many reboots in a row a failing card has caused, from "/root/system.dat", which is made,
-  /// empty, when missing. 0 when nothing is stored, -1 when the file cannot be read.
+  /// empty, when missing. 0 when nothing is stored, -1 when the file cannot be read or is none: a
+  /// pipe or a device of that name is never opened.
   int ReadSDCardStatusCounter();
 
   /// Stores the count, or removes the file when `counter` is 0 or less. False when the file could

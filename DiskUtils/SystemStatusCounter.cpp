@@ -1,6 +1,8 @@
 // The count of reboots that a failing card has caused, kept across them.
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include <cstddef>
 #include <exception>
 #include <fstream>
 #include <string>
@@ -21,14 +23,26 @@ namespace {
 
 constexpr char const* kCounterFile = "/root/system.dat";
 constexpr char const* kCounterKey = "sdcard-status-conter";  // as devices in the field have it
+constexpr char const* kCannotBeOpen = "sdcard status file cannot be open";
+// A damaged file must not use up the board's memory. A text that is cut short is no JSON.
+constexpr std::size_t kLongestText = 65536;
+
+// A pipe would keep whoever opens it waiting, and a device takes a count and gives none back.
+bool MayBeOpened() {
+  struct stat status {};
+  return stat(kCounterFile, &status) != 0 || S_ISREG(status.st_mode);
+}
 
 std::string ReadCounterFile() {
+  if (!MayBeOpened()) throw Tarvik::IException(kCannotBeOpen);
   // Opened to append as well, which makes the file when it is missing.
   ByteFile<std::ifstream> file(kCounterFile, std::ios::in | std::ios::app);
-  if (!file.is_open()) throw Tarvik::IException("sdcard status file cannot be open");
+  if (!file.is_open()) throw Tarvik::IException(kCannotBeOpen);
   file.exceptions(std::ios::badbit);  // a count that cannot be read must not pass for 0
   std::string text;
-  for (std::string line; std::getline(file, line);) text += line;
+  for (char next; text.size() < kLongestText && file.get(next);) {
+    if (next != '\n') text += next;
+  }
   return text;
 }
 
@@ -57,6 +71,7 @@ int System::ReadSDCardStatusCounter() {
 bool System::SaveSDCardStatusCounter(int counter) {
   if (counter <= 0) return RemoveCounterFile();
   OutputLine() << "Save sdcard status counter " << counter << " to file";
+  if (!MayBeOpened()) return true;
   try {
     ByteFile<std::ofstream> file(kCounterFile, std::ios::trunc);
     // True all the same: a system that cannot save must still reboot for its card.

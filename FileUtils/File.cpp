@@ -5,6 +5,8 @@
 
 #include <chrono>
 #include <exception>
+#include <filesystem>
+#include <system_error>
 
 #include "base/IException.h"
 #include "base/Logger.h"
@@ -31,10 +33,19 @@ std::unique_ptr<std::fstream> OpenInPlace(std::string const& path) {
 }
 
 // O_NONBLOCK: a pipe of that name must not stop the caller; files and directories do not mind.
+// O_LARGEFILE: a 32-bit board's streams write recordings of 2 GiB and more, too.
 bool BringToCard(std::string const& path) {
-  Tarvik::UniqueFd const fd(RestartWhileInterrupted(
-      [&path] { return Tarvik::OpenFile(path.c_str(), O_RDONLY | O_NONBLOCK); }));
+  constexpr int kFlags = O_RDONLY | O_NONBLOCK | O_LARGEFILE;
+  Tarvik::UniqueFd const fd(
+      RestartWhileInterrupted([&path] { return Tarvik::OpenFile(path.c_str(), kFlags); }));
   return fd.IsOpen() && RestartWhileInterrupted([&fd] { return fsync(fd.Get()); }) == 0;
+}
+
+// Also by way of links. The standard library asks for sizes of 64 bits, so that a recording of 2
+// GiB is known on a 32-bit board, too.
+bool AreOneFile(std::string const& path, std::string const& other) {
+  std::error_code missing;
+  return std::filesystem::equivalent(path, other, missing);
 }
 
 }  // namespace
@@ -135,8 +146,8 @@ bool Ifile::Rename(std::string& newPath) {
   if (newPath.length() < kShortestPath) return false;
   if (stream != nullptr && stream->is_open()) return false;
   if (!FileExists() || rename(path.c_str(), newPath.c_str()) != 0) return false;
-  name = ExtractFileNameFromPath(newPath);
-  path = newPath;
+  path = newPath;  // first: the new path may be one of the fields below
+  name = ExtractFileNameFromPath(path);
   extension = ExtractFileExtension(name);
   return true;
 }
@@ -145,6 +156,8 @@ bool Ifile::CopyTo(std::string const& destination) {
   try {
     if (destination.empty()) throw IException("Empty destination path");
     if (!Open(true)) throw IException("Source file not open");  // Open says true to everything
+    // Opening it would empty the recording.
+    if (AreOneFile(path, destination)) throw IException("destination file not open");
     Tarvik::OccupyStandardDescriptors();
     std::ofstream copy(destination, std::ios::binary);
     if (!copy.is_open()) throw IException("destination file not open");

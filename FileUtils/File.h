@@ -94,9 +94,10 @@ class QUELLON_EXPORT Ifile {
 
   /// Copies the file to `destination`, which is made or emptied. The source's stream is opened if
   /// it is not, which makes a missing file, and left open; copying begins at its read position.
-  /// False, with an error line in the log, when the destination has no name or cannot be made;
-  /// a source that cannot be opened is an empty one, and what failed while copying is not
-  /// detected. The copy is in the kernel's hands, as what `Write` writes. Never throws.
+  /// False, with an error line in the log, when the destination has no name, cannot be made, or is
+  /// the file itself, be it through a link, which then stays as it is; a source that cannot be
+  /// opened is an empty one, and what failed while copying is not detected. The copy is in the
+  /// kernel's hands, as what `Write` writes. Never throws.
   bool CopyTo(std::string const& destination);
 
   /// Writes the bytes of `value`, as they lie in memory, to a C stream. False when `file` is null,

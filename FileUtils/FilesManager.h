@@ -30,7 +30,8 @@ using DiskUtils::Disk;
 /// A directory has one catalogue, and nobody else deletes in it. A file that another catalogue,
 /// another program or a person has deleted still counts with its size: `MakeRoom` deletes others in
 /// its place, at worst every recording, and returns true. After such a deletion load again before
-/// anything else: `LoadAndSort()`.
+/// anything else: `LoadAndSort()`. A directory that is a link is followed, wherever on the machine
+/// it leads: look before you load what a card of others offers.
 class QUELLON_EXPORT FilesManager : public Tarvik::Interfaces::IThread,
                                     public Tarvik::Interfaces::IError {
  public:
@@ -72,9 +73,10 @@ class QUELLON_EXPORT FilesManager : public Tarvik::Interfaces::IThread,
   /// Loads and, if that succeeded, sorts.
   bool LoadAndSort();
 
-  /// Catalogues, as the newest, a file that exists in the directory. What it holds may still be in
-  /// the kernel's memory alone, and is lost then with the card's power: bring a recording to the
-  /// card first, by `Ifile::Sync`. Error: "File not found".
+  /// Catalogues, as the newest, a file that exists in the directory, with the size it has now: call
+  /// it once, when a recording is complete. A name that is catalogued already counts twice. What
+  /// the file holds may still be in the kernel's memory alone, and is lost then with the card's
+  /// power: bring a recording to the card first, by `Ifile::Sync`. Error: "File not found".
   bool AddFile(std::string& fileName);
 
   /// Sorts by modification time, oldest first; equal times keep their order.

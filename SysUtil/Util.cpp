@@ -60,7 +60,7 @@ bool AppendPiece(std::string& output, int fd) {
 }
 
 void RunForRamdisk(char const* command, char const* failureFormat) {
-  int const status = std::system(command);
+  int const status = Tarvik::RunCommand(command);
   if (status >= 0) return;
   std::printf(failureFormat, Tarvik::ExitStatusByte(status));
   static_cast<void>(std::fflush(stdout));

@@ -120,10 +120,11 @@ int Refuse() {
   return Give(Answer::Failure(EPERM));
 }
 
+// With or without a slash at the end: a folder of the machine's own must never be mistaken for it.
 bool LeadsToDevice(std::string const& path) {
   for (char const* const root :
        {"/dev/mmcblk1", "/dev/watchdog", "/dev/rtc0", "/sys/", "/root/", "/mnt/", "/var/log/"}) {
-    if (path.starts_with(root)) return true;
+    if ((path + "/").starts_with(root)) return true;
   }
   return path.starts_with("/proc") && fs::exists(Folder().path / "proc");
 }
@@ -135,6 +136,15 @@ void RecordSleep(std::chrono::nanoseconds duration) {
     recorder().slept += duration;
   }
   if (hooks().sleep) hooks().sleep(duration);
+}
+
+// A 32-bit kernel opens no file of 2 GiB or more for who does not say that it knows of such files.
+// The 64-bit one underneath an emulator does.
+bool IsTooLarge(char const* path, int flags) {
+  if (sizeof(off_t) > 4 || (flags & O_LARGEFILE) != 0) return false;
+  static auto* const next = TheReal<int(char const*, struct stat*)>("stat");
+  struct stat status {};
+  return next(Real(path).c_str(), &status) != 0 && errno == EOVERFLOW;
 }
 
 }  // namespace
@@ -293,6 +303,7 @@ int open(char const* path, int flags, ...) {
   }
   Work const work;
   if (auto const error = Fault("open", path)) return Give(Answer::Failure(*error));
+  if (IsTooLarge(path, flags)) return Give(Answer::Failure(EOVERFLOW));
   static auto* const next = TheReal<int(char const*, int, ...)>("open");
   return next(Real(path).c_str(), flags, mode);
 }

@@ -7,10 +7,12 @@
 #include <cerrno>
 #include <chrono>
 #include <filesystem>
+#include <iostream>
 #include <map>
 #include <memory>
 #include <optional>
 #include <set>
+#include <streambuf>
 #include <string>
 #include <vector>
 
@@ -191,6 +193,39 @@ TEST_F(CatalogueLoad, SkipsWhatCannotBeDescribed) {
   EXPECT_TRUE(catalogue->Load());
   EXPECT_THAT(Names(*catalogue), ElementsAre("a.dat"));
   EXPECT_EQ(catalogue->GetTotalFilesSize(), 2U);
+}
+
+/// A standard output that takes nothing, and throws for it, while one exists.
+class BrokenOutput : std::streambuf {
+ public:
+  BrokenOutput() : before(std::cout.rdbuf(this)) { std::cout.exceptions(std::ios::badbit); }
+  BrokenOutput(BrokenOutput const&) = delete;
+  BrokenOutput& operator=(BrokenOutput const&) = delete;
+  ~BrokenOutput() override {
+    std::cout.exceptions(std::ios::goodbit);
+    std::cout.rdbuf(before);
+  }
+
+ private:
+  std::streambuf* before;
+};
+
+TEST_F(CatalogueLoad, TakesANameWithoutADotThoughTheComplaintCannotBePrinted) {
+  MakeRecording("README");
+  MakeRecording("a.dat");
+  {
+    BrokenOutput const output;
+    EXPECT_NO_THROW(EXPECT_TRUE(catalogue->Load()));
+  }
+  EXPECT_THAT(Names(*catalogue), UnorderedElementsAre("README", "a.dat"));
+}
+
+TEST_F(CatalogueLoad, PrintsTheComplaintOfANameInAFormatOfItsOwn) {
+  MakeRecording("README");
+  std::cout.width(200);
+  std::string const output = Capture::Output([&] { EXPECT_TRUE(catalogue->Load()); });
+  EXPECT_EQ(std::cout.width(0), 200);
+  EXPECT_THAT(output, MatchesRegex("^basic_string::substr[^\n]*\n$"));
 }
 
 TEST_F(CatalogueLoad, PrintsTheLibrarysComplaintOfANameWithoutADotAndTakesIt) {

@@ -1,16 +1,20 @@
 #include "DiskUtils/CheckDisk.h"
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <chrono>
+#include <csignal>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "tests/support/Capture.h"
+#include "tests/support/ChildProcess.h"
 #include "tests/support/Interpose.h"
 
 namespace {
@@ -62,6 +66,64 @@ class CheckDiskTest : public testing::Test {
   std::string device = "/dev/mmcblk1p1";
   CheckDisk checkDisk{directory.data(), device.data()};
 };
+
+/// As system(3) does it: the code of a process that is waited for.
+Answer Waited(int code) {
+  pid_t const child = fork();
+  if (child == 0) _exit(code);
+  int status = 0;
+  if (waitpid(child, &status, 0) != child) return Answer::Failure(errno);
+  return {status, 0};
+}
+
+/// How a process may have its children go without a word.
+struct Ignoring {
+  char const* name;
+  void (*handler)(int);
+  int flags;
+};
+
+class ProcessThatIgnoresItsChildren : public CheckDiskTest,
+                                      public testing::WithParamInterface<Ignoring> {};
+
+TEST_P(ProcessThatIgnoresItsChildren, LearnsHowACommandEndedAllTheSame) {
+  hooks().system = [](std::string const& command) {
+    return Waited(command.starts_with("fsck") ? 4 : 0);
+  };
+  struct sigaction ignoring {};
+  ignoring.sa_handler = GetParam().handler;
+  ignoring.sa_flags = GetParam().flags;
+  struct sigaction before {};
+  sigaction(SIGCHLD, &ignoring, &before);
+  EXPECT_EQ(Capture::Output([&] { EXPECT_EQ(checkDisk.DiskCheck(), 4); }),
+            "Unmount SD card success.\n"
+            "FSCK output: File system errors left uncorrected\n"
+            "Mount SD card success\n");
+  struct sigaction after {};
+  sigaction(SIGCHLD, &before, &after);
+  EXPECT_THAT(Trace(), ElementsAre(kUmount, kFsck, kMount));
+  EXPECT_EQ(after.sa_handler, GetParam().handler);
+  EXPECT_EQ(after.sa_flags & SA_NOCLDWAIT, GetParam().flags);
+}
+
+INSTANTIATE_TEST_SUITE_P(InEveryWay, ProcessThatIgnoresItsChildren,
+                         testing::Values(Ignoring{"ByTheSignal", SIG_IGN, 0},
+                                         Ignoring{"ByItsFlag", SIG_DFL, SA_NOCLDWAIT},
+                                         Ignoring{"ByItsFlagWithAHandler", [](int) {},
+                                                  SA_NOCLDWAIT}),
+                         [](auto const& instance) { return instance.param.name; });
+
+TEST_F(CheckDiskTest, GivesCommandsStandardDescriptorsThatTheProcessDoesNotHave) {
+  ChildProcess::Run([this] {
+    hooks().system = [](auto&&) {
+      for (int number : {0, 1, 2}) EXPECT_GE(fcntl(number, F_GETFD), 0);
+      return Exited(0);
+    };
+    for (int number : {0, 1, 2}) close(number);
+    EXPECT_EQ(checkDisk.DiskCheck(), 0);
+    EXPECT_EQ(Trace().size(), 3U);
+  });
+}
 
 TEST_F(CheckDiskTest, KeepsCopiesOfBothPathsAndIgnoresTheNumber) {
   CheckDisk const plain(directory.data(), device.data());

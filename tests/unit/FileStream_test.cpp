@@ -392,6 +392,20 @@ TEST_F(FileStream, CopyToFailsWithOneErrorLineWhenItCannotBegin) {
   EXPECT_EQ(LogOfFailedCopy(*file, kNowhere), "[ERROR]Ifile: destination file not open\n");
 }
 
+TEST_F(FileStream, CopyToLeavesAFileAloneThatIsItsOwnDestination) {
+  Holds("12345");
+  std::string const path = Interpose::Real(kPath);
+  std::string const directory = Interpose::Real(kPath).parent_path();
+  fs::create_hard_link(path, directory + "/hard link");
+  fs::create_symlink(path, directory + "/symbolic link");
+  for (std::string const name : {"a.gps", "./a.gps", "hard link", "symbolic link"}) {
+    auto const file = At(path);
+    EXPECT_EQ(LogOfFailedCopy(*file, directory + "/" + name),
+              "[ERROR]Ifile: destination file not open\n");
+    EXPECT_EQ(Interpose::ReadFile(kPath), "12345") << name;
+  }
+}
+
 TEST_F(FileStream, CopyToReportsWhatTheStandardLibraryThrows) {
   auto const file = BareAt(kNowhere);
   file->stream->exceptions(std::ios::failbit);

@@ -317,6 +317,21 @@ TEST_F(File, RenameMovesTheFileAndRenewsPathNameAndExtension) {
   EXPECT_EQ(file->time, 17);
 }
 
+TEST_F(File, RenameTakesAPathThatTheApplicationKeepsInAnotherField) {
+  for (std::string Ifile::*const field : {&Ifile::path, &Ifile::name, &Ifile::extension}) {
+    std::string const newPath = "/mnt/sdcard/cr/other.b.log";
+    MakeOfSize(4);
+    auto const renamed = At(kPath);
+    if (field != &Ifile::path) (*renamed).*field = newPath;
+    std::string const expected = (*renamed).*field;
+    EXPECT_TRUE(renamed->Rename((*renamed).*field));
+    EXPECT_EQ(renamed->path, expected);
+    EXPECT_EQ(renamed->name, expected.substr(expected.rfind('/') + 1));
+    EXPECT_EQ(renamed->extension, expected.substr(expected.rfind('.') + 1));
+    EXPECT_TRUE(renamed->FileExists());
+  }
+}
+
 TEST_F(File, RenameTakesAPathOfThreeCharactersButNoShorterOne) {
   MakeOfSize(1);
   std::vector<std::string> renamed;

@@ -50,6 +50,14 @@ mode_t ModeOf(std::string const& path) {
   return status.st_mode & 07777;
 }
 
+// What the tests below do to a folder of the device must never happen to the machine's own.
+TEST(PrivateFolder, StandsForTheFoldersOfTheDeviceWithAndWithoutASlash) {
+  for (std::string const folder : {"/root", "/mnt", "/sys", "/var/log"}) {
+    EXPECT_NE(Interpose::Real(folder), folder);
+    EXPECT_EQ(Interpose::Real(folder + "/"), Interpose::Real(folder) / "");
+  }
+}
+
 class CardOfAnybody : public CatalogueTest {
  protected:
   CardOfAnybody() { Interpose::MakeFile(kOutside, std::string(5000, 'o')); }
@@ -101,6 +109,18 @@ TEST_F(CardOfAnybody, ALinkThatLeadsNowhereIsNotRemoved) {
   EXPECT_TRUE(catalogue->LoadAndSort());
   EXPECT_EQ(catalogue->RemoveAllFiles(), 0U);
   EXPECT_THAT(OnCard(), ElementsAre("link.dat"));
+}
+
+// The directory is the application's choice, too. Only looked at: it leads out of the card.
+TEST_F(CardOfAnybody, ALinkInThePlaceOfTheRecordingsDirectoryIsFollowed) {
+  Interpose::MakeFile("/mnt/elsewhere/a.dat", "");
+  Interpose::RemoveFile("/mnt/sdcard/cr");
+  fs::create_directories(Interpose::Real("/mnt/sdcard"));
+  fs::create_directory_symlink(Interpose::Real("/mnt/elsewhere"),
+                               Interpose::Real("/mnt/sdcard/cr"));
+  auto const catalogue = NewCatalogue();
+  EXPECT_TRUE(catalogue->LoadAndSort());
+  EXPECT_THAT(Names(*catalogue), ElementsAre("a.dat"));
 }
 
 // Streams follow links; what is opened or copied is the application's choice.

@@ -1,5 +1,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -97,6 +99,10 @@ INSTANTIATE_TEST_SUITE_P(
         Content{"TextForTheNumber", R"({"sdcard-status-conter":"2"})", -1},
         Content{"NullForTheNumber", R"({"sdcard-status-conter":null})", -1},
         Content{"AnObjectForTheNumber", R"({"sdcard-status-conter":{}})", -1},
+        Content{"LongerThanAnyCount",
+                R"({"sdcard-status-conter":2,"x":")" + std::string(1000000, 'x') + "\"}", -1},
+        Content{"BehindALotOfLines", std::string(1000000, '\n') + R"({"sdcard-status-conter":2})",
+                2},
         Content{"CutShort", R"({"sdcard-status-con)", -1}, Content{"NoJson", "reboots: 2", -1},
         Content{"OnlyBlanks", "  ", -1}, Content{"Binary", std::string("\0\1\2", 3), -1}),
     [](auto const& instance) { return instance.param.name; });
@@ -115,6 +121,43 @@ TEST_F(StatusCounter, IsMinusOneWhenItsFolderIsMissing) {
   Interpose::RemoveFile("/root");
   EXPECT_EQ(system.ReadSDCardStatusCounter(), -1);
 }
+
+class InPlaceOfTheCounter : public StatusCounter, public testing::WithParamInterface<mode_t> {
+ protected:
+  InPlaceOfTheCounter() {
+    auto const path = Interpose::Real(kFile);
+    dev_t const null = makedev(1, 3);
+    made = mknod(path.c_str(), GetParam() | 0600, GetParam() == S_IFCHR ? null : 0) == 0;
+    hooks().faultAt = [](auto const& function, auto const& subject) -> std::optional<int> {
+      if (function.find("open") == std::string::npos || subject != kFile) return std::nullopt;
+      ADD_FAILURE() << function << " would wait, or find another count than was saved";
+      return EACCES;
+    };
+  }
+  void SetUp() override {
+    if (!made) GTEST_SKIP() << "such a file cannot be made here";
+  }
+
+ private:
+  bool made;
+};
+
+TEST_P(InPlaceOfTheCounter, IsNeitherReadNorWritten) {
+  EXPECT_EQ(system.ReadSDCardStatusCounter(), -1);
+  Capture::Output([&] { EXPECT_TRUE(system.SaveSDCardStatusCounter(1)); });
+}
+
+TEST_P(InPlaceOfTheCounter, IsRemovedWithTheCount) {
+  Capture::Output([&] { EXPECT_TRUE(system.SaveSDCardStatusCounter(0)); });
+  EXPECT_FALSE(FileExists());
+}
+
+INSTANTIATE_TEST_SUITE_P(PipeSocketAndDevice, InPlaceOfTheCounter,
+                         testing::Values(S_IFIFO, S_IFSOCK, S_IFCHR), [](auto const& instance) {
+                           return instance.param == S_IFIFO    ? "APipe"
+                                  : instance.param == S_IFSOCK ? "ASocket"
+                                                               : "ADevice";
+                         });
 
 TEST_F(StatusCounter, IsMinusOneWhenTheFileCannotBeRead) {
   MakeFile(kFile, R"({"sdcard-status-conter":2})");

@@ -76,6 +76,13 @@ TEST_F(ThirtyTwoBit, AFileOneByteSmallerIsDescribedAndRemoved) {
   EXPECT_FALSE(Exists("large.dat"));
 }
 
+TEST_F(ThirtyTwoBit, AFileOfTwoGiBIsBroughtToTheCard) {
+  std::string path = MakeHuge("huge.dat", kTwoGiB);
+  Ifile file(path, true);
+  ASSERT_TRUE(file.stream->is_open());
+  EXPECT_TRUE(file.Sync());
+}
+
 TEST_F(ThirtyTwoBit, ACatalogueKnowsNoFileOfTwoGiBAndAddsUpTheOthersIn64Bits) {
   MakeHuge("huge.dat", kTwoGiB);
   for (std::string const name : {"a", "b", "c"}) MakeHuge(name + ".dat", kTwoGiB - 1);
