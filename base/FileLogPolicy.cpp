@@ -56,6 +56,7 @@ bool FileLogPolicy::Write(std::string_view line) noexcept {
     ready = Look(line.size(), turn.IsOpen());
   }
   bool const written = ready && Append(line);
+  if (turn.IsOpen()) flock(turn.Get(), LOCK_UN);  // a child forked meanwhile has a copy of it
   if (!written) Close();
   return written;
 }

@@ -4,7 +4,7 @@
 #include <csignal>
 #include <cstdlib>
 
-#include "base/StandardDescriptors.h"
+#include "base/internal/StandardDescriptors.h"
 
 namespace Tarvik {
 

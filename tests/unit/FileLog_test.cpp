@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <csignal>
 #include <filesystem>
 #include <fstream>
 #include <map>
@@ -459,6 +460,26 @@ TEST_F(FileLog, KeepsTheOlderOneThoughALineFillsANewFileAlone) {
   EXPECT_TRUE(policy.Write(Lines(kMark)));
   EXPECT_EQ(LogFile::Text().size(), kMark);
   EXPECT_EQ(Older(), "older\n");
+}
+
+TEST_F(FileLog, AChildForkedWhileItIsLookedAtDoesNotKeepTheTurn) {
+  pid_t child = -1;
+  Interpose::hooks().lstat = [&](auto const&, struct stat*) {
+    child = fork();
+    if (child == 0) {
+      pause();
+      _exit(0);
+    }
+    return Interpose::Answer::Failure(ENOENT);
+  };
+  EXPECT_TRUE(policy.Write("first\n"));
+  Interpose::hooks().now = 1;
+  EXPECT_TRUE(policy.Write("looks\n"));
+  ASSERT_GT(child, 0);
+  Tarvik::UniqueFd const folder(open("/var/log/", O_RDONLY | O_CLOEXEC));
+  EXPECT_EQ(flock(folder.Get(), LOCK_EX | LOCK_NB), 0);
+  kill(child, SIGKILL);
+  waitpid(child, nullptr, 0);
 }
 
 TEST_F(FileLog, IsNeverAStandardStream) {
