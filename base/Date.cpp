@@ -2,45 +2,54 @@
 
 #include <pthread.h>
 
+#include <chrono>
 #include <ctime>
 #include <mutex>
 #include <optional>
-#include <thread>
 
 namespace Tarvik::Util {
 
 namespace {
 
 // The C library's own lock on the time zone stays locked in the child of a process that forks while
-// another thread has it. So no process forks while one of ours has it. Nobody waits long: a handler
-// of a signal may fork, too, and interrupt the thread that has it.
+// another thread has it. So no process forks while another of its threads has ours, which goes
+// around it. A handler of a signal may fork, too, having interrupted the thread that has one of the
+// two: that thread goes on in the child, and nobody waits for it, or not for long.
 class CalendarLock {
  public:
-  static std::mutex& Get() {
-    static std::mutex mutex;
+  CalendarLock() {
     static int const registered = pthread_atfork(&Hold, &Release, &Release);
     static_cast<void>(registered);
-    return mutex;
+    Mutex().lock();
+    isMine = true;
+  }
+  CalendarLock(CalendarLock const&) = delete;
+  CalendarLock& operator=(CalendarLock const&) = delete;
+  ~CalendarLock() {
+    isMine = false;
+    Mutex().unlock();
   }
 
  private:
-  static void Hold() {
-    constexpr int kPatience = 1000;
-    held = Get().try_lock();
-    for (int i = 0; i < kPatience && !held; ++i) {
-      std::this_thread::yield();
-      held = Get().try_lock();
-    }
-  }
-  static void Release() {
-    if (held) Get().unlock();
+  static std::timed_mutex& Mutex() {
+    static std::timed_mutex mutex;
+    return mutex;
   }
 
-  static inline thread_local bool held = false;
+  static void Hold() {
+    // Asleep, so that the thread that has it gets its turn however busy the machine is.
+    isHeld = !isMine && Mutex().try_lock_for(std::chrono::seconds(1));
+  }
+  static void Release() {
+    if (isHeld) Mutex().unlock();
+  }
+
+  static inline thread_local bool isMine = false;
+  static inline thread_local bool isHeld = false;
 };
 
 std::optional<tm> LocalTime(time_t seconds) {
-  std::lock_guard const lock(CalendarLock::Get());
+  CalendarLock const lock;
   tm calendar{};
   if (localtime_r(&seconds, &calendar) == nullptr) return std::nullopt;
   return calendar;

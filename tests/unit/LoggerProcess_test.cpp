@@ -2,6 +2,7 @@
 // left of it when the program dies.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -10,6 +11,7 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <ctime>
 #include <iostream>
 #include <regex>
 #include <semaphore>
@@ -17,10 +19,28 @@
 #include <thread>
 #include <vector>
 
+#include "base/Date.h"
 #include "base/Logger.h"
 #include "base/UniqueFd.h"
 #include "tests/support/Capture.h"
 #include "tests/support/LogFile.h"
+#include "tests/support/TheReal.h"
+
+namespace {
+
+std::atomic<bool> calendarIsSlow = false;
+std::binary_semaphore calendarIsAsked{0};
+
+}  // namespace
+
+extern "C" tm* localtime_r(time_t const* seconds, tm* calendar) noexcept {
+  static auto* const next = TheReal<tm*(time_t const*, tm*)>("localtime_r");
+  if (calendarIsSlow.exchange(false)) {
+    calendarIsAsked.release();
+    poll(nullptr, 0, 50);  // as a thread that is not given the processor: slept for real
+  }
+  return next(seconds, calendar);
+}
 
 namespace {
 
@@ -216,6 +236,22 @@ TEST_F(LoggerProcess, ALineUnderWayOnTheForkingThreadGoesOnInBoth) {
   EXPECT_THAT(child.output, EndsWith("]begun in the child\n"));
   EXPECT_THAT(parent, EndsWith("]begun in the parent\n"));
   EXPECT_EQ(LogFile::Text(), child.output + parent);
+}
+
+TEST_F(LoggerProcess, AChildHasDatesThoughAnotherThreadWasLongAboutOne) {
+  calendarIsSlow = true;
+  std::thread other([] { Tarvik::Util::Date(0, "%Y"); });
+  calendarIsAsked.acquire();
+  pid_t const child = fork();
+  if (child == 0) {
+    EndInTime();
+    Tarvik::Util::Date(0, "%Y");
+    _exit(0);
+  }
+  other.join();
+  int status = -1;
+  EXPECT_EQ(waitpid(child, &status, 0), child);
+  EXPECT_EQ(status, 0);
 }
 
 TEST_F(LoggerProcess, NoChildHangsWhateverOtherThreadsLogMeanwhile) {
