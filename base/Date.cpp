@@ -2,6 +2,7 @@
 
 #include <pthread.h>
 
+#include <chrono>
 #include <cstring>
 #include <ctime>
 #include <mutex>
@@ -13,35 +14,48 @@ namespace Tarvik::Util {
 namespace {
 
 // The C library's own lock on the time zone stays locked in the child of a process that forks while
-// another thread has it. So no process forks while one of ours has it. Nobody waits long: a handler
-// of a signal may fork, too, and interrupt the thread that has it.
+// another thread has it. So no process forks while another of its threads has ours, which goes
+// around it. A handler of a signal may fork, too, having interrupted the thread that has one of the
+// two: that thread goes on in the child, and nobody waits for it, or not for long.
 class CalendarLock {
  public:
-  static std::mutex& Get() {
-    static std::mutex mutex;
+  CalendarLock() {
     static int const registered = pthread_atfork(&Hold, &Release, &Release);
     static_cast<void>(registered);
-    return mutex;
+    Mutex().lock();
+    isMine = true;
+  }
+  CalendarLock(CalendarLock const&) = delete;
+  CalendarLock& operator=(CalendarLock const&) = delete;
+  ~CalendarLock() {
+    isMine = false;
+    Mutex().unlock();
   }
 
  private:
+  static std::mutex& Mutex() {
+    static std::mutex mutex;
+    return mutex;
+  }
+
   static void Hold() {
-    constexpr int kPatience = 1000;
-    held = Get().try_lock();
-    for (int i = 0; i < kPatience && !held; ++i) {
-      std::this_thread::yield();
-      held = Get().try_lock();
+    auto const end = std::chrono::steady_clock::now() + std::chrono::seconds(1);
+    isHeld = !isMine && Mutex().try_lock();
+    while (!isMine && !isHeld && std::chrono::steady_clock::now() < end) {
+      std::this_thread::yield();  // whoever has it needs the processor, however busy that is
+      isHeld = Mutex().try_lock();
     }
   }
   static void Release() {
-    if (held) Get().unlock();
+    if (isHeld) Mutex().unlock();
   }
 
-  static inline thread_local bool held = false;
+  static inline thread_local bool isMine = false;
+  static inline thread_local bool isHeld = false;
 };
 
 std::optional<tm> LocalTime(time_t seconds) {
-  std::lock_guard const lock(CalendarLock::Get());
+  CalendarLock const lock;
   tm calendar{};
   if (localtime_r(&seconds, &calendar) == nullptr) return std::nullopt;
   return calendar;

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -11,6 +12,7 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <ctime>
 #include <iostream>
 #include <regex>
 #include <semaphore>
@@ -18,11 +20,29 @@
 #include <thread>
 #include <vector>
 
+#include "base/Date.h"
 #include "base/Logger.h"
 #include "base/UniqueFd.h"
 #include "tests/support/Capture.h"
 #include "tests/support/Descriptors.h"
 #include "tests/support/LogFile.h"
+#include "tests/support/TheReal.h"
+
+namespace {
+
+std::atomic<bool> calendarIsSlow = false;
+std::binary_semaphore calendarIsAsked{0};
+
+}  // namespace
+
+extern "C" tm* localtime_r(time_t const* seconds, tm* calendar) noexcept {
+  static auto* const next = TheReal<tm*(time_t const*, tm*)>("localtime_r");
+  if (calendarIsSlow.exchange(false)) {
+    calendarIsAsked.release();
+    poll(nullptr, 0, 50);  // as a thread that is not given the processor: slept for real
+  }
+  return next(seconds, calendar);
+}
 
 namespace {
 
@@ -226,6 +246,22 @@ TEST_F(LoggerProcess, AChildSharesNoDescriptorOfTheLogWithItsParent) {
   ASSERT_EQ(watch.Opened().size(), 1U);
   int const file = watch.Opened().front();
   auto const [output, status] = InAChild([file] { _exit(fcntl(file, F_GETFD) < 0 ? 0 : 1); });
+  EXPECT_EQ(status, 0);
+}
+
+TEST_F(LoggerProcess, AChildHasDatesThoughAnotherThreadWasLongAboutOne) {
+  calendarIsSlow = true;
+  std::thread other([] { Tarvik::Util::Date(0, "%Y"); });
+  calendarIsAsked.acquire();
+  pid_t const child = fork();
+  if (child == 0) {
+    EndInTime();
+    Tarvik::Util::Date(0, "%Y");
+    _exit(0);
+  }
+  other.join();
+  int status = -1;
+  EXPECT_EQ(waitpid(child, &status, 0), child);
   EXPECT_EQ(status, 0);
 }
 
