@@ -4,6 +4,10 @@
 
 #include <ctime>
 
+#ifdef _GLIBCXX_DEBUG
+#error "Quellon's containers are the plain ones: compile without _GLIBCXX_DEBUG (-U_GLIBCXX_DEBUG)"
+#endif
+
 #define QUELLON_EXPORT __attribute__((visibility("default")))
 
 static_assert(sizeof(std::time_t) == sizeof(long),

@@ -2,10 +2,11 @@
 #pragma once
 
 #include <cstddef>
-#include <exception>
 #include <streambuf>
 #include <string>
 #include <string_view>
+
+#include "base/Export.h"
 
 namespace Tarvik::Ilog {
 
@@ -51,13 +52,7 @@ class LineBuffer : public std::streambuf {
   }
 
  private:
-  bool Grow(std::size_t count) noexcept try {
-    memory.append(count, '\0');
-    memory.resize(memory.capacity());
-    return true;
-  } catch (std::exception const&) {
-    return false;
-  }
+  QUELLON_EXPORT bool Grow(std::size_t count) noexcept;
 
   std::string memory;      // the text and room for more
   std::size_t length = 0;  // of the text

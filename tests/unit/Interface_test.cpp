@@ -1,6 +1,7 @@
 // The shape of the public classes, which applications are compiled against.
 #include <dlfcn.h>
 #include <gtest/gtest.h>
+#include <link.h>
 
 #include <cstddef>
 #include <cstdint>
@@ -266,6 +267,25 @@ TEST(Interface, PublicFieldsOfFilesAndDevicesKeepTheirOrder) {
   EXPECT_TRUE(Shape::InOrder(r.devicePath, r.rtcTime));
   Watchdog const w;
   EXPECT_TRUE(Shape::InOrder(w.fd, w.timeout));
+}
+
+/// What the dynamic section of a library of this program says under `tag`.
+ElfW(Xword) DynamicEntry(char const* library, ElfW(Sxword) tag) {
+  void* const handle = dlopen(library, RTLD_NOW | RTLD_NOLOAD);
+  link_map* map = nullptr;
+  if (handle == nullptr || dlinfo(handle, RTLD_DI_LINKMAP, &map) != 0) return 0;
+  ElfW(Dyn) const* entry = map->l_ld;
+  while (entry->d_tag != DT_NULL && entry->d_tag != tag) ++entry;
+  auto const value = entry->d_un.d_val;
+  dlclose(handle);
+  return value;
+}
+
+// Their singletons are never destroyed, and may have threads: unloaded with dlclose(3), a library
+// would take the code of a running thread with it, and leave the log file open.
+TEST(Interface, TheLibrariesStayLoaded) {
+  EXPECT_NE(DynamicEntry("libTarvik.so.1", DT_FLAGS_1) & DF_1_NODELETE, 0U);
+  EXPECT_NE(DynamicEntry("libQuellon.so.1", DT_FLAGS_1) & DF_1_NODELETE, 0U);
 }
 
 TEST(Interface, TheLibraryExportsItsBenchDriver) {

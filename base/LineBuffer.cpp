@@ -1,0 +1,16 @@
+#include "base/LineBuffer.h"
+
+#include <exception>
+
+namespace Tarvik::Ilog {
+
+// Here, since applications include the header that are compiled without exceptions.
+bool LineBuffer::Grow(std::size_t count) noexcept try {
+  memory.append(count, '\0');
+  memory.resize(memory.capacity());
+  return true;
+} catch (std::exception const&) {
+  return false;
+}
+
+}  // namespace Tarvik::Ilog
