@@ -28,7 +28,7 @@ def main() -> int:
     build = Path(sys.argv[1])
     prepare()
     programs = {build / "bench/bench_instructions": "usr/bin",
-                build / "libTarvik.so.1": "usr/lib", build / "libQuellon.so.1": "usr/lib"}
+                build / "libTarvik.so.2": "usr/lib", build / "libQuellon.so.2": "usr/lib"}
     board = Board(ROOT / "build/board/bench", LIMIT, programs)
     machine = board.run(SCRIPT, options=("-icount", "shift=0,sleep=off"))
     print(json.dumps({work: count(machine.lines, work) for work in WORK}))
