@@ -12,7 +12,7 @@ from pathlib import Path
 
 ROOT = Path(__file__).resolve().parents[2]
 
-INSTALLED = re.compile(r"^  (\w+/\w+\.h)\)?$", re.MULTILINE)  # in the list of a target's headers
+FOLDERS = ["base", "DiskUtils", "FileUtils", "RTC", "SysUtil", "Testing", "Watchdog"]
 DECLARATION = re.compile(
     r"^(?:(?:class|struct|enum) (?:QUELLON_EXPORT )?(\w+)[^;{]*\{"
     r"|QUELLON_EXPORT [^;(]*?(\w+)\("
@@ -25,8 +25,9 @@ TAG = re.compile(r"<[^>]*>")
 def main(reference: Path) -> int:
     search = search_of(reference)
     complaints = []
-    names = [(header, name) for header in INSTALLED.findall((ROOT / "CMakeLists.txt").read_text())
-             for name in declared_in((ROOT / header).read_text())]
+    installed = [path for folder in FOLDERS for path in sorted((ROOT / folder).glob("*.h"))]
+    names = [(str(header.relative_to(ROOT)), name) for header in installed
+             for name in declared_in(header.read_text())]
     for header, name in names:
         pages = search.get(name, [])
         if not pages:
