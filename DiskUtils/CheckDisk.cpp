@@ -11,7 +11,9 @@ namespace Quellon::DiskUtils {
 
 namespace {
 
-using std::chrono::seconds;
+constexpr int kAttempts = 4;
+constexpr std::chrono::seconds kAttemptPause(1);
+constexpr std::chrono::seconds kRebootNoticePause(3);
 using Tarvik::OutputLine;
 
 std::string TextOf(char const* text) {
@@ -23,27 +25,34 @@ int Run(std::string const& command) {
 }
 
 bool Succeeds(std::string const& command) {
-  return Tarvik::Retry(4, seconds(1), [&] { return Run(command) == 0; }) != 0;
+  return Tarvik::Retry(kAttempts, kAttemptPause, [&] { return Run(command) == 0; }) != 0;
 }
 
+constexpr int kRebootCode = 2;
+
 // What fsck(8) says with its exit code. Sums of several codes have no line of their own.
+constexpr struct {
+  int code;
+  char const* text;
+} kCheckResults[] = {{0, "No errors"},
+                     {1, "File system errors corrected"},
+                     {kRebootCode, "System should be rebooted"},
+                     {4, "File system errors left uncorrected"},
+                     {8, "Operational error"},
+                     {16, "Usage or syntax error"},
+                     {32, "Fsck canceled by user request"},
+                     {128, "Shared library error"}};
+
 void PrintCheckResult(int code) {
-  char const* const result = code == 0     ? "No errors"
-                             : code == 1   ? "File system errors corrected"
-                             : code == 2   ? "System should be rebooted"
-                             : code == 4   ? "File system errors left uncorrected"
-                             : code == 8   ? "Operational error"
-                             : code == 16  ? "Usage or syntax error"
-                             : code == 32  ? "Fsck canceled by user request"
-                             : code == 128 ? "Shared library error"
-                                           : nullptr;
-  if (result != nullptr) OutputLine() << "FSCK output: " << result;
+  for (auto const& result : kCheckResults) {
+    if (result.code == code) OutputLine() << "FSCK output: " << result.text;
+  }
 }
 
 void AnnounceReboot() {
   OutputLine() << "fcsk requested system reboot...";
   OutputLine() << "===================================>>> REBOOT ";
-  std::this_thread::sleep_for(seconds(3));
+  std::this_thread::sleep_for(kRebootNoticePause);
 }
 
 }  // namespace
@@ -71,7 +80,7 @@ int CheckDisk::DiskCheck() {
   UnMount();
   int const code = Run("fsck -f -y " + devicePath);
   PrintCheckResult(code);
-  if (code == 2) AnnounceReboot();
+  if (code == kRebootCode) AnnounceReboot();
   Mount();
   return code;
 }

@@ -10,6 +10,13 @@
 
 namespace Quellon::DiskUtils {
 
+namespace {
+
+constexpr int kAttempts = 10;
+constexpr std::chrono::milliseconds kAttemptPause(100);
+
+}  // namespace
+
 int ForceUnmount(char const* mountPoint, char const* complaint) {
   auto const unmountOrComplain = [=] {
     if (umount2(mountPoint, MNT_FORCE) == 0) return true;
@@ -17,8 +24,8 @@ int ForceUnmount(char const* mountPoint, char const* complaint) {
     sync();
     return false;
   };
-  if (Tarvik::Retry(9, std::chrono::milliseconds(100), unmountOrComplain) != 0) return 0;
-  return umount2(mountPoint, MNT_FORCE);  // the tenth; nothing follows it, so nobody waits
+  if (Tarvik::Retry(kAttempts - 1, kAttemptPause, unmountOrComplain) != 0) return 0;
+  return umount2(mountPoint, MNT_FORCE);  // the last; nothing follows it, so nobody waits
 }
 
 }  // namespace Quellon::DiskUtils

@@ -18,6 +18,13 @@
 
 namespace Quellon {
 
+namespace {
+
+constexpr std::chrono::seconds kRootPause(1);
+constexpr std::chrono::seconds kRebootGrace(20);
+
+}  // namespace
+
 System* System::instance = nullptr;
 
 System* System::GetInstance() {
@@ -38,7 +45,7 @@ int System::UnmountAll() {
   if (chdir("/") != 0) DiskUtils::Complain("Unable to change dir to /");
   sync();
   if (umount("/") != 0) {
-    std::this_thread::sleep_for(std::chrono::seconds(1));
+    std::this_thread::sleep_for(kRootPause);
     DiskUtils::ForceUnmount("/", "Unable to umount root SD");
   }
   // Only the root file system gets a second to come to rest before force is used.
@@ -49,7 +56,7 @@ int System::UnmountAll() {
 
 int System::Reboot() {
   static_cast<void>(Tarvik::RunCommand("reboot"));
-  std::this_thread::sleep_for(std::chrono::seconds(20));
+  std::this_thread::sleep_for(kRebootGrace);
   UnmountAll();
   return reboot(RB_AUTOBOOT);
 }

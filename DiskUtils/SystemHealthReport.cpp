@@ -15,7 +15,7 @@ namespace {
 
 constexpr char const* kRule = "==================================================================";
 constexpr char const* kFirmware = "30.4|B140 (" __DATE__ " " __TIME__ ")";
-constexpr time_t kEpochNeighbourhood = 9999;  // seconds; no device was built that long ago
+constexpr time_t kLastSecondOfALostClock = 9999;  // no device was built that long ago
 constexpr double kBytesPerGiB = 1ULL << 30;
 constexpr double kKilobytesPerGiB = 1ULL << 20;
 
@@ -47,7 +47,7 @@ std::string System::GetHealthReport() const {
 
 // A clock near the epoch has lost its time with the power.
 void System::CheckClock() {
-  if (time(nullptr) > kEpochNeighbourhood) return;
+  if (time(nullptr) > kLastSecondOfALostClock) return;
   healthStatus.status["rtc-have-been-reset"] = 1;
   OutputLine() << "";
   OutputLine() << kRule;

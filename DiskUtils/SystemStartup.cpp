@@ -15,6 +15,7 @@ using Tarvik::OutputLine;
 namespace {
 
 constexpr int kRebootLimit = 3;
+constexpr std::chrono::seconds kScanPause(1);
 
 using DiskUtils::kCardDevice;
 using DiskUtils::kCardMountPoint;
@@ -30,7 +31,7 @@ DiskUtils::Disk* System::InitDisk() {
         std::make_unique<DiskUtils::Disk>(kCardMountPoint, kCardPartition, kCardDevice).release();
     disk->ScanDisk();
     if (disk->available) diskFault = false;
-    std::this_thread::sleep_for(std::chrono::seconds(1));
+    std::this_thread::sleep_for(kScanPause);
   } catch (std::exception const& e) {
     if (RebootForFailingDisk(e.what())) return nullptr;
   }

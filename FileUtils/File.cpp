@@ -26,6 +26,8 @@ using Tarvik::Ilog::LogLine;
 namespace {
 
 constexpr auto kReadWrite = std::ios::in | std::ios::out;
+constexpr int kRemovalAttempts = 3;
+constexpr std::chrono::milliseconds kRemovalPause(50);
 
 std::unique_ptr<std::fstream> OpenInPlace(std::string const& path) {
   Tarvik::OccupyStandardDescriptors();
@@ -126,7 +128,7 @@ bool Ifile::Sync() {
 bool Ifile::Remove() {
   if (!FileExists()) return false;
   Close();
-  return Tarvik::Retry(3, std::chrono::milliseconds(50),
+  return Tarvik::Retry(kRemovalAttempts, kRemovalPause,
                        [this] { return unlink(path.c_str()) == 0; }) != 0;
 }
 

@@ -250,6 +250,9 @@ TEST_F(LoggerProcess, AChildSharesNoDescriptorOfTheLogWithItsParent) {
 }
 
 TEST_F(LoggerProcess, AChildHasDatesThoughAnotherThreadWasLongAboutOne) {
+#if defined(__SANITIZE_THREAD__)
+  GTEST_SKIP() << "the race detector misses the parent's thread in the child";
+#endif
   calendarIsSlow = true;
   std::thread other([] { Tarvik::Util::Date(0, "%Y"); });
   calendarIsAsked.acquire();
