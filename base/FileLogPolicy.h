@@ -33,6 +33,7 @@ class QUELLON_EXPORT FileLogPolicy {
 
  private:
   [[nodiscard]] bool NeedsLook(std::size_t length) const noexcept;
+  [[nodiscard]] bool NeedsTurn(std::size_t length) const noexcept;
   bool Look(std::size_t length, bool hasTurn) noexcept;
   [[nodiscard]] bool IsInPlace() const noexcept;
   bool Open(int flags) noexcept;
