@@ -6,9 +6,9 @@
 #include <ctime>
 #include <utility>
 
+#include "base/UniqueFd.h"
 #include "base/internal/OpenFile.h"
 #include "base/internal/SystemClock.h"
-#include "base/UniqueFd.h"
 
 namespace Quellon::RTC {
 

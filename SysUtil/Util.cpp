@@ -11,6 +11,7 @@
 #include <fstream>
 #include <memory>
 
+#include "base/UniqueFd.h"
 #include "base/internal/ByteFile.h"
 #include "base/internal/OpenFile.h"
 #include "base/internal/OutputLine.h"
@@ -18,7 +19,6 @@
 #include "base/internal/Retry.h"
 #include "base/internal/Shell.h"
 #include "base/internal/UniqueDir.h"
-#include "base/UniqueFd.h"
 
 namespace Quellon::SysUtil {
 

@@ -12,8 +12,8 @@
 #include <system_error>
 
 #include "base/Date.h"
-#include "base/internal/NoDestructor.h"
 #include "base/TemperatureMonitor.h"
+#include "base/internal/NoDestructor.h"
 
 namespace Tarvik::Ilog {
 

@@ -21,8 +21,8 @@
 
 #include "FileUtils/FilesManager.h"
 #include "base/Logger.h"
-#include "base/internal/UniqueDir.h"
 #include "base/UniqueFd.h"
+#include "base/internal/UniqueDir.h"
 #include "bench/support.h"
 
 namespace {

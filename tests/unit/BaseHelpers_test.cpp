@@ -9,13 +9,13 @@
 #include <utility>
 #include <vector>
 
+#include "base/UniqueFd.h"
 #include "base/internal/NoDestructor.h"
 #include "base/internal/OpenFile.h"
 #include "base/internal/Retry.h"
 #include "base/internal/Shell.h"
 #include "base/internal/SystemClock.h"
 #include "base/internal/UniqueDir.h"
-#include "base/UniqueFd.h"
 #include "base/internal/Utf8.h"
 #include "tests/support/ChildProcess.h"
 #include "tests/support/Descriptors.h"
