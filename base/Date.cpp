@@ -20,8 +20,6 @@ namespace {
 class CalendarLock {
  public:
   CalendarLock() {
-    static int const registered = pthread_atfork(&Hold, &Release, &Release);
-    static_cast<void>(registered);
     Mutex().lock();
     isMine = true;
   }
@@ -52,6 +50,9 @@ class CalendarLock {
 
   static inline thread_local bool isMine = false;
   static inline thread_local bool isHeld = false;
+
+  // When the library is loaded: the first date and a fork may come at the same time.
+  static inline int const registered = pthread_atfork(&Hold, &Release, &Release);
 };
 
 std::optional<tm> LocalTime(time_t seconds) {

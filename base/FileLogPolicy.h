@@ -21,7 +21,7 @@ namespace Tarvik::Ilog {
 class QUELLON_EXPORT FileLogPolicy {
  public:
   /// The longest line in bytes that the file takes; the sink cuts longer ones.
-  static constexpr std::size_t kLongestLine = 960 * 1024;
+  static constexpr std::size_t kLongestLine = std::size_t{960} * 1024;
 
   /// Hands one completed line, of `kLongestLine` bytes at most, to the kernel. False when the file
   /// could not be opened or written; it is closed then, nothing of the line is left in it, and the

@@ -51,11 +51,9 @@ class QUELLON_EXPORT Value {
   /// Any other number: an integer if it is a whole one that fits an int, else a floating-point
   /// number, as `Deserialize` has it.
   template <Number Type>
-  Value(Type number) noexcept : Value(static_cast<double>(number)) {
-    if constexpr (std::integral<Type>) {
-      if (std::in_range<int>(number)) held = static_cast<int>(number);
-    }
-  }
+  Value(Type number) noexcept
+      : Value(FitsInt(number) ? Value(static_cast<int>(number))
+                              : Value(static_cast<double>(number))) {}
   Value(char const* text);           ///< a text; a null `text` makes a null value
   Value(std::string text) noexcept;  ///< a text
   Value(Object members);             ///< an object
@@ -132,6 +130,12 @@ class QUELLON_EXPORT Value {
 
  private:
   friend class Writer;
+
+  template <Number Type>
+  static constexpr bool FitsInt(Type number) noexcept {
+    if constexpr (std::integral<Type>) return std::in_range<int>(number);
+    return false;
+  }
 
   template <Number Type>
   using Widest = std::conditional_t<

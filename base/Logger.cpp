@@ -245,8 +245,7 @@ void LoggerBase<Policy>::RecoverInChild() noexcept {
   if (HoldsLine()) return;
   bool const taken = !lineLock.try_lock();
   if (!taken) lineLock.unlock();
-  if constexpr (requires { policy.Close(); })
-    policy.Close();  // shares its position with the parent
+  policy.Close();  // shares its position with the parent
   if (!taken) return;
   bool const wasEnabled = enabled;
   std::construct_at(this);
