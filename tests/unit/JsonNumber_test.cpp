@@ -14,12 +14,11 @@
 #include <utility>
 #include <vector>
 
-#include "base/IException.h"
 #include "base/Json.h"
+#include "tests/support/Refusal.h"
 
 namespace {
 
-using Tarvik::IException;
 using Tarvik::Json::Array;
 using Tarvik::Json::Deserialize;
 using Tarvik::Json::Number;
@@ -31,18 +30,6 @@ constexpr double kNan = std::numeric_limits<double>::quiet_NaN();
 constexpr double kTwoTo53 = 9007199254740992.0;
 constexpr double kTwoTo63 = 9223372036854775808.0;
 constexpr double kTwoTo64 = 18446744073709551616.0;
-
-/// What the exception says that `ask` throws.
-template <typename Ask>
-std::string Refusal(Ask ask) {
-  try {
-    ask();
-  } catch (IException const& e) {
-    EXPECT_EQ(e.code, 0);
-    return e.what();
-  }
-  return "";
-}
 
 /// What becomes of a value in a variable of that type.
 template <typename Type>

@@ -10,11 +10,10 @@
 #include <utility>
 #include <vector>
 
-#include "base/IException.h"
+#include "tests/support/Refusal.h"
 
 namespace {
 
-using Tarvik::IException;
 using Tarvik::Json::Array;
 using Tarvik::Json::Object;
 using Tarvik::Json::Value;
@@ -33,18 +32,6 @@ std::string Kinds(Value const& value) {
   if (value.IsObject()) kinds += 'o';
   if (value.IsArray()) kinds += 'a';
   return kinds;
-}
-
-/// What the exception says that `ask` throws.
-template <typename Ask>
-std::string Refusal(Ask ask) {
-  try {
-    ask();
-  } catch (IException const& e) {
-    EXPECT_EQ(e.code, 0);
-    return e.what();
-  }
-  return "";
 }
 
 TEST(JsonValue, IsOfExactlyOneKind) {
