@@ -5,19 +5,15 @@
 #include <unistd.h>
 
 #include <array>
-#include <atomic>
 #include <cerrno>
-#include <cstdarg>
 #include <cstdio>
-#include <cstdlib>
 #include <iostream>
 #include <sstream>
 #include <stdexcept>
-#include <string_view>
 #include <system_error>
 
 #include "base/UniqueFd.h"
-#include "tests/support/TheReal.h"
+#include "tests/machine/Machine.h"
 
 namespace Bench {
 
@@ -25,49 +21,31 @@ namespace {
 
 namespace fs = std::filesystem;
 
-std::atomic<int> pausesLeftOut = 0;
-
-class TemporaryFolder {
- public:
-  TemporaryFolder() {
-    std::string name = "/dev/shm/quellon-bench-XXXXXX";
-    if (mkdtemp(name.data()) == nullptr) throw std::runtime_error("no folder in /dev/shm");
-    path = name;
-  }
-  ~TemporaryFolder() {
-    std::error_code ignored;
-    fs::remove_all(path, ignored);
-  }
-  fs::path path;
-};
-
 void Require(bool succeeded, std::string const& what) {
   if (!succeeded) throw std::system_error(errno, std::generic_category(), what);
 }
 
-constexpr std::string_view kLogs = "/var/log/";
-
-bool IsLog(std::string_view path) {
-  return path.starts_with(kLogs);
-}
-
-std::string Real(char const* path) {
-  return IsLog(path) ? Folder() / std::string_view(path).substr(kLogs.size()) : path;
-}
+// Before anything can be logged.
+bool const isPrepared = (PassOn(), true);
 
 }  // namespace
 
+void PassOn() {
+  Machine::Reset(Machine::PassOn());
+  fs::create_directories(Folder());
+}
+
 fs::path const& Folder() {
-  static TemporaryFolder const folder;
-  return folder.path;
+  static fs::path const folder = Machine::Real("/var/log/");
+  return folder;
 }
 
 WithoutPauses::WithoutPauses() {
-  ++pausesLeftOut;
+  Machine::hooks().sleep = [](auto) {};
 }
 
 WithoutPauses::~WithoutPauses() {
-  --pausesLeftOut;
+  Machine::hooks().sleep = nullptr;
 }
 
 void Redirect(int descriptor, fs::path const& file) {
@@ -107,37 +85,3 @@ Quellon::DiskUtils::Disk Card() {
 }
 
 }  // namespace Bench
-
-// The library's calls come here because the program defines the functions itself.
-extern "C" {
-
-int open(char const* path, int flags, ...) {
-  mode_t mode = 0;
-  if ((flags & O_CREAT) != 0) {
-    va_list arguments;
-    va_start(arguments, flags);
-    mode = va_arg(arguments, mode_t);
-    va_end(arguments);
-  }
-  static auto* const next = TheReal<int(char const*, int, ...)>("open");
-  return next(Bench::Real(path).c_str(), flags, mode);
-}
-
-int lstat(char const* __restrict path, struct stat* __restrict status) noexcept {
-  static auto* const next = TheReal<int(char const*, struct stat*)>("lstat");
-  // Asked for each file of a catalogue, whose own work is to be seen.
-  return next(Bench::IsLog(path) ? Bench::Real(path).c_str() : path, status);
-}
-
-int rename(char const* from, char const* to) noexcept {
-  static auto* const next = TheReal<int(char const*, char const*)>("rename");
-  return next(Bench::Real(from).c_str(), Bench::Real(to).c_str());
-}
-
-int usleep(useconds_t microseconds) {
-  if (Bench::pausesLeftOut > 0) return 0;
-  static auto* const next = TheReal<int(useconds_t)>("usleep");
-  return next(microseconds);
-}
-
-}  // extern "C"

@@ -11,6 +11,9 @@
 
 namespace Bench {
 
+/// Lets all calls pass on but for the log's. Programs begin so.
+void PassOn();
+
 /// A folder in memory of this program's own, which goes with it. Memory is the fastest medium there
 /// is, so that what is measured is the code and not a disk. "/var/log/" leads here, for the library
 /// under test as for its peers.

@@ -15,7 +15,7 @@
 #include "DiskUtils/Disk.h"
 #include "base/Logger.h"
 #include "base/UniqueFd.h"
-#include "tests/card/Interpose.h"
+#include "tests/machine/Machine.h"
 #include "tests/support/Capture.h"
 
 namespace CardTests {
@@ -67,7 +67,7 @@ CardTest::~CardTest() {
   Boot();
   unlink(counterFile);
   Quellon::DiskUtils::Disk::deviceStatusList.clear();
-  ForgetMachineCalls();
+  Machine::ForgetTrace();
 }
 
 void CardTest::Boot() {

@@ -10,15 +10,17 @@
 #include <fstream>
 
 #include "tests/card/DiskFixture.h"
-#include "tests/card/Interpose.h"
+#include "tests/machine/Machine.h"
 #include "tests/support/Capture.h"
 
 namespace CardTests {
 namespace {
 
 namespace fs = std::filesystem;
+using namespace std::chrono_literals;
 using Quellon::DiskUtils::CheckDisk;
 using Quellon::DiskUtils::Disk;
+using testing::ElementsAre;
 using testing::EndsWith;
 using testing::HasSubstr;
 using testing::IsEmpty;
@@ -179,11 +181,11 @@ TEST_F(DiskTest, DeviceStatusMountsACardThatWasUnmounted) {
 TEST_F(DiskTest, UmountOfABusyCardComplainsAndPausesNineTimes) {
   Disk disk = MakeDiskOfInsertedCard();
   Tarvik::UniqueFd const busy = KeepBusy();
-  ForgetMachineCalls();
+  Machine::ForgetTrace();
   Capture::Descriptor errors(2);
 
   EXPECT_FALSE(disk.Umount());
-  EXPECT_EQ(MachineCalls(), std::vector<std::string>(9, "sleep 100 ms"));
+  EXPECT_EQ(Machine::Traced("sleep"), std::vector<std::string>(9, Machine::Sleep(100ms)));
   std::string nineComplaints;
   for (int i = 0; i < 9; ++i) nineComplaints += "Unable to umount SD: Device or resource busy\n";
   EXPECT_EQ(errors.Text(), nineComplaints);
@@ -193,13 +195,13 @@ TEST_F(DiskTest, UmountOfABusyCardComplainsAndPausesNineTimes) {
 TEST_F(DiskTest, UnmountCommandOnABusyCardIsTriedFourTimesASecondApart) {
   Disk disk = MakeDiskOfInsertedCard();
   Tarvik::UniqueFd const busy = KeepBusy();
-  ForgetMachineCalls();
+  Machine::ForgetTrace();
   Capture::Descriptor errors(2);
   Capture::Descriptor output(1);
 
   disk.UnMount();
   EXPECT_EQ(output.Text(), "Unmount SD card FAILED.\n");
-  EXPECT_EQ(MachineCalls(), std::vector<std::string>(4, "sleep 1000 ms"));
+  EXPECT_EQ(Machine::Traced("sleep"), std::vector<std::string>(4, Machine::Sleep(1s)));
   EXPECT_TRUE(IsMounted(mountPoint));
 }
 
@@ -207,18 +209,18 @@ TEST_F(DiskTest, MountCommandWithoutAPartitionIsTriedFourTimesASecondApart) {
   Disk disk = MakeDiskOfInsertedCard();
   ASSERT_TRUE(disk.Umount());
   fs::remove(partition);
-  ForgetMachineCalls();
+  Machine::ForgetTrace();
   Capture::Descriptor errors(2);
   Capture::Descriptor output(1);
 
   disk.CheckDisk::Mount();
   EXPECT_EQ(output.Text(), "Mount SD card FAILED.\n");
-  EXPECT_EQ(MachineCalls(), std::vector<std::string>(4, "sleep 1000 ms"));
+  EXPECT_EQ(Machine::Traced("sleep"), std::vector<std::string>(4, Machine::Sleep(1s)));
 }
 
 TEST_F(DiskTest, UnmountAndMountCommandsSucceedWithoutAPause) {
   Disk disk = MakeDiskOfInsertedCard();
-  ForgetMachineCalls();
+  Machine::ForgetTrace();
   Capture::Descriptor output(1);
 
   disk.UnMount();
@@ -227,7 +229,7 @@ TEST_F(DiskTest, UnmountAndMountCommandsSucceedWithoutAPause) {
   EXPECT_TRUE(IsMounted(mountPoint));
   EXPECT_EQ(output.Text(), "Unmount SD card success.\nMount SD card success\n");
   EXPECT_THAT(MountOptions(), HasSubstr("noatime,nodiratime,data=writeback"));
-  EXPECT_THAT(MachineCalls(), IsEmpty());
+  EXPECT_THAT(Machine::Traced("sleep"), IsEmpty());
 }
 
 TEST_F(DiskTest, CheckOfAMountedFileSystemFailsAndTheMountCommandToo) {
@@ -245,7 +247,7 @@ TEST_F(DiskTest, CheckOfAMountedFileSystemFailsAndTheMountCommandToo) {
 TEST_F(DiskTest, CheckThatWantsARebootSaysSoWaitsAndMountsAllTheSame) {
   Disk disk = MakeDiskOfInsertedCard();
   CommandInFront const fsck("fsck", "exit 2\n");
-  ForgetMachineCalls();
+  Machine::ForgetTrace();
   Capture::Descriptor output(1);
 
   EXPECT_EQ(disk.DiskCheck(), 2);
@@ -255,7 +257,7 @@ TEST_F(DiskTest, CheckThatWantsARebootSaysSoWaitsAndMountsAllTheSame) {
             "fcsk requested system reboot...\n"
             "===================================>>> REBOOT \n"
             "Mount SD card success\n");
-  EXPECT_EQ(MachineCalls(), std::vector<std::string>{"sleep 3000 ms"});
+  EXPECT_THAT(Machine::Traced("sleep"), ElementsAre(Machine::Sleep(3s)));
 }
 
 TEST_F(DiskTest, FormatMakesALabelledFileSystemWithoutAJournal) {

@@ -5,6 +5,8 @@
 #include <iostream>
 #include <string>
 
+#include "tests/machine/Machine.h"
+
 namespace CardTests {
 
 namespace {
@@ -21,7 +23,7 @@ bool InPrivateRoot() {
 
 void RequirePrivateRoot() {
   constexpr int skipped = 77;
-  if (InPrivateRoot()) return;
+  if (InPrivateRoot()) return Machine::Reset(Machine::PrivateRoot());
   std::cerr << "skipped: this program runs only through tests/card/private_root" << std::endl;
   std::exit(skipped);
 }

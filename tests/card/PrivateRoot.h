@@ -4,7 +4,8 @@
 namespace CardTests {
 
 /// Ends the program, with the exit code of a skipped test and the reason on standard error, unless
-/// it runs in the root that the script private_root makes.
+/// it runs in the root that the script private_root makes. There all calls may reach the machine,
+/// but for restarts and pauses.
 void RequirePrivateRoot();
 
 }  // namespace CardTests

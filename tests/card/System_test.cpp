@@ -5,13 +5,14 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <sys/mount.h>
+#include <sys/reboot.h>
 #include <sys/statvfs.h>
 
 #include <fstream>
 
 #include "base/Json.h"
 #include "tests/card/CardFixture.h"
-#include "tests/card/Interpose.h"
+#include "tests/machine/Machine.h"
 #include "tests/support/Capture.h"
 #include "tests/support/OwnedSystem.h"
 
@@ -19,6 +20,7 @@ namespace CardTests {
 namespace {
 
 namespace fs = std::filesystem;
+using namespace std::chrono_literals;
 using Quellon::System;
 using testing::EndsWith;
 using testing::HasSubstr;
@@ -75,8 +77,8 @@ std::string SystemTest::StartUntilItGivesUp(std::string const& reason) {
                           std::to_string(reboots + 1) +
                           " to file\nDone save counter, trigger reboot...\n"));
     EXPECT_THAT(output, HasSubstr("card: none\nhealth: {}\n"));
-    EXPECT_THAT(output, HasSubstr("asked: system reboot\nasked: sleep 20000 ms\n"));
-    EXPECT_THAT(output, HasSubstr("asked: reboot 0x1234567\nend of this start\n"));
+    EXPECT_THAT(output, HasSubstr("asked: system reboot\nasked: sleep 20000000000 ns\n"));
+    EXPECT_THAT(output, HasSubstr("asked: reboot " + std::to_string(RB_AUTOBOOT) + "\nend of this start\n"));
     EXPECT_EQ(TextOf(counterFile), Counted(reboots + 1));
   }
   std::string last = PowerOn();
@@ -103,7 +105,7 @@ TEST_F(SystemTest, GoodCardIsBroughtIntoServiceAndReported) {
   EXPECT_EQ(disk, system.disk);
   EXPECT_TRUE(disk->available);
   EXPECT_FALSE(system.diskFault);
-  EXPECT_EQ(MachineCalls().back(), "sleep 1000 ms");
+  EXPECT_EQ(Machine::Traced("sleep").back(), Machine::Sleep(1s));
   auto const& status = Quellon::DiskUtils::Disk::deviceStatusList[mountPoint];
   EXPECT_THAT(output.Text(),
               EndsWith("============================ SD CARD =============================\n"
@@ -224,7 +226,7 @@ TEST_F(SystemTest, CardFoundBrokenIsRefusedByLaterStartsInTheSameProcess) {
 TEST_F(SystemTest, RebootLeavesCardAndRootUnmounted) {
   LossyCheck const lossy(card);
   card.Insert();
-  EXPECT_THAT(PowerOn(), HasSubstr("asked: reboot 0x1234567\n"));
+  EXPECT_THAT(PowerOn(), HasSubstr("asked: reboot " + std::to_string(RB_AUTOBOOT) + "\n"));
 
   EXPECT_FALSE(IsMounted(mountPoint));
   EXPECT_TRUE(RootIsReadOnly());  // what the kernel makes of unmounting a process's own root
@@ -240,7 +242,7 @@ TEST_F(SystemTest, BusyCardDoesNotStopAReboot) {
   EXPECT_EQ(system.Reboot(), -1);
   EXPECT_EQ(Occurrences(errors.Text(), "Unable to umount storage SD: Device or resource busy\n"),
             9);
-  EXPECT_EQ(MachineCalls().back(), "reboot 0x1234567");
+  EXPECT_EQ(Machine::Trace().back(), "reboot " + std::to_string(RB_AUTOBOOT));
   EXPECT_TRUE(IsMounted(mountPoint));
 }
 
@@ -249,14 +251,14 @@ TEST_F(SystemTest, BusyRootIsGivenASecondAndTenForcedAttempts) {
   card.Insert();
   Quellon::DiskUtils::Disk disk(mountPoint, partition, device);
   OwnedSystem system;
-  ForgetMachineCalls();
+  Machine::ForgetTrace();
   Capture::Descriptor errors(2);
 
   EXPECT_EQ(system.UnmountAll(), 0);
   EXPECT_EQ(Occurrences(errors.Text(), "Unable to umount root SD: "), 9);
-  std::vector<std::string> pauses(10, "sleep 100 ms");
-  pauses.front() = "sleep 1000 ms";
-  EXPECT_EQ(MachineCalls(), pauses);
+  std::vector<std::string> pauses(10, Machine::Sleep(100ms));
+  pauses.front() = Machine::Sleep(1s);
+  EXPECT_EQ(Machine::Traced("sleep"), pauses);
   EXPECT_FALSE(IsMounted(mountPoint));
 }
 

@@ -3,7 +3,7 @@
 #include <iostream>
 
 #include "DiskUtils/System.h"
-#include "tests/card/Interpose.h"
+#include "tests/machine/Machine.h"
 #include "tests/card/PrivateRoot.h"
 
 int main() {
@@ -15,6 +15,6 @@ int main() {
                 : disk->available ? "usable"
                                   : "unusable")
             << "\nhealth: " << system->GetHealthReport() << '\n';
-  for (auto const& call : CardTests::MachineCalls()) std::cout << "asked: " << call << '\n';
+  for (auto const& call : Machine::Trace()) std::cout << "asked: " << call << '\n';
   std::cout << "end of this start" << std::endl;
 }

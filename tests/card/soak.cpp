@@ -30,11 +30,11 @@
 #include "FileUtils/FilesManager.h"
 #include "base/Logger.h"
 #include "tests/card/Card.h"
-#include "tests/card/Interpose.h"
+#include "tests/machine/Machine.h"
 #include "tests/card/PrivateRoot.h"
 #include "tests/support/Descriptors.h"
-#include "tests/support/LiveFiles.h"
-#include "tests/support/TheReal.h"
+#include "tests/machine/Objects.h"
+#include "tests/machine/TheReal.h"
 
 namespace {
 
@@ -43,11 +43,10 @@ struct Fault {
   std::string function;
   int times = 0;
 
-  bool Strikes(char const* called) {
-    if (times == 0 || function != called) return false;
+  std::optional<Machine::Failure> Strike(Machine::Call const& call) {
+    if (times == 0 || function != call.function) return std::nullopt;
     --times;
-    errno = EIO;
-    return true;
+    return EIO;
   }
   [[nodiscard]] bool HasStruck(char const* called) const {
     return function == called && times == 0;
@@ -55,38 +54,6 @@ struct Fault {
 };
 
 Fault fault;
-
-}  // namespace
-
-extern "C" {
-
-int usleep(useconds_t /*microseconds*/) {
-  return 0;
-}
-
-int unlink(char const* path) noexcept {
-  static auto* const next = TheReal<int(char const*)>("unlink");
-  return fault.Strikes("unlink") ? -1 : next(path);
-}
-
-int lstat(char const* __restrict path, struct stat* __restrict status) noexcept {
-  static auto* const next = TheReal<int(char const*, struct stat*)>("lstat");
-  return fault.Strikes("lstat") ? -1 : next(path, status);
-}
-
-int statvfs(char const* __restrict path, struct statvfs* __restrict space) noexcept {
-  static auto* const next = TheReal<int(char const*, struct statvfs*)>("statvfs");
-  return fault.Strikes("statvfs") ? -1 : next(path, space);
-}
-
-DIR* opendir(char const* path) {
-  static auto* const next = TheReal<DIR*(char const*)>("opendir");
-  return fault.Strikes("opendir") ? nullptr : next(path);
-}
-
-}  // extern "C"
-
-namespace {
 
 namespace fs = std::filesystem;
 using Quellon::FileUtils::FilesManager;
@@ -176,7 +143,7 @@ class Service {
     Require(freed == abandoned, "objects abandoned: " + std::to_string(freed) + ", expected " +
                                     std::to_string(abandoned));
     abandoned = 0;
-    CardTests::ForgetMachineCalls();
+    Machine::ForgetTrace();
     peak = PeakMemory();
     std::cout << "day " << day << ": " << recordings << " recordings, " << reclaimed
               << " reclaimed, " << positions << " positions removed, " << faults << " faults, "
@@ -295,7 +262,7 @@ class Service {
   std::size_t FreeAbandoned() {
     auto const& files = catalogue->GetList();
     std::set<Ifile*> const catalogued(files.begin(), files.end());
-    auto objects = LiveFiles::registry().alive;
+    auto objects = Machine::LiveFiles();
     std::erase_if(objects, [&](Ifile* file) { return catalogued.contains(file); });
     for (Ifile* file : objects) delete file;
     return objects.size();
@@ -322,6 +289,7 @@ class Service {
 
 int main(int argc, char** argv) {
   CardTests::RequirePrivateRoot();
+  Machine::hooks().fault = [](Machine::Call const& call) { return fault.Strike(call); };
   try {
     Service().RunDays(argc > 1 ? std::atoi(argv[1]) : 1);
     return 0;

@@ -5,7 +5,7 @@
 #include "DiskUtils/System.h"
 #include "tests/fuzz/Target.h"
 #include "tests/support/Capture.h"
-#include "tests/support/Interpose.h"
+#include "tests/machine/Machine.h"
 #include "tests/support/OwnedSystem.h"
 
 namespace {
@@ -21,8 +21,8 @@ int RebootsWithoutCard(Quellon::System& system) {
 }  // namespace
 
 int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size) {
-  Interpose::Reset();
-  Interpose::MakeFile("/root/system.dat", std::string(Fuzz::Text(data, size)));
+  Machine::Reset();
+  Machine::MakeFile("/root/system.dat", std::string(Fuzz::Text(data, size)));
   Capture::Descriptor const quiet(STDOUT_FILENO);
   Capture::Descriptor const silent(STDERR_FILENO);
   OwnedSystem system;

@@ -4,7 +4,7 @@
 #include "FileUtils/FilesManager.h"
 #include "tests/fuzz/Target.h"
 #include "tests/support/Capture.h"
-#include "tests/support/Interpose.h"
+#include "tests/machine/Machine.h"
 
 using Quellon::DiskUtils::Disk;
 using Quellon::FileUtils::FilesManager;
@@ -32,9 +32,9 @@ std::string Dotted(std::string const& name) {
 int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size) {
   std::string name = AsFileName(Fuzz::Text(data, size));
   if (name.empty() || name == "." || name == "..") return 0;
-  Interpose::Reset();
-  Interpose::MakeFile("/mnt/sdcard/cr/" + name, "four");
-  Interpose::MakeFile("/mnt/sdcard/bystander", "five5");
+  Machine::Reset();
+  Machine::MakeFile("/mnt/sdcard/cr/" + name, "four");
+  Machine::MakeFile("/mnt/sdcard/bystander", "five5");
   Capture::Descriptor const quiet(STDOUT_FILENO);
 
   Disk disk("/mnt/sdcard/", "/dev/mmcblk1p1", "mmcblk1");
@@ -51,7 +51,7 @@ int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size) {
   Fuzz::Require(!file->FileExists() && catalogue.GetTotalFilesSize() == 4, "gone, and counted");
   Fuzz::Require(!catalogue.RemoveFileByName(name) && catalogue.GetList().front() == added,
                 "the entry whose file is gone stays");
-  Fuzz::Require(Interpose::ReadFile("/mnt/sdcard/bystander") == "five5", "others untouched");
+  Fuzz::Require(Machine::ReadFile("/mnt/sdcard/bystander") == "five5", "others untouched");
   delete file;  // removal by name leaves the object to whoever holds it
   return 0;
 }

@@ -3,7 +3,7 @@
 #include "base/Logger.h"
 #include "tests/fuzz/Target.h"
 #include "tests/support/Capture.h"
-#include "tests/support/Interpose.h"
+#include "tests/machine/Machine.h"
 
 using Tarvik::Ilog::LogLine;
 using Tarvik::Ilog::LogType;
@@ -14,8 +14,8 @@ int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size) {
   std::string const text(Fuzz::Text(data + 1, size - 1));
   auto const type = static_cast<LogType>(data[0]);
   std::string const tag = type == 1 ? "[WARNING]" : type == 2 ? "[ERROR]" : "";
-  Interpose::Reset();
-  Interpose::hooks().now = 0;
+  Machine::Reset();
+  Machine::hooks().now = 0;
   Tarvik::Ilog::Logger::GetInstance()->fileSink->enabled = false;
 
   std::string const log = Capture::Output([&] {

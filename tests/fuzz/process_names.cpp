@@ -1,16 +1,16 @@
 // Any command line is searched for any name without harm. The input is both, a newline between.
 #include "SysUtil/Util.h"
 #include "tests/fuzz/Target.h"
-#include "tests/support/Interpose.h"
+#include "tests/machine/Machine.h"
 
 int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size) {
   std::string_view const input = Fuzz::Text(data, size);
   std::size_t const end = std::min(input.find('\n'), input.size());
   std::string const wanted(input.substr(0, end));
   std::string const commandLine(input.substr(std::min(end + 1, input.size())));
-  Interpose::Reset();
-  Interpose::MakeFile("/proc/17/cmdline", commandLine);
-  Interpose::MakeFile("/proc/self/cmdline", "self");
+  Machine::Reset();
+  Machine::MakeFile("/proc/17/cmdline", commandLine);
+  Machine::MakeFile("/proc/self/cmdline", "self");
 
   int const found = Quellon::SysUtil::GetProcIdByName(wanted);
 

@@ -3,7 +3,7 @@
 
 #include "DiskUtils/Disk.h"
 #include "tests/fuzz/Target.h"
-#include "tests/support/Interpose.h"
+#include "tests/machine/Machine.h"
 
 using Quellon::DiskUtils::Disk;
 
@@ -21,8 +21,8 @@ std::string FirstWord(std::string const& text) {
 int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size) {
   constexpr char const* kProperty = "/sys/class/block/mmcblk1/size";
   std::string const text(Fuzz::Text(data, size));
-  Interpose::Reset();
-  Interpose::MakeFile(kProperty, text);
+  Machine::Reset();
+  Machine::MakeFile(kProperty, text);
   std::string const word = Disk::readSysFSProperty(kProperty);
   Fuzz::Require(word == FirstWord(text), "the first word");
   unsigned long long const number = Disk::StringToULong(word);

@@ -16,8 +16,8 @@
 #include "DiskUtils/Disk.h"
 #include "FileUtils/FilesManager.h"
 #include "tests/support/Capture.h"
-#include "tests/support/Interpose.h"
-#include "tests/support/LiveFiles.h"
+#include "tests/machine/Machine.h"
+#include "tests/machine/Objects.h"
 
 class CatalogueTest : public testing::Test {
  public:
@@ -29,7 +29,7 @@ class CatalogueTest : public testing::Test {
 
   /// Makes a recording of that size and age.
   static void MakeRecording(std::string const& name, std::size_t size = 0, std::time_t time = 0) {
-    Interpose::MakeFile(kDirectory + name, std::string(size, 'x'));
+    Machine::MakeFile(kDirectory + name, std::string(size, 'x'));
     SetTime(name, time);
   }
 
@@ -39,13 +39,13 @@ class CatalogueTest : public testing::Test {
   }
 
   static std::filesystem::path Where(std::string const& name) {
-    return Interpose::Real(kDirectory + name);
+    return Machine::Real(kDirectory + name);
   }
 
   /// The names in the directory, in the order of the alphabet.
   static std::vector<std::string> OnCard() {
     std::vector<std::string> names;
-    for (auto const& entry : std::filesystem::directory_iterator(Interpose::Real(kDirectory))) {
+    for (auto const& entry : std::filesystem::directory_iterator(Machine::Real(kDirectory))) {
       names.push_back(entry.path().filename());
     }
     std::sort(names.begin(), names.end());
@@ -61,18 +61,18 @@ class CatalogueTest : public testing::Test {
 
  protected:
   CatalogueTest() : card(NewCard()) {
-    std::filesystem::create_directories(Interpose::Real(kDirectory));
-    Interpose::hooks().statvfs = [this](std::string const& path, struct statvfs* space) {
+    std::filesystem::create_directories(Machine::Real(kDirectory));
+    Machine::hooks().statvfs = [this](std::string const& path, struct statvfs* space) {
       EXPECT_EQ(path, "/mnt/sdcard/");
       space->f_frsize = 1;
       space->f_blocks = static_cast<fsblkcnt_t>(totalBytes);
       space->f_bfree = static_cast<fsblkcnt_t>(freeBytes);
-      return Interpose::Answer::Success();
+      return Machine::Answer::Success();
     };
   }
 
   /// Also the objects that catalogues abandoned.
-  ~CatalogueTest() override { LiveFiles::DeleteAll(); }
+  ~CatalogueTest() override { Machine::DeleteLiveFiles(); }
 
   /// A catalogue of that directory, which has logged its figures out of sight.
   std::unique_ptr<FilesManager> NewCatalogue(std::string const& directory = kDirectory,

@@ -11,7 +11,7 @@
 #include <string>
 
 #include "DiskUtils/Disk.h"
-#include "tests/support/Interpose.h"
+#include "tests/machine/Machine.h"
 
 /// While one exists, a good card is in the slot and mounted: device nodes, sysfs properties, a
 /// mount point that the system calls and commands mount and unmount, space figures. The status
@@ -31,13 +31,13 @@ class FakeCard {
   }
   FakeCard(FakeCard const&) = delete;
   FakeCard& operator=(FakeCard const&) = delete;
-  ~FakeCard() { Interpose::hooks() = {}; }
+  ~FakeCard() { Machine::hooks() = {}; }
 
   /// A property such as "ro" or "device/cid".
   static void SetProperty(std::string const& name, std::string const& text) {
-    Interpose::MakeFile("/sys/block/mmcblk1/" + name, text);
+    Machine::MakeFile("/sys/block/mmcblk1/" + name, text);
   }
-  static bool HasTestFile() { return std::filesystem::exists(Interpose::Real(kTestFile)); }
+  static bool HasTestFile() { return std::filesystem::exists(Machine::Real(kTestFile)); }
 
   static Quellon::DiskUtils::Disk::DeviceStatus& Status() {
     return Quellon::DiskUtils::Disk::deviceStatusList[kMountPoint];
@@ -51,9 +51,9 @@ class FakeCard {
 
  private:
   void InsertCard() {
-    Interpose::MakeFile("/dev/mmcblk1", "");
-    Interpose::MakeFile(kPartition, "");
-    std::filesystem::create_directories(Interpose::Real(kMountPoint));
+    Machine::MakeFile("/dev/mmcblk1", "");
+    Machine::MakeFile(kPartition, "");
+    std::filesystem::create_directories(Machine::Real(kMountPoint));
     SetProperty("device/cid", std::string(kCid) + "\n");
     SetProperty("device/csd", "400e00325b590000ed5f7f800a400001\n");
     SetProperty("device/serial", "0xe0e7f40f\n");
@@ -62,7 +62,7 @@ class FakeCard {
     SetProperty("device/name", "SD32G\n");
     SetProperty("ro", "0\n");
     SetProperty("size", "31116288\n");
-    Interpose::MakeFile("/sys/fs/ext4/mmcblk1p1/lifetime_write_kbytes", "734003\n");
+    Machine::MakeFile("/sys/fs/ext4/mmcblk1p1/lifetime_write_kbytes", "734003\n");
     space.f_bsize = 65536;
     space.f_frsize = 4096;
     space.f_blocks = 3000000;
@@ -71,7 +71,7 @@ class FakeCard {
   }
 
   void SetHooks() {
-    auto& hooks = Interpose::hooks();
+    auto& hooks = Machine::hooks();
     hooks.mount = [this](auto&&...) { return Call(true); };
     hooks.umount = [this](auto&&...) { return Call(false); };
     hooks.umount2 = [this](auto&&...) { return Call(false); };
@@ -81,27 +81,27 @@ class FakeCard {
     };
     hooks.statvfs = [this](auto&&, struct statvfs* result) {
       *result = space;
-      return Interpose::Answer::Success();
+      return Machine::Answer::Success();
     };
   }
 
-  Interpose::Answer Call(bool mounts) {
-    if (!systemCallsWork) return Interpose::Answer::Failure(EBUSY);
+  Machine::Answer Call(bool mounts) {
+    if (!systemCallsWork) return Machine::Answer::Failure(EBUSY);
     mounted = mounts;
-    return Interpose::Answer::Success();
+    return Machine::Answer::Success();
   }
 
-  Interpose::Answer Command(std::string const& command) {
+  Machine::Answer Command(std::string const& command) {
     if (command.starts_with("umount ")) mounted = false;
     if (command.starts_with("mount ")) mounted = true;
-    if (!command.starts_with("fsck ")) return Interpose::Answer::Success();
+    if (!command.starts_with("fsck ")) return Machine::Answer::Success();
     if (duringCheck) duringCheck();
     return {fsckCode << 8, 0};
   }
 
   // The parent lies on device 1, what is mounted on device 2.
-  [[nodiscard]] Interpose::Answer Stat(std::string const& path, struct stat* status) const {
-    int const result = fstatat(AT_FDCWD, Interpose::Real(path).c_str(), status, 0);
+  [[nodiscard]] Machine::Answer Stat(std::string const& path, struct stat* status) const {
+    int const result = fstatat(AT_FDCWD, Machine::Real(path).c_str(), status, 0);
     if (path.starts_with(kMountPoint)) status->st_dev = path == kMountPoint && mounted ? 2 : 1;
     return {result, errno};
   }

@@ -7,7 +7,7 @@
 #include <string_view>
 
 #include "base/IException.h"
-#include "tests/support/TheReal.h"
+#include "tests/machine/TheReal.h"
 
 /// The last IException made with a text since it was reset. Keeping it allocates nothing.
 inline std::optional<Tarvik::IException>& LastException() {

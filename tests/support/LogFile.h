@@ -12,7 +12,7 @@
 #include <vector>
 
 #include "base/Logger.h"
-#include "tests/support/Interpose.h"
+#include "tests/machine/Machine.h"
 
 namespace LogFile {
 
@@ -24,7 +24,7 @@ inline constexpr auto kPatience = std::chrono::seconds(20);
 
 /// What the log file holds.
 inline std::string Text() {
-  return Interpose::ReadFile(kPath);
+  return Machine::ReadFile(kPath);
 }
 
 inline std::vector<std::string> SplitLines(std::string const& text) {
@@ -40,10 +40,10 @@ inline void BeginAnew() {
   auto& logger = *Tarvik::Ilog::Logger::GetInstance();
   logger.consoleSink->enabled = false;
   logger.fileSink->enabled = true;
-  Interpose::hooks().write = [](int, void const*, std::size_t) { return -1; };
+  Machine::hooks().write = [](int, void const*, std::size_t) { return -1; };
   Tarvik::Ilog::LogLine(Tarvik::Ilog::Info) << "lost";
-  Interpose::hooks().write = nullptr;
-  Interpose::MakeFile(kPath, "");
+  Machine::hooks().write = nullptr;
+  Machine::MakeFile(kPath, "");
   logger.fileSink->enabled = true;
   logger.consoleSink->enabled = true;
 }

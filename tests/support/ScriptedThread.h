@@ -1,8 +1,5 @@
-// A worker thread whose hooks do what a test says. Replaces pthread_create, so include it in one
-// source file of a test program only.
+// A worker thread whose hooks do what a test says.
 #pragma once
-
-#include <pthread.h>
 
 #include <algorithm>
 #include <atomic>
@@ -12,7 +9,7 @@
 #include <vector>
 
 #include "base/IThread.h"
-#include "tests/support/TheReal.h"
+#include "tests/machine/Threads.h"
 
 /// Notes every call of a hook, in order, and then does the script of that hook, if there is one.
 /// Set the scripts before `Start`.
@@ -47,15 +44,6 @@ class ScriptedThread : public Tarvik::Interfaces::IThread {
   /// While set, the system has no thread to give.
   static void Fail(int error) { failure = error; }
 
-  /// What pthread_create(3) does for this program.
-  static int Create(pthread_t* thread, pthread_attr_t const* attributes, void* (*start)(void*),
-                    void* argument) {
-    static auto* const next = TheReal<decltype(Create)>("pthread_create");
-    if (failure != 0) return failure;
-    ++created;
-    return next(thread, attributes, start, argument);
-  }
-
  protected:
   void RunBefore() override {
     onWorker = true;
@@ -81,9 +69,15 @@ class ScriptedThread : public Tarvik::Interfaces::IThread {
   static inline thread_local bool onWorker = false;
   static inline std::atomic<int> created = 0;
   static inline std::atomic<int> failure = 0;
-};
 
-extern "C" int pthread_create(pthread_t* thread, pthread_attr_t const* attributes,
-                              void* (*start)(void*), void* argument) noexcept {
-  return ScriptedThread::Create(thread, attributes, start, argument);
-}
+  /// Counts the threads that are made, unless they are to fail.
+  struct Creation : Machine::ThreadHooks {
+    Creation() {
+      create = [] {
+        if (failure == 0) ++created;
+        return failure.load();
+      };
+    }
+  };
+  static inline Creation const creation;
+};

@@ -19,7 +19,7 @@
 #include "base/internal/Utf8.h"
 #include "tests/support/ChildProcess.h"
 #include "tests/support/Descriptors.h"
-#include "tests/support/Interpose.h"
+#include "tests/machine/Machine.h"
 
 namespace {
 
@@ -37,25 +37,25 @@ std::pair<int, int> Retry(int success) {
 
 TEST(Retry, StopsAtTheFirstSuccessAndSaysWhichItWas) {
   EXPECT_EQ(Retry(1), std::pair(1, 1));
-  EXPECT_THAT(Interpose::Trace(), IsEmpty());
+  EXPECT_THAT(Machine::Trace(), IsEmpty());
   EXPECT_EQ(Retry(3), std::pair(3, 3));
-  EXPECT_THAT(Interpose::Trace(), ElementsAre(Interpose::Sleep(100ms), Interpose::Sleep(100ms)));
+  EXPECT_THAT(Machine::Trace(), ElementsAre(Machine::Sleep(100ms), Machine::Sleep(100ms)));
 }
 
 TEST(Retry, PausesAfterTheLastFailureToo) {
   EXPECT_EQ(Retry(5), std::pair(0, 4));
-  EXPECT_EQ(Interpose::Trace().size(), 4U);
+  EXPECT_EQ(Machine::Trace().size(), 4U);
 }
 
 TEST(Retry, ASignalDoesNotShortenAPause) {
   bool interrupted = false;
-  Interpose::hooks().interrupt =
+  Machine::hooks().interrupt =
       [&](std::chrono::nanoseconds length) -> std::optional<std::chrono::nanoseconds> {
     if (std::exchange(interrupted, true)) return std::nullopt;
     return length - 30ms;
   };
   Retry(2);
-  EXPECT_THAT(Interpose::Trace(), ElementsAre(Interpose::Sleep(30ms), Interpose::Sleep(70ms)));
+  EXPECT_THAT(Machine::Trace(), ElementsAre(Machine::Sleep(30ms), Machine::Sleep(70ms)));
 }
 
 TEST(Shell, TheExitStatusIsTheSecondByte) {
@@ -67,12 +67,12 @@ TEST(Shell, TheExitStatusIsTheSecondByte) {
 }
 
 TEST(SystemClock, IsSetInWholeSeconds) {
-  Interpose::hooks().setClock = [](long seconds) {
-    return seconds > 0 ? Interpose::Answer::Success() : Interpose::Answer::Failure(EINVAL);
+  Machine::hooks().setClock = [](long seconds) {
+    return seconds > 0 ? Machine::Answer::Success() : Machine::Answer::Failure(EINVAL);
   };
   EXPECT_TRUE(Tarvik::SetSystemClock(1614877509));
   EXPECT_FALSE(Tarvik::SetSystemClock(-1));
-  EXPECT_THAT(Interpose::Trace(), ElementsAre("clock 1614877509", "clock -1"));
+  EXPECT_THAT(Machine::Trace(), ElementsAre("clock 1614877509", "clock -1"));
 }
 
 TEST(UniqueFd, ClosesItsDescriptor) {
@@ -120,14 +120,14 @@ TEST(UniqueFd, GivesUpItsDescriptorForNone) {
 }
 
 TEST(OpenFile, OpensAsItIsToldAndKeepsTheDescriptorFromCommands) {
-  Interpose::MakeFile("/root/file", "");
+  Machine::MakeFile("/root/file", "");
   UniqueFd const file(Tarvik::OpenFile("/root/file", O_WRONLY | O_APPEND));
   EXPECT_TRUE(Descriptors::ClosesOnExec(file.Get()));
   EXPECT_EQ(fcntl(file.Get(), F_GETFL) & (O_ACCMODE | O_APPEND), O_WRONLY | O_APPEND);
 }
 
 TEST(OpenFile, MakesAFileWithItsMode) {
-  Interpose::MakeFile("/root/other", "");
+  Machine::MakeFile("/root/other", "");
   mode_t const before = umask(0);
   UniqueFd const file(Tarvik::OpenFile("/root/file", O_WRONLY | O_CREAT | O_EXCL, 0640));
   umask(before);
@@ -143,7 +143,7 @@ TEST(OpenFile, FailsWithTheErrorOfOpen) {
 
 TEST(OpenFile, TakesNoStandardDescriptorThoughAllAreClosed) {
   ChildProcess::Run([] {
-    Interpose::MakeFile("/root/file", "");
+    Machine::MakeFile("/root/file", "");
     int opened = -1;
     bool closesOnExec = false;
     std::vector<int> open;
@@ -162,7 +162,7 @@ TEST(OpenFile, TakesNoStandardDescriptorThoughAllAreClosed) {
 
 TEST(OpenFile, FailsWhereOnlyStandardDescriptorsAreLeft) {
   ChildProcess::Run([] {
-    Interpose::MakeFile("/root/file", "");
+    Machine::MakeFile("/root/file", "");
     int opened = 0;
     int error = 0;
     std::vector<int> open;

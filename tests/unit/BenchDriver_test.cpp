@@ -17,44 +17,15 @@
 #include "DiskUtils/Disk.h"
 #include "Testing/main.h"
 #include "tests/support/Capture.h"
-#include "tests/support/Interpose.h"
-#include "tests/support/LiveFiles.h"
-#include "tests/support/TheReal.h"
-
-namespace {
-
-int disksDeleted = 0;
-
-}  // namespace
-
-extern "C" {
-
-using Quellon::DiskUtils::Disk;
-
-// On some machines destructors return their object, on the others nobody looks.
-Disk* DestroyDisk(Disk* disk) __asm__("_ZN7Quellon9DiskUtils4DiskD1Ev");
-void DeleteDisk(Disk* disk) __asm__("_ZN7Quellon9DiskUtils4DiskD0Ev");
-
-Disk* DestroyDisk(Disk* disk) {
-  static auto* const next = TheReal<void(Disk*)>("_ZN7Quellon9DiskUtils4DiskD1Ev");
-  ++disksDeleted;
-  next(disk);
-  return disk;
-}
-
-void DeleteDisk(Disk* disk) {
-  static auto* const next = TheReal<void(Disk*)>("_ZN7Quellon9DiskUtils4DiskD0Ev");
-  ++disksDeleted;
-  next(disk);
-}
-
-}  // extern "C"
+#include "tests/machine/Machine.h"
+#include "tests/machine/Objects.h"
+#include "tests/machine/TheReal.h"
 
 namespace {
 
 namespace fs = std::filesystem;
 using namespace std::chrono_literals;
-using Interpose::Answer;
+using Machine::Answer;
 using testing::Each;
 using testing::ElementsAre;
 using testing::HasSubstr;
@@ -72,20 +43,20 @@ int LibraryMain() {
 
 void MakeRecording(std::string const& name, std::time_t time) {
   std::string const path = "/mnt/sdcard/cr/" + name;
-  Interpose::MakeFile(path, "");
+  Machine::MakeFile(path, "");
   timespec const times[2] = {{time, 0}, {time, 0}};
-  utimensat(AT_FDCWD, Interpose::Real(path).c_str(), times, 0);
+  utimensat(AT_FDCWD, Machine::Real(path).c_str(), times, 0);
 }
 
 /// A mounted card of 1 GiB with all of it free. Nothing else may ask stat(2) from here on.
 void InsertCard() {
-  Interpose::MakeFile("/dev/mmcblk1", "");
-  Interpose::MakeFile("/dev/mmcblk1p1", "");
-  Interpose::hooks().stat = [](std::string const& path, struct stat* status) {
+  Machine::MakeFile("/dev/mmcblk1", "");
+  Machine::MakeFile("/dev/mmcblk1p1", "");
+  Machine::hooks().stat = [](std::string const& path, struct stat* status) {
     status->st_dev = path.ends_with("..") ? 1 : 2;
     return Answer::Success();
   };
-  Interpose::hooks().statvfs = [](std::string const&, struct statvfs* space) {
+  Machine::hooks().statvfs = [](std::string const&, struct statvfs* space) {
     space->f_frsize = 4096;
     space->f_blocks = space->f_bfree = 1 << 18;
     return Answer::Success();
@@ -95,7 +66,7 @@ void InsertCard() {
 TEST(BenchDriver, WithoutACardSaysSoAndReturnsZero) {
   std::string const output = Capture::Output([] { EXPECT_EQ(LibraryMain(), 0); });
   EXPECT_EQ(output, "Disk exception Disk not found\n");
-  EXPECT_THAT(Interpose::Trace(), IsEmpty());
+  EXPECT_THAT(Machine::Trace(), IsEmpty());
 }
 
 TEST(BenchDriver, LoadsSortsAndLogsTheRecordingsOfTheCard) {
@@ -104,7 +75,7 @@ TEST(BenchDriver, LoadsSortsAndLogsTheRecordingsOfTheCard) {
   MakeRecording("rec_0001.dat", 10);
   InsertCard();
   std::string const output = Capture::Output([] { EXPECT_EQ(LibraryMain(), 0); });
-  Interpose::hooks().stat = nullptr;
+  Machine::hooks().stat = nullptr;
   std::string const header = "\\[....-..-.. ..:..:..\\]";
   EXPECT_THAT(
       output,
@@ -114,8 +85,8 @@ TEST(BenchDriver, LoadsSortsAndLogsTheRecordingsOfTheCard) {
                    "\\[SYSTEM\\]\\[rec_0001\\.dat\\]\n" + header +
                    "\\[SYSTEM\\]\\[rec_0002\\.dat\\]\n" + header +
                    "\\[SYSTEM\\]\\[rec_0003\\.gps\\]\n"));
-  EXPECT_THAT(Interpose::Trace(), SizeIs(5));
-  EXPECT_THAT(Interpose::Trace(), Each(Interpose::Sleep(1ms)));
+  EXPECT_THAT(Machine::Trace(), SizeIs(5));
+  EXPECT_THAT(Machine::Trace(), Each(Machine::Sleep(1ms)));
 }
 
 TEST(BenchDriver, StartsNoThreadAndDeletesNothing) {
@@ -127,20 +98,20 @@ TEST(BenchDriver, StartsNoThreadAndDeletesNothing) {
   };
   auto const before = threads();
   Capture::Output([] { FilesManagerTest(); });
-  Interpose::hooks().stat = nullptr;
+  Machine::hooks().stat = nullptr;
   EXPECT_EQ(threads(), before);
-  EXPECT_TRUE(fs::exists(Interpose::Real("/mnt/sdcard/cr/rec_0001.dat")));
+  EXPECT_TRUE(fs::exists(Machine::Real("/mnt/sdcard/cr/rec_0001.dat")));
 }
 
 TEST(BenchDriver, LeavesItsCardAndItsCatalogueToTheEndOfTheProcess) {
   MakeRecording("rec_0001.dat", 10);
   InsertCard();
-  LiveFiles::DeleteAll();
-  disksDeleted = 0;
+  Machine::DeleteLiveFiles();
+  int const destroyed = Machine::DestroyedDisks();
   Capture::Output([] { FilesManagerTest(); });
-  EXPECT_EQ(LiveFiles::Count(), 1U) << "a catalogue that goes deletes its objects";
-  EXPECT_EQ(disksDeleted, 0);
-  LiveFiles::DeleteAll();
+  EXPECT_EQ(Machine::LiveFiles().size(), 1U) << "a catalogue that goes deletes its objects";
+  EXPECT_EQ(Machine::DestroyedDisks(), destroyed);
+  Machine::DeleteLiveFiles();
 }
 
 class ClockTest : public testing::Test {
@@ -148,13 +119,13 @@ class ClockTest : public testing::Test {
   ClockTest() {
     setenv("TZ", "UTC", 1);
     tzset();
-    Interpose::hooks().now = kNow;
+    Machine::hooks().now = kNow;
   }
 
   /// A clock that stands at the start of 2020; what it is asked and set to is kept.
   void FitClock() {
-    Interpose::MakeFile("/dev/rtc0", "");
-    Interpose::hooks().ioctl = [this](unsigned long request, void* argument) {
+    Machine::MakeFile("/dev/rtc0", "");
+    Machine::hooks().ioctl = [this](unsigned long request, void* argument) {
       auto& time = *static_cast<rtc_time*>(argument);
       requests.push_back(request);
       if (request == RTC_RD_TIME) {
@@ -179,21 +150,21 @@ class ClockTest : public testing::Test {
 
 TEST_F(ClockTest, PrintsMovesAndRestoresTheClock) {
   FitClock();
-  Interpose::hooks().setClock = [](long) { return Answer::Success(); };
+  Machine::hooks().setClock = [](long) { return Answer::Success(); };
   EXPECT_EQ(Capture::Output([] { TestRtc(); }),
             "RTC: 1/1/2020 00:00:00\nSystem: 3/4/2021 17:05:09\n"
             "RTC: 3/3/2021 17:05:09\nSystem: 3/4/2021 17:05:09\n"
             "RTC: 3/4/2021 17:05:09\nSystem: 3/4/2021 17:05:09\n");
   EXPECT_THAT(requests, ElementsAre(RTC_RD_TIME, RTC_SET_TIME, RTC_SET_TIME));
   EXPECT_THAT(written, ElementsAre(kNow - kDay, kNow));
-  EXPECT_THAT(Interpose::Trace(),
+  EXPECT_THAT(Machine::Trace(),
               ElementsAre("clock " + std::to_string(kNow - kDay), "clock " + std::to_string(kNow)));
 }
 
 TEST_F(ClockTest, RestoresTheInstantItBeganAt) {
   FitClock();
-  Interpose::hooks().setClock = [](long seconds) {
-    Interpose::hooks().now = seconds + 5;  // time goes on
+  Machine::hooks().setClock = [](long seconds) {
+    Machine::hooks().now = seconds + 5;  // time goes on
     return Answer::Success();
   };
   Capture::Output([] { TestRtc(); });
@@ -209,7 +180,7 @@ TEST_F(ClockTest, GoesOnWhenNothingCanBeSet) {
 TEST_F(ClockTest, PrintsThreeTimesWithoutAClock) {
   EXPECT_THAT(Capture::Output([] { TestRtc(); }),
               MatchesRegex("(RTC: [^\n]*\nSystem: 3/4/2021 17:05:09\n){3}"));
-  EXPECT_THAT(Interpose::Trace(), IsEmpty());
+  EXPECT_THAT(Machine::Trace(), IsEmpty());
 }
 
 // The program runs for itself, with nothing interposed, so only a machine without such a card may.

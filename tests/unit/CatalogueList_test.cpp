@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "tests/support/CatalogueTest.h"
-#include "tests/support/RemovalHook.h"
+#include "tests/machine/Objects.h"
 
 namespace {
 
@@ -20,7 +20,7 @@ using testing::HasSubstr;
 
 class CatalogueList : public CatalogueTest {
  protected:
-  ~CatalogueList() override { RemovalHook::hook() = nullptr; }
+  ~CatalogueList() override { Machine::hooks().removeFile = nullptr; }
 
   /// Makes recordings and puts them at the end of the list, as its owner may.
   void Push(std::vector<std::string> const& names) {
@@ -52,9 +52,9 @@ class CatalogueList : public CatalogueTest {
   /// Every removal frees ten bytes of a card that has `free` of the hundred it needs.
   void FillCard(std::int64_t free) {
     freeBytes = free;
-    RemovalHook::hook() = [this](Ifile& file) {
+    Machine::hooks().removeFile = [this](Ifile& file) {
       freeBytes += 10;
-      return RemovalHook::Real(file);
+      return Machine::Remove(file);
     };
   }
 
@@ -127,8 +127,8 @@ TEST_F(CatalogueList, OnceItIsEmptiedNoPassIsStarted) {
 TEST_F(CatalogueList, MayLoseItsHeadBetweenTheAttemptsToMakeRoom) {
   Keep({"a.log", "b.gps", "c.dat", "d.dat", "e.dat", "f.dat"});
   FillCard(70);
-  auto const measure = Interpose::hooks().statvfs;
-  Interpose::hooks().statvfs = [&](std::string const& path, struct statvfs* space) {
+  auto const measure = Machine::hooks().statvfs;
+  Machine::hooks().statvfs = [&](std::string const& path, struct statvfs* space) {
     if (freeBytes == 90) {
       Clear();
       Push({"g.log", "h.dat", "i.dat", "j.dat"});
@@ -143,8 +143,8 @@ TEST_F(CatalogueList, MayLoseItsHeadBetweenTheAttemptsToMakeRoom) {
 TEST_F(CatalogueList, MayBePutInAnotherOrderBetweenTheAttemptsToMakeRoom) {
   Keep({"a.log", "b.dat", "c.dat", "d.dat", "e.dat", "f.dat"});
   FillCard(70);
-  auto const measure = Interpose::hooks().statvfs;
-  Interpose::hooks().statvfs = [&](std::string const& path, struct statvfs* space) {
+  auto const measure = Machine::hooks().statvfs;
+  Machine::hooks().statvfs = [&](std::string const& path, struct statvfs* space) {
     if (freeBytes == 90)
       list.sort([](Ifile* one, Ifile* other) { return one->name > other->name; });
     return measure(path, space);

@@ -23,7 +23,7 @@ namespace {
 
 namespace fs = std::filesystem;
 using namespace std::chrono_literals;
-using Interpose::Answer;
+using Machine::Answer;
 using testing::Each;
 using testing::ElementsAre;
 using testing::IsEmpty;
@@ -140,15 +140,15 @@ TEST_F(CatalogueLoad, PausesOneMillisecondForEachEntryDotsAndDirectoriesIncluded
   MakeRecording("a.dat");
   fs::create_directory(Where("sub"));
   EXPECT_TRUE(catalogue->Load());
-  EXPECT_THAT(Interpose::Trace(), SizeIs(4));
-  EXPECT_THAT(Interpose::Trace(), Each(Interpose::Sleep(1ms)));
+  EXPECT_THAT(Machine::Trace(), SizeIs(4));
+  EXPECT_THAT(Machine::Trace(), Each(Machine::Sleep(1ms)));
 }
 
 TEST_F(CatalogueLoad, PausesBeforeItLooksAtAnEntry) {
   MakeRecording("a.dat");
   std::size_t looked = 0;
-  Interpose::hooks().lstat = [&looked](std::string const&, struct stat*) {
-    EXPECT_THAT(Interpose::Trace(), SizeIs(++looked));
+  Machine::hooks().lstat = [&looked](std::string const&, struct stat*) {
+    EXPECT_THAT(Machine::Trace(), SizeIs(++looked));
     return Answer::Failure(ENOENT);
   };
   EXPECT_TRUE(catalogue->Load());
@@ -183,7 +183,7 @@ TEST_F(CatalogueLoad, TakesLinksAndPipesAndDoesNotFollowLinks) {
 
 TEST_F(CatalogueLoad, SkipsWhatCannotBeDescribed) {
   for (char const* name : {"a.dat", "gone.dat", "huge.dat"}) MakeRecording(name, 2);
-  Interpose::hooks().lstat = [](std::string const& path, struct stat* status) {
+  Machine::hooks().lstat = [](std::string const& path, struct stat* status) {
     if (path.ends_with("gone.dat")) return Answer::Failure(ENOENT);
     if (path.ends_with("huge.dat")) return Answer::Failure(EOVERFLOW);
     status->st_mode = path.ends_with("a.dat") ? S_IFREG : S_IFDIR;
@@ -288,13 +288,13 @@ TEST_F(CatalogueLoad, AgainAbandonsTheObjectsOfTheFirstTime) {
   EXPECT_TRUE(catalogue->Load());
   EXPECT_THAT(Names(*catalogue), ElementsAre("b.dat"));
   EXPECT_EQ(catalogue->GetTotalFilesSize(), 3U);
-  ASSERT_TRUE(LiveFiles::Contains(first));
+  ASSERT_TRUE(Machine::LiveFiles().contains(first));
   EXPECT_EQ(first->name, "a.dat");
   EXPECT_EQ(first->size, 5);
 }
 
 TEST_F(CatalogueLoad, OfAnotherDirectoryKeepsThatOne) {
-  Interpose::MakeFile("/mnt/sdcard/other/x.dat", "12");
+  Machine::MakeFile("/mnt/sdcard/other/x.dat", "12");
   std::string other = "/mnt/sdcard/other/";
   EXPECT_TRUE(catalogue->Load(other));
   EXPECT_EQ(catalogue->GetPath(), other);
@@ -307,7 +307,7 @@ TEST_F(CatalogueLoad, MeasuresSizesBeyondFourGibibytes) {
   MakeRecording("a.dat");
   MakeRecording("b.dat");
   constexpr auto kLargest = static_cast<off_t>(sizeof(off_t) == 4 ? 0x7fffffff : 5LL << 30);
-  Interpose::hooks().lstat = [](std::string const& path, struct stat* status) {
+  Machine::hooks().lstat = [](std::string const& path, struct stat* status) {
     status->st_mode = path.ends_with(".dat") ? S_IFREG : S_IFDIR;
     status->st_size = kLargest;
     return Answer::Success();

@@ -11,7 +11,7 @@
 #include "base/IError.h"
 #include "tests/support/CatalogueTest.h"
 #include "tests/support/LogFile.h"
-#include "tests/support/TheReal.h"
+#include "tests/machine/Threads.h"
 
 namespace {
 
@@ -31,45 +31,30 @@ bool IsWatched(pthread_mutex_t const* mutex) {
   return watched.begin <= place && place < watched.end;
 }
 
-}  // namespace
-
-extern "C" {
-
-int pthread_mutex_lock(pthread_mutex_t* mutex) noexcept {
-  static auto* const next = TheReal<int(pthread_mutex_t*)>("pthread_mutex_lock");
-  if (!IsWatched(mutex)) return next(mutex);
-  if (watched.fails) return EINVAL;
-  EXPECT_EQ(watched.held, 0) << "the lock is taken recursively";
-  ++watched.locked;
-  ++watched.held;
-  return next(mutex);
-}
-
-int pthread_mutex_trylock(pthread_mutex_t* mutex) noexcept {
-  static auto* const next = TheReal<int(pthread_mutex_t*)>("pthread_mutex_trylock");
-  if (!IsWatched(mutex)) return next(mutex);
-  if (watched.fails) return EINVAL;
-  if (watched.isBusy) return EBUSY;
-  ++watched.held;
-  return next(mutex);
-}
-
-int pthread_mutex_unlock(pthread_mutex_t* mutex) noexcept {
-  static auto* const next = TheReal<int(pthread_mutex_t*)>("pthread_mutex_unlock");
-  if (IsWatched(mutex)) --watched.held;
-  return next(mutex);
-}
-
-}  // extern "C"
-
-namespace {
-
 class CatalogueLock : public CatalogueTest {
  protected:
   CatalogueLock() {
     for (char const* name : {"a.dat", "b.dat", "c.dat"}) MakeRecording(name, 4);
     Add(catalogue, {"a.dat", "b.dat"});
     WatchLockOf(catalogue);
+    threads.lock = [](pthread_mutex_t const* mutex) -> std::optional<int> {
+      if (!IsWatched(mutex)) return std::nullopt;
+      if (watched.fails) return EINVAL;
+      EXPECT_EQ(watched.held, 0) << "the lock is taken recursively";
+      ++watched.locked;
+      ++watched.held;
+      return std::nullopt;
+    };
+    threads.tryLock = [](pthread_mutex_t const* mutex) -> std::optional<int> {
+      if (!IsWatched(mutex)) return std::nullopt;
+      if (watched.fails) return EINVAL;
+      if (watched.isBusy) return EBUSY;
+      ++watched.held;
+      return std::nullopt;
+    };
+    threads.unlock = [](pthread_mutex_t const* mutex) {
+      if (IsWatched(mutex)) --watched.held;
+    };
   }
   ~CatalogueLock() override { watched = {}; }
 
@@ -80,7 +65,7 @@ class CatalogueLock : public CatalogueTest {
 
   /// Every write(2) from here on must happen while the lock is held. They are counted.
   static void ExpectHeldWhileWriting(int& writes) {
-    Interpose::hooks().write = [&writes](auto&&...) -> std::optional<ssize_t> {
+    Machine::hooks().write = [&writes](auto&&...) -> std::optional<ssize_t> {
       ++writes;
       EXPECT_EQ(watched.held, 1);
       return std::nullopt;
@@ -96,6 +81,7 @@ class CatalogueLock : public CatalogueTest {
     return watched.locked;
   }
 
+  Machine::ThreadHooks threads;
   std::unique_ptr<FilesManager> const owner = NewCatalogue();
   FilesManager& catalogue = *owner;
 };
@@ -180,21 +166,21 @@ TEST_F(CatalogueLock, IsNotWaitedForToStartAPass) {
 TEST_F(CatalogueLock, IsFreeWhileMakeRoomMeasuresAndWaits) {
   catalogue.ClearList();
   freeBytes = 0;
-  auto const measure = Interpose::hooks().statvfs;
-  Interpose::hooks().statvfs = [&](std::string const& path, struct statvfs* space) {
+  auto const measure = Machine::hooks().statvfs;
+  Machine::hooks().statvfs = [&](std::string const& path, struct statvfs* space) {
     EXPECT_EQ(watched.held, 0);
     return measure(path, space);
   };
-  Interpose::hooks().sleep = [](auto) { EXPECT_EQ(watched.held, 0); };
+  Machine::hooks().sleep = [](auto) { EXPECT_EQ(watched.held, 0); };
   EXPECT_FALSE(catalogue.MakeRoom());
 }
 
 TEST_F(CatalogueLock, IsHeldWhileFilesAreRemoved) {
   int removals = 0;
-  Interpose::hooks().unlink = [&removals](std::string const&) {
+  Machine::hooks().unlink = [&removals](std::string const&) {
     ++removals;
     EXPECT_EQ(watched.held, 1);
-    return Interpose::Answer::Success();
+    return Machine::Answer::Success();
   };
   std::string name = "a.dat";
   EXPECT_TRUE(catalogue.RemoveFileByName(name));

@@ -26,33 +26,12 @@
 #include "base/Logger.h"
 #include "tests/support/CatalogueModel.h"
 #include "tests/support/CatalogueTest.h"
-#include "tests/support/RemovalHook.h"
-#include "tests/support/TheReal.h"
+#include "tests/machine/Objects.h"
 
 namespace {
 
 /// How often anything was read or written.
 int calls = 0;
-
-}  // namespace
-
-extern "C" {
-
-ssize_t read(int fd, void* data, std::size_t length) {
-  static auto* const next = TheReal<decltype(read)>("read");
-  ++calls;
-  return next(fd, data, length);
-}
-
-ssize_t writev(int fd, iovec const* parts, int count) {
-  static auto* const next = TheReal<decltype(writev)>("writev");
-  ++calls;
-  return next(fd, parts, count);
-}
-
-}  // extern "C"
-
-namespace {
 
 namespace fs = std::filesystem;
 using CatalogueModel::Figures;
@@ -60,7 +39,7 @@ using CatalogueModel::File;
 using CatalogueModel::Model;
 using CatalogueModel::Removal;
 using CatalogueModel::State;
-using Interpose::Answer;
+using Machine::Answer;
 
 #if defined(__SANITIZE_THREAD__) || defined(__arm__)
 constexpr std::uint32_t kSequences = 1000;  // the race detector and emulators take their time
@@ -156,30 +135,32 @@ class World {
   using Ifile = CatalogueTest::Ifile;
 
   World(CatalogueTest::Disk const& usable, Figures const& used) : card(usable), figures(used) {
-    Interpose::Reset();
+    Machine::Reset();
     fs::create_directories(CatalogueTest::Where("sub"));
     card.reserveBytes = figures.reserveBytes;
     catalogue = std::make_unique<FilesManager>(&card, CatalogueTest::kDirectory,
                                                figures.minimumFree, figures.share);
-    auto& hooks = Interpose::hooks();
+    auto& hooks = Machine::hooks();
     hooks.statvfs = [this](std::string const&, struct statvfs* space) { return Measure(space); };
     hooks.unlink = [this](std::string const& path) { return Unlink(path); };
-    hooks.write = [](int, void const*, std::size_t) -> std::optional<ssize_t> {
+    auto const count = [](auto&&...) -> std::optional<ssize_t> {
       ++calls;
       return std::nullopt;
     };
-    RemovalHook::hook() = [this](Ifile& file) {
+    hooks.read = count;
+    hooks.write = count;
+    hooks.writev = count;
+    hooks.removeFile = [this](Ifile& file) {
       if (removals[file.name] == Removal::Throws) throw Tarvik::IException("refused");
-      return RemovalHook::Real(file);
+      return Machine::Remove(file);
     };
   }
   World(World const&) = delete;
   World& operator=(World const&) = delete;
   ~World() {
     catalogue.reset();
-    LiveFiles::DeleteAll();
-    RemovalHook::hook() = nullptr;
-    Interpose::Reset();
+    Machine::DeleteLiveFiles();
+    Machine::Reset();
   }
 
   void Appear(File const& file) {
@@ -251,12 +232,12 @@ class World {
   }
 
   State Look() const {
-    State state{{}, CatalogueTest::OnCard(), LiveFiles::Count(), 0, ""};
+    State state{{}, CatalogueTest::OnCard(), Machine::LiveFiles().size(), 0, ""};
     std::erase(state.card, "sub");
     for (Ifile const* file : catalogue->GetList()) {
       state.catalogue.push_back({file->name, static_cast<std::uint64_t>(file->size), file->time});
     }
-    state.sleptMs = static_cast<std::uint64_t>(Interpose::Slept() / std::chrono::milliseconds(1));
+    state.sleptMs = static_cast<std::uint64_t>(Machine::Slept() / std::chrono::milliseconds(1));
     if (catalogue->HasError()) {
       state.error = catalogue->GetError() + " in " + catalogue->GetErrorPlace();
     }
@@ -275,7 +256,7 @@ class World {
   /// Ends the catalogue; what is alive then was abandoned.
   std::size_t Abandoned() {
     catalogue.reset();
-    return LiveFiles::Count();
+    return Machine::LiveFiles().size();
   }
 
  private:
@@ -294,7 +275,7 @@ class World {
     if (calls > callsOfAPlainStream) return std::uint64_t(-1);
     CatalogueTest::SetTime(name, static_cast<std::time_t>(now));
     sizes[name] = static_cast<std::int64_t>(fs::file_size(CatalogueTest::Where(name)));
-    std::string const content = Interpose::ReadFile(result);
+    std::string const content = Machine::ReadFile(result);
     return content.find_first_not_of('x') == std::string::npos ? content.size() : std::uint64_t(-2);
   }
 

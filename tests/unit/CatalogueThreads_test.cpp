@@ -15,7 +15,7 @@
 #include <vector>
 
 #include "tests/support/CatalogueTest.h"
-#include "tests/support/RemovalHook.h"
+#include "tests/machine/Objects.h"
 
 namespace {
 
@@ -27,7 +27,7 @@ using testing::SizeIs;
 
 class CatalogueThreads : public CatalogueTest {
  protected:
-  ~CatalogueThreads() override { RemovalHook::hook() = nullptr; }
+  ~CatalogueThreads() override { Machine::hooks().removeFile = nullptr; }
 
   void Keep(std::vector<std::string> const& names) {
     for (auto const& name : names) MakeRecording(name, 10);
@@ -38,10 +38,10 @@ class CatalogueThreads : public CatalogueTest {
   class Barrier {
    public:
     Barrier() {
-      RemovalHook::hook() = [this](Ifile& file) {
+      Machine::hooks().removeFile = [this](Ifile& file) {
         reached.release();
         opened.wait(false);
-        return RemovalHook::Real(file);
+        return Machine::Remove(file);
       };
     }
     void AwaitRemoval() { reached.acquire(); }
@@ -80,9 +80,9 @@ class CatalogueThreads : public CatalogueTest {
 TEST_F(CatalogueThreads, PassRemovesAllButTheProtectedOnAThreadOfItsOwn) {
   Keep({"a.dat", "b.log", "c.dat", "d.gps"});
   std::vector<std::thread::id> ids;
-  RemovalHook::hook() = [&ids](Ifile& file) {
+  Machine::hooks().removeFile = [&ids](Ifile& file) {
     ids.push_back(std::this_thread::get_id());
-    return RemovalHook::Real(file);
+    return Machine::Remove(file);
   };
   catalogue->RemoveAllFilesAsync();
   catalogue->Join();
@@ -158,7 +158,7 @@ TEST_F(CatalogueThreads, APassCanBeRunAgainAndAgain) {
     catalogue->Join();
     ASSERT_THAT(OnCard(), IsEmpty()) << "round " << round;
   }
-  EXPECT_EQ(LiveFiles::Count(), 0U);
+  EXPECT_EQ(Machine::LiveFiles().size(), 0U);
 }
 
 TEST_F(CatalogueThreads, TheDestructorWaitsForAPassBeforeItReleasesAnything) {
@@ -168,11 +168,11 @@ TEST_F(CatalogueThreads, TheDestructorWaitsForAPassBeforeItReleasesAnything) {
   barrier.AwaitRemoval();
   auto destruction = std::async(std::launch::async, [this] { catalogue.reset(); });
   EXPECT_TRUE(Waits(destruction));
-  EXPECT_EQ(LiveFiles::Count(), 3U);
+  EXPECT_EQ(Machine::LiveFiles().size(), 3U);
   barrier.Open();
   destruction.get();
   EXPECT_THAT(OnCard(), ElementsAre("c.log")) << "the pass was not cut short";
-  EXPECT_EQ(LiveFiles::Count(), 0U);
+  EXPECT_EQ(Machine::LiveFiles().size(), 0U);
 }
 
 TEST_F(CatalogueThreads, ACatalogueMayGoRightAfterAStart) {
@@ -183,18 +183,18 @@ TEST_F(CatalogueThreads, ACatalogueMayGoRightAfterAStart) {
     catalogue.reset();
     ASSERT_THAT(OnCard(), IsEmpty()) << "round " << round;
   }
-  EXPECT_EQ(LiveFiles::Count(), 0U);
+  EXPECT_EQ(Machine::LiveFiles().size(), 0U);
 }
 
 TEST_F(CatalogueThreads, APassThatFailsIsLoggedAndHarmsNoLaterOne) {
   Keep({"a.dat"});
-  RemovalHook::hook() = [](Ifile&) -> bool { throw 7; };
+  Machine::hooks().removeFile = [](Ifile&) -> bool { throw 7; };
   EXPECT_THAT(Capture::Output([this] {
                 catalogue->RemoveAllFilesAsync();
                 catalogue->Join();
               }),
               HasSubstr("[ERROR]IThread: unknown exception\n"));
-  RemovalHook::hook() = nullptr;
+  Machine::hooks().removeFile = nullptr;
   catalogue->RemoveAllFilesAsync();
   catalogue->Join();
   EXPECT_THAT(OnCard(), IsEmpty());
@@ -259,7 +259,7 @@ TEST_F(CatalogueThreads, OwnerAndPassesNeverDisturbEachOther) {
   EXPECT_EQ(OnCard(), isProtected);
   EXPECT_EQ(catalogue->GetTotalFilesSize(), 10 * isProtected.size());
   EXPECT_EQ(catalogue->GetTotalFilesSize(true), 10 * isProtected.size());
-  EXPECT_EQ(LiveFiles::Count(), isProtected.size() + static_cast<std::size_t>(owner.abandoned));
+  EXPECT_EQ(Machine::LiveFiles().size(), isProtected.size() + static_cast<std::size_t>(owner.abandoned));
 }
 
 TEST_F(CatalogueThreads, ADirectoryMayBeLoadedDuringAPass) {

@@ -12,7 +12,7 @@
 
 namespace {
 
-using Interpose::Answer;
+using Machine::Answer;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
@@ -164,19 +164,19 @@ TEST_F(Catalogue, AddsAFileWhateverTheStateOfTheCard) {
 TEST_F(Catalogue, DoesNotAddAMissingFileAndAbandonsItsObject) {
   auto const catalogue = NewCatalogue();
   std::string name = "missing.dat";
-  std::size_t const before = LiveFiles::Count();
+  std::size_t const before = Machine::LiveFiles().size();
   EXPECT_FALSE(catalogue->AddFile(name));
   EXPECT_EQ(catalogue->GetError(), "File not found");
   EXPECT_EQ(catalogue->GetErrorPlace(), "AddFile");
   EXPECT_THAT(catalogue->GetList(), IsEmpty());
   EXPECT_EQ(catalogue->GetTotalFilesSize(), 0U);
-  EXPECT_EQ(LiveFiles::Count(), before + 1);
+  EXPECT_EQ(Machine::LiveFiles().size(), before + 1);
 }
 
 TEST_F(Catalogue, DoesNotAddAFileTooLargeToBeSized) {
   MakeRecording("huge.dat");
   auto const catalogue = NewCatalogue();
-  Interpose::hooks().lstat = [](std::string const&, struct stat*) {
+  Machine::hooks().lstat = [](std::string const&, struct stat*) {
     return Answer::Failure(EOVERFLOW);
   };
   std::string name = "huge.dat";
@@ -246,7 +246,7 @@ TEST_F(Catalogue, ClearsItsListButNeitherTheObjectsNorTheTotal) {
   Ifile* const file = catalogue->GetList().front();
   catalogue->ClearList();
   EXPECT_THAT(catalogue->GetList(), IsEmpty());
-  EXPECT_TRUE(LiveFiles::Contains(file));
+  EXPECT_TRUE(Machine::LiveFiles().contains(file));
   EXPECT_EQ(file->name, "a.dat");
   EXPECT_THAT(OnCard(), ElementsAre("a.dat"));
   EXPECT_EQ(catalogue->GetTotalFilesSize(), 12U);
@@ -294,9 +294,9 @@ TEST_F(Catalogue, DeletesItsObjectsButNotTheirFilesWhenItGoes) {
     auto const catalogue = NewCatalogue();
     Add(*catalogue, {"a.dat", "b.log"});
     catalogue->GetList().push_back(nullptr);
-    EXPECT_EQ(LiveFiles::Count(), 2U);
+    EXPECT_EQ(Machine::LiveFiles().size(), 2U);
   }
-  EXPECT_EQ(LiveFiles::Count(), 0U);
+  EXPECT_EQ(Machine::LiveFiles().size(), 0U);
   EXPECT_THAT(OnCard(), ElementsAre("a.dat", "b.log"));
 }
 

@@ -15,15 +15,15 @@
 
 #include "tests/support/Capture.h"
 #include "tests/support/ChildProcess.h"
-#include "tests/support/Interpose.h"
+#include "tests/machine/Machine.h"
 
 namespace {
 
 using namespace std::chrono_literals;
-using Interpose::Answer;
-using Interpose::hooks;
-using Interpose::Sleep;
-using Interpose::Trace;
+using Machine::Answer;
+using Machine::hooks;
+using Machine::Sleep;
+using Machine::Trace;
 using Quellon::DiskUtils::CheckDisk;
 using testing::ElementsAre;
 using testing::ElementsAreArray;
@@ -171,7 +171,7 @@ TEST_F(CheckDiskTest, GivesUpMountingAfterFourAttemptsAndFourSeconds) {
 TEST_F(CheckDiskTest, MayStillSucceedWithTheFourthAttempt) {
   Answers("umount", {Exited(1), Exited(255), Exited(32), Exited(0)});
   EXPECT_EQ(Capture::Output([&] { checkDisk.UnMount(); }), "Unmount SD card success.\n");
-  EXPECT_EQ(Interpose::Slept(), 3s);
+  EXPECT_EQ(Machine::Slept(), 3s);
 }
 
 TEST_F(CheckDiskTest, TakesACommandThatASignalEndedForASuccess) {
@@ -185,7 +185,7 @@ TEST_F(CheckDiskTest, TakesACommandThatCouldNotBeStartedForAFailure) {
   hooks().system = [](auto&&) { return Answer::Failure(ENOMEM); };
   EXPECT_EQ(Capture::Output([&] { EXPECT_EQ(checkDisk.DiskCheck(), 255); }),
             "Unmount SD card FAILED.\nMount SD card FAILED.\n");
-  EXPECT_EQ(Interpose::Slept(), 8s);
+  EXPECT_EQ(Machine::Slept(), 8s);
 }
 
 TEST_F(CheckDiskTest, WaitsWholeSecondsThoughSignalsArrive) {
@@ -194,7 +194,7 @@ TEST_F(CheckDiskTest, WaitsWholeSecondsThoughSignalsArrive) {
     return pause == 1s ? std::optional<std::chrono::nanoseconds>(400ms) : std::nullopt;
   };
   Capture::Output([&] { checkDisk.Mount(); });
-  EXPECT_THAT(Interpose::Traced("sleep"), ElementsAre(Sleep(600ms), Sleep(400ms)));
+  EXPECT_THAT(Machine::Traced("sleep"), ElementsAre(Sleep(600ms), Sleep(400ms)));
 }
 
 TEST_F(CheckDiskTest, ChecksAndMountsThoughTheUnmountFailed) {
@@ -222,8 +222,8 @@ TEST_P(CheckResult, IsPrintedAndReturned) {
   std::string const output =
       Capture::Output([&, expected = code] { EXPECT_EQ(checkDisk.DiskCheck(), expected); });
   EXPECT_EQ(output, "Unmount SD card success.\n" + std::string(lines) + "Mount SD card success\n");
-  EXPECT_EQ(Interpose::Slept(), code == 2 ? 3s : 0s);
-  EXPECT_THAT(Interpose::Traced("system"), ElementsAre(kUmount, kFsck, kMount));
+  EXPECT_EQ(Machine::Slept(), code == 2 ? 3s : 0s);
+  EXPECT_THAT(Machine::Traced("system"), ElementsAre(kUmount, kFsck, kMount));
 }
 
 INSTANTIATE_TEST_SUITE_P(

@@ -14,20 +14,7 @@
 #include <utility>
 #include <vector>
 
-#include "tests/support/Interpose.h"
-#include "tests/support/TheReal.h"
-
-namespace {
-
-std::function<void()> whileAsked;  ///< what happens to a thread that asks the C library for a date
-
-}  // namespace
-
-extern "C" tm* localtime_r(time_t const* seconds, tm* calendar) noexcept {
-  static auto* const next = TheReal<tm*(time_t const*, tm*)>("localtime_r");
-  if (auto const work = std::exchange(whileAsked, nullptr)) work();
-  return next(seconds, calendar);
-}
+#include "tests/machine/Machine.h"
 
 namespace {
 
@@ -110,9 +97,9 @@ TEST_F(DateTest, ATimeWithoutADateIsShownAsItsNumber) {
 }
 
 TEST_F(DateTest, NowIsTheSystemClocksTime) {
-  Interpose::hooks().now = 1614877509;
+  Machine::hooks().now = 1614877509;
   EXPECT_EQ(NewDate(kFormat), "2021-03-04 17:05:09");
-  Interpose::hooks().now = 0;
+  Machine::hooks().now = 0;
   EXPECT_EQ(NewDate(kFormat), "1970-01-01 00:00:00");
 }
 
@@ -138,7 +125,8 @@ TEST_F(DateTest, ManyThreadsMayAskAtOnce) {
 TEST_F(DateTest, AForkOfTheThreadThatAsksStopsNeitherParentNorChild) {
   pid_t child = -1;
   alarm(20);
-  whileAsked = [&] {
+  Machine::hooks().localTime = [&, asked = false]() mutable {
+    if (std::exchange(asked, true)) return;
     child = fork();
     if (child == 0) alarm(20);
   };

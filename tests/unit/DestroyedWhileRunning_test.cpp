@@ -60,7 +60,7 @@ TEST_F(DestroyedWhileRunning, ACatalogueWithWorkOfItsOwnRemovesNothing) {
     return catalogue;
   });
   EXPECT_THAT(OnCard(), ElementsAre("a.dat", "b.dat"));
-  EXPECT_EQ(LiveFiles::Count(), 0U);
+  EXPECT_EQ(Machine::LiveFiles().size(), 0U);
 }
 
 /// The same without a catalogue.

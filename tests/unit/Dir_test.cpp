@@ -12,7 +12,7 @@
 #include <type_traits>
 #include <vector>
 
-#include "tests/support/Interpose.h"
+#include "tests/machine/Machine.h"
 
 namespace {
 
@@ -24,9 +24,9 @@ constexpr char const* kPath = "/mnt/sdcard/cr";
 
 class Directory : public testing::Test {
  protected:
-  Directory() { fs::create_directories(Interpose::Real("/mnt/sdcard")); }
-  static void Make() { fs::create_directory(Interpose::Real(kPath)); }
-  static bool IsThere() { return fs::is_directory(Interpose::Real(kPath)); }
+  Directory() { fs::create_directories(Machine::Real("/mnt/sdcard")); }
+  static void Make() { fs::create_directory(Machine::Real(kPath)); }
+  static bool IsThere() { return fs::is_directory(Machine::Real(kPath)); }
 
   static void ExpectFailure(Idir const& directory) {
     EXPECT_TRUE(directory.HasError());
@@ -61,7 +61,7 @@ TEST_F(Directory, LooksAgainButKeepsWhatItKnewAndRecordsNothing) {
   Make();
   EXPECT_TRUE(directory.CheckIfExists());
   EXPECT_FALSE(directory.exists);
-  fs::remove(Interpose::Real(kPath));
+  fs::remove(Machine::Real(kPath));
   EXPECT_FALSE(directory.CheckIfExists());
   EXPECT_FALSE(directory.HasError());
 }
@@ -77,10 +77,10 @@ TEST_F(Directory, ClosesWhatItOpenedToLook) {
 TEST_F(Directory, CreateTouchesNothingWhenItExistedAtFirst) {
   Make();
   Idir directory(kPath);
-  fs::remove(Interpose::Real(kPath));
+  fs::remove(Machine::Real(kPath));
   std::vector<std::string> calls;
-  Interpose::hooks().fault = [&calls](std::string const& function) -> std::optional<int> {
-    calls.push_back(function);
+  Machine::hooks().fault = [&calls](Machine::Call const& call) -> std::optional<int> {
+    calls.push_back(call.function);
     return std::nullopt;
   };
   EXPECT_TRUE(directory.Create());
@@ -92,8 +92,8 @@ TEST_F(Directory, CreateMakesItWithAllRightsButWritingForOthersLessTheUmask) {
     mode_t const before = umask(mask);
     EXPECT_TRUE(Idir(kPath).Create());
     umask(before);
-    EXPECT_EQ(static_cast<mode_t>(fs::status(Interpose::Real(kPath)).permissions()), 0775 & ~mask);
-    fs::remove(Interpose::Real(kPath));
+    EXPECT_EQ(static_cast<mode_t>(fs::status(Machine::Real(kPath)).permissions()), 0775 & ~mask);
+    fs::remove(Machine::Real(kPath));
   }
 }
 
@@ -111,7 +111,7 @@ TEST_F(Directory, CreateForgetsTheLastError) {
   Idir directory(kPath);
   Make();
   EXPECT_FALSE(directory.Create());
-  fs::remove(Interpose::Real(kPath));
+  fs::remove(Machine::Real(kPath));
   EXPECT_TRUE(directory.Create());
   EXPECT_FALSE(directory.HasError());
   EXPECT_THAT(directory.GetError(), IsEmpty());
@@ -126,7 +126,7 @@ TEST_F(Directory, CreateMakesNoParents) {
 }
 
 TEST_F(Directory, CreateFailsOnAFileOfThatName) {
-  Interpose::MakeFile(kPath, "a file");
+  Machine::MakeFile(kPath, "a file");
   Idir directory(kPath);
   EXPECT_FALSE(directory.exists);
   EXPECT_FALSE(directory.CheckIfExists());
@@ -136,8 +136,8 @@ TEST_F(Directory, CreateFailsOnAFileOfThatName) {
 
 TEST_F(Directory, ThatCannotBeOpenedCountsAsMissing) {
   Make();
-  Interpose::hooks().fault = [](std::string const& function) {
-    return function == "opendir" ? std::optional(EACCES) : std::nullopt;
+  Machine::hooks().fault = [](Machine::Call const& call) {
+    return call.function == "opendir" ? std::optional(EACCES) : std::nullopt;
   };
   Idir directory(kPath);
   EXPECT_FALSE(directory.exists);

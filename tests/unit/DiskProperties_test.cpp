@@ -14,13 +14,13 @@
 #include "tests/support/Capture.h"
 #include "tests/support/Descriptors.h"
 #include "tests/support/FakeCard.h"
-#include "tests/support/Interpose.h"
+#include "tests/machine/Machine.h"
 
 namespace {
 
-using Interpose::Answer;
-using Interpose::hooks;
-using Interpose::MakeFile;
+using Machine::Answer;
+using Machine::hooks;
+using Machine::MakeFile;
 using Quellon::DiskUtils::Disk;
 using Quellon::DiskUtils::SDCardInfo;
 using Quellon::DiskUtils::SDCardInfoData;
@@ -212,7 +212,7 @@ TEST(CardIdentity, IsPrintedEmptyWithoutACard) {
 
 TEST(SlowReadOnlyTest, IsAlwaysFalseAndTouchesNothing) {
   EXPECT_EQ(Capture::Output([] { EXPECT_FALSE(Disk::testSDCardReadOnlySlow("mmcblk1")); }), "");
-  EXPECT_THAT(Interpose::Trace(), IsEmpty());
+  EXPECT_THAT(Machine::Trace(), IsEmpty());
 }
 
 }  // namespace

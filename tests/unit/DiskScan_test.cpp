@@ -15,17 +15,17 @@
 #include "base/UniqueFd.h"
 #include "tests/support/Capture.h"
 #include "tests/support/Descriptors.h"
-#include "tests/support/FailingAllocation.h"
+#include "tests/machine/Allocation.h"
 #include "tests/support/FakeCard.h"
-#include "tests/support/Interpose.h"
+#include "tests/machine/Machine.h"
 
 namespace {
 
 namespace fs = std::filesystem;
-using Interpose::Answer;
-using Interpose::hooks;
-using Interpose::ReadFile;
-using Interpose::Trace;
+using Machine::Answer;
+using Machine::hooks;
+using Machine::ReadFile;
+using Machine::Trace;
 using Quellon::DiskUtils::Disk;
 using testing::ElementsAre;
 using testing::IsEmpty;
@@ -126,14 +126,14 @@ TEST_F(DiskScan, FindsATestFileThatItMayNotOpen) {
 }
 
 TEST_F(DiskScan, OverwritesATestFileThatAnEarlierScanLeft) {
-  Interpose::MakeFile(FakeCard::kTestFile, "something longer than velmor");
+  Machine::MakeFile(FakeCard::kTestFile, "something longer than velmor");
   card.duringCheck = [] { EXPECT_EQ(ReadFile(FakeCard::kTestFile), "velmor"); };
   EXPECT_EQ(Scan(), "passed");
   EXPECT_FALSE(FakeCard::HasTestFile());
 }
 
 TEST_F(DiskScan, NeverReadsTheTestFileBack) {
-  card.duringCheck = [] { Interpose::MakeFile(FakeCard::kTestFile, "garbled"); };
+  card.duringCheck = [] { Machine::MakeFile(FakeCard::kTestFile, "garbled"); };
   EXPECT_EQ(Scan(), "passed");
 }
 
@@ -161,19 +161,19 @@ TEST_F(DiskScan, MakesAStatusEntryWhereThereIsNone) {
 
 TEST_F(DiskScan, CallsACardThatLosesTheTestFileAMalfunction) {
   card.fsckCode = 1;
-  card.duringCheck = [] { Interpose::RemoveFile(FakeCard::kTestFile); };
+  card.duringCheck = [] { Machine::RemoveFile(FakeCard::kTestFile); };
   EXPECT_EQ(Scan(), "disk malfunction");
   EXPECT_EQ(code, 0);
   EXPECT_FALSE(disk->available);
   EXPECT_EQ(FakeCard::Status().malfunction, 1);
   EXPECT_EQ(FakeCard::Status().fsckStatus, 1);
   EXPECT_EQ(FakeCard::Status().lifetimeWritesKB, 0U);
-  EXPECT_THAT(Interpose::Traced("unlink"), IsEmpty());
+  EXPECT_THAT(Machine::Traced("unlink"), IsEmpty());
 }
 
 TEST_F(DiskScan, ChecksACardThatCannotTakeTheTestFileAndCallsItAMalfunction) {
-  Interpose::RemoveFile(FakeCard::kMountPoint);
-  card.duringCheck = [] { fs::create_directories(Interpose::Real("/mnt/sdcard/")); };
+  Machine::RemoveFile(FakeCard::kMountPoint);
+  card.duringCheck = [] { fs::create_directories(Machine::Real("/mnt/sdcard/")); };
   EXPECT_EQ(Scan(), "disk malfunction");
   EXPECT_EQ(output, kChecked);
   EXPECT_EQ(Trace().front(), "system umount /mnt/sdcard/");  // nothing written, nothing flushed
@@ -181,9 +181,9 @@ TEST_F(DiskScan, ChecksACardThatCannotTakeTheTestFileAndCallsItAMalfunction) {
 
 // As on a file system that is mounted read-only, or of a file that may not be changed.
 TEST_F(DiskScan, CallsACardAMalfunctionThatKeepsAnOldTestFileAndTakesNoNewOne) {
-  Interpose::MakeFile(FakeCard::kTestFile, "old");
-  hooks().faultAt = [](std::string const& function, std::string const& path) {
-    bool const fails = function == "fopen" && path == FakeCard::kTestFile;
+  Machine::MakeFile(FakeCard::kTestFile, "old");
+  hooks().fault = [](Machine::Call const& call) {
+    bool const fails = call.function == "fopen" && call.subject == FakeCard::kTestFile;
     return fails ? std::optional(EROFS) : std::nullopt;
   };
   EXPECT_EQ(Scan(), "disk malfunction");
@@ -204,14 +204,14 @@ struct Thing {
 class InPlaceOfTheTestFile : public DiskScan, public testing::WithParamInterface<Thing> {
  protected:
   InPlaceOfTheTestFile() {
-    Interpose::MakeFile(kOutside, "outside");
-    hooks().faultAt = [this](std::string const& function, std::string const& path) {
-      if (function == "fopen" && path == FakeCard::kTestFile) ++opened;
+    Machine::MakeFile(kOutside, "outside");
+    hooks().fault = [this](Machine::Call const& call) {
+      if (call.function == "fopen" && call.subject == FakeCard::kTestFile) ++opened;
       return std::optional<int>();
     };
   }
 
-  static void Put() { GetParam().make(Interpose::Real(FakeCard::kTestFile)); }
+  static void Put() { GetParam().make(Machine::Real(FakeCard::kTestFile)); }
 
   int opened = 0;
 };
@@ -226,7 +226,7 @@ TEST_P(InPlaceOfTheTestFile, IsNotOpenedWhereItCannotBeRemoved) {
   EXPECT_EQ(Trace()[1], "system umount /mnt/sdcard/");  // nothing was flushed
   EXPECT_EQ(FakeCard::Status().malfunction, 1);
   EXPECT_EQ(ReadFile(kOutside), "outside");
-  EXPECT_FALSE(fs::exists(Interpose::Real("/root/nowhere")));
+  EXPECT_FALSE(fs::exists(Machine::Real("/root/nowhere")));
 }
 
 TEST_P(InPlaceOfTheTestFile, IsNotOpenedWhenItsRemovalIsOnlyPretended) {
@@ -238,7 +238,7 @@ TEST_P(InPlaceOfTheTestFile, IsNotOpenedWhenItsRemovalIsOnlyPretended) {
 
 TEST_P(InPlaceOfTheTestFile, IsNotTakenForItAfterTheCheck) {
   card.duringCheck = [] {
-    Interpose::RemoveFile(FakeCard::kTestFile);
+    Machine::RemoveFile(FakeCard::kTestFile);
     Put();
   };
   EXPECT_EQ(Scan(), "disk malfunction");
@@ -277,17 +277,17 @@ INSTANTIATE_TEST_SUITE_P(
         Thing{"ASocket", MakeSocket},
         Thing{"ADirectory", [](std::string const& path) { fs::create_directory(path); }},
         Thing{"ALink",
-              [](std::string const& path) { fs::create_symlink(Interpose::Real(kOutside), path); }},
+              [](std::string const& path) { fs::create_symlink(Machine::Real(kOutside), path); }},
         Thing{"ALinkToADirectory",
               [](std::string const& path) { fs::create_directory_symlink("/", path); }},
         Thing{"ALinkThatLeadsNowhere",
               [](std::string const& path) {
-                fs::create_symlink(Interpose::Real("/root/nowhere"), path);
+                fs::create_symlink(Machine::Real("/root/nowhere"), path);
               }}),
     [](auto const& instance) { return instance.param.name; });
 
 TEST_F(DiskScan, HasLaterDisksRefuseTheCardForGood) {
-  card.duringCheck = [] { Interpose::RemoveFile(FakeCard::kTestFile); };
+  card.duringCheck = [] { Machine::RemoveFile(FakeCard::kTestFile); };
   Scan();
   card.duringCheck = nullptr;
   EXPECT_EQ(Capture::Output([] {
@@ -305,7 +305,7 @@ TEST_F(DiskScan, NeverTakesAMalfunctionBack) {
 
 TEST_F(DiskScan, MissesACardThatWentDuringTheCheck) {
   card.fsckCode = 8;
-  card.duringCheck = [] { Interpose::RemoveFile(FakeCard::kPartition); };
+  card.duringCheck = [] { Machine::RemoveFile(FakeCard::kPartition); };
   EXPECT_EQ(Scan(), "Disk not present");
   EXPECT_EQ(code, 0);
   EXPECT_FALSE(disk->available);
@@ -321,7 +321,7 @@ TEST_F(DiskScan, MountsByTheKernelWhatTheCommandLeftUnmounted) {
     card.mounted = false;
   };
   EXPECT_EQ(Scan(), "passed");
-  EXPECT_THAT(Interpose::Traced("mount /dev"), testing::SizeIs(1));
+  EXPECT_THAT(Machine::Traced("mount /dev"), testing::SizeIs(1));
 }
 
 TEST_F(DiskScan, RemovesTheTestFileOfACardThatTurnedReadOnlyAndRefusesIt) {
@@ -341,7 +341,7 @@ TEST_F(DiskScan, PassesThoughTheTestFileCannotBeRemoved) {
 }
 
 TEST_F(DiskScan, LetsTheStatErrorsOfThePresenceTestPass) {
-  card.duringCheck = [] { Interpose::RemoveFile(FakeCard::kMountPoint); };
+  card.duringCheck = [] { Machine::RemoveFile(FakeCard::kMountPoint); };
   EXPECT_EQ(Scan(), "Stat error (1)");
   EXPECT_EQ(code, ENOENT);
   EXPECT_FALSE(disk->available);
@@ -349,7 +349,7 @@ TEST_F(DiskScan, LetsTheStatErrorsOfThePresenceTestPass) {
 
 TEST_F(DiskScan, RecordsZeroLifetimeWritesWhenTheyAreUnknown) {
   FakeCard::Status().lifetimeWritesKB = 7;
-  Interpose::RemoveFile("/sys/fs");
+  Machine::RemoveFile("/sys/fs");
   EXPECT_EQ(Scan(), "passed");
   EXPECT_EQ(output, std::string(kChecked) +
                         "ERR: [/sys/fs/ext4/mmcblk1p1/lifetime_write_kbytes] does not exist !\n");
@@ -376,40 +376,39 @@ TEST_F(DiskScan, LeavesTheSpaceFiguresAsTheyWere) {
 // Until the file is flushed every failed allocation is one of the path, which passes, or of the
 // writing.
 TEST_F(DiskScan, GivesUpWhicheverAllocationFailsWhileWritingTheTestFile) {
-  hooks().sync = FailingAllocation::Stop;
+  hooks().sync = Machine::FailingAllocation::Stop;
   constexpr int kEarlierResult = 4;
   Descriptors::Watch const descriptors;
-  int number = 1;
-  for (bool failed = true; failed; ++number) {
+  Machine::ForEachFailure([&](Machine::Point const& point) {
     disk->available = true;
     FakeCard::Status().fsckStatus = kEarlierResult;
     Capture::Descriptor captured(1);
-    FailingAllocation const allocation(number + 1);
+    Machine::FailingAllocation const allocation(point.number + 1);
     std::string result = "passed";
     try {
       disk->ScanDisk();
     } catch (std::exception const& exception) {
       result = exception.what();
     }
-    failed = FailingAllocation::Happened();
-    EXPECT_EQ(result, failed ? "Could not write test file" : "passed") << "allocation " << number;
+    bool const failed = Machine::FailingAllocation::Happened();
+    EXPECT_EQ(result, failed ? "Could not write test file" : "passed");
     EXPECT_EQ(disk->available, !failed);
     EXPECT_EQ(FakeCard::Status().fsckStatus, failed ? kEarlierResult : 0);
-    EXPECT_EQ(Interpose::Traced("system").empty(), failed);
-  }
-  EXPECT_GT(number, 2);
+    EXPECT_EQ(Machine::Traced("system").empty(), failed);
+    return failed;
+  });
   EXPECT_THAT(descriptors.Opened(), IsEmpty());
 }
 
 TEST_F(DiskScan, RecordsZeroLifetimeWritesWhenReadingThemThrows) {
   FakeCard::Status().lifetimeWritesKB = 7;
-  std::optional<FailingAllocation> allocation;
+  std::optional<Machine::FailingAllocation> allocation;
   hooks().unlink = [&](auto&&) {
     allocation.emplace(2);
     return Answer::Success();
   };
   EXPECT_EQ(Scan(), "passed");
-  EXPECT_TRUE(FailingAllocation::Happened());
+  EXPECT_TRUE(Machine::FailingAllocation::Happened());
   EXPECT_TRUE(disk->available);
   EXPECT_EQ(FakeCard::Status().lifetimeWritesKB, 0U);
 }

@@ -15,11 +15,11 @@
 #include "DiskUtils/System.h"
 #include "tests/support/Capture.h"
 #include "tests/support/Descriptors.h"
-#include "tests/support/FailingAllocation.h"
+#include "tests/machine/Allocation.h"
 #include "tests/support/FakeCard.h"
-#include "tests/support/Interpose.h"
+#include "tests/machine/Machine.h"
 #include "tests/support/OwnedSystem.h"
-#include "tests/support/TheReal.h"
+#include "tests/machine/TheReal.h"
 
 namespace {
 
@@ -44,11 +44,11 @@ void Quellon::DiskUtils::Disk::ScanDisk() {
 namespace {
 
 using namespace std::chrono_literals;
-using Interpose::hooks;
-using Interpose::MakeFile;
-using Interpose::ReadFile;
-using Interpose::Sleep;
-using Interpose::Trace;
+using Machine::hooks;
+using Machine::MakeFile;
+using Machine::ReadFile;
+using Machine::Sleep;
+using Machine::Trace;
 using Quellon::DiskUtils::Disk;
 using testing::ElementsAre;
 using testing::HasSubstr;
@@ -80,7 +80,7 @@ class DiskStartup : public testing::Test {
     Capture::Output([this] { system.emplace(); });
     saveAnswers.reset();
     scan = nullptr;
-    hooks().reboot = [](int) { return Interpose::Answer::Failure(EPERM); };
+    hooks().reboot = [](int) { return Machine::Answer::Failure(EPERM); };
   }
 
   /// Starts up; what that prints.
@@ -89,11 +89,11 @@ class DiskStartup : public testing::Test {
   }
 
   static void StoreCounter(std::string const& number) { MakeFile(kCounterFile, Counter(number)); }
-  static void RemoveCard() { Interpose::RemoveFile("/dev/mmcblk1"); }
+  static void RemoveCard() { Machine::RemoveFile("/dev/mmcblk1"); }
 
   void ExpectNoReboot() {
-    EXPECT_THAT(Interpose::Traced("reboot"), IsEmpty());
-    EXPECT_THAT(Interpose::Traced("system reboot"), IsEmpty());
+    EXPECT_THAT(Machine::Traced("reboot"), IsEmpty());
+    EXPECT_THAT(Machine::Traced("system reboot"), IsEmpty());
   }
   void ExpectNoReport() { EXPECT_EQ(system->GetHealthReport(), "{}"); }
   void ExpectState(int code) {
@@ -164,10 +164,10 @@ TEST_F(DiskStartup, WaitsASecondAndKeepsTheFaultWhenAScanLeavesTheCardUnavailabl
 
 TEST_F(DiskStartup, RebootsForAFailingCardWithoutACounterFile) {
   RemoveCard();
-  std::filesystem::create_directories(Interpose::Real("/root/"));
+  std::filesystem::create_directories(Machine::Real("/root/"));
   hooks().system = [](std::string const&) {
     EXPECT_EQ(write(1, "*", 1), 1);  // nothing may be left for a console that goes down
-    return Interpose::Answer::Success();
+    return Machine::Answer::Success();
   };
   EXPECT_EQ(Start(), kRefusal + Found("0") +
                          "Save sdcard status counter 1 to file\n"
@@ -182,17 +182,17 @@ TEST_F(DiskStartup, RebootsForAFailingCardWithoutACounterFile) {
 
 TEST_F(DiskStartup, RebootsThreeTimesInARowAndThenGivesUp) {
   RemoveCard();
-  std::filesystem::create_directories(Interpose::Real("/root/"));
+  std::filesystem::create_directories(Machine::Real("/root/"));
   for (char const* const saved : {"1", "2", "3"}) {
     Start();
     EXPECT_EQ(result, nullptr);
     EXPECT_EQ(ReadFile(kCounterFile), Counter(saved));
   }
   ExpectNoReport();
-  EXPECT_THAT(Interpose::Traced("reboot"), testing::SizeIs(3));
+  EXPECT_THAT(Machine::Traced("reboot"), testing::SizeIs(3));
   EXPECT_EQ(Start(), kRefusal + Found("3") + PassedLimit("4") + kNoCard);
   EXPECT_NE(result, nullptr);
-  EXPECT_THAT(Interpose::Traced("reboot"), testing::SizeIs(3));
+  EXPECT_THAT(Machine::Traced("reboot"), testing::SizeIs(3));
 }
 
 TEST_F(DiskStartup, CarriesOnWithTheReportWhenTheLimitIsPassed) {
@@ -204,7 +204,7 @@ TEST_F(DiskStartup, CarriesOnWithTheReportWhenTheLimitIsPassed) {
   EXPECT_FALSE(result->available);
   EXPECT_EQ(ReadFile(kCounterFile), Counter("3"));
   ExpectNoReboot();
-  EXPECT_THAT(Interpose::Traced("sleep"), IsEmpty());
+  EXPECT_THAT(Machine::Traced("sleep"), IsEmpty());
   ExpectState(3);
 }
 
@@ -233,11 +233,11 @@ TEST_F(DiskStartup, NeverRebootsWhenTheCounterCannotBeRead) {
 
 TEST_F(DiskStartup, RebootsThoughTheCounterFileCannotBeOpenedForWriting) {
   RemoveCard();
-  hooks().fault = [opened = 0](std::string const& function) mutable -> std::optional<int> {
-    if (function == "fopen" && ++opened == 2) return EROFS;
+  hooks().fault = [opened = 0](Machine::Call const& call) mutable -> std::optional<int> {
+    if (call.function == "fopen" && ++opened == 2) return EROFS;
     return std::nullopt;
   };
-  std::filesystem::create_directories(Interpose::Real("/root/"));
+  std::filesystem::create_directories(Machine::Real("/root/"));
   Start();
   EXPECT_EQ(result, nullptr);
   EXPECT_EQ(ReadFile(kCounterFile), "");
@@ -256,7 +256,7 @@ TEST_F(DiskStartup, CarriesOnWhenTheCounterCannotBeSaved) {
 
 TEST_F(DiskStartup, ReportsAMalfunction) {
   StoreCounter("3");
-  card.duringCheck = [] { Interpose::RemoveFile(FakeCard::kTestFile); };
+  card.duringCheck = [] { Machine::RemoveFile(FakeCard::kTestFile); };
   EXPECT_THAT(Start(), HasSubstr("Exception disk (0): disk malfunction\n"));
   ExpectState(1);
 }
@@ -272,9 +272,9 @@ TEST_F(DiskStartup, TreatsACardThatCannotBeRepresentedAsAFailingOne) {
   StoreCounter("3");
   Capture::Descriptor output(1);
   {
-    FailingAllocation const allocation(1);
+    Machine::FailingAllocation const allocation(1);
     result = system->InitDisk();
-    EXPECT_TRUE(FailingAllocation::Happened());
+    EXPECT_TRUE(Machine::FailingAllocation::Happened());
   }
   EXPECT_EQ(output.Text(), "Exception disk (0): std::bad_alloc\n" + Found("3") + PassedLimit("4"));
   EXPECT_EQ(result, nullptr);
@@ -305,7 +305,7 @@ TEST_F(DiskStartup, DeletesTheFirstDiskBeforeItBuildsTheSecond) {
   Capture::Output([&] { system->disk = std::make_unique<WatchedDisk>(events).release(); });
   hooks().access = [&](std::string const& path, int /*mode*/) {
     events.push_back(path);
-    return Interpose::Answer::Success();
+    return Machine::Answer::Success();
   };
   Start();
   ASSERT_GE(events.size(), 2U);
@@ -318,7 +318,7 @@ TEST_F(DiskStartup, HoldsNoDiskWhileItBuildsTheNext) {
   Start();
   hooks().access = [this](auto&&...) {
     EXPECT_EQ(system->disk, nullptr);
-    return Interpose::Answer::Failure(ENOENT);
+    return Machine::Answer::Failure(ENOENT);
   };
   StoreCounter("3");
   Start();

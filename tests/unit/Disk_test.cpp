@@ -16,33 +16,19 @@
 #include "base/IException.h"
 #include "tests/support/Capture.h"
 #include "tests/support/Descriptors.h"
-#include "tests/support/FailingAllocation.h"
+#include "tests/machine/Allocation.h"
 #include "tests/support/FakeCard.h"
-#include "tests/support/Interpose.h"
+#include "tests/machine/Machine.h"
 #include "tests/support/LastException.h"
 #include "tests/support/LogFile.h"
-#include "tests/support/TheReal.h"
-
-namespace {
-
-int errnoAfterAllocating = 0;  ///< unless it is 0, what making an exception leaves behind
-
-}  // namespace
-
-extern "C" void* __cxa_allocate_exception(std::size_t size) noexcept {
-  static auto* const next = TheReal<void*(std::size_t)>("__cxa_allocate_exception");
-  void* const memory = next(size);
-  if (errnoAfterAllocating != 0) errno = errnoAfterAllocating;
-  return memory;
-}
 
 namespace {
 
 using namespace std::chrono_literals;
-using Interpose::Answer;
-using Interpose::hooks;
-using Interpose::Sleep;
-using Interpose::Trace;
+using Machine::Answer;
+using Machine::hooks;
+using Machine::Sleep;
+using Machine::Trace;
 using Quellon::DiskUtils::CheckDisk;
 using Quellon::DiskUtils::Disk;
 using testing::ElementsAre;
@@ -107,13 +93,13 @@ TEST_F(DiskTest, IsAvailableAndMeasuredWithAGoodCard) {
 }
 
 TEST_F(DiskTest, PrintsWhateverStandardExceptionItsMakingMeets) {
-  std::optional<FailingAllocation> allocation;
+  std::optional<Machine::FailingAllocation> allocation;
   hooks().access = [&](std::string const& path, int /*mode*/) {
     if (path == "/dev/mmcblk1") allocation.emplace(1);
     return Answer::Success();
   };
   EXPECT_EQ(Make(), "Disk exception std::bad_alloc\n");
-  EXPECT_TRUE(FailingAllocation::Happened());
+  EXPECT_TRUE(Machine::FailingAllocation::Happened());
   EXPECT_FALSE(disk->available);
 }
 
@@ -131,7 +117,7 @@ TEST_F(DiskTest, RecordsTheCardInTheStatusTable) {
 }
 
 TEST_F(DiskTest, IsNotFoundWithoutItsBlockDevice) {
-  Interpose::RemoveFile("/dev/mmcblk1");
+  Machine::RemoveFile("/dev/mmcblk1");
   FakeCard::Status().present = true;
   EXPECT_EQ(Make(), "Disk exception Disk not found\n");
   EXPECT_EQ(LastException().value().code, 0);
@@ -144,7 +130,7 @@ TEST_F(DiskTest, IsNotFoundWithoutItsBlockDevice) {
 }
 
 TEST_F(DiskTest, LeavesAZeroedEntryForACardThatIsMissing) {
-  Interpose::RemoveFile("/dev/mmcblk1");
+  Machine::RemoveFile("/dev/mmcblk1");
   Make();
   ASSERT_THAT(Disk::deviceStatusList, SizeIs(1));
   Disk::DeviceStatus const& status = FakeCard::Status();
@@ -155,7 +141,7 @@ TEST_F(DiskTest, LeavesAZeroedEntryForACardThatIsMissing) {
 }
 
 TEST_F(DiskTest, KnowsTheIdentityOfACardWithoutItsPartition) {
-  Interpose::RemoveFile(FakeCard::kPartition);
+  Machine::RemoveFile(FakeCard::kPartition);
   EXPECT_EQ(Make(), "Disk exception Disk not found\n");
   EXPECT_FALSE(disk->available);
   EXPECT_FALSE(FakeCard::Status().present);
@@ -183,7 +169,7 @@ TEST_F(DiskTest, TakesEveryNumberButZeroForTheReadOnlyFlag) {
 }
 
 TEST_F(DiskTest, TakesACardWithoutTheReadOnlyFlagForWritable) {
-  Interpose::RemoveFile("/sys/block/mmcblk1/ro");
+  Machine::RemoveFile("/sys/block/mmcblk1/ro");
   FakeCard::Status().readOnly = true;
   EXPECT_EQ(Make(), "ERR: [/sys/block/mmcblk1/ro] does not exist !\n" + std::string(kSpaceLine));
   EXPECT_FALSE(FakeCard::Status().readOnly);
@@ -239,7 +225,7 @@ TEST_F(DiskTest, IsNotFoundWhenItCannotBeMounted) {
   EXPECT_EQ(output, "Disk exception Disk not found\n");
   EXPECT_FALSE(disk->available);
   EXPECT_TRUE(FakeCard::Status().present);
-  EXPECT_THAT(Interpose::Traced("umount2"), SizeIs(10));
+  EXPECT_THAT(Machine::Traced("umount2"), SizeIs(10));
   EXPECT_EQ(Trace().back(), kMountCall);
 }
 
@@ -263,7 +249,7 @@ TEST_F(DiskTest, PrintsTheStatErrorOfAMountPointWithoutItsSlash) {
 }
 
 TEST_F(DiskTest, PrintsTheStatErrorOfAMissingMountPoint) {
-  Interpose::RemoveFile(FakeCard::kMountPoint);
+  Machine::RemoveFile(FakeCard::kMountPoint);
   EXPECT_EQ(Make(), "Disk exception Stat error (1)\n");
   EXPECT_FALSE(disk->available);
 }
@@ -288,14 +274,14 @@ TEST_F(DiskTest, ThrowsTheErrnoOfTheStatThatFailed) {
 
 TEST_F(DiskTest, ThrowsTheErrnoOfTheFailedCallThoughMakingTheExceptionChangesIt) {
   Make();
-  errnoAfterAllocating = ENOMEM;
+  Machine::errnoAfterMakingAnException = ENOMEM;
   StatFails("/mnt/sdcard/", EACCES);
   EXPECT_EQ(Thrown([&] { disk->CheckDiskPresence(); }).code, EACCES);
   StatFails("/mnt/sdcard/..", ENOTDIR);
   EXPECT_EQ(Thrown([&] { disk->CheckDiskPresence(); }).code, ENOTDIR);
   hooks().statvfs = [](auto&&...) { return Answer::Failure(EIO); };
   EXPECT_EQ(Thrown([&] { disk->LoadDiskInfo(); }).code, EIO);
-  errnoAfterAllocating = 0;
+  Machine::errnoAfterMakingAnException = 0;
 }
 
 TEST_F(DiskTest, ThrowsTheErrnoOfTheMeasurementAndKeepsItsFigures) {
@@ -355,7 +341,7 @@ TEST_F(DiskTest, HasFiguresThatAreLoggedAsNumbers) {
         << "free " << disk->freeBytes << " reserve " << disk->reserveBytes << " total "
         << disk->totalBytes;
   });
-  EXPECT_THAT(Interpose::ReadFile(LogFile::kPath),
+  EXPECT_THAT(Machine::ReadFile(LogFile::kPath),
               testing::EndsWith("free 4096000000 reserve 675840000 total 12288000000\n"));
   Tarvik::Ilog::Logger::GetInstance()->Close();
 }
@@ -402,7 +388,7 @@ TEST_F(DiskTest, ForcesAnUnmountTenTimesAndComplainsNineTimes) {
   trace.push_back("umount2 /mnt/sdcard/ 1");
   EXPECT_THAT(Trace(), ElementsAreArray(trace));
   EXPECT_EQ(errors, complaints);
-  EXPECT_EQ(Interpose::Slept(), 900ms);
+  EXPECT_EQ(Machine::Slept(), 900ms);
 }
 
 TEST_F(DiskTest, CountsAsUnmountedWhenForceHelpsInTheEnd) {
@@ -412,7 +398,7 @@ TEST_F(DiskTest, CountsAsUnmountedWhenForceHelpsInTheEnd) {
     return ++tried == 10 ? Answer::Success() : Answer::Failure(EBUSY);
   };
   Capture::ErrorOutput([&] { EXPECT_TRUE(disk->Umount()); });
-  EXPECT_THAT(Interpose::Traced("umount2"), SizeIs(10));
+  EXPECT_THAT(Machine::Traced("umount2"), SizeIs(10));
 }
 
 TEST_F(DiskTest, LeavesNoDescriptorOpen) {

@@ -15,7 +15,6 @@
 
 #include "base/Logger.h"
 #include "tests/support/CatalogueTest.h"
-#include "tests/support/TheReal.h"
 
 namespace {
 
@@ -32,26 +31,6 @@ bool counting = false;
 std::ostream& operator<<(std::ostream& out, Calls const& made) {
   return out << made.read << " read, " << made.write << " write, " << made.writev << " writev";
 }
-
-}  // namespace
-
-extern "C" {
-
-ssize_t read(int fd, void* data, std::size_t length) {
-  static auto* const next = TheReal<decltype(read)>("read");
-  if (counting) ++calls.read;
-  return next(fd, data, length);
-}
-
-ssize_t writev(int fd, iovec const* parts, int count) {
-  static auto* const next = TheReal<decltype(writev)>("writev");
-  if (counting) ++calls.writev;
-  return next(fd, parts, count);
-}
-
-}  // extern "C"
-
-namespace {
 
 constexpr std::size_t kBytes = 300'000;
 constexpr char const* kNames[] = {"a.dat", "b.dat", "c.dat", "d.dat", "e.dat"};
@@ -72,10 +51,9 @@ class EntryStream : public CatalogueTest {
   EntryStream() {
     EnableLog(false);  // its lines are written, too
     for (char const* name : kNames) MakeRecording(name, kBytes);
-    Interpose::hooks().write = [](int, void const*, std::size_t) -> std::optional<ssize_t> {
-      if (counting) ++calls.write;
-      return std::nullopt;
-    };
+    Count(&Machine::Hooks::read, calls.read);
+    Count(&Machine::Hooks::write, calls.write);
+    Count(&Machine::Hooks::writev, calls.writev);
   }
   ~EntryStream() override { EnableLog(true); }
 
@@ -85,13 +63,21 @@ class EntryStream : public CatalogueTest {
     logger->fileSink->enabled = enabled;
   }
 
+  template <typename Hook>
+  static void Count(Hook Machine::Hooks::*hook, int& count) {
+    Machine::hooks().*hook = [&count](auto&&...) -> std::optional<ssize_t> {
+      if (counting) ++count;
+      return std::nullopt;
+    };
+  }
+
   /// The calls that `work` makes, and what `file` of the device holds then.
   static Trace Tracing(std::string const& file, std::function<void()> const& work) {
     calls = {};
     counting = true;
     work();
     counting = false;
-    return {calls, Interpose::ReadFile(file)};
+    return {calls, Machine::ReadFile(file)};
   }
 
   static constexpr auto kAppend = std::ios::in | std::ios::out | std::ios::binary | std::ios::app;
@@ -145,7 +131,7 @@ class EntryStream : public CatalogueTest {
     ASSERT_EQ(catalogue.GetList().size(), std::size(kNames));
     for (Ifile* entry : catalogue.GetList()) {
       std::string const equal = "/mnt/sdcard/equal";
-      Interpose::MakeFile(equal, Interpose::ReadFile(entry->path));
+      Machine::MakeFile(equal, Machine::ReadFile(entry->path));
       Trace const plain = PlainCopy(equal);
       EXPECT_EQ(plain.content.size(), kBytes);
       EXPECT_GT(plain.made.read, 1) << "the calls are not seen";

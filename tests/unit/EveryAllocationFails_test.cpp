@@ -6,7 +6,6 @@
 #include <ctime>
 #include <exception>
 #include <filesystem>
-#include <iostream>
 #include <iterator>
 #include <new>
 #include <optional>
@@ -18,7 +17,7 @@
 #include "tests/support/Capture.h"
 #include "tests/support/CatalogueTest.h"
 #include "tests/support/Descriptors.h"
-#include "tests/support/FailingAllocation.h"
+#include "tests/machine/Allocation.h"
 #include "tests/support/FakeCard.h"
 #include "tests/support/LogFile.h"
 #include "tests/support/OwnedSystem.h"
@@ -32,20 +31,6 @@ using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::StartsWith;
 
-/// Does `work` with its first, second, third ... allocation failing, until none does. `work` is
-/// given a function that ends the failing.
-template <typename Work>
-void Try(Work work) {
-  int number = 0;
-  for (bool failed = true; failed;) {
-    SCOPED_TRACE("allocation " + std::to_string(++number));
-    failed = work(number);
-  }
-  testing::Test::RecordProperty("allocations_tried", number - 1);
-  std::cout << "[  FAULTS  ] " << number - 1 << " allocations tried" << std::endl;
-  EXPECT_GT(number, 1);
-}
-
 struct Start {
   Disk* result = nullptr;
   std::string output;
@@ -53,18 +38,18 @@ struct Start {
   bool failed = false;
 };
 
-Start InitDisk(OwnedSystem& system, int allocation) {
+Start InitDisk(OwnedSystem& system, Machine::Point const& point) {
   Start start;
   Capture::Descriptor output(1);
   Capture::Descriptor const complaints(2);
-  FailingAllocation const failing(allocation);
+  Machine::FailingAllocation const failing(point);
   try {
     start.result = system.InitDisk();
   } catch (std::bad_alloc const&) {
     start.threw = true;
   }
-  start.failed = FailingAllocation::Happened();
-  FailingAllocation::Stop();
+  start.failed = Machine::FailingAllocation::Happened();
+  Machine::FailingAllocation::Stop();
   start.output = output.Text();
   return start;
 }
@@ -72,13 +57,13 @@ Start InitDisk(OwnedSystem& system, int allocation) {
 // Only the report may throw: the card has been decided about by then.
 TEST(EveryAllocationFails, WhileAGoodCardIsStarted) {
   Descriptors::Watch const descriptors;
-  Try([](int number) {
-    Interpose::Reset();
+  Machine::ForEachFailure([](Machine::Point const& point) {
+    Machine::Reset();
     FakeCard const card;
-    Interpose::MakeFile("/root/system.dat", R"({"sdcard-status-conter":3})");
+    Machine::MakeFile("/root/system.dat", R"({"sdcard-status-conter":3})");
     std::optional<OwnedSystem> system;
     Capture::Output([&] { system.emplace(); });
-    Start const start = InitDisk(*system, number);
+    Start const start = InitDisk(*system, point);
     if (start.threw) {
       EXPECT_THAT(start.output, HasSubstr("= SD CARD ="));
     } else if (!start.failed) {
@@ -88,7 +73,7 @@ TEST(EveryAllocationFails, WhileAGoodCardIsStarted) {
     } else if (start.result != nullptr) {
       EXPECT_FALSE(start.result->available);
     }
-    EXPECT_TRUE(Interpose::Traced("reboot").empty());
+    EXPECT_TRUE(Machine::Traced("reboot").empty());
     return start.failed;
   });
   EXPECT_THAT(descriptors.Opened(), IsEmpty());
@@ -97,19 +82,19 @@ TEST(EveryAllocationFails, WhileAGoodCardIsStarted) {
 // A count that cannot be read or saved for want of memory never leads to a reboot.
 TEST(EveryAllocationFails, WhileAMissingCardIsStarted) {
   Descriptors::Watch const descriptors;
-  Try([](int number) {
-    Interpose::Reset();
+  Machine::ForEachFailure([](Machine::Point const& point) {
+    Machine::Reset();
     FakeCard const card;
-    Interpose::RemoveFile("/dev/mmcblk1");
+    Machine::RemoveFile("/dev/mmcblk1");
     std::string const one = R"({"sdcard-status-conter":1})";
-    Interpose::MakeFile("/root/system.dat", one);
+    Machine::MakeFile("/root/system.dat", one);
     std::optional<OwnedSystem> system;
     Capture::Output([&] { system.emplace(); });
-    Start const start = InitDisk(*system, number);
-    bool const rebooted = !Interpose::Traced("reboot").empty();
+    Start const start = InitDisk(*system, point);
+    bool const rebooted = !Machine::Traced("reboot").empty();
     EXPECT_EQ(start.result == nullptr && !start.threw, rebooted || system->disk == nullptr);
     if (rebooted) {
-      EXPECT_THAT(Interpose::ReadFile("/root/system.dat"), HasSubstr(":2}"));
+      EXPECT_THAT(Machine::ReadFile("/root/system.dat"), HasSubstr(":2}"));
     }
     return start.failed;
   });
@@ -119,10 +104,10 @@ TEST(EveryAllocationFails, WhileAMissingCardIsStarted) {
 TEST(EveryAllocationFails, WhileAFileIsCopied) {
   Descriptors::Watch const descriptors;
   std::string const content(20000, 'y');
-  Try([&content](int number) {
-    Interpose::Reset();
+  Machine::ForEachFailure([&content](Machine::Point const& point) {
+    Machine::Reset();
     LogFile::BeginAnew();
-    Interpose::MakeFile("/mnt/sdcard/from", content);
+    Machine::MakeFile("/mnt/sdcard/from", content);
     std::string path = "/mnt/sdcard/from";
     Ifile file(path, false);
     Capture::Descriptor const console(1);
@@ -130,15 +115,15 @@ TEST(EveryAllocationFails, WhileAFileIsCopied) {
     bool failed = false;
     {
       std::string const destination = "/mnt/sdcard/to";
-      FailingAllocation const failing(number);
+      Machine::FailingAllocation const failing(point);
       EXPECT_NO_THROW(copied = file.CopyTo(destination));
-      failed = FailingAllocation::Happened();
+      failed = Machine::FailingAllocation::Happened();
     }
-    EXPECT_EQ(Interpose::ReadFile("/mnt/sdcard/from"), content);
-    EXPECT_THAT(content, StartsWith(Interpose::ReadFile("/mnt/sdcard/to")));
+    EXPECT_EQ(Machine::ReadFile("/mnt/sdcard/from"), content);
+    EXPECT_THAT(content, StartsWith(Machine::ReadFile("/mnt/sdcard/to")));
     if (!failed) {
       EXPECT_TRUE(copied);
-      EXPECT_EQ(Interpose::ReadFile("/mnt/sdcard/to"), content);
+      EXPECT_EQ(Machine::ReadFile("/mnt/sdcard/to"), content);
     }
     Tarvik::Ilog::Logger::GetInstance()->Close();
     return failed;
@@ -147,8 +132,8 @@ TEST(EveryAllocationFails, WhileAFileIsCopied) {
 }
 
 TEST(EveryAllocationFails, WhileACardIsFormatted) {
-  Try([](int number) {
-    Interpose::Reset();
+  Machine::ForEachFailure([](Machine::Point const& point) {
+    Machine::Reset();
     FakeCard const card;
     std::optional<Disk> disk;
     Capture::Output([&] { disk.emplace("/mnt/sdcard/", "/dev/mmcblk1p1", "mmcblk1"); });
@@ -156,9 +141,9 @@ TEST(EveryAllocationFails, WhileACardIsFormatted) {
     bool formatted = false;
     bool failed = false;
     {
-      FailingAllocation const failing(number);
+      Machine::FailingAllocation const failing(point);
       EXPECT_NO_THROW(formatted = disk->Fromat(true));
-      failed = FailingAllocation::Happened();
+      failed = Machine::FailingAllocation::Happened();
     }
     EXPECT_EQ(formatted, !failed);
     if (failed) {
@@ -169,15 +154,15 @@ TEST(EveryAllocationFails, WhileACardIsFormatted) {
 }
 
 TEST(EveryAllocationFails, WhileACatalogueIsSorted) {
-  Try([](int allocation) {
+  Machine::ForEachFailure([](Machine::Point const& point) {
     FilesManager catalogue(nullptr, "", 0, 1.0F);
     auto& files = catalogue.GetList();
     for (std::time_t const time : {3, 1, 2}) files.emplace_back(new Ifile)->time = time;
     auto const newest = files.begin();
-    FailingAllocation const failing(allocation);
+    Machine::FailingAllocation const failing(point);
     catalogue.Sort();
-    bool const failed = FailingAllocation::Happened();
-    FailingAllocation::Stop();
+    bool const failed = Machine::FailingAllocation::Happened();
+    Machine::FailingAllocation::Stop();
     EXPECT_TRUE(std::ranges::is_sorted(files, {}, &Ifile::time));
     EXPECT_EQ(std::next(newest), files.end()) << "a position stays with its file";
     return failed;
@@ -188,36 +173,36 @@ class EveryAllocationFailsInACatalogue : public CatalogueTest {};
 
 TEST_F(EveryAllocationFailsInACatalogue, WhileRoomIsMade) {
   freeBytes = 0;
-  Try([this](int allocation) {
+  Machine::ForEachFailure([this](Machine::Point const& point) {
     MakeRecording("old.dat");
     MakeRecording("track.gps");
     auto const catalogue = NewCatalogue();
     Add(*catalogue, {"old.dat", "track.gps"});
     try {
-      FailingAllocation const failing(allocation);
+      Machine::FailingAllocation const failing(point);
       EXPECT_FALSE(catalogue->MakeRoom());
     } catch (std::bad_alloc const&) {
-      EXPECT_TRUE(FailingAllocation::Happened()) << "memory ran out by itself";
+      EXPECT_TRUE(Machine::FailingAllocation::Happened()) << "memory ran out by itself";
     }
     EXPECT_EQ(Names(*catalogue), OnCard());
-    if (FailingAllocation::Happened()) return true;
+    if (Machine::FailingAllocation::Happened()) return true;
     EXPECT_EQ(catalogue->GetError(), "Unable to make room, after 100 retries");
     return false;
   });
 }
 
 TEST(EveryAllocationFails, WhileAFailureIsLogged) {
-  Try([](int number) {
-    Interpose::Reset();
-    Interpose::hooks().now = number;
+  Machine::ForEachFailure([](Machine::Point const& point) {
+    Machine::Reset();
+    Machine::hooks().now = point.number;
     LogFile::BeginAnew();
     Capture::Descriptor const console(1);
     bool failed = false;
     {
       std::string const reason(5000, 'x');
-      FailingAllocation const failing(number);
+      Machine::FailingAllocation const failing(point);
       Tarvik::Ilog::LogFailure("Ifile", reason.c_str());
-      failed = FailingAllocation::Happened();
+      failed = Machine::FailingAllocation::Happened();
     }
     EXPECT_TRUE(LogFile::IsFree(*Tarvik::Ilog::Logger::GetInstance()->fileSink));
     return failed;

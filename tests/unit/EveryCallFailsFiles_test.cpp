@@ -20,9 +20,9 @@
 #include "RTC/Rtc.h"
 #include "Watchdog/Watchdog.h"
 #include "tests/support/Capture.h"
-#include "tests/support/FaultTable.h"
-#include "tests/support/Interpose.h"
-#include "tests/support/LiveFiles.h"
+#include "tests/machine/FaultTable.h"
+#include "tests/machine/Machine.h"
+#include "tests/machine/Objects.h"
 #include "tests/support/LogFile.h"
 
 namespace {
@@ -30,7 +30,7 @@ namespace {
 namespace fs = std::filesystem;
 using FaultTable::kNoHarm;
 using FaultTable::Row;
-using Interpose::Answer;
+using Machine::Answer;
 using Quellon::DiskUtils::Disk;
 using Quellon::FileUtils::FilesManager;
 using Quellon::FileUtils::Ifile;
@@ -68,11 +68,11 @@ class Recordings {
     std::time_t time = 0;
     for (char const* name : {"a.dat", "b.dat", "c.dat", "d.dat"}) {
       std::string const path = std::string(kDirectory) + name;
-      Interpose::MakeFile(path, std::string(kSize, 'x'));
+      Machine::MakeFile(path, std::string(kSize, 'x'));
       timespec const times[2] = {{time += 60, 0}, {time, 0}};
-      utimensat(AT_FDCWD, Interpose::Real(path).c_str(), times, 0);
+      utimensat(AT_FDCWD, Machine::Real(path).c_str(), times, 0);
     }
-    Interpose::hooks().statvfs = [](std::string const&, struct statvfs* space) {
+    Machine::hooks().statvfs = [](std::string const&, struct statvfs* space) {
       space->f_frsize = 1;
       space->f_blocks = 10000;
       space->f_bfree = static_cast<fsblkcnt_t>(10000 - 1000 * OnCard().size());
@@ -86,12 +86,12 @@ class Recordings {
   }
   ~Recordings() {
     catalogue.reset();
-    LiveFiles::DeleteAll();
+    Machine::DeleteLiveFiles();
   }
 
   static std::string OnCard() {
     std::string names;
-    for (auto const& entry : fs::directory_iterator(Interpose::Real(kDirectory))) {
+    for (auto const& entry : fs::directory_iterator(Machine::Real(kDirectory))) {
       names += entry.path().stem();
     }
     std::ranges::sort(names);
@@ -200,7 +200,7 @@ class Copying {
  public:
   Copying() {
     BeginLog();
-    Interpose::MakeFile("/mnt/sdcard/from", content);
+    Machine::MakeFile("/mnt/sdcard/from", content);
     std::string path = "/mnt/sdcard/from";
     file.emplace(path, false);
   }
@@ -212,8 +212,8 @@ class Copying {
   }
 
   std::string Outcome() {
-    EXPECT_EQ(Interpose::ReadFile("/mnt/sdcard/from"), content);
-    std::string const copy = Interpose::ReadFile("/mnt/sdcard/to");
+    EXPECT_EQ(Machine::ReadFile("/mnt/sdcard/from"), content);
+    std::string const copy = Machine::ReadFile("/mnt/sdcard/to");
     EXPECT_EQ(copy, content.substr(0, copy.size()));
     std::string const amount = copy.empty() ? "nothing" : copy == content ? "all" : "a part";
     return (result ? "done, " : "failed, ") + amount + LogText();
@@ -245,7 +245,7 @@ TEST(EveryCallFails, WhileAFileIsCopied) {
 class Syncing {
  public:
   Syncing() {
-    Interpose::MakeFile(kPath, "");
+    Machine::MakeFile(kPath, "");
     std::string path = kPath;
     file.emplace(path, true);
     file->Write(text, sizeof text);
@@ -254,7 +254,7 @@ class Syncing {
   void Run() { outcome = file->Sync() ? "on the card" : "not on the card"; }
 
   std::string Outcome() {
-    std::string const content = Interpose::ReadFile(kPath);
+    std::string const content = Machine::ReadFile(kPath);
     return outcome + (content == std::string(text, sizeof text) ? "" : ", incomplete");
   }
 
@@ -276,9 +276,9 @@ TEST(EveryCallFails, WhileARecordingIsBroughtToTheCard) {
 class Clock {
  public:
   Clock() {
-    Interpose::MakeFile("/dev/rtc0", "");
-    Interpose::hooks().ioctl = [](unsigned long, void*) { return Answer::Success(); };
-    Interpose::hooks().setClock = [](long) { return Answer::Success(); };
+    Machine::MakeFile("/dev/rtc0", "");
+    Machine::hooks().ioctl = [](unsigned long, void*) { return Answer::Success(); };
+    Machine::hooks().setClock = [](long) { return Answer::Success(); };
   }
 
   void Run() {
@@ -305,8 +305,8 @@ class Kicking {
  public:
   Kicking() {
     BeginLog();
-    Interpose::MakeFile("/dev/watchdog", "");
-    Interpose::hooks().ioctl = [](unsigned long request, void* argument) {
+    Machine::MakeFile("/dev/watchdog", "");
+    Machine::hooks().ioctl = [](unsigned long request, void* argument) {
       if (request == WDIOC_GETTIMEOUT) *static_cast<int*>(argument) = 60;
       return Answer::Success();
     };
@@ -354,13 +354,13 @@ class Logging {
  public:
   Logging() {
     BeginLog();
-    Interpose::MakeFile(LogFile::kPath, std::string(kLongestLine - 60, 'x') + "\n");
+    Machine::MakeFile(LogFile::kPath, std::string(kLongestLine - 60, 'x') + "\n");
   }
 
   void Run() {
     long second = 0;
     for (char const* text : {"one", "two", "three"}) {
-      Interpose::hooks().now = ++second;
+      Machine::hooks().now = ++second;
       Tarvik::Ilog::LogLine(Tarvik::Ilog::Info) << text;
     }
     EndLog();
@@ -376,7 +376,7 @@ class Logging {
   // The text of each line; what filled the file is a dot.
   static std::string Summary(std::string const& path) {
     constexpr std::streamoff kEnd = 120;
-    std::ifstream file(Interpose::Real(path), std::ios::ate);
+    std::ifstream file(Machine::Real(path), std::ios::ate);
     file.seekg(-std::min<std::streamoff>(kEnd, file.tellg()), std::ios::end);
     std::string summary;
     for (std::string line; std::getline(file, line);) {

@@ -9,8 +9,8 @@
 #include "DiskUtils/System.h"
 #include "tests/support/Capture.h"
 #include "tests/support/FakeCard.h"
-#include "tests/support/FaultTable.h"
-#include "tests/support/Interpose.h"
+#include "tests/machine/FaultTable.h"
+#include "tests/machine/Machine.h"
 #include "tests/support/OwnedSystem.h"
 
 namespace {
@@ -50,8 +50,8 @@ std::string Exceptions(std::string const& output) {
 class GoodCard {
  public:
   GoodCard() {
-    Interpose::MakeFile(kCounterFile, R"({"sdcard-status-conter":3})");
-    Interpose::hooks().reboot = [](int) { return Interpose::Answer::Failure(EPERM); };
+    Machine::MakeFile(kCounterFile, R"({"sdcard-status-conter":3})");
+    Machine::hooks().reboot = [](int) { return Machine::Answer::Failure(EPERM); };
     NewSystem(system);
   }
 
@@ -62,7 +62,7 @@ class GoodCard {
   std::string Outcome() {
     EXPECT_EQ(result, system->disk);
     EXPECT_EQ(system->diskFault, !result->available);
-    EXPECT_TRUE(Interpose::Traced("reboot").empty());
+    EXPECT_TRUE(Machine::Traced("reboot").empty());
     std::string outcome = Exceptions(output) + (result->available ? "in service" : "refused") +
                           ", state " + Health(*system, "zr") + ", check " + Health(*system, "zf");
     if (Health(*system, "zi") != "\"\"") outcome += ", cid";
@@ -114,9 +114,9 @@ TEST(EveryCallFails, WhileAGoodCardIsStarted) {
 class MissingCard {
  public:
   MissingCard() {
-    Interpose::MakeFile(kCounterFile, R"({"sdcard-status-conter":1})");
-    Interpose::RemoveFile("/dev/mmcblk1");
-    Interpose::hooks().reboot = [](int) { return Interpose::Answer::Failure(EPERM); };
+    Machine::MakeFile(kCounterFile, R"({"sdcard-status-conter":1})");
+    Machine::RemoveFile("/dev/mmcblk1");
+    Machine::hooks().reboot = [](int) { return Machine::Answer::Failure(EPERM); };
     NewSystem(system);
   }
 
@@ -126,11 +126,11 @@ class MissingCard {
   }
 
   std::string Outcome() {
-    bool const rebooted = !Interpose::Traced("reboot").empty();
+    bool const rebooted = !Machine::Traced("reboot").empty();
     EXPECT_EQ(result == nullptr, rebooted);
     EXPECT_EQ(system->GetHealthReport() == "{}", rebooted);
     EXPECT_TRUE(system->diskFault);
-    return (rebooted ? "rebooted, " : "carried on, ") + Interpose::ReadFile(kCounterFile);
+    return (rebooted ? "rebooted, " : "carried on, ") + Machine::ReadFile(kCounterFile);
   }
 
  private:
@@ -157,7 +157,7 @@ TEST(EveryCallFails, WhileAMissingCardIsStarted) {
 class Counter {
  public:
   Counter() {
-    Interpose::MakeFile(kCounterFile, R"({"sdcard-status-conter":1})");
+    Machine::MakeFile(kCounterFile, R"({"sdcard-status-conter":1})");
     NewSystem(system);
   }
 

@@ -24,9 +24,9 @@
 #include "tests/support/Capture.h"
 #include "tests/support/ChildProcess.h"
 #include "tests/support/Descriptors.h"
-#include "tests/support/Interpose.h"
+#include "tests/machine/Machine.h"
 #include "tests/support/LogFile.h"
-#include "tests/support/TheReal.h"
+#include "tests/machine/TheReal.h"
 
 namespace {
 
@@ -36,17 +36,6 @@ ssize_t RealWrite(int fd, void const* data, std::size_t length) {
   static auto* const next = TheReal<ssize_t(int, void const*, std::size_t)>("write");
   return next(fd, data, length);
 }
-
-}  // namespace
-
-extern "C" int fstat(int fd, struct stat* status) noexcept {
-  static auto* const next = TheReal<int(int, struct stat*)>("fstat");
-  if (!fstatFails) return next(fd, status);
-  errno = EIO;
-  return -1;
-}
-
-namespace {
 
 namespace fs = std::filesystem;
 using LogFile::kOlderPath;
@@ -71,18 +60,17 @@ std::string Lines(std::size_t size) {
 class FileLog : public testing::Test {
  protected:
   void SetUp() override {
-    Interpose::MakeFile(kPath, "");
-    fs::remove(Interpose::Real(kPath));
+    Machine::MakeFile(kPath, "");
+    fs::remove(Machine::Real(kPath));
   }
-  void TearDown() override { fstatFails = false; }
 
-  static std::string Older() { return Interpose::ReadFile(kOlderPath); }
-  static bool Exists(char const* path) { return fs::exists(Interpose::Real(path)); }
+  static std::string Older() { return Machine::ReadFile(kOlderPath); }
+  static bool Exists(char const* path) { return fs::exists(Machine::Real(path)); }
 
   /// Every write to the log goes through `answer`.
   template <typename Write>
   static void OnWrite(Write answer) {
-    Interpose::hooks().write = [answer](int fd, void const* data, std::size_t length) {
+    Machine::hooks().write = [answer](int fd, void const* data, std::size_t length) {
       return answer(fd, static_cast<char const*>(data), length);
     };
   }
@@ -124,7 +112,7 @@ TEST_F(FileLog, CanBeReadByAllAndWrittenByItsOwner) {
 }
 
 TEST_F(FileLog, GoesOnAtTheEndOfAnEarlierOne) {
-  Interpose::MakeFile(kPath, "from the last start\n");
+  Machine::MakeFile(kPath, "from the last start\n");
   EXPECT_TRUE(policy.Write("now\n"));
   EXPECT_EQ(LogFile::Text(), "from the last start\nnow\n");
 }
@@ -146,7 +134,7 @@ TEST_F(FileLog, ClosesItsFileInTheEnd) {
 }
 
 TEST_F(FileLog, FillsItsFileToOneByteBelowTheMark) {
-  Interpose::MakeFile(kPath, Lines(kMark - 10));
+  Machine::MakeFile(kPath, Lines(kMark - 10));
   EXPECT_TRUE(policy.Write("12345678\n"));
   EXPECT_EQ(LogFile::Text().size(), kMark - 1);
   EXPECT_FALSE(Exists(kOlderPath));
@@ -154,19 +142,19 @@ TEST_F(FileLog, FillsItsFileToOneByteBelowTheMark) {
 
 TEST_F(FileLog, BeginsANewFileBeforeTheMarkIsReached) {
   std::string const full = Lines(kMark - 10);
-  Interpose::MakeFile(kPath, full);
+  Machine::MakeFile(kPath, full);
   EXPECT_TRUE(policy.Write("123456789\n"));
   EXPECT_EQ(LogFile::Text(), "123456789\n");
   EXPECT_TRUE(Older() == full);
 }
 
 TEST_F(FileLog, KeepsOneOlderFileOnly) {
-  Interpose::MakeFile(kOlderPath, "oldest");
-  Interpose::MakeFile(kPath, Lines(kLimit));
+  Machine::MakeFile(kOlderPath, "oldest");
+  Machine::MakeFile(kPath, Lines(kLimit));
   EXPECT_TRUE(policy.Write("new\n"));
   EXPECT_TRUE(Older() == Lines(kLimit));
   EXPECT_EQ(LogFile::Text(), "new\n");
-  auto const folder = Interpose::Real(kPath).parent_path();
+  auto const folder = Machine::Real(kPath).parent_path();
   EXPECT_EQ(std::distance(fs::directory_iterator(folder), fs::directory_iterator()), 2);
 }
 
@@ -205,9 +193,9 @@ TEST_F(FileLog, LeavesALongLineWholeOnTheConsole) {
 }
 
 TEST_F(FileLog, IsEmptiedWhereItCannotBeRenamed) {
-  Interpose::MakeFile(kPath, Lines(kLimit));
-  Interpose::hooks().rename = [](auto const&, auto const&) {
-    return Interpose::Answer::Failure(EACCES);
+  Machine::MakeFile(kPath, Lines(kLimit));
+  Machine::hooks().rename = [](auto const&, auto const&) {
+    return Machine::Answer::Failure(EACCES);
   };
   EXPECT_TRUE(policy.Write("new\n"));
   EXPECT_EQ(LogFile::Text(), "new\n");
@@ -216,13 +204,13 @@ TEST_F(FileLog, IsEmptiedWhereItCannotBeRenamed) {
 
 TEST_F(FileLog, FailsWhereTheNewFileCannotBeMade) {
   EXPECT_TRUE(policy.Write("first\n"));
-  std::ofstream(Interpose::Real(kPath), std::ios::app) << Lines(kMark);
-  Interpose::hooks().now = 1;
-  Interpose::hooks().faultAt = [](std::string const& function, std::string const& path) {
-    return function == "open" && path == kPath ? std::optional(EROFS) : std::nullopt;
+  std::ofstream(Machine::Real(kPath), std::ios::app) << Lines(kMark);
+  Machine::hooks().now = 1;
+  Machine::hooks().fault = [](Machine::Call const& call) {
+    return call.function == "open" && call.subject == kPath ? std::optional(EROFS) : std::nullopt;
   };
   EXPECT_FALSE(policy.Write("lost\n"));
-  Interpose::hooks().faultAt = nullptr;
+  Machine::hooks().fault = nullptr;
   EXPECT_TRUE(policy.Write("back\n"));
   EXPECT_EQ(LogFile::Text(), "back\n");
 }
@@ -258,15 +246,15 @@ TEST_F(FileLog, AfterAFailureTheNextLineOpensTheFileAgain) {
   WritesFailWith(EIO);
   EXPECT_FALSE(policy.Write("lost\n"));
   EXPECT_THAT(watch.Opened(), testing::IsEmpty());
-  Interpose::hooks().write = nullptr;
+  Machine::hooks().write = nullptr;
   EXPECT_TRUE(policy.Write("back\n"));
   EXPECT_EQ(LogFile::Text(), "back\n");
 }
 
 TEST_F(FileLog, IsNotTrustedWhenItsSizeCannotBeRead) {
-  fstatFails = true;
+  Machine::hooks().fstat = [](auto&&...) { return Machine::Answer::Failure(EIO); };
   EXPECT_FALSE(policy.Write("lost\n"));
-  fstatFails = false;
+  Machine::hooks().fstat = nullptr;
   EXPECT_TRUE(policy.Write("back\n"));
   EXPECT_EQ(LogFile::Text(), "back\n");
 }
@@ -281,7 +269,7 @@ TEST_F(FileLog, ALineThatDoesNotFitOnTheDiskLeavesNoFragment) {
   });
   EXPECT_FALSE(policy.Write("does not fit\n"));
   EXPECT_EQ(LogFile::Text(), "whole\n");
-  Interpose::hooks().write = nullptr;
+  Machine::hooks().write = nullptr;
   EXPECT_TRUE(policy.Write("back\n"));
   EXPECT_EQ(LogFile::Text(), "whole\nback\n");
 }
@@ -300,53 +288,53 @@ TEST_F(FileLog, AFragmentWithAnotherLineBehindItStaysAndTheNextLineBeginsAnew) {
     return -1;
   });
   EXPECT_FALSE(policy.Write("does not fit\n"));
-  Interpose::hooks().write = nullptr;
+  Machine::hooks().write = nullptr;
   EXPECT_TRUE(policy.Write("back\n"));
   EXPECT_EQ(LogFile::Text(), "whole\ndoes another process\nback\n");
 }
 
 TEST_F(FileLog, WhatAPowerCutLeftOfALineIsEndedBeforeTheNext) {
-  Interpose::MakeFile(kPath, "whole\nfragm");
+  Machine::MakeFile(kPath, "whole\nfragm");
   EXPECT_TRUE(policy.Write("next\n"));
   EXPECT_EQ(LogFile::Text(), "whole\nfragm\nnext\n");
 }
 
 TEST_F(FileLog, DeletedByOthersItIsThereAgainASecondLater) {
-  Interpose::hooks().now = 100;
+  Machine::hooks().now = 100;
   EXPECT_TRUE(policy.Write("lost\n"));
-  fs::remove(Interpose::Real(kPath));
-  Interpose::hooks().now = 101;
+  fs::remove(Machine::Real(kPath));
+  Machine::hooks().now = 101;
   EXPECT_TRUE(policy.Write("there\n"));
   EXPECT_EQ(LogFile::Text(), "there\n");
 }
 
 TEST_F(FileLog, RenamedByOthersItGoesOnUnderItsOwnNameASecondLater) {
-  Interpose::hooks().now = 100;
+  Machine::hooks().now = 100;
   EXPECT_TRUE(policy.Write("before\n"));
-  fs::rename(Interpose::Real(kPath), Interpose::Real("/var/log/kept"));
-  Interpose::hooks().now = 99;  // a clock that was set back tells the time as well
+  fs::rename(Machine::Real(kPath), Machine::Real("/var/log/kept"));
+  Machine::hooks().now = 99;  // a clock that was set back tells the time as well
   EXPECT_TRUE(policy.Write("after\n"));
   EXPECT_EQ(LogFile::Text(), "after\n");
-  EXPECT_EQ(Interpose::ReadFile("/var/log/kept"), "before\n");
+  EXPECT_EQ(Machine::ReadFile("/var/log/kept"), "before\n");
 }
 
 TEST_F(FileLog, ReplacedByOthersItIsTheirFileASecondLater) {
-  Interpose::hooks().now = 100;
+  Machine::hooks().now = 100;
   EXPECT_TRUE(policy.Write("before\n"));
-  Interpose::MakeFile("/var/log/new", "theirs\n");
-  fs::rename(Interpose::Real("/var/log/new"), Interpose::Real(kPath));
-  Interpose::hooks().now = 101;
+  Machine::MakeFile("/var/log/new", "theirs\n");
+  fs::rename(Machine::Real("/var/log/new"), Machine::Real(kPath));
+  Machine::hooks().now = 101;
   EXPECT_TRUE(policy.Write("after\n"));
   EXPECT_EQ(LogFile::Text(), "theirs\nafter\n");
 }
 
 TEST_F(FileLog, IsNotAskedForItsPlaceWithEveryLine) {
-  Interpose::hooks().now = 100;
+  Machine::hooks().now = 100;
   EXPECT_TRUE(policy.Write("first\n"));
   int looks = 0;
-  Interpose::hooks().lstat = [&](auto const&, struct stat*) {
+  Machine::hooks().lstat = [&](auto const&, struct stat*) {
     ++looks;
-    return Interpose::Answer::Failure(ENOENT);
+    return Machine::Answer::Failure(ENOENT);
   };
   for (int i = 0; i < 20; ++i) EXPECT_TRUE(policy.Write(std::string(99, 'x') + "\n"));
   EXPECT_EQ(looks, 0);
@@ -364,8 +352,8 @@ void SleepReally(std::chrono::nanoseconds duration) {
 pid_t StartWriter(int writer, int lines, std::size_t longest = 150, std::size_t step = 1) {
   pid_t const child = fork();
   if (child != 0) return child;
-  Interpose::hooks().now.reset();
-  Interpose::hooks().sleep = SleepReally;
+  Machine::hooks().now.reset();
+  Machine::hooks().sleep = SleepReally;
   FileLogPolicy own;
   bool written = true;
   for (int i = 0; i < lines; ++i) {
@@ -418,11 +406,11 @@ TEST_F(FileLog, ManyProcessesKeepItsLimitAndItsLinesWhole) {
 
 TEST_F(FileLog, ALineThatAnotherProcessWritesWhileTheFileIsRenamedStays) {
   FileLogPolicy other;
-  Interpose::MakeFile(kPath, Lines(kMark));
-  Interpose::hooks().rename = [&](std::string const& from, std::string const& to) {
-    renameat(AT_FDCWD, Interpose::Real(from).c_str(), AT_FDCWD, Interpose::Real(to).c_str());
+  Machine::MakeFile(kPath, Lines(kMark));
+  Machine::hooks().rename = [&](std::string const& from, std::string const& to) {
+    renameat(AT_FDCWD, Machine::Real(from).c_str(), AT_FDCWD, Machine::Real(to).c_str());
     EXPECT_TRUE(other.Write("another's\n"));
-    return Interpose::Answer::Success();
+    return Machine::Answer::Success();
   };
   EXPECT_TRUE(policy.Write("own\n"));
   EXPECT_EQ(LogFile::Text(), "another's\nown\n");
@@ -451,15 +439,15 @@ TEST_F(FileLog, AProcessThatKeepsTheTurnForItselfStopsNobodyAndTheLimitHolds) {
   std::string const line(999, 'x');
   for (int i = 0; i < 2'000; ++i) {
     ASSERT_TRUE(policy.Write(line + "\n"));
-    ASSERT_LT(fs::file_size(Interpose::Real(kPath)), kLimit);
+    ASSERT_LT(fs::file_size(Machine::Real(kPath)), kLimit);
   }
   EXPECT_LT(Older().size(), kLimit);
   EXPECT_GT(Older().size(), kUpperMark - 2'000);
 }
 
 TEST_F(FileLog, WhatAProcessWritesUnseenFitsBehindAFileThatAnotherOneEndedWithoutItsTurn) {
-  Interpose::hooks().now = 100;
-  Interpose::MakeFile(kPath, Lines(kMark - 10));
+  Machine::hooks().now = 100;
+  Machine::MakeFile(kPath, Lines(kMark - 10));
   EXPECT_TRUE(policy.Write("first\n"));
   Tarvik::UniqueFd const folder(open("/var/log/", O_RDONLY | O_CLOEXEC));
   ASSERT_EQ(flock(folder.Get(), LOCK_EX), 0);
@@ -471,22 +459,22 @@ TEST_F(FileLog, WhatAProcessWritesUnseenFitsBehindAFileThatAnotherOneEndedWithou
 }
 
 TEST_F(FileLog, IsLookedAtWithEachLineWithoutTheTurn) {
-  Interpose::hooks().now = 100;
+  Machine::hooks().now = 100;
   Tarvik::UniqueFd const turn = TakeTheTurn();
   EXPECT_TRUE(policy.Write("first\n"));
-  fs::remove(Interpose::Real(kPath));
+  fs::remove(Machine::Real(kPath));
   EXPECT_TRUE(policy.Write("second\n"));
   EXPECT_EQ(LogFile::Text(), "second\n");
 }
 
 TEST_F(FileLog, WaitsForTheTurnToOpenItAndWithALineTheMarksLeaveNoRoomFor) {
-  Interpose::hooks().now = 100;
+  Machine::hooks().now = 100;
   Tarvik::UniqueFd turn = TakeTheTurn();
-  Interpose::hooks().sleep = [&](auto&&) { turn = Tarvik::UniqueFd(); };
+  Machine::hooks().sleep = [&](auto&&) { turn = Tarvik::UniqueFd(); };
   EXPECT_TRUE(policy.Write("first\n"));
   EXPECT_FALSE(turn.IsOpen());
   turn = TakeTheTurn();
-  Interpose::hooks().now = 101;
+  Machine::hooks().now = 101;
   EXPECT_TRUE(policy.Write("short\n"));
   EXPECT_TRUE(turn.IsOpen());
   EXPECT_TRUE(policy.Write(Lines(kMark - 12)));
@@ -495,7 +483,7 @@ TEST_F(FileLog, WaitsForTheTurnToOpenItAndWithALineTheMarksLeaveNoRoomFor) {
 }
 
 TEST_F(FileLog, KeepsTheOlderOneThoughALineFillsANewFileAlone) {
-  Interpose::MakeFile(kOlderPath, "older\n");
+  Machine::MakeFile(kOlderPath, "older\n");
   EXPECT_TRUE(policy.Write(Lines(kMark)));
   EXPECT_EQ(LogFile::Text().size(), kMark);
   EXPECT_EQ(Older(), "older\n");
@@ -503,16 +491,16 @@ TEST_F(FileLog, KeepsTheOlderOneThoughALineFillsANewFileAlone) {
 
 TEST_F(FileLog, AChildForkedWhileItIsLookedAtDoesNotKeepTheTurn) {
   pid_t child = -1;
-  Interpose::hooks().lstat = [&](auto const&, struct stat*) {
+  Machine::hooks().lstat = [&](auto const&, struct stat*) {
     child = fork();
     if (child == 0) {
       pause();
       _exit(0);
     }
-    return Interpose::Answer::Failure(ENOENT);
+    return Machine::Answer::Failure(ENOENT);
   };
   EXPECT_TRUE(policy.Write("first\n"));
-  Interpose::hooks().now = 1;
+  Machine::hooks().now = 1;
   EXPECT_TRUE(policy.Write("looks\n"));
   ASSERT_GT(child, 0);
   Tarvik::UniqueFd const folder(open("/var/log/", O_RDONLY | O_CLOEXEC));
@@ -523,7 +511,7 @@ TEST_F(FileLog, AChildForkedWhileItIsLookedAtDoesNotKeepTheTurn) {
 
 TEST_F(FileLog, IsNeverAStandardStream) {
   ChildProcess::Run([this] {
-    Interpose::MakeFile(kPath, "");
+    Machine::MakeFile(kPath, "");
     for (int fd : {0, 1, 2}) close(fd);
     Descriptors::Watch const watch;
     bool const written = policy.Write("line\n");
@@ -536,20 +524,20 @@ TEST_F(FileLog, IsNeverAStandardStream) {
 }
 
 TEST_F(FileLog, IsNeverWrittenThroughASymbolicLink) {
-  Interpose::MakeFile("/root/precious", "precious");
-  fs::create_symlink(Interpose::Real("/root/precious"), Interpose::Real(kPath));
+  Machine::MakeFile("/root/precious", "precious");
+  fs::create_symlink(Machine::Real("/root/precious"), Machine::Real(kPath));
   EXPECT_FALSE(policy.Write("line\n"));
-  EXPECT_EQ(Interpose::ReadFile("/root/precious"), "precious");
+  EXPECT_EQ(Machine::ReadFile("/root/precious"), "precious");
 }
 
 TEST_F(FileLog, IsNotMadeThroughADanglingSymbolicLink) {
-  fs::create_symlink(Interpose::Real("/var/log/elsewhere"), Interpose::Real(kPath));
+  fs::create_symlink(Machine::Real("/var/log/elsewhere"), Machine::Real(kPath));
   EXPECT_FALSE(policy.Write("line\n"));
   EXPECT_FALSE(Exists("/var/log/elsewhere"));
 }
 
 TEST_F(FileLog, APipeUnderItsNameDoesNotStopTheCaller) {
-  std::string const pipe = Interpose::Real(kPath);
+  std::string const pipe = Machine::Real(kPath);
   ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
   EXPECT_FALSE(policy.Write("nobody reads\n"));
   int const reader = open(pipe.c_str(), O_RDONLY | O_NONBLOCK);
@@ -560,17 +548,17 @@ TEST_F(FileLog, APipeUnderItsNameDoesNotStopTheCaller) {
 }
 
 TEST_F(FileLog, ADirectoryUnderItsNameIsAFailure) {
-  fs::create_directory(Interpose::Real(kPath));
+  fs::create_directory(Machine::Real(kPath));
   EXPECT_FALSE(policy.Write("line\n"));
 }
 
 TEST_F(FileLog, ASinkWithoutItsFolderDisablesItselfAndComesBackWhenEnabled) {
-  fs::remove(Interpose::Real(kPath).parent_path());
+  fs::remove(Machine::Real(kPath).parent_path());
   LoggerBase<FileLogPolicy> sink;
   Log(sink, "lost");
   EXPECT_FALSE(sink.enabled);
   EXPECT_TRUE(LogFile::IsFree(sink));
-  Interpose::MakeFile(kPath, "");
+  Machine::MakeFile(kPath, "");
   Log(sink, "still off");
   EXPECT_EQ(LogFile::Text(), "");
   sink.enabled = true;
@@ -585,7 +573,7 @@ TEST_F(FileLog, ASinkWithAFullDiskDisablesItselfAndComesBackWhenEnabled) {
   Log(sink, "lost");
   EXPECT_FALSE(sink.enabled);
   EXPECT_TRUE(LogFile::IsFree(sink));
-  Interpose::hooks().write = nullptr;
+  Machine::hooks().write = nullptr;
   sink.enabled = true;
   Log(sink, "back");
   EXPECT_EQ(LogFile::SplitLines(LogFile::Text()).size(), 1U);

@@ -19,7 +19,7 @@
 #include "base/Logger.h"
 #include "tests/support/Capture.h"
 #include "tests/support/ChildProcess.h"
-#include "tests/support/Interpose.h"
+#include "tests/machine/Machine.h"
 
 namespace {
 
@@ -50,13 +50,13 @@ void Put(Ifile& file, std::string text) {
 }
 
 bool Exists(std::string const& path) {
-  return fs::exists(Interpose::Real(path));
+  return fs::exists(Machine::Real(path));
 }
 
 class FileStream : public testing::Test {
  protected:
-  FileStream() { fs::create_directories(Interpose::Real(kPath).parent_path()); }
-  static void Holds(std::string const& text) { Interpose::MakeFile(kPath, text); }
+  FileStream() { fs::create_directories(Machine::Real(kPath).parent_path()); }
+  static void Holds(std::string const& text) { Machine::MakeFile(kPath, text); }
 };
 
 TEST_F(FileStream, OpensAnExistingFileInPlaceWhenMadeOpen) {
@@ -65,7 +65,7 @@ TEST_F(FileStream, OpensAnExistingFileInPlaceWhenMadeOpen) {
   ASSERT_TRUE(file->stream->is_open());
   Put(*file, "ab");
   file->Close();
-  EXPECT_EQ(Interpose::ReadFile(kPath), "ab345");
+  EXPECT_EQ(Machine::ReadFile(kPath), "ab345");
 }
 
 TEST_F(FileStream, MadeOpenOnAMissingFileKeepsAFailedStreamAndMakesNothing) {
@@ -97,7 +97,7 @@ TEST_F(FileStream, OpenWithoutAStreamOpensAnExistingFileInPlaceWhateverAppendSay
     EXPECT_TRUE(file->Open(append));
     Put(*file, "ab");
     file->Close();
-    EXPECT_EQ(Interpose::ReadFile(kPath), "ab345");
+    EXPECT_EQ(Machine::ReadFile(kPath), "ab345");
   }
 }
 
@@ -109,15 +109,15 @@ TEST_F(FileStream, OpenOnAnUnopenedStreamEmptiesTheFileUnlessAppending) {
   appending->stream->seekp(0);
   Put(*appending, "cd");
   appending->Close();
-  EXPECT_EQ(Interpose::ReadFile(kPath), "12345abcd");
+  EXPECT_EQ(Machine::ReadFile(kPath), "12345abcd");
   auto const emptying = BareAt(kPath);
   EXPECT_TRUE(emptying->Open(false));
-  EXPECT_EQ(Interpose::ReadFile(kPath), "");
+  EXPECT_EQ(Machine::ReadFile(kPath), "");
 }
 
 TEST_F(FileStream, OpenMakesAMissingFileAndTheStreamIsGood) {
   for (bool const append : {false, true}) {
-    fs::remove(Interpose::Real(kPath));
+    fs::remove(Machine::Real(kPath));
     auto const file = At(kPath);
     EXPECT_TRUE(file->Open(append));
     EXPECT_TRUE(file->stream->is_open());
@@ -148,7 +148,7 @@ TEST_F(FileStream, OpenOnAnOpenStreamChangesNothing) {
   auto const* const stream = file->stream.get();
   EXPECT_TRUE(file->Open(false));
   EXPECT_EQ(file->stream.get(), stream);
-  EXPECT_EQ(Interpose::ReadFile(kPath), "12345");
+  EXPECT_EQ(Machine::ReadFile(kPath), "12345");
 }
 
 TEST_F(FileStream, CanBeOpenedWrittenAndClosedAgainAndAgain) {
@@ -161,7 +161,7 @@ TEST_F(FileStream, CanBeOpenedWrittenAndClosedAgainAndAgain) {
     EXPECT_FALSE(file->stream->is_open());
     EXPECT_TRUE(file->stream->good());
   }
-  EXPECT_EQ(Interpose::ReadFile(kPath), "xyxyxy");
+  EXPECT_EQ(Machine::ReadFile(kPath), "xyxyxy");
 }
 
 TEST_F(FileStream, CloseWithoutAStreamDoesNothing) {
@@ -186,7 +186,7 @@ TEST_F(FileStream, WritesNothingWithoutBytesOrAStream) {
   EXPECT_FALSE(file->Write(nullptr, 1));
   EXPECT_FALSE(file->Write(&byte, 0));
   file->Close();
-  EXPECT_EQ(Interpose::ReadFile(kPath), "");
+  EXPECT_EQ(Machine::ReadFile(kPath), "");
 }
 
 TEST_F(FileStream, WriteSucceedsWhateverTheStateOfTheStream) {
@@ -210,7 +210,7 @@ TEST_F(FileStream, WritesTheValidBytesOfABuffer) {
   Iubuffer null{nullptr, 3, 3};
   EXPECT_FALSE(file->Write(null));
   file->Close();
-  EXPECT_EQ(Interpose::ReadFile(kPath), std::string("a\0c\xff\x80", 5));
+  EXPECT_EQ(Machine::ReadFile(kPath), std::string("a\0c\xff\x80", 5));
 }
 
 TEST_F(FileStream, GoesWithItsObjectAndWhatWasWrittenStays) {
@@ -219,7 +219,7 @@ TEST_F(FileStream, GoesWithItsObjectAndWhatWasWrittenStays) {
     file->Open(false);
     Put(*file, "kept");
   }
-  EXPECT_EQ(Interpose::ReadFile(kPath), "kept");
+  EXPECT_EQ(Machine::ReadFile(kPath), "kept");
 }
 
 TEST_F(FileStream, ThatThrowsNeverLeavesTheDestructor) {
@@ -297,7 +297,7 @@ TEST_F(FileStream, NeverBecomesAStandardDescriptorThatWasClosed) {
         EXPECT_TRUE(file->stream->is_open());
         static_cast<void>(write(number, "printed", 7));
       });
-      EXPECT_EQ(Interpose::ReadFile(kPath), "12345");
+      EXPECT_EQ(Machine::ReadFile(kPath), "12345");
     }
   }
 }
@@ -312,14 +312,14 @@ TEST_F(FileStream, ACopyIsNotWhatIsPrintedMeanwhileByAProcessWithoutStandardOutp
     close(STDOUT_FILENO);  // now the destination would get its number, and the line for the console
     EXPECT_TRUE(file->CopyTo(kCopy));
   });
-  EXPECT_EQ(Interpose::ReadFile(kCopy), "12345");
+  EXPECT_EQ(Machine::ReadFile(kCopy), "12345");
 }
 
 TEST_F(FileStream, OpensNothingElseWhereTheStandardDescriptorsAreOpen) {
   Holds("12345");
   std::vector<std::string> others;
-  Interpose::hooks().faultAt = [&](std::string const& function, std::string const& path) {
-    if (function.find("open") != std::string::npos && path != kPath) others.push_back(path);
+  Machine::hooks().fault = [&](Machine::Call const& call) {
+    if (call.function.find("open") != std::string::npos && call.subject != kPath) others.push_back(call.subject);
     return std::nullopt;
   };
   At(kPath, true);
@@ -329,11 +329,11 @@ TEST_F(FileStream, OpensNothingElseWhereTheStandardDescriptorsAreOpen) {
 TEST_F(FileStream, CopyToCopiesTheWholeFileAndLogsIt) {
   std::string const content = std::string(100000, 'z') + std::string("\0\n\xff", 3);
   Holds(content);
-  Interpose::MakeFile(kCopy, "older and to be replaced");
+  Machine::MakeFile(kCopy, "older and to be replaced");
   auto const file = At(kPath);
   std::string const output = Capture::Output([&] { EXPECT_TRUE(file->CopyTo(kCopy)); });
-  EXPECT_EQ(Interpose::ReadFile(kCopy), content);
-  EXPECT_EQ(Interpose::ReadFile(kPath), content);
+  EXPECT_EQ(Machine::ReadFile(kCopy), content);
+  EXPECT_EQ(Machine::ReadFile(kPath), content);
   EXPECT_TRUE(file->stream->is_open());
   EXPECT_THAT(output, MatchesRegex(std::string(kHeader) +
                                    "Copy file /mnt/sdcard/cr/a\\.gps to /mnt/sdcard/cr/b\\.gps\n"));
@@ -343,8 +343,8 @@ TEST_F(FileStream, CopyToNeverEmptiesTheSource) {
   Holds("12345");
   auto const file = BareAt(kPath);
   Capture::Output([&] { EXPECT_TRUE(file->CopyTo(kCopy)); });
-  EXPECT_EQ(Interpose::ReadFile(kPath), "12345");
-  EXPECT_EQ(Interpose::ReadFile(kCopy), "12345");
+  EXPECT_EQ(Machine::ReadFile(kPath), "12345");
+  EXPECT_EQ(Machine::ReadFile(kCopy), "12345");
 }
 
 TEST_F(FileStream, CopyToBeginsWhereTheSourceWasRead) {
@@ -354,10 +354,10 @@ TEST_F(FileStream, CopyToBeginsWhereTheSourceWasRead) {
   EXPECT_EQ(file->stream->get(), '2');
   Capture::Output([&] {
     EXPECT_TRUE(file->CopyTo(kCopy));
-    EXPECT_EQ(Interpose::ReadFile(kCopy), "345");
+    EXPECT_EQ(Machine::ReadFile(kCopy), "345");
     EXPECT_TRUE(file->CopyTo(kCopy));  // nothing is left to copy, and that is not noticed
   });
-  EXPECT_EQ(Interpose::ReadFile(kCopy), "");
+  EXPECT_EQ(Machine::ReadFile(kCopy), "");
 }
 
 TEST_F(FileStream, CopyToMakesAMissingSourceAndAnEmptyCopy) {
@@ -372,7 +372,7 @@ TEST_F(FileStream, CopyToTakesASourceThatCannotBeOpenedForAnEmptyOne) {
               MatchesRegex(std::string(kHeader) + "Copy file /mnt/sdcard/missing/a\\.gps to "
                                                   "/mnt/sdcard/cr/b\\.gps\n"));
   ASSERT_TRUE(Exists(kCopy));
-  EXPECT_EQ(Interpose::ReadFile(kCopy), "");
+  EXPECT_EQ(Machine::ReadFile(kCopy), "");
 }
 
 /// What a failing copy logs, apart from the header.
@@ -394,15 +394,15 @@ TEST_F(FileStream, CopyToFailsWithOneErrorLineWhenItCannotBegin) {
 
 TEST_F(FileStream, CopyToLeavesAFileAloneThatIsItsOwnDestination) {
   Holds("12345");
-  std::string const path = Interpose::Real(kPath);
-  std::string const directory = Interpose::Real(kPath).parent_path();
+  std::string const path = Machine::Real(kPath);
+  std::string const directory = Machine::Real(kPath).parent_path();
   fs::create_hard_link(path, directory + "/hard link");
   fs::create_symlink(path, directory + "/symbolic link");
   for (std::string const name : {"a.gps", "./a.gps", "hard link", "symbolic link"}) {
     auto const file = At(path);
     EXPECT_EQ(LogOfFailedCopy(*file, directory + "/" + name),
               "[ERROR]Ifile: destination file not open\n");
-    EXPECT_EQ(Interpose::ReadFile(kPath), "12345") << name;
+    EXPECT_EQ(Machine::ReadFile(kPath), "12345") << name;
   }
 }
 

@@ -18,7 +18,7 @@
 #include "FileUtils/File.h"
 #include "base/UniqueFd.h"
 #include "tests/support/Descriptors.h"
-#include "tests/support/Interpose.h"
+#include "tests/machine/Machine.h"
 #include "tests/support/LogFile.h"
 
 namespace {
@@ -37,36 +37,31 @@ std::string PathOf(int fd) {
   return fs::read_symlink("/proc/self/fd/" + std::to_string(fd));
 }
 
-}  // namespace
-
-extern "C" int fsync(int fd) {
-  std::string const path = PathOf(fd);
-  trace.push_back("fsync " + path);
-  errno = failure ? failure(path) : 0;
-  return errno == 0 ? 0 : -1;
-}
-
-namespace {
-
 class FileSync : public testing::Test {
  protected:
   FileSync() {
     trace.clear();
     failure = nullptr;
-    Interpose::Reset();
-    Interpose::MakeFile(kPath, "");
-    Interpose::hooks().write = [](int fd, void const*, std::size_t) -> std::optional<ssize_t> {
+    Machine::Reset();
+    Machine::MakeFile(kPath, "");
+    Machine::hooks().fsync = [](int fd) {
+      std::string const path = PathOf(fd);
+      trace.push_back("fsync " + path);
+      int const error = failure ? failure(path) : 0;
+      return error == 0 ? Machine::Answer::Success() : Machine::Answer::Failure(error);
+    };
+    Machine::hooks().write = [](int fd, void const*, std::size_t) -> std::optional<ssize_t> {
       trace.push_back("write " + PathOf(fd));
       return std::nullopt;
     };
   }
-  ~FileSync() override { Interpose::Reset(); }
+  ~FileSync() override { Machine::Reset(); }
 
   static std::unique_ptr<Ifile> At(std::string path, bool open = false) {
     return std::make_unique<Ifile>(path, open);
   }
 
-  static std::string Real(std::string const& path) { return Interpose::Real(path); }
+  static std::string Real(std::string const& path) { return Machine::Real(path); }
 
   static constexpr char const* kPath = "/mnt/sdcard/cr/a.dat";
   std::string const written = "write " + Real(kPath);
@@ -83,7 +78,7 @@ TEST_F(FileSync, FlushesTheStreamThenTheFileThenItsDirectory) {
   EXPECT_THAT(trace, ElementsAre(written, file, directory));
   EXPECT_THAT(descriptors.Opened(), IsEmpty());
   EXPECT_TRUE(recording->stream->is_open()) << "it may be written to further on";
-  EXPECT_EQ(Interpose::ReadFile(kPath), "12345");
+  EXPECT_EQ(Machine::ReadFile(kPath), "12345");
 }
 
 TEST_F(FileSync, NeedsNoOpenStream) {
@@ -104,7 +99,7 @@ TEST_F(FileSync, FailsWhenTheStreamCannotBeFlushed) {
   auto const recording = At(kPath, true);
   char text[] = "12345";
   recording->Write(text, 5);
-  Interpose::hooks().write = [](int, void const*, std::size_t) {
+  Machine::hooks().write = [](int, void const*, std::size_t) {
     errno = EIO;
     return -1;
   };
@@ -117,7 +112,7 @@ TEST_F(FileSync, FailsWhenClosingTheStreamFailed) {
   auto const recording = At(kPath, true);
   char text[] = "12345";
   recording->Write(text, 5);
-  Interpose::hooks().write = [](int, void const*, std::size_t) {
+  Machine::hooks().write = [](int, void const*, std::size_t) {
     errno = ENOSPC;
     return -1;
   };
@@ -140,8 +135,8 @@ TEST_F(FileSync, FailsWhenTheCardDoesNotTakeTheDirectory) {
 TEST_F(FileSync, GoesOnAfterSignals) {
   failure = [count = 0](std::string const&) mutable { return ++count % 3 != 0 ? EINTR : 0; };
   int opens = 0;
-  Interpose::hooks().faultAt = [&](std::string const& function, std::string const&) {
-    bool const fails = function == "open" && ++opens % 3 != 0;
+  Machine::hooks().fault = [&](Machine::Call const& call) {
+    bool const fails = call.function == "open" && ++opens % 3 != 0;
     return fails ? std::optional(EINTR) : std::nullopt;
   };
   EXPECT_TRUE(At(kPath)->Sync());

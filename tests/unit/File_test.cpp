@@ -15,13 +15,13 @@
 #include <vector>
 
 #include "tests/support/Capture.h"
-#include "tests/support/Interpose.h"
+#include "tests/machine/Machine.h"
 
 namespace {
 
 namespace fs = std::filesystem;
 using namespace std::chrono_literals;
-using Interpose::Answer;
+using Machine::Answer;
 using Quellon::FileUtils::Ifile;
 using testing::ElementsAre;
 using testing::IsEmpty;
@@ -35,8 +35,8 @@ std::unique_ptr<Ifile> At(std::string path, bool open = false) {
 
 class File : public testing::Test {
  protected:
-  static void MakeOfSize(std::size_t size) { Interpose::MakeFile(kPath, std::string(size, 'x')); }
-  static bool Exists() { return fs::exists(Interpose::Real(kPath)); }
+  static void MakeOfSize(std::size_t size) { Machine::MakeFile(kPath, std::string(size, 'x')); }
+  static bool Exists() { return fs::exists(Machine::Real(kPath)); }
   std::unique_ptr<Ifile> const file = At(kPath);
 };
 
@@ -102,14 +102,14 @@ TEST(FileObject, TakesWhatFollowsTheLastDotAsTheExtension) {
 
 TEST_F(File, ExistsWhenItsPathLeadsSomewhere) {
   EXPECT_FALSE(file->FileExists());
-  fs::create_directories(Interpose::Real(kPath));
+  fs::create_directories(Machine::Real(kPath));
   EXPECT_TRUE(file->FileExists());
 }
 
 TEST_F(File, ExistsThoughItMayNotBeRead) {
   MakeOfSize(1);
   int asked = 0;
-  Interpose::hooks().access = [&asked](std::string const&, int mode) {
+  Machine::hooks().access = [&asked](std::string const&, int mode) {
     ++asked;
     return mode == F_OK ? Answer::Success() : Answer::Failure(EACCES);
   };
@@ -124,7 +124,7 @@ TEST_F(File, ExistsThoughItMayNotBeRead) {
 TEST_F(File, StatTellsSizeAndModificationTime) {
   MakeOfSize(77);
   timespec const times[2] = {{5, 0}, {1614877509, 999999999}};
-  utimensat(AT_FDCWD, Interpose::Real(kPath).c_str(), times, 0);
+  utimensat(AT_FDCWD, Machine::Real(kPath).c_str(), times, 0);
   EXPECT_TRUE(file->Stat());
   EXPECT_EQ(file->size, 77);
   EXPECT_EQ(file->time, 1614877509);
@@ -132,7 +132,7 @@ TEST_F(File, StatTellsSizeAndModificationTime) {
 
 TEST_F(File, StatKeepsTheSignOfAnImpossibleSize) {
   MakeOfSize(1);
-  Interpose::hooks().lstat = [](std::string const&, struct stat* status) {
+  Machine::hooks().lstat = [](std::string const&, struct stat* status) {
     status->st_size = -5;
     status->st_mtime = -6;
     return Answer::Success();
@@ -145,7 +145,7 @@ TEST_F(File, StatKeepsTheSignOfAnImpossibleSize) {
 TEST_F(File, StatChangesNothingWhenTheFileIsMissing) {
   file->size = 5;
   file->time = 6;
-  Interpose::hooks().lstat = [](std::string const&, struct stat*) {
+  Machine::hooks().lstat = [](std::string const&, struct stat*) {
     ADD_FAILURE() << "a missing file is not described";
     return Answer::Success();
   };
@@ -157,7 +157,7 @@ TEST_F(File, StatChangesNothingWhenTheFileIsMissing) {
 TEST_F(File, StatDescribesASymbolicLinkAndNotWhereItLeads) {
   MakeOfSize(5000);
   std::string const link = "/mnt/sdcard/cr/link";
-  fs::create_symlink("clip.gps", Interpose::Real(link));
+  fs::create_symlink("clip.gps", Machine::Real(link));
   auto const linked = At(link);
   EXPECT_TRUE(linked->Stat());
   EXPECT_EQ(linked->size, 8);
@@ -166,7 +166,7 @@ TEST_F(File, StatDescribesASymbolicLinkAndNotWhereItLeads) {
 TEST_F(File, StatTakesALinkThatLeadsNowhereForMissing) {
   MakeOfSize(0);
   std::string const link = "/mnt/sdcard/cr/link";
-  fs::create_symlink("nowhere", Interpose::Real(link));
+  fs::create_symlink("nowhere", Machine::Real(link));
   auto const linked = At(link);
   EXPECT_FALSE(linked->FileExists());
   EXPECT_FALSE(linked->Stat());
@@ -176,7 +176,7 @@ TEST_F(File, StatTakesALinkThatLeadsNowhereForMissing) {
 TEST_F(File, OfTwoGibibytesOrMoreIsSizedOnlyWhereTheSizeFits) {
   MakeOfSize(0);
   constexpr std::int64_t kThreeGibibytes = 3LL << 30;
-  ASSERT_EQ(truncate64(Interpose::Real(kPath).c_str(), kThreeGibibytes), 0);
+  ASSERT_EQ(truncate64(Machine::Real(kPath).c_str(), kThreeGibibytes), 0);
   constexpr bool kFits = sizeof(off_t) == sizeof(std::int64_t);
   EXPECT_EQ(file->Stat(), kFits);
   EXPECT_EQ(file->size, kFits ? kThreeGibibytes : 0);
@@ -185,7 +185,7 @@ TEST_F(File, OfTwoGibibytesOrMoreIsSizedOnlyWhereTheSizeFits) {
 TEST_F(File, ThatCannotBeSizedIsNeitherDescribedNorRemoved) {
   MakeOfSize(10);
   file->size = 3;
-  Interpose::hooks().lstat = [](std::string const&, struct stat*) {
+  Machine::hooks().lstat = [](std::string const&, struct stat*) {
     return Answer::Failure(EOVERFLOW);
   };
   EXPECT_FALSE(file->Stat());
@@ -198,39 +198,39 @@ TEST_F(File, RemoveUnlinksTheFileAtOnce) {
   MakeOfSize(1);
   EXPECT_TRUE(file->Remove());
   EXPECT_FALSE(Exists());
-  EXPECT_THAT(Interpose::Trace(), ElementsAre(std::string("unlink ") + kPath));
+  EXPECT_THAT(Machine::Trace(), ElementsAre(std::string("unlink ") + kPath));
 }
 
 TEST_F(File, RemoveFailsAtOnceWithoutAFile) {
   EXPECT_FALSE(file->Remove());
-  EXPECT_THAT(Interpose::Trace(), IsEmpty());
+  EXPECT_THAT(Machine::Trace(), IsEmpty());
 }
 
 TEST_F(File, RemoveTriesThreeTimesAndPausesAfterEachFailure) {
   MakeOfSize(1);
-  Interpose::hooks().unlink = [](std::string const&) { return Answer::Failure(EBUSY); };
+  Machine::hooks().unlink = [](std::string const&) { return Answer::Failure(EBUSY); };
   EXPECT_FALSE(file->Remove());
   std::string const attempt = std::string("unlink ") + kPath;
-  std::string const pause = Interpose::Sleep(50ms);
-  EXPECT_THAT(Interpose::Trace(), ElementsAre(attempt, pause, attempt, pause, attempt, pause));
+  std::string const pause = Machine::Sleep(50ms);
+  EXPECT_THAT(Machine::Trace(), ElementsAre(attempt, pause, attempt, pause, attempt, pause));
   EXPECT_TRUE(Exists());
 }
 
 TEST_F(File, RemoveStopsAtTheFirstSuccess) {
   MakeOfSize(1);
   int attempts = 0;
-  Interpose::hooks().unlink = [&attempts](std::string const&) {
+  Machine::hooks().unlink = [&attempts](std::string const&) {
     return ++attempts < 3 ? Answer::Failure(EINTR) : Answer::Success();
   };
   EXPECT_TRUE(file->Remove());
   EXPECT_EQ(attempts, 3);
-  EXPECT_EQ(Interpose::Slept(), 100ms);
+  EXPECT_EQ(Machine::Slept(), 100ms);
 }
 
 TEST_F(File, RemoveClosesTheStreamFirstAndKeepsIt) {
   MakeOfSize(1);
   auto const opened = At(kPath, true);
-  Interpose::hooks().unlink = [&opened](std::string const&) {
+  Machine::hooks().unlink = [&opened](std::string const&) {
     EXPECT_FALSE(opened->stream->is_open());
     return Answer::Failure(EBUSY);
   };
@@ -241,7 +241,7 @@ TEST_F(File, RemoveClosesTheStreamFirstAndKeepsIt) {
 TEST_F(File, RemoveLeavesTheStreamOpenWhenTheFileIsMissing) {
   MakeOfSize(1);
   auto const opened = At(kPath, true);
-  fs::remove(Interpose::Real(kPath));
+  fs::remove(Machine::Real(kPath));
   EXPECT_FALSE(opened->Remove());
   EXPECT_TRUE(opened->stream->is_open());
 }
@@ -249,10 +249,10 @@ TEST_F(File, RemoveLeavesTheStreamOpenWhenTheFileIsMissing) {
 TEST_F(File, RemoveTakesALinkAndLeavesWhatItLeadsTo) {
   MakeOfSize(1);
   std::string const link = "/mnt/sdcard/cr/link";
-  fs::create_symlink("clip.gps", Interpose::Real(link));
+  fs::create_symlink("clip.gps", Machine::Real(link));
   auto const linked = At(link);
   EXPECT_TRUE(linked->Remove());
-  EXPECT_FALSE(fs::is_symlink(Interpose::Real(link)));
+  EXPECT_FALSE(fs::is_symlink(Machine::Real(link)));
   EXPECT_TRUE(Exists());
 }
 
@@ -275,7 +275,7 @@ TEST_F(File, RemoveIfBiggerThanFailsWithoutAFile) {
 
 TEST_F(File, RemoveIfBiggerThanFailsWhenTheFileCannotBeRemoved) {
   MakeOfSize(100);
-  Interpose::hooks().unlink = [](std::string const&) { return Answer::Failure(EROFS); };
+  Machine::hooks().unlink = [](std::string const&) { return Answer::Failure(EROFS); };
   EXPECT_FALSE(file->RemoveIfBiggerThan(100));
 }
 
@@ -283,7 +283,7 @@ TEST_F(File, RemoveIfBiggerThanComparesWithoutSign) {
   MakeOfSize(1);
   EXPECT_TRUE(file->RemoveIfBiggerThan(~0ULL));
   EXPECT_TRUE(Exists());
-  Interpose::hooks().lstat = [](std::string const&, struct stat* status) {
+  Machine::hooks().lstat = [](std::string const&, struct stat* status) {
     status->st_size = -1;
     return Answer::Success();
   };
@@ -309,7 +309,7 @@ TEST_F(File, RenameMovesTheFileAndRenewsPathNameAndExtension) {
   std::string newPath = "/mnt/sdcard/cr/other.b.log";
   EXPECT_TRUE(file->Rename(newPath));
   EXPECT_FALSE(Exists());
-  EXPECT_EQ(fs::file_size(Interpose::Real(newPath)), 4U);
+  EXPECT_EQ(fs::file_size(Machine::Real(newPath)), 4U);
   EXPECT_EQ(file->path, newPath);
   EXPECT_EQ(file->name, "other.b.log");
   EXPECT_EQ(file->extension, "log");
@@ -335,7 +335,7 @@ TEST_F(File, RenameTakesAPathThatTheApplicationKeepsInAnotherField) {
 TEST_F(File, RenameTakesAPathOfThreeCharactersButNoShorterOne) {
   MakeOfSize(1);
   std::vector<std::string> renamed;
-  Interpose::hooks().rename = [&renamed](std::string const& from, std::string const& to) {
+  Machine::hooks().rename = [&renamed](std::string const& from, std::string const& to) {
     renamed.push_back(from + " " + to);
     return Answer::Success();
   };
@@ -361,7 +361,7 @@ TEST_F(File, RenameRefusesWhileTheStreamIsOpen) {
 }
 
 TEST_F(File, RenameFailsWithoutAFileAndAsksForNothing) {
-  Interpose::hooks().rename = [](std::string const&, std::string const&) {
+  Machine::hooks().rename = [](std::string const&, std::string const&) {
     ADD_FAILURE() << "there is nothing to rename";
     return Answer::Success();
   };
@@ -371,7 +371,7 @@ TEST_F(File, RenameFailsWithoutAFileAndAsksForNothing) {
 
 TEST_F(File, RenameThatFailsChangesNothing) {
   MakeOfSize(1);
-  Interpose::hooks().rename = [](std::string const&, std::string const&) {
+  Machine::hooks().rename = [](std::string const&, std::string const&) {
     return Answer::Failure(EXDEV);
   };
   std::string newPath = "/mnt/sdcard/cr/other.log";
@@ -390,7 +390,7 @@ TEST_F(File, FailsWithoutAWord) {
   };
   EXPECT_EQ(Capture::AllOutput(everythingFails), "");
   MakeOfSize(1);
-  auto& hooks = Interpose::hooks();
+  auto& hooks = Machine::hooks();
   hooks.lstat = [](auto&&...) { return Answer::Failure(EOVERFLOW); };
   hooks.unlink = [](auto&&) { return Answer::Failure(EROFS); };
   hooks.rename = [](auto&&...) { return Answer::Failure(EXDEV); };

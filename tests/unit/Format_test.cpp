@@ -8,15 +8,15 @@
 
 #include "DiskUtils/Disk.h"
 #include "tests/support/Capture.h"
-#include "tests/support/FailingAllocation.h"
+#include "tests/machine/Allocation.h"
 #include "tests/support/FakeCard.h"
-#include "tests/support/Interpose.h"
+#include "tests/machine/Machine.h"
 
 namespace {
 
-using Interpose::Answer;
-using Interpose::hooks;
-using Interpose::Trace;
+using Machine::Answer;
+using Machine::hooks;
+using Machine::Trace;
 using Quellon::DiskUtils::Disk;
 using testing::ElementsAre;
 using testing::IsEmpty;
@@ -54,7 +54,7 @@ TEST_F(Format, UnmountsFormatsAndMountsTheCard) {
 
 TEST_F(Format, LooksForBadBlocksWhenAsked) {
   EXPECT_EQ(Output(true, true), Success(kCheckingCommand));
-  EXPECT_THAT(Interpose::Traced("system"), ElementsAre(std::string("system ") + kCheckingCommand));
+  EXPECT_THAT(Machine::Traced("system"), ElementsAre(std::string("system ") + kCheckingCommand));
 }
 
 TEST_F(Format, PrintsTheCommandBeforeRunningIt) {
@@ -91,7 +91,7 @@ TEST_F(Format, FailsWhenTheCommandCannotBeStarted) {
     EXPECT_EQ(Output(false),
               "Try format partition: " + std::string(kCommand) + "\nERROR: Unable to format\n");
   }
-  EXPECT_THAT(Interpose::Traced("mount"), IsEmpty());
+  EXPECT_THAT(Machine::Traced("mount"), IsEmpty());
 }
 
 TEST_F(Format, TellsNothingOfACommandThatFailed) {
@@ -105,7 +105,7 @@ TEST_F(Format, GoesOnThoughNeitherUnmountingNorMountingWorks) {
   std::string output;
   Capture::ErrorOutput([&] { output = Output(true); });
   EXPECT_EQ(output, Success(kCommand));
-  EXPECT_THAT(Interpose::Traced("umount2"), testing::SizeIs(10));
+  EXPECT_THAT(Machine::Traced("umount2"), testing::SizeIs(10));
 }
 
 TEST_F(Format, ChangesNeitherAvailabilityNorTheStatusTable) {
@@ -119,7 +119,7 @@ TEST_F(Format, ChangesNeitherAvailabilityNorTheStatusTable) {
 }
 
 TEST_F(Format, ReportsAFailedAllocationAsAnyOtherError) {
-  std::optional<FailingAllocation> allocation;
+  std::optional<Machine::FailingAllocation> allocation;
   hooks().umount = [&](auto&&) {
     allocation.emplace(1);
     return Answer::Success();

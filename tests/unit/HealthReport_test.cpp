@@ -12,11 +12,11 @@
 #include "tests/support/Capture.h"
 #include "tests/support/ChildProcess.h"
 #include "tests/support/FakeCard.h"
-#include "tests/support/Interpose.h"
+#include "tests/machine/Machine.h"
 
 namespace {
 
-using Interpose::hooks;
+using Machine::hooks;
 using Quellon::DiskUtils::Disk;
 using testing::MatchesRegex;
 
@@ -95,8 +95,8 @@ TEST_F(HealthReport, PrintsACardThatIsNotAvailableAsNotPresent) {
 // As the header tells applications to do it.
 TEST_F(HealthReport, TellsOfAPulledCardOnceSomebodyHasLooked) {
   Build();
-  Interpose::RemoveFile(FakeCard::kPartition);
-  Interpose::RemoveFile("/dev/mmcblk1");
+  Machine::RemoveFile(FakeCard::kPartition);
+  Machine::RemoveFile("/dev/mmcblk1");
   EXPECT_EQ(Build(), kGoodCard);
   EXPECT_EQ(Integer("zr"), 0);
 

@@ -13,84 +13,40 @@
 #include <thread>
 #include <vector>
 
-#include "tests/support/TheReal.h"
+#include "tests/machine/Machine.h"
+#include "tests/machine/Threads.h"
 
 namespace {
 
 using namespace std::chrono_literals;
 using Tarvik::Interfaces::ISemaphore;
 
-struct ClockWait {
-  clockid_t clock;
-  timespec deadline;
-};
-
-std::function<int(ClockWait)> clockWait;  // what waiting with a limit comes to
-std::atomic<int> interruptions = 0;       // how many plain waits a signal ends
-std::optional<timespec> monotonicNow;
-
-bool Interrupted() {
-  if (interruptions == 0) return false;
-  --interruptions;
-  errno = EINTR;
-  return true;
-}
-
-}  // namespace
-
-extern "C" {
-
-int sem_clockwait(sem_t*, clockid_t clock, timespec const* deadline) {
-  return clockWait({clock, *deadline});
-}
-
-int sem_wait(sem_t* semaphore) {
-  static auto* const next = TheReal<int(sem_t*)>("sem_wait");
-  return Interrupted() ? -1 : next(semaphore);
-}
-
-int sem_trywait(sem_t* semaphore) noexcept {
-  static auto* const next = TheReal<int(sem_t*)>("sem_trywait");
-  return Interrupted() ? -1 : next(semaphore);
-}
-
-int clock_gettime(clockid_t clock, timespec* time) noexcept {
-  static auto* const next = TheReal<int(clockid_t, timespec*)>("clock_gettime");
-  if (clock != CLOCK_MONOTONIC || !monotonicNow) return next(clock, time);
-  *time = *monotonicNow;
-  return 0;
-}
-
-}  // extern "C"
-
-namespace {
-
-int Failure(int error) {
-  errno = error;
-  return -1;
-}
-
 class Semaphore : public testing::Test {
  protected:
-  void TearDown() override {
-    interruptions = 0;
-    monotonicNow.reset();
+  Semaphore() {
+    threads.waitSemaphore = [this] {
+      if (interruptions == 0) return 0;
+      --interruptions;
+      return EINTR;
+    };
   }
 
   /// When a wait of `limit`, begun at `now`, ends at the latest.
   timespec Deadline(timespec now, std::chrono::milliseconds limit) {
     timespec deadline{};
-    monotonicNow = now;
-    clockWait = [&](ClockWait wait) {
-      EXPECT_EQ(wait.clock, CLOCK_MONOTONIC);
-      deadline = wait.deadline;
-      return Failure(ETIMEDOUT);
+    Machine::hooks().monotonic = now;
+    threads.waitSemaphoreUntil = [&](clockid_t clock, timespec const& limitOfTheWait) {
+      EXPECT_EQ(clock, CLOCK_MONOTONIC);
+      deadline = limitOfTheWait;
+      return ETIMEDOUT;
     };
     EXPECT_FALSE(semaphore.WaitFor(limit));
-    monotonicNow.reset();
+    Machine::hooks().monotonic.reset();
     return deadline;
   }
 
+  Machine::ThreadHooks threads;
+  std::atomic<int> interruptions = 0;  // how many plain waits a signal ends
   ISemaphore semaphore;
 };
 
@@ -174,22 +130,22 @@ TEST_F(Semaphore, ASignalDoesNotLoseATry) {
 
 TEST_F(Semaphore, ASignalDoesNotEndAWaitWithALimit) {
   int calls = 0;
-  clockWait = [&](ClockWait) { return ++calls < 3 ? Failure(EINTR) : 0; };
+  threads.waitSemaphoreUntil = [&](auto&&...) { return ++calls < 3 ? EINTR : 0; };
   EXPECT_TRUE(semaphore.WaitFor(1s));
   EXPECT_EQ(calls, 3);
   calls = 0;
-  clockWait = [&](ClockWait) { return Failure(++calls < 3 ? EINTR : ETIMEDOUT); };
+  threads.waitSemaphoreUntil = [&](auto&&...) { return ++calls < 3 ? EINTR : ETIMEDOUT; };
   EXPECT_FALSE(semaphore.WaitFor(1s));
   EXPECT_EQ(calls, 3);
 }
 
 TEST_F(Semaphore, AnInterruptedWaitKeepsItsDeadline) {
   std::vector<long> deadlines;
-  monotonicNow = timespec{100, 0};
-  clockWait = [&](ClockWait wait) {
-    deadlines.push_back(wait.deadline.tv_sec);
-    monotonicNow->tv_sec += 4;
-    return deadlines.size() < 3 ? Failure(EINTR) : Failure(ETIMEDOUT);
+  Machine::hooks().monotonic = timespec{100, 0};
+  threads.waitSemaphoreUntil = [&](clockid_t, timespec const& deadline) {
+    deadlines.push_back(deadline.tv_sec);
+    Machine::hooks().monotonic->tv_sec += 4;
+    return deadlines.size() < 3 ? EINTR : ETIMEDOUT;
   };
   semaphore.WaitFor(10s);
   EXPECT_THAT(deadlines, testing::ElementsAre(110, 110, 110));

@@ -6,7 +6,7 @@
 #include <ostream>
 #include <string>
 
-#include "tests/support/FailingAllocation.h"
+#include "tests/machine/Allocation.h"
 
 namespace {
 
@@ -26,7 +26,7 @@ TEST(LineBuffer, GathersPiecesAndWhatAStreamWrites) {
 TEST(LineBuffer, StaysAsItIsWithoutMemoryForAPiece) {
   LineBuffer line;
   std::string const piece(100, 'x');
-  FailingAllocation const failing(1);
+  Machine::FailingAllocation const failing(1);
   EXPECT_FALSE(line.Append(piece));
   EXPECT_EQ(line.View(), "");
 }
@@ -37,9 +37,9 @@ TEST(LineBuffer, AStreamWithoutMemoryForAPieceOrACharacterIsSpoilt) {
     std::string const full(15, 'x');  // as much as a text holds without memory of its own
     line.Append(full);
     std::ostream stream(&line);
-    FailingAllocation const failing(1);
+    Machine::FailingAllocation const failing(1);
     character ? stream.put('y') : stream << "yz";
-    FailingAllocation::Stop();
+    Machine::FailingAllocation::Stop();
     EXPECT_TRUE(stream.bad());
     EXPECT_EQ(line.View(), full);
   }

@@ -15,9 +15,9 @@
 #include "base/ISemaphore.h"
 #include "base/Logger.h"
 #include "tests/support/Capture.h"
-#include "tests/support/Interpose.h"
+#include "tests/machine/Machine.h"
 #include "tests/support/LogFile.h"
-#include "tests/support/TheReal.h"
+#include "tests/machine/TheReal.h"
 
 namespace {
 

@@ -9,7 +9,7 @@
 #include "base/Logger.h"
 #include "tests/support/Capture.h"
 #include "tests/support/LogFile.h"
-#include "tests/support/TheReal.h"
+#include "tests/machine/Threads.h"
 
 namespace {
 
@@ -20,16 +20,6 @@ struct Failing {
 };
 Failing failing;
 
-}  // namespace
-
-extern "C" int pthread_mutex_lock(pthread_mutex_t* mutex) noexcept {
-  static auto* const next = TheReal<decltype(pthread_mutex_lock)>("pthread_mutex_lock");
-  auto const* const place = reinterpret_cast<char const*>(mutex);
-  return failing.begin <= place && place < failing.end ? EINVAL : next(mutex);
-}
-
-namespace {
-
 using Tarvik::Ilog::FileLogPolicy;
 using Tarvik::Ilog::Info;
 using Tarvik::Ilog::Logger;
@@ -38,7 +28,14 @@ using Tarvik::Ilog::LogLine;
 
 class LoggerLock : public testing::Test {
  protected:
-  LoggerLock() { LogFile::BeginAnew(); }
+  LoggerLock() {
+    LogFile::BeginAnew();
+    threads.lock = [](pthread_mutex_t const* mutex) {
+      auto const* const place = reinterpret_cast<char const*>(mutex);
+      bool const fails = failing.begin <= place && place < failing.end;
+      return fails ? std::optional(EINVAL) : std::nullopt;
+    };
+  }
   ~LoggerLock() override { failing = {}; }
 
   template <typename Sink>
@@ -56,6 +53,7 @@ class LoggerLock : public testing::Test {
     EXPECT_EQ(LogFile::Text(), console);
   }
 
+  Machine::ThreadHooks threads;
   static inline Logger& logger = *Logger::GetInstance();
 };
 

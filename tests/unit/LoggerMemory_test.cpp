@@ -8,7 +8,7 @@
 
 #include "base/Logger.h"
 #include "tests/support/Capture.h"
-#include "tests/support/FailingAllocation.h"
+#include "tests/machine/Allocation.h"
 #include "tests/support/LogFile.h"
 
 namespace {
@@ -36,14 +36,14 @@ TEST_F(LoggerMemory, ALineWithoutMemoryForItsEndIsLostAndItsSinkIsFree) {
     LoggerBase<FileLogPolicy> sink;
     sink.WriteHeader(Info);
     sink.EndLine();
-    auto const before = std::filesystem::file_size(Interpose::Real(LogFile::kPath));
+    auto const before = std::filesystem::file_size(Machine::Real(LogFile::kPath));
     sink.WriteHeader(Info);
     sink << std::string(length, 'x');
-    FailingAllocation const failing(1);
+    Machine::FailingAllocation const failing(1);
     sink.EndLine();
-    if (!FailingAllocation::Happened()) continue;
+    if (!Machine::FailingAllocation::Happened()) continue;
     ++lost;
-    EXPECT_EQ(std::filesystem::file_size(Interpose::Real(LogFile::kPath)), before);
+    EXPECT_EQ(std::filesystem::file_size(Machine::Real(LogFile::kPath)), before);
     EXPECT_TRUE(LogFile::IsFree(sink));
   }
   EXPECT_GT(lost, 0);
@@ -53,19 +53,19 @@ TEST_F(LoggerMemory, TheMemoryOfAUsualLineIsKeptAndThatOfALongOneGivenBack) {
   LoggerBase<FileLogPolicy> sink;
   auto const needsMemory = [&sink](std::size_t length) {
     std::string const text(length, 'x');
-    FailingAllocation const failing(1);
+    Machine::FailingAllocation const failing(1);
     sink.WriteHeader(Info);
     sink << text;
-    FailingAllocation::Stop();
+    Machine::FailingAllocation::Stop();
     sink.EndLine();
-    return FailingAllocation::Happened();
+    return Machine::FailingAllocation::Happened();
   };
   auto const log = [&sink](std::size_t length) {
     sink.WriteHeader(Info);
     sink << std::string(length, 'x');
     sink.EndLine();
   };
-  Interpose::hooks().now = 1;
+  Machine::hooks().now = 1;
   log(10'000);
   EXPECT_FALSE(needsMemory(9'000));
   log(200'000);
@@ -73,38 +73,38 @@ TEST_F(LoggerMemory, TheMemoryOfAUsualLineIsKeptAndThatOfALongOneGivenBack) {
 }
 
 TEST_F(LoggerMemory, AnAllocationThatFailsAnywhereKeepsNoLockAndHarmsNoLaterLine) {
-  int failures = 0;
-  for (int number = 1; number < kMoreThanALineNeeds; ++number) {
-    Interpose::hooks().now = number;
+  Machine::ForEachFailure([](Machine::Point const& point) {
+    Machine::hooks().now = point.number;
+    bool failed = false;
     std::string const text(5000, 'x');
     {
-      FailingAllocation const failing(number);
+      Machine::FailingAllocation const failing(point);
       try {
         LogLine(Info) << text << 0L << 12;
       } catch (std::bad_alloc const&) {
-        EXPECT_TRUE(FailingAllocation::Happened());
+        EXPECT_TRUE(Machine::FailingAllocation::Happened());
       }
-      failures += FailingAllocation::Happened() ? 1 : 0;
+      failed = Machine::FailingAllocation::Happened();
     }
     EXPECT_TRUE(LogFile::IsFree(*Logger::GetInstance()->fileSink));
     LogLine(Info) << "next";
     EXPECT_THAT(LogFile::Text(), EndsWith("]next\n"));
-  }
-  EXPECT_GT(failures, 0);
+    return failed;
+  });
 }
 
 TEST_F(LoggerMemory, AConsoleWithoutMemoryForItsHeaderLeavesNothingInTheFile) {
   auto& logger = *Logger::GetInstance();
   int refused = 0;
   for (int number = 1; number < kMoreThanALineNeeds; ++number) {
-    Interpose::hooks().now = 1000 + number;
+    Machine::hooks().now = 1000 + number;
     logger.consoleSink->enabled = true;
     std::string const before = LogFile::Text();
     Capture::Output([&] {
-      FailingAllocation const failing(number);
+      Machine::FailingAllocation const failing(number);
       try {
         logger.BeginLine(Info);
-        FailingAllocation::Stop();
+        Machine::FailingAllocation::Stop();
         logger.EndLine();
       } catch (std::bad_alloc const&) {
         ++refused;

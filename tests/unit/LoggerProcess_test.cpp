@@ -26,23 +26,6 @@
 #include "tests/support/Capture.h"
 #include "tests/support/Descriptors.h"
 #include "tests/support/LogFile.h"
-#include "tests/support/TheReal.h"
-
-namespace {
-
-std::atomic<bool> calendarIsSlow = false;
-std::binary_semaphore calendarIsAsked{0};
-
-}  // namespace
-
-extern "C" tm* localtime_r(time_t const* seconds, tm* calendar) noexcept {
-  static auto* const next = TheReal<tm*(time_t const*, tm*)>("localtime_r");
-  if (calendarIsSlow.exchange(false)) {
-    calendarIsAsked.release();
-    poll(nullptr, 0, 50);  // as a thread that is not given the processor: slept for real
-  }
-  return next(seconds, calendar);
-}
 
 namespace {
 
@@ -94,7 +77,7 @@ class LoggerProcess : public testing::Test {
  protected:
   void SetUp() override {
     LogFile::BeginAnew();
-    Interpose::hooks().now = 1614877509;  // each sink takes the time for itself
+    Machine::hooks().now = 1614877509;  // each sink takes the time for itself
   }
 };
 
@@ -253,7 +236,13 @@ TEST_F(LoggerProcess, AChildHasDatesThoughAnotherThreadWasLongAboutOne) {
 #if defined(__SANITIZE_THREAD__)
   GTEST_SKIP() << "the race detector misses the parent's thread in the child";
 #endif
-  calendarIsSlow = true;
+  std::atomic<bool> calendarIsSlow = true;
+  std::binary_semaphore calendarIsAsked{0};
+  Machine::hooks().localTime = [&] {
+    if (!calendarIsSlow.exchange(false)) return;
+    calendarIsAsked.release();
+    poll(nullptr, 0, 50);  // as a thread that is not given the processor: slept for real
+  };
   std::thread other([] { Tarvik::Util::Date(0, "%Y"); });
   calendarIsAsked.acquire();
   pid_t const child = fork();
@@ -270,7 +259,7 @@ TEST_F(LoggerProcess, AChildHasDatesThoughAnotherThreadWasLongAboutOne) {
 
 TEST_F(LoggerProcess, NoChildHangsWhateverOtherThreadsLogMeanwhile) {
   constexpr int kChildren = 300;
-  Interpose::hooks().now.reset();
+  Machine::hooks().now.reset();
   std::atomic<bool> stop = false;
   Capture::Output([&] {
     std::vector<std::thread> threads;

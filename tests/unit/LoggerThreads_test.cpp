@@ -16,7 +16,7 @@
 #include "base/TemperatureMonitor.h"
 #include "tests/support/Capture.h"
 #include "tests/support/LogFile.h"
-#include "tests/support/TheReal.h"
+#include "tests/machine/TheReal.h"
 
 namespace {
 

@@ -13,7 +13,7 @@
 #include "base/TemperatureMonitor.h"
 #include "tests/support/Capture.h"
 #include "tests/support/GroupedNumbers.h"
-#include "tests/support/Interpose.h"
+#include "tests/machine/Machine.h"
 #include "tests/support/LogFile.h"
 
 namespace {
@@ -40,7 +40,7 @@ class LoggerTest : public testing::Test {
  protected:
   void SetUp() override {
     SetTimeZone("UTC");
-    Interpose::hooks().now = kNow;
+    Machine::hooks().now = kNow;
     LogFile::BeginAnew();
   }
   void TearDown() override { TemperatureMonitor::GetInstance()->valid = false; }
@@ -129,15 +129,15 @@ TEST_F(LoggerTest, TheTagComesAfterTheTemperature) {
 
 TEST_F(LoggerTest, TheHeaderFollowsTheClock) {
   Line("first");
-  Interpose::hooks().now = kNow + 1;
+  Machine::hooks().now = kNow + 1;
   EXPECT_EQ(Line("second"), "[2021-03-04 17:05:10]second\n");
-  Interpose::hooks().now = kNow - 86400;
+  Machine::hooks().now = kNow - 86400;
   EXPECT_EQ(Line("set back"), "[2021-03-03 17:05:09]set back\n");
 }
 
 TEST_F(LoggerTest, TheFirstHeaderHasItsDateWhateverTheClockShows) {
   for (long const now : {-1L, 0L}) {
-    Interpose::hooks().now = now;
+    Machine::hooks().now = now;
     LoggerBase<FileLogPolicy> sink;
     sink.WriteHeader(Info);
     sink.EndLine();
@@ -147,7 +147,7 @@ TEST_F(LoggerTest, TheFirstHeaderHasItsDateWhateverTheClockShows) {
 
 TEST_F(LoggerTest, TheHeaderShowsLocalTime) {
   SetTimeZone("TEST-5:30");
-  Interpose::hooks().now = kNow + 3600;
+  Machine::hooks().now = kNow + 3600;
   EXPECT_EQ(Line("local"), "[2021-03-04 23:35:09]local\n");
 }
 

@@ -14,19 +14,19 @@
 
 #include "base/IException.h"
 #include "tests/support/CatalogueTest.h"
-#include "tests/support/RemovalHook.h"
+#include "tests/machine/Objects.h"
 
 namespace {
 
 using namespace std::chrono_literals;
-using Interpose::Answer;
+using Machine::Answer;
 using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::SizeIs;
 
 class MakeRoom : public CatalogueTest {
  protected:
-  ~MakeRoom() override { RemovalHook::hook() = nullptr; }
+  ~MakeRoom() override { Machine::hooks().removeFile = nullptr; }
 
   /// Whether there is room on a card with these figures. `used` is what the catalogue uses.
   bool HasRoom(std::int64_t free, std::int64_t total, std::uint64_t minimumFree, float share,
@@ -36,12 +36,12 @@ class MakeRoom : public CatalogueTest {
     card.reserveBytes = 0;
     auto const catalogue = NewCatalogue(kDirectory, minimumFree, share);
     MakeRecording("a.dat");
-    Interpose::hooks().lstat = [used](std::string const&, struct stat* status) {
+    Machine::hooks().lstat = [used](std::string const&, struct stat* status) {
       status->st_size = static_cast<off_t>(used);
       return Answer::Success();
     };
     Add(*catalogue, {"a.dat"});
-    Interpose::hooks().lstat = nullptr;
+    Machine::hooks().lstat = nullptr;
     return catalogue->CheckAvailableSpace(true);
   }
 
@@ -53,15 +53,15 @@ class MakeRoom : public CatalogueTest {
 
   /// From now on each removal frees that many bytes of the card.
   void RemovalFrees(std::int64_t bytes) {
-    RemovalHook::hook() = [this, bytes](Ifile& file) {
+    Machine::hooks().removeFile = [this, bytes](Ifile& file) {
       freeBytes += bytes;
-      return RemovalHook::Real(file);
+      return Machine::Remove(file);
     };
   }
 
   /// Measuring the card is part of the trace from now on.
   void TraceMeasuring() {
-    Interpose::hooks().statvfs = [measure = Interpose::hooks().statvfs](std::string const& path,
+    Machine::hooks().statvfs = [measure = Machine::hooks().statvfs](std::string const& path,
                                                                         struct statvfs* space) {
       sync();  // leaves a mark of its own
       return measure(path, space);
@@ -69,7 +69,7 @@ class MakeRoom : public CatalogueTest {
   }
 
   static void MeasuringFails() {
-    Interpose::hooks().statvfs = [](std::string const&, struct statvfs*) {
+    Machine::hooks().statvfs = [](std::string const&, struct statvfs*) {
       return Answer::Failure(EIO);
     };
   }
@@ -196,7 +196,7 @@ TEST_F(MakeRoom, DeletesNothingWhenThereIsRoomAndForgetsTheLastError) {
   EXPECT_FALSE(catalogue->AddFile(missing));
   EXPECT_TRUE(catalogue->MakeRoom());
   EXPECT_FALSE(catalogue->HasError());
-  EXPECT_THAT(Interpose::Trace(), IsEmpty());
+  EXPECT_THAT(Machine::Trace(), IsEmpty());
 }
 
 TEST_F(MakeRoom, DeletesTwoFilesAtATimeAndMeasuresAfterEachStepWithoutPauses) {
@@ -207,7 +207,7 @@ TEST_F(MakeRoom, DeletesTwoFilesAtATimeAndMeasuresAfterEachStepWithoutPauses) {
   TraceMeasuring();
   EXPECT_TRUE(catalogue->MakeRoom());
   auto const unlinked = [](std::string const& name) { return "unlink /mnt/sdcard/cr/" + name; };
-  EXPECT_THAT(Interpose::Trace(), ElementsAre("sync", unlinked("a.dat"), unlinked("c.dat"),  //
+  EXPECT_THAT(Machine::Trace(), ElementsAre("sync", unlinked("a.dat"), unlinked("c.dat"),  //
                                               "sync", unlinked("d.dat"), unlinked("e.dat"),  //
                                               "sync"));
   EXPECT_THAT(Names(*catalogue), ElementsAre("b.log", "f.dat", "g.dat"));
@@ -227,7 +227,7 @@ TEST_F(MakeRoom, BeginsAtTheOldestAgainWhenTheListHasChangedBetweenItsAttempts) 
   Keep(*catalogue, {"a.log", "b.gps", "c.dat", "d.dat", "e.dat", "f.dat", "g.dat"});
   freeBytes = 70;
   RemovalFrees(10);
-  Interpose::hooks().statvfs = [&, measure = Interpose::hooks().statvfs](std::string const& path,
+  Machine::hooks().statvfs = [&, measure = Machine::hooks().statvfs](std::string const& path,
                                                                          struct statvfs* space) {
     if (freeBytes == 90) catalogue->ReverseList();
     return measure(path, space);
@@ -283,27 +283,27 @@ TEST_F(MakeRoom, GivesUpAfterAHundredFruitlessAttemptsTenMillisecondsApart) {
   ExpectFailure(*catalogue, kGivenUp);
   std::vector<std::string> expected = {"sync"};
   for (int pause = 0; pause < 99; ++pause) {
-    expected.push_back(Interpose::Sleep(10ms));
+    expected.push_back(Machine::Sleep(10ms));
     expected.push_back("sync");
   }
-  EXPECT_EQ(Interpose::Trace(), expected);
+  EXPECT_EQ(Machine::Trace(), expected);
 }
 
 TEST_F(MakeRoom, GivesUpOverProtectedFilesAndThoseWhoseRemovalThrows) {
   auto const catalogue = NewCatalogue();
   Keep(*catalogue, {"a.log", "b.gps", "c.dat"});
   freeBytes = 0;
-  RemovalHook::hook() = [](Ifile&) -> bool { throw std::runtime_error("cannot be removed"); };
+  Machine::hooks().removeFile = [](Ifile&) -> bool { throw std::runtime_error("cannot be removed"); };
   ExpectFailure(*catalogue, kGivenUp);
   EXPECT_THAT(Names(*catalogue), ElementsAre("a.log", "b.gps", "c.dat"));
-  EXPECT_EQ(Interpose::Slept(), 990ms);
+  EXPECT_EQ(Machine::Slept(), 990ms);
 }
 
 TEST_F(MakeRoom, SpendsNoneOfItsAttemptsOnThoseThatDeletedAFile) {
   auto const catalogue = NewCatalogue();
   freeBytes = 0;
   int pauses = 0;
-  Interpose::hooks().sleep = [&](std::chrono::nanoseconds) {
+  Machine::hooks().sleep = [&](std::chrono::nanoseconds) {
     if (++pauses == 50) Keep(*catalogue, {"a.dat", "b.dat", "c.dat"});
   };
   ExpectFailure(*catalogue, kGivenUp);
@@ -315,7 +315,7 @@ TEST_F(MakeRoom, SucceedsWhenRoomAppearsInTheLastPause) {
   auto const catalogue = NewCatalogue();
   freeBytes = 0;
   int pauses = 0;
-  Interpose::hooks().sleep = [&](std::chrono::nanoseconds) {
+  Machine::hooks().sleep = [&](std::chrono::nanoseconds) {
     if (++pauses == 99) freeBytes = 1;
   };
   EXPECT_TRUE(catalogue->MakeRoom());
@@ -326,9 +326,9 @@ TEST_F(MakeRoom, CountsAnAttemptThatOnlyDroppedFilesAsFruitless) {
   auto const catalogue = NewCatalogue();
   Keep(*catalogue, {"a.dat"});
   freeBytes = 0;
-  RemovalHook::hook() = [](Ifile&) { return false; };
+  Machine::hooks().removeFile = [](Ifile&) { return false; };
   ExpectFailure(*catalogue, kGivenUp);
-  EXPECT_EQ(Interpose::Slept(), 990ms);
+  EXPECT_EQ(Machine::Slept(), 990ms);
   EXPECT_THAT(catalogue->GetList(), IsEmpty());
 }
 
@@ -338,15 +338,15 @@ TEST_F(MakeRoom, FailsWithoutACard) {
   ExpectFailure(*withdrawn, "Disk not available");
   FilesManager without(nullptr, kDirectory, 0, 1.0F);
   ExpectFailure(without, "Disk not available");
-  EXPECT_THAT(Interpose::Trace(), IsEmpty());
+  EXPECT_THAT(Machine::Trace(), IsEmpty());
 }
 
 TEST_F(MakeRoom, FailsWhenTheCardGoesInBetween) {
   auto const catalogue = NewCatalogue();
   freeBytes = 0;
-  Interpose::hooks().sleep = [&](std::chrono::nanoseconds) { card.available = false; };
+  Machine::hooks().sleep = [&](std::chrono::nanoseconds) { card.available = false; };
   ExpectFailure(*catalogue, "Disk not available");
-  EXPECT_EQ(Interpose::Slept(), 10ms);
+  EXPECT_EQ(Machine::Slept(), 10ms);
 }
 
 TEST_F(MakeRoom, FailsWhenTheCardCannotBeMeasured) {
@@ -361,7 +361,7 @@ TEST_F(MakeRoom, FailsWhenTheCardCannotBeMeasuredAgain) {
   auto const catalogue = NewCatalogue();
   Keep(*catalogue, {"a.dat", "b.dat", "c.dat"});
   freeBytes = 0;
-  Interpose::hooks().unlink = [](std::string const&) {
+  Machine::hooks().unlink = [](std::string const&) {
     MeasuringFails();
     return Answer::Success();
   };
@@ -373,7 +373,7 @@ TEST_F(MakeRoom, LetsOtherExceptionsPass) {
   auto const catalogue = NewCatalogue();
   Keep(*catalogue, {"a.dat"});
   freeBytes = 0;
-  RemovalHook::hook() = [](Ifile&) -> bool { throw 7; };
+  Machine::hooks().removeFile = [](Ifile&) -> bool { throw 7; };
   EXPECT_THROW(catalogue->MakeRoom(), int);
   EXPECT_FALSE(catalogue->HasError());
 }

@@ -32,8 +32,8 @@ class PulledCard : public testing::Test {
       system = std::make_unique<OwnedSystem>();
       system->InitDisk();
     });
-    Interpose::RemoveFile("/dev/mmcblk1");
-    Interpose::RemoveFile(FakeCard::kPartition);
+    Machine::RemoveFile("/dev/mmcblk1");
+    Machine::RemoveFile(FakeCard::kPartition);
   }
 
   std::string Summary() { return system->GetHealthReport(); }

@@ -12,24 +12,24 @@
 
 #include "SysUtil/Util.h"
 #include "tests/support/Descriptors.h"
-#include "tests/support/Interpose.h"
+#include "tests/machine/Machine.h"
 
 namespace {
 
-using Interpose::hooks;
+using Machine::hooks;
 using Quellon::SysUtil::GetProcIdByName;
 using testing::IsEmpty;
 using namespace std::string_literals;
 
 /// A process with that command line, its arguments ended by NULs.
 void Process(std::string const& id, std::string const& commandLine) {
-  Interpose::MakeFile("/proc/" + id + "/cmdline", commandLine);
+  Machine::MakeFile("/proc/" + id + "/cmdline", commandLine);
 }
 
 class ProcessByName : public testing::Test {
  protected:
   // The folder alone makes "/proc" the test's own.
-  ProcessByName() { Interpose::MakeFile("/proc/version", "Linux"); }
+  ProcessByName() { Machine::MakeFile("/proc/version", "Linux"); }
 
   Descriptors::Watch descriptors;
 };
@@ -62,7 +62,7 @@ TEST_F(ProcessByName, TellsUpperFromLowerCase) {
 
 TEST_F(ProcessByName, SkipsProcessesWithoutACommandLine) {
   Process("2", "");
-  Interpose::MakeFile("/proc/3/status", "vanishing");
+  Machine::MakeFile("/proc/3/status", "vanishing");
   EXPECT_EQ(GetProcIdByName(""), -1);
   Process("5", "worker");
   EXPECT_EQ(GetProcIdByName(""), 5);
@@ -103,7 +103,7 @@ TEST_F(ProcessByName, MatchesAnEmptyProgramNameByTheEmptyNameOnly) {
 TEST_F(ProcessByName, IsTheFirstInDirectoryOrder) {
   for (char const* const id : {"31", "4", "159"}) Process(id, "recorder\0"s);
   std::string first;
-  for (auto const& entry : std::filesystem::directory_iterator(Interpose::Real("/proc"))) {
+  for (auto const& entry : std::filesystem::directory_iterator(Machine::Real("/proc"))) {
     if (entry.is_directory() && first.empty()) first = entry.path().filename();
   }
   EXPECT_EQ(std::to_string(GetProcIdByName("recorder")), first);
@@ -111,8 +111,8 @@ TEST_F(ProcessByName, IsTheFirstInDirectoryOrder) {
 
 TEST_F(ProcessByName, IsMinusOneWhenProcCannotBeOpened) {
   Process("12", "recorder\0"s);
-  hooks().fault = [](std::string const& function) -> std::optional<int> {
-    return function == "opendir" ? std::optional(EMFILE) : std::nullopt;
+  hooks().fault = [](Machine::Call const& call) -> std::optional<int> {
+    return call.function == "opendir" ? std::optional(EMFILE) : std::nullopt;
   };
   EXPECT_EQ(GetProcIdByName("recorder"), -1);
   EXPECT_THAT(descriptors.Opened(), IsEmpty());

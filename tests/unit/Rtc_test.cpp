@@ -18,13 +18,13 @@
 #include "tests/support/Capture.h"
 #include "tests/support/ChildProcess.h"
 #include "tests/support/Descriptors.h"
-#include "tests/support/Interpose.h"
+#include "tests/machine/Machine.h"
 
 namespace {
 
-using Interpose::Answer;
-using Interpose::hooks;
-using Interpose::Trace;
+using Machine::Answer;
+using Machine::hooks;
+using Machine::Trace;
 using Quellon::RTC::Rtc;
 using testing::ElementsAre;
 using testing::IsEmpty;
@@ -60,7 +60,7 @@ std::array<int, 9> Fields(rtc_time const& time) {
 
 /// A clock that holds `time`, and to which it can be set.
 void ClockHolds(rtc_time& time) {
-  Interpose::MakeFile(kDevice, "");
+  Machine::MakeFile(kDevice, "");
   hooks().ioctl = [&time](unsigned long request, void* argument) {
     auto& wanted = *static_cast<rtc_time*>(argument);
     if (request == RTC_RD_TIME) wanted = time;
@@ -71,7 +71,7 @@ void ClockHolds(rtc_time& time) {
 
 /// A clock whose requests all give `answer`.
 void ClockAnswers(Answer answer) {
-  Interpose::MakeFile(kDevice, "");
+  Machine::MakeFile(kDevice, "");
   hooks().ioctl = [answer](unsigned long, void*) { return answer; };
 }
 
@@ -104,8 +104,8 @@ TEST(RtcClass, IsPolymorphicByItsDestructor) {
 }
 
 TEST_F(RtcTest, TouchesNoDeviceWhenItIsMade) {
-  hooks().fault = [](std::string const& function) -> std::optional<int> {
-    ADD_FAILURE() << function;
+  hooks().fault = [](Machine::Call const& call) -> std::optional<int> {
+    ADD_FAILURE() << call.function;
     return std::nullopt;
   };
   Rtc const made("/dev/rtc7");
@@ -141,7 +141,7 @@ TEST_P(FailedLoad, ZeroesTheTimeAndClosesTheDevice) {
 INSTANTIATE_TEST_SUITE_P(AnyResultButZero, FailedLoad, testing::Values(-1, 1));
 
 TEST_F(RtcTest, OpensTheDeviceForReadingAndWritingAndKeepsItFromCommands) {
-  Interpose::MakeFile(kDevice, "");
+  Machine::MakeFile(kDevice, "");
   int requests = 0;
   hooks().ioctl = [&](unsigned long request, void*) {
     EXPECT_EQ(request, requests++ == 0 ? RTC_RD_TIME : RTC_SET_TIME);
@@ -162,7 +162,7 @@ TEST_F(RtcTest, NeverHasAStandardDescriptorForItsDevice) {
     {
       Descriptors::NoStandardOnes const none;
       Descriptors::Watch const watch;
-      Interpose::MakeFile(kDevice, "");
+      Machine::MakeFile(kDevice, "");
       hooks().ioctl = [&](unsigned long, void*) {
         for (int const fd : watch.Opened()) opened.push_back(fd);
         return Answer::Success();

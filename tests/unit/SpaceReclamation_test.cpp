@@ -15,7 +15,7 @@
 
 #include "base/IException.h"
 #include "tests/support/CatalogueTest.h"
-#include "tests/support/RemovalHook.h"
+#include "tests/machine/Objects.h"
 
 namespace {
 
@@ -25,7 +25,7 @@ using testing::IsEmpty;
 
 class SpaceReclamation : public CatalogueTest {
  protected:
-  ~SpaceReclamation() override { RemovalHook::hook() = nullptr; }
+  ~SpaceReclamation() override { Machine::hooks().removeFile = nullptr; }
 
   /// Makes and catalogues recordings of 10 bytes each.
   void Keep(std::vector<std::string> const& names) {
@@ -35,9 +35,9 @@ class SpaceReclamation : public CatalogueTest {
 
   /// What removing the named files does instead of succeeding.
   static void Removing(std::map<std::string, std::function<bool()>> answers) {
-    RemovalHook::hook() = [answers = std::move(answers)](Ifile& file) {
+    Machine::hooks().removeFile = [answers = std::move(answers)](Ifile& file) {
       auto const answer = answers.find(file.name);
-      return answer != answers.end() ? answer->second() : RemovalHook::Real(file);
+      return answer != answers.end() ? answer->second() : Machine::Remove(file);
     };
   }
   static bool Fails() { return false; }
@@ -49,12 +49,12 @@ class SpaceReclamation : public CatalogueTest {
   std::string SaidWhileNothingCanBeRemoved() {
     return Capture::AllOutput([this] {
       for (auto const& failure : {Fails, Throws}) {
-        RemovalHook::hook() = [failure](Ifile&) { return failure(); };
+        Machine::hooks().removeFile = [failure](Ifile&) { return failure(); };
         EXPECT_FALSE(RemoveByName("a.dat"));
       }
-      RemovalHook::hook() = [](Ifile&) { return Throws(); };
+      Machine::hooks().removeFile = [](Ifile&) { return Throws(); };
       EXPECT_EQ(catalogue->DeleteOldFiles(1), 0U);
-      RemovalHook::hook() = [](Ifile&) { return Fails(); };
+      Machine::hooks().removeFile = [](Ifile&) { return Fails(); };
       EXPECT_EQ(catalogue->DeleteOldFiles(1), 0U);
     });
   }
@@ -75,7 +75,7 @@ TEST_F(SpaceReclamation, DeletesTheOldestButNeitherLogsNorPositions) {
 TEST_F(SpaceReclamation, DeletesInTheOrderOfTheCatalogueWithoutPauses) {
   Keep({"c.dat", "a.dat", "b.dat"});
   EXPECT_EQ(catalogue->DeleteOldFiles(2), 2U);
-  EXPECT_THAT(Interpose::Trace(), ElementsAre("unlink /mnt/sdcard/cr/c.dat",  //
+  EXPECT_THAT(Machine::Trace(), ElementsAre("unlink /mnt/sdcard/cr/c.dat",  //
                                               "unlink /mnt/sdcard/cr/a.dat"));
 }
 
@@ -84,8 +84,8 @@ TEST_F(SpaceReclamation, DeletesTheObjectsOfTheFilesItDeleted) {
   Ifile* const first = catalogue->GetList().front();
   Ifile* const second = catalogue->GetList().back();
   EXPECT_EQ(catalogue->DeleteOldFiles(1), 1U);
-  EXPECT_FALSE(LiveFiles::Contains(first));
-  EXPECT_TRUE(LiveFiles::Contains(second));
+  EXPECT_FALSE(Machine::LiveFiles().contains(first));
+  EXPECT_TRUE(Machine::LiveFiles().contains(second));
 }
 
 TEST_F(SpaceReclamation, DeletesNoMoreThanThereIs) {
@@ -128,18 +128,18 @@ TEST_F(SpaceReclamation, DropsAFileThatCannotBeRemovedAndGoesOn) {
   EXPECT_THAT(Names(*catalogue), ElementsAre("c.dat"));
   EXPECT_THAT(OnCard(), ElementsAre("a.dat", "c.dat"));
   EXPECT_EQ(catalogue->GetTotalFilesSize(), 20U) << "the total keeps its size";
-  ASSERT_TRUE(LiveFiles::Contains(stuck));
+  ASSERT_TRUE(Machine::LiveFiles().contains(stuck));
   EXPECT_EQ(stuck->name, "a.dat");
   EXPECT_FALSE(catalogue->HasError());
 }
 
 TEST_F(SpaceReclamation, DropsAFileAfterThreeAttemptsToRemoveIt) {
   Keep({"a.dat"});
-  Interpose::hooks().unlink = [](std::string const&) { return Interpose::Answer::Failure(EBUSY); };
+  Machine::hooks().unlink = [](std::string const&) { return Machine::Answer::Failure(EBUSY); };
   EXPECT_EQ(catalogue->DeleteOldFiles(1), 0U);
   EXPECT_THAT(catalogue->GetList(), IsEmpty());
-  EXPECT_EQ(Interpose::Traced("unlink").size(), 3U);
-  EXPECT_EQ(Interpose::Slept(), 150ms);
+  EXPECT_EQ(Machine::Traced("unlink").size(), 3U);
+  EXPECT_EQ(Machine::Slept(), 150ms);
 }
 
 TEST_F(SpaceReclamation, DropsAFileThatVanishedAndKeepsItsSizeInTheTotal) {
@@ -157,7 +157,7 @@ TEST_F(SpaceReclamation, KeepsAFileWhoseRemovalThrowsAndGoesOn) {
   EXPECT_EQ(catalogue->DeleteOldFiles(1), 1U);
   EXPECT_THAT(Names(*catalogue), ElementsAre("a.dat", "b.dat", "d.dat"));
   EXPECT_EQ(catalogue->GetTotalFilesSize(), 30U);
-  EXPECT_EQ(LiveFiles::Count(), 3U);
+  EXPECT_EQ(Machine::LiveFiles().size(), 3U);
   EXPECT_FALSE(catalogue->HasError());
 }
 
@@ -185,13 +185,13 @@ TEST_F(SpaceReclamation, DoesNotNeedACard) {
 }
 
 TEST_F(SpaceReclamation, RemovesALinkAndNotWhatItLeadsTo) {
-  Interpose::MakeFile("/mnt/sdcard/precious.dat", "kept");
+  Machine::MakeFile("/mnt/sdcard/precious.dat", "kept");
   std::filesystem::create_symlink("../precious.dat", Where("link.dat"));
   Add(*catalogue, {"link.dat"});
   EXPECT_EQ(catalogue->GetTotalFilesSize(), 15U);
   EXPECT_EQ(catalogue->DeleteOldFiles(1), 1U);
   EXPECT_THAT(OnCard(), IsEmpty());
-  EXPECT_EQ(Interpose::ReadFile("/mnt/sdcard/precious.dat"), "kept");
+  EXPECT_EQ(Machine::ReadFile("/mnt/sdcard/precious.dat"), "kept");
 }
 
 TEST_F(SpaceReclamation, ByNameRemovesThatFileWhateverItsExtensionAndKeepsItsObject) {
@@ -201,7 +201,7 @@ TEST_F(SpaceReclamation, ByNameRemovesThatFileWhateverItsExtensionAndKeepsItsObj
   EXPECT_THAT(Names(*catalogue), ElementsAre("a.dat", "c.dat"));
   EXPECT_THAT(OnCard(), ElementsAre("a.dat", "c.dat"));
   EXPECT_EQ(catalogue->GetTotalFilesSize(), 20U);
-  ASSERT_TRUE(LiveFiles::Contains(file));
+  ASSERT_TRUE(Machine::LiveFiles().contains(file));
   EXPECT_EQ(file->name, "b.log");
 }
 
@@ -227,7 +227,7 @@ TEST_F(SpaceReclamation, ByNameGoesOnToTheNextOfThatNameWhenRemovalFails) {
   Keep({"a.dat", "b.dat", "a.dat"});
   Ifile* const first = catalogue->GetList().front();
   first->size = 1;
-  RemovalHook::hook() = [first](Ifile& file) { return &file != first && RemovalHook::Real(file); };
+  Machine::hooks().removeFile = [first](Ifile& file) { return &file != first && Machine::Remove(file); };
   EXPECT_TRUE(RemoveByName("a.dat"));
   EXPECT_THAT(Names(*catalogue), ElementsAre("a.dat", "b.dat"));
   EXPECT_EQ(catalogue->GetList().front(), first);
@@ -254,7 +254,7 @@ TEST_F(SpaceReclamation, ByNameFailsAndKeepsTheFileWhenNoRemovalSucceeds) {
 TEST_F(SpaceReclamation, ByNameStopsWhenRemovalThrows) {
   Keep({"a.dat", "a.dat"});
   int removals = 0;
-  RemovalHook::hook() = [&removals](Ifile&) -> bool {
+  Machine::hooks().removeFile = [&removals](Ifile&) -> bool {
     ++removals;
     return Throws();
   };

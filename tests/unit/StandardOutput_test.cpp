@@ -18,13 +18,8 @@
 #include "tests/support/Capture.h"
 #include "tests/support/FakeCard.h"
 #include "tests/support/GroupedNumbers.h"
-#include "tests/support/Interpose.h"
+#include "tests/machine/Machine.h"
 #include "tests/support/OwnedSystem.h"
-
-extern "C" FILE* popen(char const*, char const*) {
-  errno = EPERM;
-  return nullptr;
-}
 
 namespace {
 
@@ -79,13 +74,13 @@ void StartAGoodCard() {
 }
 
 void StartWithoutACard() {
-  Interpose::RemoveFile("/dev/mmcblk1");
-  Interpose::MakeFile(kCounterFile, R"({"sdcard-status-conter":1234567})");
+  Machine::RemoveFile("/dev/mmcblk1");
+  Machine::MakeFile(kCounterFile, R"({"sdcard-status-conter":1234567})");
   EXPECT_FALSE(OwnedSystem().InitDisk()->available);
 }
 
 void KeepTheCounter() {
-  Interpose::MakeFile(kCounterFile, "");
+  Machine::MakeFile(kCounterFile, "");
   OwnedSystem system;
   EXPECT_TRUE(system.SaveSDCardStatusCounter(1234567));
   EXPECT_EQ(system.ReadSDCardStatusCounter(), 1234567);
@@ -93,7 +88,7 @@ void KeepTheCounter() {
 }
 
 void ReportAtTheEpoch() {
-  Interpose::hooks().now = 0;
+  Machine::hooks().now = 0;
   StartAGoodCard();
 }
 
@@ -106,9 +101,9 @@ void AddAFileWithoutADot() {
 class WhateverTheApplicationLeft : public testing::TestWithParam<Job> {
  protected:
   static std::string Print() {
-    Interpose::Reset();
+    Machine::Reset();
     FakeCard const card;
-    Interpose::hooks().now = 1614877509;
+    Machine::hooks().now = 1614877509;
     return Capture::Output(GetParam().work);
   }
 };
@@ -201,8 +196,8 @@ class GarbledFiles {
 
 TEST(FilesOfTheDevice, AreReadAsTheyAre) {
   FakeCard card;
-  Interpose::MakeFile(kCounterFile, "{\n\"sdcard-status-conter\":\n1234567}");
-  Interpose::MakeFile("/proc/12/cmdline", "/usr/bin/recorder");
+  Machine::MakeFile(kCounterFile, "{\n\"sdcard-status-conter\":\n1234567}");
+  Machine::MakeFile("/proc/12/cmdline", "/usr/bin/recorder");
   OwnedSystem system;
   GarbledFiles const garbled;
   EXPECT_EQ(system.ReadSDCardStatusCounter(), 1234567);
@@ -213,21 +208,21 @@ TEST(FilesOfTheDevice, AreReadAsTheyAre) {
 
 TEST(FilesOfTheDevice, AreWrittenAsTheyShallBe) {
   FakeCard card;
-  Interpose::MakeFile(kCounterFile, "");
+  Machine::MakeFile(kCounterFile, "");
   OwnedSystem system;
   Capture::Descriptor const output(1);
   std::string testFile;
   {
     GarbledFiles const garbled;
     EXPECT_TRUE(system.SaveSDCardStatusCounter(1234567));
-    Interpose::hooks().sync = [&testFile] {
+    Machine::hooks().sync = [&testFile] {
       std::locale const before = std::locale::global(std::locale::classic());
-      testFile = Interpose::ReadFile(FakeCard::kTestFile);
+      testFile = Machine::ReadFile(FakeCard::kTestFile);
       std::locale::global(before);
     };
     EXPECT_TRUE(system.InitDisk()->available);
   }
-  EXPECT_EQ(Interpose::ReadFile(kCounterFile), R"({"sdcard-status-conter":1234567})");
+  EXPECT_EQ(Machine::ReadFile(kCounterFile), R"({"sdcard-status-conter":1234567})");
   EXPECT_EQ(testFile, "velmor");
 }
 

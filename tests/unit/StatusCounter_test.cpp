@@ -13,43 +13,29 @@
 #include "DiskUtils/System.h"
 #include "tests/support/Capture.h"
 #include "tests/support/Descriptors.h"
-#include "tests/support/FailingAllocation.h"
-#include "tests/support/Interpose.h"
+#include "tests/machine/Allocation.h"
+#include "tests/machine/Machine.h"
 #include "tests/support/LastException.h"
-#include "tests/support/TheReal.h"
 
 namespace {
 
-bool readsFail = false;
-
-}  // namespace
-
-extern "C" ssize_t read(int fd, void* data, std::size_t length) {
-  static auto* const next = TheReal<decltype(read)>("read");
-  if (!readsFail) return next(fd, data, length);
-  errno = EIO;
-  return -1;
-}
-
-namespace {
-
-using Interpose::Answer;
-using Interpose::hooks;
-using Interpose::MakeFile;
-using Interpose::ReadFile;
-using Interpose::Trace;
+using Machine::Answer;
+using Machine::hooks;
+using Machine::MakeFile;
+using Machine::ReadFile;
+using Machine::Trace;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
 constexpr char const* kFile = "/root/system.dat";
 
 bool FileExists() {
-  return std::filesystem::exists(Interpose::Real(kFile));
+  return std::filesystem::exists(Machine::Real(kFile));
 }
 
 class StatusCounter : public testing::Test {
  protected:
-  StatusCounter() { std::filesystem::create_directories(Interpose::Real("/root/")); }
+  StatusCounter() { std::filesystem::create_directories(Machine::Real("/root/")); }
 
   Quellon::System system;
   Descriptors::Watch descriptors;
@@ -118,19 +104,19 @@ TEST_F(StatusCounter, IsMinusOneWhenTheFileCannotBeOpened) {
 }
 
 TEST_F(StatusCounter, IsMinusOneWhenItsFolderIsMissing) {
-  Interpose::RemoveFile("/root");
+  Machine::RemoveFile("/root");
   EXPECT_EQ(system.ReadSDCardStatusCounter(), -1);
 }
 
 class InPlaceOfTheCounter : public StatusCounter, public testing::WithParamInterface<mode_t> {
  protected:
   InPlaceOfTheCounter() {
-    auto const path = Interpose::Real(kFile);
+    auto const path = Machine::Real(kFile);
     dev_t const null = makedev(1, 3);
     made = mknod(path.c_str(), GetParam() | 0600, GetParam() == S_IFCHR ? null : 0) == 0;
-    hooks().faultAt = [](auto const& function, auto const& subject) -> std::optional<int> {
-      if (function.find("open") == std::string::npos || subject != kFile) return std::nullopt;
-      ADD_FAILURE() << function << " would wait, or find another count than was saved";
+    hooks().fault = [](Machine::Call const& call) -> std::optional<int> {
+      if (call.function.find("open") == std::string::npos || call.subject != kFile) return std::nullopt;
+      ADD_FAILURE() << call.function << " would wait, or find another count than was saved";
       return EACCES;
     };
   }
@@ -161,23 +147,25 @@ INSTANTIATE_TEST_SUITE_P(PipeSocketAndDevice, InPlaceOfTheCounter,
 
 TEST_F(StatusCounter, IsMinusOneWhenTheFileCannotBeRead) {
   MakeFile(kFile, R"({"sdcard-status-conter":2})");
-  readsFail = true;
+  hooks().read = [](auto&&...) {
+    errno = EIO;
+    return -1;
+  };
   int const counter = system.ReadSDCardStatusCounter();
-  readsFail = false;
+  hooks().read = nullptr;
   EXPECT_EQ(counter, -1);
   EXPECT_THAT(descriptors.Opened(), IsEmpty());
 }
 
 TEST_F(StatusCounter, IsMinusOneWhicheverAllocationFailsWhileReading) {
   MakeFile(kFile, R"({"sdcard-status-conter":2})");
-  int number = 0;
-  for (bool failed = true; failed;) {
-    FailingAllocation const allocation(++number);
+  Machine::ForEachFailure([this](Machine::Point const& point) {
+    Machine::FailingAllocation const allocation(point);
     int const counter = system.ReadSDCardStatusCounter();
-    failed = FailingAllocation::Happened();
-    EXPECT_EQ(counter, failed ? -1 : 2) << "allocation " << number;
-  }
-  EXPECT_GT(number, 5);
+    bool const failed = Machine::FailingAllocation::Happened();
+    EXPECT_EQ(counter, failed ? -1 : 2);
+    return failed;
+  });
   EXPECT_THAT(descriptors.Opened(), IsEmpty());
 }
 
@@ -221,17 +209,16 @@ TEST_F(StatusCounter, IsNotSavedWhenTheDiskIsFull) {
 }
 
 TEST_F(StatusCounter, IsNotSavedWhicheverAllocationFails) {
-  hooks().sync = FailingAllocation::Stop;
-  int number = 0;
-  for (bool failed = true; failed;) {
+  hooks().sync = Machine::FailingAllocation::Stop;
+  Machine::ForEachFailure([this](Machine::Point const& point) {
     Capture::Descriptor output(1);
-    FailingAllocation const allocation(++number);
+    Machine::FailingAllocation const allocation(point);
     bool const saved = system.SaveSDCardStatusCounter(2);
-    failed = FailingAllocation::Happened();
-    EXPECT_EQ(saved, !failed) << "allocation " << number;
+    bool const failed = Machine::FailingAllocation::Happened();
+    EXPECT_EQ(saved, !failed);
     EXPECT_EQ(output.Text(), "Save sdcard status counter 2 to file\n");
-  }
-  EXPECT_GT(number, 3);
+    return failed;
+  });
   EXPECT_THAT(Trace(), ElementsAre("sync"));
   EXPECT_THAT(descriptors.Opened(), IsEmpty());
 }

@@ -23,16 +23,16 @@
 #include "tests/support/Capture.h"
 #include "tests/support/ChildProcess.h"
 #include "tests/support/Descriptors.h"
-#include "tests/support/Interpose.h"
+#include "tests/machine/Machine.h"
 #include "tests/support/LogFile.h"
 
 namespace {
 
 using namespace std::chrono_literals;
-using Interpose::Answer;
-using Interpose::hooks;
-using Interpose::Sleep;
-using Interpose::Trace;
+using Machine::Answer;
+using Machine::hooks;
+using Machine::Sleep;
+using Machine::Trace;
 using Quellon::System;
 using Tarvik::Ilog::LogLine;
 using testing::AnyOf;
@@ -136,14 +136,14 @@ TEST(SystemClass, LeavesTheDiskAloneWhenItGoes) {
 
 TEST_F(SystemTest, LetsGoOfTheLogFileBeforeItUnmounts) {
   EveryUnmountSucceeds();
-  std::filesystem::create_directories(Interpose::Real("/var/log/"));
+  std::filesystem::create_directories(Machine::Real("/var/log/"));
   Descriptors::Watch const descriptors;
   Capture::Output([] { LogLine(Tarvik::Ilog::Info) << "before"; });
   EXPECT_EQ(descriptors.Opened().size(), 1U);
   system.UnmountAll();
   EXPECT_THAT(descriptors.Opened(), IsEmpty());
   Capture::Output([] { LogLine(Tarvik::Ilog::Info) << "after"; });
-  EXPECT_THAT(Interpose::ReadFile("/var/log/quellon.log"),
+  EXPECT_THAT(Machine::ReadFile("/var/log/quellon.log"),
               testing::AllOf(testing::HasSubstr("]before\n"), testing::HasSubstr("]after\n")));
   Tarvik::Ilog::Logger::GetInstance()->Close();
 }
@@ -195,7 +195,7 @@ TEST_F(SystemTest, ForcesABusyRootTenTimesAfterASecondAndComplainsNineTimes) {
   AppendForcedAttempts(expected, kRoot, 10);
   expected.push_back("umount /mnt/sdcard/");
   EXPECT_THAT(Trace(), ElementsAreArray(expected));
-  EXPECT_EQ(Interpose::Slept(), 1900ms);
+  EXPECT_EQ(Machine::Slept(), 1900ms);
 }
 
 TEST_F(SystemTest, StopsForcingTheRootOnceItGivesWay) {
@@ -215,7 +215,7 @@ TEST_F(SystemTest, ForcesABusyCardAtOnceAndReturnsTheFailureOfTheTenthAttempt) {
   Texts expected{"chdir /", "sync", "umount /", "umount /mnt/sdcard/"};
   AppendForcedAttempts(expected, kCard, 10);
   EXPECT_THAT(Trace(), ElementsAreArray(expected));
-  EXPECT_EQ(Interpose::Slept(), 900ms);
+  EXPECT_EQ(Machine::Slept(), 900ms);
 }
 
 class ForcedCard : public SystemTest, public testing::WithParamInterface<int> {};
@@ -225,7 +225,7 @@ TEST_P(ForcedCard, CountsAsUnmountedWithWhicheverAttemptItGivesWay) {
   std::string const errors = Capture::ErrorOutput([&] { EXPECT_EQ(system.UnmountAll(), 0); });
   EXPECT_EQ(errors,
             Repeated(GetParam() - 1, "Unable to umount storage SD: Device or resource busy\n"));
-  EXPECT_EQ(Interpose::Traced("umount2").size(), GetParam());
+  EXPECT_EQ(Machine::Traced("umount2").size(), GetParam());
 }
 
 INSTANTIATE_TEST_SUITE_P(EveryAttempt, ForcedCard, testing::Values(1, 2, 9, 10));
@@ -246,7 +246,7 @@ TEST_F(SystemTest, PausesInFullThoughSignalsArrive) {
     return ++arrived % 2 == 1 ? std::optional(pause / 4) : std::nullopt;
   };
   Capture::ErrorOutput([&] { system.UnmountAll(); });
-  EXPECT_THAT(Interpose::Traced("sleep"),
+  EXPECT_THAT(Machine::Traced("sleep"),
               ElementsAre(Sleep(750ms), Sleep(250ms), Sleep(75ms), Sleep(25ms)));
 }
 
@@ -294,8 +294,8 @@ TEST_P(DeafStandardErrorTest, KeepsNothingFromBeingUnmounted) {
     }
     EXPECT_EQ(result, 0);
     EXPECT_FALSE(unmounted);
-    EXPECT_THAT(Interpose::Traced("umount2"), testing::SizeIs(30));
-    EXPECT_THAT(Interpose::Traced("reboot"), testing::SizeIs(1));
+    EXPECT_THAT(Machine::Traced("umount2"), testing::SizeIs(30));
+    EXPECT_THAT(Machine::Traced("reboot"), testing::SizeIs(1));
   });
 }
 
@@ -319,7 +319,7 @@ TEST_F(SystemTest, RebootsThoughNeitherTheCommandNorTheUnmountsWork) {
   int result = -1;
   Capture::ErrorOutput([&] { result = system.Reboot(); });
   EXPECT_EQ(result, 0);
-  EXPECT_EQ(Interpose::Traced("umount2 /").size(), 20U);
+  EXPECT_EQ(Machine::Traced("umount2 /").size(), 20U);
   EXPECT_EQ(Trace().back(), "reboot 19088743");
 }
 
@@ -329,7 +329,7 @@ TEST_F(SystemTest, GivesTheRebootCommandTwentySecondsThoughASignalArrives) {
     return pause == 20s ? std::optional<std::chrono::nanoseconds>(13s) : std::nullopt;
   };
   system.Reboot();
-  EXPECT_THAT(Interpose::Traced("sleep"), ElementsAre(Sleep(7s), Sleep(13s)));
+  EXPECT_THAT(Machine::Traced("sleep"), ElementsAre(Sleep(7s), Sleep(13s)));
 }
 
 TEST_F(SystemTest, SetsTheDateAndTellsWhetherTheKernelTookIt) {
@@ -346,7 +346,7 @@ TEST_F(SystemTest, SetsTheDateAndTellsWhetherTheKernelTookIt) {
 
 /// A real-time clock; the system clock can be set `settings` times.
 void ClockTakesSettings(int settings) {
-  Interpose::MakeFile("/dev/rtc0", "");
+  Machine::MakeFile("/dev/rtc0", "");
   hooks().ioctl = [](unsigned long request, void*) {
     EXPECT_EQ(request, RTC_SET_TIME);
     return Answer::Success();

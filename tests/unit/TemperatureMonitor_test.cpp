@@ -12,7 +12,7 @@
 #include <vector>
 
 #include "base/ISemaphore.h"
-#include "tests/support/Interpose.h"
+#include "tests/machine/Machine.h"
 
 namespace {
 
@@ -55,7 +55,7 @@ class Temperature : public testing::Test {
   void TearDown() override { Stop(); }
 
   void StartWith(std::string const& reading) {
-    Interpose::MakeFile(kSensor, reading);
+    Machine::MakeFile(kSensor, reading);
     monitor.Start();
     pauses.acquire();
   }
@@ -68,7 +68,7 @@ class Temperature : public testing::Test {
     pauses.acquire();
   }
   static void NextReading(std::string const& reading) {
-    Interpose::MakeFile(kSensor, reading);
+    Machine::MakeFile(kSensor, reading);
     NextReading();
   }
 
@@ -82,7 +82,7 @@ TEST_F(Temperature, HasOneMonitorForTheWholeProcess) {
 }
 
 TEST_F(Temperature, IsNotKnownBeforeTheStart) {
-  Interpose::MakeFile(kSensor, "41000\n");
+  Machine::MakeFile(kSensor, "41000\n");
   EXPECT_FALSE(monitor.valid);
   EXPECT_EQ(monitor.temperature, 0);
 }
@@ -129,7 +129,7 @@ TEST_F(Temperature, IsUnknownWhileItsSensorCannotBeRead) {
 
 TEST_F(Temperature, ComesBackWithItsSensor) {
   StartWith("41000\n");
-  std::filesystem::remove(Interpose::Real(kSensor));
+  std::filesystem::remove(Machine::Real(kSensor));
   NextReading();
   EXPECT_FALSE(monitor.valid);
   EXPECT_EQ(monitor.temperature, 41);
@@ -166,7 +166,7 @@ TEST_F(Temperature, ACancelOfAnIdleMonitorDoesNotShortenALaterPause) {
 }
 
 TEST_F(Temperature, AMonitorMayBeDestroyedWhileItRuns) {
-  Interpose::MakeFile(kSensor, "41000\n");
+  Machine::MakeFile(kSensor, "41000\n");
   {
     TemperatureMonitor running;
     running.Start();

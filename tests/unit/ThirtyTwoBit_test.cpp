@@ -146,11 +146,11 @@ TEST_F(ThirtyTwoBit, ATimeInTheLogIsADateAndASizeANumber) {
 }
 
 TEST_F(ThirtyTwoBit, ACardIsMeasuredIn64Bits) {
-  Interpose::hooks().statvfs = [](std::string const&, struct statvfs* space) {
+  Machine::hooks().statvfs = [](std::string const&, struct statvfs* space) {
     space->f_frsize = 65536;
     space->f_blocks = std::numeric_limits<fsblkcnt_t>::max();
     space->f_bfree = std::numeric_limits<fsblkcnt_t>::max() - 1;
-    return Interpose::Answer::Success();
+    return Machine::Answer::Success();
   };
   card.LoadDiskInfo();
   EXPECT_EQ(card.totalBytes, 4294967295LL * 65536);
@@ -161,18 +161,18 @@ TEST_F(ThirtyTwoBit, NumbersOfSysfsAre64BitsWide) {
   EXPECT_EQ(Disk::StringToULong("4294967296"), 4294967296ULL);
   EXPECT_EQ(Disk::StringToULong("-1"), std::numeric_limits<std::uint64_t>::max());
   EXPECT_EQ(Disk::ULongToString(18446744073709551615ULL), "18446744073709551615");
-  Interpose::MakeFile("/sys/class/block/mmcblk1/size", "4294967296\n");
+  Machine::MakeFile("/sys/class/block/mmcblk1/size", "4294967296\n");
   EXPECT_EQ(Disk::getSDCardTotalSize("mmcblk1"), 1ULL << 41);
 }
 
 TEST_F(ThirtyTwoBit, TheClockIsSetToTheLastSecond) {
-  Interpose::hooks().setClock = [](long) { return Interpose::Answer::Success(); };
+  Machine::hooks().setClock = [](long) { return Machine::Answer::Success(); };
   Capture::Output([] {
     Quellon::System system;
     long seconds = kLastSecond;
     EXPECT_TRUE(system.SetDate(seconds));
   });
-  EXPECT_THAT(Interpose::Traced("clock"), ElementsAre("clock 2147483647"));
+  EXPECT_THAT(Machine::Traced("clock"), ElementsAre("clock 2147483647"));
 }
 
 }  // namespace

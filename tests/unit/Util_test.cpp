@@ -18,41 +18,17 @@
 #include "tests/support/Capture.h"
 #include "tests/support/ChildProcess.h"
 #include "tests/support/Descriptors.h"
-#include "tests/support/FailingAllocation.h"
-#include "tests/support/Interpose.h"
-#include "tests/support/TheReal.h"
-
-namespace {
-
-std::function<FILE*(std::string const&)> pipeAnswers;  ///< instead of running the command
-std::vector<std::string> pipeModes;
-std::function<int(int fd)> beforeReading;  ///< told the descriptor; the `errno` of a failure, or 0
-
-}  // namespace
-
-extern "C" ssize_t read(int fd, void* data, std::size_t length) {
-  if (int const error = beforeReading ? beforeReading(fd) : 0; error != 0) {
-    errno = error;
-    return -1;
-  }
-  static auto* const next = TheReal<decltype(read)>("read");
-  return next(fd, data, length);
-}
-
-extern "C" FILE* popen(char const* command, char const* mode) {
-  pipeModes.emplace_back(mode);
-  if (pipeAnswers) return pipeAnswers(command);
-  static auto* const next = TheReal<decltype(popen)>("popen");
-  return next(command, mode);
-}
+#include "tests/machine/Allocation.h"
+#include "tests/machine/Machine.h"
+#include "tests/machine/TheReal.h"
 
 namespace {
 
 using namespace std::chrono_literals;
-using Interpose::Answer;
-using Interpose::hooks;
-using Interpose::Sleep;
-using Interpose::Trace;
+using Machine::Answer;
+using Machine::hooks;
+using Machine::Sleep;
+using Machine::Trace;
 using Quellon::SysUtil::ClearCache;
 using Quellon::SysUtil::DisplayOpenFiles;
 using Quellon::SysUtil::ExecSystemCmdThroughPipe;
@@ -67,10 +43,26 @@ constexpr char const* kMountRamdisk =
 
 class UtilTest : public testing::Test {
  protected:
+  // Shells that only read may run.
   UtilTest() {
-    pipeAnswers = nullptr;
-    pipeModes.clear();
-    beforeReading = nullptr;
+    hooks().popen = [](std::string const& command, std::string const& mode) {
+      return RealPopen(command.c_str(), mode.c_str());
+    };
+  }
+
+  static FILE* RealPopen(char const* command, char const* mode) {
+    static auto* const real = TheReal<decltype(popen)>("popen");
+    return real(command, mode);
+  }
+
+  /// Asks before each read(2) for the `errno` of a failure, or 0.
+  static void BeforeReading(std::function<int(int fd)> error) {
+    hooks().read = [error = std::move(error)](int fd, auto&&...) -> std::optional<ssize_t> {
+      int const failure = error(fd);
+      if (failure == 0) return std::nullopt;
+      errno = failure;
+      return -1;
+    };
   }
 
   Descriptors::Watch descriptors;
@@ -79,7 +71,7 @@ class UtilTest : public testing::Test {
 /// The kernel's control of its caches; it takes the request at the attempt of that number only.
 class ClearCacheTest : public UtilTest {
  protected:
-  ClearCacheTest() { Interpose::MakeFile(kDropCaches, ""); }
+  ClearCacheTest() { Machine::MakeFile(kDropCaches, ""); }
 
   void KernelTakesAttempt(int number, ssize_t refusal = -1) {
     hooks().write = [=, this](int fd, void const* data,
@@ -98,20 +90,20 @@ class ClearCacheTest : public UtilTest {
 
 TEST_F(ClearCacheTest, WritesASingleThreeWithoutFlushing) {
   EXPECT_TRUE(ClearCache());
-  EXPECT_EQ(Interpose::ReadFile(kDropCaches), "3");
+  EXPECT_EQ(Machine::ReadFile(kDropCaches), "3");
   EXPECT_THAT(Trace(), IsEmpty());
   EXPECT_THAT(descriptors.Opened(), IsEmpty());
 }
 
 TEST_F(ClearCacheTest, SucceedsWithTheFirstThreeAttemptsOnly) {
   for (int const attempt : {1, 2, 3, 4}) {
-    Interpose::Reset();
-    Interpose::MakeFile(kDropCaches, "");
+    Machine::Reset();
+    Machine::MakeFile(kDropCaches, "");
     written = 0;
     KernelTakesAttempt(attempt);
     EXPECT_EQ(ClearCache(), attempt <= 3) << attempt;
     EXPECT_EQ(written, attempt);
-    EXPECT_EQ(Interpose::Slept(), (attempt - 1) * 100ms);
+    EXPECT_EQ(Machine::Slept(), (attempt - 1) * 100ms);
   }
 }
 
@@ -154,18 +146,18 @@ TEST_F(ClearCacheTest, TakesAWriteOfNothingForAFailure) {
 }
 
 TEST_F(ClearCacheTest, FailsAtOnceWithoutPermission) {
-  hooks().fault = [](std::string const& function) -> std::optional<int> {
-    return function == "open" ? std::optional(EACCES) : std::nullopt;
+  hooks().fault = [](Machine::Call const& call) -> std::optional<int> {
+    return call.function == "open" ? std::optional(EACCES) : std::nullopt;
   };
   EXPECT_EQ(Capture::AllOutput([] { EXPECT_FALSE(ClearCache()); }), "");
   EXPECT_THAT(Trace(), IsEmpty());
-  EXPECT_EQ(Interpose::ReadFile(kDropCaches), "");
+  EXPECT_EQ(Machine::ReadFile(kDropCaches), "");
 }
 
 TEST_F(UtilTest, ReturnsAllThatACommandPrints) {
   EXPECT_EQ(ExecSystemCmdThroughPipe("echo one; echo two"), "one\ntwo\n");
   EXPECT_EQ(ExecSystemCmdThroughPipe("printf 'no end'"), "no end");
-  EXPECT_THAT(pipeModes, ElementsAre("r", "r"));
+  EXPECT_THAT(Trace(), ElementsAre("popen echo one; echo two r", "popen printf 'no end' r"));
   EXPECT_THAT(descriptors.Opened(), IsEmpty());
 }
 
@@ -180,7 +172,7 @@ TEST_F(UtilTest, IgnoresTheExitStatusAndStandardErrorOfACommand) {
 }
 
 TEST_F(UtilTest, ReturnsNothingWhenTheCommandCannotBeStarted) {
-  pipeAnswers = [](auto&&) -> FILE* {
+  hooks().popen = [](auto&&...) -> FILE* {
     errno = EMFILE;
     return nullptr;
   };
@@ -204,25 +196,25 @@ TEST_F(UtilTest, ReturnsEveryByteNulsToo) {
 
 TEST_F(UtilTest, KeepsThePipeFromOtherCommands) {
   int pieces = 0;
-  beforeReading = [&](int fd) {
+  BeforeReading([&](int fd) {
     ++pieces;
     EXPECT_TRUE(Descriptors::ClosesOnExec(fd));
     return 0;
-  };
+  });
   ExecSystemCmdThroughPipe("echo one");
   EXPECT_EQ(pieces, 2);
 }
 
 TEST_F(UtilTest, ReturnsAllThoughASignalInterruptsEachPiece) {
   int reads = 0;
-  beforeReading = [&](int) { return ++reads % 3 == 0 ? 0 : EINTR; };
+  BeforeReading([&](int) { return ++reads % 3 == 0 ? 0 : EINTR; });
   EXPECT_EQ(ExecSystemCmdThroughPipe("head -c 5000 /dev/zero | tr '\\0' x; echo end"),
             std::string(5000, 'x') + "end\n");
 }
 
 TEST_F(UtilTest, ReturnsWhatItHasWhenThePipeFails) {
   int reads = 0;
-  beforeReading = [&](int) { return ++reads == 2 ? EIO : 0; };
+  BeforeReading([&](int) { return ++reads == 2 ? EIO : 0; });
   EXPECT_EQ(ExecSystemCmdThroughPipe("echo one"), "one\n");
   EXPECT_EQ(reads, 2);
 }
@@ -245,11 +237,11 @@ TEST_F(UtilTest, ReturnsAllThoughARealSignalArrivesWhileItWaits) {
 }
 
 TEST_F(UtilTest, ClosesThePipeWhenMemoryRunsOut) {
-  std::optional<FailingAllocation> allocation;
-  beforeReading = [&](auto&&...) {
+  std::optional<Machine::FailingAllocation> allocation;
+  BeforeReading([&](int) {
     if (!allocation) allocation.emplace(1);
     return 0;
-  };
+  });
   EXPECT_THROW(ExecSystemCmdThroughPipe("echo one line that takes memory of its own"),
                std::bad_alloc);
   EXPECT_THAT(descriptors.Opened(), IsEmpty());
@@ -305,10 +297,9 @@ std::string OpenFilesOf(pid_t process, std::string const& files) {
 
 TEST_F(UtilTest, DisplaysTheOpenFilesOfThisProcessAndThenItsParent) {
   std::vector<std::string> commands;
-  pipeAnswers = [&](std::string const& command) {
+  hooks().popen = [&](std::string const& command, auto&&) {
     commands.push_back(command);
-    static auto* const real = TheReal<decltype(popen)>("popen");
-    return real("echo 'a file'", "r");
+    return RealPopen("echo 'a file'", "r");
   };
   EXPECT_EQ(Capture::Output(DisplayOpenFiles),
             OpenFilesOf(getpid(), "a file\n") + OpenFilesOf(getppid(), "a file\n"));
@@ -317,7 +308,7 @@ TEST_F(UtilTest, DisplaysTheOpenFilesOfThisProcessAndThenItsParent) {
 }
 
 TEST_F(UtilTest, DisplaysNothingWhereThePipeGivesNothing) {
-  pipeAnswers = [](auto&&) -> FILE* { return nullptr; };
+  hooks().popen = [](auto&&...) -> FILE* { return nullptr; };
   EXPECT_EQ(Capture::Output(DisplayOpenFiles),
             OpenFilesOf(getpid(), "") + OpenFilesOf(getppid(), ""));
 }
@@ -330,7 +321,7 @@ TEST_F(UtilTest, DisplaysTheDescriptorsThatThisProcessReallyHolds) {
 }
 
 TEST_F(UtilTest, AnnouncesACommandBeforeItRuns) {
-  pipeAnswers = [](auto&&) -> FILE* {
+  hooks().popen = [](auto&&...) -> FILE* {
     EXPECT_EQ(write(1, "*", 1), 1);
     return nullptr;
   };

@@ -17,13 +17,13 @@
 #include "tests/support/Capture.h"
 #include "tests/support/ChildProcess.h"
 #include "tests/support/Descriptors.h"
-#include "tests/support/Interpose.h"
+#include "tests/machine/Machine.h"
 #include "tests/support/LogFile.h"
 
 namespace {
 
-using Interpose::Answer;
-using Interpose::hooks;
+using Machine::Answer;
+using Machine::hooks;
 using Quellon::Watchdog;
 using Tarvik::Ilog::Info;
 using Tarvik::Ilog::LogLine;
@@ -41,7 +41,7 @@ auto IsLogLine(std::string const& message) {
 
 /// A device whose driver takes every timeout and applies `applied` seconds.
 void DriverApplies(int applied) {
-  Interpose::MakeFile(kDevice, "");
+  Machine::MakeFile(kDevice, "");
   hooks().ioctl = [applied](unsigned long, void* argument) {
     *static_cast<int*>(argument) = applied;
     return Answer::Success();
@@ -50,7 +50,7 @@ void DriverApplies(int applied) {
 
 /// A device whose driver takes no timeout.
 void DriverRefuses() {
-  Interpose::MakeFile(kDevice, "");
+  Machine::MakeFile(kDevice, "");
   hooks().ioctl = [](unsigned long, void*) { return Answer::Failure(EINVAL); };
 }
 
@@ -98,7 +98,7 @@ TEST(WatchdogClass, IsPolymorphicByItsDestructorAndCannotBeCopied) {
 }
 
 TEST_F(WatchdogTest, ArmsWithNinetySecondsUnlessToldOtherwise) {
-  Interpose::MakeFile(kDevice, "");
+  Machine::MakeFile(kDevice, "");
   std::vector<int> asked;
   hooks().ioctl = [&asked](unsigned long request, void* argument) {
     if (request == WDIOC_SETTIMEOUT) asked.push_back(*static_cast<int*>(argument));
@@ -123,7 +123,7 @@ TEST_F(WatchdogTest, LogsAndKeepsTheTimeoutThatTheDriverApplied) {
 }
 
 TEST_F(WatchdogTest, SetsTheTimeoutFirstAndLogsTheOneItReadsBack) {
-  Interpose::MakeFile(kDevice, "");
+  Machine::MakeFile(kDevice, "");
   std::vector<unsigned long> requests;
   hooks().ioctl = [&requests](unsigned long request, void* argument) {
     requests.push_back(request);
@@ -139,7 +139,7 @@ TEST_F(WatchdogTest, SetsTheTimeoutFirstAndLogsTheOneItReadsBack) {
 }
 
 TEST_F(WatchdogTest, LogsZeroSecondsWhenTheTimeoutCannotBeReadBack) {
-  Interpose::MakeFile(kDevice, "");
+  Machine::MakeFile(kDevice, "");
   hooks().ioctl = [](unsigned long request, void*) {
     return request == WDIOC_SETTIMEOUT ? Answer::Success() : Answer::Failure(ENOTTY);
   };
@@ -152,7 +152,7 @@ TEST_F(WatchdogTest, LogsZeroSecondsWhenTheTimeoutCannotBeReadBack) {
 }
 
 TEST_F(WatchdogTest, OpensTheDeviceForReadingAndWritingAndKeepsItFromCommands) {
-  Interpose::MakeFile(kDevice, "");
+  Machine::MakeFile(kDevice, "");
   hooks().ioctl = [this](unsigned long, void*) {
     int const fd = descriptors.Opened().back();
     EXPECT_TRUE(Descriptors::ClosesOnExec(fd));
@@ -173,7 +173,7 @@ TEST_F(WatchdogTest, ClosesTheDeviceAfterArmingAndAfterEveryKick) {
 }
 
 TEST_F(WatchdogTest, TakesAnyResultOfSettingTheTimeoutThatIsNotNegativeForASuccess) {
-  Interpose::MakeFile(kDevice, "");
+  Machine::MakeFile(kDevice, "");
   hooks().ioctl = [](unsigned long, void*) { return Answer{1, 0}; };
   Capture::Output([] {
     Watchdog watchdog;
@@ -183,7 +183,7 @@ TEST_F(WatchdogTest, TakesAnyResultOfSettingTheTimeoutThatIsNotNegativeForASucce
 }
 
 TEST_F(WatchdogTest, LogsItsTimeoutBeforeItClosesTheDevice) {
-  Interpose::MakeFile(kDevice, "");
+  Machine::MakeFile(kDevice, "");
   int device = -1;
   hooks().ioctl = [&](unsigned long, void*) {
     device = descriptors.Opened().back();
@@ -194,7 +194,7 @@ TEST_F(WatchdogTest, LogsItsTimeoutBeforeItClosesTheDevice) {
 
 TEST_F(WatchdogTest, ClosesTheDeviceBeforeItLogsAKick) {
   Watchdog watchdog;
-  Interpose::MakeFile(kDevice, "");
+  Machine::MakeFile(kDevice, "");
   ASSERT_TRUE(watchdog.Open());
   int const device = watchdog.fd;
   EXPECT_FALSE(IsOpenWhenTheLineIsWritten(device, [&] { EXPECT_TRUE(watchdog.Reset()); }));
@@ -221,7 +221,7 @@ TEST_F(WatchdogTest, LogsEveryKickThatFindsNoDevice) {
 
 TEST_F(WatchdogTest, FindsADeviceThatAppearsLater) {
   Watchdog watchdog;
-  Interpose::MakeFile(kDevice, "");
+  Machine::MakeFile(kDevice, "");
   Capture::Output([&] { EXPECT_TRUE(watchdog.Reset()); });
 }
 
@@ -229,10 +229,10 @@ TEST_F(WatchdogTest, KicksWithTheFourBytesOfAOneAndNothingElse) {
   DriverApplies(90);
   std::string const log = Capture::Output([] {
     Watchdog watchdog;
-    EXPECT_EQ(Interpose::ReadFile(kDevice), "");  // arming writes nothing
+    EXPECT_EQ(Machine::ReadFile(kDevice), "");  // arming writes nothing
     EXPECT_TRUE(watchdog.Reset());
   });
-  std::string const written = Interpose::ReadFile(kDevice);
+  std::string const written = Machine::ReadFile(kDevice);
   ASSERT_EQ(written.size(), 4U);
   std::int32_t kick = 0;
   std::memcpy(&kick, written.data(), sizeof kick);
@@ -257,8 +257,8 @@ TEST_F(WatchdogTest, KicksThroughTheDescriptorThatWasLeftOpen) {
   Watchdog watchdog;
   int const left = watchdog.fd;
   int opened = 0;
-  hooks().fault = [&](std::string const& function) -> std::optional<int> {
-    if (function == "open") ++opened;
+  hooks().fault = [&](Machine::Call const& call) -> std::optional<int> {
+    if (call.function == "open") ++opened;
     return std::nullopt;
   };
   hooks().write = [left](int fd, auto&&...) -> std::optional<ssize_t> {
@@ -274,7 +274,7 @@ class UnwrittenKick : public WatchdogTest, public testing::WithParamInterface<in
 
 TEST_P(UnwrittenKick, FailsSilentlyAndLeavesTheDeviceOpenForTheNext) {
   Watchdog watchdog;
-  Interpose::MakeFile(kDevice, "");
+  Machine::MakeFile(kDevice, "");
   ASSERT_TRUE(watchdog.Open());
   DriverTakes(watchdog.fd, GetParam());
   std::string const log = Capture::Output([&] { EXPECT_FALSE(watchdog.Reset()); });
@@ -317,7 +317,7 @@ TEST_F(WatchdogTest, IsArmedAndKickedInAProcessWithoutStandardDescriptors) {
     {
       Descriptors::NoStandardOnes const none;
       Descriptors::Watch const watch;
-      Interpose::MakeFile(kDevice, "");
+      Machine::MakeFile(kDevice, "");
       hooks().ioctl = [&](unsigned long, void*) {
         armed = watch.Opened();
         return Answer::Success();
@@ -329,13 +329,13 @@ TEST_F(WatchdogTest, IsArmedAndKickedInAProcessWithoutStandardDescriptors) {
     EXPECT_THAT(armed, ElementsAre(testing::Gt(2)));
     EXPECT_TRUE(kicked);
     EXPECT_THAT(left, IsEmpty());
-    EXPECT_EQ(Interpose::ReadFile(kDevice).size(), 4U);
+    EXPECT_EQ(Machine::ReadFile(kDevice).size(), 4U);
   });
 }
 
 TEST_F(WatchdogTest, OpensAndClosesOnItsOwn) {
   Watchdog watchdog;
-  Interpose::MakeFile(kDevice, "");
+  Machine::MakeFile(kDevice, "");
   EXPECT_TRUE(watchdog.Open());
   EXPECT_THAT(descriptors.Opened(), ElementsAre(watchdog.fd));
   EXPECT_TRUE(watchdog.Close());

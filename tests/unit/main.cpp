@@ -1,19 +1,19 @@
 // The library exports a `main` of its own, so each test program brings this one.
 #include <gtest/gtest.h>
 
-#include "tests/support/Interpose.h"
+#include "tests/machine/Machine.h"
 
 namespace {
 
 /// Every test begins with the default answers and an empty device.
-class FreshDevice : public testing::EmptyTestEventListener {
-  void OnTestStart(testing::TestInfo const&) override { Interpose::Reset(); }
+class FreshMachine : public testing::EmptyTestEventListener {
+  void OnTestStart(testing::TestInfo const&) override { Machine::Reset(); }
 };
 
 }  // namespace
 
 int main(int count, char** arguments) {
   testing::InitGoogleTest(&count, arguments);
-  testing::UnitTest::GetInstance()->listeners().Append(new FreshDevice);
+  testing::UnitTest::GetInstance()->listeners().Append(new FreshMachine);
   return RUN_ALL_TESTS();
 }

@@ -1,0 +1,28 @@
+// Memory that runs out.
+#pragma once
+
+#include "tests/machine/Failures.h"
+
+namespace Machine {
+
+/// While one exists, the allocation of that number, counted from 1, fails; just the one. What the
+/// machine allocates for itself does not count.
+class FailingAllocation {
+ public:
+  explicit FailingAllocation(int number);
+  explicit FailingAllocation(Point const& point) : FailingAllocation(point.number) {}
+  FailingAllocation(FailingAllocation const&) = delete;
+  FailingAllocation& operator=(FailingAllocation const&) = delete;
+  ~FailingAllocation() { Stop(); }
+
+  /// No allocation fails any more.
+  static void Stop();
+
+  /// True once the allocation has failed.
+  static bool Happened();
+};
+
+/// Unless it is 0, what making an exception leaves behind in `errno`.
+extern int errnoAfterMakingAnException;
+
+}  // namespace Machine

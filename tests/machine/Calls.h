@@ -1,0 +1,110 @@
+// What the calls that the machine stands in for are made of.
+#pragma once
+
+#include <cerrno>
+#include <optional>
+#include <sstream>
+#include <string>
+#include <utility>
+
+#include "tests/machine/Machine.h"
+#include "tests/machine/TheReal.h"
+
+namespace Machine {
+
+/// Marks the machine's own work on this thread.
+class Work {
+ public:
+  Work();
+  Work(Work const&) = delete;
+  Work& operator=(Work const&) = delete;
+  ~Work();
+};
+
+/// The profile in force.
+Profile const& profile();
+
+/// Adds to the trace as it is.
+void Append(std::string const& call);
+
+/// Adds a call to the trace, word for word, but where calls pass on as they are.
+template <typename... Words>
+void Record(Words const&... words) {
+  if (profile().sleeps) return;
+  Work const work;
+  std::ostringstream text;
+  std::size_t count = 0;
+  ((text << (count++ == 0 ? "" : " ") << words), ...);
+  Append(text.str());
+}
+
+/// Where a path leads. Costs nothing where it leads to itself.
+class Place {
+ public:
+  explicit Place(char const* path);
+  operator char const*() const { return place; }
+
+ private:
+  char const* place;
+  std::string redirected;
+};
+
+/// A failing call's result.
+template <typename Result = int>
+Result Fail(int error, Result result = -1) {
+  errno = error;
+  return result;
+}
+
+inline int Give(Answer answer) {
+  return answer.result < 0 ? Fail(answer.error, answer.result) : answer.result;
+}
+
+/// What would change the machine does not.
+inline int Refuse() {
+  return Fail(EPERM);
+}
+
+/// How the call fails, if a test says so.
+template <typename Subject, typename... Others>
+std::optional<Failure> FailureOf(char const* function, Subject const& subject,
+                                 Others const&... /*others*/) {
+  if (!hooks().fault) return std::nullopt;
+  Work const work;
+  std::ostringstream text;
+  text << subject;
+  return hooks().fault({function, text.str()});
+}
+
+/// How a call on a descriptor of the device fails, if a test says so.
+inline std::optional<Failure> FailureOn(char const* function, int fd) {
+  if (!hooks().fault || IsWorking()) return std::nullopt;
+  Work const work;
+  auto const path = DevicePath(fd);
+  return path ? hooks().fault({function, *path}) : std::nullopt;
+}
+
+/// What the call comes to: a fault, the hook's answer, or what `otherwise` returns.
+template <typename Called, typename Otherwise, typename... Arguments>
+int Outcome(char const* function, Called const& hook, Otherwise otherwise,
+            Arguments const&... arguments) {
+  if (auto const failure = FailureOf(function, arguments...)) {
+    return failure->kind == Failure::ExitCode ? failure->value << 8 : Fail(failure->value);
+  }
+  if (hook) {
+    Work const work;
+    if (auto const answer = hook(arguments...)) return Give(*answer);
+  }
+  return otherwise();
+}
+
+/// Makes a call whose success a fault may then deny: a descriptor is gone also when its closing
+/// reports a failure.
+template <typename Result, typename Otherwise>
+Result DoAndDeny(char const* function, int fd, Result denied, Otherwise otherwise) {
+  auto const failure = FailureOn(function, fd);
+  Result const result = otherwise();
+  return failure ? Fail(failure->value, denied) : result;
+}
+
+}  // namespace Machine

@@ -1,0 +1,98 @@
+#include "tests/machine/Failures.h"
+
+#include <cerrno>
+#include <cstring>
+
+namespace Machine {
+
+namespace {
+
+std::vector<Failure> With(Failure other, std::vector<Failure> failures) {
+  failures.push_back(other);
+  return failures;
+}
+
+/// What the manual pages list, and what the drivers of card, watchdog and clock give besides.
+std::vector<Failure> const& FailuresOf(std::string const& function) {
+  using Failures = std::vector<Failure>;
+  static Failures const opening = {
+      EACCES, EBUSY,  EDQUOT, EEXIST, EFBIG,        EINTR, EINVAL, EIO,     EISDIR,
+      ELOOP,  EMFILE, ENFILE, ENODEV, ENOENT,       ENOMEM, ENOSPC, ENXIO,  ENAMETOOLONG,
+      EPERM,  EROFS,  ENOTDIR, EOPNOTSUPP, EOVERFLOW, EAGAIN, ETXTBSY};
+  static Failures const describing = {EACCES, EBADF,        EFAULT, EIO,    ELOOP,
+                                      ENAMETOOLONG, ENOENT, ENOMEM, ENOTDIR, EOVERFLOW};
+  static Failures const closing = {EBADF, EINTR, EIO, ENOSPC, EDQUOT};
+  static Failures const writing =
+      With({Failure::Short, 0}, {EAGAIN, EBADF, EDESTADDRREQ, EDQUOT, EFAULT, EFBIG, EINTR, EINVAL,
+                                 EIO, ENOSPC, EPERM, EPIPE});
+  static Failures const unmounting = {EAGAIN,       EBUSY,  EFAULT, EINVAL,
+                                      ENAMETOOLONG, ENOENT, ENOMEM, EPERM};
+  static std::map<std::string, Failures> const failures = {
+      {"access", {EACCES, EFAULT, EINVAL, EIO, ELOOP, ENAMETOOLONG, ENOENT, ENOMEM, ENOTDIR, EPERM,
+                  EROFS, ETXTBSY}},
+      {"stat", describing},
+      {"lstat", describing},
+      {"fstat", describing},
+      {"statvfs", With(EINTR, With(ENOSYS, describing))},
+      {"open", opening},
+      {"fopen", opening},
+      {"opendir", {EACCES, EBADF, EIO, EMFILE, ENFILE, ENOENT, ENOMEM, ENOTDIR}},
+      {"readdir", {EBADF, EIO}},
+      {"read", With({Failure::Short, 0}, {EAGAIN, EBADF, EFAULT, EINTR, EINVAL, EIO, EISDIR})},
+      {"write", writing},
+      {"writev", writing},
+      {"fsync", {EBADF, EDQUOT, EINTR, EINVAL, EIO, ENOSPC, EROFS}},
+      {"close", closing},
+      {"fclose", closing},
+      {"unlink", {EACCES, EBUSY, EFAULT, EIO, EISDIR, ELOOP, ENAMETOOLONG, ENOENT, ENOMEM, ENOTDIR,
+                  EPERM, EROFS}},
+      {"rename", {EACCES, EBUSY, EDQUOT, EEXIST, EFAULT, EINVAL, EIO, EISDIR, ELOOP, EMLINK,
+                  ENAMETOOLONG, ENOENT, ENOMEM, ENOSPC, ENOTDIR, ENOTEMPTY, EPERM, EROFS, EXDEV}},
+      {"mkdir", {EACCES, EDQUOT, EEXIST, EFAULT, EINVAL, EIO, ELOOP, EMLINK, ENAMETOOLONG, ENOENT,
+                 ENOMEM, ENOSPC, ENOTDIR, EPERM, EROFS}},
+      {"mount", {EACCES, EBUSY, EFAULT, EINVAL, EIO, ELOOP, EMFILE, ENAMETOOLONG, ENODEV, ENOENT,
+                 ENOMEM, ENOTBLK, ENOTDIR, ENXIO, EPERM, EROFS}},
+      {"umount", unmounting},
+      {"umount2", unmounting},
+      {"chdir", {EACCES, EFAULT, EIO, ELOOP, ENAMETOOLONG, ENOENT, ENOMEM, ENOTDIR}},
+      {"popen", {EAGAIN, EMFILE, ENFILE, ENOMEM}},
+      {"reboot", {EFAULT, EINVAL, EPERM}},
+      {"ioctl", {EBADF, EBUSY, EFAULT, EINTR, EINVAL, EIO, ENODEV, ENOTTY, EOPNOTSUPP}},
+      {"clock_settime", {EACCES, EFAULT, EINVAL, ENODEV, ENOTSUP, EPERM}},
+      {"nanosleep", {EINTR}},
+      {"system", With({Failure::ExitCode, 1},
+                      With({Failure::ExitCode, 127}, {EAGAIN, ECHILD, ENOMEM, ENOSYS}))}};
+  return failures.at(function);
+}
+
+std::string Text(Failure const& failure) {
+  if (failure.kind == Failure::Short) return "short";
+  return failure.kind == Failure::Error ? strerrorname_np(failure.value)
+                                        : "exit " + std::to_string(failure.value);
+}
+
+/// Whether a test made the call: it knows where the device really lies.
+bool IsTestsOwn(Call const& call) {
+  static std::string const folder = Real("/mnt/").parent_path().parent_path();
+  return call.subject.starts_with(folder);
+}
+
+}  // namespace
+
+FailingCall::FailingCall(Point const& failing) : point(failing), left(failing.number) {
+  hooks().fault = [this](Call const& call) { return Next(call); };
+}
+
+std::optional<Failure> FailingCall::Next(Call const& call) {
+  if (left <= 0 || IsTestsOwn(call)) return std::nullopt;
+  std::string const name = call.function + (call.subject.empty() ? "" : " ") + call.subject;
+  int const number = ++calls[name];
+  if (--left > 0) return std::nullopt;
+  auto const& failures = FailuresOf(call.function);
+  Failure const failure = failures.at(point.way);
+  text = name + " (" + std::to_string(number) + "): " + Machine::Text(failure);
+  moreWays = point.way + 1 < failures.size();
+  return failure;
+}
+
+}  // namespace Machine

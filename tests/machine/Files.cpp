@@ -1,0 +1,169 @@
+// Paths, descriptors, streams and directories.
+#include <dirent.h>
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cstdarg>
+
+#include "tests/machine/Calls.h"
+
+using namespace Machine;
+
+namespace {
+
+// A 32-bit kernel opens no file of 2 GiB or more for who does not say that it knows of such files.
+// The 64-bit one underneath an emulator does.
+bool IsTooLarge(char const* place, int flags) {
+  if (sizeof(off_t) > 4 || (flags & O_LARGEFILE) != 0) return false;
+  static auto* const next = TheReal<int(char const*, struct stat*)>("stat");
+  struct stat status {};
+  return next(place, &status) != 0 && errno == EOVERFLOW;
+}
+
+/// Reads or writes as a hook or a fault says, else as `transfer` does with what part of it is to be
+/// done: all, or where less is done than was asked for, that.
+template <typename Called, typename Transfer, typename... Arguments>
+ssize_t Transferred(char const* function, Called const& hook, Transfer transfer, int fd,
+                    Arguments... arguments) {
+  if (auto const failure = FailureOn(function, fd)) {
+    bool const isShort = failure->kind == Failure::Short;
+    return isShort ? transfer(true) : Fail<ssize_t>(failure->value);
+  }
+  if (hook) {
+    if (auto const result = hook(fd, arguments...)) return *result;
+  }
+  return transfer(false);
+}
+
+}  // namespace
+
+extern "C" {
+
+int open(char const* path, int flags, ...) {
+  mode_t mode = 0;
+  if ((flags & O_CREAT) != 0) {
+    va_list arguments;
+    va_start(arguments, flags);
+    mode = va_arg(arguments, mode_t);
+    va_end(arguments);
+  }
+  if (auto const failure = FailureOf("open", path)) return Fail(failure->value);
+  Place const place(path);
+  if (IsTooLarge(place, flags)) return Fail(EOVERFLOW);
+  static auto* const next = TheReal<int(char const*, int, ...)>("open");
+  return next(place, flags, mode);
+}
+
+FILE* fopen64(char const* path, char const* mode) {
+  if (auto const failure = FailureOf("fopen", path)) return Fail<FILE*>(failure->value, nullptr);
+  static auto* const next = TheReal<decltype(fopen64)>("fopen64");
+  return next(Place(path), mode);
+}
+
+DIR* opendir(char const* path) {
+  if (auto const failure = FailureOf("opendir", path)) return Fail<DIR*>(failure->value, nullptr);
+  static auto* const next = TheReal<decltype(opendir)>("opendir");
+  return next(Place(path));
+}
+
+dirent* readdir(DIR* directory) {
+  static auto* const next = TheReal<decltype(readdir)>("readdir");
+  return DoAndDeny<dirent*>("readdir", dirfd(directory), nullptr, [=] { return next(directory); });
+}
+
+int close(int fd) {
+  static auto* const next = TheReal<decltype(close)>("close");
+  return DoAndDeny("close", fd, -1, [=] { return next(fd); });
+}
+
+int fclose(FILE* file) {
+  static auto* const next = TheReal<decltype(fclose)>("fclose");
+  return DoAndDeny("fclose", fileno(file), EOF, [=] { return next(file); });
+}
+
+ssize_t read(int fd, void* data, std::size_t length) {
+  static auto* const next = TheReal<decltype(read)>("read");
+  auto const transfer = [=](bool isShort) { return next(fd, data, isShort ? 1 : length); };
+  return Transferred("read", hooks().read, transfer, fd, data, length);
+}
+
+ssize_t write(int fd, void const* data, std::size_t length) {
+  static auto* const next = TheReal<decltype(write)>("write");
+  auto const transfer = [=](bool isShort) { return next(fd, data, isShort ? length / 2 : length); };
+  if (fd <= STDERR_FILENO) return transfer(false);
+  return Transferred("write", hooks().write, transfer, fd, data, length);
+}
+
+ssize_t writev(int fd, iovec const* parts, int count) {
+  static auto* const next = TheReal<decltype(writev)>("writev");
+  auto const transfer = [=](bool isShort) { return next(fd, parts, isShort ? 1 : count); };
+  return Transferred("writev", hooks().writev, transfer, fd, parts, count);
+}
+
+int fsync(int fd) {
+  static auto* const next = TheReal<decltype(fsync)>("fsync");
+  return DoAndDeny("fsync", fd, -1, [=] {
+    auto const answer = hooks().fsync ? hooks().fsync(fd) : std::nullopt;
+    return answer ? Give(*answer) : next(fd);
+  });
+}
+
+int fstat(int fd, struct stat* status) noexcept {
+  static auto* const next = TheReal<int(int, struct stat*)>("fstat");
+  return DoAndDeny("fstat", fd, -1, [=] {
+    auto const answer = hooks().fstat ? hooks().fstat(fd, status) : std::nullopt;
+    return answer ? Give(*answer) : next(fd, status);
+  });
+}
+
+int access(char const* path, int mode) noexcept {
+  static auto* const next = TheReal<int(char const*, int)>("access");
+  return Outcome(
+      "access", hooks().access, [&] { return next(Place(path), mode); }, path, mode);
+}
+
+int stat(char const* __restrict path, struct stat* __restrict status) noexcept {
+  static auto* const next = TheReal<int(char const*, struct stat*)>("stat");
+  return Outcome(
+      "stat", hooks().stat, [&] { return next(Place(path), status); }, path, status);
+}
+
+int lstat(char const* __restrict path, struct stat* __restrict status) noexcept {
+  static auto* const next = TheReal<int(char const*, struct stat*)>("lstat");
+  return Outcome(
+      "lstat", hooks().lstat, [&] { return next(Place(path), status); }, path, status);
+}
+
+int statvfs(char const* __restrict path, struct statvfs* __restrict space) noexcept {
+  static auto* const next = TheReal<int(char const*, struct statvfs*)>("statvfs");
+  return Outcome(
+      "statvfs", hooks().statvfs, [&] { return next(Place(path), space); }, path, space);
+}
+
+int unlink(char const* path) noexcept {
+  Record("unlink", path);
+  static auto* const next = TheReal<int(char const*)>("unlink");
+  return Outcome(
+      "unlink", hooks().unlink, [&] { return next(Place(path)); }, path);
+}
+
+int rename(char const* from, char const* to) noexcept {
+  static auto* const next = TheReal<int(char const*, char const*)>("rename");
+  return Outcome(
+      "rename", hooks().rename, [&] { return next(Place(from), Place(to)); }, from, to);
+}
+
+int mkdir(char const* path, mode_t mode) noexcept {
+  static auto* const next = TheReal<int(char const*, mode_t)>("mkdir");
+  if (auto const failure = FailureOf("mkdir", path)) return Fail(failure->value);
+  return next(Place(path), mode);
+}
+
+int chdir(char const* path) noexcept {
+  Record("chdir", path);
+  static auto* const next = TheReal<int(char const*)>("chdir");
+  return Outcome(
+      "chdir", hooks().chdir, [&] { return profile().isReached ? next(path) : 0; }, path);
+}
+
+}  // extern "C"

@@ -1,0 +1,104 @@
+#include "tests/machine/Objects.h"
+
+#include <atomic>
+#include <mutex>
+
+#include "DiskUtils/Disk.h"
+#include "tests/machine/Machine.h"
+#include "tests/machine/TheReal.h"
+
+using Machine::Ifile;
+using Quellon::DiskUtils::Disk;
+
+namespace {
+
+struct Registry {
+  std::mutex mutex;
+  std::set<Ifile*> alive;
+};
+
+Registry& registry() {
+  static Registry instance;
+  return instance;
+}
+
+void Forget(Ifile* file) {
+  std::lock_guard const lock(registry().mutex);
+  registry().alive.erase(file);
+}
+
+std::atomic<int> destroyedDisks = 0;
+
+}  // namespace
+
+namespace Machine {
+
+std::set<Ifile*> LiveFiles() {
+  std::lock_guard const lock(registry().mutex);
+  return registry().alive;
+}
+
+void DeleteLiveFiles() {
+  for (Ifile* const file : LiveFiles()) delete file;
+}
+
+bool Remove(Ifile& file) {
+  static auto* const next = TheReal<bool(Ifile*)>("_ZN7Quellon9FileUtils5Ifile6RemoveEv");
+  return next(&file);
+}
+
+int DestroyedDisks() {
+  return destroyedDisks;
+}
+
+}  // namespace Machine
+
+bool Quellon::FileUtils::Ifile::Remove() {
+  auto const& hook = Machine::hooks().removeFile;
+  return hook ? hook(*this) : Machine::Remove(*this);
+}
+
+// On some machines constructors and destructors return their object, on the others nobody looks.
+extern "C" {
+
+Ifile* ConstructFile(Ifile* file) __asm__("_ZN7Quellon9FileUtils5IfileC1Ev");
+Ifile* DestroyFile(Ifile* file) __asm__("_ZN7Quellon9FileUtils5IfileD1Ev");
+void DeleteFile(Ifile* file) __asm__("_ZN7Quellon9FileUtils5IfileD0Ev");
+Disk* DestroyDisk(Disk* disk) __asm__("_ZN7Quellon9DiskUtils4DiskD1Ev");
+void DeleteDisk(Disk* disk) __asm__("_ZN7Quellon9DiskUtils4DiskD0Ev");
+
+Ifile* ConstructFile(Ifile* file) {
+  static auto* const next = TheReal<void(Ifile*)>("_ZN7Quellon9FileUtils5IfileC1Ev");
+  next(file);
+  std::lock_guard const lock(registry().mutex);
+  registry().alive.insert(file);
+  return file;
+}
+
+Ifile* DestroyFile(Ifile* file) {
+  static auto* const next = TheReal<void(Ifile*)>("_ZN7Quellon9FileUtils5IfileD1Ev");
+  Forget(file);
+  next(file);
+  return file;
+}
+
+void DeleteFile(Ifile* file) {
+  static auto* const next = TheReal<void(Ifile*)>("_ZN7Quellon9FileUtils5IfileD0Ev");
+  Forget(file);
+  next(file);
+}
+
+Disk* DestroyDisk(Disk* disk) {
+  static auto* const next = TheReal<void(Disk*)>("_ZN7Quellon9DiskUtils4DiskD1Ev");
+  ++destroyedDisks;
+  next(disk);
+  return disk;
+}
+
+void DeleteDisk(Disk* disk) {
+  static auto* const next = TheReal<void(Disk*)>("_ZN7Quellon9DiskUtils4DiskD0Ev");
+  ++destroyedDisks;
+  next(disk);
+}
+
+}  // extern "C"

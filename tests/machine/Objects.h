@@ -1,0 +1,25 @@
+// Objects of the library: which are alive, and files whose removal does as a test wants.
+#pragma once
+
+#include <set>
+
+#include "FileUtils/File.h"
+
+namespace Machine {
+
+using Quellon::FileUtils::Ifile;
+
+/// The file objects made without a path, as a catalogue makes them, that are alive. So a test sees
+/// those a catalogue deletes and those it leaves to others on purpose.
+std::set<Ifile*> LiveFiles();
+
+/// Deletes those that are left; call it when no catalogue is.
+void DeleteLiveFiles();
+
+/// The library's own removal, whatever the hook.
+bool Remove(Ifile& file);
+
+/// How many disks were destroyed.
+int DestroyedDisks();
+
+}  // namespace Machine
