@@ -78,7 +78,8 @@ std::string SystemTest::StartUntilItGivesUp(std::string const& reason) {
                           " to file\nDone save counter, trigger reboot...\n"));
     EXPECT_THAT(output, HasSubstr("card: none\nhealth: {}\n"));
     EXPECT_THAT(output, HasSubstr("asked: system reboot\nasked: sleep 20000000000 ns\n"));
-    EXPECT_THAT(output, HasSubstr("asked: reboot " + std::to_string(RB_AUTOBOOT) + "\nend of this start\n"));
+    EXPECT_THAT(output, HasSubstr("asked: reboot " + std::to_string(RB_AUTOBOOT) +
+                                  "\nend of this start\n"));
     EXPECT_EQ(TextOf(counterFile), Counted(reboots + 1));
   }
   std::string last = PowerOn();

@@ -3,8 +3,8 @@
 #include <iostream>
 
 #include "DiskUtils/System.h"
-#include "tests/machine/Machine.h"
 #include "tests/card/PrivateRoot.h"
+#include "tests/machine/Machine.h"
 
 int main() {
   CardTests::RequirePrivateRoot();

@@ -30,11 +30,10 @@
 #include "FileUtils/FilesManager.h"
 #include "base/Logger.h"
 #include "tests/card/Card.h"
-#include "tests/machine/Machine.h"
 #include "tests/card/PrivateRoot.h"
-#include "tests/support/Descriptors.h"
+#include "tests/machine/Machine.h"
 #include "tests/machine/Objects.h"
-#include "tests/machine/TheReal.h"
+#include "tests/support/Descriptors.h"
 
 namespace {
 

@@ -4,8 +4,8 @@
 
 #include "DiskUtils/System.h"
 #include "tests/fuzz/Target.h"
-#include "tests/support/Capture.h"
 #include "tests/machine/Machine.h"
+#include "tests/support/Capture.h"
 #include "tests/support/OwnedSystem.h"
 
 namespace {

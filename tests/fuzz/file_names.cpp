@@ -3,8 +3,8 @@
 
 #include "FileUtils/FilesManager.h"
 #include "tests/fuzz/Target.h"
-#include "tests/support/Capture.h"
 #include "tests/machine/Machine.h"
+#include "tests/support/Capture.h"
 
 using Quellon::DiskUtils::Disk;
 using Quellon::FileUtils::FilesManager;

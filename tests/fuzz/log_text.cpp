@@ -2,8 +2,8 @@
 // not disturbed.
 #include "base/Logger.h"
 #include "tests/fuzz/Target.h"
-#include "tests/support/Capture.h"
 #include "tests/machine/Machine.h"
+#include "tests/support/Capture.h"
 
 using Tarvik::Ilog::LogLine;
 using Tarvik::Ilog::LogType;

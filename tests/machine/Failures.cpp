@@ -16,10 +16,10 @@ std::vector<Failure> With(Failure other, std::vector<Failure> failures) {
 std::vector<Failure> const& FailuresOf(std::string const& function) {
   using Failures = std::vector<Failure>;
   static Failures const opening = {
-      EACCES, EBUSY,  EDQUOT, EEXIST, EFBIG,        EINTR, EINVAL, EIO,     EISDIR,
-      ELOOP,  EMFILE, ENFILE, ENODEV, ENOENT,       ENOMEM, ENOSPC, ENXIO,  ENAMETOOLONG,
+      EACCES, EBUSY,  EDQUOT,  EEXIST,     EFBIG,     EINTR,  EINVAL, EIO,   EISDIR,
+      ELOOP,  EMFILE, ENFILE,  ENODEV,     ENOENT,    ENOMEM, ENOSPC, ENXIO, ENAMETOOLONG,
       EPERM,  EROFS,  ENOTDIR, EOPNOTSUPP, EOVERFLOW, EAGAIN, ETXTBSY};
-  static Failures const describing = {EACCES, EBADF,        EFAULT, EIO,    ELOOP,
+  static Failures const describing = {EACCES,       EBADF,  EFAULT, EIO,     ELOOP,
                                       ENAMETOOLONG, ENOENT, ENOMEM, ENOTDIR, EOVERFLOW};
   static Failures const closing = {EBADF, EINTR, EIO, ENOSPC, EDQUOT};
   static Failures const writing =
@@ -28,8 +28,9 @@ std::vector<Failure> const& FailuresOf(std::string const& function) {
   static Failures const unmounting = {EAGAIN,       EBUSY,  EFAULT, EINVAL,
                                       ENAMETOOLONG, ENOENT, ENOMEM, EPERM};
   static std::map<std::string, Failures> const failures = {
-      {"access", {EACCES, EFAULT, EINVAL, EIO, ELOOP, ENAMETOOLONG, ENOENT, ENOMEM, ENOTDIR, EPERM,
-                  EROFS, ETXTBSY}},
+      {"access",
+       {EACCES, EFAULT, EINVAL, EIO, ELOOP, ENAMETOOLONG, ENOENT, ENOMEM, ENOTDIR, EPERM, EROFS,
+        ETXTBSY}},
       {"stat", describing},
       {"lstat", describing},
       {"fstat", describing},
@@ -44,14 +45,18 @@ std::vector<Failure> const& FailuresOf(std::string const& function) {
       {"fsync", {EBADF, EDQUOT, EINTR, EINVAL, EIO, ENOSPC, EROFS}},
       {"close", closing},
       {"fclose", closing},
-      {"unlink", {EACCES, EBUSY, EFAULT, EIO, EISDIR, ELOOP, ENAMETOOLONG, ENOENT, ENOMEM, ENOTDIR,
-                  EPERM, EROFS}},
-      {"rename", {EACCES, EBUSY, EDQUOT, EEXIST, EFAULT, EINVAL, EIO, EISDIR, ELOOP, EMLINK,
-                  ENAMETOOLONG, ENOENT, ENOMEM, ENOSPC, ENOTDIR, ENOTEMPTY, EPERM, EROFS, EXDEV}},
-      {"mkdir", {EACCES, EDQUOT, EEXIST, EFAULT, EINVAL, EIO, ELOOP, EMLINK, ENAMETOOLONG, ENOENT,
-                 ENOMEM, ENOSPC, ENOTDIR, EPERM, EROFS}},
-      {"mount", {EACCES, EBUSY, EFAULT, EINVAL, EIO, ELOOP, EMFILE, ENAMETOOLONG, ENODEV, ENOENT,
-                 ENOMEM, ENOTBLK, ENOTDIR, ENXIO, EPERM, EROFS}},
+      {"unlink",
+       {EACCES, EBUSY, EFAULT, EIO, EISDIR, ELOOP, ENAMETOOLONG, ENOENT, ENOMEM, ENOTDIR, EPERM,
+        EROFS}},
+      {"rename",
+       {EACCES, EBUSY, EDQUOT, EEXIST, EFAULT, EINVAL, EIO, EISDIR, ELOOP, EMLINK, ENAMETOOLONG,
+        ENOENT, ENOMEM, ENOSPC, ENOTDIR, ENOTEMPTY, EPERM, EROFS, EXDEV}},
+      {"mkdir",
+       {EACCES, EDQUOT, EEXIST, EFAULT, EINVAL, EIO, ELOOP, EMLINK, ENAMETOOLONG, ENOENT, ENOMEM,
+        ENOSPC, ENOTDIR, EPERM, EROFS}},
+      {"mount",
+       {EACCES, EBUSY, EFAULT, EINVAL, EIO, ELOOP, EMFILE, ENAMETOOLONG, ENODEV, ENOENT, ENOMEM,
+        ENOTBLK, ENOTDIR, ENXIO, EPERM, EROFS}},
       {"umount", unmounting},
       {"umount2", unmounting},
       {"chdir", {EACCES, EFAULT, EIO, ELOOP, ENAMETOOLONG, ENOENT, ENOMEM, ENOTDIR}},

@@ -15,9 +15,9 @@
 
 #include "DiskUtils/Disk.h"
 #include "FileUtils/FilesManager.h"
-#include "tests/support/Capture.h"
 #include "tests/machine/Machine.h"
 #include "tests/machine/Objects.h"
+#include "tests/support/Capture.h"
 
 class CatalogueTest : public testing::Test {
  public:

@@ -17,9 +17,9 @@
 #include "base/internal/SystemClock.h"
 #include "base/internal/UniqueDir.h"
 #include "base/internal/Utf8.h"
+#include "tests/machine/Machine.h"
 #include "tests/support/ChildProcess.h"
 #include "tests/support/Descriptors.h"
-#include "tests/machine/Machine.h"
 
 namespace {
 

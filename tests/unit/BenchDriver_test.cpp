@@ -16,10 +16,10 @@
 
 #include "DiskUtils/Disk.h"
 #include "Testing/main.h"
-#include "tests/support/Capture.h"
 #include "tests/machine/Machine.h"
 #include "tests/machine/Objects.h"
 #include "tests/machine/TheReal.h"
+#include "tests/support/Capture.h"
 
 namespace {
 

@@ -10,8 +10,8 @@
 #include <string>
 #include <vector>
 
-#include "tests/support/CatalogueTest.h"
 #include "tests/machine/Objects.h"
+#include "tests/support/CatalogueTest.h"
 
 namespace {
 

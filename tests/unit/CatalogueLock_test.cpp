@@ -9,9 +9,9 @@
 #include <system_error>
 
 #include "base/IError.h"
+#include "tests/machine/Threads.h"
 #include "tests/support/CatalogueTest.h"
 #include "tests/support/LogFile.h"
-#include "tests/machine/Threads.h"
 
 namespace {
 

@@ -24,9 +24,9 @@
 
 #include "base/IException.h"
 #include "base/Logger.h"
+#include "tests/machine/Objects.h"
 #include "tests/support/CatalogueModel.h"
 #include "tests/support/CatalogueTest.h"
-#include "tests/machine/Objects.h"
 
 namespace {
 

@@ -14,8 +14,8 @@
 #include <thread>
 #include <vector>
 
-#include "tests/support/CatalogueTest.h"
 #include "tests/machine/Objects.h"
+#include "tests/support/CatalogueTest.h"
 
 namespace {
 
@@ -259,7 +259,8 @@ TEST_F(CatalogueThreads, OwnerAndPassesNeverDisturbEachOther) {
   EXPECT_EQ(OnCard(), isProtected);
   EXPECT_EQ(catalogue->GetTotalFilesSize(), 10 * isProtected.size());
   EXPECT_EQ(catalogue->GetTotalFilesSize(true), 10 * isProtected.size());
-  EXPECT_EQ(Machine::LiveFiles().size(), isProtected.size() + static_cast<std::size_t>(owner.abandoned));
+  EXPECT_EQ(Machine::LiveFiles().size(),
+            isProtected.size() + static_cast<std::size_t>(owner.abandoned));
 }
 
 TEST_F(CatalogueThreads, ADirectoryMayBeLoadedDuringAPass) {

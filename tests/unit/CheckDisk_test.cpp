@@ -13,9 +13,9 @@
 #include <string>
 #include <vector>
 
+#include "tests/machine/Machine.h"
 #include "tests/support/Capture.h"
 #include "tests/support/ChildProcess.h"
-#include "tests/machine/Machine.h"
 
 namespace {
 

@@ -11,10 +11,10 @@
 #include <vector>
 
 #include "DiskUtils/Disk.h"
+#include "tests/machine/Machine.h"
 #include "tests/support/Capture.h"
 #include "tests/support/Descriptors.h"
 #include "tests/support/FakeCard.h"
-#include "tests/machine/Machine.h"
 
 namespace {
 

@@ -13,11 +13,11 @@
 #include "DiskUtils/Disk.h"
 #include "base/IException.h"
 #include "base/UniqueFd.h"
+#include "tests/machine/Allocation.h"
+#include "tests/machine/Machine.h"
 #include "tests/support/Capture.h"
 #include "tests/support/Descriptors.h"
-#include "tests/machine/Allocation.h"
 #include "tests/support/FakeCard.h"
-#include "tests/machine/Machine.h"
 
 namespace {
 

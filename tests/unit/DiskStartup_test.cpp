@@ -13,13 +13,13 @@
 #include <vector>
 
 #include "DiskUtils/System.h"
+#include "tests/machine/Allocation.h"
+#include "tests/machine/Machine.h"
+#include "tests/machine/TheReal.h"
 #include "tests/support/Capture.h"
 #include "tests/support/Descriptors.h"
-#include "tests/machine/Allocation.h"
 #include "tests/support/FakeCard.h"
-#include "tests/machine/Machine.h"
 #include "tests/support/OwnedSystem.h"
-#include "tests/machine/TheReal.h"
 
 namespace {
 

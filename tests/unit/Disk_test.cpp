@@ -14,11 +14,11 @@
 #include <vector>
 
 #include "base/IException.h"
+#include "tests/machine/Allocation.h"
+#include "tests/machine/Machine.h"
 #include "tests/support/Capture.h"
 #include "tests/support/Descriptors.h"
-#include "tests/machine/Allocation.h"
 #include "tests/support/FakeCard.h"
-#include "tests/machine/Machine.h"
 #include "tests/support/LastException.h"
 #include "tests/support/LogFile.h"
 

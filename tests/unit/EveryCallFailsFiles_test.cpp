@@ -19,10 +19,10 @@
 #include "FileUtils/FilesManager.h"
 #include "RTC/Rtc.h"
 #include "Watchdog/Watchdog.h"
-#include "tests/support/Capture.h"
 #include "tests/machine/FaultTable.h"
 #include "tests/machine/Machine.h"
 #include "tests/machine/Objects.h"
+#include "tests/support/Capture.h"
 #include "tests/support/LogFile.h"
 
 namespace {

@@ -7,10 +7,10 @@
 #include <string>
 
 #include "DiskUtils/System.h"
-#include "tests/support/Capture.h"
-#include "tests/support/FakeCard.h"
 #include "tests/machine/FaultTable.h"
 #include "tests/machine/Machine.h"
+#include "tests/support/Capture.h"
+#include "tests/support/FakeCard.h"
 #include "tests/support/OwnedSystem.h"
 
 namespace {

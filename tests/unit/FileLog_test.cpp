@@ -21,16 +21,14 @@
 #include "base/FileLogPolicy.h"
 #include "base/Logger.h"
 #include "base/UniqueFd.h"
+#include "tests/machine/Machine.h"
+#include "tests/machine/TheReal.h"
 #include "tests/support/Capture.h"
 #include "tests/support/ChildProcess.h"
 #include "tests/support/Descriptors.h"
-#include "tests/machine/Machine.h"
 #include "tests/support/LogFile.h"
-#include "tests/machine/TheReal.h"
 
 namespace {
-
-bool fstatFails = false;
 
 ssize_t RealWrite(int fd, void const* data, std::size_t length) {
   static auto* const next = TheReal<ssize_t(int, void const*, std::size_t)>("write");

@@ -17,9 +17,9 @@
 #include "FileUtils/File.h"
 #include "base/IException.h"
 #include "base/Logger.h"
+#include "tests/machine/Machine.h"
 #include "tests/support/Capture.h"
 #include "tests/support/ChildProcess.h"
-#include "tests/machine/Machine.h"
 
 namespace {
 
@@ -319,7 +319,8 @@ TEST_F(FileStream, OpensNothingElseWhereTheStandardDescriptorsAreOpen) {
   Holds("12345");
   std::vector<std::string> others;
   Machine::hooks().fault = [&](Machine::Call const& call) {
-    if (call.function.find("open") != std::string::npos && call.subject != kPath) others.push_back(call.subject);
+    if (call.function.find("open") != std::string::npos && call.subject != kPath)
+      others.push_back(call.subject);
     return std::nullopt;
   };
   At(kPath, true);

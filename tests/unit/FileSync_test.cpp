@@ -17,8 +17,8 @@
 
 #include "FileUtils/File.h"
 #include "base/UniqueFd.h"
-#include "tests/support/Descriptors.h"
 #include "tests/machine/Machine.h"
+#include "tests/support/Descriptors.h"
 #include "tests/support/LogFile.h"
 
 namespace {

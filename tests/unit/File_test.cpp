@@ -14,8 +14,8 @@
 #include <type_traits>
 #include <vector>
 
-#include "tests/support/Capture.h"
 #include "tests/machine/Machine.h"
+#include "tests/support/Capture.h"
 
 namespace {
 

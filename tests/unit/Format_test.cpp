@@ -7,10 +7,10 @@
 #include <string>
 
 #include "DiskUtils/Disk.h"
-#include "tests/support/Capture.h"
 #include "tests/machine/Allocation.h"
-#include "tests/support/FakeCard.h"
 #include "tests/machine/Machine.h"
+#include "tests/support/Capture.h"
+#include "tests/support/FakeCard.h"
 
 namespace {
 

@@ -9,10 +9,10 @@
 #include <type_traits>
 
 #include "DiskUtils/System.h"
+#include "tests/machine/Machine.h"
 #include "tests/support/Capture.h"
 #include "tests/support/ChildProcess.h"
 #include "tests/support/FakeCard.h"
-#include "tests/machine/Machine.h"
 
 namespace {
 

@@ -14,10 +14,10 @@
 
 #include "base/ISemaphore.h"
 #include "base/Logger.h"
-#include "tests/support/Capture.h"
 #include "tests/machine/Machine.h"
-#include "tests/support/LogFile.h"
 #include "tests/machine/TheReal.h"
+#include "tests/support/Capture.h"
+#include "tests/support/LogFile.h"
 
 namespace {
 

@@ -7,9 +7,9 @@
 #include <system_error>
 
 #include "base/Logger.h"
+#include "tests/machine/Threads.h"
 #include "tests/support/Capture.h"
 #include "tests/support/LogFile.h"
-#include "tests/machine/Threads.h"
 
 namespace {
 

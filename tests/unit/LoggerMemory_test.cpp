@@ -7,8 +7,8 @@
 #include <string>
 
 #include "base/Logger.h"
-#include "tests/support/Capture.h"
 #include "tests/machine/Allocation.h"
+#include "tests/support/Capture.h"
 #include "tests/support/LogFile.h"
 
 namespace {

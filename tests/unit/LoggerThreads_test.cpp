@@ -14,9 +14,9 @@
 #include "base/ISemaphore.h"
 #include "base/Logger.h"
 #include "base/TemperatureMonitor.h"
+#include "tests/machine/TheReal.h"
 #include "tests/support/Capture.h"
 #include "tests/support/LogFile.h"
-#include "tests/machine/TheReal.h"
 
 namespace {
 

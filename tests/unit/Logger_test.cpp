@@ -11,9 +11,9 @@
 #include <string>
 
 #include "base/TemperatureMonitor.h"
+#include "tests/machine/Machine.h"
 #include "tests/support/Capture.h"
 #include "tests/support/GroupedNumbers.h"
-#include "tests/machine/Machine.h"
 #include "tests/support/LogFile.h"
 
 namespace {

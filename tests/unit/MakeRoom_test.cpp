@@ -13,8 +13,8 @@
 #include <vector>
 
 #include "base/IException.h"
-#include "tests/support/CatalogueTest.h"
 #include "tests/machine/Objects.h"
+#include "tests/support/CatalogueTest.h"
 
 namespace {
 
@@ -62,7 +62,7 @@ class MakeRoom : public CatalogueTest {
   /// Measuring the card is part of the trace from now on.
   void TraceMeasuring() {
     Machine::hooks().statvfs = [measure = Machine::hooks().statvfs](std::string const& path,
-                                                                        struct statvfs* space) {
+                                                                    struct statvfs* space) {
       sync();  // leaves a mark of its own
       return measure(path, space);
     };
@@ -208,8 +208,8 @@ TEST_F(MakeRoom, DeletesTwoFilesAtATimeAndMeasuresAfterEachStepWithoutPauses) {
   EXPECT_TRUE(catalogue->MakeRoom());
   auto const unlinked = [](std::string const& name) { return "unlink /mnt/sdcard/cr/" + name; };
   EXPECT_THAT(Machine::Trace(), ElementsAre("sync", unlinked("a.dat"), unlinked("c.dat"),  //
-                                              "sync", unlinked("d.dat"), unlinked("e.dat"),  //
-                                              "sync"));
+                                            "sync", unlinked("d.dat"), unlinked("e.dat"),  //
+                                            "sync"));
   EXPECT_THAT(Names(*catalogue), ElementsAre("b.log", "f.dat", "g.dat"));
 }
 
@@ -228,7 +228,7 @@ TEST_F(MakeRoom, BeginsAtTheOldestAgainWhenTheListHasChangedBetweenItsAttempts) 
   freeBytes = 70;
   RemovalFrees(10);
   Machine::hooks().statvfs = [&, measure = Machine::hooks().statvfs](std::string const& path,
-                                                                         struct statvfs* space) {
+                                                                     struct statvfs* space) {
     if (freeBytes == 90) catalogue->ReverseList();
     return measure(path, space);
   };
@@ -293,7 +293,9 @@ TEST_F(MakeRoom, GivesUpOverProtectedFilesAndThoseWhoseRemovalThrows) {
   auto const catalogue = NewCatalogue();
   Keep(*catalogue, {"a.log", "b.gps", "c.dat"});
   freeBytes = 0;
-  Machine::hooks().removeFile = [](Ifile&) -> bool { throw std::runtime_error("cannot be removed"); };
+  Machine::hooks().removeFile = [](Ifile&) -> bool {
+    throw std::runtime_error("cannot be removed");
+  };
   ExpectFailure(*catalogue, kGivenUp);
   EXPECT_THAT(Names(*catalogue), ElementsAre("a.log", "b.gps", "c.dat"));
   EXPECT_EQ(Machine::Slept(), 990ms);

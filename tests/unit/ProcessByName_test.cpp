@@ -11,8 +11,8 @@
 #include <string>
 
 #include "SysUtil/Util.h"
-#include "tests/support/Descriptors.h"
 #include "tests/machine/Machine.h"
+#include "tests/support/Descriptors.h"
 
 namespace {
 

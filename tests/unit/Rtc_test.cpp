@@ -15,10 +15,10 @@
 #include <type_traits>
 #include <vector>
 
+#include "tests/machine/Machine.h"
 #include "tests/support/Capture.h"
 #include "tests/support/ChildProcess.h"
 #include "tests/support/Descriptors.h"
-#include "tests/machine/Machine.h"
 
 namespace {
 

@@ -50,9 +50,7 @@ class CardOfAnybody : public CatalogueTest {
  protected:
   CardOfAnybody() { Machine::MakeFile(kOutside, std::string(5000, 'o')); }
 
-  static bool OutsideIsUntouched() {
-    return Machine::ReadFile(kOutside) == std::string(5000, 'o');
-  }
+  static bool OutsideIsUntouched() { return Machine::ReadFile(kOutside) == std::string(5000, 'o'); }
 };
 
 TEST_F(CardOfAnybody, NamesNeverReachAShell) {
@@ -104,8 +102,7 @@ TEST_F(CardOfAnybody, ALinkInThePlaceOfTheRecordingsDirectoryIsFollowed) {
   Machine::MakeFile("/mnt/elsewhere/a.dat", "");
   Machine::RemoveFile("/mnt/sdcard/cr");
   fs::create_directories(Machine::Real("/mnt/sdcard"));
-  fs::create_directory_symlink(Machine::Real("/mnt/elsewhere"),
-                               Machine::Real("/mnt/sdcard/cr"));
+  fs::create_directory_symlink(Machine::Real("/mnt/elsewhere"), Machine::Real("/mnt/sdcard/cr"));
   auto const catalogue = NewCatalogue();
   EXPECT_TRUE(catalogue->LoadAndSort());
   EXPECT_THAT(Names(*catalogue), ElementsAre("a.dat"));

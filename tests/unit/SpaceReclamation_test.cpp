@@ -14,8 +14,8 @@
 #include <vector>
 
 #include "base/IException.h"
-#include "tests/support/CatalogueTest.h"
 #include "tests/machine/Objects.h"
+#include "tests/support/CatalogueTest.h"
 
 namespace {
 
@@ -76,7 +76,7 @@ TEST_F(SpaceReclamation, DeletesInTheOrderOfTheCatalogueWithoutPauses) {
   Keep({"c.dat", "a.dat", "b.dat"});
   EXPECT_EQ(catalogue->DeleteOldFiles(2), 2U);
   EXPECT_THAT(Machine::Trace(), ElementsAre("unlink /mnt/sdcard/cr/c.dat",  //
-                                              "unlink /mnt/sdcard/cr/a.dat"));
+                                            "unlink /mnt/sdcard/cr/a.dat"));
 }
 
 TEST_F(SpaceReclamation, DeletesTheObjectsOfTheFilesItDeleted) {
@@ -227,7 +227,9 @@ TEST_F(SpaceReclamation, ByNameGoesOnToTheNextOfThatNameWhenRemovalFails) {
   Keep({"a.dat", "b.dat", "a.dat"});
   Ifile* const first = catalogue->GetList().front();
   first->size = 1;
-  Machine::hooks().removeFile = [first](Ifile& file) { return &file != first && Machine::Remove(file); };
+  Machine::hooks().removeFile = [first](Ifile& file) {
+    return &file != first && Machine::Remove(file);
+  };
   EXPECT_TRUE(RemoveByName("a.dat"));
   EXPECT_THAT(Names(*catalogue), ElementsAre("a.dat", "b.dat"));
   EXPECT_EQ(catalogue->GetList().front(), first);

@@ -15,10 +15,10 @@
 #include "FileUtils/FilesManager.h"
 #include "SysUtil/Util.h"
 #include "base/internal/OutputLine.h"
+#include "tests/machine/Machine.h"
 #include "tests/support/Capture.h"
 #include "tests/support/FakeCard.h"
 #include "tests/support/GroupedNumbers.h"
-#include "tests/machine/Machine.h"
 #include "tests/support/OwnedSystem.h"
 
 namespace {

@@ -11,10 +11,10 @@
 #include <string>
 
 #include "DiskUtils/System.h"
-#include "tests/support/Capture.h"
-#include "tests/support/Descriptors.h"
 #include "tests/machine/Allocation.h"
 #include "tests/machine/Machine.h"
+#include "tests/support/Capture.h"
+#include "tests/support/Descriptors.h"
 #include "tests/support/LastException.h"
 
 namespace {
@@ -115,7 +115,8 @@ class InPlaceOfTheCounter : public StatusCounter, public testing::WithParamInter
     dev_t const null = makedev(1, 3);
     made = mknod(path.c_str(), GetParam() | 0600, GetParam() == S_IFCHR ? null : 0) == 0;
     hooks().fault = [](Machine::Call const& call) -> std::optional<int> {
-      if (call.function.find("open") == std::string::npos || call.subject != kFile) return std::nullopt;
+      if (call.function.find("open") == std::string::npos || call.subject != kFile)
+        return std::nullopt;
       ADD_FAILURE() << call.function << " would wait, or find another count than was saved";
       return EACCES;
     };

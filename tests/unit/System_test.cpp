@@ -20,10 +20,10 @@
 #include <vector>
 
 #include "base/Logger.h"
+#include "tests/machine/Machine.h"
 #include "tests/support/Capture.h"
 #include "tests/support/ChildProcess.h"
 #include "tests/support/Descriptors.h"
-#include "tests/machine/Machine.h"
 #include "tests/support/LogFile.h"
 
 namespace {

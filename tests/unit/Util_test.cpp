@@ -15,12 +15,12 @@
 #include <string>
 #include <vector>
 
-#include "tests/support/Capture.h"
-#include "tests/support/ChildProcess.h"
-#include "tests/support/Descriptors.h"
 #include "tests/machine/Allocation.h"
 #include "tests/machine/Machine.h"
 #include "tests/machine/TheReal.h"
+#include "tests/support/Capture.h"
+#include "tests/support/ChildProcess.h"
+#include "tests/support/Descriptors.h"
 
 namespace {
 
