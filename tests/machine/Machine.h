@@ -135,8 +135,16 @@ struct Hooks {
   /// does.
   std::function<std::optional<std::chrono::nanoseconds>(std::chrono::nanoseconds)> interrupt;
 
-  /// What removes a file object's file instead of the library; may throw. See Objects.h.
+  /// @{ What functions of the library do instead; they may throw. See Objects.h.
   std::function<bool(Quellon::FileUtils::Ifile&)> removeFile;
+  std::function<bool(int counter)> saveStatusCounter;
+  std::function<void()> scanDisk;
+  /// @}
+  /// @{ What happens first where a log line is signalled, and where its header asks for the
+  /// temperature.
+  std::function<void(void const* semaphore)> notify;
+  std::function<void()> temperature;
+  /// @}
 };
 
 /// The hooks in force. Set them in a test; `Reset` takes them back.

@@ -1,4 +1,4 @@
-// Objects of the library: which are alive, and files whose removal does as a test wants.
+// Objects of the library: which are alive, and those of their functions that have hooks.
 #pragma once
 
 #include <set>

@@ -15,31 +15,10 @@
 #include "DiskUtils/System.h"
 #include "tests/machine/Allocation.h"
 #include "tests/machine/Machine.h"
-#include "tests/machine/TheReal.h"
 #include "tests/support/Capture.h"
 #include "tests/support/Descriptors.h"
 #include "tests/support/FakeCard.h"
 #include "tests/support/OwnedSystem.h"
-
-namespace {
-
-std::optional<bool> saveAnswers;  ///< instead of saving
-std::function<void()> scan;       ///< instead of scanning
-
-}  // namespace
-
-bool Quellon::System::SaveSDCardStatusCounter(int counter) {
-  if (saveAnswers) return *saveAnswers;
-  static auto* const next =
-      TheReal<bool(System*, int)>("_ZN7Quellon6System23SaveSDCardStatusCounterEi");
-  return next(this, counter);
-}
-
-void Quellon::DiskUtils::Disk::ScanDisk() {
-  if (scan) return scan();
-  static auto* const next = TheReal<void(Disk*)>("_ZN7Quellon9DiskUtils4Disk8ScanDiskEv");
-  next(this);
-}
 
 namespace {
 
@@ -78,8 +57,6 @@ class DiskStartup : public testing::Test {
  protected:
   DiskStartup() {
     Capture::Output([this] { system.emplace(); });
-    saveAnswers.reset();
-    scan = nullptr;
     hooks().reboot = [](int) { return Machine::Answer::Failure(EPERM); };
   }
 
@@ -154,7 +131,7 @@ TEST_F(DiskStartup, LeavesTheCounterAsItWasAfterAGoodStart) {
 }
 
 TEST_F(DiskStartup, WaitsASecondAndKeepsTheFaultWhenAScanLeavesTheCardUnavailable) {
-  scan = [this] { system->disk->available = false; };
+  hooks().scanDisk = [this] { system->disk->available = false; };
   Start();
   EXPECT_NE(result, nullptr);
   EXPECT_TRUE(system->diskFault);
@@ -247,7 +224,7 @@ TEST_F(DiskStartup, RebootsThoughTheCounterFileCannotBeOpenedForWriting) {
 TEST_F(DiskStartup, CarriesOnWhenTheCounterCannotBeSaved) {
   RemoveCard();
   StoreCounter("1");
-  saveAnswers = false;
+  hooks().saveStatusCounter = [](int) { return false; };
   EXPECT_EQ(Start(), kRefusal + Found("1") + PassedLimit("2") + kNoCard);
   EXPECT_NE(result, nullptr);
   ExpectNoReboot();
@@ -285,7 +262,7 @@ TEST_F(DiskStartup, TreatsACardThatCannotBeRepresentedAsAFailingOne) {
 
 TEST_F(DiskStartup, LetsExceptionsOutsideTheStandardFamilyPass) {
   StoreCounter("0");
-  scan = [] { throw 42; };
+  hooks().scanDisk = [] { throw 42; };
   std::string const output = Capture::Output([this] { EXPECT_THROW(system->InitDisk(), int); });
   EXPECT_EQ(output, "Disk /mnt/sdcard/ free sapce 3906MB from 11718MB\n");
   EXPECT_NE(system->disk, nullptr);

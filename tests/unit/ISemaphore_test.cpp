@@ -99,12 +99,12 @@ TEST_F(Semaphore, LosesAndMakesUpNothingBetweenManyThreads) {
   constexpr int kThreads = 4;
   constexpr int kTimes = 10000;
   {
-    std::vector<std::jthread> threads;
+    std::vector<std::jthread> workers;
     for (int i = 0; i < kThreads; ++i) {
-      threads.emplace_back([&] {
+      workers.emplace_back([&] {
         for (int time = 0; time < kTimes; ++time) semaphore.Wait();
       });
-      threads.emplace_back([&] {
+      workers.emplace_back([&] {
         for (int time = 0; time < kTimes; ++time) semaphore.Notify();
       });
     }

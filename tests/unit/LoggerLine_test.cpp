@@ -15,7 +15,6 @@
 #include "base/ISemaphore.h"
 #include "base/Logger.h"
 #include "tests/machine/Machine.h"
-#include "tests/machine/TheReal.h"
 #include "tests/support/Capture.h"
 #include "tests/support/LogFile.h"
 
@@ -35,20 +34,6 @@ using testing::IsEmpty;
 std::mutex signalsMutex;
 std::vector<void const*> signals;  // the semaphores signalled, in order
 
-}  // namespace
-
-void ISemaphore::Notify() noexcept {
-  static auto* const next =
-      TheReal<void(ISemaphore*)>("_ZN6Tarvik10Interfaces10ISemaphore6NotifyEv");
-  {
-    std::lock_guard const lock(signalsMutex);
-    signals.push_back(this);
-  }
-  next(this);
-}
-
-namespace {
-
 using FileSink = LoggerBase<FileLogPolicy>;
 
 class LoggerLine : public testing::Test {
@@ -56,6 +41,10 @@ class LoggerLine : public testing::Test {
   void SetUp() override {
     LogFile::BeginAnew();
     signals.clear();
+    Machine::hooks().notify = [](void const* semaphore) {
+      std::lock_guard const lock(signalsMutex);
+      signals.push_back(semaphore);
+    };
   }
 
   /// No sink has a line under way.

@@ -14,7 +14,6 @@
 #include "base/ISemaphore.h"
 #include "base/Logger.h"
 #include "base/TemperatureMonitor.h"
-#include "tests/machine/TheReal.h"
 #include "tests/support/Capture.h"
 #include "tests/support/LogFile.h"
 
@@ -31,24 +30,6 @@ using Tarvik::Util::TemperatureMonitor;
 // Every header asks for the temperature once, every completed line signals once.
 thread_local int headersOfThisThread = 0;
 std::atomic<int> signals = 0;
-
-}  // namespace
-
-TemperatureMonitor* TemperatureMonitor::GetInstance() {
-  static auto* const next =
-      TheReal<TemperatureMonitor*()>("_ZN6Tarvik4Util18TemperatureMonitor11GetInstanceEv");
-  ++headersOfThisThread;
-  return next();
-}
-
-void ISemaphore::Notify() noexcept {
-  static auto* const next =
-      TheReal<void(ISemaphore*)>("_ZN6Tarvik10Interfaces10ISemaphore6NotifyEv");
-  ++signals;
-  next(this);
-}
-
-namespace {
 
 constexpr int kThreads = 8;
 constexpr int kLines = 1000;
@@ -107,6 +88,8 @@ class LoggerThreads : public testing::Test {
   void SetUp() override {
     LogFile::BeginAnew();
     signals = 0;
+    Machine::hooks().temperature = [] { ++headersOfThisThread; };
+    Machine::hooks().notify = [](auto&&) { ++signals; };
   }
 
   static inline Logger& logger = *Logger::GetInstance();
