@@ -72,18 +72,20 @@ thread_local int working = 0;
 
 constexpr std::string_view kSleep = "sleep ";
 
-// With or without a slash at the end: a folder of the machine's own must never be mistaken for it.
+// A folder's name ends with a slash, but it is found without one, too: a folder of the machine's
+// own must never be mistaken for it.
 bool IsBelow(std::string_view path, std::string_view root) {
-  if (root.ends_with('/') && path == root.substr(0, root.size() - 1)) return true;
-  return path.starts_with(root);
+  bool const isFolder = root.ends_with('/');
+  std::string_view const name = root.substr(0, root.size() - (isFolder ? 1 : 0));
+  if (!path.starts_with(name)) return false;
+  return !isFolder || path.size() == name.size() || path[name.size()] == '/';
 }
 
 bool IsRedirected(std::string_view path) {
-  if (chosen == nullptr) return false;
-  auto const& roots = chosen->redirected;
-  if (std::ranges::any_of(roots, [&](auto const& root) { return IsBelow(path, root); })) {
+  for (auto const& root : profile().redirected) {
+    if (!IsBelow(path, root)) continue;
     // The machine's own processes are the device's, too, until a test makes one.
-    return !IsBelow(path, "/proc/") || fs::exists(Folder().path / "proc");
+    return root != "/proc/" || fs::exists(Folder().path / "proc");
   }
   return false;
 }
@@ -113,8 +115,8 @@ Profile const& PassOn() {
 }
 
 Profile const& profile() {
-  static Profile const none;
-  return chosen == nullptr ? none : *chosen;
+  static auto const* const none = new Profile;
+  return chosen == nullptr ? *none : *chosen;
 }
 
 void Reset(Profile const& profile) {
@@ -177,9 +179,8 @@ std::chrono::nanoseconds Slept() {
 }
 
 Place::Place(char const* path) : place(path) {
-  if (chosen == nullptr || path == nullptr) return;
+  if (path == nullptr || !IsRedirected(path)) return;
   Work const work;
-  if (!IsRedirected(path)) return;
   redirected = Redirected(path);
   place = redirected.c_str();
 }
