@@ -1,7 +1,5 @@
 #include "tests/machine/Threads.h"
 
-#include <semaphore.h>
-
 #include <atomic>
 
 #include "tests/machine/Calls.h"
@@ -87,7 +85,7 @@ int sem_clockwait(sem_t* semaphore, clockid_t clock, timespec const* deadline) {
   static auto* const next = TheReal<int(sem_t*, clockid_t, timespec const*)>("sem_clockwait");
   auto const* const hook = InForce(&ThreadHooks::waitSemaphoreUntil);
   if (hook == nullptr) return next(semaphore, clock, deadline);
-  int const error = (*hook)(clock, *deadline);
+  int const error = (*hook)(semaphore, clock, *deadline);
   return error != 0 ? Fail(error) : 0;
 }
 

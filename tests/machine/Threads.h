@@ -2,6 +2,7 @@
 #pragma once
 
 #include <pthread.h>
+#include <semaphore.h>
 
 #include <ctime>
 #include <functional>
@@ -27,7 +28,7 @@ struct ThreadHooks {
   /// The `errno` of a semaphore's waiting or trying; 0 for one that goes on.
   std::function<int()> waitSemaphore;
   /// The same with a limit, which is never waited for: 0 for a semaphore that was raised in time.
-  std::function<int(clockid_t clock, timespec const& deadline)> waitSemaphoreUntil;
+  std::function<int(sem_t*, clockid_t clock, timespec const& deadline)> waitSemaphoreUntil;
 };
 
 }  // namespace Machine

@@ -35,7 +35,7 @@ class Semaphore : public testing::Test {
   timespec Deadline(timespec now, std::chrono::milliseconds limit) {
     timespec deadline{};
     Machine::hooks().monotonic = now;
-    threads.waitSemaphoreUntil = [&](clockid_t clock, timespec const& limitOfTheWait) {
+    threads.waitSemaphoreUntil = [&](sem_t*, clockid_t clock, timespec const& limitOfTheWait) {
       EXPECT_EQ(clock, CLOCK_MONOTONIC);
       deadline = limitOfTheWait;
       return ETIMEDOUT;
@@ -142,7 +142,7 @@ TEST_F(Semaphore, ASignalDoesNotEndAWaitWithALimit) {
 TEST_F(Semaphore, AnInterruptedWaitKeepsItsDeadline) {
   std::vector<long> deadlines;
   Machine::hooks().monotonic = timespec{100, 0};
-  threads.waitSemaphoreUntil = [&](clockid_t, timespec const& deadline) {
+  threads.waitSemaphoreUntil = [&](sem_t*, clockid_t, timespec const& deadline) {
     deadlines.push_back(deadline.tv_sec);
     Machine::hooks().monotonic->tv_sec += 4;
     return deadlines.size() < 3 ? EINTR : ETIMEDOUT;

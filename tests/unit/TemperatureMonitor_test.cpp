@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <cerrno>
 #include <chrono>
 #include <filesystem>
 #include <mutex>
@@ -11,13 +12,12 @@
 #include <thread>
 #include <vector>
 
-#include "base/ISemaphore.h"
 #include "tests/machine/Machine.h"
+#include "tests/machine/Threads.h"
 
 namespace {
 
 using namespace std::chrono_literals;
-using Tarvik::Interfaces::ISemaphore;
 using Tarvik::Util::TemperatureMonitor;
 
 constexpr char const* kSensor = "/sys/class/thermal/thermal_zone0/temp";
@@ -27,30 +27,14 @@ std::counting_semaphore ticks(0);   // one for each pause that may end by itself
 std::mutex lengthsMutex;
 std::vector<std::chrono::milliseconds> lengths;  // of the pauses
 
-}  // namespace
-
-// A pause ends when the test lets it, or when it is woken.
-bool ISemaphore::WaitFor(std::chrono::milliseconds limit) noexcept {
-  {
-    std::lock_guard const lock(lengthsMutex);
-    lengths.push_back(limit);
-  }
-  pauses.release();
-  while (!ticks.try_acquire()) {
-    if (TryWait()) return true;
-    std::this_thread::yield();
-  }
-  return false;
-}
-
-namespace {
-
 class Temperature : public testing::Test {
  protected:
   void SetUp() override {
     lengths.clear();
     while (pauses.try_acquire()) {
     }
+    Machine::hooks().monotonic = timespec{0, 0};
+    threads.waitSemaphoreUntil = Pause;
   }
   void TearDown() override { Stop(); }
 
@@ -72,6 +56,21 @@ class Temperature : public testing::Test {
     NextReading();
   }
 
+  /// A pause ends when the test lets it, or when it is woken.
+  static int Pause(sem_t* semaphore, clockid_t, timespec const& deadline) {
+    {
+      std::lock_guard const lock(lengthsMutex);
+      lengths.push_back(deadline.tv_sec * 1s + deadline.tv_nsec / 1'000'000 * 1ms);
+    }
+    pauses.release();
+    while (!ticks.try_acquire()) {
+      if (sem_trywait(semaphore) == 0) return 0;
+      std::this_thread::yield();
+    }
+    return ETIMEDOUT;
+  }
+
+  Machine::ThreadHooks threads;
   TemperatureMonitor monitor;
 };
 
