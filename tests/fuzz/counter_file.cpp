@@ -5,6 +5,7 @@
 #include "DiskUtils/System.h"
 #include "tests/fuzz/Target.h"
 #include "tests/support/Capture.h"
+#include "tests/support/CounterFile.h"
 #include "tests/support/Interpose.h"
 #include "tests/support/OwnedSystem.h"
 
@@ -22,7 +23,7 @@ int RebootsWithoutCard(Quellon::System& system) {
 
 int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size) {
   Interpose::Reset();
-  Interpose::MakeFile("/root/system.dat", std::string(Fuzz::Text(data, size)));
+  Interpose::MakeFile(CounterFile::kPath, std::string(Fuzz::Text(data, size)));
   Capture::Descriptor const quiet(STDOUT_FILENO);
   Capture::Descriptor const silent(STDERR_FILENO);
   OwnedSystem system;

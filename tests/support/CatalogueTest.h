@@ -1,9 +1,8 @@
 // What tests of the catalogue share: a card that may be used and a directory of recordings on it.
 #pragma once
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/stat.h>
+#include <sys/statvfs.h>
 
 #include <algorithm>
 #include <cstdint>
@@ -18,6 +17,7 @@
 #include "tests/support/Capture.h"
 #include "tests/support/Interpose.h"
 #include "tests/support/LiveFiles.h"
+#include "tests/support/ModificationTime.h"
 
 class CatalogueTest : public testing::Test {
  public:
@@ -34,8 +34,7 @@ class CatalogueTest : public testing::Test {
   }
 
   static void SetTime(std::string const& name, std::time_t time) {
-    timespec const times[2] = {{time, 0}, {time, 0}};
-    utimensat(AT_FDCWD, Where(name).c_str(), times, AT_SYMLINK_NOFOLLOW);
+    SetModificationTime(Where(name), time);
   }
 
   static std::filesystem::path Where(std::string const& name) {
@@ -85,6 +84,12 @@ class CatalogueTest : public testing::Test {
   /// Adds files that exist, oldest first.
   static void Add(FilesManager& catalogue, std::vector<std::string> names) {
     for (auto& name : names) EXPECT_TRUE(catalogue.AddFile(name)) << name;
+  }
+
+  /// Makes and adds recordings of ten bytes each, oldest first.
+  static void Keep(FilesManager& catalogue, std::vector<std::string> const& names) {
+    for (auto const& name : names) MakeRecording(name, 10);
+    Add(catalogue, names);
   }
 
   // What statvfs(3) tells of the card.

@@ -13,11 +13,16 @@
 
 #include "base/Logger.h"
 #include "tests/support/Interpose.h"
+#include "tests/support/Scoped.h"
 
 namespace LogFile {
 
 inline constexpr char const* kPath = "/var/log/quellon.log";
 inline constexpr char const* kOlderPath = "/var/log/quellon.log.1";
+
+/// The header of a line without a temperature: its length, and a pattern of it.
+inline constexpr std::size_t kHeaderLength = 21;
+inline std::string const kHeader = R"(\[[0-9]{4}-[0-9]{2}-[0-9]{2} [0-9]{2}:[0-9]{2}:[0-9]{2}\])";
 
 /// Longer than anything that works takes on a busy machine.
 inline constexpr auto kPatience = std::chrono::seconds(20);
@@ -34,18 +39,28 @@ inline std::vector<std::string> SplitLines(std::string const& text) {
   return lines;
 }
 
+/// Switches the sinks of the process-wide logger.
+inline void Enable(bool file, bool console) {
+  auto& logger = *Tarvik::Ilog::Logger::GetInstance();
+  logger.fileSink->enabled = file;
+  logger.consoleSink->enabled = console;
+}
+
+/// While it lasts, nothing is logged; both sinks are enabled at its end.
+[[nodiscard]] inline Scoped::AtEnd Silence() {
+  Enable(false, false);
+  return Scoped::AtEnd([] { Enable(true, true); });
+}
+
 /// Both sinks enabled, and the file sink of the process-wide logger on a new, empty file: it gives
 /// its file up as after a failed write.
 inline void BeginAnew() {
-  auto& logger = *Tarvik::Ilog::Logger::GetInstance();
-  logger.consoleSink->enabled = false;
-  logger.fileSink->enabled = true;
+  Enable(true, false);
   Interpose::hooks().write = [](int, void const*, std::size_t) { return -1; };
   Tarvik::Ilog::LogLine(Tarvik::Ilog::Info) << "lost";
   Interpose::hooks().write = nullptr;
   Interpose::MakeFile(kPath, "");
-  logger.fileSink->enabled = true;
-  logger.consoleSink->enabled = true;
+  Enable(true, true);
 }
 
 /// Whether another thread gets through `work` in time. One that does not is left behind: it goes on

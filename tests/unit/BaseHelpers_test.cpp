@@ -20,6 +20,7 @@
 #include "tests/support/ChildProcess.h"
 #include "tests/support/Descriptors.h"
 #include "tests/support/Interpose.h"
+#include "tests/support/Scoped.h"
 
 namespace {
 
@@ -92,9 +93,8 @@ TEST(UniqueFd, OwnsNothingUnlessGivenSomething) {
 }
 
 TEST(UniqueFd, DescriptorZeroIsOneToo) {
-  UniqueFd const keep(dup(0));
+  auto const input = Scoped::Descriptor(0);
   EXPECT_TRUE(UniqueFd(0).IsOpen());
-  dup2(keep.Get(), 0);
 }
 
 TEST(UniqueFd, HandsItsDescriptorOn) {
@@ -128,9 +128,8 @@ TEST(OpenFile, OpensAsItIsToldAndKeepsTheDescriptorFromCommands) {
 
 TEST(OpenFile, MakesAFileWithItsMode) {
   Interpose::MakeFile("/root/other", "");
-  mode_t const before = umask(0);
+  auto const mask = Scoped::Umask(0);
   UniqueFd const file(Tarvik::OpenFile("/root/file", O_WRONLY | O_CREAT | O_EXCL, 0640));
-  umask(before);
   struct stat status {};
   ASSERT_EQ(fstat(file.Get(), &status), 0);
   EXPECT_EQ(status.st_mode & 07777, 0640U);

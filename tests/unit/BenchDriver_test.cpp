@@ -4,11 +4,9 @@
 #include <gtest/gtest.h>
 #include <linux/rtc.h>
 #include <spawn.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
-#include <cstdlib>
 #include <ctime>
 #include <filesystem>
 #include <string>
@@ -17,8 +15,11 @@
 #include "DiskUtils/Disk.h"
 #include "Testing/main.h"
 #include "tests/support/Capture.h"
+#include "tests/support/CatalogueTest.h"
+#include "tests/support/ChildProcess.h"
 #include "tests/support/Interpose.h"
-#include "tests/support/LiveFiles.h"
+#include "tests/support/LogFile.h"
+#include "tests/support/Scoped.h"
 #include "tests/support/TheReal.h"
 
 namespace {
@@ -71,10 +72,7 @@ int LibraryMain() {
 }
 
 void MakeRecording(std::string const& name, std::time_t time) {
-  std::string const path = "/mnt/sdcard/cr/" + name;
-  Interpose::MakeFile(path, "");
-  timespec const times[2] = {{time, 0}, {time, 0}};
-  utimensat(AT_FDCWD, Interpose::Real(path).c_str(), times, 0);
+  CatalogueTest::MakeRecording(name, 0, time);
 }
 
 /// A mounted card of 1 GiB with all of it free. Nothing else may ask stat(2) from here on.
@@ -105,14 +103,14 @@ TEST(BenchDriver, LoadsSortsAndLogsTheRecordingsOfTheCard) {
   InsertCard();
   std::string const output = Capture::Output([] { EXPECT_EQ(LibraryMain(), 0); });
   Interpose::hooks().stat = nullptr;
-  std::string const header = "\\[....-..-.. ..:..:..\\]";
+  using LogFile::kHeader;
   EXPECT_THAT(
       output,
-      MatchesRegex(".*\nDisk /mnt/sdcard/ free sapce 1024MB from 1024MB\n" + header +
+      MatchesRegex(".*\nDisk /mnt/sdcard/ free sapce 1024MB from 1024MB\n" + kHeader +
                    "\\[SYSTEM\\] Min free space after correction 181462368B fraction 0\\.8\n" +
-                   header + "\\[SYSTEM\\] Allocated disk space 819\\.2MB\n" + header +
-                   "\\[SYSTEM\\]\\[rec_0001\\.dat\\]\n" + header +
-                   "\\[SYSTEM\\]\\[rec_0002\\.dat\\]\n" + header +
+                   kHeader + "\\[SYSTEM\\] Allocated disk space 819\\.2MB\n" + kHeader +
+                   "\\[SYSTEM\\]\\[rec_0001\\.dat\\]\n" + kHeader +
+                   "\\[SYSTEM\\]\\[rec_0002\\.dat\\]\n" + kHeader +
                    "\\[SYSTEM\\]\\[rec_0003\\.gps\\]\n"));
   EXPECT_THAT(Interpose::Trace(), SizeIs(5));
   EXPECT_THAT(Interpose::Trace(), Each(Interpose::Sleep(1ms)));
@@ -145,11 +143,7 @@ TEST(BenchDriver, LeavesItsCardAndItsCatalogueToTheEndOfTheProcess) {
 
 class ClockTest : public testing::Test {
  protected:
-  ClockTest() {
-    setenv("TZ", "UTC", 1);
-    tzset();
-    Interpose::hooks().now = kNow;
-  }
+  ClockTest() { Interpose::hooks().now = kNow; }
 
   /// A clock that stands at the start of 2020; what it is asked and set to is kept.
   void FitClock() {
@@ -173,6 +167,7 @@ class ClockTest : public testing::Test {
     };
   }
 
+  Scoped::AtEnd const zone = Scoped::TimeZone("UTC");
   std::vector<unsigned long> requests;
   std::vector<long> written;
 };
@@ -216,17 +211,16 @@ TEST_F(ClockTest, PrintsThreeTimesWithoutAClock) {
 TEST(BenchDriverProgram, RunsTheLibrarysMainAndIgnoresItsArguments) {
 #ifdef BENCH_DRIVER
   if (faccessat(AT_FDCWD, "/dev/mmcblk1", F_OK, 0) == 0) GTEST_SKIP() << "there is a real card";
-  int status = 0;
+  int status = -1;
   std::string const output = Capture::Output([&status] {
     std::string program = BENCH_DRIVER;
     std::string argument = "--help";
     char* const arguments[] = {program.data(), argument.data(), nullptr};
     pid_t child = 0;
     ASSERT_EQ(posix_spawn(&child, program.c_str(), nullptr, nullptr, arguments, environ), 0);
-    ASSERT_EQ(waitpid(child, &status, 0), child);
+    status = ChildProcess::Wait(child);
   });
-  EXPECT_TRUE(WIFEXITED(status));
-  EXPECT_EQ(WEXITSTATUS(status), 0);
+  EXPECT_EQ(status, 0);
   EXPECT_EQ(output, "Disk exception Disk not found\n");
 #else
   GTEST_SKIP() << "built without the examples, or for another machine";

@@ -3,7 +3,6 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -16,6 +15,7 @@
 #include "tests/support/Capture.h"
 #include "tests/support/ChildProcess.h"
 #include "tests/support/Interpose.h"
+#include "tests/support/Scoped.h"
 
 namespace {
 
@@ -69,11 +69,8 @@ class CheckDiskTest : public testing::Test {
 
 /// As system(3) does it: the code of a process that is waited for.
 Answer Waited(int code) {
-  pid_t const child = fork();
-  if (child == 0) _exit(code);
-  int status = 0;
-  if (waitpid(child, &status, 0) != child) return Answer::Failure(errno);
-  return {status, 0};
+  int const status = ChildProcess::Wait(ChildProcess::Start([code] { return code; }));
+  return {status, errno};
 }
 
 /// How a process may have its children go without a word.
@@ -93,14 +90,13 @@ TEST_P(ProcessThatIgnoresItsChildren, LearnsHowACommandEndedAllTheSame) {
   struct sigaction ignoring {};
   ignoring.sa_handler = GetParam().handler;
   ignoring.sa_flags = GetParam().flags;
-  struct sigaction before {};
-  sigaction(SIGCHLD, &ignoring, &before);
+  auto const action = Scoped::SignalAction(SIGCHLD, ignoring);
   EXPECT_EQ(Capture::Output([&] { EXPECT_EQ(checkDisk.DiskCheck(), 4); }),
             "Unmount SD card success.\n"
             "FSCK output: File system errors left uncorrected\n"
             "Mount SD card success\n");
   struct sigaction after {};
-  sigaction(SIGCHLD, &before, &after);
+  sigaction(SIGCHLD, nullptr, &after);
   EXPECT_THAT(Trace(), ElementsAre(kUmount, kFsck, kMount));
   EXPECT_EQ(after.sa_handler, GetParam().handler);
   EXPECT_EQ(after.sa_flags & SA_NOCLDWAIT, GetParam().flags);

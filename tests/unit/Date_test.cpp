@@ -2,10 +2,8 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <cstdlib>
 #include <ctime>
 #include <functional>
 #include <limits>
@@ -14,7 +12,9 @@
 #include <utility>
 #include <vector>
 
+#include "tests/support/ChildProcess.h"
 #include "tests/support/Interpose.h"
+#include "tests/support/Scoped.h"
 #include "tests/support/TheReal.h"
 
 namespace {
@@ -37,14 +37,7 @@ using Tarvik::Util::NewDate;
 constexpr char const* kFormat = "%Y-%m-%d %H:%M:%S";
 
 class DateTest : public testing::Test {
- protected:
-  void SetUp() override { LiveIn("UTC"); }
-  void TearDown() override { LiveIn("UTC"); }
-
-  static void LiveIn(char const* zone) {
-    setenv("TZ", zone, 1);
-    tzset();
-  }
+  Scoped::AtEnd const utc = Scoped::TimeZone("UTC");
 };
 
 TEST_F(DateTest, ShowsATimeInTheGivenFormat) {
@@ -68,14 +61,14 @@ TEST_F(DateTest, ShowsLeapDays) {
 }
 
 TEST_F(DateTest, ShowsLocalTime) {
-  LiveIn("TEST-5:30");
+  auto const east = Scoped::TimeZone("TEST-5:30");
   EXPECT_EQ(Date(1614877509, kFormat), "2021-03-04 22:35:09");
-  LiveIn("TEST8");
+  auto const west = Scoped::TimeZone("TEST8");
   EXPECT_EQ(Date(1614877509, kFormat), "2021-03-04 09:05:09");
 }
 
 TEST_F(DateTest, ShowsSummerTime) {
-  LiveIn("CET-1CEST,M3.5.0,M10.5.0/3");
+  auto const zone = Scoped::TimeZone("CET-1CEST,M3.5.0,M10.5.0/3");
   EXPECT_EQ(Date(1616893199, kFormat), "2021-03-28 01:59:59");
   EXPECT_EQ(Date(1616893200, kFormat), "2021-03-28 03:00:00");
 }
@@ -137,10 +130,10 @@ TEST_F(DateTest, ManyThreadsMayAskAtOnce) {
 // As a handler of a signal does that interrupts the thread.
 TEST_F(DateTest, AForkOfTheThreadThatAsksStopsNeitherParentNorChild) {
   pid_t child = -1;
-  alarm(20);
+  ChildProcess::EndInTime();
   whileAsked = [&] {
     child = fork();
-    if (child == 0) alarm(20);
+    if (child == 0) ChildProcess::EndInTime();
   };
   std::string const date = Date(0, kFormat);
   std::string const next = Date(1, kFormat);
@@ -148,9 +141,7 @@ TEST_F(DateTest, AForkOfTheThreadThatAsksStopsNeitherParentNorChild) {
   if (child == 0) _exit(right ? 0 : 1);
   alarm(0);
   EXPECT_TRUE(right);
-  int status = -1;
-  EXPECT_EQ(waitpid(child, &status, 0), child);
-  EXPECT_EQ(status, 0);
+  EXPECT_EQ(ChildProcess::Wait(child), 0);
 }
 
 }  // namespace

@@ -1,5 +1,4 @@
 #include "FileUtils/Dir.h"
-#include "tests/support/Descriptors.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -12,7 +11,9 @@
 #include <type_traits>
 #include <vector>
 
+#include "tests/support/Descriptors.h"
 #include "tests/support/Interpose.h"
+#include "tests/support/Scoped.h"
 
 namespace {
 
@@ -89,9 +90,8 @@ TEST_F(Directory, CreateTouchesNothingWhenItExistedAtFirst) {
 
 TEST_F(Directory, CreateMakesItWithAllRightsButWritingForOthersLessTheUmask) {
   for (mode_t const mask : {0000U, 0022U, 0077U}) {
-    mode_t const before = umask(mask);
+    auto const scoped = Scoped::Umask(mask);
     EXPECT_TRUE(Idir(kPath).Create());
-    umask(before);
     EXPECT_EQ(static_cast<mode_t>(fs::status(Interpose::Real(kPath)).permissions()), 0775 & ~mask);
     fs::remove(Interpose::Real(kPath));
   }

@@ -14,6 +14,7 @@
 
 #include "DiskUtils/System.h"
 #include "tests/support/Capture.h"
+#include "tests/support/CounterFile.h"
 #include "tests/support/Descriptors.h"
 #include "tests/support/FailingAllocation.h"
 #include "tests/support/FakeCard.h"
@@ -54,7 +55,6 @@ using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
 
-constexpr char const* kCounterFile = "/root/system.dat";
 std::string const kRefusal =
     "Disk exception Disk not found\n"
     "Exception disk (0): The device is not available\n";
@@ -68,10 +68,6 @@ std::string Found(std::string const& number, std::string const& end = "") {
 }
 std::string PassedLimit(std::string const& number) {
   return Found(number, ", passed limit");
-}
-
-std::string Counter(std::string const& number) {
-  return R"({"sdcard-status-conter":)" + number + "}";
 }
 
 class DiskStartup : public testing::Test {
@@ -88,7 +84,9 @@ class DiskStartup : public testing::Test {
     return Capture::Output([this] { result = system->InitDisk(); });
   }
 
-  static void StoreCounter(std::string const& number) { MakeFile(kCounterFile, Counter(number)); }
+  static void StoreCounter(std::string const& number) {
+    MakeFile(CounterFile::kPath, CounterFile::Text(number));
+  }
   static void RemoveCard() { Interpose::RemoveFile("/dev/mmcblk1"); }
 
   void ExpectNoReboot() {
@@ -150,7 +148,7 @@ TEST_F(DiskStartup, TakesTheFaultBackBeforeItsPauseAndReportsAfterIt) {
 TEST_F(DiskStartup, LeavesTheCounterAsItWasAfterAGoodStart) {
   StoreCounter("2");
   Start();
-  EXPECT_EQ(ReadFile(kCounterFile), Counter("2"));
+  EXPECT_EQ(ReadFile(CounterFile::kPath), CounterFile::Text("2"));
 }
 
 TEST_F(DiskStartup, WaitsASecondAndKeepsTheFaultWhenAScanLeavesTheCardUnavailable) {
@@ -173,7 +171,7 @@ TEST_F(DiskStartup, RebootsForAFailingCardWithoutACounterFile) {
                          "Save sdcard status counter 1 to file\n"
                          "Done save counter, trigger reboot...\n*");
   EXPECT_EQ(result, nullptr);
-  EXPECT_EQ(ReadFile(kCounterFile), Counter("1"));
+  EXPECT_EQ(ReadFile(CounterFile::kPath), CounterFile::Text("1"));
   EXPECT_THAT(Trace(), ElementsAre("sync", "system reboot", Sleep(20s), "chdir /", "sync",
                                    "umount /", "umount /mnt/sdcard/", "reboot 19088743"));
   EXPECT_TRUE(system->diskFault);
@@ -186,7 +184,7 @@ TEST_F(DiskStartup, RebootsThreeTimesInARowAndThenGivesUp) {
   for (char const* const saved : {"1", "2", "3"}) {
     Start();
     EXPECT_EQ(result, nullptr);
-    EXPECT_EQ(ReadFile(kCounterFile), Counter(saved));
+    EXPECT_EQ(ReadFile(CounterFile::kPath), CounterFile::Text(saved));
   }
   ExpectNoReport();
   EXPECT_THAT(Interpose::Traced("reboot"), testing::SizeIs(3));
@@ -202,7 +200,7 @@ TEST_F(DiskStartup, CarriesOnWithTheReportWhenTheLimitIsPassed) {
   EXPECT_EQ(result, system->disk);
   ASSERT_NE(result, nullptr);
   EXPECT_FALSE(result->available);
-  EXPECT_EQ(ReadFile(kCounterFile), Counter("3"));
+  EXPECT_EQ(ReadFile(CounterFile::kPath), CounterFile::Text("3"));
   ExpectNoReboot();
   EXPECT_THAT(Interpose::Traced("sleep"), IsEmpty());
   ExpectState(3);
@@ -225,7 +223,7 @@ TEST_F(DiskStartup, NeverRebootsForANegativeCounter) {
 
 TEST_F(DiskStartup, NeverRebootsWhenTheCounterCannotBeRead) {
   RemoveCard();
-  MakeFile("/root/system.dat/in-its-place", "");
+  MakeFile(std::string(CounterFile::kPath) + "/in-its-place", "");
   EXPECT_EQ(Start(), kRefusal + PassedLimit("-1") + kNoCard);
   EXPECT_NE(result, nullptr);
   ExpectNoReboot();
@@ -240,7 +238,7 @@ TEST_F(DiskStartup, RebootsThoughTheCounterFileCannotBeOpenedForWriting) {
   std::filesystem::create_directories(Interpose::Real("/root/"));
   Start();
   EXPECT_EQ(result, nullptr);
-  EXPECT_EQ(ReadFile(kCounterFile), "");
+  EXPECT_EQ(ReadFile(CounterFile::kPath), "");
   EXPECT_EQ(Trace().back(), "reboot 19088743");
 }
 
@@ -290,7 +288,7 @@ TEST_F(DiskStartup, LetsExceptionsOutsideTheStandardFamilyPass) {
   EXPECT_EQ(output, "Disk /mnt/sdcard/ free sapce 3906MB from 11718MB\n");
   EXPECT_NE(system->disk, nullptr);
   EXPECT_TRUE(system->diskFault);
-  EXPECT_EQ(ReadFile(kCounterFile), Counter("0"));
+  EXPECT_EQ(ReadFile(CounterFile::kPath), CounterFile::Text("0"));
   ExpectNoReboot();
 }
 
@@ -342,7 +340,7 @@ TEST_F(DiskStartup, BringsACardBackThatWasMissing) {
   Start();
   EXPECT_TRUE(result->available);
   EXPECT_FALSE(system->diskFault);
-  EXPECT_EQ(ReadFile(kCounterFile), Counter("3"));
+  EXPECT_EQ(ReadFile(CounterFile::kPath), CounterFile::Text("3"));
   ExpectState(0);
 }
 

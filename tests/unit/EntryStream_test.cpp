@@ -13,8 +13,9 @@
 #include <ostream>
 #include <string>
 
-#include "base/Logger.h"
 #include "tests/support/CatalogueTest.h"
+#include "tests/support/LogFile.h"
+#include "tests/support/Scoped.h"
 #include "tests/support/TheReal.h"
 
 namespace {
@@ -70,19 +71,11 @@ std::ostream& operator<<(std::ostream& out, Trace const& trace) {
 class EntryStream : public CatalogueTest {
  protected:
   EntryStream() {
-    EnableLog(false);  // its lines are written, too
     for (char const* name : kNames) MakeRecording(name, kBytes);
     Interpose::hooks().write = [](int, void const*, std::size_t) -> std::optional<ssize_t> {
       if (counting) ++calls.write;
       return std::nullopt;
     };
-  }
-  ~EntryStream() override { EnableLog(true); }
-
-  static void EnableLog(bool enabled) {
-    auto* const logger = Tarvik::Ilog::Logger::GetInstance();
-    logger->consoleSink->enabled = enabled;
-    logger->fileSink->enabled = enabled;
   }
 
   /// The calls that `work` makes, and what `file` of the device holds then.
@@ -156,6 +149,7 @@ class EntryStream : public CatalogueTest {
     }
   }
 
+  Scoped::AtEnd const silence = LogFile::Silence();  // its lines are written, too
   std::unique_ptr<FilesManager> const catalogue = NewCatalogue();
 };
 

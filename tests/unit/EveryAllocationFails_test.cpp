@@ -17,6 +17,7 @@
 #include "FileUtils/FilesManager.h"
 #include "tests/support/Capture.h"
 #include "tests/support/CatalogueTest.h"
+#include "tests/support/CounterFile.h"
 #include "tests/support/Descriptors.h"
 #include "tests/support/FailingAllocation.h"
 #include "tests/support/FakeCard.h"
@@ -75,7 +76,7 @@ TEST(EveryAllocationFails, WhileAGoodCardIsStarted) {
   Try([](int number) {
     Interpose::Reset();
     FakeCard const card;
-    Interpose::MakeFile("/root/system.dat", R"({"sdcard-status-conter":3})");
+    Interpose::MakeFile(CounterFile::kPath, CounterFile::Text(3));
     std::optional<OwnedSystem> system;
     Capture::Output([&] { system.emplace(); });
     Start const start = InitDisk(*system, number);
@@ -101,15 +102,14 @@ TEST(EveryAllocationFails, WhileAMissingCardIsStarted) {
     Interpose::Reset();
     FakeCard const card;
     Interpose::RemoveFile("/dev/mmcblk1");
-    std::string const one = R"({"sdcard-status-conter":1})";
-    Interpose::MakeFile("/root/system.dat", one);
+    Interpose::MakeFile(CounterFile::kPath, CounterFile::Text(1));
     std::optional<OwnedSystem> system;
     Capture::Output([&] { system.emplace(); });
     Start const start = InitDisk(*system, number);
     bool const rebooted = !Interpose::Traced("reboot").empty();
     EXPECT_EQ(start.result == nullptr && !start.threw, rebooted || system->disk == nullptr);
     if (rebooted) {
-      EXPECT_THAT(Interpose::ReadFile("/root/system.dat"), HasSubstr(":2}"));
+      EXPECT_EQ(Interpose::ReadFile(CounterFile::kPath), CounterFile::Text(2));
     }
     return start.failed;
   });

@@ -1,15 +1,11 @@
 // The catalogue, the copying of files, clock, watchdog and log, with each of their calls failing in
 // turn.
-#include <dirent.h>
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <linux/rtc.h>
 #include <linux/watchdog.h>
-#include <sys/stat.h>
 #include <sys/statvfs.h>
 
 #include <algorithm>
-#include <filesystem>
 #include <fstream>
 #include <memory>
 #include <optional>
@@ -20,14 +16,14 @@
 #include "RTC/Rtc.h"
 #include "Watchdog/Watchdog.h"
 #include "tests/support/Capture.h"
+#include "tests/support/CatalogueTest.h"
+#include "tests/support/DirectoryOrder.h"
 #include "tests/support/FaultTable.h"
 #include "tests/support/Interpose.h"
-#include "tests/support/LiveFiles.h"
 #include "tests/support/LogFile.h"
 
 namespace {
 
-namespace fs = std::filesystem;
 using FaultTable::kNoHarm;
 using FaultTable::Row;
 using Interpose::Answer;
@@ -35,12 +31,14 @@ using Quellon::DiskUtils::Disk;
 using Quellon::FileUtils::FilesManager;
 using Quellon::FileUtils::Ifile;
 
-constexpr char const* kDirectory = "/mnt/sdcard/cr/";
+constexpr char const* kDirectory = CatalogueTest::kDirectory;
 
 /// What stands between the end of the header of the log's lines and the ends of these.
 std::string LogText() {
   std::string text;
-  for (auto const& line : LogFile::SplitLines(LogFile::Text())) text += "|" + line.substr(21);
+  for (auto const& line : LogFile::SplitLines(LogFile::Text())) {
+    text += "|" + line.substr(LogFile::kHeaderLength);
+  }
   return text;
 }
 
@@ -52,7 +50,7 @@ std::string Request(unsigned long number) {
 /// The logger on a new, empty file that it has not opened, and silent on the console.
 void BeginLog() {
   LogFile::BeginAnew();
-  Tarvik::Ilog::Logger::GetInstance()->consoleSink->enabled = false;
+  LogFile::Enable(true, false);
 }
 
 void EndLog() {
@@ -67,10 +65,7 @@ class Recordings {
   Recordings() {
     std::time_t time = 0;
     for (char const* name : {"a.dat", "b.dat", "c.dat", "d.dat"}) {
-      std::string const path = std::string(kDirectory) + name;
-      Interpose::MakeFile(path, std::string(kSize, 'x'));
-      timespec const times[2] = {{time += 60, 0}, {time, 0}};
-      utimensat(AT_FDCWD, Interpose::Real(path).c_str(), times, 0);
+      CatalogueTest::MakeRecording(name, kSize, time += 60);
     }
     Interpose::hooks().statvfs = [](std::string const&, struct statvfs* space) {
       space->f_frsize = 1;
@@ -78,8 +73,7 @@ class Recordings {
       space->f_bfree = static_cast<fsblkcnt_t>(10000 - 1000 * OnCard().size());
       return Answer::Success();
     };
-    Tarvik::Ilog::Logger::GetInstance()->fileSink->enabled = false;
-    Tarvik::Ilog::Logger::GetInstance()->consoleSink->enabled = false;
+    LogFile::Enable(false, false);
     Capture::Output([this] { card.emplace("/mnt/sdcard/", "/dev/mmcblk1p1", "mmcblk1"); });
     card->available = true;
     catalogue = std::make_unique<FilesManager>(&*card, kDirectory, 7000, 1.0F);
@@ -91,10 +85,7 @@ class Recordings {
 
   static std::string OnCard() {
     std::string names;
-    for (auto const& entry : fs::directory_iterator(Interpose::Real(kDirectory))) {
-      names += entry.path().stem();
-    }
-    std::ranges::sort(names);
+    for (auto const& name : CatalogueTest::OnCard()) names += name.substr(0, 1);
     return names;
   }
 
@@ -126,12 +117,11 @@ std::vector<Row> TruncatedDirectories() {
   std::vector<Row> rows;
   std::string names;
   int number = 0;
-  std::unique_ptr<DIR, int (*)(DIR*)> const directory(opendir(kDirectory), closedir);
-  for (dirent const* entry = nullptr; (entry = readdir(directory.get())) != nullptr;) {
+  for (auto const& entry : DirectoryOrder(kDirectory)) {
     rows.push_back({"readdir * (" + std::to_string(++number) + "): *",
                     "done, catalogue " + names + ", card abcd, total " +
                         std::to_string(Recordings::kSize * names.size())});
-    if (entry->d_name[0] != '.') names += entry->d_name[0];
+    if (!entry.starts_with('.')) names += entry.substr(0, 1);
     std::ranges::sort(names);
   }
   return rows;
@@ -380,7 +370,7 @@ class Logging {
     file.seekg(-std::min<std::streamoff>(kEnd, file.tellg()), std::ios::end);
     std::string summary;
     for (std::string line; std::getline(file, line);) {
-      summary += line.starts_with('x') ? "." : "|" + line.substr(21);
+      summary += line.starts_with('x') ? "." : "|" + line.substr(LogFile::kHeaderLength);
     }
     return summary;
   }

@@ -8,6 +8,7 @@
 
 #include "DiskUtils/System.h"
 #include "tests/support/Capture.h"
+#include "tests/support/CounterFile.h"
 #include "tests/support/FakeCard.h"
 #include "tests/support/FaultTable.h"
 #include "tests/support/Interpose.h"
@@ -17,8 +18,6 @@ namespace {
 
 using FaultTable::kNoHarm;
 using Quellon::DiskUtils::Disk;
-
-constexpr char const* kCounterFile = "/root/system.dat";
 
 std::string NewSystem(std::optional<OwnedSystem>& system) {
   return Capture::Output([&] { system.emplace(); });
@@ -50,7 +49,7 @@ std::string Exceptions(std::string const& output) {
 class GoodCard {
  public:
   GoodCard() {
-    Interpose::MakeFile(kCounterFile, R"({"sdcard-status-conter":3})");
+    Interpose::MakeFile(CounterFile::kPath, CounterFile::Text(3));
     Interpose::hooks().reboot = [](int) { return Interpose::Answer::Failure(EPERM); };
     NewSystem(system);
   }
@@ -114,7 +113,7 @@ TEST(EveryCallFails, WhileAGoodCardIsStarted) {
 class MissingCard {
  public:
   MissingCard() {
-    Interpose::MakeFile(kCounterFile, R"({"sdcard-status-conter":1})");
+    Interpose::MakeFile(CounterFile::kPath, CounterFile::Text(1));
     Interpose::RemoveFile("/dev/mmcblk1");
     Interpose::hooks().reboot = [](int) { return Interpose::Answer::Failure(EPERM); };
     NewSystem(system);
@@ -130,7 +129,7 @@ class MissingCard {
     EXPECT_EQ(result == nullptr, rebooted);
     EXPECT_EQ(system->GetHealthReport() == "{}", rebooted);
     EXPECT_TRUE(system->diskFault);
-    return (rebooted ? "rebooted, " : "carried on, ") + Interpose::ReadFile(kCounterFile);
+    return (rebooted ? "rebooted, " : "carried on, ") + Interpose::ReadFile(CounterFile::kPath);
   }
 
  private:
@@ -140,8 +139,8 @@ class MissingCard {
 };
 
 TEST(EveryCallFails, WhileAMissingCardIsStarted) {
-  std::string const one = R"({"sdcard-status-conter":1})";
-  std::string const two = R"({"sdcard-status-conter":2})";
+  std::string const one = CounterFile::Text(1);
+  std::string const two = CounterFile::Text(2);
   FaultTable::Try<MissingCard>("rebooted, " + two,
                                {{"[rw]* *: EINTR", kNoHarm},
                                 {"[rw]* *: short", kNoHarm},
@@ -157,7 +156,7 @@ TEST(EveryCallFails, WhileAMissingCardIsStarted) {
 class Counter {
  public:
   Counter() {
-    Interpose::MakeFile(kCounterFile, R"({"sdcard-status-conter":1})");
+    Interpose::MakeFile(CounterFile::kPath, CounterFile::Text(1));
     NewSystem(system);
   }
 

@@ -20,10 +20,13 @@
 #include "tests/support/Capture.h"
 #include "tests/support/ChildProcess.h"
 #include "tests/support/Interpose.h"
+#include "tests/support/LogFile.h"
+#include "tests/support/Scoped.h"
 
 namespace {
 
 namespace fs = std::filesystem;
+using LogFile::kHeader;
 using Quellon::FileUtils::Ifile;
 using testing::EndsWith;
 using testing::IsEmpty;
@@ -32,7 +35,6 @@ using testing::MatchesRegex;
 constexpr char const* kPath = "/mnt/sdcard/cr/a.gps";
 constexpr char const* kCopy = "/mnt/sdcard/cr/b.gps";
 constexpr char const* kNowhere = "/mnt/sdcard/missing/a.gps";
-constexpr char const* kHeader = "^\\[....-..-.. ..:..:..\\]";
 
 std::unique_ptr<Ifile> At(std::string path, bool open = false) {
   return std::make_unique<Ifile>(path, open);
@@ -230,25 +232,22 @@ TEST_F(FileStream, ThatThrowsNeverLeavesTheDestructor) {
 }
 
 TEST_F(FileStream, PrintStatLogsFiveLinesEachWithItsHeader) {
-  setenv("TZ", "UTC", 1);
-  tzset();
+  auto const zone = Scoped::TimeZone("UTC");
   std::string const output = Capture::Output([] {
     auto const file = At("/mnt/sdcard/cr/a.b.gps");
     file->size = -1;
     file->time = 1614877509;
     file->PrintStat();
   });
-  std::string const header = "\\[....-..-.. ..:..:..\\]";
-  EXPECT_THAT(output, MatchesRegex("^" + header + "Path: /mnt/sdcard/cr/a\\.b\\.gps\n" +  //
-                                   header + "File: a\\.b\\.gps\n" +                       //
-                                   header + "Ext: gps\n" +                                //
-                                   header + "Size: 18446744073709551615\n" +              //
-                                   header + "Time: 2021-03-04 17:05:09\n$"));
+  EXPECT_THAT(output, MatchesRegex(kHeader + "Path: /mnt/sdcard/cr/a\\.b\\.gps\n" +  //
+                                   kHeader + "File: a\\.b\\.gps\n" +                 //
+                                   kHeader + "Ext: gps\n" +                          //
+                                   kHeader + "Size: 18446744073709551615\n" +        //
+                                   kHeader + "Time: 2021-03-04 17:05:09\n$"));
 }
 
 TEST_F(FileStream, PrintStatShowsATimeOfZeroAsADate) {
-  setenv("TZ", "UTC", 1);
-  tzset();
+  auto const zone = Scoped::TimeZone("UTC");
   EXPECT_THAT(Capture::Output([] { At(kPath)->PrintStat(); }),
               EndsWith("]Time: 1970-01-01 00:00:00\n"));
 }
@@ -291,7 +290,7 @@ TEST_F(FileStream, NeverBecomesAStandardDescriptorThatWasClosed) {
       SCOPED_TRACE(how + ", without descriptor " + std::to_string(number));
       Holds("12345");
       ChildProcess::Run([open = open, number] {
-        Tarvik::Ilog::Logger::GetInstance()->fileSink->enabled = false;  // opens a file, too
+        LogFile::Enable(false, true);  // that of the file opens one, too
         close(number);
         auto const file = open();
         EXPECT_TRUE(file->stream->is_open());
@@ -305,9 +304,7 @@ TEST_F(FileStream, NeverBecomesAStandardDescriptorThatWasClosed) {
 TEST_F(FileStream, ACopyIsNotWhatIsPrintedMeanwhileByAProcessWithoutStandardOutput) {
   Holds("12345");
   ChildProcess::Run([] {
-    auto* const logger = Tarvik::Ilog::Logger::GetInstance();
-    logger->fileSink->enabled = false;
-    logger->consoleSink->enabled = true;
+    LogFile::Enable(false, true);
     auto const file = At(kPath, true);
     close(STDOUT_FILENO);  // now the destination would get its number, and the line for the console
     EXPECT_TRUE(file->CopyTo(kCopy));
@@ -335,7 +332,7 @@ TEST_F(FileStream, CopyToCopiesTheWholeFileAndLogsIt) {
   EXPECT_EQ(Interpose::ReadFile(kCopy), content);
   EXPECT_EQ(Interpose::ReadFile(kPath), content);
   EXPECT_TRUE(file->stream->is_open());
-  EXPECT_THAT(output, MatchesRegex(std::string(kHeader) +
+  EXPECT_THAT(output, MatchesRegex(kHeader +
                                    "Copy file /mnt/sdcard/cr/a\\.gps to /mnt/sdcard/cr/b\\.gps\n"));
 }
 
@@ -368,9 +365,8 @@ TEST_F(FileStream, CopyToMakesAMissingSourceAndAnEmptyCopy) {
 
 TEST_F(FileStream, CopyToTakesASourceThatCannotBeOpenedForAnEmptyOne) {
   std::string const output = Capture::Output([] { EXPECT_TRUE(At(kNowhere)->CopyTo(kCopy)); });
-  EXPECT_THAT(output,
-              MatchesRegex(std::string(kHeader) + "Copy file /mnt/sdcard/missing/a\\.gps to "
-                                                  "/mnt/sdcard/cr/b\\.gps\n"));
+  EXPECT_THAT(output, MatchesRegex(kHeader + "Copy file /mnt/sdcard/missing/a\\.gps to "
+                                             "/mnt/sdcard/cr/b\\.gps\n"));
   ASSERT_TRUE(Exists(kCopy));
   EXPECT_EQ(Interpose::ReadFile(kCopy), "");
 }
@@ -378,7 +374,7 @@ TEST_F(FileStream, CopyToTakesASourceThatCannotBeOpenedForAnEmptyOne) {
 /// What a failing copy logs, apart from the header.
 std::string LogOfFailedCopy(Ifile& file, std::string const& destination) {
   std::string const output = Capture::Output([&] { EXPECT_FALSE(file.CopyTo(destination)); });
-  EXPECT_THAT(output, MatchesRegex(std::string(kHeader) + "\\[ERROR\\].*\n$"));
+  EXPECT_THAT(output, MatchesRegex(kHeader + "\\[ERROR\\].*\n$"));
   EXPECT_EQ(output.find('\n'), output.size() - 1) << "more than one line";
   return output.substr(output.find("[ERROR]"));
 }

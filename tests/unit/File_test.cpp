@@ -1,6 +1,5 @@
 #include "FileUtils/File.h"
 
-#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -16,6 +15,7 @@
 
 #include "tests/support/Capture.h"
 #include "tests/support/Interpose.h"
+#include "tests/support/ModificationTime.h"
 
 namespace {
 
@@ -123,8 +123,7 @@ TEST_F(File, ExistsThoughItMayNotBeRead) {
 
 TEST_F(File, StatTellsSizeAndModificationTime) {
   MakeOfSize(77);
-  timespec const times[2] = {{5, 0}, {1614877509, 999999999}};
-  utimensat(AT_FDCWD, Interpose::Real(kPath).c_str(), times, 0);
+  SetModificationTime(Interpose::Real(kPath), 1614877509, 999999999);
   EXPECT_TRUE(file->Stat());
   EXPECT_EQ(file->size, 77);
   EXPECT_EQ(file->time, 1614877509);

@@ -2,7 +2,6 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <cstdio>
 #include <iostream>
 #include <optional>
 #include <string>
@@ -207,41 +206,25 @@ TEST_F(HealthReport, KeepsOneSetOfKeysAndTheClocksResetOnceItWasSeen) {
   EXPECT_EQ(Integer("zs"), 0);
 }
 
-/// What a process whose standard output is a pipe writes there while it does `work`.
-template <typename Work>
-std::string ThroughPipe(Work work) {
-  int ends[2];
-  if (pipe(ends) != 0) return "no pipe";
-  ChildProcess::Run([&] {
-    dup2(ends[1], STDOUT_FILENO);
-    std::setvbuf(stdout, nullptr, _IOFBF, BUFSIZ);  // as in a process that began with the pipe
-    work();
-    std::fflush(stdout);
-  });
-  close(ends[1]);
-  char text[4096];
-  ssize_t const length = read(ends[0], text, sizeof text);
-  close(ends[0]);
-  return {text, static_cast<std::size_t>(length < 0 ? 0 : length)};
-}
-
 TEST_F(HealthReport, ReachesAPipeInOrderWithWhateverIsWrittenAfterIt) {
   hooks().now = 0;
-  std::string const output = ThroughPipe([this] {
+  auto const [output, status] = ChildProcess::ThroughPipe([this] {
     std::cout << "before\n";
     system->BuildDiskHealthReport();
     EXPECT_EQ(write(STDOUT_FILENO, "after\n", 6), 6);
   });
   EXPECT_EQ(output, "before\n" + kBanner + kGoodCard + "after\n");
+  EXPECT_EQ(status, 0);
 }
 
 TEST_F(HealthReport, ReachesAPipeInOrderThoughTheStreamsAreNotInStep) {
   hooks().now = 0;
-  std::string const output = ThroughPipe([this] {
+  auto const [output, status] = ChildProcess::ThroughPipe([this] {
     std::ios::sync_with_stdio(false);
     system->BuildDiskHealthReport();
   });
   EXPECT_EQ(output, kBanner + kGoodCard);
+  EXPECT_EQ(status, 0);
 }
 
 }  // namespace

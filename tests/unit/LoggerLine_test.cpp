@@ -21,6 +21,7 @@
 
 namespace {
 
+using LogFile::kHeader;
 using Tarvik::Ilog::ConsoleLogPolicy;
 using Tarvik::Ilog::FileLogPolicy;
 using Tarvik::Ilog::Info;
@@ -31,6 +32,7 @@ using Tarvik::Interfaces::ISemaphore;
 using testing::ElementsAre;
 using testing::EndsWith;
 using testing::IsEmpty;
+using testing::MatchesRegex;
 
 std::mutex signalsMutex;
 std::vector<void const*> signals;  // the semaphores signalled, in order
@@ -212,8 +214,7 @@ TEST_F(LoggerLine, ASecondLineIsRefusedBeforeItWaitsForAnybody) {
 }
 
 TEST_F(LoggerLine, WithBothSinksDisabledNothingHappens) {
-  logger.fileSink->enabled = false;
-  logger.consoleSink->enabled = false;
+  LogFile::Enable(false, false);
   EXPECT_EQ(Capture::Output([] {
               LogLine(Info) << "text" << 1 << 2L;
               logger.BeginLine(Info);
@@ -230,8 +231,7 @@ TEST_F(LoggerLine, EachSinkIsEnabledForItself) {
   EXPECT_THAT(Capture::Output([] { LogLine(Info) << "console" << 1 << std::string("!"); }),
               EndsWith("]console1!\n"));
   EXPECT_EQ(LogFile::Text(), "");
-  logger.fileSink->enabled = true;
-  logger.consoleSink->enabled = false;
+  LogFile::Enable(true, false);
   EXPECT_EQ(Capture::Output([] { LogLine(Info) << "file" << 1 << std::string("!"); }), "");
   EXPECT_THAT(LogFile::Text(), EndsWith("]file1!\n"));
   EXPECT_EQ(signals.size(), 2U);
@@ -289,12 +289,10 @@ TEST_F(LoggerLine, ASinkDisabledInTheMiddleDropsItsLineAndIsFreeAtTheNextPiece) 
 TEST_F(LoggerLine, BothSinksDisabledInTheMiddleDropTheirLineForAnotherOneAndAreFree) {
   EXPECT_EQ(Capture::Output([] {
               LogLine outer(Info);
-              logger.fileSink->enabled = false;
-              logger.consoleSink->enabled = false;
+              LogFile::Enable(false, false);
               EXPECT_NO_THROW(LogLine(Info) << "inner");
               ExpectFree();
-              logger.fileSink->enabled = true;
-              logger.consoleSink->enabled = true;
+              LogFile::Enable(true, true);
               outer << "belongs to no line";
             }),
             "");
@@ -334,8 +332,7 @@ TEST_F(LoggerLine, TextAfterANewlineIsPartOfTheLine) {
     LogLine(Info) << "one" << std::endl << "two";
     LogLine(Info) << "three\n" << std::flush << "four" << std::flush << "five";
   });
-  EXPECT_THAT(console, testing::MatchesRegex("\\[[^]]*\\]one\ntwo\n"
-                                             "\\[[^]]*\\]three\nfourfive\n"));
+  EXPECT_THAT(console, MatchesRegex(kHeader + "one\ntwo\n" + kHeader + "three\nfourfive\n"));
   EXPECT_EQ(console, LogFile::Text());
   EXPECT_EQ(signals.size(), 4U);
 }
@@ -358,8 +355,8 @@ TEST_F(LoggerLine, ALastEndlIsTheNewlineOfItsLine) {
     LogLine(Info) << "two\n" << std::endl;
     LogLine(Info) << "three" << std::endl << "\n";
   });
-  EXPECT_THAT(LogFile::Text(), testing::MatchesRegex("\\[[^]]*\\]one\n\\[[^]]*\\]two\n\n"
-                                                     "\\[[^]]*\\]three\n\n\n"));
+  EXPECT_THAT(LogFile::Text(),
+              MatchesRegex(kHeader + "one\n" + kHeader + "two\n\n" + kHeader + "three\n\n\n"));
 }
 
 TEST_F(LoggerLine, AsLongAsTheLastOneThatEndlEndedHasANewlineOfItsOwn) {
@@ -367,7 +364,7 @@ TEST_F(LoggerLine, AsLongAsTheLastOneThatEndlEndedHasANewlineOfItsOwn) {
     LogLine(Info) << "one" << std::endl;
     LogLine(Info) << "four";
   });
-  EXPECT_THAT(LogFile::Text(), testing::MatchesRegex("\\[[^]]*\\]one\n\\[[^]]*\\]four\n"));
+  EXPECT_THAT(LogFile::Text(), MatchesRegex(kHeader + "one\n" + kHeader + "four\n"));
 }
 
 TEST_F(LoggerLine, AfterANullTextAManipulatorAppendsNothingAndTheCheckEndsTheLine) {

@@ -52,7 +52,7 @@ class LoggerLock : public testing::Test {
     EXPECT_TRUE(LogFile::IsFree(*logger.fileSink));
     EXPECT_TRUE(LogFile::IsFree(*logger.consoleSink));
     std::string const console = Capture::Output([] { LogLine(Info) << "next"; });
-    EXPECT_THAT(console, testing::MatchesRegex("\\[[^]]*\\]next\n"));
+    EXPECT_THAT(console, testing::MatchesRegex(LogFile::kHeader + "next\n"));
     EXPECT_EQ(LogFile::Text(), console);
   }
 
@@ -70,7 +70,7 @@ TEST_F(LoggerLock, ThatFailsIsReportedByTheStandardLibraryAndTheSinkStaysUsable)
   sink.WriteHeader(Info);
   sink << "next";
   sink.EndLine();
-  EXPECT_THAT(LogFile::Text(), testing::MatchesRegex("\\[[^]]*\\]next\n"));
+  EXPECT_THAT(LogFile::Text(), testing::MatchesRegex(LogFile::kHeader + "next\n"));
 }
 
 TEST_F(LoggerLock, ThatFailsForTheFileLeavesTheConsoleFree) {

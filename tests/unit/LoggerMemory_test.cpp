@@ -24,7 +24,7 @@ class LoggerMemory : public testing::Test {
  protected:
   void SetUp() override {
     LogFile::BeginAnew();
-    Logger::GetInstance()->consoleSink->enabled = false;
+    LogFile::Enable(true, false);
   }
 
   static constexpr int kMoreThanALineNeeds = 50;
@@ -98,7 +98,7 @@ TEST_F(LoggerMemory, AConsoleWithoutMemoryForItsHeaderLeavesNothingInTheFile) {
   int refused = 0;
   for (int number = 1; number < kMoreThanALineNeeds; ++number) {
     Interpose::hooks().now = 1000 + number;
-    logger.consoleSink->enabled = true;
+    LogFile::Enable(true, true);
     std::string const before = LogFile::Text();
     Capture::Output([&] {
       FailingAllocation const failing(number);

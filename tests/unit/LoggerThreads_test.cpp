@@ -62,13 +62,13 @@ std::string Message(int thread, int number) {
 
 /// The messages of a log, by thread, in the order of the log. Every line must be whole.
 std::map<int, std::vector<std::string>> ByThread(std::string const& log) {
-  static std::regex const whole(R"(\[\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\](\d) (\d+) ([a-h])\3*\.)");
+  static std::regex const whole(LogFile::kHeader + R"((\d) (\d+) ([a-h])\3*\.)");
   std::map<int, std::vector<std::string>> messages;
   for (auto const& line : LogFile::SplitLines(log)) {
     std::smatch parts;
     EXPECT_TRUE(std::regex_match(line, parts, whole)) << line;
     if (parts.empty()) continue;
-    messages[std::stoi(parts[1])].push_back(line.substr(21));
+    messages[std::stoi(parts[1])].push_back(line.substr(LogFile::kHeaderLength));
   }
   return messages;
 }

@@ -4,8 +4,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <cstdlib>
-#include <ctime>
 #include <iomanip>
 #include <limits>
 #include <string>
@@ -15,6 +13,7 @@
 #include "tests/support/GroupedNumbers.h"
 #include "tests/support/Interpose.h"
 #include "tests/support/LogFile.h"
+#include "tests/support/Scoped.h"
 
 namespace {
 
@@ -31,15 +30,9 @@ using Tarvik::Util::TemperatureMonitor;
 constexpr long kNow = 1614877509;  // 2021-03-04 17:05:09 UTC
 constexpr char const* kHeader = "[2021-03-04 17:05:09]";
 
-void SetTimeZone(char const* zone) {
-  setenv("TZ", zone, 1);
-  tzset();
-}
-
 class LoggerTest : public testing::Test {
  protected:
   void SetUp() override {
-    SetTimeZone("UTC");
     Interpose::hooks().now = kNow;
     LogFile::BeginAnew();
   }
@@ -64,6 +57,8 @@ class LoggerTest : public testing::Test {
   static std::string Line(Message const& message, LogType type = Info) {
     return Logged([&] { LogLine(type) << message; });
   }
+
+  Scoped::AtEnd const utc = Scoped::TimeZone("UTC");
 };
 
 TEST_F(LoggerTest, IsOneForTheWholeProcess) {
@@ -146,7 +141,7 @@ TEST_F(LoggerTest, TheFirstHeaderHasItsDateWhateverTheClockShows) {
 }
 
 TEST_F(LoggerTest, TheHeaderShowsLocalTime) {
-  SetTimeZone("TEST-5:30");
+  auto const zone = Scoped::TimeZone("TEST-5:30");
   Interpose::hooks().now = kNow + 3600;
   EXPECT_EQ(Line("local"), "[2021-03-04 23:35:09]local\n");
 }

@@ -13,8 +13,7 @@
 #include <vector>
 
 #include "base/IException.h"
-#include "tests/support/CatalogueTest.h"
-#include "tests/support/RemovalHook.h"
+#include "tests/support/RemovalTest.h"
 
 namespace {
 
@@ -24,10 +23,8 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::SizeIs;
 
-class MakeRoom : public CatalogueTest {
+class MakeRoom : public RemovalTest {
  protected:
-  ~MakeRoom() override { RemovalHook::hook() = nullptr; }
-
   /// Whether there is room on a card with these figures. `used` is what the catalogue uses.
   bool HasRoom(std::int64_t free, std::int64_t total, std::uint64_t minimumFree, float share,
                std::int64_t used = 0) {
@@ -43,20 +40,6 @@ class MakeRoom : public CatalogueTest {
     Add(*catalogue, {"a.dat"});
     Interpose::hooks().lstat = nullptr;
     return catalogue->CheckAvailableSpace(true);
-  }
-
-  /// Makes and catalogues recordings of 10 bytes each.
-  static void Keep(FilesManager& catalogue, std::vector<std::string> const& names) {
-    for (auto const& name : names) MakeRecording(name, 10);
-    Add(catalogue, names);
-  }
-
-  /// From now on each removal frees that many bytes of the card.
-  void RemovalFrees(std::int64_t bytes) {
-    RemovalHook::hook() = [this, bytes](Ifile& file) {
-      freeBytes += bytes;
-      return RemovalHook::Real(file);
-    };
   }
 
   /// Measuring the card is part of the trace from now on.

@@ -2,16 +2,16 @@
 #include <gtest/gtest.h>
 #include <spawn.h>
 #include <sys/socket.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <filesystem>
 #include <optional>
 #include <string>
 
 #include "SysUtil/Util.h"
+#include "tests/support/ChildProcess.h"
 #include "tests/support/Descriptors.h"
+#include "tests/support/DirectoryOrder.h"
 #include "tests/support/Interpose.h"
 
 namespace {
@@ -102,11 +102,9 @@ TEST_F(ProcessByName, MatchesAnEmptyProgramNameByTheEmptyNameOnly) {
 
 TEST_F(ProcessByName, IsTheFirstInDirectoryOrder) {
   for (char const* const id : {"31", "4", "159"}) Process(id, "recorder\0"s);
-  std::string first;
-  for (auto const& entry : std::filesystem::directory_iterator(Interpose::Real("/proc"))) {
-    if (entry.is_directory() && first.empty()) first = entry.path().filename();
-  }
-  EXPECT_EQ(std::to_string(GetProcIdByName("recorder")), first);
+  auto entries = DirectoryOrder("/proc");
+  std::erase_if(entries, [](auto const& name) { return name.find_first_of("0123456789") != 0; });
+  EXPECT_EQ(std::to_string(GetProcIdByName("recorder")), entries.front());
 }
 
 TEST_F(ProcessByName, IsMinusOneWhenProcCannotBeOpened) {
@@ -135,7 +133,7 @@ class RealProcess {
   RealProcess& operator=(RealProcess const&) = delete;
   ~RealProcess() {
     if (here >= 0) close(here);
-    if (id > 0) waitpid(id, nullptr, 0);
+    if (id > 0) ChildProcess::Wait(id);
   }
 
   pid_t id = -1;

@@ -10,7 +10,6 @@
 #include <cerrno>
 #include <cstdlib>
 #include <ctime>
-#include <optional>
 #include <string>
 #include <type_traits>
 #include <vector>
@@ -19,6 +18,7 @@
 #include "tests/support/ChildProcess.h"
 #include "tests/support/Descriptors.h"
 #include "tests/support/Interpose.h"
+#include "tests/support/Scoped.h"
 
 namespace {
 
@@ -33,25 +33,6 @@ constexpr char const* kDevice = "/dev/rtc0";
 constexpr char const* kCentralEurope = "CET-1CEST,M3.5.0,M10.5.0/3";
 constexpr rtc_time kTime{9, 5, 17, 4, 2, 121, 4, 62, 0};  // Thursday, 4 March 2021, 17:05:09
 constexpr long kTimeInUtc = 1614877509;
-
-/// The time zone of the process while one exists.
-class TimeZone {
- public:
-  explicit TimeZone(char const* zone) {
-    if (char const* const value = getenv("TZ")) before = value;
-    setenv("TZ", zone, 1);
-    tzset();
-  }
-  TimeZone(TimeZone const&) = delete;
-  TimeZone& operator=(TimeZone const&) = delete;
-  ~TimeZone() {
-    before ? setenv("TZ", before->c_str(), 1) : unsetenv("TZ");
-    tzset();
-  }
-
- private:
-  std::optional<std::string> before;
-};
 
 std::array<int, 9> Fields(rtc_time const& time) {
   return {time.tm_sec,  time.tm_min,  time.tm_hour, time.tm_mday, time.tm_mon,
@@ -94,7 +75,7 @@ class RtcTest : public testing::Test {
     return Capture::AllOutput([&] { EXPECT_FALSE(rtc.Set(seconds)); });
   }
 
-  TimeZone zone{"UTC0"};
+  Scoped::AtEnd const zone = Scoped::TimeZone("UTC0");
   Rtc rtc{kDevice};
   Descriptors::Watch descriptors;
 };
@@ -191,7 +172,7 @@ TEST_F(RtcTest, SetsTheClockAndThenTheSystemClock) {
 }
 
 TEST_F(RtcTest, HoldsLocalTime) {
-  TimeZone const berlin(kCentralEurope);
+  auto const berlin = Scoped::TimeZone(kCentralEurope);
   rtc_time held{};
   ClockHolds(held);
   long seconds = 1625068800;  // 30 June 2021, 16:00 UTC
@@ -246,14 +227,14 @@ TEST_F(RtcTest, NormalisesItsTimeInPlace) {
 }
 
 TEST_F(RtcTest, MovesATimeOfTheSpringGapOutOfIt) {
-  TimeZone const berlin(kCentralEurope);
+  auto const berlin = Scoped::TimeZone(kCentralEurope);
   rtc_time const skipped{0, 30, 2, 28, 2, 121, 0, 0, 0};  // 2:30 winter time is 3:30 summer time
   EXPECT_EQ(SecondsOf(skipped), "clock 1616895000");
   EXPECT_EQ(Fields(rtc.rtcTime), Fields({0, 30, 3, 28, 2, 121, 0, 86, 1}));
 }
 
 TEST_F(RtcTest, TakesTheHourThatComesTwiceByItsDaylightSavingFlag) {
-  TimeZone const berlin(kCentralEurope);
+  auto const berlin = Scoped::TimeZone(kCentralEurope);
   rtc_time twice{0, 30, 2, 31, 9, 121, 0, 0, 1};  // 31 October 2021, 2:30
   EXPECT_EQ(SecondsOf(twice), "clock 1635640200");
   twice.tm_isdst = 0;
@@ -269,7 +250,8 @@ TEST_F(RtcTest, NeverWritesBeyondItsTime) {
   guarded.rtc.rtcTime = kTime;
   ClockAnswers(Answer::Success());
   long seconds = kTimeInUtc;
-  TimeZone const berlin(kCentralEurope);  // an offset and a name that the C library would write
+  auto const berlin =
+      Scoped::TimeZone(kCentralEurope);  // an offset and a name that the C library would write
   guarded.rtc.Set(seconds);
   guarded.rtc.SetSystemClock();
   EXPECT_EQ(std::ranges::count(guarded.guard, 0xA5), 64);
@@ -293,7 +275,7 @@ TEST_F(RtcTest, PrintsTheSystemsTimeInAZoneThatWasJustChosen) {
 }
 
 TEST_F(RtcTest, PrintsTheSystemsTimeInLocalTime) {
-  TimeZone const berlin(kCentralEurope);
+  auto const berlin = Scoped::TimeZone(kCentralEurope);
   hooks().now = 1625068800;
   EXPECT_EQ(Capture::Output([this] { rtc.Print(); }),
             "RTC: 1/0/1900 00:00:00\nSystem: 6/30/2021 18:00:00\n");

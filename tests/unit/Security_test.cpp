@@ -15,10 +15,12 @@
 #include "DiskUtils/System.h"
 #include "FileUtils/Dir.h"
 #include "tests/support/CatalogueTest.h"
+#include "tests/support/CounterFile.h"
 #include "tests/support/Descriptors.h"
 #include "tests/support/FakeCard.h"
 #include "tests/support/LogFile.h"
 #include "tests/support/OwnedSystem.h"
+#include "tests/support/Scoped.h"
 
 namespace {
 
@@ -42,7 +44,6 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 
 constexpr char const* kOutside = "/root/outside";
-constexpr char const* kCounterFile = "/root/system.dat";
 
 mode_t ModeOf(std::string const& path) {
   struct stat status {};
@@ -138,7 +139,7 @@ class Start : public testing::Test {
   Start() {
     Capture::Output([this] { system.emplace(); });
     Interpose::hooks().reboot = [](int) { return Interpose::Answer::Failure(EPERM); };
-    Interpose::MakeFile(kCounterFile, "");
+    Interpose::MakeFile(CounterFile::kPath, "");
     Interpose::MakeFile(kOutside, "outside");
   }
 
@@ -235,8 +236,8 @@ TEST_F(Start, APipeThatCannotBeRemovedDoesNotStopTheStart) {
 }
 
 TEST_F(Start, FilesAreMadeForTheirOwnerToWriteAndAllToRead) {
-  mode_t const before = umask(022);
-  Interpose::RemoveFile(kCounterFile);
+  auto const mask = Scoped::Umask(022);
+  Interpose::RemoveFile(CounterFile::kPath);
   mode_t testFile = 0;
   card.duringCheck = [&testFile] { testFile = ModeOf(FakeCard::kTestFile); };
   LogFile::BeginAnew();
@@ -249,11 +250,10 @@ TEST_F(Start, FilesAreMadeForTheirOwnerToWriteAndAllToRead) {
     EXPECT_TRUE(Idir("/mnt/sdcard/made").Create());
   });
   EXPECT_EQ(testFile, 0644U);
-  for (std::string const made : {LogFile::kPath, kCounterFile, "/mnt/sdcard/copy"}) {
+  for (std::string const made : {LogFile::kPath, CounterFile::kPath, "/mnt/sdcard/copy"}) {
     EXPECT_EQ(ModeOf(made), 0644U) << made;
   }
   EXPECT_EQ(ModeOf("/mnt/sdcard/made"), 0755U);
-  umask(before);
 }
 
 }  // namespace

@@ -16,10 +16,12 @@
 #include "SysUtil/Util.h"
 #include "base/internal/OutputLine.h"
 #include "tests/support/Capture.h"
+#include "tests/support/CounterFile.h"
 #include "tests/support/FakeCard.h"
 #include "tests/support/GroupedNumbers.h"
 #include "tests/support/Interpose.h"
 #include "tests/support/OwnedSystem.h"
+#include "tests/support/Scoped.h"
 
 extern "C" FILE* popen(char const*, char const*) {
   errno = EPERM;
@@ -30,8 +32,6 @@ namespace {
 
 using Quellon::DiskUtils::Disk;
 using Tarvik::OutputLine;
-
-constexpr char const* kCounterFile = "/root/system.dat";
 
 /// While one exists, the application's own format is on std::cout; at its end, it still is.
 class ApplicationsFormat {
@@ -80,12 +80,12 @@ void StartAGoodCard() {
 
 void StartWithoutACard() {
   Interpose::RemoveFile("/dev/mmcblk1");
-  Interpose::MakeFile(kCounterFile, R"({"sdcard-status-conter":1234567})");
+  Interpose::MakeFile(CounterFile::kPath, CounterFile::Text(1234567));
   EXPECT_FALSE(OwnedSystem().InitDisk()->available);
 }
 
 void KeepTheCounter() {
-  Interpose::MakeFile(kCounterFile, "");
+  Interpose::MakeFile(CounterFile::kPath, "");
   OwnedSystem system;
   EXPECT_TRUE(system.SaveSDCardStatusCounter(1234567));
   EXPECT_EQ(system.ReadSDCardStatusCounter(), 1234567);
@@ -139,9 +139,10 @@ TEST(StandardOutput, ALineIsWrittenWithItsEndAtOnce) {
 
 TEST(StandardOutput, ALineGoesWhereTheApplicationLeadsTheStream) {
   std::stringbuf led;
-  std::streambuf* const before = std::cout.rdbuf(&led);
-  OutputLine() << "led " << 10;
-  std::cout.rdbuf(before);
+  {
+    auto const output = Scoped::Output(&led, std::ios::goodbit);
+    OutputLine() << "led " << 10;
+  }
   EXPECT_EQ(led.str(), "led 10\n");
 }
 
@@ -156,11 +157,10 @@ TEST(StandardOutput, ALineThatCannotBeWrittenDoesNoHarm) {
   struct Broken : std::streambuf {
     int overflow(int) override { throw std::runtime_error("broken"); }
   } broken;
-  std::streambuf* const before = std::cout.rdbuf(&broken);
-  std::cout.exceptions(std::ios::badbit);
-  EXPECT_NO_THROW(OutputLine() << "lost" << 1);
-  std::cout.exceptions(std::ios::goodbit);
-  std::cout.rdbuf(before);
+  {
+    auto const output = Scoped::Output(&broken, std::ios::badbit);
+    EXPECT_NO_THROW(OutputLine() << "lost" << 1);
+  }
   EXPECT_EQ(Capture::Output([] { OutputLine() << "next"; }), "next\n");
 }
 
@@ -186,25 +186,18 @@ class Garbling : public std::codecvt<char, char, std::mbstate_t> {
   bool do_always_noconv() const noexcept override { return false; }
 };
 
-/// While one exists, streams on files garble what they hold, unless they have a locale of their
+/// While it lasts, streams on files garble what they hold, unless they have a locale of their
 /// own.
-class GarbledFiles {
- public:
-  GarbledFiles() : before(std::locale::global(std::locale(std::locale(), new Garbling))) {}
-  GarbledFiles(GarbledFiles const&) = delete;
-  GarbledFiles& operator=(GarbledFiles const&) = delete;
-  ~GarbledFiles() { std::locale::global(before); }
-
- private:
-  std::locale before;
-};
+[[nodiscard]] Scoped::AtEnd GarbledFiles() {
+  return Scoped::GlobalLocale(std::locale(std::locale(), new Garbling));
+}
 
 TEST(FilesOfTheDevice, AreReadAsTheyAre) {
   FakeCard card;
-  Interpose::MakeFile(kCounterFile, "{\n\"sdcard-status-conter\":\n1234567}");
+  Interpose::MakeFile(CounterFile::kPath, "{\n\"sdcard-status-conter\":\n1234567}");
   Interpose::MakeFile("/proc/12/cmdline", "/usr/bin/recorder");
   OwnedSystem system;
-  GarbledFiles const garbled;
+  auto const garbled = GarbledFiles();
   EXPECT_EQ(system.ReadSDCardStatusCounter(), 1234567);
   EXPECT_EQ(Disk::readSysFSProperty("/sys/block/mmcblk1/device/cid"), FakeCard::kCid);
   EXPECT_EQ(Disk::getSDCardLifetimeWrites("mmcblk1p1"), 734003U);
@@ -213,21 +206,20 @@ TEST(FilesOfTheDevice, AreReadAsTheyAre) {
 
 TEST(FilesOfTheDevice, AreWrittenAsTheyShallBe) {
   FakeCard card;
-  Interpose::MakeFile(kCounterFile, "");
+  Interpose::MakeFile(CounterFile::kPath, "");
   OwnedSystem system;
   Capture::Descriptor const output(1);
   std::string testFile;
   {
-    GarbledFiles const garbled;
+    auto const garbled = GarbledFiles();
     EXPECT_TRUE(system.SaveSDCardStatusCounter(1234567));
     Interpose::hooks().sync = [&testFile] {
-      std::locale const before = std::locale::global(std::locale::classic());
+      auto const plain = Scoped::GlobalLocale(std::locale::classic());
       testFile = Interpose::ReadFile(FakeCard::kTestFile);
-      std::locale::global(before);
     };
     EXPECT_TRUE(system.InitDisk()->available);
   }
-  EXPECT_EQ(Interpose::ReadFile(kCounterFile), R"({"sdcard-status-conter":1234567})");
+  EXPECT_EQ(Interpose::ReadFile(CounterFile::kPath), CounterFile::Text(1234567));
   EXPECT_EQ(testFile, "velmor");
 }
 

@@ -12,6 +12,7 @@
 
 #include "DiskUtils/System.h"
 #include "tests/support/Capture.h"
+#include "tests/support/CounterFile.h"
 #include "tests/support/Descriptors.h"
 #include "tests/support/FailingAllocation.h"
 #include "tests/support/Interpose.h"
@@ -41,7 +42,8 @@ using Interpose::Trace;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-constexpr char const* kFile = "/root/system.dat";
+constexpr char const* kFile = CounterFile::kPath;
+std::string const kSomethingInItsPlace = std::string(kFile) + "/in-its-place";
 
 bool FileExists() {
   return std::filesystem::exists(Interpose::Real(kFile));
@@ -82,33 +84,32 @@ TEST_P(StoredCounter, IsReadAndTheFileLeftAsItWas) {
 INSTANTIATE_TEST_SUITE_P(
     Contents, StoredCounter,
     testing::Values(
-        Content{"AnInteger", R"({"sdcard-status-conter":2})", 2},
+        Content{"AnInteger", CounterFile::Text(2), 2},
         Content{"AmongOtherMembers", R"({"a":[1],"sdcard-status-conter":3,"z":null})", 3},
-        Content{"Zero", R"({"sdcard-status-conter":0})", 0},
-        Content{"TheLargestInteger", R"({"sdcard-status-conter":2147483647})", 2147483647},
-        Content{"Negative", R"({"sdcard-status-conter":-7})", -7},
-        Content{"AFloatingNumber", R"({"sdcard-status-conter":2.0})", 2},
+        Content{"Zero", CounterFile::Text(0), 0},
+        Content{"TheLargestInteger", CounterFile::Text(2147483647), 2147483647},
+        Content{"Negative", CounterFile::Text(-7), -7},
+        Content{"AFloatingNumber", CounterFile::Text("2.0"), 2},
         Content{"OverSeveralLines", "{\n \"sdcard-status-conter\"\n:\n1\n}\n", 1},
         Content{"ATokenSplitOverLines", "{\"sdcard-status-con\nter\":1\n2}", 12},
         Content{"OnlyLineEnds", "\n\n", 0},
         Content{"OtherSpelling", R"({"sdcard-status-counter":2})", 0},
         Content{"OtherCase", R"({"SDCARD-STATUS-CONTER":2})", 0}, Content{"AnEmptyObject", "{}", 0},
-        Content{"AnArray", R"([{"sdcard-status-conter":2}])", 0}, Content{"ANumber", "2", 0},
+        Content{"AnArray", "[" + CounterFile::Text(2) + "]", 0}, Content{"ANumber", "2", 0},
         Content{"AText", R"("sdcard-status-conter")", 0}, Content{"Null", "null", 0},
-        Content{"TooLarge", R"({"sdcard-status-conter":2147483648})", -1},
-        Content{"TextForTheNumber", R"({"sdcard-status-conter":"2"})", -1},
-        Content{"NullForTheNumber", R"({"sdcard-status-conter":null})", -1},
-        Content{"AnObjectForTheNumber", R"({"sdcard-status-conter":{}})", -1},
+        Content{"TooLarge", CounterFile::Text(2147483648), -1},
+        Content{"TextForTheNumber", CounterFile::Text("\"2\""), -1},
+        Content{"NullForTheNumber", CounterFile::Text("null"), -1},
+        Content{"AnObjectForTheNumber", CounterFile::Text("{}"), -1},
         Content{"LongerThanAnyCount",
                 R"({"sdcard-status-conter":2,"x":")" + std::string(1000000, 'x') + "\"}", -1},
-        Content{"BehindALotOfLines", std::string(1000000, '\n') + R"({"sdcard-status-conter":2})",
-                2},
+        Content{"BehindALotOfLines", std::string(1000000, '\n') + CounterFile::Text(2), 2},
         Content{"CutShort", R"({"sdcard-status-con)", -1}, Content{"NoJson", "reboots: 2", -1},
         Content{"OnlyBlanks", "  ", -1}, Content{"Binary", std::string("\0\1\2", 3), -1}),
     [](auto const& instance) { return instance.param.name; });
 
 TEST_F(StatusCounter, IsMinusOneWhenTheFileCannotBeOpened) {
-  MakeFile("/root/system.dat/in-its-place", "");
+  MakeFile(kSomethingInItsPlace, "");
   LastException().reset();
   EXPECT_EQ(Capture::Output([&] { EXPECT_EQ(system.ReadSDCardStatusCounter(), -1); }), "");
   ASSERT_TRUE(LastException());
@@ -160,7 +161,7 @@ INSTANTIATE_TEST_SUITE_P(PipeSocketAndDevice, InPlaceOfTheCounter,
                          });
 
 TEST_F(StatusCounter, IsMinusOneWhenTheFileCannotBeRead) {
-  MakeFile(kFile, R"({"sdcard-status-conter":2})");
+  MakeFile(kFile, CounterFile::Text(2));
   readsFail = true;
   int const counter = system.ReadSDCardStatusCounter();
   readsFail = false;
@@ -169,7 +170,7 @@ TEST_F(StatusCounter, IsMinusOneWhenTheFileCannotBeRead) {
 }
 
 TEST_F(StatusCounter, IsMinusOneWhicheverAllocationFailsWhileReading) {
-  MakeFile(kFile, R"({"sdcard-status-conter":2})");
+  MakeFile(kFile, CounterFile::Text(2));
   int number = 0;
   for (bool failed = true; failed;) {
     FailingAllocation const allocation(++number);
@@ -188,7 +189,7 @@ TEST_F(StatusCounter, ReplacesTheWholeFileAndFlushesItToTheCard) {
   std::string const output =
       Capture::Output([&] { EXPECT_TRUE(system.SaveSDCardStatusCounter(2)); });
   EXPECT_EQ(output, "Save sdcard status counter 2 to file\n");
-  EXPECT_EQ(ReadFile(kFile), R"({"sdcard-status-conter":2})");
+  EXPECT_EQ(ReadFile(kFile), CounterFile::Text(2));
   EXPECT_EQ(flushed, ReadFile(kFile));
   EXPECT_THAT(Trace(), ElementsAre("sync"));
   EXPECT_THAT(descriptors.Opened(), IsEmpty());
@@ -202,7 +203,7 @@ TEST_F(StatusCounter, ReadsBackWhatItSaved) {
 }
 
 TEST_F(StatusCounter, CountsAsSavedWhenTheFileCannotBeOpened) {
-  MakeFile("/root/system.dat/in-its-place", "");
+  MakeFile(kSomethingInItsPlace, "");
   std::string const output =
       Capture::Output([&] { EXPECT_TRUE(system.SaveSDCardStatusCounter(1)); });
   EXPECT_EQ(output, "Save sdcard status counter 1 to file\n");
@@ -239,7 +240,7 @@ TEST_F(StatusCounter, IsNotSavedWhicheverAllocationFails) {
 class NoCounter : public StatusCounter, public testing::WithParamInterface<int> {};
 
 TEST_P(NoCounter, RemovesTheFile) {
-  MakeFile(kFile, R"({"sdcard-status-conter":2})");
+  MakeFile(kFile, CounterFile::Text(2));
   std::string const output =
       Capture::Output([&] { EXPECT_TRUE(system.SaveSDCardStatusCounter(GetParam())); });
   EXPECT_EQ(output, "Remove sdcard status file\n");

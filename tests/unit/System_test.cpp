@@ -25,6 +25,7 @@
 #include "tests/support/Descriptors.h"
 #include "tests/support/Interpose.h"
 #include "tests/support/LogFile.h"
+#include "tests/support/Scoped.h"
 
 namespace {
 
@@ -255,7 +256,7 @@ class DeafStandardError {
  public:
   enum Kind { Full, Closed };
 
-  explicit DeafStandardError(Kind kind) : saved(dup(STDERR_FILENO)) {
+  explicit DeafStandardError(Kind kind) {
     EXPECT_EQ(pipe2(ends.data(), O_CLOEXEC | O_NONBLOCK), 0);
     std::array<char, 4096> const block{};
     while (kind == Full && write(ends[1], block.data(), block.size()) > 0) {
@@ -264,16 +265,10 @@ class DeafStandardError {
     fcntl(ends[1], F_SETFL, 0);  // as others' pipes are: writing to it waits
     dup2(ends[1], STDERR_FILENO);
   }
-  DeafStandardError(DeafStandardError const&) = delete;
-  DeafStandardError& operator=(DeafStandardError const&) = delete;
-  ~DeafStandardError() {
-    dup2(saved, STDERR_FILENO);
-    close(saved);
-  }
 
  private:
+  Scoped::AtEnd const errors = Scoped::Descriptor(STDERR_FILENO);
   std::array<int, 2> ends{};
-  int saved;
 };
 
 class DeafStandardErrorTest : public SystemTest,
@@ -282,7 +277,7 @@ class DeafStandardErrorTest : public SystemTest,
 // In a child process, which ends by a signal if it waits, or writes where nobody reads.
 TEST_P(DeafStandardErrorTest, KeepsNothingFromBeingUnmounted) {
   ChildProcess::Run([this] {
-    alarm(20);
+    ChildProcess::EndInTime();
     hooks().chdir = [](auto&&) { return Answer::Failure(EACCES); };
     hooks().reboot = [](int) { return Answer::Success(); };
     int result = -1;

@@ -20,6 +20,7 @@
 #include "tests/support/Descriptors.h"
 #include "tests/support/FailingAllocation.h"
 #include "tests/support/Interpose.h"
+#include "tests/support/Scoped.h"
 #include "tests/support/TheReal.h"
 
 namespace {
@@ -233,14 +234,12 @@ TEST_F(UtilTest, ReturnsAllThoughARealSignalArrivesWhileItWaits) {
   arrived = 0;
   struct sigaction count {};
   count.sa_handler = [](int) { ++arrived; };  // without SA_RESTART
-  struct sigaction before {};
-  sigaction(SIGUSR1, &count, &before);
+  auto const action = Scoped::SignalAction(SIGUSR1, count);
   EXPECT_EQ(ExecSystemCmdThroughPipe("waits() { grep -q '^State:.S' /proc/$PPID/status; }\n"
                                      "printf 'no end'\n"
                                      "until waits; do :; done; kill -USR1 $PPID\n"
                                      "until waits; do :; done; echo ', and more'"),
             "no end, and more\n");
-  sigaction(SIGUSR1, &before, nullptr);
   EXPECT_EQ(arrived, 1);
 }
 

@@ -35,8 +35,7 @@ constexpr char const* kDevice = "/dev/watchdog";
 
 /// The log line of that message, without a temperature.
 auto IsLogLine(std::string const& message) {
-  return MatchesRegex("\\[[0-9]{4}-[0-9]{2}-[0-9]{2} [0-9]{2}:[0-9]{2}:[0-9]{2}\\]\\[WTD\\] " +
-                      message + "\n");
+  return MatchesRegex(LogFile::kHeader + "\\[WTD\\] " + message + "\n");
 }
 
 /// A device whose driver takes every timeout and applies `applied` seconds.
@@ -66,7 +65,7 @@ void DriverTakes(int const& fd, ssize_t length) {
 class WatchdogTest : public testing::Test {
  protected:
   // The log file stays open once it was written; these tests count descriptors.
-  WatchdogTest() { Tarvik::Ilog::Logger::GetInstance()->fileSink->enabled = false; }
+  WatchdogTest() { LogFile::Enable(false, true); }
 
   /// Whether the device is open when the one line that `work` logs goes to the log file.
   template <typename Work>
