@@ -19,7 +19,6 @@
 #include "tests/support/FailingAllocation.h"
 #include "tests/support/FakeCard.h"
 #include "tests/support/Interpose.h"
-#include "tests/support/LastException.h"
 #include "tests/support/LogFile.h"
 #include "tests/support/TheReal.h"
 
@@ -67,8 +66,6 @@ Tarvik::IException Thrown(Work work) {
 
 class DiskTest : public testing::Test {
  protected:
-  DiskTest() { LastException().reset(); }
-
   /// Makes the Disk and returns what that prints.
   std::string Make(std::string const& mountPoint = FakeCard::kMountPoint) {
     return Capture::Output(
@@ -134,7 +131,6 @@ TEST_F(DiskTest, IsNotFoundWithoutItsBlockDevice) {
   Interpose::RemoveFile("/dev/mmcblk1");
   FakeCard::Status().present = true;
   EXPECT_EQ(Make(), "Disk exception Disk not found\n");
-  EXPECT_EQ(LastException().value().code, 0);
   EXPECT_FALSE(disk->available);
   EXPECT_EQ(disk->totalBytes, 0);
   EXPECT_EQ(disk->freeBytes, 0);
@@ -197,7 +193,6 @@ TEST_F(DiskTest, RefusesAMountPointWhoseCardFailedBeforeItTouchesAnything) {
     return Answer::Success();
   };
   EXPECT_EQ(Make(), "Disk exception Disk malfunction status had been set to read-only\n");
-  EXPECT_EQ(LastException().value().code, 0);
   EXPECT_FALSE(disk->available);
   EXPECT_EQ(FakeCard::Status().malfunction, 1);
 }
