@@ -252,21 +252,6 @@ TEST_F(CatalogueTest, ReservedBlocksCountAsFreeAndTheReserveIsKeptInstead) {
   EXPECT_FALSE(tight.CheckAvailableSpace(true));
 }
 
-TEST_F(CatalogueTest, EverythingButDirectoriesIsCataloguedAndLinksAreNotFollowed) {
-  Disk disk = InsertEmptyCard();
-  WriteRecording("/mnt/sdcard/cr/plain.dat", 5000, firstDay + 1);
-  fs::create_directory("/mnt/sdcard/cr/directory.dat");
-  fs::create_symlink("/usr/bin/env", "/mnt/sdcard/cr/link.dat");
-  ASSERT_EQ(mkfifo("/mnt/sdcard/cr/pipe.dat", 0600), 0);
-  FilesManager catalogue(&disk, directory, 0, share);
-
-  ASSERT_TRUE(catalogue.LoadAndSort());
-  EXPECT_EQ(NamesOf(catalogue).front(), "plain.dat");
-  EXPECT_THAT(NamesOf(catalogue),
-              testing::UnorderedElementsAre("plain.dat", "link.dat", "pipe.dat"));
-  EXPECT_EQ(catalogue.GetTotalFilesSize(), 5000 + std::string("/usr/bin/env").size());
-}
-
 TEST_F(CatalogueTest, FileThatCannotBeDeletedLeavesTheCatalogueAndStaysOnTheCard) {
   Disk disk = InsertEmptyCard();
   WriteRecording("/mnt/sdcard/cr/a.dat", 1000, firstDay);
@@ -302,46 +287,6 @@ TEST_F(CatalogueTest, FileThatCannotBeDeletedByNameStaysCatalogued) {
   delete removed;  // nobody else would
 }
 
-TEST_F(CatalogueTest, BackgroundPassEmptiesTheCardOfAllButProtectedFiles) {
-  Disk disk = InsertEmptyCard();
-  for (int i = 0; i < 50; ++i)
-    WriteRecording(directory + std::to_string(i) + ".dat", 10'000, firstDay + i);
-  WriteRecording("/mnt/sdcard/cr/kept.gps", 1, firstDay);
-  FilesManager catalogue(&disk, directory, 0, share);
-  ASSERT_TRUE(catalogue.LoadAndSort());
-
-  catalogue.RemoveAllFilesAsync();
-  catalogue.Join();
-  EXPECT_EQ(NamesIn(directory), std::set<std::string>{"kept.gps"});
-  EXPECT_THAT(NamesOf(catalogue), ElementsAre("kept.gps"));
-  EXPECT_EQ(catalogue.GetTotalFilesSize(), 1U);
-}
-
-TEST_F(CatalogueTest, CardThatCannotBeMeasuredIsRecordedAsTheReason) {
-  Disk disk = InsertEmptyCard();
-  FilesManager catalogue(&disk, directory, 0, share);
-  disk.mountPoint = "/mnt/nowhere/";
-
-  EXPECT_FALSE(catalogue.MakeRoom());
-  EXPECT_EQ(catalogue.GetError(), "Get space stat error");
-}
-
-TEST_F(CatalogueTest, DirectoryIsMadeOnceWithItsMode) {
-  Disk const disk = InsertEmptyCard();
-  mode_t const before = umask(0);
-  Idir recordings("/mnt/sdcard/cr");
-  EXPECT_FALSE(recordings.exists);
-
-  EXPECT_TRUE(recordings.Create());
-  umask(before);
-  EXPECT_EQ(fs::status("/mnt/sdcard/cr").permissions(), static_cast<fs::perms>(0775));
-  EXPECT_TRUE(recordings.CheckIfExists());
-  EXPECT_FALSE(recordings.exists);
-  EXPECT_FALSE(recordings.Create());
-  EXPECT_EQ(recordings.GetError(), "unable to create directory: /mnt/sdcard/cr");
-  EXPECT_EQ(recordings.GetErrorPlace(), "Create");
-}
-
 TEST_F(CatalogueTest, DirectoryWithoutAParentOrOnAReadOnlyCardIsNotMade) {
   card.SetWriteProtected(true);
   card.Insert();
@@ -352,23 +297,6 @@ TEST_F(CatalogueTest, DirectoryWithoutAParentOrOnAReadOnlyCardIsNotMade) {
   EXPECT_FALSE(orphan.Create());
   EXPECT_FALSE(refused.Create());
   EXPECT_EQ(refused.GetError(), "unable to create directory: /mnt/sdcard/cr");
-}
-
-TEST_F(CatalogueTest, FileIsCopiedRenamedAndLimitedOnTheCard) {
-  Disk const disk = InsertEmptyCard();
-  WriteRecording("/mnt/sdcard/a.dat", 3 * mebi, firstDay);
-  std::string path = "/mnt/sdcard/a.dat";
-  std::string newPath = "/mnt/sdcard/b.gps";
-  Quellon::FileUtils::Ifile file(path, false);
-
-  EXPECT_TRUE(file.CopyTo("/mnt/sdcard/copy.dat"));
-  EXPECT_EQ(TextOf("/mnt/sdcard/copy.dat"), TextOf(path));
-  file.Close();
-  EXPECT_TRUE(file.Rename(newPath));
-  ASSERT_TRUE(file.Stat());
-  EXPECT_EQ(file.size, static_cast<std::int64_t>(3 * mebi));
-  EXPECT_TRUE(file.RemoveIfBiggerThan(3 * mebi));
-  EXPECT_FALSE(fs::exists(newPath));
 }
 
 }  // namespace CardTests

@@ -99,37 +99,6 @@ TEST_F(DiskTest, KernelFiguresAreReadForTheCardsNames) {
   EXPECT_GT(Disk::getSDCardLifetimeWrites("mmcblk1p1"), 0U);
 }
 
-TEST_F(DiskTest, WithoutACardNothingIsAvailable) {
-  Capture::Descriptor output(1);
-  Disk disk = MakeDisk();
-
-  EXPECT_FALSE(disk.available);
-  EXPECT_FALSE(Status().present);
-  EXPECT_EQ(output.Text(), "Disk exception Disk not found\n");
-  EXPECT_EQ(ScanFailure(disk), "The device is not available");
-}
-
-TEST_F(DiskTest, CardWithoutThePartitionIsIdentifiedButNotPresent) {
-  card.Insert();
-  fs::remove(partition);
-  Capture::Descriptor output(1);
-  Disk const disk = MakeDisk();
-
-  EXPECT_EQ(output.Text(), "Disk exception Disk not found\n");
-  EXPECT_FALSE(disk.available);
-  EXPECT_FALSE(Status().present);
-  EXPECT_EQ(Status().cid, card.identity.cid);
-}
-
-TEST_F(DiskTest, MountPointWithoutItsSlashIsComparedWithASiblingThatIsMissing) {
-  card.Insert();
-  Capture::Descriptor output(1);
-  Disk const disk("/mnt/sdcard", partition, device);
-
-  EXPECT_EQ(output.Text(), "Disk exception Stat error (2)\n");
-  EXPECT_FALSE(disk.available);
-}
-
 TEST_F(DiskTest, WriteProtectedCardCannotBeMountedForWritingAndIsNotFound) {
   card.SetWriteProtected(true);
   card.Insert();
@@ -201,19 +170,6 @@ TEST_F(DiskTest, UnmountCommandOnABusyCardIsTriedFourTimesASecondApart) {
   EXPECT_EQ(output.Text(), "Unmount SD card FAILED.\n");
   EXPECT_EQ(MachineCalls(), std::vector<std::string>(4, "sleep 1000 ms"));
   EXPECT_TRUE(IsMounted(mountPoint));
-}
-
-TEST_F(DiskTest, MountCommandWithoutAPartitionIsTriedFourTimesASecondApart) {
-  Disk disk = MakeDiskOfInsertedCard();
-  ASSERT_TRUE(disk.Umount());
-  fs::remove(partition);
-  ForgetMachineCalls();
-  Capture::Descriptor errors(2);
-  Capture::Descriptor output(1);
-
-  disk.CheckDisk::Mount();
-  EXPECT_EQ(output.Text(), "Mount SD card FAILED.\n");
-  EXPECT_EQ(MachineCalls(), std::vector<std::string>(4, "sleep 1000 ms"));
 }
 
 TEST_F(DiskTest, UnmountAndMountCommandsSucceedWithoutAPause) {
@@ -320,18 +276,6 @@ TEST_F(DiskTest, FormatIsTakenForDoneWhateverTheCommandSays) {
   EXPECT_TRUE(disk.Fromat(false));
   EXPECT_THAT(output.Text(), EndsWith("Done format partition /dev/mmcblk1p1 ext4\n"));
   EXPECT_TRUE(IsMounted(mountPoint));
-}
-
-TEST_F(DiskTest, SpaceOfAMountPointThatIsGoneThrowsWithTheSystemsError) {
-  Disk disk("/mnt/nowhere/", partition, device);
-
-  try {
-    disk.LoadDiskInfo();
-    FAIL() << "nothing thrown";
-  } catch (Tarvik::IException const& e) {
-    EXPECT_STREQ(e.what(), "Get space stat error");
-    EXPECT_EQ(e.code, ENOENT);
-  }
 }
 
 }  // namespace CardTests

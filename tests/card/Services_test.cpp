@@ -57,13 +57,6 @@ TEST_F(ServicesTest, BenchDriverListsTheCardsRecordingsOldestFirst) {
               EndsWith(bench.output.substr(bench.output.find('\n') + 1)));
 }
 
-TEST_F(ServicesTest, BenchDriverWithoutACardSaysSoAndSucceeds) {
-  ProgramResult const bench = RunProgram(BENCH_DRIVER);
-
-  EXPECT_EQ(bench.exitCode, 0);
-  EXPECT_EQ(bench.output, "Disk exception Disk not found\n");
-}
-
 TEST_F(ServicesTest, RamdiskIsFreshAndEmptyEachTime) {
   Capture::Descriptor errors(2);
   Capture::Descriptor output(1);
@@ -89,33 +82,6 @@ TEST_F(ServicesTest, RamdiskHasItsSizeAndMode) {
   EXPECT_EQ(root.st_mode & 07777U, 01777U);
   EXPECT_THAT(RamdiskMounts(),
               ElementsAre(StartsWith("tmpfs /mnt/ramdisk tmpfs rw,nosuid,nodev,noatime")));
-}
-
-TEST_F(ServicesTest, OpenFilesOfThisProcessAndItsParentAreShown) {
-  std::ofstream const shown("/tmp/shown-to-be-open");
-  Capture::Descriptor output(1);
-  SysUtil::DisplayOpenFiles();
-  std::string const text = output.Text();
-  std::string const self = std::to_string(getpid());
-  std::string const parent = std::to_string(getppid());
-
-  EXPECT_THAT(text, StartsWith("Try run [ls -l /proc/" + self + "/fd] on pipe\nOpen files on pid " +
-                               self + " :\ntotal "));
-  EXPECT_THAT(text, HasSubstr("-> /tmp/shown-to-be-open\n"));
-  EXPECT_THAT(text, HasSubstr("\n\nTry run [ls -l /proc/" + parent +
-                              "/fd] on pipe\nOpen files on pid " + parent + " :\ntotal "));
-}
-
-TEST_F(ServicesTest, ProcessIsFoundByAPartOfItsName) {
-  EXPECT_EQ(SysUtil::GetProcIdByName("card_test"), getpid());
-  EXPECT_EQ(SysUtil::GetProcIdByName("bash"), 1);
-  EXPECT_EQ(SysUtil::GetProcIdByName("no such program"), -1);
-}
-
-// The private root has a plain file in that place: the machine's cache is not the tests' business.
-TEST_F(ServicesTest, CacheDropIsWrittenToTheKernelsFile) {
-  EXPECT_TRUE(SysUtil::ClearCache());
-  EXPECT_EQ(TextOf("/proc/sys/vm/drop_caches"), "3");
 }
 
 }  // namespace CardTests

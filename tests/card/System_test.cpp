@@ -142,11 +142,6 @@ TEST_F(SystemTest, RepairedCardIsUsedAndTheRepairReported) {
   EXPECT_THAT(output, HasSubstr(R"("zf":1,)"));
 }
 
-TEST_F(SystemTest, MissingCardCausesThreeRebootsAndThenIsDoneWithout) {
-  std::string const last = StartUntilItGivesUp("The device is not available");
-  EXPECT_THAT(last, HasSubstr(R"("zf":0,"zi":"","zl":0,"zr":3,"zs":0})"));
-}
-
 TEST_F(SystemTest, CardThatLosesFilesCausesThreeRebootsAndIsReportedBroken) {
   LossyCheck const lossy(card);
   card.Insert();
@@ -176,17 +171,6 @@ TEST_F(SystemTest, CardThatComesBackAfterARebootIsUsedAndTheCountStays) {
   EXPECT_THAT(output, HasSubstr("card: usable\n"));
   EXPECT_THAT(output, Not(HasSubstr("reboot")));
   EXPECT_EQ(TextOf(counterFile), Counted(1));
-}
-
-TEST_F(SystemTest, UnreadableCounterMeansNoReboot) {
-  fs::create_directory(counterFile);
-  std::string const output = PowerOn();
-
-  EXPECT_THAT(output, HasSubstr("Exception disk (0): The device is not available\n"
-                                "Found SD card status counter -1 on file, passed limit\n======"));
-  EXPECT_THAT(output, Not(HasSubstr("reboot")));
-  EXPECT_THAT(output, HasSubstr("card: unusable\n"));
-  fs::remove(counterFile);
 }
 
 TEST_F(SystemTest, AnotherStartInTheSameProcessReplacesTheCardObject) {
@@ -258,56 +242,6 @@ TEST_F(SystemTest, BusyRootIsGivenASecondAndTenForcedAttempts) {
   pauses.front() = "sleep 1000 ms";
   EXPECT_EQ(MachineCalls(), pauses);
   EXPECT_FALSE(IsMounted(mountPoint));
-}
-
-TEST_F(SystemTest, MissingCounterFileCountsZeroAndIsMade) {
-  OwnedSystem system;
-  EXPECT_EQ(system.ReadSDCardStatusCounter(), 0);
-  EXPECT_TRUE(fs::is_empty(counterFile));
-}
-
-TEST_F(SystemTest, SavedCounterIsReadBackAndReplacesTheWholeFile) {
-  OwnedSystem system;
-  WriteCounterFile(std::string(1000, ' '));
-  Capture::Descriptor output(1);
-
-  EXPECT_TRUE(system.SaveSDCardStatusCounter(2));
-  EXPECT_EQ(output.Text(), "Save sdcard status counter 2 to file\n");
-  EXPECT_EQ(TextOf(counterFile), Counted(2));
-  EXPECT_EQ(system.ReadSDCardStatusCounter(), 2);
-}
-
-TEST_F(SystemTest, ZeroRemovesTheCounterFileAndAMissingOneIsFine) {
-  OwnedSystem system;
-  WriteCounterFile(Counted(1));
-  Capture::Descriptor output(1);
-
-  EXPECT_TRUE(system.SaveSDCardStatusCounter(0));
-  EXPECT_FALSE(fs::exists(counterFile));
-  EXPECT_TRUE(system.SaveSDCardStatusCounter(0));
-  EXPECT_EQ(output.Text(), "Remove sdcard status file\nRemove sdcard status file\n");
-}
-
-TEST_F(SystemTest, CounterIsReadFromAnyObjectThatHasIt) {
-  OwnedSystem system;
-  WriteCounterFile("{\n \"other\": [1],\n \"sdcard-status-conter\":\n 2\n}\n");
-  EXPECT_EQ(system.ReadSDCardStatusCounter(), 2);
-}
-
-TEST_F(SystemTest, ValidTextWithoutTheCounterCountsZero) {
-  OwnedSystem system;
-  for (char const* text : {R"({"sdcard-status-counter":2})", "{}", "[2]", "2", "null"}) {
-    WriteCounterFile(text);
-    EXPECT_EQ(system.ReadSDCardStatusCounter(), 0) << text;
-  }
-}
-
-TEST_F(SystemTest, BrokenTextOrAWrongKindOfCounterIsUnreadable) {
-  OwnedSystem system;
-  for (char const* text : {R"({"sdcard-status-conter":)", R"({"sdcard-status-conter":"2"})"}) {
-    WriteCounterFile(text);
-    EXPECT_EQ(system.ReadSDCardStatusCounter(), -1) << text;
-  }
 }
 
 TEST_F(SystemTest, CounterOnAReadOnlyRootCannotBeReadOrRemovedAndIsTakenForSaved) {
