@@ -13,13 +13,13 @@ namespace CardTests {
 
 class DiskTest : public CardTest {
  protected:
-  static Quellon::DiskUtils::Disk MakeDisk() { return {mountPoint, partition, device}; }
+  static Quellon::DiskUtils::Disk MakeDisk() { return {kMountPoint, kPartition, kDevice}; }
   Quellon::DiskUtils::Disk MakeDiskOfInsertedCard() {
     card.Insert();
     return MakeDisk();
   }
   static Quellon::DiskUtils::Disk::DeviceStatus& Status() {
-    return Quellon::DiskUtils::Disk::deviceStatusList[mountPoint];
+    return Quellon::DiskUtils::Disk::deviceStatusList[kMountPoint];
   }
 };
 
@@ -27,7 +27,7 @@ class DiskTest : public CardTest {
 inline std::string ScanFailure(Quellon::DiskUtils::Disk& disk) {
   try {
     disk.ScanDisk();
-    return {};
+    return "";
   } catch (Tarvik::IException const& e) {
     EXPECT_EQ(e.code, 0);
     return e.what();

@@ -2,7 +2,6 @@
 // times. Each start of the device is a process of its own.
 #include "DiskUtils/System.h"
 
-#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <sys/mount.h>
 #include <sys/statvfs.h>
@@ -13,22 +12,20 @@
 #include "tests/card/CardFixture.h"
 #include "tests/card/Interpose.h"
 #include "tests/support/Capture.h"
+#include "tests/support/CounterFile.h"
 #include "tests/support/OwnedSystem.h"
 
-namespace CardTests {
 namespace {
 
-namespace fs = std::filesystem;
-using Quellon::System;
+using CardTests::ForgetMachineCalls;
+using CardTests::IsMounted;
+using CardTests::LossyCheck;
+using CardTests::MachineCalls;
+using CardTests::TextOf;
 using testing::EndsWith;
 using testing::HasSubstr;
-using testing::IsEmpty;
 using testing::Not;
 using testing::StartsWith;
-
-std::string Counted(int reboots) {
-  return R"({"sdcard-status-conter":)" + std::to_string(reboots) + "}";
-}
 
 /// How often `part` occurs in `text`.
 int Occurrences(std::string const& text, std::string const& part) {
@@ -47,13 +44,13 @@ void MakeRootReadOnly() {
   ASSERT_EQ(mount(nullptr, "/", nullptr, MS_REMOUNT | MS_RDONLY, nullptr), 0);
 }
 
-class SystemTest : public CardTest {
+class System : public CardTests::CardTest {
  protected:
   /// Switches the device on and returns what it prints until its start has ended.
   static std::string PowerOn() {
     Boot();
     Capture::Descriptor errors(2);
-    ProgramResult const start = RunProgram(POWER_ON);
+    auto const start = CardTests::RunProgram(POWER_ON);
     EXPECT_EQ(start.exitCode, 0);
     EXPECT_THAT(start.output, EndsWith("end of this start\n"));
     return start.output;
@@ -63,10 +60,12 @@ class SystemTest : public CardTest {
   /// fourth prints.
   static std::string StartUntilItGivesUp(std::string const& reason);
 
-  static void WriteCounterFile(std::string const& text) { std::ofstream(counterFile) << text; }
+  static void SaveCount(int reboots) {
+    std::ofstream(CounterFile::kPath) << CounterFile::Text(reboots);
+  }
 };
 
-std::string SystemTest::StartUntilItGivesUp(std::string const& reason) {
+std::string System::StartUntilItGivesUp(std::string const& reason) {
   for (int reboots = 0; reboots < 3; ++reboots) {
     std::string const output = PowerOn();
     EXPECT_THAT(output,
@@ -77,7 +76,7 @@ std::string SystemTest::StartUntilItGivesUp(std::string const& reason) {
     EXPECT_THAT(output, HasSubstr("card: none\nhealth: {}\n"));
     EXPECT_THAT(output, HasSubstr("asked: system reboot\nasked: sleep 20000 ms\n"));
     EXPECT_THAT(output, HasSubstr("asked: reboot 0x1234567\nend of this start\n"));
-    EXPECT_EQ(TextOf(counterFile), Counted(reboots + 1));
+    EXPECT_EQ(TextOf(CounterFile::kPath), CounterFile::Text(reboots + 1));
   }
   std::string last = PowerOn();
   EXPECT_THAT(last, HasSubstr("Exception disk (0): " + reason +
@@ -87,13 +86,11 @@ std::string SystemTest::StartUntilItGivesUp(std::string const& reason) {
                               "\nNOT PRESENT\n"));
   EXPECT_THAT(last, HasSubstr("card: unusable\n"));
   EXPECT_THAT(last, Not(HasSubstr("reboot")));
-  EXPECT_EQ(TextOf(counterFile), Counted(3));
+  EXPECT_EQ(TextOf(CounterFile::kPath), CounterFile::Text(3));
   return last;
 }
 
-}  // namespace
-
-TEST_F(SystemTest, GoodCardIsBroughtIntoServiceAndReported) {
+TEST_F(System, GoodCardIsBroughtIntoServiceAndReported) {
   card.Insert();
   Capture::Descriptor output(1);
   OwnedSystem system;
@@ -104,7 +101,7 @@ TEST_F(SystemTest, GoodCardIsBroughtIntoServiceAndReported) {
   EXPECT_TRUE(disk->available);
   EXPECT_FALSE(system.diskFault);
   EXPECT_EQ(MachineCalls().back(), "sleep 1000 ms");
-  auto const& status = Quellon::DiskUtils::Disk::deviceStatusList[mountPoint];
+  auto const& status = Quellon::DiskUtils::Disk::deviceStatusList[kMountPoint];
   EXPECT_THAT(output.Text(),
               EndsWith("============================ SD CARD =============================\n"
                        " size [67108864] B\n usable size [" +
@@ -115,7 +112,7 @@ TEST_F(SystemTest, GoodCardIsBroughtIntoServiceAndReported) {
                        "==================================================================\n"));
 }
 
-TEST_F(SystemTest, HealthOfAGoodCardIsMeasured) {
+TEST_F(System, HealthOfAGoodCardIsMeasured) {
   card.Insert();
   Capture::Descriptor output(1);
   OwnedSystem system;
@@ -131,7 +128,7 @@ TEST_F(SystemTest, HealthOfAGoodCardIsMeasured) {
   EXPECT_FALSE(health.HasKey("rtc-have-been-reset"));
 }
 
-TEST_F(SystemTest, RepairedCardIsUsedAndTheRepairReported) {
+TEST_F(System, RepairedCardIsUsedAndTheRepairReported) {
   card.DamageRepairably();
   card.Insert();
   std::string const output = PowerOn();
@@ -142,41 +139,41 @@ TEST_F(SystemTest, RepairedCardIsUsedAndTheRepairReported) {
   EXPECT_THAT(output, HasSubstr(R"("zf":1,)"));
 }
 
-TEST_F(SystemTest, CardThatLosesFilesCausesThreeRebootsAndIsReportedBroken) {
+TEST_F(System, CardThatLosesFilesCausesThreeRebootsAndIsReportedBroken) {
   LossyCheck const lossy(card);
   card.Insert();
   std::string const last = StartUntilItGivesUp("disk malfunction");
   EXPECT_THAT(last, HasSubstr(R"("zr":1,"zs":0.0625})"));
 }
 
-TEST_F(SystemTest, WriteProtectedCardCausesThreeRebootsAndIsReportedReadOnly) {
+TEST_F(System, WriteProtectedCardCausesThreeRebootsAndIsReportedReadOnly) {
   card.SetWriteProtected(true);
   card.Insert();
   std::string const last = StartUntilItGivesUp("The device is not available");
   EXPECT_THAT(last, HasSubstr(R"("zr":2,)"));
 }
 
-TEST_F(SystemTest, CardBeyondRepairCausesThreeRebootsAndIsReportedUnusable) {
+TEST_F(System, CardBeyondRepairCausesThreeRebootsAndIsReportedUnusable) {
   card.DamageBeyondRepair();
   card.Insert();
   std::string const last = StartUntilItGivesUp("The device is not available");
   EXPECT_THAT(last, HasSubstr(R"("zr":3,"zs":0.0625})"));
 }
 
-TEST_F(SystemTest, CardThatComesBackAfterARebootIsUsedAndTheCountStays) {
+TEST_F(System, CardThatComesBackAfterARebootIsUsedAndTheCountStays) {
   EXPECT_THAT(PowerOn(), HasSubstr("trigger reboot..."));
   card.Insert();
   std::string const output = PowerOn();
 
   EXPECT_THAT(output, HasSubstr("card: usable\n"));
   EXPECT_THAT(output, Not(HasSubstr("reboot")));
-  EXPECT_EQ(TextOf(counterFile), Counted(1));
+  EXPECT_EQ(TextOf(CounterFile::kPath), CounterFile::Text(1));
 }
 
-TEST_F(SystemTest, AnotherStartInTheSameProcessReplacesTheCardObject) {
+TEST_F(System, AnotherStartInTheSameProcessReplacesTheCardObject) {
   Capture::Descriptor errors(2);
   Capture::Descriptor output(1);
-  WriteCounterFile(Counted(3));
+  SaveCount(3);
   OwnedSystem system;
   ASSERT_NE(system.InitDisk(), nullptr);
   EXPECT_FALSE(system.disk->available);
@@ -188,9 +185,9 @@ TEST_F(SystemTest, AnotherStartInTheSameProcessReplacesTheCardObject) {
   EXPECT_FALSE(system.diskFault);
 }
 
-TEST_F(SystemTest, CardFoundBrokenIsRefusedByLaterStartsInTheSameProcess) {
+TEST_F(System, CardFoundBrokenIsRefusedByLaterStartsInTheSameProcess) {
   Capture::Descriptor output(1);
-  WriteCounterFile(Counted(3));
+  SaveCount(3);
   OwnedSystem system;
   {
     LossyCheck const lossy(card);
@@ -205,19 +202,19 @@ TEST_F(SystemTest, CardFoundBrokenIsRefusedByLaterStartsInTheSameProcess) {
                         "Exception disk (0): The device is not available\n"));
 }
 
-TEST_F(SystemTest, RebootLeavesCardAndRootUnmounted) {
+TEST_F(System, RebootLeavesCardAndRootUnmounted) {
   LossyCheck const lossy(card);
   card.Insert();
   EXPECT_THAT(PowerOn(), HasSubstr("asked: reboot 0x1234567\n"));
 
-  EXPECT_FALSE(IsMounted(mountPoint));
+  EXPECT_FALSE(IsMounted(kMountPoint));
   EXPECT_TRUE(RootIsReadOnly());  // what the kernel makes of unmounting a process's own root
 }
 
-TEST_F(SystemTest, BusyCardDoesNotStopAReboot) {
+TEST_F(System, BusyCardDoesNotStopAReboot) {
   card.Insert();
-  Quellon::DiskUtils::Disk disk(mountPoint, partition, device);
-  Tarvik::UniqueFd const busy(open("/mnt/sdcard/busy", O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
+  Quellon::DiskUtils::Disk disk(kMountPoint, kPartition, kDevice);
+  auto const busy = CardTests::KeepBusy("/mnt/sdcard/busy");
   OwnedSystem system;
   Capture::Descriptor errors(2);
 
@@ -225,13 +222,13 @@ TEST_F(SystemTest, BusyCardDoesNotStopAReboot) {
   EXPECT_EQ(Occurrences(errors.Text(), "Unable to umount storage SD: Device or resource busy\n"),
             9);
   EXPECT_EQ(MachineCalls().back(), "reboot 0x1234567");
-  EXPECT_TRUE(IsMounted(mountPoint));
+  EXPECT_TRUE(IsMounted(kMountPoint));
 }
 
-TEST_F(SystemTest, BusyRootIsGivenASecondAndTenForcedAttempts) {
-  Tarvik::UniqueFd const busy(open("/busy", O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
+TEST_F(System, BusyRootIsGivenASecondAndTenForcedAttempts) {
+  auto const busy = CardTests::KeepBusy("/busy");
   card.Insert();
-  Quellon::DiskUtils::Disk disk(mountPoint, partition, device);
+  Quellon::DiskUtils::Disk disk(kMountPoint, kPartition, kDevice);
   OwnedSystem system;
   ForgetMachineCalls();
   Capture::Descriptor errors(2);
@@ -241,12 +238,12 @@ TEST_F(SystemTest, BusyRootIsGivenASecondAndTenForcedAttempts) {
   std::vector<std::string> pauses(10, "sleep 100 ms");
   pauses.front() = "sleep 1000 ms";
   EXPECT_EQ(MachineCalls(), pauses);
-  EXPECT_FALSE(IsMounted(mountPoint));
+  EXPECT_FALSE(IsMounted(kMountPoint));
 }
 
-TEST_F(SystemTest, CounterOnAReadOnlyRootCannotBeReadOrRemovedAndIsTakenForSaved) {
+TEST_F(System, CounterOnAReadOnlyRootCannotBeReadOrRemovedAndIsTakenForSaved) {
   OwnedSystem system;
-  WriteCounterFile(Counted(1));
+  SaveCount(1);
   MakeRootReadOnly();
   Capture::Descriptor output(1);
 
@@ -256,7 +253,7 @@ TEST_F(SystemTest, CounterOnAReadOnlyRootCannotBeReadOrRemovedAndIsTakenForSaved
   EXPECT_EQ(output.Text(),
             "Save sdcard status counter 2 to file\n"
             "Remove sdcard status file\nUnable to remove sd card status file\n");
-  EXPECT_EQ(TextOf(counterFile), Counted(1));
+  EXPECT_EQ(TextOf(CounterFile::kPath), CounterFile::Text(1));
 }
 
-}  // namespace CardTests
+}  // namespace
