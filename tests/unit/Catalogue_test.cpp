@@ -6,7 +6,6 @@
 #include <cerrno>
 #include <limits>
 #include <string>
-#include <type_traits>
 
 #include "tests/support/CatalogueTest.h"
 #include "tests/support/LogFile.h"
@@ -34,16 +33,6 @@ class Catalogue : public CatalogueTest {
     return figures;
   }
 };
-
-TEST_F(Catalogue, IsAThreadFirstAndAnErrorRecorderSecond) {
-  using Tarvik::Interfaces::IError;
-  using Tarvik::Interfaces::IThread;
-  FilesManager catalogue(nullptr, kDirectory, 0, 1.0F);
-  auto* const object = reinterpret_cast<char*>(&catalogue);
-  EXPECT_EQ(reinterpret_cast<char*>(static_cast<IThread*>(&catalogue)), object);
-  EXPECT_GT(reinterpret_cast<char*>(static_cast<IError*>(&catalogue)), object);
-  static_assert(std::has_virtual_destructor_v<FilesManager>);
-}
 
 TEST_F(Catalogue, StartsEmptyAndKnowsItsNames) {
   FilesManager catalogue(nullptr, kDirectory, 5, 0.5F);

@@ -8,7 +8,6 @@
 #include <filesystem>
 #include <optional>
 #include <string>
-#include <type_traits>
 #include <vector>
 
 #include "tests/support/Descriptors.h"
@@ -50,11 +49,6 @@ TEST_F(Directory, KnowsThatItExists) {
   Idir directory(kPath);
   EXPECT_TRUE(directory.exists);
   EXPECT_TRUE(directory.CheckIfExists());
-}
-
-TEST_F(Directory, IsAnErrorRecorderAndNothingElse) {
-  static_assert(std::is_base_of_v<Tarvik::Interfaces::IError, Idir>);
-  static_assert(std::has_virtual_destructor_v<Idir>);
 }
 
 TEST_F(Directory, LooksAgainButKeepsWhatItKnewAndRecordsNothing) {

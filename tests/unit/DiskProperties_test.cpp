@@ -6,7 +6,6 @@
 #include <cstdio>
 #include <limits>
 #include <string>
-#include <type_traits>
 #include <utility>
 #include <vector>
 
@@ -141,13 +140,6 @@ TEST(TotalSize, IsZeroAndReportedWhenUnknown) {
   std::string const output =
       Capture::Output([] { EXPECT_EQ(Disk::getSDCardTotalSize("mmcblk1"), 0U); });
   EXPECT_EQ(output, Missing("/sys/class/block/mmcblk1/size"));
-}
-
-TEST(CardIdentity, IsPlainDataWithoutVirtualOperations) {
-  static_assert(!std::is_polymorphic_v<SDCardInfo>);
-  static_assert(!std::is_polymorphic_v<SDCardInfoData>);
-  static_assert(sizeof(SDCardInfo) == sizeof(SDCardInfoData));
-  static_assert(std::is_copy_assignable_v<SDCardInfoData>);
 }
 
 TEST(CardIdentity, HoldsEveryPropertyAsTheKernelGivesIt) {

@@ -9,7 +9,6 @@
 #include <chrono>
 #include <optional>
 #include <string>
-#include <type_traits>
 #include <utility>
 #include <vector>
 
@@ -42,7 +41,6 @@ using Interpose::Answer;
 using Interpose::hooks;
 using Interpose::Sleep;
 using Interpose::Trace;
-using Quellon::DiskUtils::CheckDisk;
 using Quellon::DiskUtils::Disk;
 using testing::ElementsAre;
 using testing::ElementsAreArray;
@@ -83,12 +81,6 @@ class DiskTest : public testing::Test {
   FakeCard card;
   std::optional<Disk> disk;
 };
-
-TEST(DiskClass, IsACheckDiskWithAVirtualDestructor) {
-  static_assert(std::is_base_of_v<CheckDisk, Disk>);
-  static_assert(std::has_virtual_destructor_v<Disk>);
-  static_assert(std::has_virtual_destructor_v<CheckDisk>);
-}
 
 TEST_F(DiskTest, IsAvailableAndMeasuredWithAGoodCard) {
   EXPECT_EQ(Make(), kSpaceLine);

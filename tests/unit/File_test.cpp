@@ -10,7 +10,6 @@
 #include <filesystem>
 #include <memory>
 #include <string>
-#include <type_traits>
 #include <vector>
 
 #include "tests/support/Capture.h"
@@ -72,11 +71,6 @@ TEST(FileObject, CanBeMadeOfAnEmptyPath) {
   auto const opened = At("", true);
   ASSERT_NE(opened->stream, nullptr);
   EXPECT_FALSE(opened->stream->is_open());
-}
-
-TEST(FileObject, HasNoVirtualOperationButItsDestructor) {
-  static_assert(std::has_virtual_destructor_v<Ifile>);
-  static_assert(!std::is_copy_constructible_v<Ifile> && !std::is_copy_assignable_v<Ifile>);
 }
 
 TEST(FileObject, TakesWhatFollowsTheLastSlashAsTheName) {

@@ -5,7 +5,6 @@
 #include <iostream>
 #include <optional>
 #include <string>
-#include <type_traits>
 
 #include "DiskUtils/System.h"
 #include "tests/support/Capture.h"
@@ -60,10 +59,6 @@ class HealthReport : public testing::Test {
   std::optional<Quellon::System> system;
   std::optional<Disk> disk;
 };
-
-TEST(HealthStatusClass, IsPolymorphicByItsDestructorAlone) {
-  static_assert(std::has_virtual_destructor_v<Quellon::HealthStatus>);
-}
 
 TEST_F(HealthReport, PrintsNothingAndRecordsNothingWithoutADisk) {
   system->disk = nullptr;

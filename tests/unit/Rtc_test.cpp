@@ -11,7 +11,6 @@
 #include <cstdlib>
 #include <ctime>
 #include <string>
-#include <type_traits>
 #include <vector>
 
 #include "tests/support/Capture.h"
@@ -79,10 +78,6 @@ class RtcTest : public testing::Test {
   Rtc rtc{kDevice};
   Descriptors::Watch descriptors;
 };
-
-TEST(RtcClass, IsPolymorphicByItsDestructor) {
-  static_assert(std::has_virtual_destructor_v<Rtc>);
-}
 
 TEST_F(RtcTest, TouchesNoDeviceWhenItIsMade) {
   hooks().fault = [](std::string const& function) -> std::optional<int> {

@@ -16,7 +16,6 @@
 #include <semaphore>
 #include <string>
 #include <thread>
-#include <type_traits>
 #include <vector>
 
 #include "base/Logger.h"
@@ -36,7 +35,6 @@ using Interpose::Sleep;
 using Interpose::Trace;
 using Quellon::System;
 using Tarvik::Ilog::LogLine;
-using testing::AnyOf;
 using testing::ElementsAre;
 using testing::ElementsAreArray;
 using testing::IsEmpty;
@@ -85,11 +83,6 @@ class SystemTest : public testing::Test {
 
   System system;
 };
-
-TEST(SystemClass, IsPolymorphicByItsDestructorAndCannotBeCopied) {
-  static_assert(std::has_virtual_destructor_v<System>);
-  static_assert(!std::is_copy_constructible_v<System>);
-}
 
 TEST(SystemClass, GivesTheSameInstanceTwiceAndAnnouncesItOnce) {
   ChildProcess::Run([] {

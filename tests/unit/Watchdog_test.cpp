@@ -10,7 +10,6 @@
 #include <cstring>
 #include <optional>
 #include <string>
-#include <type_traits>
 #include <vector>
 
 #include "base/Logger.h"
@@ -90,11 +89,6 @@ class WatchdogTest : public testing::Test {
 
   Descriptors::Watch descriptors;
 };
-
-TEST(WatchdogClass, IsPolymorphicByItsDestructorAndCannotBeCopied) {
-  static_assert(std::has_virtual_destructor_v<Watchdog>);
-  static_assert(!std::is_copy_constructible_v<Watchdog>);
-}
 
 TEST_F(WatchdogTest, ArmsWithNinetySecondsUnlessToldOtherwise) {
   Interpose::MakeFile(kDevice, "");
