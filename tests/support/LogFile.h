@@ -17,6 +17,9 @@
 
 namespace LogFile {
 
+using FileSink = Tarvik::Ilog::LoggerBase<Tarvik::Ilog::FileLogPolicy>;
+using ConsoleSink = Tarvik::Ilog::LoggerBase<Tarvik::Ilog::ConsoleLogPolicy>;
+
 inline constexpr char const* kPath = "/var/log/quellon.log";
 inline constexpr char const* kOlderPath = "/var/log/quellon.log.1";
 
@@ -80,6 +83,12 @@ bool AnotherThreadGetsThrough(Work work, std::chrono::milliseconds limit = kPati
 template <typename Sink>
 bool IsFree(Sink& sink) {
   return AnotherThreadGetsThrough([&sink] { sink.Flush(); });
+}
+
+/// Whether another thread could begin a line with the process-wide logger.
+inline bool IsFree() {
+  auto& logger = *Tarvik::Ilog::Logger::GetInstance();
+  return IsFree(*logger.fileSink) && IsFree(*logger.consoleSink);
 }
 
 /// Whether a line of another thread takes the sink before long. In either case `release` then ends

@@ -58,7 +58,6 @@ using namespace std::chrono_literals;
 using Interpose::Answer;
 using testing::Each;
 using testing::ElementsAre;
-using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::MatchesRegex;
 using testing::SizeIs;
@@ -141,9 +140,9 @@ TEST(BenchDriver, LeavesItsCardAndItsCatalogueToTheEndOfTheProcess) {
   LiveFiles::DeleteAll();
 }
 
-class ClockTest : public testing::Test {
+class BenchDriverClock : public testing::Test {
  protected:
-  ClockTest() { Interpose::hooks().now = kNow; }
+  BenchDriverClock() { Interpose::hooks().now = kNow; }
 
   /// A clock that stands at the start of 2020; what it is asked and set to is kept.
   void FitClock() {
@@ -172,7 +171,7 @@ class ClockTest : public testing::Test {
   std::vector<long> written;
 };
 
-TEST_F(ClockTest, PrintsMovesAndRestoresTheClock) {
+TEST_F(BenchDriverClock, PrintsMovesAndRestoresTheClock) {
   FitClock();
   Interpose::hooks().setClock = [](long) { return Answer::Success(); };
   EXPECT_EQ(Capture::Output([] { TestRtc(); }),
@@ -185,7 +184,7 @@ TEST_F(ClockTest, PrintsMovesAndRestoresTheClock) {
               ElementsAre("clock " + std::to_string(kNow - kDay), "clock " + std::to_string(kNow)));
 }
 
-TEST_F(ClockTest, RestoresTheInstantItBeganAt) {
+TEST_F(BenchDriverClock, RestoresTheInstantItBeganAt) {
   FitClock();
   Interpose::hooks().setClock = [](long seconds) {
     Interpose::hooks().now = seconds + 5;  // time goes on
@@ -195,13 +194,13 @@ TEST_F(ClockTest, RestoresTheInstantItBeganAt) {
   EXPECT_THAT(written, ElementsAre(kNow - kDay, kNow));
 }
 
-TEST_F(ClockTest, GoesOnWhenNothingCanBeSet) {
+TEST_F(BenchDriverClock, GoesOnWhenNothingCanBeSet) {
   FitClock();
   Capture::Output([] { TestRtc(); });
   EXPECT_THAT(written, ElementsAre(kNow - kDay, kNow));
 }
 
-TEST_F(ClockTest, PrintsThreeTimesWithoutAClock) {
+TEST_F(BenchDriverClock, PrintsThreeTimesWithoutAClock) {
   EXPECT_THAT(Capture::Output([] { TestRtc(); }),
               MatchesRegex("(RTC: [^\n]*\nSystem: 3/4/2021 17:05:09\n){3}"));
   EXPECT_THAT(Interpose::Trace(), IsEmpty());

@@ -19,12 +19,12 @@
 
 namespace {
 
+namespace DiskUtils = Quellon::DiskUtils;
 using namespace std::chrono_literals;
 using Interpose::Answer;
 using Interpose::hooks;
 using Interpose::Sleep;
 using Interpose::Trace;
-using Quellon::DiskUtils::CheckDisk;
 using testing::ElementsAre;
 using testing::ElementsAreArray;
 using Texts = std::vector<std::string>;
@@ -43,9 +43,9 @@ Answer Killed() {
   return {9, 0};
 }
 
-class CheckDiskTest : public testing::Test {
+class CheckDisk : public testing::Test {
  protected:
-  CheckDiskTest() {
+  CheckDisk() {
     hooks().system = [](auto&&) { return Exited(0); };
   }
 
@@ -64,7 +64,7 @@ class CheckDiskTest : public testing::Test {
 
   std::string directory = "/mnt/sdcard/";
   std::string device = "/dev/mmcblk1p1";
-  CheckDisk checkDisk{directory.data(), device.data()};
+  DiskUtils::CheckDisk checkDisk{directory.data(), device.data()};
 };
 
 /// As system(3) does it: the code of a process that is waited for.
@@ -80,10 +80,10 @@ struct Ignoring {
   int flags;
 };
 
-class ProcessThatIgnoresItsChildren : public CheckDiskTest,
-                                      public testing::WithParamInterface<Ignoring> {};
+class CheckDiskOfAProcessThatIgnoresItsChildren : public CheckDisk,
+                                                  public testing::WithParamInterface<Ignoring> {};
 
-TEST_P(ProcessThatIgnoresItsChildren, LearnsHowACommandEndedAllTheSame) {
+TEST_P(CheckDiskOfAProcessThatIgnoresItsChildren, LearnsHowACommandEndedAllTheSame) {
   hooks().system = [](std::string const& command) {
     return Waited(command.starts_with("fsck") ? 4 : 0);
   };
@@ -102,14 +102,14 @@ TEST_P(ProcessThatIgnoresItsChildren, LearnsHowACommandEndedAllTheSame) {
   EXPECT_EQ(after.sa_flags & SA_NOCLDWAIT, GetParam().flags);
 }
 
-INSTANTIATE_TEST_SUITE_P(InEveryWay, ProcessThatIgnoresItsChildren,
+INSTANTIATE_TEST_SUITE_P(InEveryWay, CheckDiskOfAProcessThatIgnoresItsChildren,
                          testing::Values(Ignoring{"ByTheSignal", SIG_IGN, 0},
                                          Ignoring{"ByItsFlag", SIG_DFL, SA_NOCLDWAIT},
                                          Ignoring{"ByItsFlagWithAHandler", [](int) {},
                                                   SA_NOCLDWAIT}),
                          [](auto const& instance) { return instance.param.name; });
 
-TEST_F(CheckDiskTest, GivesCommandsStandardDescriptorsThatTheProcessDoesNotHave) {
+TEST_F(CheckDisk, GivesCommandsStandardDescriptorsThatTheProcessDoesNotHave) {
   ChildProcess::Run([this] {
     hooks().system = [](auto&&) {
       for (int number : {0, 1, 2}) EXPECT_GE(fcntl(number, F_GETFD), 0);
@@ -121,34 +121,34 @@ TEST_F(CheckDiskTest, GivesCommandsStandardDescriptorsThatTheProcessDoesNotHave)
   });
 }
 
-TEST_F(CheckDiskTest, KeepsCopiesOfBothPathsAndIgnoresTheNumber) {
-  CheckDisk const plain(directory.data(), device.data());
-  CheckDisk const numbered(42, directory.data(), device.data());
+TEST_F(CheckDisk, KeepsCopiesOfBothPathsAndIgnoresTheNumber) {
+  DiskUtils::CheckDisk const plain(directory.data(), device.data());
+  DiskUtils::CheckDisk const numbered(42, directory.data(), device.data());
   directory[1] = 'X';
   device[1] = 'X';
-  for (CheckDisk const* const made : {&plain, &numbered}) {
+  for (DiskUtils::CheckDisk const* const made : {&plain, &numbered}) {
     EXPECT_EQ(made->mountPoint, "/mnt/sdcard/");
     EXPECT_EQ(made->devicePath, "/dev/mmcblk1p1");
   }
 }
 
-TEST_F(CheckDiskTest, TakesMissingPathsForEmptyOnes) {
-  CheckDisk const made(nullptr, nullptr);
+TEST_F(CheckDisk, TakesMissingPathsForEmptyOnes) {
+  DiskUtils::CheckDisk const made(nullptr, nullptr);
   EXPECT_EQ(made.mountPoint, "");
   EXPECT_EQ(made.devicePath, "");
 }
 
-TEST_F(CheckDiskTest, UnmountsByCommand) {
+TEST_F(CheckDisk, UnmountsByCommand) {
   EXPECT_EQ(Capture::Output([&] { checkDisk.UnMount(); }), "Unmount SD card success.\n");
   EXPECT_THAT(Trace(), ElementsAre(kUmount));
 }
 
-TEST_F(CheckDiskTest, MountsByCommand) {
+TEST_F(CheckDisk, MountsByCommand) {
   EXPECT_EQ(Capture::Output([&] { checkDisk.Mount(); }), "Mount SD card success\n");
   EXPECT_THAT(Trace(), ElementsAre(kMount));
 }
 
-TEST_F(CheckDiskTest, GivesUpUnmountingAfterFourAttemptsAndFourSeconds) {
+TEST_F(CheckDisk, GivesUpUnmountingAfterFourAttemptsAndFourSeconds) {
   Answers("umount", {Exited(32)});
   PausesShow();
   EXPECT_EQ(Capture::Output([&] { checkDisk.UnMount(); }), "****Unmount SD card FAILED.\n");
@@ -156,7 +156,7 @@ TEST_F(CheckDiskTest, GivesUpUnmountingAfterFourAttemptsAndFourSeconds) {
                                    kUmount, Sleep(1s)));
 }
 
-TEST_F(CheckDiskTest, GivesUpMountingAfterFourAttemptsAndFourSeconds) {
+TEST_F(CheckDisk, GivesUpMountingAfterFourAttemptsAndFourSeconds) {
   Answers("mount", {Exited(32)});
   PausesShow();
   EXPECT_EQ(Capture::Output([&] { checkDisk.Mount(); }), "****Mount SD card FAILED.\n");
@@ -164,27 +164,27 @@ TEST_F(CheckDiskTest, GivesUpMountingAfterFourAttemptsAndFourSeconds) {
                                    Sleep(1s)));
 }
 
-TEST_F(CheckDiskTest, MayStillSucceedWithTheFourthAttempt) {
+TEST_F(CheckDisk, MayStillSucceedWithTheFourthAttempt) {
   Answers("umount", {Exited(1), Exited(255), Exited(32), Exited(0)});
   EXPECT_EQ(Capture::Output([&] { checkDisk.UnMount(); }), "Unmount SD card success.\n");
   EXPECT_EQ(Interpose::Slept(), 3s);
 }
 
-TEST_F(CheckDiskTest, TakesACommandThatASignalEndedForASuccess) {
+TEST_F(CheckDisk, TakesACommandThatASignalEndedForASuccess) {
   hooks().system = [](auto&&) { return Killed(); };
   EXPECT_EQ(Capture::Output([&] { EXPECT_EQ(checkDisk.DiskCheck(), 0); }),
             "Unmount SD card success.\nFSCK output: No errors\nMount SD card success\n");
   EXPECT_THAT(Trace(), ElementsAre(kUmount, kFsck, kMount));
 }
 
-TEST_F(CheckDiskTest, TakesACommandThatCouldNotBeStartedForAFailure) {
+TEST_F(CheckDisk, TakesACommandThatCouldNotBeStartedForAFailure) {
   hooks().system = [](auto&&) { return Answer::Failure(ENOMEM); };
   EXPECT_EQ(Capture::Output([&] { EXPECT_EQ(checkDisk.DiskCheck(), 255); }),
             "Unmount SD card FAILED.\nMount SD card FAILED.\n");
   EXPECT_EQ(Interpose::Slept(), 8s);
 }
 
-TEST_F(CheckDiskTest, WaitsWholeSecondsThoughSignalsArrive) {
+TEST_F(CheckDisk, WaitsWholeSecondsThoughSignalsArrive) {
   Answers("mount", {Exited(32), Exited(0)});
   hooks().interrupt = [](std::chrono::nanoseconds pause) {
     return pause == 1s ? std::optional<std::chrono::nanoseconds>(400ms) : std::nullopt;
@@ -193,7 +193,7 @@ TEST_F(CheckDiskTest, WaitsWholeSecondsThoughSignalsArrive) {
   EXPECT_THAT(Interpose::Traced("sleep"), ElementsAre(Sleep(600ms), Sleep(400ms)));
 }
 
-TEST_F(CheckDiskTest, ChecksAndMountsThoughTheUnmountFailed) {
+TEST_F(CheckDisk, ChecksAndMountsThoughTheUnmountFailed) {
   Answers("umount", {Exited(32)});
   EXPECT_EQ(Capture::Output([&] { checkDisk.DiskCheck(); }),
             "Unmount SD card FAILED.\nFSCK output: No errors\nMount SD card success\n");
@@ -210,9 +210,9 @@ struct Result {
   char const* lines;
 };
 
-class CheckResult : public CheckDiskTest, public testing::WithParamInterface<Result> {};
+class CheckDiskResult : public CheckDisk, public testing::WithParamInterface<Result> {};
 
-TEST_P(CheckResult, IsPrintedAndReturned) {
+TEST_P(CheckDiskResult, IsPrintedAndReturned) {
   auto const [code, lines] = GetParam();
   Answers("fsck", {Exited(code)});
   std::string const output =
@@ -223,7 +223,7 @@ TEST_P(CheckResult, IsPrintedAndReturned) {
 }
 
 INSTANTIATE_TEST_SUITE_P(
-    Codes, CheckResult,
+    Codes, CheckDiskResult,
     testing::Values(Result{0, "FSCK output: No errors\n"},
                     Result{1, "FSCK output: File system errors corrected\n"},
                     Result{2,
@@ -239,7 +239,7 @@ INSTANTIATE_TEST_SUITE_P(
                     Result{129, ""}, Result{255, ""}),
     [](auto const& instance) { return "Code" + std::to_string(instance.param.code); });
 
-TEST_F(CheckDiskTest, WaitsThreeSecondsBetweenTheRebootLineAndMountingAndRebootsNothing) {
+TEST_F(CheckDisk, WaitsThreeSecondsBetweenTheRebootLineAndMountingAndRebootsNothing) {
   Answers("fsck", {Exited(2)});
   PausesShow();
   EXPECT_EQ(Capture::Output([&] { checkDisk.DiskCheck(); }),
@@ -249,7 +249,7 @@ TEST_F(CheckDiskTest, WaitsThreeSecondsBetweenTheRebootLineAndMountingAndReboots
   EXPECT_THAT(Trace(), ElementsAre(kUmount, kFsck, Sleep(3s), kMount));
 }
 
-TEST_F(CheckDiskTest, PrintsInOrderWithWhatTheCommandsPrint) {
+TEST_F(CheckDisk, PrintsInOrderWithWhatTheCommandsPrint) {
   hooks().system = [](std::string const& command) {
     std::string const line = command.substr(0, command.find(' ')) + " speaks\n";
     EXPECT_EQ(write(1, line.data(), line.size()), static_cast<ssize_t>(line.size()));

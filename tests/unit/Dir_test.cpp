@@ -22,9 +22,9 @@ using testing::IsEmpty;
 
 constexpr char const* kPath = "/mnt/sdcard/cr";
 
-class Directory : public testing::Test {
+class Dir : public testing::Test {
  protected:
-  Directory() { fs::create_directories(Interpose::Real("/mnt/sdcard")); }
+  Dir() { fs::create_directories(Interpose::Real("/mnt/sdcard")); }
   static void Make() { fs::create_directory(Interpose::Real(kPath)); }
   static bool IsThere() { return fs::is_directory(Interpose::Real(kPath)); }
 
@@ -35,7 +35,7 @@ class Directory : public testing::Test {
   }
 };
 
-TEST_F(Directory, KnowsItsPathItsNamesAndThatItDoesNotExist) {
+TEST_F(Dir, KnowsItsPathItsNamesAndThatItDoesNotExist) {
   Idir const directory(kPath);
   EXPECT_EQ(directory.path, kPath);
   EXPECT_FALSE(directory.exists);
@@ -44,14 +44,14 @@ TEST_F(Directory, KnowsItsPathItsNamesAndThatItDoesNotExist) {
   EXPECT_FALSE(directory.HasError());
 }
 
-TEST_F(Directory, KnowsThatItExists) {
+TEST_F(Dir, KnowsThatItExists) {
   Make();
   Idir directory(kPath);
   EXPECT_TRUE(directory.exists);
   EXPECT_TRUE(directory.CheckIfExists());
 }
 
-TEST_F(Directory, LooksAgainButKeepsWhatItKnewAndRecordsNothing) {
+TEST_F(Dir, LooksAgainButKeepsWhatItKnewAndRecordsNothing) {
   Idir directory(kPath);
   Make();
   EXPECT_TRUE(directory.CheckIfExists());
@@ -61,7 +61,7 @@ TEST_F(Directory, LooksAgainButKeepsWhatItKnewAndRecordsNothing) {
   EXPECT_FALSE(directory.HasError());
 }
 
-TEST_F(Directory, ClosesWhatItOpenedToLook) {
+TEST_F(Dir, ClosesWhatItOpenedToLook) {
   Make();
   Idir directory(kPath);
   std::size_t const before = Descriptors::Open().size();
@@ -69,7 +69,7 @@ TEST_F(Directory, ClosesWhatItOpenedToLook) {
   EXPECT_EQ(Descriptors::Open().size(), before);
 }
 
-TEST_F(Directory, CreateTouchesNothingWhenItExistedAtFirst) {
+TEST_F(Dir, CreateTouchesNothingWhenItExistedAtFirst) {
   Make();
   Idir directory(kPath);
   fs::remove(Interpose::Real(kPath));
@@ -82,7 +82,7 @@ TEST_F(Directory, CreateTouchesNothingWhenItExistedAtFirst) {
   EXPECT_THAT(calls, IsEmpty());
 }
 
-TEST_F(Directory, CreateMakesItWithAllRightsButWritingForOthersLessTheUmask) {
+TEST_F(Dir, CreateMakesItWithAllRightsButWritingForOthersLessTheUmask) {
   for (mode_t const mask : {0000U, 0022U, 0077U}) {
     auto const scoped = Scoped::Umask(mask);
     EXPECT_TRUE(Idir(kPath).Create());
@@ -91,7 +91,7 @@ TEST_F(Directory, CreateMakesItWithAllRightsButWritingForOthersLessTheUmask) {
   }
 }
 
-TEST_F(Directory, CreateFailsTheSecondTimeSinceItWasMissingAtFirst) {
+TEST_F(Dir, CreateFailsTheSecondTimeSinceItWasMissingAtFirst) {
   Idir directory(kPath);
   EXPECT_TRUE(directory.Create());
   EXPECT_FALSE(directory.HasError());
@@ -101,7 +101,7 @@ TEST_F(Directory, CreateFailsTheSecondTimeSinceItWasMissingAtFirst) {
   EXPECT_TRUE(IsThere());
 }
 
-TEST_F(Directory, CreateForgetsTheLastError) {
+TEST_F(Dir, CreateForgetsTheLastError) {
   Idir directory(kPath);
   Make();
   EXPECT_FALSE(directory.Create());
@@ -112,14 +112,14 @@ TEST_F(Directory, CreateForgetsTheLastError) {
   EXPECT_THAT(directory.GetErrorPlace(), IsEmpty());
 }
 
-TEST_F(Directory, CreateMakesNoParents) {
+TEST_F(Dir, CreateMakesNoParents) {
   Idir directory(std::string(kPath) + "/2021/03");
   EXPECT_FALSE(directory.Create());
   ExpectFailure(directory);
   EXPECT_FALSE(IsThere());
 }
 
-TEST_F(Directory, CreateFailsOnAFileOfThatName) {
+TEST_F(Dir, CreateFailsOnAFileOfThatName) {
   Interpose::MakeFile(kPath, "a file");
   Idir directory(kPath);
   EXPECT_FALSE(directory.exists);
@@ -128,7 +128,7 @@ TEST_F(Directory, CreateFailsOnAFileOfThatName) {
   ExpectFailure(directory);
 }
 
-TEST_F(Directory, ThatCannotBeOpenedCountsAsMissing) {
+TEST_F(Dir, ThatCannotBeOpenedCountsAsMissing) {
   Make();
   Interpose::hooks().fault = [](std::string const& function) {
     return function == "opendir" ? std::optional(EACCES) : std::nullopt;
@@ -139,7 +139,7 @@ TEST_F(Directory, ThatCannotBeOpenedCountsAsMissing) {
   ExpectFailure(directory);
 }
 
-TEST_F(Directory, WithoutAPathIsMissingAndCannotBeMade) {
+TEST_F(Dir, WithoutAPathIsMissingAndCannotBeMade) {
   Idir directory("");
   EXPECT_FALSE(directory.exists);
   EXPECT_FALSE(directory.Create());

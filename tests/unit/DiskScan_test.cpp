@@ -201,9 +201,9 @@ struct Thing {
   void (*make)(std::string const& path);
 };
 
-class InPlaceOfTheTestFile : public DiskScan, public testing::WithParamInterface<Thing> {
+class DiskScanInPlaceOfTheTestFile : public DiskScan, public testing::WithParamInterface<Thing> {
  protected:
-  InPlaceOfTheTestFile() {
+  DiskScanInPlaceOfTheTestFile() {
     Interpose::MakeFile(kOutside, "outside");
     hooks().faultAt = [this](std::string const& function, std::string const& path) {
       if (function == "fopen" && path == FakeCard::kTestFile) ++opened;
@@ -216,7 +216,7 @@ class InPlaceOfTheTestFile : public DiskScan, public testing::WithParamInterface
   int opened = 0;
 };
 
-TEST_P(InPlaceOfTheTestFile, IsNotOpenedWhereItCannotBeRemoved) {
+TEST_P(DiskScanInPlaceOfTheTestFile, IsNotOpenedWhereItCannotBeRemoved) {
   Put();
   hooks().unlink = [](auto&&) { return Answer::Failure(EPERM); };
   EXPECT_EQ(Scan(), "disk malfunction");
@@ -229,14 +229,14 @@ TEST_P(InPlaceOfTheTestFile, IsNotOpenedWhereItCannotBeRemoved) {
   EXPECT_FALSE(fs::exists(Interpose::Real("/root/nowhere")));
 }
 
-TEST_P(InPlaceOfTheTestFile, IsNotOpenedWhenItsRemovalIsOnlyPretended) {
+TEST_P(DiskScanInPlaceOfTheTestFile, IsNotOpenedWhenItsRemovalIsOnlyPretended) {
   Put();
   hooks().unlink = [](auto&&) { return Answer::Success(); };
   EXPECT_EQ(Scan(), "disk malfunction");
   EXPECT_EQ(opened, 0);
 }
 
-TEST_P(InPlaceOfTheTestFile, IsNotTakenForItAfterTheCheck) {
+TEST_P(DiskScanInPlaceOfTheTestFile, IsNotTakenForItAfterTheCheck) {
   card.duringCheck = [] {
     Interpose::RemoveFile(FakeCard::kTestFile);
     Put();
@@ -245,14 +245,14 @@ TEST_P(InPlaceOfTheTestFile, IsNotTakenForItAfterTheCheck) {
   EXPECT_EQ(opened, 1);
 }
 
-TEST_P(InPlaceOfTheTestFile, IsNotOpenedWhileNobodyCanTellWhatItIs) {
+TEST_P(DiskScanInPlaceOfTheTestFile, IsNotOpenedWhileNobodyCanTellWhatItIs) {
   Put();
   hooks().lstat = [](auto&&...) { return Answer::Failure(EIO); };
   EXPECT_EQ(Scan(), "disk malfunction");
   EXPECT_EQ(opened, 0);
 }
 
-TEST_P(InPlaceOfTheTestFile, IsRemovedUnlessItIsADirectory) {
+TEST_P(DiskScanInPlaceOfTheTestFile, IsRemovedUnlessItIsADirectory) {
   Put();
   bool const isDirectory = std::string(GetParam().name) == "ADirectory";
   EXPECT_EQ(Scan(), isDirectory ? "disk malfunction" : "passed");
@@ -271,7 +271,7 @@ void MakeSocket(std::string const& path) {
 }
 
 INSTANTIATE_TEST_SUITE_P(
-    Things, InPlaceOfTheTestFile,
+    Things, DiskScanInPlaceOfTheTestFile,
     testing::Values(
         Thing{"APipe", [](std::string const& path) { mkfifo(path.c_str(), 0600); }},
         Thing{"ASocket", MakeSocket},

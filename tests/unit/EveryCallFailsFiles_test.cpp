@@ -127,7 +127,7 @@ std::vector<Row> TruncatedDirectories() {
   return rows;
 }
 
-TEST(EveryCallFails, WhileTheCatalogueIsLoaded) {
+TEST(EveryCallFailsFiles, WhileTheCatalogueIsLoaded) {
   std::vector<Row> table = TruncatedDirectories();
   table.push_back(
       {"opendir *", "Could not open directory in Load, catalogue , card abcd, total 0"});
@@ -148,7 +148,7 @@ class Adding : public Recordings {
   }
 };
 
-TEST(EveryCallFails, WhileARecordingIsAdded) {
+TEST(EveryCallFailsFiles, WhileARecordingIsAdded) {
   FaultTable::Try<Adding>("done, catalogue a, card abcd, total 1000",
                           {{"*", "File not found in AddFile, catalogue , card abcd, total 0"}});
 }
@@ -159,7 +159,7 @@ class MakingRoom : public Recordings {
   void Run() { result = catalogue->MakeRoom(); }
 };
 
-TEST(EveryCallFails, WhileRoomIsMade) {
+TEST(EveryCallFailsFiles, WhileRoomIsMade) {
   // A recording that cannot be removed leaves the catalogue; its bytes stay counted.
   std::string const unknown = "Get space stat error in MakeRoom, ";
   FaultTable::Try<MakingRoom>(
@@ -180,7 +180,7 @@ class RemovingByName : public Recordings {
   }
 };
 
-TEST(EveryCallFails, WhileARecordingIsRemovedByName) {
+TEST(EveryCallFailsFiles, WhileARecordingIsRemovedByName) {
   FaultTable::Try<RemovingByName>(
       "done, catalogue acd, card acd, total 3000",
       {{"access *", "failed, catalogue abcd, card abcd, total 4000"}, {"unlink *", kNoHarm}});
@@ -216,7 +216,7 @@ class Copying {
 };
 
 // Only a destination that cannot be opened is told of. A line that cannot be logged harms nothing.
-TEST(EveryCallFails, WhileAFileIsCopied) {
+TEST(EveryCallFailsFiles, WhileAFileIsCopied) {
   std::string const line = "|Copy file /mnt/sdcard/from to /mnt/sdcard/to";
   FaultTable::Try<Copying>(
       "done, all" + line,
@@ -255,7 +255,7 @@ class Syncing {
   std::string outcome;
 };
 
-TEST(EveryCallFails, WhileARecordingIsBroughtToTheCard) {
+TEST(EveryCallFailsFiles, WhileARecordingIsBroughtToTheCard) {
   FaultTable::Try<Syncing>("on the card", {{"*: EINTR", kNoHarm},
                                            {"write *: short", kNoHarm},
                                            {"close *", kNoHarm},
@@ -283,7 +283,7 @@ class Clock {
   std::string outcome;
 };
 
-TEST(EveryCallFails, WhileTheClockIsReadAndSet) {
+TEST(EveryCallFailsFiles, WhileTheClockIsReadAndSet) {
   FaultTable::Try<Clock>("loaded, set", {{"open * (1): *", "not loaded, set"},
                                          {Request(RTC_RD_TIME), "not loaded, set"},
                                          {"open * (2): *", "loaded, not set"},
@@ -317,7 +317,7 @@ class Kicking {
 
 // A watchdog that could not be armed is kicked all the same. A failed kick is given up at once,
 // also when a signal interrupted it: the next one is due soon enough.
-TEST(EveryCallFails, WhileTheWatchdogIsArmedAndKicked) {
+TEST(EveryCallFailsFiles, WhileTheWatchdogIsArmedAndKicked) {
   std::string const armed = "|[WTD] Watchdog timeout have been set to 60 seconds";
   std::string const unknown = "|[WTD] Watchdog timeout have been set to 0 seconds";
   std::string const kicked = "|[WTD] Watchdog have been reset";
@@ -378,7 +378,7 @@ class Logging {
 
 // A log that cannot be written is given up; one that cannot be set aside is emptied. Whoever does
 // not get its turn goes on up to the limit; whoever cannot tell where the file is opens it again.
-TEST(EveryCallFails, WhileLinesAreLogged) {
+TEST(EveryCallFailsFiles, WhileLinesAreLogged) {
   FaultTable::Try<Logging>(".|one|two then |three",
                            {{"close *", kNoHarm},
                             {"write *: EINTR", kNoHarm},

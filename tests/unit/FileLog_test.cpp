@@ -53,7 +53,6 @@ using LogFile::kOlderPath;
 using LogFile::kPath;
 using Tarvik::Ilog::FileLogPolicy;
 using Tarvik::Ilog::Info;
-using Tarvik::Ilog::LoggerBase;
 using testing::EndsWith;
 
 constexpr std::size_t kLimit = std::size_t{1} << 20;
@@ -183,7 +182,7 @@ TEST_F(FileLog, StaysBelowTheLimitForeverAndLosesOnlyTheOldestLines) {
 }
 
 TEST_F(FileLog, TakesALongLineWholeAndCutsOneThatNoFileCouldHold) {
-  LoggerBase<FileLogPolicy> sink;
+  LogFile::FileSink sink;
   constexpr std::size_t kRoom = kMark - LogFile::kHeaderLength - 1;  // and a newline
   for (std::size_t const length : {kRoom, kRoom + 1, 3 * kLimit}) {
     Log(sink, std::string(length, 'x').c_str());
@@ -554,7 +553,7 @@ TEST_F(FileLog, ADirectoryUnderItsNameIsAFailure) {
 
 TEST_F(FileLog, ASinkWithoutItsFolderDisablesItselfAndComesBackWhenEnabled) {
   fs::remove(Interpose::Real(kPath).parent_path());
-  LoggerBase<FileLogPolicy> sink;
+  LogFile::FileSink sink;
   Log(sink, "lost");
   EXPECT_FALSE(sink.enabled);
   EXPECT_TRUE(LogFile::IsFree(sink));
@@ -568,7 +567,7 @@ TEST_F(FileLog, ASinkWithoutItsFolderDisablesItselfAndComesBackWhenEnabled) {
 }
 
 TEST_F(FileLog, ASinkWithAFullDiskDisablesItselfAndComesBackWhenEnabled) {
-  LoggerBase<FileLogPolicy> sink;
+  LogFile::FileSink sink;
   WritesFailWith(ENOSPC);
   Log(sink, "lost");
   EXPECT_FALSE(sink.enabled);

@@ -427,38 +427,38 @@ std::string Written(Write write) {
   return text;
 }
 
-TEST(FileToCStream, WritesAnIntegerAsItLiesInMemory) {
+TEST(FileStreamOfTheCLibrary, WritesAnIntegerAsItLiesInMemory) {
   EXPECT_EQ(Written([](FILE* file) { EXPECT_TRUE(Ifile::WriteInt(1, file)); }),
             std::string("\x01\0\0\0", 4));
   EXPECT_EQ(Written([](FILE* file) { EXPECT_TRUE(Ifile::WriteInt(-2, file)); }),
             "\xfe\xff\xff\xff");
 }
 
-TEST(FileToCStream, WritesBytes) {
+TEST(FileStreamOfTheCLibrary, WritesBytes) {
   char bytes[] = {'a', '\0', 'b', 'c'};
   EXPECT_EQ(Written([&](FILE* file) { EXPECT_TRUE(Ifile::Write(bytes, 3, file)); }),
             std::string("a\0b", 3));
   EXPECT_EQ(Written([&](FILE* file) { EXPECT_TRUE(Ifile::Write(bytes, 0, file)); }), "");
 }
 
-TEST(FileToCStream, WritesATextWithoutLengthOrTerminator) {
+TEST(FileStreamOfTheCLibrary, WritesATextWithoutLengthOrTerminator) {
   std::string const text("a\0bc", 4);
   EXPECT_EQ(Written([&](FILE* file) { EXPECT_TRUE(Ifile::WriteString(text, file)); }), text);
   EXPECT_EQ(Written([&](FILE* file) { EXPECT_TRUE(Ifile::WriteString(text, 2, file)); }),
             std::string("a\0", 2));
 }
 
-TEST(FileToCStream, TrustsALengthThatTakesInTheTerminator) {
+TEST(FileStreamOfTheCLibrary, TrustsALengthThatTakesInTheTerminator) {
   EXPECT_EQ(Written([](FILE* file) { EXPECT_TRUE(Ifile::WriteString("abc", 4, file)); }),
             std::string("abc\0", 4));
 }
 
-TEST(FileToCStream, WritesNothingOfAnEmptyText) {
+TEST(FileStreamOfTheCLibrary, WritesNothingOfAnEmptyText) {
   EXPECT_EQ(Written([](FILE* file) { EXPECT_FALSE(Ifile::WriteString("", 5, file)); }), "");
   EXPECT_EQ(Written([](FILE* file) { EXPECT_FALSE(Ifile::WriteString("", file)); }), "");
 }
 
-TEST(FileToCStream, FailsWithoutAStream) {
+TEST(FileStreamOfTheCLibrary, FailsWithoutAStream) {
   char byte = 'x';
   EXPECT_FALSE(Ifile::WriteInt(1, nullptr));
   EXPECT_EQ(Written([](FILE* file) {
@@ -471,7 +471,7 @@ TEST(FileToCStream, FailsWithoutAStream) {
   EXPECT_FALSE(Ifile::WriteString("x", nullptr));
 }
 
-TEST(FileToCStream, FailsWhenTheStreamIsInErrorAfterwards) {
+TEST(FileStreamOfTheCLibrary, FailsWhenTheStreamIsInErrorAfterwards) {
   std::FILE* const full = std::fopen("/dev/full", "w");
   std::setvbuf(full, nullptr, _IONBF, 0);
   char byte = 'x';

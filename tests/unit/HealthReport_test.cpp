@@ -144,9 +144,9 @@ struct State {
   int code;
 };
 
-class StateCode : public HealthReport, public testing::WithParamInterface<State> {};
+class HealthReportStateCode : public HealthReport, public testing::WithParamInterface<State> {};
 
-TEST_P(StateCode, TellsWhyTheCardIsNotInService) {
+TEST_P(HealthReportStateCode, TellsWhyTheCardIsNotInService) {
   disk->available = GetParam().available;
   FakeCard::Status().malfunction = GetParam().malfunction;
   FakeCard::Status().readOnly = GetParam().readOnly;
@@ -154,7 +154,7 @@ TEST_P(StateCode, TellsWhyTheCardIsNotInService) {
   EXPECT_EQ(Integer("zr"), GetParam().code);
 }
 
-INSTANTIATE_TEST_SUITE_P(AllStates, StateCode,
+INSTANTIATE_TEST_SUITE_P(AllStates, HealthReportStateCode,
                          testing::Values(State{true, 0, false, 0}, State{true, 1, true, 0},
                                          State{false, 1, false, 1}, State{false, 1, true, 1},
                                          State{false, 0, true, 2}, State{false, 2, true, 2},

@@ -18,7 +18,6 @@
 namespace {
 
 using namespace std::chrono_literals;
-using Tarvik::Interfaces::ISemaphore;
 
 struct ClockWait {
   clockid_t clock;
@@ -70,7 +69,7 @@ int Failure(int error) {
   return -1;
 }
 
-class Semaphore : public testing::Test {
+class ISemaphore : public testing::Test {
  protected:
   void TearDown() override {
     interruptions = 0;
@@ -91,14 +90,14 @@ class Semaphore : public testing::Test {
     return deadline;
   }
 
-  ISemaphore semaphore;
+  Tarvik::Interfaces::ISemaphore semaphore;
 };
 
-TEST_F(Semaphore, BeginsAtZero) {
+TEST_F(ISemaphore, BeginsAtZero) {
   EXPECT_FALSE(semaphore.TryWait());
 }
 
-TEST_F(Semaphore, CountsItsNotifications) {
+TEST_F(ISemaphore, CountsItsNotifications) {
   for (int i = 0; i < 3; ++i) semaphore.Notify();
   semaphore.Wait();
   EXPECT_TRUE(semaphore.TryWait());
@@ -106,7 +105,7 @@ TEST_F(Semaphore, CountsItsNotifications) {
   EXPECT_FALSE(semaphore.TryWait());
 }
 
-TEST_F(Semaphore, WaitsUntilItIsNotified) {
+TEST_F(ISemaphore, WaitsUntilItIsNotified) {
   std::atomic<bool> through = false;
   std::thread waiter([&] {
     semaphore.Wait();
@@ -120,7 +119,7 @@ TEST_F(Semaphore, WaitsUntilItIsNotified) {
   EXPECT_FALSE(semaphore.TryWait());
 }
 
-TEST_F(Semaphore, LetsOneWaiterThroughForEachNotification) {
+TEST_F(ISemaphore, LetsOneWaiterThroughForEachNotification) {
   constexpr int kWaiters = 4;
   std::atomic<int> through = 0;
   std::vector<std::thread> waiters;
@@ -139,7 +138,7 @@ TEST_F(Semaphore, LetsOneWaiterThroughForEachNotification) {
   for (auto& waiter : waiters) waiter.join();
 }
 
-TEST_F(Semaphore, LosesAndMakesUpNothingBetweenManyThreads) {
+TEST_F(ISemaphore, LosesAndMakesUpNothingBetweenManyThreads) {
   constexpr int kThreads = 4;
   constexpr int kTimes = 10000;
   {
@@ -156,7 +155,7 @@ TEST_F(Semaphore, LosesAndMakesUpNothingBetweenManyThreads) {
   EXPECT_FALSE(semaphore.TryWait()) << "a waiter passed without a notification";
 }
 
-TEST_F(Semaphore, ASignalDoesNotEndAWait) {
+TEST_F(ISemaphore, ASignalDoesNotEndAWait) {
   interruptions = 3;
   semaphore.Notify();
   semaphore.Wait();
@@ -164,7 +163,7 @@ TEST_F(Semaphore, ASignalDoesNotEndAWait) {
   EXPECT_FALSE(semaphore.TryWait());
 }
 
-TEST_F(Semaphore, ASignalDoesNotLoseATry) {
+TEST_F(ISemaphore, ASignalDoesNotLoseATry) {
   interruptions = 2;
   semaphore.Notify();
   EXPECT_TRUE(semaphore.TryWait());
@@ -172,7 +171,7 @@ TEST_F(Semaphore, ASignalDoesNotLoseATry) {
   EXPECT_FALSE(semaphore.TryWait());
 }
 
-TEST_F(Semaphore, ASignalDoesNotEndAWaitWithALimit) {
+TEST_F(ISemaphore, ASignalDoesNotEndAWaitWithALimit) {
   int calls = 0;
   clockWait = [&](ClockWait) { return ++calls < 3 ? Failure(EINTR) : 0; };
   EXPECT_TRUE(semaphore.WaitFor(1s));
@@ -183,7 +182,7 @@ TEST_F(Semaphore, ASignalDoesNotEndAWaitWithALimit) {
   EXPECT_EQ(calls, 3);
 }
 
-TEST_F(Semaphore, AnInterruptedWaitKeepsItsDeadline) {
+TEST_F(ISemaphore, AnInterruptedWaitKeepsItsDeadline) {
   std::vector<long> deadlines;
   monotonicNow = timespec{100, 0};
   clockWait = [&](ClockWait wait) {
@@ -195,19 +194,19 @@ TEST_F(Semaphore, AnInterruptedWaitKeepsItsDeadline) {
   EXPECT_THAT(deadlines, testing::ElementsAre(110, 110, 110));
 }
 
-TEST_F(Semaphore, ALimitIsCountedFromTheMonotonicClock) {
+TEST_F(ISemaphore, ALimitIsCountedFromTheMonotonicClock) {
   timespec const deadline = Deadline({100, 250'000'000}, 10'500ms);
   EXPECT_EQ(deadline.tv_sec, 110);
   EXPECT_EQ(deadline.tv_nsec, 750'000'000);
 }
 
-TEST_F(Semaphore, FractionsOfASecondCarryOver) {
+TEST_F(ISemaphore, FractionsOfASecondCarryOver) {
   timespec const deadline = Deadline({100, 999'999'999}, 1ms);
   EXPECT_EQ(deadline.tv_sec, 101);
   EXPECT_EQ(deadline.tv_nsec, 999'999);
 }
 
-TEST_F(Semaphore, ALimitBelowZeroIsOneOfZero) {
+TEST_F(ISemaphore, ALimitBelowZeroIsOneOfZero) {
   for (auto const limit :
        {-1ms, std::chrono::milliseconds(-1h), std::chrono::milliseconds::min()}) {
     timespec const deadline = Deadline({100, 5}, limit);
@@ -216,7 +215,7 @@ TEST_F(Semaphore, ALimitBelowZeroIsOneOfZero) {
   }
 }
 
-TEST_F(Semaphore, ALimitOfZeroIsOverAtOnce) {
+TEST_F(ISemaphore, ALimitOfZeroIsOverAtOnce) {
   timespec const deadline = Deadline({100, 5}, 0ms);
   EXPECT_EQ(deadline.tv_sec, 100);
   EXPECT_EQ(deadline.tv_nsec, 5);

@@ -21,15 +21,12 @@
 
 namespace {
 
+using LogFile::FileSink;
 using LogFile::kHeader;
-using Tarvik::Ilog::ConsoleLogPolicy;
-using Tarvik::Ilog::FileLogPolicy;
 using Tarvik::Ilog::Info;
 using Tarvik::Ilog::Logger;
-using Tarvik::Ilog::LoggerBase;
 using Tarvik::Ilog::LogLine;
 using Tarvik::Interfaces::ISemaphore;
-using testing::ElementsAre;
 using testing::EndsWith;
 using testing::IsEmpty;
 using testing::MatchesRegex;
@@ -51,19 +48,11 @@ void ISemaphore::Notify() noexcept {
 
 namespace {
 
-using FileSink = LoggerBase<FileLogPolicy>;
-
 class LoggerLine : public testing::Test {
  protected:
   void SetUp() override {
     LogFile::BeginAnew();
     signals.clear();
-  }
-
-  /// No sink has a line under way.
-  static void ExpectFree() {
-    EXPECT_TRUE(LogFile::IsFree(*logger.fileSink));
-    EXPECT_TRUE(LogFile::IsFree(*logger.consoleSink));
   }
 
   template <typename Sink>
@@ -182,7 +171,7 @@ TEST_F(LoggerLine, ALineWithinALineIsAnErrorAndLeavesNothingLocked) {
   });
   EXPECT_THAT(console, EndsWith("]outer goes on\n"));
   EXPECT_EQ(console, LogFile::Text());
-  ExpectFree();
+  EXPECT_TRUE(LogFile::IsFree());
 }
 
 TEST_F(LoggerLine, ALineOnOneSinkAloneRulesOutASecondOneOnBoth) {
@@ -196,7 +185,7 @@ TEST_F(LoggerLine, ALineOnOneSinkAloneRulesOutASecondOneOnBoth) {
   });
   EXPECT_THAT(console, EndsWith("]outer\n"));
   EXPECT_EQ(LogFile::Text(), "");
-  ExpectFree();
+  EXPECT_TRUE(LogFile::IsFree());
 }
 
 // The thread below would wait for the file, and the one that has the file for the console.
@@ -210,7 +199,7 @@ TEST_F(LoggerLine, ASecondLineIsRefusedBeforeItWaitsForAnybody) {
     }));
     other.join();
   });
-  ExpectFree();
+  EXPECT_TRUE(LogFile::IsFree());
 }
 
 TEST_F(LoggerLine, WithBothSinksDisabledNothingHappens) {
@@ -291,7 +280,7 @@ TEST_F(LoggerLine, BothSinksDisabledInTheMiddleDropTheirLineForAnotherOneAndAreF
               LogLine outer(Info);
               LogFile::Enable(false, false);
               EXPECT_NO_THROW(LogLine(Info) << "inner");
-              ExpectFree();
+              EXPECT_TRUE(LogFile::IsFree());
               LogFile::Enable(true, true);
               outer << "belongs to no line";
             }),
@@ -391,7 +380,7 @@ TEST_F(LoggerLine, TheFileIsTakenBeforeTheConsole) {
         LogFile::IsTakenBeforeLong(*logger.fileSink, [] { logger.consoleSink->EndLine(); }));
     other.join();
   });
-  ExpectFree();
+  EXPECT_TRUE(LogFile::IsFree());
 }
 
 TEST_F(LoggerLine, FlushWaitsForTheLinesUnderWay) {
@@ -420,14 +409,14 @@ TEST_F(LoggerLine, FlushOnTheThreadOfTheLineReturnsAtOnce) {
     line << "text";
     logger.Flush();
   });
-  ExpectFree();
+  EXPECT_TRUE(LogFile::IsFree());
 }
 
 TEST_F(LoggerLine, FlushWithoutALineReturnsAtOnce) {
   logger.Flush();
   logger.fileSink->enabled = false;
   logger.Flush();
-  ExpectFree();
+  EXPECT_TRUE(LogFile::IsFree());
 }
 
 TEST_F(LoggerLine, AConsoleThatCannotBeWrittenLosesItsLineOnly) {
@@ -444,7 +433,7 @@ TEST_F(LoggerLine, AConsoleThatCannotBeWrittenLosesItsLineOnly) {
   EXPECT_EQ(LogFile::SplitLines(console).size(), 1U);
   EXPECT_THAT(console, EndsWith("]next\n"));
   EXPECT_EQ(LogFile::SplitLines(LogFile::Text()).size(), 2U);
-  ExpectFree();
+  EXPECT_TRUE(LogFile::IsFree());
 }
 
 }  // namespace

@@ -20,10 +20,9 @@
 
 namespace {
 
-using Tarvik::Ilog::FileLogPolicy;
+using LogFile::FileSink;
 using Tarvik::Ilog::Info;
 using Tarvik::Ilog::Logger;
-using Tarvik::Ilog::LoggerBase;
 using Tarvik::Ilog::LogLine;
 using Tarvik::Interfaces::ISemaphore;
 using Tarvik::Util::TemperatureMonitor;
@@ -138,7 +137,7 @@ TEST_F(LoggerThreads, BothSinksSeeTheLinesInTheSameOrder) {
 
 // A line that had no header must not be in the file; one that had may have been dropped as a whole.
 TEST_F(LoggerThreads, ASinkSwitchedAtAnyMomentHasOnlyWholeLinesThatWereBegun) {
-  LoggerBase<FileLogPolicy> sink;
+  FileSink sink;
   std::map<int, std::set<std::string>> begun;
   std::mutex begunMutex;
   {
@@ -183,8 +182,7 @@ TEST_F(LoggerThreads, ALoggerSwitchedAtAnyMomentTearsNoLineAndKeepsNoLock) {
       EXPECT_EQ(std::set<int>(numbers.begin(), numbers.end()).size(), numbers.size());
     }
   }
-  EXPECT_TRUE(LogFile::IsFree(*logger.fileSink));
-  EXPECT_TRUE(LogFile::IsFree(*logger.consoleSink));
+  EXPECT_TRUE(LogFile::IsFree());
 }
 
 TEST_F(LoggerThreads, FlushReturnsWhileOthersLog) {

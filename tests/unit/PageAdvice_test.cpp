@@ -25,9 +25,9 @@ void LookIntoTheSlot(Quellon::System& system) {
   system.BuildDiskHealthReport();
 }
 
-class PulledCard : public testing::Test {
+class PageAdvicePulledCard : public testing::Test {
  protected:
-  PulledCard() {
+  PageAdvicePulledCard() {
     Capture::Output([this] {
       system = std::make_unique<OwnedSystem>();
       system->InitDisk();
@@ -42,19 +42,19 @@ class PulledCard : public testing::Test {
   std::unique_ptr<OwnedSystem> system;
 };
 
-TEST_F(PulledCard, IsInServiceForTheHealthSummaryUntilSomebodyLooks) {
+TEST_F(PageAdvicePulledCard, IsInServiceForTheHealthSummaryUntilSomebodyLooks) {
   Capture::Output([this] { system->BuildDiskHealthReport(); });
   EXPECT_THAT(Summary(), HasSubstr(R"("zr":0)"));
 }
 
-TEST_F(PulledCard, IsAbsentForTheHealthSummaryAfterALook) {
+TEST_F(PageAdvicePulledCard, IsAbsentForTheHealthSummaryAfterALook) {
   std::string const report = Capture::Output([this] { LookIntoTheSlot(*system); });
   EXPECT_THAT(Summary(), HasSubstr(R"("zr":3)"));
   EXPECT_THAT(Summary(), HasSubstr(FakeCard::kCid));
   EXPECT_THAT(report, HasSubstr("NOT PRESENT"));
 }
 
-TEST(ACardThatStays, IsInServiceAfterALook) {
+TEST(PageAdvice, LeavesACardThatStaysInService) {
   FakeCard const card;
   Capture::Output([] {
     OwnedSystem system;
@@ -65,9 +65,9 @@ TEST(ACardThatStays, IsInServiceAfterALook) {
 }
 
 // Of five recordings on a card for six, the three oldest were deleted by others; one came after.
-class DeletedByOthers : public CatalogueTest {
+class PageAdviceDeletedByOthers : public CatalogueTest {
  protected:
-  DeletedByOthers() {
+  PageAdviceDeletedByOthers() {
     totalBytes = 60;
     for (char const* name : {"a.dat", "b.dat", "c.dat", "d.dat", "e.dat"}) Make(name);
     catalogue = NewCatalogue();
@@ -82,25 +82,25 @@ class DeletedByOthers : public CatalogueTest {
   std::unique_ptr<FilesManager> catalogue;
 };
 
-TEST_F(DeletedByOthers, RecordingsTakeTheNextOldestWithThem) {
+TEST_F(PageAdviceDeletedByOthers, RecordingsTakeTheNextOldestWithThem) {
   EXPECT_TRUE(catalogue->MakeRoom());
   EXPECT_THAT(OnCard(), ElementsAre("f.dat"));
 }
 
-TEST_F(DeletedByOthers, RecordingsAreCountedInANewSumToo) {
+TEST_F(PageAdviceDeletedByOthers, RecordingsAreCountedInANewSumToo) {
   EXPECT_EQ(catalogue->GetTotalFilesSize(true), 60U);
   EXPECT_TRUE(catalogue->MakeRoom());
   EXPECT_THAT(OnCard(), ElementsAre("f.dat"));
 }
 
-TEST_F(DeletedByOthers, RecordingsTakeNothingWithThemOnceTheDirectoryWasLoadedAgain) {
+TEST_F(PageAdviceDeletedByOthers, RecordingsTakeNothingWithThemOnceTheDirectoryWasLoadedAgain) {
   EXPECT_TRUE(catalogue->LoadAndSort());
   EXPECT_TRUE(catalogue->MakeRoom());
   EXPECT_THAT(OnCard(), ElementsAre("d.dat", "e.dat", "f.dat"));
 }
 
 // Nine recordings of 10 bytes on a card for 100, 5 of which are the reserve.
-class Share : public CatalogueTest, public testing::WithParamInterface<float> {
+class PageAdviceShare : public CatalogueTest, public testing::WithParamInterface<float> {
  protected:
   bool MakeRoomWithFreeBytes(std::int64_t bytes) {
     totalBytes = 100;
@@ -113,23 +113,23 @@ class Share : public CatalogueTest, public testing::WithParamInterface<float> {
   }
 };
 
-class NoShare : public Share {};
+class PageAdviceNoShare : public PageAdviceShare {};
 
-TEST_P(NoShare, HasEveryRecordingDeleted) {
+TEST_P(PageAdviceNoShare, HasEveryRecordingDeleted) {
   EXPECT_FALSE(MakeRoomWithFreeBytes(100));
   EXPECT_THAT(OnCard(), IsEmpty());
 }
 
-INSTANTIATE_TEST_SUITE_P(OutsideOfFractions, NoShare,
+INSTANTIATE_TEST_SUITE_P(OutsideOfFractions, PageAdviceNoShare,
                          testing::Values(0.0F, -0.5F, std::numeric_limits<float>::quiet_NaN()));
 
-class ShareAboveOne : public Share {};
+class PageAdviceShareAboveOne : public PageAdviceShare {};
 
-TEST_P(ShareAboveOne, LimitsNothingAndLeavesTheReserve) {
+TEST_P(PageAdviceShareAboveOne, LimitsNothingAndLeavesTheReserve) {
   EXPECT_TRUE(MakeRoomWithFreeBytes(6));
   EXPECT_THAT(OnCard(), SizeIs(9));
 }
 
-INSTANTIATE_TEST_SUITE_P(MeantAsPerCent, ShareAboveOne, testing::Values(80.0F));
+INSTANTIATE_TEST_SUITE_P(MeantAsPerCent, PageAdviceShareAboveOne, testing::Values(80.0F));
 
 }  // namespace

@@ -153,7 +153,7 @@ class RealProcess {
   int here = -1;
 };
 
-TEST(RealProcesses, AreFoundByName) {
+TEST(ProcessByNameOfARealOne, IsFound) {
   std::string const name = "quellon-" + std::to_string(getpid()) + "-echo";
   EXPECT_EQ(GetProcIdByName(name), -1);
   {
@@ -164,7 +164,7 @@ TEST(RealProcesses, AreFoundByName) {
   EXPECT_EQ(GetProcIdByName(name), -1);
 }
 
-TEST(RealProcesses, IncludeTheCallingOne) {
+TEST(ProcessByNameOfARealOne, MayBeTheCallingOne) {
   EXPECT_GT(GetProcIdByName("ProcessByName_test"), 0);
 }
 

@@ -52,23 +52,23 @@ mode_t ModeOf(std::string const& path) {
 }
 
 // What the tests below do to a folder of the device must never happen to the machine's own.
-TEST(PrivateFolder, StandsForTheFoldersOfTheDeviceWithAndWithoutASlash) {
+TEST(Security, OfTheMachineIsAPrivateFolderForTheFoldersOfTheDeviceWithAndWithoutASlash) {
   for (std::string const folder : {"/root", "/mnt", "/sys", "/var/log"}) {
     EXPECT_NE(Interpose::Real(folder), folder);
     EXPECT_EQ(Interpose::Real(folder + "/"), Interpose::Real(folder) / "");
   }
 }
 
-class CardOfAnybody : public CatalogueTest {
+class SecurityOfACardOfAnybody : public CatalogueTest {
  protected:
-  CardOfAnybody() { Interpose::MakeFile(kOutside, std::string(5000, 'o')); }
+  SecurityOfACardOfAnybody() { Interpose::MakeFile(kOutside, std::string(5000, 'o')); }
 
   static bool OutsideIsUntouched() {
     return Interpose::ReadFile(kOutside) == std::string(5000, 'o');
   }
 };
 
-TEST_F(CardOfAnybody, NamesNeverReachAShell) {
+TEST_F(SecurityOfACardOfAnybody, NamesNeverReachAShell) {
   std::vector<std::string> const names = {"$(reboot).dat", "`reboot`.dat", ";reboot;.dat",
                                           "-rf.dat",       "a'b\"c.dat",   "a\nreboot\n.dat"};
   for (auto const& name : names) MakeRecording(name, 10);
@@ -86,7 +86,7 @@ TEST_F(CardOfAnybody, NamesNeverReachAShell) {
   EXPECT_EQ(pipes, 0);
 }
 
-TEST_F(CardOfAnybody, ALinkCountsWithItsOwnSizeAndRoomIsMadeOfItAlone) {
+TEST_F(SecurityOfACardOfAnybody, ALinkCountsWithItsOwnSizeAndRoomIsMadeOfItAlone) {
   fs::create_symlink(Interpose::Real(kOutside), Where("link.dat"));
   auto const linkSize = fs::read_symlink(Where("link.dat")).string().size();
   totalBytes = 100;
@@ -104,7 +104,7 @@ TEST_F(CardOfAnybody, ALinkCountsWithItsOwnSizeAndRoomIsMadeOfItAlone) {
 }
 
 // Kept as it is: a link that leads nowhere passes for a file that is missing.
-TEST_F(CardOfAnybody, ALinkThatLeadsNowhereIsNotRemoved) {
+TEST_F(SecurityOfACardOfAnybody, ALinkThatLeadsNowhereIsNotRemoved) {
   fs::create_symlink("nowhere", Where("link.dat"));
   auto const catalogue = NewCatalogue();
   EXPECT_TRUE(catalogue->LoadAndSort());
@@ -113,7 +113,7 @@ TEST_F(CardOfAnybody, ALinkThatLeadsNowhereIsNotRemoved) {
 }
 
 // The directory is the application's choice, too. Only looked at: it leads out of the card.
-TEST_F(CardOfAnybody, ALinkInThePlaceOfTheRecordingsDirectoryIsFollowed) {
+TEST_F(SecurityOfACardOfAnybody, ALinkInThePlaceOfTheRecordingsDirectoryIsFollowed) {
   Interpose::MakeFile("/mnt/elsewhere/a.dat", "");
   Interpose::RemoveFile("/mnt/sdcard/cr");
   fs::create_directories(Interpose::Real("/mnt/sdcard"));
@@ -125,7 +125,7 @@ TEST_F(CardOfAnybody, ALinkInThePlaceOfTheRecordingsDirectoryIsFollowed) {
 }
 
 // Streams follow links; what is opened or copied is the application's choice.
-TEST_F(CardOfAnybody, ACopyIsOneOfWhereALinkLeads) {
+TEST_F(SecurityOfACardOfAnybody, ACopyIsOneOfWhereALinkLeads) {
   fs::create_symlink(Interpose::Real(kOutside), Where("link.dat"));
   std::string path = std::string(kDirectory) + "link.dat";
   Capture::Descriptor const output(1);
@@ -134,9 +134,9 @@ TEST_F(CardOfAnybody, ACopyIsOneOfWhereALinkLeads) {
   EXPECT_TRUE(OutsideIsUntouched());
 }
 
-class Start : public testing::Test {
+class SecurityOfAStart : public testing::Test {
  protected:
-  Start() {
+  SecurityOfAStart() {
     Capture::Output([this] { system.emplace(); });
     Interpose::hooks().reboot = [](int) { return Interpose::Answer::Failure(EPERM); };
     Interpose::MakeFile(CounterFile::kPath, "");
@@ -151,7 +151,7 @@ class Start : public testing::Test {
   std::optional<OwnedSystem> system;
 };
 
-TEST_F(Start, WhatACardTellsOfItselfNeverReachesAShell) {
+TEST_F(SecurityOfAStart, WhatACardTellsOfItselfNeverReachesAShell) {
   for (char const* name : {"cid", "csd", "serial", "manfid", "oemid", "name"}) {
     FakeCard::SetProperty(std::string("device/") + name, "$(reboot);reboot\n");
   }
@@ -163,7 +163,7 @@ TEST_F(Start, WhatACardTellsOfItselfNeverReachesAShell) {
   EXPECT_EQ(pipes, 0);
 }
 
-TEST_F(Start, CommandsInheritNothing) {
+TEST_F(SecurityOfAStart, CommandsInheritNothing) {
   LogFile::BeginAnew();
   Descriptors::Watch const descriptors;
   Capture::Output([] { Tarvik::Ilog::LogLine(Tarvik::Ilog::Info) << "the log is open"; });
@@ -189,7 +189,7 @@ TEST_F(Start, CommandsInheritNothing) {
 }
 
 // The standard library's streams have no other way: close recordings before a command is run.
-TEST_F(Start, AStreamThatIsOpenIsInherited) {
+TEST_F(SecurityOfAStart, AStreamThatIsOpenIsInherited) {
   Descriptors::Watch const descriptors;
   std::string path = kOutside;
   Ifile const file(path, true);
@@ -197,7 +197,7 @@ TEST_F(Start, AStreamThatIsOpenIsInherited) {
   EXPECT_FALSE(Descriptors::ClosesOnExec(descriptors.Opened().front()));
 }
 
-TEST_F(Start, TheTestFileIsNotWrittenWhereALinkLeads) {
+TEST_F(SecurityOfAStart, TheTestFileIsNotWrittenWhereALinkLeads) {
   fs::create_symlink(Interpose::Real(kOutside), Interpose::Real(FakeCard::kTestFile));
   card.duringCheck = [] { EXPECT_EQ(Interpose::ReadFile(FakeCard::kTestFile), "velmor"); };
   InitDisk();
@@ -206,21 +206,21 @@ TEST_F(Start, TheTestFileIsNotWrittenWhereALinkLeads) {
   EXPECT_FALSE(FakeCard::HasTestFile());
 }
 
-TEST_F(Start, APipeInThePlaceOfTheTestFileDoesNotStopTheStart) {
+TEST_F(SecurityOfAStart, APipeInThePlaceOfTheTestFileDoesNotStopTheStart) {
   ASSERT_EQ(mkfifo(Interpose::Real(FakeCard::kTestFile).c_str(), 0600), 0);
   InitDisk();
   EXPECT_TRUE(system->disk->available);
   EXPECT_FALSE(FakeCard::HasTestFile());
 }
 
-TEST_F(Start, ADirectoryInThePlaceOfTheTestFileIsLeftAndTheCardRefused) {
+TEST_F(SecurityOfAStart, ADirectoryInThePlaceOfTheTestFileIsLeftAndTheCardRefused) {
   fs::create_directory(Interpose::Real(FakeCard::kTestFile));
   InitDisk();
   EXPECT_TRUE(FakeCard::HasTestFile());
   EXPECT_EQ(FakeCard::Status().malfunction, 1);
 }
 
-TEST_F(Start, ALinkThatCannotBeRemovedIsNotWrittenThrough) {
+TEST_F(SecurityOfAStart, ALinkThatCannotBeRemovedIsNotWrittenThrough) {
   fs::create_symlink(Interpose::Real(kOutside), Interpose::Real(FakeCard::kTestFile));
   Interpose::hooks().unlink = [](auto&&) { return Interpose::Answer::Failure(EPERM); };
   InitDisk();
@@ -228,14 +228,14 @@ TEST_F(Start, ALinkThatCannotBeRemovedIsNotWrittenThrough) {
   EXPECT_EQ(Interpose::ReadFile(kOutside), "outside");
 }
 
-TEST_F(Start, APipeThatCannotBeRemovedDoesNotStopTheStart) {
+TEST_F(SecurityOfAStart, APipeThatCannotBeRemovedDoesNotStopTheStart) {
   ASSERT_EQ(mkfifo(Interpose::Real(FakeCard::kTestFile).c_str(), 0600), 0);
   Interpose::hooks().unlink = [](auto&&) { return Interpose::Answer::Failure(EROFS); };
   InitDisk();
   EXPECT_EQ(FakeCard::Status().malfunction, 1);
 }
 
-TEST_F(Start, FilesAreMadeForTheirOwnerToWriteAndAllToRead) {
+TEST_F(SecurityOfAStart, FilesAreMadeForTheirOwnerToWriteAndAllToRead) {
   auto const mask = Scoped::Umask(022);
   Interpose::RemoveFile(CounterFile::kPath);
   mode_t testFile = 0;

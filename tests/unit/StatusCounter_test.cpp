@@ -69,9 +69,9 @@ struct Content {
   int counter;
 };
 
-class StoredCounter : public StatusCounter, public testing::WithParamInterface<Content> {};
+class StatusCounterStored : public StatusCounter, public testing::WithParamInterface<Content> {};
 
-TEST_P(StoredCounter, IsReadAndTheFileLeftAsItWas) {
+TEST_P(StatusCounterStored, IsReadAndTheFileLeftAsItWas) {
   MakeFile(kFile, GetParam().text);
   EXPECT_EQ(
       Capture::Output([&] { EXPECT_EQ(system.ReadSDCardStatusCounter(), GetParam().counter); }),
@@ -81,7 +81,7 @@ TEST_P(StoredCounter, IsReadAndTheFileLeftAsItWas) {
 }
 
 INSTANTIATE_TEST_SUITE_P(
-    Contents, StoredCounter,
+    Contents, StatusCounterStored,
     testing::Values(
         Content{"AnInteger", CounterFile::Text(2), 2},
         Content{"AmongOtherMembers", R"({"a":[1],"sdcard-status-conter":3,"z":null})", 3},
@@ -118,9 +118,9 @@ TEST_F(StatusCounter, IsMinusOneWhenItsFolderIsMissing) {
   EXPECT_EQ(system.ReadSDCardStatusCounter(), -1);
 }
 
-class InPlaceOfTheCounter : public StatusCounter, public testing::WithParamInterface<mode_t> {
+class StatusCounterInItsPlace : public StatusCounter, public testing::WithParamInterface<mode_t> {
  protected:
-  InPlaceOfTheCounter() {
+  StatusCounterInItsPlace() {
     auto const path = Interpose::Real(kFile);
     dev_t const null = makedev(1, 3);
     made = mknod(path.c_str(), GetParam() | 0600, GetParam() == S_IFCHR ? null : 0) == 0;
@@ -138,17 +138,17 @@ class InPlaceOfTheCounter : public StatusCounter, public testing::WithParamInter
   bool made;
 };
 
-TEST_P(InPlaceOfTheCounter, IsNeitherReadNorWritten) {
+TEST_P(StatusCounterInItsPlace, IsNeitherReadNorWritten) {
   EXPECT_EQ(system.ReadSDCardStatusCounter(), -1);
   Capture::Output([&] { EXPECT_TRUE(system.SaveSDCardStatusCounter(1)); });
 }
 
-TEST_P(InPlaceOfTheCounter, IsRemovedWithTheCount) {
+TEST_P(StatusCounterInItsPlace, IsRemovedWithTheCount) {
   Capture::Output([&] { EXPECT_TRUE(system.SaveSDCardStatusCounter(0)); });
   EXPECT_FALSE(FileExists());
 }
 
-INSTANTIATE_TEST_SUITE_P(PipeSocketAndDevice, InPlaceOfTheCounter,
+INSTANTIATE_TEST_SUITE_P(PipeSocketAndDevice, StatusCounterInItsPlace,
                          testing::Values(S_IFIFO, S_IFSOCK, S_IFCHR), [](auto const& instance) {
                            return instance.param == S_IFIFO    ? "APipe"
                                   : instance.param == S_IFSOCK ? "ASocket"
@@ -232,9 +232,9 @@ TEST_F(StatusCounter, IsNotSavedWhicheverAllocationFails) {
   EXPECT_THAT(descriptors.Opened(), IsEmpty());
 }
 
-class NoCounter : public StatusCounter, public testing::WithParamInterface<int> {};
+class StatusCounterOfNothing : public StatusCounter, public testing::WithParamInterface<int> {};
 
-TEST_P(NoCounter, RemovesTheFile) {
+TEST_P(StatusCounterOfNothing, RemovesTheFile) {
   MakeFile(kFile, CounterFile::Text(2));
   std::string const output =
       Capture::Output([&] { EXPECT_TRUE(system.SaveSDCardStatusCounter(GetParam())); });
@@ -242,7 +242,7 @@ TEST_P(NoCounter, RemovesTheFile) {
   EXPECT_FALSE(FileExists());
 }
 
-TEST_P(NoCounter, IsFineWithoutAFile) {
+TEST_P(StatusCounterOfNothing, IsFineWithoutAFile) {
   std::string const output =
       Capture::Output([&] { EXPECT_TRUE(system.SaveSDCardStatusCounter(GetParam())); });
   EXPECT_EQ(output, "Remove sdcard status file\n");
@@ -250,7 +250,7 @@ TEST_P(NoCounter, IsFineWithoutAFile) {
   EXPECT_FALSE(FileExists());
 }
 
-TEST_P(NoCounter, FailsWhenTheFileCannotBeRemoved) {
+TEST_P(StatusCounterOfNothing, FailsWhenTheFileCannotBeRemoved) {
   MakeFile(kFile, "");
   hooks().unlink = [](auto&&) { return Answer::Failure(EROFS); };
   std::string const output =
@@ -259,6 +259,7 @@ TEST_P(NoCounter, FailsWhenTheFileCannotBeRemoved) {
   EXPECT_THAT(Trace(), ElementsAre("unlink /root/system.dat"));
 }
 
-INSTANTIATE_TEST_SUITE_P(ZeroAndLess, NoCounter, testing::Values(0, -1, -2147483647 - 1));
+INSTANTIATE_TEST_SUITE_P(ZeroAndLess, StatusCounterOfNothing,
+                         testing::Values(0, -1, -2147483647 - 1));
 
 }  // namespace

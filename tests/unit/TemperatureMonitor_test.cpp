@@ -18,7 +18,6 @@ namespace {
 
 using namespace std::chrono_literals;
 using Tarvik::Interfaces::ISemaphore;
-using Tarvik::Util::TemperatureMonitor;
 
 constexpr char const* kSensor = "/sys/class/thermal/thermal_zone0/temp";
 
@@ -45,7 +44,7 @@ bool ISemaphore::WaitFor(std::chrono::milliseconds limit) noexcept {
 
 namespace {
 
-class Temperature : public testing::Test {
+class TemperatureMonitor : public testing::Test {
  protected:
   void SetUp() override {
     lengths.clear();
@@ -72,28 +71,29 @@ class Temperature : public testing::Test {
     NextReading();
   }
 
-  TemperatureMonitor monitor;
+  Tarvik::Util::TemperatureMonitor monitor;
 };
 
-TEST_F(Temperature, HasOneMonitorForTheWholeProcess) {
-  EXPECT_NE(TemperatureMonitor::GetInstance(), nullptr);
-  EXPECT_EQ(TemperatureMonitor::GetInstance(), TemperatureMonitor::GetInstance());
-  EXPECT_FALSE(TemperatureMonitor::GetInstance()->valid);
+TEST_F(TemperatureMonitor, HasOneMonitorForTheWholeProcess) {
+  EXPECT_NE(Tarvik::Util::TemperatureMonitor::GetInstance(), nullptr);
+  EXPECT_EQ(Tarvik::Util::TemperatureMonitor::GetInstance(),
+            Tarvik::Util::TemperatureMonitor::GetInstance());
+  EXPECT_FALSE(Tarvik::Util::TemperatureMonitor::GetInstance()->valid);
 }
 
-TEST_F(Temperature, IsNotKnownBeforeTheStart) {
+TEST_F(TemperatureMonitor, IsNotKnownBeforeTheStart) {
   Interpose::MakeFile(kSensor, "41000\n");
   EXPECT_FALSE(monitor.valid);
   EXPECT_EQ(monitor.temperature, 0);
 }
 
-TEST_F(Temperature, IsReadAtTheStart) {
+TEST_F(TemperatureMonitor, IsReadAtTheStart) {
   StartWith("41234\n");
   EXPECT_TRUE(monitor.valid);
   EXPECT_EQ(monitor.temperature, 41);
 }
 
-TEST_F(Temperature, IsReadEveryTenSeconds) {
+TEST_F(TemperatureMonitor, IsReadEveryTenSeconds) {
   StartWith("41000\n");
   NextReading("42000\n");
   EXPECT_EQ(monitor.temperature, 42);
@@ -103,7 +103,7 @@ TEST_F(Temperature, IsReadEveryTenSeconds) {
   EXPECT_THAT(lengths, testing::ElementsAre(10s, 10s, 10s));
 }
 
-TEST_F(Temperature, IsRoundedTowardZero) {
+TEST_F(TemperatureMonitor, IsRoundedTowardZero) {
   struct {
     char const* reading;
     int degrees;
@@ -117,7 +117,7 @@ TEST_F(Temperature, IsRoundedTowardZero) {
   }
 }
 
-TEST_F(Temperature, IsUnknownWhileItsSensorCannotBeRead) {
+TEST_F(TemperatureMonitor, IsUnknownWhileItsSensorCannotBeRead) {
   StartWith("41000\n");
   for (char const* reading : {"", "\n", "hot\n", "2147483648\n"}) {
     NextReading(reading);
@@ -127,7 +127,7 @@ TEST_F(Temperature, IsUnknownWhileItsSensorCannotBeRead) {
   }
 }
 
-TEST_F(Temperature, ComesBackWithItsSensor) {
+TEST_F(TemperatureMonitor, ComesBackWithItsSensor) {
   StartWith("41000\n");
   std::filesystem::remove(Interpose::Real(kSensor));
   NextReading();
@@ -138,19 +138,19 @@ TEST_F(Temperature, ComesBackWithItsSensor) {
   EXPECT_EQ(monitor.temperature, 42);
 }
 
-TEST_F(Temperature, IsUnknownOnceTheMonitorHasEnded) {
+TEST_F(TemperatureMonitor, IsUnknownOnceTheMonitorHasEnded) {
   StartWith("41000\n");
   Stop();
   EXPECT_FALSE(monitor.valid);
 }
 
-TEST_F(Temperature, ACancelDoesNotWaitForThePauseToEnd) {
+TEST_F(TemperatureMonitor, ACancelDoesNotWaitForThePauseToEnd) {
   StartWith("41000\n");
   Stop();
   EXPECT_EQ(lengths.size(), 1U);
 }
 
-TEST_F(Temperature, IsReadAgainAfterANewStart) {
+TEST_F(TemperatureMonitor, IsReadAgainAfterANewStart) {
   StartWith("41000\n");
   Stop();
   StartWith("42000\n");
@@ -158,17 +158,17 @@ TEST_F(Temperature, IsReadAgainAfterANewStart) {
   EXPECT_EQ(monitor.temperature, 42);
 }
 
-TEST_F(Temperature, ACancelOfAnIdleMonitorDoesNotShortenALaterPause) {
+TEST_F(TemperatureMonitor, ACancelOfAnIdleMonitorDoesNotShortenALaterPause) {
   for (int i = 0; i < 5; ++i) monitor.Cancel();
   StartWith("41000\n");
   for (int i = 0; i < 1000; ++i) std::this_thread::yield();
   EXPECT_FALSE(pauses.try_acquire());
 }
 
-TEST_F(Temperature, AMonitorMayBeDestroyedWhileItRuns) {
+TEST_F(TemperatureMonitor, AMonitorMayBeDestroyedWhileItRuns) {
   Interpose::MakeFile(kSensor, "41000\n");
   {
-    TemperatureMonitor running;
+    Tarvik::Util::TemperatureMonitor running;
     running.Start();
     pauses.acquire();
   }

@@ -103,7 +103,7 @@ void AddAFileWithoutADot() {
   EXPECT_FALSE(catalogue.AddFile(name));
 }
 
-class WhateverTheApplicationLeft : public testing::TestWithParam<Job> {
+class ApplicationFormat : public testing::TestWithParam<Job> {
  protected:
   static std::string Print() {
     Interpose::Reset();
@@ -113,14 +113,14 @@ class WhateverTheApplicationLeft : public testing::TestWithParam<Job> {
   }
 };
 
-TEST_P(WhateverTheApplicationLeft, TheLinesAreTheSame) {
+TEST_P(ApplicationFormat, TheLinesAreTheSame) {
   std::string const plain = Print();
   EXPECT_THAT(plain, testing::HasSubstr("\n"));
   ApplicationsFormat const format;
   EXPECT_EQ(Print(), plain);
 }
 
-INSTANTIATE_TEST_SUITE_P(Jobs, WhateverTheApplicationLeft,
+INSTANTIATE_TEST_SUITE_P(Jobs, ApplicationFormat,
                          testing::Values(Job{"AGoodStart", StartAGoodCard},
                                          Job{"AStartWithoutACard", StartWithoutACard},
                                          Job{"TheCounter", KeepTheCounter},
@@ -129,7 +129,7 @@ INSTANTIATE_TEST_SUITE_P(Jobs, WhateverTheApplicationLeft,
                                          Job{"OpenFiles", Quellon::SysUtil::DisplayOpenFiles}),
                          [](auto const& instance) { return instance.param.name; });
 
-TEST(StandardOutput, ALineIsWrittenWithItsEndAtOnce) {
+TEST(ApplicationFormatOfALine, ALineIsWrittenWithItsEndAtOnce) {
   Capture::Descriptor output(1);
   OutputLine() << "size " << 31116288 << " of " << 1.5 << 'x' << true;
   std::puts("next");
@@ -137,7 +137,7 @@ TEST(StandardOutput, ALineIsWrittenWithItsEndAtOnce) {
   EXPECT_EQ(output.Text(), "size 31116288 of 1.5x1\nnext\n\n");
 }
 
-TEST(StandardOutput, ALineGoesWhereTheApplicationLeadsTheStream) {
+TEST(ApplicationFormatOfALine, ALineGoesWhereTheApplicationLeadsTheStream) {
   std::stringbuf led;
   {
     auto const output = Scoped::Output(&led, std::ios::goodbit);
@@ -146,14 +146,14 @@ TEST(StandardOutput, ALineGoesWhereTheApplicationLeadsTheStream) {
   EXPECT_EQ(led.str(), "led 10\n");
 }
 
-TEST(StandardOutput, AStreamThatIsSwitchedOffStaysSilent) {
+TEST(ApplicationFormatOfALine, AStreamThatIsSwitchedOffStaysSilent) {
   std::cout.setstate(std::ios::failbit);
   EXPECT_EQ(Capture::Output([] { OutputLine() << "nobody asked"; }), "");
   EXPECT_TRUE(std::cout.rdstate() == std::ios::failbit);
   std::cout.clear();
 }
 
-TEST(StandardOutput, ALineThatCannotBeWrittenDoesNoHarm) {
+TEST(ApplicationFormatOfALine, ALineThatCannotBeWrittenDoesNoHarm) {
   struct Broken : std::streambuf {
     int overflow(int) override { throw std::runtime_error("broken"); }
   } broken;
@@ -192,7 +192,7 @@ class Garbling : public std::codecvt<char, char, std::mbstate_t> {
   return Scoped::GlobalLocale(std::locale(std::locale(), new Garbling));
 }
 
-TEST(FilesOfTheDevice, AreReadAsTheyAre) {
+TEST(ApplicationFormatOfFiles, AreReadAsTheyAre) {
   FakeCard card;
   Interpose::MakeFile(CounterFile::kPath, "{\n\"sdcard-status-conter\":\n1234567}");
   Interpose::MakeFile("/proc/12/cmdline", "/usr/bin/recorder");
@@ -204,7 +204,7 @@ TEST(FilesOfTheDevice, AreReadAsTheyAre) {
   EXPECT_EQ(Quellon::SysUtil::GetProcIdByName("recorder"), 12);
 }
 
-TEST(FilesOfTheDevice, AreWrittenAsTheyShallBe) {
+TEST(ApplicationFormatOfFiles, AreWrittenAsTheyShallBe) {
   FakeCard card;
   Interpose::MakeFile(CounterFile::kPath, "");
   OwnedSystem system;
