@@ -11,7 +11,6 @@
 #include <iterator>
 #include <stdexcept>
 
-#include "DiskUtils/Disk.h"
 #include "base/Logger.h"
 #include "tests/card/Interpose.h"
 #include "tests/support/Capture.h"

@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "DiskUtils/Disk.h"
 #include "base/UniqueFd.h"
 #include "tests/card/Card.h"
 
@@ -52,6 +53,8 @@ class CardTest : public testing::Test {
   static constexpr char const* kMountPoint = "/mnt/sdcard/";
   static constexpr char const* kPartition = "/dev/mmcblk1p1";
   static constexpr char const* kDevice = "mmcblk1";
+
+  static Quellon::DiskUtils::Disk MakeDisk() { return {kMountPoint, kPartition, kDevice}; }
 
   /// What a boot does before the main service starts: the root writable, no card mounted.
   static void Boot();

@@ -10,6 +10,7 @@
 #include "FileUtils/FilesManager.h"
 #include "tests/card/CardFixture.h"
 #include "tests/support/Capture.h"
+#include "tests/support/ErrorRecord.h"
 #include "tests/support/OwnedSystem.h"
 
 namespace {
@@ -148,7 +149,7 @@ class Catalogue : public CardTests::CardTest {
   Disk InsertEmptyCard() {
     card.Insert();
     Capture::Descriptor output(1);
-    return {kMountPoint, kPartition, kDevice};
+    return MakeDisk();
   }
 
   /// One more recording, the newest, catalogued.
@@ -168,7 +169,7 @@ class Catalogue : public CardTests::CardTest {
 
 void Catalogue::RecordEndlessly(std::uint64_t minimum, float fraction) {
   Capture::Descriptor output(1);
-  Disk disk(kMountPoint, kPartition, kDevice);
+  Disk disk = MakeDisk();
   FilesManager catalogue(&disk, kDirectory, minimum, fraction);
   ASSERT_TRUE(catalogue.LoadAndSort());
 
@@ -229,8 +230,7 @@ TEST_F(Catalogue, ProtectedFilesAreNeverDeletedEvenWhenNoRoomCanBeMade) {
   ASSERT_TRUE(catalogue.LoadAndSort());
 
   EXPECT_FALSE(catalogue.MakeRoom());
-  EXPECT_EQ(catalogue.GetError(), "Unable to make room, after 100 retries");
-  EXPECT_EQ(catalogue.GetErrorPlace(), "MakeRoom");
+  EXPECT_EQ(ErrorOf(catalogue), "Unable to make room, after 100 retries in MakeRoom");
   EXPECT_EQ(NamesIn(kDirectory), (std::set<std::string>{"a.log", "b.gps"}));
   EXPECT_THAT(NamesOf(catalogue), ElementsAre("a.log", "b.gps"));
 }
@@ -294,7 +294,7 @@ TEST_F(Catalogue, DirectoryWithoutAParentOrOnAReadOnlyCardIsNotMade) {
 
   EXPECT_FALSE(orphan.Create());
   EXPECT_FALSE(refused.Create());
-  EXPECT_EQ(refused.GetError(), "unable to create directory: /mnt/sdcard/cr");
+  EXPECT_EQ(ErrorOf(refused), "unable to create directory: /mnt/sdcard/cr in Create");
 }
 
 }  // namespace

@@ -213,7 +213,7 @@ TEST_F(System, RebootLeavesCardAndRootUnmounted) {
 
 TEST_F(System, BusyCardDoesNotStopAReboot) {
   card.Insert();
-  Quellon::DiskUtils::Disk disk(kMountPoint, kPartition, kDevice);
+  auto const disk = MakeDisk();
   auto const busy = CardTests::KeepBusy("/mnt/sdcard/busy");
   OwnedSystem system;
   Capture::Descriptor errors(2);
@@ -228,7 +228,7 @@ TEST_F(System, BusyCardDoesNotStopAReboot) {
 TEST_F(System, BusyRootIsGivenASecondAndTenForcedAttempts) {
   auto const busy = CardTests::KeepBusy("/busy");
   card.Insert();
-  Quellon::DiskUtils::Disk disk(kMountPoint, kPartition, kDevice);
+  auto const disk = MakeDisk();
   OwnedSystem system;
   ForgetMachineCalls();
   Capture::Descriptor errors(2);

@@ -15,6 +15,7 @@
 #include "DiskUtils/Disk.h"
 #include "FileUtils/FilesManager.h"
 #include "tests/support/Capture.h"
+#include "tests/support/FakeCard.h"
 #include "tests/support/Interpose.h"
 #include "tests/support/LiveFiles.h"
 #include "tests/support/ModificationTime.h"
@@ -99,10 +100,7 @@ class CatalogueTest : public testing::Test {
 
  private:
   static Disk NewCard() {
-    Disk disk = [] {
-      Capture::Descriptor const hidden(1);  // there is no such device, and that is said
-      return Disk("/mnt/sdcard/", "/dev/mmcblk1p1", "mmcblk1");
-    }();
+    Disk disk = FakeCard::MakeDisk();  // there is no such device
     disk.available = true;
     return disk;
   }

@@ -11,6 +11,7 @@
 #include <string>
 
 #include "DiskUtils/Disk.h"
+#include "tests/support/Capture.h"
 #include "tests/support/Interpose.h"
 
 /// While one exists, a good card is in the slot and mounted: device nodes, sysfs properties, a
@@ -32,6 +33,12 @@ class FakeCard {
   FakeCard(FakeCard const&) = delete;
   FakeCard& operator=(FakeCard const&) = delete;
   ~FakeCard() { Interpose::hooks() = {}; }
+
+  /// The library's object of the card in the slot, whatever that is; what it prints is hidden.
+  static Quellon::DiskUtils::Disk MakeDisk() {
+    Capture::Descriptor const hidden(1);
+    return {kMountPoint, kPartition, kDevice};
+  }
 
   /// A property such as "ro" or "device/cid".
   static void SetProperty(std::string const& name, std::string const& text) {

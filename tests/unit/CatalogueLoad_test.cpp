@@ -18,6 +18,7 @@
 #include "tests/support/CatalogueTest.h"
 #include "tests/support/Descriptors.h"
 #include "tests/support/DirectoryOrder.h"
+#include "tests/support/ErrorRecord.h"
 #include "tests/support/Scoped.h"
 
 namespace {
@@ -36,9 +37,7 @@ class CatalogueLoad : public CatalogueTest {
  protected:
   static void ExpectFailure(FilesManager& failing, std::string const& message) {
     EXPECT_FALSE(failing.Load());
-    EXPECT_TRUE(failing.HasError());
-    EXPECT_EQ(failing.GetError(), message);
-    EXPECT_EQ(failing.GetErrorPlace(), "Load");
+    EXPECT_EQ(ErrorOf(failing), message + " in Load");
   }
 
   /// The recordings in the order in which the directory gives them.

@@ -25,6 +25,7 @@
 #include "tests/support/CatalogueModel.h"
 #include "tests/support/CatalogueTest.h"
 #include "tests/support/DirectoryOrder.h"
+#include "tests/support/ErrorRecord.h"
 #include "tests/support/LogFile.h"
 #include "tests/support/RemovalHook.h"
 #include "tests/support/Scoped.h"
@@ -258,9 +259,7 @@ class World {
       state.catalogue.push_back({file->name, static_cast<std::uint64_t>(file->size), file->time});
     }
     state.sleptMs = static_cast<std::uint64_t>(Interpose::Slept() / std::chrono::milliseconds(1));
-    if (catalogue->HasError()) {
-      state.error = catalogue->GetError() + " in " + catalogue->GetErrorPlace();
-    }
+    state.error = ErrorOf(*catalogue);
     return state;
   }
 

@@ -8,6 +8,7 @@
 #include <string>
 
 #include "tests/support/CatalogueTest.h"
+#include "tests/support/ErrorRecord.h"
 #include "tests/support/LogFile.h"
 
 namespace {
@@ -159,8 +160,7 @@ TEST_F(Catalogue, DoesNotAddAMissingFileAndAbandonsItsObject) {
   std::string name = "missing.dat";
   std::size_t const before = LiveFiles::Count();
   EXPECT_FALSE(catalogue->AddFile(name));
-  EXPECT_EQ(catalogue->GetError(), "File not found");
-  EXPECT_EQ(catalogue->GetErrorPlace(), "AddFile");
+  EXPECT_EQ(ErrorOf(*catalogue), "File not found in AddFile");
   EXPECT_THAT(catalogue->GetList(), IsEmpty());
   EXPECT_EQ(catalogue->GetTotalFilesSize(), 0U);
   EXPECT_EQ(LiveFiles::Count(), before + 1);

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "tests/support/Capture.h"
+#include "tests/support/CardText.h"
 #include "tests/support/ChildProcess.h"
 #include "tests/support/Interpose.h"
 #include "tests/support/Scoped.h"
@@ -21,6 +22,9 @@ namespace {
 
 namespace DiskUtils = Quellon::DiskUtils;
 using namespace std::chrono_literals;
+using CardText::kFsck;
+using CardText::kMount;
+using CardText::kUmount;
 using Interpose::Answer;
 using Interpose::hooks;
 using Interpose::Sleep;
@@ -28,11 +32,6 @@ using Interpose::Trace;
 using testing::ElementsAre;
 using testing::ElementsAreArray;
 using Texts = std::vector<std::string>;
-
-constexpr char const* kUmount = "system umount /mnt/sdcard/";
-constexpr char const* kFsck = "system fsck -f -y /dev/mmcblk1p1";
-constexpr char const* kMount =
-    "system mount -o noatime,nodiratime,data=writeback /dev/mmcblk1p1 /mnt/sdcard/";
 
 Answer Exited(int code) {
   return {code << 8, 0};
@@ -172,8 +171,7 @@ TEST_F(CheckDisk, MayStillSucceedWithTheFourthAttempt) {
 
 TEST_F(CheckDisk, TakesACommandThatASignalEndedForASuccess) {
   hooks().system = [](auto&&) { return Killed(); };
-  EXPECT_EQ(Capture::Output([&] { EXPECT_EQ(checkDisk.DiskCheck(), 0); }),
-            "Unmount SD card success.\nFSCK output: No errors\nMount SD card success\n");
+  EXPECT_EQ(Capture::Output([&] { EXPECT_EQ(checkDisk.DiskCheck(), 0); }), CardText::kChecked);
   EXPECT_THAT(Trace(), ElementsAre(kUmount, kFsck, kMount));
 }
 

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "tests/support/Descriptors.h"
+#include "tests/support/ErrorRecord.h"
 #include "tests/support/Interpose.h"
 #include "tests/support/Scoped.h"
 
@@ -29,9 +30,7 @@ class Dir : public testing::Test {
   static bool IsThere() { return fs::is_directory(Interpose::Real(kPath)); }
 
   static void ExpectFailure(Idir const& directory) {
-    EXPECT_TRUE(directory.HasError());
-    EXPECT_EQ(directory.GetError(), "unable to create directory: " + directory.path);
-    EXPECT_EQ(directory.GetErrorPlace(), "Create");
+    EXPECT_EQ(ErrorOf(directory), "unable to create directory: " + directory.path + " in Create");
   }
 };
 

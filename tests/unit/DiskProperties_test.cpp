@@ -3,7 +3,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdio>
 #include <limits>
 #include <string>
 #include <utility>
@@ -175,12 +174,7 @@ TEST(DiskPropertiesIdentity, IsReadInAFixedOrderAndLeftEmptyWhereItIsMissing) {
 
 TEST(DiskPropertiesIdentity, IsPrintedOneItemALine) {
   FakeCard const card;
-  std::string const output = Capture::Output([] {
-    Disk disk(FakeCard::kMountPoint, FakeCard::kPartition, FakeCard::kDevice);
-    std::puts("--");
-    disk.PrintInfo();
-  });
-  EXPECT_EQ(output.substr(output.find("--\n") + 3),
+  EXPECT_EQ(Capture::Output([] { FakeCard::MakeDisk().PrintInfo(); }),
             " Disk info:\n"
             " CID 275048534433324760e0e7f40f012a01\n"
             " CSD 400e00325b590000ed5f7f800a400001\n"
@@ -193,12 +187,7 @@ TEST(DiskPropertiesIdentity, IsPrintedOneItemALine) {
 }
 
 TEST(DiskPropertiesIdentity, IsPrintedEmptyWithoutACard) {
-  std::string const output = Capture::Output([] {
-    Disk disk(FakeCard::kMountPoint, FakeCard::kPartition, FakeCard::kDevice);
-    disk.PrintInfo();
-  });
-  EXPECT_EQ(output,
-            "Disk exception Disk not found\n"
+  EXPECT_EQ(Capture::Output([] { FakeCard::MakeDisk().PrintInfo(); }),
             " Disk info:\n CID \n CSD \n Manfield \n Name \n OemId \n RO \n Serial \n Size 0\n");
 }
 

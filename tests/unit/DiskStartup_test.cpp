@@ -14,6 +14,7 @@
 
 #include "DiskUtils/System.h"
 #include "tests/support/Capture.h"
+#include "tests/support/CardText.h"
 #include "tests/support/CounterFile.h"
 #include "tests/support/Descriptors.h"
 #include "tests/support/FailingAllocation.h"
@@ -45,6 +46,7 @@ void Quellon::DiskUtils::Disk::ScanDisk() {
 namespace {
 
 using namespace std::chrono_literals;
+using CardText::kNoCard;
 using Interpose::hooks;
 using Interpose::MakeFile;
 using Interpose::ReadFile;
@@ -58,11 +60,6 @@ using testing::IsEmpty;
 std::string const kRefusal =
     "Disk exception Disk not found\n"
     "Exception disk (0): The device is not available\n";
-std::string const kRule(66, '=');
-std::string const kNoCard =
-    "============================ SD CARD =============================\nNOT PRESENT\n" + kRule +
-    "\n";
-
 std::string Found(std::string const& number, std::string const& end = "") {
   return "Found SD card status counter " + number + " on file" + end + "\n";
 }
@@ -73,7 +70,6 @@ std::string PassedLimit(std::string const& number) {
 class DiskStartup : public testing::Test {
  protected:
   DiskStartup() {
-    Capture::Output([this] { system.emplace(); });
     saveAnswers.reset();
     scan = nullptr;
     hooks().reboot = [](int) { return Interpose::Answer::Failure(EPERM); };
@@ -99,7 +95,7 @@ class DiskStartup : public testing::Test {
   }
 
   FakeCard card;
-  std::optional<OwnedSystem> system;
+  std::unique_ptr<OwnedSystem> const system = NewSystem();
   Disk* result = nullptr;
 };
 
@@ -115,22 +111,18 @@ TEST_F(DiskStartup, BringsAGoodCardIntoService) {
   EXPECT_FALSE(system->diskFault);
   ExpectState(0);
   EXPECT_EQ(output,
-            "Disk /mnt/sdcard/ free sapce 3906MB from 11718MB\n"
-            "Unmount SD card success.\nFSCK output: No errors\nMount SD card success\n"
-            "============================ SD CARD =============================\n"
-            " size [15931539456] B\n usable size [12288000000] B \n writen [734003] kB\n"
-            " read only [0]\n fcsk status [0]\n cid [275048534433324760e0e7f40f012a01]\n" +
-                kRule + "\n");
+            "Disk /mnt/sdcard/ free sapce 3906MB from 11718MB\n" + CardText::kChecked +
+                CardText::kTitle +
+                " size [15931539456] B\n usable size [12288000000] B \n writen [734003] kB\n"
+                " read only [0]\n fcsk status [0]\n cid [275048534433324760e0e7f40f012a01]\n" +
+                CardText::kRule);
   EXPECT_THAT(descriptors.Opened(), IsEmpty());
 }
 
 TEST_F(DiskStartup, WaitsASecondAfterTheScan) {
   Start();
-  EXPECT_THAT(Trace(),
-              ElementsAre("sync", "system umount /mnt/sdcard/", "system fsck -f -y /dev/mmcblk1p1",
-                          "system mount -o noatime,nodiratime,data=writeback "
-                          "/dev/mmcblk1p1 /mnt/sdcard/",
-                          "unlink /mnt/sdcard/check.tmp", Sleep(1s)));
+  EXPECT_THAT(Trace(), ElementsAre("sync", CardText::kUmount, CardText::kFsck, CardText::kMount,
+                                   "unlink /mnt/sdcard/check.tmp", Sleep(1s)));
 }
 
 TEST_F(DiskStartup, TakesTheFaultBackBeforeItsPauseAndReportsAfterIt) {
@@ -140,7 +132,7 @@ TEST_F(DiskStartup, TakesTheFaultBackBeforeItsPauseAndReportsAfterIt) {
     EXPECT_FALSE(system->diskFault);
     ExpectNoReport();
   };
-  EXPECT_THAT(Start(), testing::EndsWith(kRule + "\n"));
+  EXPECT_THAT(Start(), testing::EndsWith(CardText::kRule));
   EXPECT_EQ(pauses, 1);
   ExpectState(0);
 }

@@ -12,13 +12,14 @@
 #include <utility>
 #include <vector>
 
-#include "base/IException.h"
 #include "tests/support/Capture.h"
+#include "tests/support/CardText.h"
 #include "tests/support/Descriptors.h"
 #include "tests/support/FailingAllocation.h"
 #include "tests/support/FakeCard.h"
 #include "tests/support/Interpose.h"
 #include "tests/support/LogFile.h"
+#include "tests/support/Refusal.h"
 #include "tests/support/TheReal.h"
 
 namespace {
@@ -38,6 +39,7 @@ namespace {
 
 namespace DiskUtils = Quellon::DiskUtils;
 using namespace std::chrono_literals;
+using CardText::kMountCall;
 using Interpose::Answer;
 using Interpose::hooks;
 using Interpose::Sleep;
@@ -47,20 +49,7 @@ using testing::ElementsAreArray;
 using testing::IsEmpty;
 using testing::SizeIs;
 
-constexpr char const* kMountCall = "mount /dev/mmcblk1p1 /mnt/sdcard/ ext4 3080 data=writeback";
 constexpr char const* kSpaceLine = "Disk /mnt/sdcard/ free sapce 3906MB from 11718MB\n";
-
-/// Calls `work`, which must throw an IException, and returns it.
-template <typename Work>
-Tarvik::IException Thrown(Work work) {
-  try {
-    work();
-  } catch (Tarvik::IException const& exception) {
-    return exception;
-  }
-  ADD_FAILURE() << "nothing thrown";
-  return Tarvik::IException("");
-}
 
 class Disk : public testing::Test {
  protected:
@@ -265,33 +254,33 @@ TEST_F(Disk, PrintsThatItCannotBeMeasured) {
 TEST_F(Disk, ThrowsTheErrnoOfTheStatThatFailed) {
   Make();
   StatFails("/mnt/sdcard/", EACCES);
-  Tarvik::IException const first = Thrown([&] { disk->CheckDiskPresence(); });
-  EXPECT_STREQ(first.what(), "Stat error (1)");
-  EXPECT_EQ(first.code, EACCES);
+  auto const first = Thrown([&] { disk->CheckDiskPresence(); });
+  EXPECT_STREQ(first.value().what(), "Stat error (1)");
+  EXPECT_EQ(first->code, EACCES);
   StatFails("/mnt/sdcard/..", ENOTDIR);
-  Tarvik::IException const second = Thrown([&] { disk->CheckDeviceStatus(); });
-  EXPECT_STREQ(second.what(), "Stat error (2)");
-  EXPECT_EQ(second.code, ENOTDIR);
+  auto const second = Thrown([&] { disk->CheckDeviceStatus(); });
+  EXPECT_STREQ(second.value().what(), "Stat error (2)");
+  EXPECT_EQ(second->code, ENOTDIR);
 }
 
 TEST_F(Disk, ThrowsTheErrnoOfTheFailedCallThoughMakingTheExceptionChangesIt) {
   Make();
   errnoAfterAllocating = ENOMEM;
   StatFails("/mnt/sdcard/", EACCES);
-  EXPECT_EQ(Thrown([&] { disk->CheckDiskPresence(); }).code, EACCES);
+  EXPECT_EQ(Thrown([&] { disk->CheckDiskPresence(); }).value().code, EACCES);
   StatFails("/mnt/sdcard/..", ENOTDIR);
-  EXPECT_EQ(Thrown([&] { disk->CheckDiskPresence(); }).code, ENOTDIR);
+  EXPECT_EQ(Thrown([&] { disk->CheckDiskPresence(); }).value().code, ENOTDIR);
   hooks().statvfs = [](auto&&...) { return Answer::Failure(EIO); };
-  EXPECT_EQ(Thrown([&] { disk->LoadDiskInfo(); }).code, EIO);
+  EXPECT_EQ(Thrown([&] { disk->LoadDiskInfo(); }).value().code, EIO);
   errnoAfterAllocating = 0;
 }
 
 TEST_F(Disk, ThrowsTheErrnoOfTheMeasurementAndKeepsItsFigures) {
   Make();
   hooks().statvfs = [](auto&&...) { return Answer::Failure(ENOSYS); };
-  Tarvik::IException const exception = Thrown([&] { disk->LoadDiskInfo(); });
-  EXPECT_STREQ(exception.what(), "Get space stat error");
-  EXPECT_EQ(exception.code, ENOSYS);
+  auto const exception = Thrown([&] { disk->LoadDiskInfo(); });
+  EXPECT_STREQ(exception.value().what(), "Get space stat error");
+  EXPECT_EQ(exception->code, ENOSYS);
   EXPECT_EQ(disk->totalBytes, 12288000000);
 }
 

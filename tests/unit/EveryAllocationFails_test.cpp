@@ -9,7 +9,6 @@
 #include <iostream>
 #include <iterator>
 #include <new>
-#include <optional>
 #include <string>
 
 #include "DiskUtils/System.h"
@@ -19,6 +18,7 @@
 #include "tests/support/CatalogueTest.h"
 #include "tests/support/CounterFile.h"
 #include "tests/support/Descriptors.h"
+#include "tests/support/ErrorRecord.h"
 #include "tests/support/FailingAllocation.h"
 #include "tests/support/FakeCard.h"
 #include "tests/support/LogFile.h"
@@ -77,8 +77,7 @@ TEST(EveryAllocationFails, WhileAGoodCardIsStarted) {
     Interpose::Reset();
     FakeCard const card;
     Interpose::MakeFile(CounterFile::kPath, CounterFile::Text(3));
-    std::optional<OwnedSystem> system;
-    Capture::Output([&] { system.emplace(); });
+    auto const system = NewSystem();
     Start const start = InitDisk(*system, number);
     if (start.threw) {
       EXPECT_THAT(start.output, HasSubstr("= SD CARD ="));
@@ -103,8 +102,7 @@ TEST(EveryAllocationFails, WhileAMissingCardIsStarted) {
     FakeCard const card;
     Interpose::RemoveFile("/dev/mmcblk1");
     Interpose::MakeFile(CounterFile::kPath, CounterFile::Text(1));
-    std::optional<OwnedSystem> system;
-    Capture::Output([&] { system.emplace(); });
+    auto const system = NewSystem();
     Start const start = InitDisk(*system, number);
     bool const rebooted = !Interpose::Traced("reboot").empty();
     EXPECT_EQ(start.result == nullptr && !start.threw, rebooted || system->disk == nullptr);
@@ -150,14 +148,13 @@ TEST(EveryAllocationFails, WhileACardIsFormatted) {
   Try([](int number) {
     Interpose::Reset();
     FakeCard const card;
-    std::optional<Disk> disk;
-    Capture::Output([&] { disk.emplace("/mnt/sdcard/", "/dev/mmcblk1p1", "mmcblk1"); });
+    Disk disk = FakeCard::MakeDisk();
     Capture::Descriptor output(1);
     bool formatted = false;
     bool failed = false;
     {
       FailingAllocation const failing(number);
-      EXPECT_NO_THROW(formatted = disk->Fromat(true));
+      EXPECT_NO_THROW(formatted = disk.Fromat(true));
       failed = FailingAllocation::Happened();
     }
     EXPECT_EQ(formatted, !failed);
@@ -201,7 +198,7 @@ TEST_F(EveryAllocationFailsInACatalogue, WhileRoomIsMade) {
     }
     EXPECT_EQ(Names(*catalogue), OnCard());
     if (FailingAllocation::Happened()) return true;
-    EXPECT_EQ(catalogue->GetError(), "Unable to make room, after 100 retries");
+    EXPECT_EQ(ErrorOf(*catalogue), "Unable to make room, after 100 retries in MakeRoom");
     return false;
   });
 }

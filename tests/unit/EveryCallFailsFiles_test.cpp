@@ -18,6 +18,7 @@
 #include "tests/support/Capture.h"
 #include "tests/support/CatalogueTest.h"
 #include "tests/support/DirectoryOrder.h"
+#include "tests/support/ErrorRecord.h"
 #include "tests/support/FaultTable.h"
 #include "tests/support/Interpose.h"
 #include "tests/support/LogFile.h"
@@ -74,9 +75,8 @@ class Recordings {
       return Answer::Success();
     };
     LogFile::Enable(false, false);
-    Capture::Output([this] { card.emplace("/mnt/sdcard/", "/dev/mmcblk1p1", "mmcblk1"); });
-    card->available = true;
-    catalogue = std::make_unique<FilesManager>(&*card, kDirectory, 7000, 1.0F);
+    card.available = true;
+    catalogue = std::make_unique<FilesManager>(&card, kDirectory, 7000, 1.0F);
   }
   ~Recordings() {
     catalogue.reset();
@@ -92,17 +92,17 @@ class Recordings {
   std::string Outcome() {
     std::string names;
     for (Ifile const* file : catalogue->GetList()) names += file->name.substr(0, 1);
-    std::string const error = catalogue->GetError() + " in " + catalogue->GetErrorPlace();
-    return (result                  ? "done"
-            : catalogue->HasError() ? error
-                                    : "failed") +
+    std::string const error = ErrorOf(*catalogue);
+    return (result          ? "done"
+            : error.empty() ? "failed"
+                            : error) +
            ", catalogue " + names + ", card " + OnCard() + ", total " +
            std::to_string(catalogue->GetTotalFilesSize());
   }
 
  protected:
   bool result = false;
-  std::optional<Disk> card;
+  Disk card = FakeCard::MakeDisk();
   std::unique_ptr<FilesManager> catalogue;
 };
 

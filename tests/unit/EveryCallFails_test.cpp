@@ -2,7 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
-#include <optional>
+#include <memory>
 #include <sstream>
 #include <string>
 
@@ -18,10 +18,6 @@ namespace {
 
 using FaultTable::kNoHarm;
 using Quellon::DiskUtils::Disk;
-
-std::string NewSystem(std::optional<OwnedSystem>& system) {
-  return Capture::Output([&] { system.emplace(); });
-}
 
 /// The value of a key of the health report, as it is written.
 std::string Health(OwnedSystem const& system, std::string const& key) {
@@ -51,7 +47,6 @@ class GoodCard {
   GoodCard() {
     Interpose::MakeFile(CounterFile::kPath, CounterFile::Text(3));
     Interpose::hooks().reboot = [](int) { return Interpose::Answer::Failure(EPERM); };
-    NewSystem(system);
   }
 
   void Run() {
@@ -72,7 +67,7 @@ class GoodCard {
 
  private:
   FakeCard card;
-  std::optional<OwnedSystem> system;
+  std::unique_ptr<OwnedSystem> const system = NewSystem();
   Disk* result = nullptr;
   std::string output;
 };
@@ -116,7 +111,6 @@ class MissingCard {
     Interpose::MakeFile(CounterFile::kPath, CounterFile::Text(1));
     Interpose::RemoveFile("/dev/mmcblk1");
     Interpose::hooks().reboot = [](int) { return Interpose::Answer::Failure(EPERM); };
-    NewSystem(system);
   }
 
   void Run() {
@@ -134,7 +128,7 @@ class MissingCard {
 
  private:
   FakeCard card;
-  std::optional<OwnedSystem> system;
+  std::unique_ptr<OwnedSystem> const system = NewSystem();
   Disk* result = nullptr;
 };
 
@@ -155,10 +149,7 @@ TEST(EveryCallFails, WhileAMissingCardIsStarted) {
 /// The count of reboots written, read and removed.
 class Counter {
  public:
-  Counter() {
-    Interpose::MakeFile(CounterFile::kPath, CounterFile::Text(1));
-    NewSystem(system);
-  }
+  Counter() { Interpose::MakeFile(CounterFile::kPath, CounterFile::Text(1)); }
 
   void Run() {
     outcome << std::boolalpha;
@@ -172,7 +163,7 @@ class Counter {
 
  private:
   std::ostringstream outcome;
-  std::optional<OwnedSystem> system;
+  std::unique_ptr<OwnedSystem> const system = NewSystem();
 };
 
 TEST(EveryCallFails, WhileTheCounterIsKept) {

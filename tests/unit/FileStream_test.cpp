@@ -15,12 +15,13 @@
 #include <vector>
 
 #include "FileUtils/File.h"
-#include "base/IException.h"
 #include "base/Logger.h"
 #include "tests/support/Capture.h"
 #include "tests/support/ChildProcess.h"
+#include "tests/support/FileAt.h"
 #include "tests/support/Interpose.h"
 #include "tests/support/LogFile.h"
+#include "tests/support/Refusal.h"
 #include "tests/support/Scoped.h"
 
 namespace {
@@ -35,10 +36,6 @@ using testing::MatchesRegex;
 constexpr char const* kPath = "/mnt/sdcard/cr/a.gps";
 constexpr char const* kCopy = "/mnt/sdcard/cr/b.gps";
 constexpr char const* kNowhere = "/mnt/sdcard/missing/a.gps";
-
-std::unique_ptr<Ifile> At(std::string path, bool open = false) {
-  return std::make_unique<Ifile>(path, open);
-}
 
 /// As a catalogue makes it: an unopened stream, and a path that came later.
 std::unique_ptr<Ifile> BareAt(std::string const& path) {
@@ -63,7 +60,7 @@ class FileStream : public testing::Test {
 
 TEST_F(FileStream, OpensAnExistingFileInPlaceWhenMadeOpen) {
   Holds("12345");
-  auto const file = At(kPath, true);
+  auto const file = FileAt(kPath, true);
   ASSERT_TRUE(file->stream->is_open());
   Put(*file, "ab");
   file->Close();
@@ -72,7 +69,7 @@ TEST_F(FileStream, OpensAnExistingFileInPlaceWhenMadeOpen) {
 
 TEST_F(FileStream, MadeOpenOnAMissingFileKeepsAFailedStreamAndMakesNothing) {
   std::string const output = Capture::Output([] {
-    auto const file = At(kPath, true);
+    auto const file = FileAt(kPath, true);
     EXPECT_TRUE(file->stream->fail());
     EXPECT_FALSE(file->stream->is_open());
   });
@@ -81,21 +78,15 @@ TEST_F(FileStream, MadeOpenOnAMissingFileKeepsAFailedStreamAndMakesNothing) {
 }
 
 TEST_F(FileStream, OpenThrowsForAnEmptyPath) {
-  auto const file = At("");
-  try {
-    file->Open(true);
-    FAIL() << "nothing was thrown";
-  } catch (Tarvik::IException const& e) {
-    EXPECT_STREQ(e.what(), "Empty file path");
-    EXPECT_EQ(e.code, 0);
-  }
+  auto const file = FileAt("");
+  EXPECT_EQ(Refusal([&] { file->Open(true); }), "Empty file path");
   EXPECT_EQ(file->stream, nullptr);
 }
 
 TEST_F(FileStream, OpenWithoutAStreamOpensAnExistingFileInPlaceWhateverAppendSays) {
   for (bool const append : {false, true}) {
     Holds("12345");
-    auto const file = At(kPath);
+    auto const file = FileAt(kPath);
     EXPECT_TRUE(file->Open(append));
     Put(*file, "ab");
     file->Close();
@@ -120,7 +111,7 @@ TEST_F(FileStream, OpenOnAnUnopenedStreamEmptiesTheFileUnlessAppending) {
 TEST_F(FileStream, OpenMakesAMissingFileAndTheStreamIsGood) {
   for (bool const append : {false, true}) {
     fs::remove(Interpose::Real(kPath));
-    auto const file = At(kPath);
+    auto const file = FileAt(kPath);
     EXPECT_TRUE(file->Open(append));
     EXPECT_TRUE(file->stream->is_open());
     EXPECT_TRUE(file->stream->good());
@@ -137,7 +128,7 @@ TEST_F(FileStream, OpenWithoutAppendingLetsWhatWasWrittenBeRead) {
 }
 
 TEST_F(FileStream, OpenSucceedsEvenWhereNoFileCanBe) {
-  auto const file = At(kNowhere);
+  auto const file = FileAt(kNowhere);
   EXPECT_TRUE(file->Open(false));
   EXPECT_FALSE(file->stream->is_open());
   EXPECT_TRUE(file->stream->fail());
@@ -146,7 +137,7 @@ TEST_F(FileStream, OpenSucceedsEvenWhereNoFileCanBe) {
 
 TEST_F(FileStream, OpenOnAnOpenStreamChangesNothing) {
   Holds("12345");
-  auto const file = At(kPath, true);
+  auto const file = FileAt(kPath, true);
   auto const* const stream = file->stream.get();
   EXPECT_TRUE(file->Open(false));
   EXPECT_EQ(file->stream.get(), stream);
@@ -154,7 +145,7 @@ TEST_F(FileStream, OpenOnAnOpenStreamChangesNothing) {
 }
 
 TEST_F(FileStream, CanBeOpenedWrittenAndClosedAgainAndAgain) {
-  auto const file = At(kPath);
+  auto const file = FileAt(kPath);
   for (int round = 0; round < 3; ++round) {
     EXPECT_TRUE(file->Open(true));
     Put(*file, "xy");
@@ -167,13 +158,13 @@ TEST_F(FileStream, CanBeOpenedWrittenAndClosedAgainAndAgain) {
 }
 
 TEST_F(FileStream, CloseWithoutAStreamDoesNothing) {
-  auto const file = At(kPath);
+  auto const file = FileAt(kPath);
   file->Close();
   EXPECT_EQ(file->stream, nullptr);
 }
 
 TEST_F(FileStream, CloseThatCannotFlushSetsTheFailFlag) {
-  auto const file = At("/dev/full", true);
+  auto const file = FileAt("/dev/full", true);
   Put(*file, "lost");
   file->Close();
   EXPECT_TRUE(file->stream->fail());
@@ -182,9 +173,9 @@ TEST_F(FileStream, CloseThatCannotFlushSetsTheFailFlag) {
 
 TEST_F(FileStream, WritesNothingWithoutBytesOrAStream) {
   char byte = 'x';
-  EXPECT_FALSE(At(kPath)->Write(&byte, 1));
+  EXPECT_FALSE(FileAt(kPath)->Write(&byte, 1));
   Holds("");
-  auto const file = At(kPath, true);
+  auto const file = FileAt(kPath, true);
   EXPECT_FALSE(file->Write(nullptr, 1));
   EXPECT_FALSE(file->Write(&byte, 0));
   file->Close();
@@ -192,7 +183,7 @@ TEST_F(FileStream, WritesNothingWithoutBytesOrAStream) {
 }
 
 TEST_F(FileStream, WriteSucceedsWhateverTheStateOfTheStream) {
-  auto const file = At(kPath, true);
+  auto const file = FileAt(kPath, true);
   ASSERT_TRUE(file->stream->fail());
   Put(*file, "lost");
   EXPECT_FALSE(Exists(kPath));
@@ -200,7 +191,7 @@ TEST_F(FileStream, WriteSucceedsWhateverTheStateOfTheStream) {
 
 TEST_F(FileStream, WritesTheValidBytesOfABuffer) {
   Holds("");
-  auto const file = At(kPath, true);
+  auto const file = FileAt(kPath, true);
   char text[] = {'a', '\0', 'c', 'd'};
   Ibuffer characters{text, 0, 3};
   EXPECT_TRUE(file->Write(characters));
@@ -217,7 +208,7 @@ TEST_F(FileStream, WritesTheValidBytesOfABuffer) {
 
 TEST_F(FileStream, GoesWithItsObjectAndWhatWasWrittenStays) {
   {
-    auto const file = At(kPath);
+    auto const file = FileAt(kPath);
     file->Open(false);
     Put(*file, "kept");
   }
@@ -225,7 +216,7 @@ TEST_F(FileStream, GoesWithItsObjectAndWhatWasWrittenStays) {
 }
 
 TEST_F(FileStream, ThatThrowsNeverLeavesTheDestructor) {
-  auto file = At("/dev/full", true);
+  auto file = FileAt("/dev/full", true);
   file->stream->exceptions(std::ios::badbit | std::ios::failbit);
   file->stream->write("lost", 4);
   EXPECT_NO_THROW(file.reset());
@@ -234,7 +225,7 @@ TEST_F(FileStream, ThatThrowsNeverLeavesTheDestructor) {
 TEST_F(FileStream, PrintStatLogsFiveLinesEachWithItsHeader) {
   auto const zone = Scoped::TimeZone("UTC");
   std::string const output = Capture::Output([] {
-    auto const file = At("/mnt/sdcard/cr/a.b.gps");
+    auto const file = FileAt("/mnt/sdcard/cr/a.b.gps");
     file->size = -1;
     file->time = 1614877509;
     file->PrintStat();
@@ -248,13 +239,13 @@ TEST_F(FileStream, PrintStatLogsFiveLinesEachWithItsHeader) {
 
 TEST_F(FileStream, PrintStatShowsATimeOfZeroAsADate) {
   auto const zone = Scoped::TimeZone("UTC");
-  EXPECT_THAT(Capture::Output([] { At(kPath)->PrintStat(); }),
+  EXPECT_THAT(Capture::Output([] { FileAt(kPath)->PrintStat(); }),
               EndsWith("]Time: 1970-01-01 00:00:00\n"));
 }
 
 TEST_F(FileStream, TheSizeOfAFileIsLoggedAsANumber) {
   Holds("12345");
-  auto const file = At(kPath);
+  auto const file = FileAt(kPath);
   ASSERT_TRUE(file->Stat());
   EXPECT_THAT(Capture::Output([&] { Tarvik::Ilog::LogLine(Tarvik::Ilog::Info) << file->size; }),
               EndsWith("]5\n"));
@@ -262,10 +253,10 @@ TEST_F(FileStream, TheSizeOfAFileIsLoggedAsANumber) {
 
 /// Each way in which a file of that path is opened and then kept open.
 std::map<std::string, std::function<std::unique_ptr<Ifile>()>> const kOpenings = {
-    {"made open", [] { return At(kPath, true); }},
+    {"made open", [] { return FileAt(kPath, true); }},
     {"opened in place",
      [] {
-       auto file = At(kPath);
+       auto file = FileAt(kPath);
        file->Open(true);
        return file;
      }},
@@ -277,7 +268,7 @@ std::map<std::string, std::function<std::unique_ptr<Ifile>()>> const kOpenings =
      }},
     {"opened to be copied",
      [] {
-       auto file = At(kPath);
+       auto file = FileAt(kPath);
        EXPECT_TRUE(file->CopyTo(kCopy));
        return file;
      }},
@@ -305,7 +296,7 @@ TEST_F(FileStream, ACopyIsNotWhatIsPrintedMeanwhileByAProcessWithoutStandardOutp
   Holds("12345");
   ChildProcess::Run([] {
     LogFile::Enable(false, true);
-    auto const file = At(kPath, true);
+    auto const file = FileAt(kPath, true);
     close(STDOUT_FILENO);  // now the destination would get its number, and the line for the console
     EXPECT_TRUE(file->CopyTo(kCopy));
   });
@@ -319,7 +310,7 @@ TEST_F(FileStream, OpensNothingElseWhereTheStandardDescriptorsAreOpen) {
     if (function.find("open") != std::string::npos && path != kPath) others.push_back(path);
     return std::nullopt;
   };
-  At(kPath, true);
+  FileAt(kPath, true);
   EXPECT_THAT(others, IsEmpty());
 }
 
@@ -327,7 +318,7 @@ TEST_F(FileStream, CopyToCopiesTheWholeFileAndLogsIt) {
   std::string const content = std::string(100000, 'z') + std::string("\0\n\xff", 3);
   Holds(content);
   Interpose::MakeFile(kCopy, "older and to be replaced");
-  auto const file = At(kPath);
+  auto const file = FileAt(kPath);
   std::string const output = Capture::Output([&] { EXPECT_TRUE(file->CopyTo(kCopy)); });
   EXPECT_EQ(Interpose::ReadFile(kCopy), content);
   EXPECT_EQ(Interpose::ReadFile(kPath), content);
@@ -346,7 +337,7 @@ TEST_F(FileStream, CopyToNeverEmptiesTheSource) {
 
 TEST_F(FileStream, CopyToBeginsWhereTheSourceWasRead) {
   Holds("12345");
-  auto const file = At(kPath, true);
+  auto const file = FileAt(kPath, true);
   EXPECT_EQ(file->stream->get(), '1');
   EXPECT_EQ(file->stream->get(), '2');
   Capture::Output([&] {
@@ -358,13 +349,13 @@ TEST_F(FileStream, CopyToBeginsWhereTheSourceWasRead) {
 }
 
 TEST_F(FileStream, CopyToMakesAMissingSourceAndAnEmptyCopy) {
-  Capture::Output([] { EXPECT_TRUE(At(kPath)->CopyTo(kCopy)); });
+  Capture::Output([] { EXPECT_TRUE(FileAt(kPath)->CopyTo(kCopy)); });
   EXPECT_TRUE(Exists(kPath));
   EXPECT_TRUE(Exists(kCopy));
 }
 
 TEST_F(FileStream, CopyToTakesASourceThatCannotBeOpenedForAnEmptyOne) {
-  std::string const output = Capture::Output([] { EXPECT_TRUE(At(kNowhere)->CopyTo(kCopy)); });
+  std::string const output = Capture::Output([] { EXPECT_TRUE(FileAt(kNowhere)->CopyTo(kCopy)); });
   EXPECT_THAT(output, MatchesRegex(kHeader + "Copy file /mnt/sdcard/missing/a\\.gps to "
                                              "/mnt/sdcard/cr/b\\.gps\n"));
   ASSERT_TRUE(Exists(kCopy));
@@ -381,10 +372,10 @@ std::string LogOfFailedCopy(Ifile& file, std::string const& destination) {
 
 TEST_F(FileStream, CopyToFailsWithOneErrorLineWhenItCannotBegin) {
   Holds("12345");
-  auto const file = At(kPath);
+  auto const file = FileAt(kPath);
   EXPECT_EQ(LogOfFailedCopy(*file, ""), "[ERROR]Ifile: Empty destination path\n");
   EXPECT_EQ(file->stream, nullptr) << "the source was opened all the same";
-  EXPECT_EQ(LogOfFailedCopy(*At(""), kCopy), "[ERROR]Ifile: Empty file path\n");
+  EXPECT_EQ(LogOfFailedCopy(*FileAt(""), kCopy), "[ERROR]Ifile: Empty file path\n");
   EXPECT_EQ(LogOfFailedCopy(*file, kNowhere), "[ERROR]Ifile: destination file not open\n");
 }
 
@@ -395,7 +386,7 @@ TEST_F(FileStream, CopyToLeavesAFileAloneThatIsItsOwnDestination) {
   fs::create_hard_link(path, directory + "/hard link");
   fs::create_symlink(path, directory + "/symbolic link");
   for (std::string const name : {"a.gps", "./a.gps", "hard link", "symbolic link"}) {
-    auto const file = At(path);
+    auto const file = FileAt(path);
     EXPECT_EQ(LogOfFailedCopy(*file, directory + "/" + name),
               "[ERROR]Ifile: destination file not open\n");
     EXPECT_EQ(Interpose::ReadFile(kPath), "12345") << name;
@@ -411,7 +402,7 @@ TEST_F(FileStream, CopyToReportsWhatTheStandardLibraryThrows) {
 
 TEST_F(FileStream, CopyToDoesNotNoticeAFullDestination) {
   Holds("12345");
-  Capture::Output([] { EXPECT_TRUE(At(kPath)->CopyTo("/dev/full")); });
+  Capture::Output([] { EXPECT_TRUE(FileAt(kPath)->CopyTo("/dev/full")); });
 }
 
 /// What `write` leaves in a C stream.

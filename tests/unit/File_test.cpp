@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "tests/support/Capture.h"
+#include "tests/support/FileAt.h"
 #include "tests/support/Interpose.h"
 #include "tests/support/ModificationTime.h"
 
@@ -27,16 +28,11 @@ using testing::IsEmpty;
 
 constexpr char const* kPath = "/mnt/sdcard/cr/clip.gps";
 
-/// The object of a file that need not exist.
-std::unique_ptr<Ifile> At(std::string path, bool open = false) {
-  return std::make_unique<Ifile>(path, open);
-}
-
 class File : public testing::Test {
  protected:
   static void MakeOfSize(std::size_t size) { Interpose::MakeFile(kPath, std::string(size, 'x')); }
   static bool Exists() { return fs::exists(Interpose::Real(kPath)); }
-  std::unique_ptr<Ifile> const file = At(kPath);
+  std::unique_ptr<Ifile> const file = FileAt(kPath);
 };
 
 TEST(FileObject, IsEmptyAndHasAnUnopenedStreamWhenMadeWithoutAPath) {
@@ -53,7 +49,7 @@ TEST(FileObject, IsEmptyAndHasAnUnopenedStreamWhenMadeWithoutAPath) {
 }
 
 TEST(FileObject, TakesNameAndExtensionFromItsPathAndMakesNoStream) {
-  auto const file = At("/mnt/sdcard/cr/rec.2021.gps");
+  auto const file = FileAt("/mnt/sdcard/cr/rec.2021.gps");
   EXPECT_EQ(file->path, "/mnt/sdcard/cr/rec.2021.gps");
   EXPECT_EQ(file->name, "rec.2021.gps");
   EXPECT_EQ(file->GetName(), "rec.2021.gps");
@@ -66,9 +62,9 @@ TEST(FileObject, TakesNameAndExtensionFromItsPathAndMakesNoStream) {
 }
 
 TEST(FileObject, CanBeMadeOfAnEmptyPath) {
-  auto const closed = At("");
+  auto const closed = FileAt("");
   EXPECT_THAT(closed->name, IsEmpty());
-  auto const opened = At("", true);
+  auto const opened = FileAt("", true);
   ASSERT_NE(opened->stream, nullptr);
   EXPECT_FALSE(opened->stream->is_open());
 }
@@ -151,7 +147,7 @@ TEST_F(File, StatDescribesASymbolicLinkAndNotWhereItLeads) {
   MakeOfSize(5000);
   std::string const link = "/mnt/sdcard/cr/link";
   fs::create_symlink("clip.gps", Interpose::Real(link));
-  auto const linked = At(link);
+  auto const linked = FileAt(link);
   EXPECT_TRUE(linked->Stat());
   EXPECT_EQ(linked->size, 8);
 }
@@ -160,7 +156,7 @@ TEST_F(File, StatTakesALinkThatLeadsNowhereForMissing) {
   MakeOfSize(0);
   std::string const link = "/mnt/sdcard/cr/link";
   fs::create_symlink("nowhere", Interpose::Real(link));
-  auto const linked = At(link);
+  auto const linked = FileAt(link);
   EXPECT_FALSE(linked->FileExists());
   EXPECT_FALSE(linked->Stat());
 }
@@ -222,7 +218,7 @@ TEST_F(File, RemoveStopsAtTheFirstSuccess) {
 
 TEST_F(File, RemoveClosesTheStreamFirstAndKeepsIt) {
   MakeOfSize(1);
-  auto const opened = At(kPath, true);
+  auto const opened = FileAt(kPath, true);
   Interpose::hooks().unlink = [&opened](std::string const&) {
     EXPECT_FALSE(opened->stream->is_open());
     return Answer::Failure(EBUSY);
@@ -233,7 +229,7 @@ TEST_F(File, RemoveClosesTheStreamFirstAndKeepsIt) {
 
 TEST_F(File, RemoveLeavesTheStreamOpenWhenTheFileIsMissing) {
   MakeOfSize(1);
-  auto const opened = At(kPath, true);
+  auto const opened = FileAt(kPath, true);
   fs::remove(Interpose::Real(kPath));
   EXPECT_FALSE(opened->Remove());
   EXPECT_TRUE(opened->stream->is_open());
@@ -243,7 +239,7 @@ TEST_F(File, RemoveTakesALinkAndLeavesWhatItLeadsTo) {
   MakeOfSize(1);
   std::string const link = "/mnt/sdcard/cr/link";
   fs::create_symlink("clip.gps", Interpose::Real(link));
-  auto const linked = At(link);
+  auto const linked = FileAt(link);
   EXPECT_TRUE(linked->Remove());
   EXPECT_FALSE(fs::is_symlink(Interpose::Real(link)));
   EXPECT_TRUE(Exists());
@@ -314,7 +310,7 @@ TEST_F(File, RenameTakesAPathThatTheApplicationKeepsInAnotherField) {
   for (std::string Ifile::*const field : {&Ifile::path, &Ifile::name, &Ifile::extension}) {
     std::string const newPath = "/mnt/sdcard/cr/other.b.log";
     MakeOfSize(4);
-    auto const renamed = At(kPath);
+    auto const renamed = FileAt(kPath);
     if (field != &Ifile::path) (*renamed).*field = newPath;
     std::string const expected = (*renamed).*field;
     EXPECT_TRUE(renamed->Rename((*renamed).*field));
@@ -344,7 +340,7 @@ TEST_F(File, RenameTakesAPathOfThreeCharactersButNoShorterOne) {
 
 TEST_F(File, RenameRefusesWhileTheStreamIsOpen) {
   MakeOfSize(1);
-  auto const opened = At(kPath, true);
+  auto const opened = FileAt(kPath, true);
   std::string newPath = "/mnt/sdcard/cr/other";
   EXPECT_FALSE(opened->Rename(newPath));
   EXPECT_TRUE(Exists());

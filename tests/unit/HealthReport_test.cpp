@@ -3,25 +3,28 @@
 #include <unistd.h>
 
 #include <iostream>
-#include <optional>
+#include <memory>
 #include <string>
 
 #include "DiskUtils/System.h"
 #include "tests/support/Capture.h"
+#include "tests/support/CardText.h"
 #include "tests/support/ChildProcess.h"
 #include "tests/support/FakeCard.h"
 #include "tests/support/Interpose.h"
+#include "tests/support/OwnedSystem.h"
 
 namespace {
 
+using CardText::kNoCard;
+using CardText::kRule;
+using CardText::kTitle;
 using Interpose::hooks;
 using Quellon::DiskUtils::Disk;
 using testing::MatchesRegex;
 
-std::string const kRule(66, '=');
-std::string const kTitle = "============================ SD CARD =============================\n";
 std::string const kBanner =
-    "\n" + kRule + "\nSYSTEM DATE/TIME CHANGED, RTC RESET DUE POWER OFF\n" + kRule + "\n";
+    "\n" + kRule + "SYSTEM DATE/TIME CHANGED, RTC RESET DUE POWER OFF\n" + kRule;
 std::string const kGoodCard = kTitle +
                               " size [15931539456] B\n"
                               " usable size [12288000000] B \n"
@@ -29,18 +32,12 @@ std::string const kGoodCard = kTitle +
                               " read only [0]\n"
                               " fcsk status [0]\n"
                               " cid [275048534433324760e0e7f40f012a01]\n" +
-                              kRule + "\n";
-std::string const kNoCard = kTitle + "NOT PRESENT\n" + kRule + "\n";
+                              kRule;
 
 class HealthReport : public testing::Test {
  protected:
-  HealthReport() {
-    Capture::Output([this] {
-      system.emplace();
-      disk.emplace(FakeCard::kMountPoint, FakeCard::kPartition, FakeCard::kDevice);
-    });
-    system->disk = &*disk;
-  }
+  HealthReport() { system->disk = &disk; }
+  ~HealthReport() override { system->disk = nullptr; }  // it is the test's
 
   std::string Build() {
     return Capture::Output([this] { system->BuildDiskHealthReport(); });
@@ -56,8 +53,8 @@ class HealthReport : public testing::Test {
   }
 
   FakeCard card;
-  std::optional<Quellon::System> system;
-  std::optional<Disk> disk;
+  std::unique_ptr<OwnedSystem> const system = NewSystem();
+  Disk disk = FakeCard::MakeDisk();
 };
 
 TEST_F(HealthReport, PrintsNothingAndRecordsNothingWithoutADisk) {
@@ -73,16 +70,16 @@ TEST_F(HealthReport, PrintsAnAvailableCard) {
 
 TEST_F(HealthReport, PrintsEveryFigureOfTheStatusTable) {
   FakeCard::Status() = {"short", true, true, 12, 0, 32010928128, 1234567890123};
-  disk->totalBytes = 987654321098;
+  disk.totalBytes = 987654321098;
   EXPECT_EQ(Build(), kTitle +
                          " size [32010928128] B\n usable size [987654321098] B \n"
                          " writen [1234567890123] kB\n read only [1]\n fcsk status [12]\n"
                          " cid [short]\n" +
-                         kRule + "\n");
+                         kRule);
 }
 
 TEST_F(HealthReport, PrintsACardThatIsNotAvailableAsNotPresent) {
-  disk->available = false;
+  disk.available = false;
   EXPECT_EQ(Build(), kNoCard);
 }
 
@@ -147,7 +144,7 @@ struct State {
 class HealthReportStateCode : public HealthReport, public testing::WithParamInterface<State> {};
 
 TEST_P(HealthReportStateCode, TellsWhyTheCardIsNotInService) {
-  disk->available = GetParam().available;
+  disk.available = GetParam().available;
   FakeCard::Status().malfunction = GetParam().malfunction;
   FakeCard::Status().readOnly = GetParam().readOnly;
   Build();
@@ -162,7 +159,7 @@ INSTANTIATE_TEST_SUITE_P(AllStates, HealthReportStateCode,
 
 TEST_F(HealthReport, MakesAZeroedEntryForAnUnknownMountPoint) {
   Disk::deviceStatusList.clear();
-  disk->available = false;
+  disk.available = false;
   EXPECT_EQ(Build(), kNoCard);
   EXPECT_EQ(Disk::deviceStatusList.count(FakeCard::kMountPoint), 1U);
   EXPECT_EQ(Integer("zf"), 0);

@@ -13,6 +13,8 @@
 #include <vector>
 
 #include "base/IException.h"
+#include "tests/support/ErrorRecord.h"
+#include "tests/support/Refusal.h"
 #include "tests/support/RemovalTest.h"
 
 namespace {
@@ -59,9 +61,7 @@ class MakeRoom : public RemovalTest {
 
   static void ExpectFailure(FilesManager& catalogue, std::string const& message) {
     EXPECT_FALSE(catalogue.MakeRoom());
-    EXPECT_TRUE(catalogue.HasError());
-    EXPECT_EQ(catalogue.GetError(), message);
-    EXPECT_EQ(catalogue.GetErrorPlace(), "MakeRoom");
+    EXPECT_EQ(ErrorOf(catalogue), message + " in MakeRoom");
   }
 
   static constexpr std::int64_t kRoundedUp = 1073741889;  // as a float 63 more
@@ -128,17 +128,10 @@ TEST_F(MakeRoom, CheckedWithoutACardThrowsOrRecordsAsAsked) {
   card.available = false;
   FilesManager without(nullptr, kDirectory, 0, 1.0F);
   for (FilesManager* const catalogue : {withdrawn.get(), &without}) {
-    try {
-      catalogue->CheckAvailableSpace(true);
-      FAIL() << "nothing was thrown";
-    } catch (Tarvik::IException const& e) {
-      EXPECT_STREQ(e.what(), "Disk not available");
-      EXPECT_EQ(e.code, 0);
-    }
+    EXPECT_EQ(Refusal([&] { catalogue->CheckAvailableSpace(true); }), "Disk not available");
     EXPECT_FALSE(catalogue->HasError());
     EXPECT_FALSE(catalogue->CheckAvailableSpace(false));
-    EXPECT_EQ(catalogue->GetError(), "Disk not received");
-    EXPECT_EQ(catalogue->GetErrorPlace(), "MakeRoom");
+    EXPECT_EQ(ErrorOf(*catalogue), "Disk not received in MakeRoom");
   }
 }
 
@@ -160,13 +153,9 @@ TEST_F(MakeRoom, CheckPassesOnThatTheCardCannotBeMeasured) {
   auto const catalogue = NewCatalogue();
   MeasuringFails();
   for (bool const throwIfNoDisk : {true, false}) {
-    try {
-      catalogue->CheckAvailableSpace(throwIfNoDisk);
-      FAIL() << "nothing was thrown";
-    } catch (Tarvik::IException const& e) {
-      EXPECT_STREQ(e.what(), "Get space stat error");
-      EXPECT_EQ(e.code, EIO);
-    }
+    auto const failure = Thrown([&] { catalogue->CheckAvailableSpace(throwIfNoDisk); });
+    EXPECT_STREQ(failure.value().what(), "Get space stat error");
+    EXPECT_EQ(failure->code, EIO);
   }
   EXPECT_FALSE(catalogue->HasError());
 }

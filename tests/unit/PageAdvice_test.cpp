@@ -28,10 +28,7 @@ void LookIntoTheSlot(Quellon::System& system) {
 class PageAdvicePulledCard : public testing::Test {
  protected:
   PageAdvicePulledCard() {
-    Capture::Output([this] {
-      system = std::make_unique<OwnedSystem>();
-      system->InitDisk();
-    });
+    Capture::Output([this] { system->InitDisk(); });
     Interpose::RemoveFile("/dev/mmcblk1");
     Interpose::RemoveFile(FakeCard::kPartition);
   }
@@ -39,7 +36,7 @@ class PageAdvicePulledCard : public testing::Test {
   std::string Summary() { return system->GetHealthReport(); }
 
   FakeCard card;
-  std::unique_ptr<OwnedSystem> system;
+  std::unique_ptr<OwnedSystem> const system = NewSystem();
 };
 
 TEST_F(PageAdvicePulledCard, IsInServiceForTheHealthSummaryUntilSomebodyLooks) {
