@@ -5,7 +5,6 @@
 #include <sys/sysmacros.h>
 
 #include <fstream>
-#include <functional>
 
 #include "tests/card/DiskFixture.h"
 #include "tests/support/Capture.h"
@@ -16,7 +15,6 @@ namespace fs = std::filesystem;
 using CardTests::CommandInFront;
 using CardTests::ScanFailure;
 using CardTests::TextOf;
-using Quellon::DiskUtils::Disk;
 using testing::EndsWith;
 using testing::HasSubstr;
 using testing::StartsWith;
@@ -24,17 +22,6 @@ using testing::StartsWith;
 constexpr char const* kLookAtTestFile = "debugfs -R 'cat check.tmp' /dev/mmcblk1p1 > /tmp/seen\n";
 
 class DiskScan : public CardTests::DiskTest {};
-
-class DiskScanOfACraftedCard : public DiskScan {
- protected:
-  /// Has `make` put something in the place of the test file, where nobody can remove it.
-  void PlantForGood(std::function<void(fs::path const& place)> const& make) {
-    card.Edit([&](fs::path const& root) {
-      make(root / "check.tmp");
-      CardTests::RunQuietly("chattr +i " + root.string());
-    });
-  }
-};
 
 TEST_F(DiskScan, ScanOfAGoodCardPassesAndLeavesNoTestFile) {
   auto disk = MakeDiskOfInsertedCard();
@@ -167,44 +154,6 @@ TEST_F(DiskScan, OldTestFileOnACardThatMountsReadOnlyCountsForNothing) {
   EXPECT_EQ(TextOf("/mnt/sdcard/check.tmp"), "old");
 }
 
-TEST_F(DiskScanOfACraftedCard, LinkThatCannotBeRemovedIsNotWrittenThrough) {
-  std::ofstream("/root/outside") << "outside";
-  PlantForGood([](fs::path const& place) { fs::create_symlink("/root/outside", place); });
-  auto disk = MakeDiskOfInsertedCard();
-  Capture::Descriptor output(1);
-
-  EXPECT_EQ(ScanFailure(disk), "disk malfunction");
-  EXPECT_EQ(TextOf("/root/outside"), "outside");
-  fs::remove("/root/outside");
-}
-
-TEST_F(DiskScanOfACraftedCard, LinkThatCannotBeRemovedMakesNoFileWhereItLeads) {
-  PlantForGood([](fs::path const& place) { fs::create_symlink("/root/made", place); });
-  auto disk = MakeDiskOfInsertedCard();
-  Capture::Descriptor output(1);
-
-  EXPECT_EQ(ScanFailure(disk), "disk malfunction");
-  EXPECT_FALSE(fs::exists("/root/made"));
-}
-
-TEST_F(DiskScanOfACraftedCard, PipeThatCannotBeRemovedDoesNotStopTheScan) {
-  PlantForGood([](fs::path const& place) { ASSERT_EQ(mkfifo(place.c_str(), 0600), 0); });
-  auto disk = MakeDiskOfInsertedCard();
-  Capture::Descriptor output(1);
-
-  EXPECT_EQ(ScanFailure(disk), "disk malfunction");
-}
-
-TEST_F(DiskScanOfACraftedCard, DeviceThatCannotBeRemovedIsNotTakenForTheTestFile) {
-  PlantForGood([](fs::path const& place) {
-    ASSERT_EQ(mknod(place.c_str(), S_IFCHR | 0600, makedev(1, 3)), 0);  // as /dev/null
-  });
-  auto disk = MakeDiskOfInsertedCard();
-  Capture::Descriptor output(1);
-
-  EXPECT_EQ(ScanFailure(disk), "disk malfunction");
-}
-
 TEST_F(DiskScan, CardThatTurnsReadOnlyDuringTheScanIsNotAvailable) {
   auto disk = MakeDiskOfInsertedCard();
   card.ReportReadOnly(true);
@@ -226,5 +175,48 @@ TEST_F(DiskScan, ScanPassesWithoutALifetimeCounter) {
   EXPECT_THAT(output.Text(), EndsWith("ERR: [/sys/fs/ext4/mmcblk1p1/lifetime_write_kbytes] does "
                                       "not exist !\n"));
 }
+
+constexpr char const* kOutside = "/root/outside";
+constexpr char const* kNowhere = "/root/nowhere";
+
+/// What somebody may have put in the place of the test file.
+struct Thing {
+  char const* name;
+  void (*make)(fs::path const& place);
+};
+
+class DiskScanOfACraftedCard : public DiskScan, public testing::WithParamInterface<Thing> {
+ protected:
+  DiskScanOfACraftedCard() {
+    std::ofstream(kOutside) << "outside";
+    card.Edit([](fs::path const& root) {
+      GetParam().make(root / "check.tmp");
+      CardTests::RunQuietly("chattr +i " + root.string());  // so that nobody can remove it
+    });
+  }
+  ~DiskScanOfACraftedCard() override { fs::remove(kOutside); }
+};
+
+TEST_P(DiskScanOfACraftedCard, RefusesItAndUsesNothingThatIsNoTestFile) {
+  auto disk = MakeDiskOfInsertedCard();
+  Capture::Descriptor output(1);
+
+  EXPECT_EQ(ScanFailure(disk), "disk malfunction");
+  EXPECT_EQ(TextOf(kOutside), "outside");
+  EXPECT_FALSE(fs::exists(kNowhere));
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Things, DiskScanOfACraftedCard,
+    testing::Values(
+        Thing{"ALink", [](fs::path const& place) { fs::create_symlink(kOutside, place); }},
+        Thing{"ALinkThatLeadsNowhere",
+              [](fs::path const& place) { fs::create_symlink(kNowhere, place); }},
+        Thing{"APipe", [](fs::path const& place) { ASSERT_EQ(mkfifo(place.c_str(), 0600), 0); }},
+        Thing{"ADevice",
+              [](fs::path const& place) {
+                ASSERT_EQ(mknod(place.c_str(), S_IFCHR | 0600, makedev(1, 3)), 0);  // /dev/null
+              }}),
+    [](auto const& instance) { return instance.param.name; });
 
 }  // namespace
