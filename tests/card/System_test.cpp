@@ -12,6 +12,7 @@
 #include "tests/card/CardFixture.h"
 #include "tests/card/Interpose.h"
 #include "tests/support/Capture.h"
+#include "tests/support/CardText.h"
 #include "tests/support/CounterFile.h"
 #include "tests/support/OwnedSystem.h"
 
@@ -81,9 +82,8 @@ std::string System::StartUntilItGivesUp(std::string const& reason) {
   std::string last = PowerOn();
   EXPECT_THAT(last, HasSubstr("Exception disk (0): " + reason +
                               "\nFound SD card status counter 3 on file\n"
-                              "Found SD card status counter 4 on file, passed limit\n"
-                              "============================ SD CARD ============================="
-                              "\nNOT PRESENT\n"));
+                              "Found SD card status counter 4 on file, passed limit\n" +
+                              CardText::kNoCard));
   EXPECT_THAT(last, HasSubstr("card: unusable\n"));
   EXPECT_THAT(last, Not(HasSubstr("reboot")));
   EXPECT_EQ(TextOf(CounterFile::kPath), CounterFile::Text(3));
@@ -102,14 +102,11 @@ TEST_F(System, GoodCardIsBroughtIntoServiceAndReported) {
   EXPECT_FALSE(system.diskFault);
   EXPECT_EQ(MachineCalls().back(), "sleep 1000 ms");
   auto const& status = Quellon::DiskUtils::Disk::deviceStatusList[kMountPoint];
-  EXPECT_THAT(output.Text(),
-              EndsWith("============================ SD CARD =============================\n"
-                       " size [67108864] B\n usable size [" +
-                       std::to_string(disk->totalBytes) + "] B \n writen [" +
-                       std::to_string(status.lifetimeWritesKB) +
-                       "] kB\n read only [0]\n fcsk status [0]\n cid [" + card.identity.cid +
-                       "]\n"
-                       "==================================================================\n"));
+  EXPECT_THAT(output.Text(), EndsWith(CardText::kTitle + " size [67108864] B\n usable size [" +
+                                      std::to_string(disk->totalBytes) + "] B \n writen [" +
+                                      std::to_string(status.lifetimeWritesKB) +
+                                      "] kB\n read only [0]\n fcsk status [0]\n cid [" +
+                                      card.identity.cid + "]\n" + CardText::kRule));
 }
 
 TEST_F(System, HealthOfAGoodCardIsMeasured) {

@@ -121,8 +121,9 @@ TEST_F(CatalogueList, MayBePutInAnotherOrderBetweenTheAttemptsToMakeRoom) {
   FillCard(70);
   auto const measure = Interpose::hooks().statvfs;
   Interpose::hooks().statvfs = [&](std::string const& path, struct statvfs* space) {
-    if (freeBytes == 90)
+    if (freeBytes == 90) {
       list.sort([](Ifile* one, Ifile* other) { return one->name > other->name; });
+    }
     return measure(path, space);
   };
   EXPECT_TRUE(catalogue->MakeRoom());

@@ -62,8 +62,9 @@ constexpr std::size_t kUpperMark = 992 * 1024;  // where it does so without its 
 /// Whole lines, together of that many bytes.
 std::string Lines(std::size_t size) {
   std::string text(size, 'a');
-  for (std::size_t end = size; end > 0; end -= std::min<std::size_t>(end, 100))
+  for (std::size_t end = size; end > 0; end -= std::min<std::size_t>(end, 100)) {
     text[end - 1] = '\n';
+  }
   return text;
 }
 
@@ -423,8 +424,9 @@ TEST_F(FileLog, ALineThatAnotherProcessWritesWhileTheFileIsRenamedStays) {
 
 TEST_F(FileLog, ProcessesWithLongLinesKeepItsLimitToo) {
   std::vector<pid_t> writers;
-  for (int writer = 0; writer < 2; ++writer)
+  for (int writer = 0; writer < 2; ++writer) {
     writers.push_back(StartWriter(writer, 200, 300'000, 7'919));
+  }
   for (pid_t const writer : writers) EXPECT_EQ(ChildProcess::Wait(writer), 0);
   EXPECT_LT(LogFile::Text().size(), kLimit);
   EXPECT_LT(Older().size(), kLimit);

@@ -5,7 +5,6 @@
 #include <cerrno>
 #include <chrono>
 #include <cmath>
-#include <filesystem>
 #include <limits>
 #include <memory>
 #include <stdexcept>
@@ -23,7 +22,6 @@ using namespace std::chrono_literals;
 using Interpose::Answer;
 using testing::ElementsAre;
 using testing::IsEmpty;
-using testing::SizeIs;
 
 class MakeRoom : public RemovalTest {
  protected:
@@ -214,38 +212,6 @@ TEST_F(MakeRoom, DeletesUntilTheCatalogueIsWithinItsShare) {
   Keep(*catalogue, {"a.dat", "b.dat", "c.dat", "d.dat"});
   EXPECT_TRUE(catalogue->MakeRoom());
   EXPECT_THAT(Names(*catalogue), ElementsAre("c.dat", "d.dat"));
-}
-
-TEST_F(MakeRoom, DeletesInThePlaceOfFilesThatOthersDeletedUntilTheCatalogueIsLoadedAgain) {
-  totalBytes = 100;  // so 50 may be used, if not quite
-  for (bool const again : {false, true}) {
-    auto const catalogue = NewCatalogue(kDirectory, 0, 0.5F);
-    Keep(*catalogue, {"a.dat", "b.dat", "c.dat", "d.dat", "e.dat"});
-    for (char const* name : {"a.dat", "b.dat", "c.dat"}) std::filesystem::remove(Where(name));
-    if (again) {
-      EXPECT_TRUE(catalogue->LoadAndSort());
-    }
-    EXPECT_TRUE(catalogue->MakeRoom());
-    EXPECT_EQ(OnCard().size(), again ? 2U : 0U);
-  }
-}
-
-TEST_F(MakeRoom, TakesTheShareForWhatItIs) {
-  for (float const nothing : {0.0F, -0.8F, std::nanf("")}) {
-    auto const catalogue = NewCatalogue(kDirectory, 0, nothing);
-    Keep(*catalogue, {"a.dat", "b.dat"});
-    ExpectFailure(*catalogue, kGivenUp);
-    EXPECT_THAT(OnCard(), IsEmpty()) << nothing;
-  }
-  card.reserveBytes = 10;
-  auto const perCent = NewCatalogue(kDirectory, 0, 80.0F);
-  totalBytes = 40;
-  Keep(*perCent, {"a.dat", "b.dat", "c.dat", "d.dat"});
-  freeBytes = 11;
-  EXPECT_TRUE(perCent->MakeRoom());
-  EXPECT_THAT(perCent->GetList(), SizeIs(4));
-  freeBytes = 10;
-  EXPECT_FALSE(perCent->MakeRoom());
 }
 
 TEST_F(MakeRoom, GivesUpAfterAHundredFruitlessAttemptsTenMillisecondsApart) {

@@ -9,6 +9,7 @@
 
 #include "DiskUtils/System.h"
 #include "tests/support/CatalogueTest.h"
+#include "tests/support/ErrorRecord.h"
 #include "tests/support/FakeCard.h"
 #include "tests/support/OwnedSystem.h"
 
@@ -99,21 +100,26 @@ TEST_F(PageAdviceDeletedByOthers, RecordingsTakeNothingWithThemOnceTheDirectoryW
 // Nine recordings of 10 bytes on a card for 100, 5 of which are the reserve.
 class PageAdviceShare : public CatalogueTest, public testing::WithParamInterface<float> {
  protected:
-  bool MakeRoomWithFreeBytes(std::int64_t bytes) {
+  /// What comes of making room with that many bytes free: the error, if any.
+  std::string MakeRoomWithFreeBytes(std::int64_t bytes) {
     totalBytes = 100;
     freeBytes = bytes;
     card.reserveBytes = 5;
     for (char const digit : std::string("123456789")) MakeRecording({digit, '.', 'd'}, 10, digit);
     auto const catalogue = NewCatalogue(kDirectory, 1, GetParam());
     EXPECT_TRUE(catalogue->LoadAndSort());
-    return catalogue->MakeRoom();
+    bool const made = catalogue->MakeRoom();
+    EXPECT_EQ(made, !catalogue->HasError());
+    return ErrorOf(*catalogue);
   }
+
+  static constexpr char const* kGivenUp = "Unable to make room, after 100 retries in MakeRoom";
 };
 
 class PageAdviceNoShare : public PageAdviceShare {};
 
 TEST_P(PageAdviceNoShare, HasEveryRecordingDeleted) {
-  EXPECT_FALSE(MakeRoomWithFreeBytes(100));
+  EXPECT_EQ(MakeRoomWithFreeBytes(100), kGivenUp);
   EXPECT_THAT(OnCard(), IsEmpty());
 }
 
@@ -123,8 +129,9 @@ INSTANTIATE_TEST_SUITE_P(OutsideOfFractions, PageAdviceNoShare,
 class PageAdviceShareAboveOne : public PageAdviceShare {};
 
 TEST_P(PageAdviceShareAboveOne, LimitsNothingAndLeavesTheReserve) {
-  EXPECT_TRUE(MakeRoomWithFreeBytes(6));
+  EXPECT_EQ(MakeRoomWithFreeBytes(6), "");
   EXPECT_THAT(OnCard(), SizeIs(9));
+  EXPECT_EQ(MakeRoomWithFreeBytes(5), kGivenUp);
 }
 
 INSTANTIATE_TEST_SUITE_P(MeantAsPerCent, PageAdviceShareAboveOne, testing::Values(80.0F));
