@@ -75,11 +75,11 @@ class CatalogueTest : public testing::Test {
   ~CatalogueTest() override { LiveFiles::DeleteAll(); }
 
   /// A catalogue of that directory, which has logged its figures out of sight.
-  std::unique_ptr<FilesManager> NewCatalogue(std::string const& directory = kDirectory,
-                                             unsigned long long minimumFree = 0,
-                                             float share = 1.0F) {
+  template <typename Type = FilesManager>
+  std::unique_ptr<Type> NewCatalogue(std::string const& directory = kDirectory,
+                                     unsigned long long minimumFree = 0, float share = 1.0F) {
     Capture::Descriptor const hidden(1);
-    return std::make_unique<FilesManager>(&card, directory, minimumFree, share);
+    return std::make_unique<Type>(&card, directory, minimumFree, share);
   }
 
   /// Adds files that exist, oldest first.

@@ -89,15 +89,13 @@ TEST_F(CatalogueList, ItsAdditionsTakeTheTotalToZeroAtMostAndNoMoreIsDeletedThan
 }
 
 TEST_F(CatalogueList, OnceItIsEmptiedNoPassIsStarted) {
-  MakeRecording("a.dat", 10);
-  Capture::Descriptor const hidden(1);
-  Counting counting(&card, kDirectory, 0, 1.0F);
-  Add(counting, {"a.dat"});
-  delete counting.GetList().front();
-  counting.GetList().clear();
-  counting.RemoveAllFilesAsync();
-  counting.Join();
-  EXPECT_EQ(counting.passes, 0);
+  auto const counting = NewCatalogue<Counting>();
+  Keep(*counting, {"a.dat"});
+  delete counting->GetList().front();
+  counting->GetList().clear();
+  counting->RemoveAllFilesAsync();
+  counting->Join();
+  EXPECT_EQ(counting->passes, 0);
 }
 
 TEST_F(CatalogueList, MayLoseItsHeadBetweenTheAttemptsToMakeRoom) {

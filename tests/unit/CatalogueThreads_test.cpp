@@ -90,41 +90,36 @@ TEST_F(CatalogueThreads, StartOfAPassDoesNotWaitForIt) {
 }
 
 TEST_F(CatalogueThreads, NoneIsStartedForAnEmptyCatalogue) {
-  Capture::Descriptor const hidden(1);
-  Counting empty(&card, kDirectory, 0, 1.0F);
-  empty.RemoveAllFilesAsync();
-  empty.Join();
-  EXPECT_EQ(empty.passes, 0);
+  auto const empty = NewCatalogue<Counting>();
+  empty->RemoveAllFilesAsync();
+  empty->Join();
+  EXPECT_EQ(empty->passes, 0);
 }
 
 TEST_F(CatalogueThreads, OnePassIsRunForAStartAndASecondStartDuringItIsNone) {
-  Capture::Descriptor const hidden(1);
-  Counting counting(&card, kDirectory, 0, 1.0F);
-  MakeRecording("a.log");
-  MakeRecording("b.dat");
-  Add(counting, {"a.log", "b.dat"});
+  auto const counting = NewCatalogue<Counting>();
+  Keep(*counting, {"a.log", "b.dat"});
   Barrier barrier;
-  counting.RemoveAllFilesAsync();
+  counting->RemoveAllFilesAsync();
   barrier.AwaitRemoval();
-  counting.RemoveAllFilesAsync();
+  counting->RemoveAllFilesAsync();
   barrier.Open();
-  counting.Join();
-  EXPECT_EQ(counting.passes, 1);
+  counting->Join();
+  EXPECT_EQ(counting->passes, 1);
 }
 
 TEST_F(CatalogueThreads, AStartAtTheVeryEndOfAPassIsNotLost) {
-  Capture::Descriptor const hidden(1);
-  Counting counting(&card, kDirectory, 0, 1.0F);
+  auto const counting = NewCatalogue<Counting>();
   for (char const* name : {"a.dat", "b.dat"}) MakeRecording(name);
-  Add(counting, {"a.dat"});
-  counting.afterPass = [&] {
-    if (counting.passes > 1) return;
-    Add(counting, {"b.dat"});
-    counting.RemoveAllFilesAsync();
+  Add(*counting, {"a.dat"});
+  counting->afterPass = [&] {
+    if (counting->passes > 1) return;
+    Add(*counting, {"b.dat"});
+    counting->RemoveAllFilesAsync();
   };
-  counting.RemoveAllFilesAsync();
-  counting.Join();
-  EXPECT_EQ(counting.passes, 2);
+  counting->RemoveAllFilesAsync();
+  counting->Join();
+  EXPECT_EQ(counting->passes, 2);
   EXPECT_THAT(OnCard(), IsEmpty());
 }
 
