@@ -22,11 +22,11 @@ using Tarvik::UniqueFd;
 
 namespace {
 
-fs::path const blockNode = "/dev/mmcblk1";
-fs::path const partitionNode = "/dev/mmcblk1p1";
-fs::path const blockEntry = "/sys/block/mmcblk1";
-fs::path const classEntry = "/sys/class/block/mmcblk1";
-fs::path const ext4Entry = "/sys/fs/ext4/mmcblk1p1";
+fs::path const kBlockNode = "/dev/mmcblk1";
+fs::path const kPartitionNode = "/dev/mmcblk1p1";
+fs::path const kBlockEntry = "/sys/block/mmcblk1";
+fs::path const kClassEntry = "/sys/class/block/mmcblk1";
+fs::path const kExt4Entry = "/sys/fs/ext4/mmcblk1p1";
 
 [[noreturn]] void ThrowSystemError(std::string const& what) {
   throw std::system_error(errno, std::generic_category(), what);
@@ -93,9 +93,9 @@ LoopDevice::LoopDevice(UniqueFd const& file, bool readOnly) {
 }
 
 void LoopDevice::MakeNode(fs::path const& path) const {
-  constexpr unsigned loopMajor = 7;
-  constexpr mode_t blockDevice = S_IFBLK | 0600;
-  Checked(mknod(path.c_str(), blockDevice, makedev(loopMajor, static_cast<unsigned>(number))),
+  constexpr unsigned kLoopMajor = 7;
+  constexpr mode_t kBlockDevice = S_IFBLK | 0600;
+  Checked(mknod(path.c_str(), kBlockDevice, makedev(kLoopMajor, static_cast<unsigned>(number))),
           "mknod " + path.string());
 }
 
@@ -110,35 +110,36 @@ Card::~Card() {
 
 void Card::Insert() {
   slot.emplace(image, writeProtected);
-  slot->MakeNode(blockNode);
-  slot->MakeNode(partitionNode);
+  slot->MakeNode(kBlockNode);
+  slot->MakeNode(kPartitionNode);
   MakeSysfsEntries(slot->Name());
 }
 
 void Card::Remove() {
   std::error_code ignored;
-  for (auto const& entry : {ext4Entry, classEntry, blockEntry, partitionNode, blockNode})
+  for (auto const& entry : {kExt4Entry, kClassEntry, kBlockEntry, kPartitionNode, kBlockNode}) {
     fs::remove_all(entry, ignored);
+  }
   slot.reset();
 }
 
 void Card::MakeSysfsEntries(std::string const& loopName) const {
-  fs::create_directories(blockEntry / "device");
-  WriteLine(blockEntry / "device/cid", identity.cid);
-  WriteLine(blockEntry / "device/csd", identity.csd);
-  WriteLine(blockEntry / "device/serial", identity.serial);
-  WriteLine(blockEntry / "device/manfid", identity.manfid);
-  WriteLine(blockEntry / "device/oemid", identity.oemid);
-  WriteLine(blockEntry / "device/name", identity.name);
-  fs::create_symlink("/sys/kernel/block/" + loopName + "/size", blockEntry / "size");
-  fs::create_symlink("/sys/kernel/block/" + loopName + "/ro", blockEntry / "ro");
-  fs::create_directory_symlink(blockEntry, classEntry);
-  fs::create_directory_symlink("/sys/kernel/ext4/" + loopName, ext4Entry);
+  fs::create_directories(kBlockEntry / "device");
+  WriteLine(kBlockEntry / "device/cid", identity.cid);
+  WriteLine(kBlockEntry / "device/csd", identity.csd);
+  WriteLine(kBlockEntry / "device/serial", identity.serial);
+  WriteLine(kBlockEntry / "device/manfid", identity.manfid);
+  WriteLine(kBlockEntry / "device/oemid", identity.oemid);
+  WriteLine(kBlockEntry / "device/name", identity.name);
+  fs::create_symlink("/sys/kernel/block/" + loopName + "/size", kBlockEntry / "size");
+  fs::create_symlink("/sys/kernel/block/" + loopName + "/ro", kBlockEntry / "ro");
+  fs::create_directory_symlink(kBlockEntry, kClassEntry);
+  fs::create_directory_symlink("/sys/kernel/ext4/" + loopName, kExt4Entry);
 }
 
 void Card::ReportReadOnly(bool on) {
-  fs::remove(blockEntry / "ro");
-  WriteLine(blockEntry / "ro", on ? "1" : "0");
+  fs::remove(kBlockEntry / "ro");
+  WriteLine(kBlockEntry / "ro", on ? "1" : "0");
 }
 
 void Card::Format(std::string const& options) {

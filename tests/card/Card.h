@@ -47,15 +47,14 @@ class LoopDevice {
 /// when it is inserted. What Linux shows of a card in the slot it then shows of this one: the nodes
 /// "/dev/mmcblk1" and "/dev/mmcblk1p1", both the loop device behind it, the identity in sysfs, and
 /// the kernel's own figures (size, read-only flag, lifetime writes) by links to the loop device's.
-/// Failures throw `std::runtime_error`, or `std::system_error` where a
-/// system call failed.
+/// Failures throw `std::runtime_error`, or `std::system_error` where a system call failed.
 ///
 /// `Format`, `Edit` and the `Damage` operations work on the card while it is out of the slot.
 class Card {
  public:
-  static constexpr std::uint64_t defaultBytes = 64U << 20U;
+  static constexpr std::uint64_t kDefaultBytes = 64U << 20U;
 
-  explicit Card(std::uint64_t bytes = defaultBytes);
+  explicit Card(std::uint64_t bytes = kDefaultBytes);
   Card(Card const&) = delete;
   Card& operator=(Card const&) = delete;
   ~Card();

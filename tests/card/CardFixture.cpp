@@ -6,17 +6,16 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <array>
 #include <cstdlib>
 #include <fstream>
 #include <iterator>
 #include <stdexcept>
 
-#include "DiskUtils/Disk.h"
 #include "base/Logger.h"
-#include "base/UniqueFd.h"
 #include "tests/machine/Machine.h"
 #include "tests/support/Capture.h"
+#include "tests/support/CounterFile.h"
+#include "tests/support/ModificationTime.h"
 
 namespace CardTests {
 
@@ -33,21 +32,22 @@ std::string TextOf(fs::path const& path) {
   return {std::istreambuf_iterator<char>(file), {}};
 }
 
-void WriteRecording(fs::path const& path, std::uint64_t bytes, time_t modified) {
+void WriteRecording(fs::path const& path, std::uint64_t bytes, std::time_t modified) {
   fs::create_directories(path.parent_path());
   Tarvik::UniqueFd const file(open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
   std::string const content(bytes, path.filename().string().front());
   bool const written =
       write(file.Get(), content.data(), content.size()) == static_cast<ssize_t>(bytes);
-  std::array<timespec, 2> const times{timespec{modified, 0}, timespec{modified, 0}};
-  if (!written || futimens(file.Get(), times.data()) != 0 || fsync(file.Get()) != 0)
+  if (!written || !SetModificationTime(path, modified) || fsync(file.Get()) != 0) {
     throw std::runtime_error("cannot write " + path.string());
+  }
 }
 
 std::set<std::string> NamesIn(fs::path const& directory) {
   std::set<std::string> names;
-  for (auto const& entry : fs::directory_iterator(directory))
+  for (auto const& entry : fs::directory_iterator(directory)) {
     names.insert(entry.path().filename().string());
+  }
   return names;
 }
 
@@ -59,21 +59,35 @@ bool IsMounted(fs::path const& directory) {
   return inside.st_dev != outside.st_dev;
 }
 
+std::vector<std::string> MountsOn(std::string const& directory) {
+  std::vector<std::string> found;
+  std::ifstream mounts("/proc/mounts");
+  for (std::string line; std::getline(mounts, line);) {
+    if (line.find(" " + directory + " ") != std::string::npos) found.push_back(line);
+  }
+  return found;
+}
+
+Tarvik::UniqueFd KeepBusy(std::string const& path) {
+  return Tarvik::UniqueFd(open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
+}
+
 CardTest::CardTest() {
   Tarvik::Ilog::Logger::GetInstance()->consoleSink->enabled = false;
 }
 
 CardTest::~CardTest() {
   Boot();
-  unlink(counterFile);
+  unlink(CounterFile::kPath);
   Quellon::DiskUtils::Disk::deviceStatusList.clear();
   Machine::ForgetTrace();
 }
 
 void CardTest::Boot() {
   mount(nullptr, "/", nullptr, MS_REMOUNT, nullptr);
-  for (char const* place : {mountPoint, "/mnt/ramdisk"})
+  for (char const* place : {kMountPoint, "/mnt/ramdisk"}) {
     while (umount2(place, MNT_DETACH) == 0) continue;
+  }
 }
 
 }  // namespace CardTests

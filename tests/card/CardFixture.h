@@ -8,7 +8,10 @@
 #include <filesystem>
 #include <set>
 #include <string>
+#include <vector>
 
+#include "DiskUtils/Disk.h"
+#include "base/UniqueFd.h"
 #include "tests/card/Card.h"
 
 namespace CardTests {
@@ -27,12 +30,18 @@ std::string TextOf(std::filesystem::path const& path);
 
 /// Makes a recording of `bytes` random-looking bytes that are on the medium, last modified at
 /// `modified` (seconds since the epoch), and its directory if need be.
-void WriteRecording(std::filesystem::path const& path, std::uint64_t bytes, time_t modified);
+void WriteRecording(std::filesystem::path const& path, std::uint64_t bytes, std::time_t modified);
 
 /// The names of what a directory holds.
 std::set<std::string> NamesIn(std::filesystem::path const& directory);
 
 bool IsMounted(std::filesystem::path const& directory);
+
+/// The lines of the table of mounts for that directory, which has no slash at its end.
+std::vector<std::string> MountsOn(std::string const& directory);
+
+/// A new file, kept open, so that its file system cannot be unmounted.
+Tarvik::UniqueFd KeepBusy(std::string const& path);
 
 /// One test with a slot for a card. The card is formatted but not inserted. Afterwards the private
 /// root is as new: nothing mounted, no counter file, an empty status table, a writable root.
@@ -41,10 +50,11 @@ class CardTest : public testing::Test {
   CardTest();
   ~CardTest() override;
 
-  static constexpr char const* mountPoint = "/mnt/sdcard/";
-  static constexpr char const* partition = "/dev/mmcblk1p1";
-  static constexpr char const* device = "mmcblk1";
-  static constexpr char const* counterFile = "/root/system.dat";
+  static constexpr char const* kMountPoint = "/mnt/sdcard/";
+  static constexpr char const* kPartition = "/dev/mmcblk1p1";
+  static constexpr char const* kDevice = "mmcblk1";
+
+  static Quellon::DiskUtils::Disk MakeDisk() { return {kMountPoint, kPartition, kDevice}; }
 
   /// What a boot does before the main service starts: the root writable, no card mounted.
   static void Boot();

@@ -10,21 +10,25 @@
 #include "FileUtils/FilesManager.h"
 #include "tests/card/CardFixture.h"
 #include "tests/support/Capture.h"
+#include "tests/support/ErrorRecord.h"
 #include "tests/support/OwnedSystem.h"
 
-namespace CardTests {
 namespace {
 
 namespace fs = std::filesystem;
+using CardTests::NamesIn;
+using CardTests::RunQuietly;
+using CardTests::WriteRecording;
 using Quellon::DiskUtils::Disk;
 using Quellon::FileUtils::FilesManager;
 using Quellon::FileUtils::Idir;
 using testing::ElementsAre;
-using testing::IsEmpty;
 
-constexpr std::uint64_t mebi = 1U << 20U;
-constexpr float share = 0.8F;
-constexpr time_t firstDay = 1'600'000'000;
+constexpr char const* kDirectory = "/mnt/sdcard/cr/";
+constexpr std::uint64_t kMebibyte = 1U << 20U;
+constexpr std::uint64_t kMinimumFree = 6 * kMebibyte;
+constexpr float kShare = 0.8F;
+constexpr std::time_t kFirstDay = 1'600'000'000;
 
 std::vector<std::string> NamesOf(FilesManager& catalogue) {
   std::vector<std::string> names;
@@ -126,20 +130,17 @@ class Unremovable {
   fs::path path;
 };
 
-class CatalogueTest : public CardTest {
+class Catalogue : public CardTests::CardTest {
  protected:
-  static constexpr char const* directory = "/mnt/sdcard/cr/";
-  static constexpr std::uint64_t minimumFree = 6 * mebi;
-
   /// A card that comes with recordings of several days, written in no particular order.
   void InsertUsedCard() {
     card.Edit([](fs::path const& root) {
-      WriteRecording(root / "cr/d4.dat", 3 * mebi, firstDay + 400);
-      WriteRecording(root / "cr/d1.dat", 2 * mebi + 17, firstDay + 100);
-      WriteRecording(root / "cr/route.gps", 70'000, firstDay + 150);
-      WriteRecording(root / "cr/d2.dat", 5 * mebi + 1, firstDay + 200);
-      WriteRecording(root / "cr/device.log", 300'000, firstDay);
-      WriteRecording(root / "cr/d3.dat", 1, firstDay + 300);
+      WriteRecording(root / "cr/d4.dat", 3 * kMebibyte, kFirstDay + 400);
+      WriteRecording(root / "cr/d1.dat", 2 * kMebibyte + 17, kFirstDay + 100);
+      WriteRecording(root / "cr/route.gps", 70'000, kFirstDay + 150);
+      WriteRecording(root / "cr/d2.dat", 5 * kMebibyte + 1, kFirstDay + 200);
+      WriteRecording(root / "cr/device.log", 300'000, kFirstDay);
+      WriteRecording(root / "cr/d3.dat", 1, kFirstDay + 300);
     });
     card.Insert();
   }
@@ -148,14 +149,14 @@ class CatalogueTest : public CardTest {
   Disk InsertEmptyCard() {
     card.Insert();
     Capture::Descriptor output(1);
-    return {mountPoint, partition, device};
+    return MakeDisk();
   }
 
   /// One more recording, the newest, catalogued.
   void Record(FilesManager& catalogue) {
     std::string name = "new" + std::to_string(next) + ".dat";
-    std::uint64_t const size = 2 * mebi + static_cast<std::uint64_t>(next % 5) * 333'333;
-    WriteRecording(directory + name, size, firstDay + 1000 + next);
+    std::uint64_t const size = 2 * kMebibyte + static_cast<std::uint64_t>(next % 5) * 333'333;
+    WriteRecording(kDirectory + name, size, kFirstDay + 1000 + next);
     ASSERT_TRUE(catalogue.AddFile(name));
     ++next;
   }
@@ -166,15 +167,15 @@ class CatalogueTest : public CardTest {
   int next = 0;
 };
 
-void CatalogueTest::RecordEndlessly(std::uint64_t minimum, float fraction) {
+void Catalogue::RecordEndlessly(std::uint64_t minimum, float fraction) {
   Capture::Descriptor output(1);
-  Disk disk(mountPoint, partition, device);
-  FilesManager catalogue(&disk, directory, minimum, fraction);
+  Disk disk = MakeDisk();
+  FilesManager catalogue(&disk, kDirectory, minimum, fraction);
   ASSERT_TRUE(catalogue.LoadAndSort());
 
   for (int hour = 0; hour < 60; ++hour) {
     Record(catalogue);
-    Forecast forecast(directory, minimum, fraction);
+    Forecast forecast(kDirectory, minimum, fraction);
     forecast.MakeRoom();
     ASSERT_TRUE(catalogue.MakeRoom());
     ASSERT_EQ(NamesOf(catalogue), forecast.Survivors()) << "after recording " << hour;
@@ -185,110 +186,92 @@ void CatalogueTest::RecordEndlessly(std::uint64_t minimum, float fraction) {
   EXPECT_FALSE(fs::exists("/mnt/sdcard/cr/d4.dat"));
 }
 
-}  // namespace
-
-TEST_F(CatalogueTest, CardIsBroughtIntoServiceFilledAndKeptWithinItsShare) {
+TEST_F(Catalogue, CardIsBroughtIntoServiceFilledAndKeptWithinItsShare) {
   InsertUsedCard();
   Capture::Descriptor output(1);
   OwnedSystem system;
   Disk* const disk = system.InitDisk();
   ASSERT_TRUE(disk->available) << output.Text();
 
-  FilesManager catalogue(disk, directory, minimumFree, share);
+  FilesManager catalogue(disk, kDirectory, kMinimumFree, kShare);
   ASSERT_TRUE(catalogue.LoadAndSort());
   EXPECT_THAT(NamesOf(catalogue),
               ElementsAre("device.log", "d1.dat", "route.gps", "d2.dat", "d3.dat", "d4.dat"));
   while (catalogue.CheckAvailableSpace(false)) Record(catalogue);
   ASSERT_GT(next, 5);
 
-  Forecast forecast(directory, minimumFree, share);
+  Forecast forecast(kDirectory, kMinimumFree, kShare);
   ASSERT_FALSE(forecast.HasRoom());
   forecast.MakeRoom();
   EXPECT_TRUE(catalogue.MakeRoom());
   EXPECT_FALSE(catalogue.HasError());
   EXPECT_EQ(NamesOf(catalogue), forecast.Survivors());
-  EXPECT_EQ(Forecast(directory, minimumFree, share).Survivors(), forecast.Survivors());
+  EXPECT_EQ(Forecast(kDirectory, kMinimumFree, kShare).Survivors(), forecast.Survivors());
   EXPECT_EQ(catalogue.GetTotalFilesSize(), forecast.UsedBytes());
   EXPECT_TRUE(catalogue.CheckAvailableSpace(false));
 }
 
-TEST_F(CatalogueTest, EndlessRecordingLeavesTheMinimumFree) {
+TEST_F(Catalogue, EndlessRecordingLeavesTheMinimumFree) {
   InsertUsedCard();
-  RecordEndlessly(minimumFree, share);
+  RecordEndlessly(kMinimumFree, kShare);
 }
 
-TEST_F(CatalogueTest, EndlessRecordingStaysWithinASmallShareOfALargelyEmptyCard) {
+TEST_F(Catalogue, EndlessRecordingStaysWithinASmallShareOfALargelyEmptyCard) {
   InsertUsedCard();
   RecordEndlessly(0, 0.3F);
 }
 
-TEST_F(CatalogueTest, ProtectedFilesAreNeverDeletedEvenWhenNoRoomCanBeMade) {
+TEST_F(Catalogue, ProtectedFilesAreNeverDeletedEvenWhenNoRoomCanBeMade) {
   Disk disk = InsertEmptyCard();
-  WriteRecording("/mnt/sdcard/cr/a.log", 30 * mebi, firstDay);
-  WriteRecording("/mnt/sdcard/cr/b.gps", 16 * mebi, firstDay + 1);
-  WriteRecording("/mnt/sdcard/cr/c.dat", 1 * mebi, firstDay + 2);
-  FilesManager catalogue(&disk, directory, minimumFree, share);
+  WriteRecording("/mnt/sdcard/cr/a.log", 30 * kMebibyte, kFirstDay);
+  WriteRecording("/mnt/sdcard/cr/b.gps", 16 * kMebibyte, kFirstDay + 1);
+  WriteRecording("/mnt/sdcard/cr/c.dat", 1 * kMebibyte, kFirstDay + 2);
+  FilesManager catalogue(&disk, kDirectory, kMinimumFree, kShare);
   ASSERT_TRUE(catalogue.LoadAndSort());
 
   EXPECT_FALSE(catalogue.MakeRoom());
-  EXPECT_EQ(catalogue.GetError(), "Unable to make room, after 100 retries");
-  EXPECT_EQ(catalogue.GetErrorPlace(), "MakeRoom");
-  EXPECT_EQ(NamesIn(directory), (std::set<std::string>{"a.log", "b.gps"}));
+  EXPECT_EQ(ErrorOf(catalogue), "Unable to make room, after 100 retries in MakeRoom");
+  EXPECT_EQ(NamesIn(kDirectory), (std::set<std::string>{"a.log", "b.gps"}));
   EXPECT_THAT(NamesOf(catalogue), ElementsAre("a.log", "b.gps"));
 }
 
-TEST_F(CatalogueTest, ReservedBlocksCountAsFreeAndTheReserveIsKeptInstead) {
+TEST_F(Catalogue, ReservedBlocksCountAsFreeAndTheReserveIsKeptInstead) {
   Disk disk = InsertEmptyCard();
-  WriteRecording("/mnt/sdcard/cr/a.dat", 1 * mebi, firstDay);
+  WriteRecording("/mnt/sdcard/cr/a.dat", 1 * kMebibyte, kFirstDay);
   disk.LoadDiskInfo();
-  auto const freeShare = static_cast<double>(disk.freeBytes) * share;
-  auto const reserve = static_cast<double>(disk.reserveBytes) * share;
+  auto const freeShare = static_cast<double>(disk.freeBytes) * kShare;
+  auto const reserve = static_cast<double>(disk.reserveBytes) * kShare;
 
-  FilesManager roomy(&disk, directory, static_cast<std::uint64_t>(freeShare - reserve - 1000),
-                     share);
+  FilesManager roomy(&disk, kDirectory, static_cast<std::uint64_t>(freeShare - reserve - 1000),
+                     kShare);
   EXPECT_TRUE(roomy.CheckAvailableSpace(true));
-  FilesManager tight(&disk, directory, static_cast<std::uint64_t>(freeShare - reserve + 1000),
-                     share);
+  FilesManager tight(&disk, kDirectory, static_cast<std::uint64_t>(freeShare - reserve + 1000),
+                     kShare);
   EXPECT_FALSE(tight.CheckAvailableSpace(true));
 }
 
-TEST_F(CatalogueTest, EverythingButDirectoriesIsCataloguedAndLinksAreNotFollowed) {
+TEST_F(Catalogue, FileThatCannotBeDeletedLeavesTheCatalogueAndStaysOnTheCard) {
   Disk disk = InsertEmptyCard();
-  WriteRecording("/mnt/sdcard/cr/plain.dat", 5000, firstDay + 1);
-  fs::create_directory("/mnt/sdcard/cr/directory.dat");
-  fs::create_symlink("/usr/bin/env", "/mnt/sdcard/cr/link.dat");
-  ASSERT_EQ(mkfifo("/mnt/sdcard/cr/pipe.dat", 0600), 0);
-  FilesManager catalogue(&disk, directory, 0, share);
-
-  ASSERT_TRUE(catalogue.LoadAndSort());
-  EXPECT_EQ(NamesOf(catalogue).front(), "plain.dat");
-  EXPECT_THAT(NamesOf(catalogue),
-              testing::UnorderedElementsAre("plain.dat", "link.dat", "pipe.dat"));
-  EXPECT_EQ(catalogue.GetTotalFilesSize(), 5000 + std::string("/usr/bin/env").size());
-}
-
-TEST_F(CatalogueTest, FileThatCannotBeDeletedLeavesTheCatalogueAndStaysOnTheCard) {
-  Disk disk = InsertEmptyCard();
-  WriteRecording("/mnt/sdcard/cr/a.dat", 1000, firstDay);
-  WriteRecording("/mnt/sdcard/cr/b.dat", 200, firstDay + 1);
-  WriteRecording("/mnt/sdcard/cr/c.dat", 30, firstDay + 2);
+  WriteRecording("/mnt/sdcard/cr/a.dat", 1000, kFirstDay);
+  WriteRecording("/mnt/sdcard/cr/b.dat", 200, kFirstDay + 1);
+  WriteRecording("/mnt/sdcard/cr/c.dat", 30, kFirstDay + 2);
   Unremovable const a("/mnt/sdcard/cr/a.dat");
-  FilesManager catalogue(&disk, directory, 0, share);
+  FilesManager catalogue(&disk, kDirectory, 0, kShare);
   ASSERT_TRUE(catalogue.LoadAndSort());
 
   EXPECT_EQ(catalogue.DeleteOldFiles(1), 1U);
   EXPECT_THAT(NamesOf(catalogue), ElementsAre("c.dat"));
-  EXPECT_EQ(NamesIn(directory), (std::set<std::string>{"a.dat", "c.dat"}));
+  EXPECT_EQ(NamesIn(kDirectory), (std::set<std::string>{"a.dat", "c.dat"}));
   EXPECT_EQ(catalogue.GetTotalFilesSize(), 1030U);
   EXPECT_EQ(catalogue.GetTotalFilesSize(true), 30U);
 }
 
-TEST_F(CatalogueTest, FileThatCannotBeDeletedByNameStaysCatalogued) {
+TEST_F(Catalogue, FileThatCannotBeDeletedByNameStaysCatalogued) {
   Disk disk = InsertEmptyCard();
-  WriteRecording("/mnt/sdcard/cr/a.dat", 1000, firstDay);
-  WriteRecording("/mnt/sdcard/cr/b.log", 200, firstDay + 1);
+  WriteRecording("/mnt/sdcard/cr/a.dat", 1000, kFirstDay);
+  WriteRecording("/mnt/sdcard/cr/b.log", 200, kFirstDay + 1);
   Unremovable const a("/mnt/sdcard/cr/a.dat");
-  FilesManager catalogue(&disk, directory, 0, share);
+  FilesManager catalogue(&disk, kDirectory, 0, kShare);
   ASSERT_TRUE(catalogue.LoadAndSort());
   std::string stuck = "a.dat";
   std::string removable = "b.log";
@@ -297,52 +280,12 @@ TEST_F(CatalogueTest, FileThatCannotBeDeletedByNameStaysCatalogued) {
   EXPECT_THAT(NamesOf(catalogue), ElementsAre("a.dat", "b.log"));
   auto const* const removed = catalogue.GetList().back();
   EXPECT_TRUE(catalogue.RemoveFileByName(removable));
-  EXPECT_EQ(NamesIn(directory), std::set<std::string>{"a.dat"});
+  EXPECT_EQ(NamesIn(kDirectory), std::set<std::string>{"a.dat"});
   EXPECT_EQ(catalogue.GetTotalFilesSize(), 1000U);
   delete removed;  // nobody else would
 }
 
-TEST_F(CatalogueTest, BackgroundPassEmptiesTheCardOfAllButProtectedFiles) {
-  Disk disk = InsertEmptyCard();
-  for (int i = 0; i < 50; ++i)
-    WriteRecording(directory + std::to_string(i) + ".dat", 10'000, firstDay + i);
-  WriteRecording("/mnt/sdcard/cr/kept.gps", 1, firstDay);
-  FilesManager catalogue(&disk, directory, 0, share);
-  ASSERT_TRUE(catalogue.LoadAndSort());
-
-  catalogue.RemoveAllFilesAsync();
-  catalogue.Join();
-  EXPECT_EQ(NamesIn(directory), std::set<std::string>{"kept.gps"});
-  EXPECT_THAT(NamesOf(catalogue), ElementsAre("kept.gps"));
-  EXPECT_EQ(catalogue.GetTotalFilesSize(), 1U);
-}
-
-TEST_F(CatalogueTest, CardThatCannotBeMeasuredIsRecordedAsTheReason) {
-  Disk disk = InsertEmptyCard();
-  FilesManager catalogue(&disk, directory, 0, share);
-  disk.mountPoint = "/mnt/nowhere/";
-
-  EXPECT_FALSE(catalogue.MakeRoom());
-  EXPECT_EQ(catalogue.GetError(), "Get space stat error");
-}
-
-TEST_F(CatalogueTest, DirectoryIsMadeOnceWithItsMode) {
-  Disk const disk = InsertEmptyCard();
-  mode_t const before = umask(0);
-  Idir recordings("/mnt/sdcard/cr");
-  EXPECT_FALSE(recordings.exists);
-
-  EXPECT_TRUE(recordings.Create());
-  umask(before);
-  EXPECT_EQ(fs::status("/mnt/sdcard/cr").permissions(), static_cast<fs::perms>(0775));
-  EXPECT_TRUE(recordings.CheckIfExists());
-  EXPECT_FALSE(recordings.exists);
-  EXPECT_FALSE(recordings.Create());
-  EXPECT_EQ(recordings.GetError(), "unable to create directory: /mnt/sdcard/cr");
-  EXPECT_EQ(recordings.GetErrorPlace(), "Create");
-}
-
-TEST_F(CatalogueTest, DirectoryWithoutAParentOrOnAReadOnlyCardIsNotMade) {
+TEST_F(Catalogue, DirectoryWithoutAParentOrOnAReadOnlyCardIsNotMade) {
   card.SetWriteProtected(true);
   card.Insert();
   RunQuietly("mount -o ro /dev/mmcblk1p1 /mnt/sdcard");
@@ -351,24 +294,7 @@ TEST_F(CatalogueTest, DirectoryWithoutAParentOrOnAReadOnlyCardIsNotMade) {
 
   EXPECT_FALSE(orphan.Create());
   EXPECT_FALSE(refused.Create());
-  EXPECT_EQ(refused.GetError(), "unable to create directory: /mnt/sdcard/cr");
+  EXPECT_EQ(ErrorOf(refused), "unable to create directory: /mnt/sdcard/cr in Create");
 }
 
-TEST_F(CatalogueTest, FileIsCopiedRenamedAndLimitedOnTheCard) {
-  Disk const disk = InsertEmptyCard();
-  WriteRecording("/mnt/sdcard/a.dat", 3 * mebi, firstDay);
-  std::string path = "/mnt/sdcard/a.dat";
-  std::string newPath = "/mnt/sdcard/b.gps";
-  Quellon::FileUtils::Ifile file(path, false);
-
-  EXPECT_TRUE(file.CopyTo("/mnt/sdcard/copy.dat"));
-  EXPECT_EQ(TextOf("/mnt/sdcard/copy.dat"), TextOf(path));
-  file.Close();
-  EXPECT_TRUE(file.Rename(newPath));
-  ASSERT_TRUE(file.Stat());
-  EXPECT_EQ(file.size, static_cast<std::int64_t>(3 * mebi));
-  EXPECT_TRUE(file.RemoveIfBiggerThan(3 * mebi));
-  EXPECT_FALSE(fs::exists(newPath));
-}
-
-}  // namespace CardTests
+}  // namespace

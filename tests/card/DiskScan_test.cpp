@@ -5,37 +5,26 @@
 #include <sys/sysmacros.h>
 
 #include <fstream>
-#include <functional>
 
 #include "tests/card/DiskFixture.h"
 #include "tests/support/Capture.h"
 
-namespace CardTests {
 namespace {
 
 namespace fs = std::filesystem;
-using Quellon::DiskUtils::Disk;
+using CardTests::CommandInFront;
+using CardTests::ScanFailure;
+using CardTests::TextOf;
 using testing::EndsWith;
 using testing::HasSubstr;
 using testing::StartsWith;
 
 constexpr char const* kLookAtTestFile = "debugfs -R 'cat check.tmp' /dev/mmcblk1p1 > /tmp/seen\n";
 
-class CraftedCard : public DiskTest {
- protected:
-  /// Has `make` put something in the place of the test file, where nobody can remove it.
-  void PlantForGood(std::function<void(fs::path const& place)> const& make) {
-    card.Edit([&](fs::path const& root) {
-      make(root / "check.tmp");
-      RunQuietly("chattr +i " + root.string());
-    });
-  }
-};
+class DiskScan : public CardTests::DiskTest {};
 
-}  // namespace
-
-TEST_F(DiskTest, ScanOfAGoodCardPassesAndLeavesNoTestFile) {
-  Disk disk = MakeDiskOfInsertedCard();
+TEST_F(DiskScan, ScanOfAGoodCardPassesAndLeavesNoTestFile) {
+  auto disk = MakeDiskOfInsertedCard();
   Capture::Descriptor output(1);
 
   EXPECT_EQ(ScanFailure(disk), "");
@@ -43,21 +32,21 @@ TEST_F(DiskTest, ScanOfAGoodCardPassesAndLeavesNoTestFile) {
   EXPECT_EQ(Status().fsckStatus, 0);
   EXPECT_EQ(Status().malfunction, 0);
   EXPECT_GT(Status().lifetimeWritesKB, 0U);
-  EXPECT_EQ(NamesIn(mountPoint), std::set<std::string>{"lost+found"});
+  EXPECT_EQ(CardTests::NamesIn(kMountPoint), std::set<std::string>{"lost+found"});
   EXPECT_THAT(output.Text(), StartsWith("Unmount SD card success.\n"));
   EXPECT_THAT(output.Text(), EndsWith("FSCK output: No errors\nMount SD card success\n"));
 }
 
-TEST_F(DiskTest, TestFileIsThereDuringTheCheckWithItsSixCharacters) {
-  Disk disk = MakeDiskOfInsertedCard();
+TEST_F(DiskScan, TestFileIsThereDuringTheCheckWithItsSixCharacters) {
+  auto disk = MakeDiskOfInsertedCard();
   CommandInFront const fsck("fsck", kLookAtTestFile);
 
   EXPECT_EQ(ScanFailure(disk), "");
   EXPECT_EQ(TextOf("/tmp/seen"), "velmor");
 }
 
-TEST_F(DiskTest, LeftoverTestFileIsOverwrittenAndRemoved) {
-  Disk disk = MakeDiskOfInsertedCard();
+TEST_F(DiskScan, LeftoverTestFileIsOverwrittenAndRemoved) {
+  auto disk = MakeDiskOfInsertedCard();
   std::ofstream("/mnt/sdcard/check.tmp") << "left behind by an earlier scan that was interrupted";
   CommandInFront const fsck("fsck", kLookAtTestFile);
 
@@ -66,9 +55,9 @@ TEST_F(DiskTest, LeftoverTestFileIsOverwrittenAndRemoved) {
   EXPECT_FALSE(fs::exists("/mnt/sdcard/check.tmp"));
 }
 
-TEST_F(DiskTest, DamagedFileSystemIsRepairedByTheScan) {
+TEST_F(DiskScan, DamagedFileSystemIsRepairedByTheScan) {
   card.DamageRepairably();
-  Disk disk = MakeDiskOfInsertedCard();
+  auto disk = MakeDiskOfInsertedCard();
   Capture::Descriptor output(1);
 
   EXPECT_EQ(ScanFailure(disk), "");
@@ -80,9 +69,9 @@ TEST_F(DiskTest, DamagedFileSystemIsRepairedByTheScan) {
   EXPECT_EQ(Status().fsckStatus, 0);
 }
 
-TEST_F(DiskTest, CardWhoseCheckFailsIsUsedAsLongAsItKeepsItsFiles) {
+TEST_F(DiskScan, CardWhoseCheckFailsIsUsedAsLongAsItKeepsItsFiles) {
   card.DamageCheckOnly();
-  Disk disk = MakeDiskOfInsertedCard();
+  auto disk = MakeDiskOfInsertedCard();
   Capture::Descriptor errors(2);
   Capture::Descriptor output(1);
 
@@ -92,19 +81,19 @@ TEST_F(DiskTest, CardWhoseCheckFailsIsUsedAsLongAsItKeepsItsFiles) {
   EXPECT_THAT(output.Text(), Not(HasSubstr("FSCK output")));
 }
 
-TEST_F(DiskTest, CardThatCannotBeRepairedIsNotFound) {
+TEST_F(DiskScan, CardThatCannotBeRepairedIsNotFound) {
   card.DamageBeyondRepair();
   card.Insert();
   Capture::Descriptor output(1);
-  Disk disk = MakeDisk();
+  auto disk = MakeDisk();
 
   EXPECT_EQ(output.Text(), "Disk exception Disk not found\n");
   EXPECT_FALSE(disk.available);
   EXPECT_TRUE(Status().present);
 }
 
-TEST_F(DiskTest, CardThatBreaksBeyondRepairDuringTheScanIsNotPresent) {
-  Disk disk = MakeDiskOfInsertedCard();
+TEST_F(DiskScan, CardThatBreaksBeyondRepairDuringTheScanIsNotPresent) {
+  auto disk = MakeDiskOfInsertedCard();
   CommandInFront const fsck("fsck",
                             "debugfs -w -R 'feature FEATURE_I29' /dev/mmcblk1p1 >/dev/null 2>&1\n"
                             "/sbin/fsck \"$@\"\n");
@@ -118,8 +107,8 @@ TEST_F(DiskTest, CardThatBreaksBeyondRepairDuringTheScanIsNotPresent) {
   EXPECT_THAT(output.Text(), EndsWith("FSCK output: Operational error\nMount SD card FAILED.\n"));
 }
 
-TEST_F(DiskTest, CardPulledDuringTheCheckIsNotPresent) {
-  Disk disk = MakeDiskOfInsertedCard();
+TEST_F(DiskScan, CardPulledDuringTheCheckIsNotPresent) {
+  auto disk = MakeDiskOfInsertedCard();
   CommandInFront const fsck("fsck", "rm /dev/mmcblk1 /dev/mmcblk1p1; exit 8\n");
   Capture::Descriptor errors(2);
   Capture::Descriptor output(1);
@@ -130,9 +119,9 @@ TEST_F(DiskTest, CardPulledDuringTheCheckIsNotPresent) {
   EXPECT_EQ(Status().fsckStatus, 8);
 }
 
-TEST_F(DiskTest, CardThatLosesTheTestFileIsRefusedForGood) {
-  LossyCheck const lossy(card);
-  Disk disk = MakeDiskOfInsertedCard();
+TEST_F(DiskScan, CardThatLosesTheTestFileIsRefusedForGood) {
+  CardTests::LossyCheck const lossy(card);
+  auto disk = MakeDiskOfInsertedCard();
   Capture::Descriptor output(1);
 
   EXPECT_EQ(ScanFailure(disk), "disk malfunction");
@@ -141,70 +130,32 @@ TEST_F(DiskTest, CardThatLosesTheTestFileIsRefusedForGood) {
   EXPECT_EQ(Status().fsckStatus, 0);
 
   Capture::Descriptor later(1);
-  Disk const next = MakeDisk();
+  auto const next = MakeDisk();
   EXPECT_FALSE(next.available);
   EXPECT_EQ(later.Text(), "Disk exception Disk malfunction status had been set to read-only\n");
 }
 
-TEST_F(DiskTest, CardThatMountsReadOnlyMissesTheTestFileAndIsRefused) {
-  Disk disk = MakeDiskOfInsertedCard();
-  ASSERT_EQ(mount(nullptr, mountPoint, nullptr, MS_REMOUNT | MS_RDONLY, nullptr), 0);
+TEST_F(DiskScan, CardThatMountsReadOnlyMissesTheTestFileAndIsRefused) {
+  auto disk = MakeDiskOfInsertedCard();
+  ASSERT_EQ(mount(nullptr, kMountPoint, nullptr, MS_REMOUNT | MS_RDONLY, nullptr), 0);
   Capture::Descriptor output(1);
 
   EXPECT_EQ(ScanFailure(disk), "disk malfunction");
   EXPECT_EQ(Status().malfunction, 1);
 }
 
-TEST_F(DiskTest, OldTestFileOnACardThatMountsReadOnlyCountsForNothing) {
-  Disk disk = MakeDiskOfInsertedCard();
+TEST_F(DiskScan, OldTestFileOnACardThatMountsReadOnlyCountsForNothing) {
+  auto disk = MakeDiskOfInsertedCard();
   std::ofstream("/mnt/sdcard/check.tmp") << "old";
-  ASSERT_EQ(mount(nullptr, mountPoint, nullptr, MS_REMOUNT | MS_RDONLY, nullptr), 0);
+  ASSERT_EQ(mount(nullptr, kMountPoint, nullptr, MS_REMOUNT | MS_RDONLY, nullptr), 0);
   Capture::Descriptor output(1);
 
   EXPECT_EQ(ScanFailure(disk), "disk malfunction");
   EXPECT_EQ(TextOf("/mnt/sdcard/check.tmp"), "old");
 }
 
-TEST_F(CraftedCard, LinkThatCannotBeRemovedIsNotWrittenThrough) {
-  std::ofstream("/root/outside") << "outside";
-  PlantForGood([](fs::path const& place) { fs::create_symlink("/root/outside", place); });
-  Disk disk = MakeDiskOfInsertedCard();
-  Capture::Descriptor output(1);
-
-  EXPECT_EQ(ScanFailure(disk), "disk malfunction");
-  EXPECT_EQ(TextOf("/root/outside"), "outside");
-  fs::remove("/root/outside");
-}
-
-TEST_F(CraftedCard, LinkThatCannotBeRemovedMakesNoFileWhereItLeads) {
-  PlantForGood([](fs::path const& place) { fs::create_symlink("/root/made", place); });
-  Disk disk = MakeDiskOfInsertedCard();
-  Capture::Descriptor output(1);
-
-  EXPECT_EQ(ScanFailure(disk), "disk malfunction");
-  EXPECT_FALSE(fs::exists("/root/made"));
-}
-
-TEST_F(CraftedCard, PipeThatCannotBeRemovedDoesNotStopTheScan) {
-  PlantForGood([](fs::path const& place) { ASSERT_EQ(mkfifo(place.c_str(), 0600), 0); });
-  Disk disk = MakeDiskOfInsertedCard();
-  Capture::Descriptor output(1);
-
-  EXPECT_EQ(ScanFailure(disk), "disk malfunction");
-}
-
-TEST_F(CraftedCard, DeviceThatCannotBeRemovedIsNotTakenForTheTestFile) {
-  PlantForGood([](fs::path const& place) {
-    ASSERT_EQ(mknod(place.c_str(), S_IFCHR | 0600, makedev(1, 3)), 0);  // as /dev/null
-  });
-  Disk disk = MakeDiskOfInsertedCard();
-  Capture::Descriptor output(1);
-
-  EXPECT_EQ(ScanFailure(disk), "disk malfunction");
-}
-
-TEST_F(DiskTest, CardThatTurnsReadOnlyDuringTheScanIsNotAvailable) {
-  Disk disk = MakeDiskOfInsertedCard();
+TEST_F(DiskScan, CardThatTurnsReadOnlyDuringTheScanIsNotAvailable) {
+  auto disk = MakeDiskOfInsertedCard();
   card.ReportReadOnly(true);
   Capture::Descriptor output(1);
 
@@ -214,8 +165,8 @@ TEST_F(DiskTest, CardThatTurnsReadOnlyDuringTheScanIsNotAvailable) {
   EXPECT_FALSE(fs::exists("/mnt/sdcard/check.tmp"));
 }
 
-TEST_F(DiskTest, ScanPassesWithoutALifetimeCounter) {
-  Disk disk = MakeDiskOfInsertedCard();
+TEST_F(DiskScan, ScanPassesWithoutALifetimeCounter) {
+  auto disk = MakeDiskOfInsertedCard();
   fs::remove("/sys/fs/ext4/mmcblk1p1");
   Capture::Descriptor output(1);
 
@@ -225,4 +176,47 @@ TEST_F(DiskTest, ScanPassesWithoutALifetimeCounter) {
                                       "not exist !\n"));
 }
 
-}  // namespace CardTests
+constexpr char const* kOutside = "/root/outside";
+constexpr char const* kNowhere = "/root/nowhere";
+
+/// What somebody may have put in the place of the test file.
+struct Thing {
+  char const* name;
+  void (*make)(fs::path const& place);
+};
+
+class DiskScanOfACraftedCard : public DiskScan, public testing::WithParamInterface<Thing> {
+ protected:
+  DiskScanOfACraftedCard() {
+    std::ofstream(kOutside) << "outside";
+    card.Edit([](fs::path const& root) {
+      GetParam().make(root / "check.tmp");
+      CardTests::RunQuietly("chattr +i " + root.string());  // so that nobody can remove it
+    });
+  }
+  ~DiskScanOfACraftedCard() override { fs::remove(kOutside); }
+};
+
+TEST_P(DiskScanOfACraftedCard, RefusesItAndUsesNothingThatIsNoTestFile) {
+  auto disk = MakeDiskOfInsertedCard();
+  Capture::Descriptor output(1);
+
+  EXPECT_EQ(ScanFailure(disk), "disk malfunction");
+  EXPECT_EQ(TextOf(kOutside), "outside");
+  EXPECT_FALSE(fs::exists(kNowhere));
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Things, DiskScanOfACraftedCard,
+    testing::Values(
+        Thing{"ALink", [](fs::path const& place) { fs::create_symlink(kOutside, place); }},
+        Thing{"ALinkThatLeadsNowhere",
+              [](fs::path const& place) { fs::create_symlink(kNowhere, place); }},
+        Thing{"APipe", [](fs::path const& place) { ASSERT_EQ(mkfifo(place.c_str(), 0600), 0); }},
+        Thing{"ADevice",
+              [](fs::path const& place) {
+                ASSERT_EQ(mknod(place.c_str(), S_IFCHR | 0600, makedev(1, 3)), 0);  // /dev/null
+              }}),
+    [](auto const& instance) { return instance.param.name; });
+
+}  // namespace

@@ -1,40 +1,30 @@
-// The bench driver and the process and memory utilities, against a real kernel.
+// The bench driver on a real card, and the RAM disk.
 #include <gmock/gmock.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
-#include <unistd.h>
 
 #include <fstream>
 
 #include "SysUtil/Util.h"
 #include "tests/card/CardFixture.h"
 #include "tests/support/Capture.h"
+#include "tests/support/LogFile.h"
 
-namespace CardTests {
 namespace {
 
 namespace fs = std::filesystem;
 namespace SysUtil = Quellon::SysUtil;
+using CardTests::IsMounted;
+using CardTests::MountsOn;
+using CardTests::WriteRecording;
 using testing::ElementsAre;
 using testing::EndsWith;
-using testing::HasSubstr;
 using testing::MatchesRegex;
 using testing::StartsWith;
 
-class ServicesTest : public CardTest {};
+class Services : public CardTests::CardTest {};
 
-/// The lines of the mount table for the RAM disk.
-std::vector<std::string> RamdiskMounts() {
-  std::vector<std::string> found;
-  std::ifstream mounts("/proc/mounts");
-  for (std::string line; std::getline(mounts, line);)
-    if (line.find(" /mnt/ramdisk ") != std::string::npos) found.push_back(line);
-  return found;
-}
-
-}  // namespace
-
-TEST_F(ServicesTest, BenchDriverListsTheCardsRecordingsOldestFirst) {
+TEST_F(Services, BenchDriverListsTheCardsRecordingsOldestFirst) {
   card.Edit([](fs::path const& root) {
     WriteRecording(root / "cr/b.dat", 10, 2000);
     WriteRecording(root / "cr/c.log", 10, 3000);
@@ -42,29 +32,22 @@ TEST_F(ServicesTest, BenchDriverListsTheCardsRecordingsOldestFirst) {
   });
   card.Insert();
   Capture::Descriptor errors(2);
-  ProgramResult const bench = RunProgram(std::string(BENCH_DRIVER) + " these are ignored");
+  auto const bench = CardTests::RunProgram(std::string(BENCH_DRIVER) + " these are ignored");
 
   EXPECT_EQ(bench.exitCode, 0);
   auto const line = [](std::string const& text) {
-    return R"(\[....-..-.. ..:..:..\]\[SYSTEM\])" + text + "\n";
+    return LogFile::kHeader + "\\[SYSTEM\\]" + text + "\n";
   };
   EXPECT_THAT(bench.output,
               MatchesRegex("Disk /mnt/sdcard/ free sapce 54MB from 54MB\n" +
                            line(" Min free space after correction [0-9]+B fraction 0.8") +
                            line(" Allocated disk space [0-9.]+MB") + line(R"(\[a.dat\])") +
                            line(R"(\[b.dat\])") + line(R"(\[c.log\])")));
-  EXPECT_THAT(TextOf("/var/log/quellon.log"),
+  EXPECT_THAT(CardTests::TextOf("/var/log/quellon.log"),
               EndsWith(bench.output.substr(bench.output.find('\n') + 1)));
 }
 
-TEST_F(ServicesTest, BenchDriverWithoutACardSaysSoAndSucceeds) {
-  ProgramResult const bench = RunProgram(BENCH_DRIVER);
-
-  EXPECT_EQ(bench.exitCode, 0);
-  EXPECT_EQ(bench.output, "Disk exception Disk not found\n");
-}
-
-TEST_F(ServicesTest, RamdiskIsFreshAndEmptyEachTime) {
+TEST_F(Services, RamdiskIsFreshAndEmptyEachTime) {
   Capture::Descriptor errors(2);
   Capture::Descriptor output(1);
   SysUtil::MountRamdisk();
@@ -72,12 +55,12 @@ TEST_F(ServicesTest, RamdiskIsFreshAndEmptyEachTime) {
   std::ofstream("/mnt/ramdisk/file") << "gone after the next mount";
   SysUtil::MountRamdisk();
 
-  EXPECT_EQ(RamdiskMounts().size(), 1U);
+  EXPECT_EQ(MountsOn("/mnt/ramdisk").size(), 1U);
   EXPECT_TRUE(fs::is_empty("/mnt/ramdisk"));
   EXPECT_EQ(output.Text(), "");
 }
 
-TEST_F(ServicesTest, RamdiskHasItsSizeAndMode) {
+TEST_F(Services, RamdiskHasItsSizeAndMode) {
   Capture::Descriptor errors(2);
   SysUtil::MountRamdisk();
   struct statvfs space {};
@@ -87,35 +70,8 @@ TEST_F(ServicesTest, RamdiskHasItsSizeAndMode) {
 
   EXPECT_EQ(space.f_blocks * space.f_frsize, 192U << 20U);
   EXPECT_EQ(root.st_mode & 07777U, 01777U);
-  EXPECT_THAT(RamdiskMounts(),
+  EXPECT_THAT(MountsOn("/mnt/ramdisk"),
               ElementsAre(StartsWith("tmpfs /mnt/ramdisk tmpfs rw,nosuid,nodev,noatime")));
 }
 
-TEST_F(ServicesTest, OpenFilesOfThisProcessAndItsParentAreShown) {
-  std::ofstream const shown("/tmp/shown-to-be-open");
-  Capture::Descriptor output(1);
-  SysUtil::DisplayOpenFiles();
-  std::string const text = output.Text();
-  std::string const self = std::to_string(getpid());
-  std::string const parent = std::to_string(getppid());
-
-  EXPECT_THAT(text, StartsWith("Try run [ls -l /proc/" + self + "/fd] on pipe\nOpen files on pid " +
-                               self + " :\ntotal "));
-  EXPECT_THAT(text, HasSubstr("-> /tmp/shown-to-be-open\n"));
-  EXPECT_THAT(text, HasSubstr("\n\nTry run [ls -l /proc/" + parent +
-                              "/fd] on pipe\nOpen files on pid " + parent + " :\ntotal "));
-}
-
-TEST_F(ServicesTest, ProcessIsFoundByAPartOfItsName) {
-  EXPECT_EQ(SysUtil::GetProcIdByName("card_test"), getpid());
-  EXPECT_EQ(SysUtil::GetProcIdByName("bash"), 1);
-  EXPECT_EQ(SysUtil::GetProcIdByName("no such program"), -1);
-}
-
-// The private root has a plain file in that place: the machine's cache is not the tests' business.
-TEST_F(ServicesTest, CacheDropIsWrittenToTheKernelsFile) {
-  EXPECT_TRUE(SysUtil::ClearCache());
-  EXPECT_EQ(TextOf("/proc/sys/vm/drop_caches"), "3");
-}
-
-}  // namespace CardTests
+}  // namespace

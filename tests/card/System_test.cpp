@@ -2,7 +2,6 @@
 // times. Each start of the device is a process of its own.
 #include "DiskUtils/System.h"
 
-#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <sys/mount.h>
 #include <sys/reboot.h>
@@ -14,23 +13,21 @@
 #include "tests/card/CardFixture.h"
 #include "tests/machine/Machine.h"
 #include "tests/support/Capture.h"
+#include "tests/support/CardText.h"
+#include "tests/support/CounterFile.h"
 #include "tests/support/OwnedSystem.h"
 
-namespace CardTests {
 namespace {
 
-namespace fs = std::filesystem;
 using namespace std::chrono_literals;
-using Quellon::System;
+
+using CardTests::IsMounted;
+using CardTests::LossyCheck;
+using CardTests::TextOf;
 using testing::EndsWith;
 using testing::HasSubstr;
-using testing::IsEmpty;
 using testing::Not;
 using testing::StartsWith;
-
-std::string Counted(int reboots) {
-  return R"({"sdcard-status-conter":)" + std::to_string(reboots) + "}";
-}
 
 /// How often `part` occurs in `text`.
 int Occurrences(std::string const& text, std::string const& part) {
@@ -49,13 +46,13 @@ void MakeRootReadOnly() {
   ASSERT_EQ(mount(nullptr, "/", nullptr, MS_REMOUNT | MS_RDONLY, nullptr), 0);
 }
 
-class SystemTest : public CardTest {
+class System : public CardTests::CardTest {
  protected:
   /// Switches the device on and returns what it prints until its start has ended.
   static std::string PowerOn() {
     Boot();
     Capture::Descriptor errors(2);
-    ProgramResult const start = RunProgram(POWER_ON);
+    auto const start = CardTests::RunProgram(POWER_ON);
     EXPECT_EQ(start.exitCode, 0);
     EXPECT_THAT(start.output, EndsWith("end of this start\n"));
     return start.output;
@@ -65,10 +62,12 @@ class SystemTest : public CardTest {
   /// fourth prints.
   static std::string StartUntilItGivesUp(std::string const& reason);
 
-  static void WriteCounterFile(std::string const& text) { std::ofstream(counterFile) << text; }
+  static void SaveCount(int reboots) {
+    std::ofstream(CounterFile::kPath) << CounterFile::Text(reboots);
+  }
 };
 
-std::string SystemTest::StartUntilItGivesUp(std::string const& reason) {
+std::string System::StartUntilItGivesUp(std::string const& reason) {
   for (int reboots = 0; reboots < 3; ++reboots) {
     std::string const output = PowerOn();
     EXPECT_THAT(output,
@@ -80,23 +79,20 @@ std::string SystemTest::StartUntilItGivesUp(std::string const& reason) {
     EXPECT_THAT(output, HasSubstr("asked: system reboot\nasked: sleep 20000000000 ns\n"));
     EXPECT_THAT(output, HasSubstr("asked: reboot " + std::to_string(RB_AUTOBOOT) +
                                   "\nend of this start\n"));
-    EXPECT_EQ(TextOf(counterFile), Counted(reboots + 1));
+    EXPECT_EQ(TextOf(CounterFile::kPath), CounterFile::Text(reboots + 1));
   }
   std::string last = PowerOn();
   EXPECT_THAT(last, HasSubstr("Exception disk (0): " + reason +
                               "\nFound SD card status counter 3 on file\n"
-                              "Found SD card status counter 4 on file, passed limit\n"
-                              "============================ SD CARD ============================="
-                              "\nNOT PRESENT\n"));
+                              "Found SD card status counter 4 on file, passed limit\n" +
+                              CardText::kNoCard));
   EXPECT_THAT(last, HasSubstr("card: unusable\n"));
   EXPECT_THAT(last, Not(HasSubstr("reboot")));
-  EXPECT_EQ(TextOf(counterFile), Counted(3));
+  EXPECT_EQ(TextOf(CounterFile::kPath), CounterFile::Text(3));
   return last;
 }
 
-}  // namespace
-
-TEST_F(SystemTest, GoodCardIsBroughtIntoServiceAndReported) {
+TEST_F(System, GoodCardIsBroughtIntoServiceAndReported) {
   card.Insert();
   Capture::Descriptor output(1);
   OwnedSystem system;
@@ -107,18 +103,15 @@ TEST_F(SystemTest, GoodCardIsBroughtIntoServiceAndReported) {
   EXPECT_TRUE(disk->available);
   EXPECT_FALSE(system.diskFault);
   EXPECT_EQ(Machine::Traced("sleep").back(), Machine::Sleep(1s));
-  auto const& status = Quellon::DiskUtils::Disk::deviceStatusList[mountPoint];
-  EXPECT_THAT(output.Text(),
-              EndsWith("============================ SD CARD =============================\n"
-                       " size [67108864] B\n usable size [" +
-                       std::to_string(disk->totalBytes) + "] B \n writen [" +
-                       std::to_string(status.lifetimeWritesKB) +
-                       "] kB\n read only [0]\n fcsk status [0]\n cid [" + card.identity.cid +
-                       "]\n"
-                       "==================================================================\n"));
+  auto const& status = Quellon::DiskUtils::Disk::deviceStatusList[kMountPoint];
+  EXPECT_THAT(output.Text(), EndsWith(CardText::kTitle + " size [67108864] B\n usable size [" +
+                                      std::to_string(disk->totalBytes) + "] B \n writen [" +
+                                      std::to_string(status.lifetimeWritesKB) +
+                                      "] kB\n read only [0]\n fcsk status [0]\n cid [" +
+                                      card.identity.cid + "]\n" + CardText::kRule));
 }
 
-TEST_F(SystemTest, HealthOfAGoodCardIsMeasured) {
+TEST_F(System, HealthOfAGoodCardIsMeasured) {
   card.Insert();
   Capture::Descriptor output(1);
   OwnedSystem system;
@@ -134,7 +127,7 @@ TEST_F(SystemTest, HealthOfAGoodCardIsMeasured) {
   EXPECT_FALSE(health.HasKey("rtc-have-been-reset"));
 }
 
-TEST_F(SystemTest, RepairedCardIsUsedAndTheRepairReported) {
+TEST_F(System, RepairedCardIsUsedAndTheRepairReported) {
   card.DamageRepairably();
   card.Insert();
   std::string const output = PowerOn();
@@ -145,57 +138,41 @@ TEST_F(SystemTest, RepairedCardIsUsedAndTheRepairReported) {
   EXPECT_THAT(output, HasSubstr(R"("zf":1,)"));
 }
 
-TEST_F(SystemTest, MissingCardCausesThreeRebootsAndThenIsDoneWithout) {
-  std::string const last = StartUntilItGivesUp("The device is not available");
-  EXPECT_THAT(last, HasSubstr(R"("zf":0,"zi":"","zl":0,"zr":3,"zs":0})"));
-}
-
-TEST_F(SystemTest, CardThatLosesFilesCausesThreeRebootsAndIsReportedBroken) {
+TEST_F(System, CardThatLosesFilesCausesThreeRebootsAndIsReportedBroken) {
   LossyCheck const lossy(card);
   card.Insert();
   std::string const last = StartUntilItGivesUp("disk malfunction");
   EXPECT_THAT(last, HasSubstr(R"("zr":1,"zs":0.0625})"));
 }
 
-TEST_F(SystemTest, WriteProtectedCardCausesThreeRebootsAndIsReportedReadOnly) {
+TEST_F(System, WriteProtectedCardCausesThreeRebootsAndIsReportedReadOnly) {
   card.SetWriteProtected(true);
   card.Insert();
   std::string const last = StartUntilItGivesUp("The device is not available");
   EXPECT_THAT(last, HasSubstr(R"("zr":2,)"));
 }
 
-TEST_F(SystemTest, CardBeyondRepairCausesThreeRebootsAndIsReportedUnusable) {
+TEST_F(System, CardBeyondRepairCausesThreeRebootsAndIsReportedUnusable) {
   card.DamageBeyondRepair();
   card.Insert();
   std::string const last = StartUntilItGivesUp("The device is not available");
   EXPECT_THAT(last, HasSubstr(R"("zr":3,"zs":0.0625})"));
 }
 
-TEST_F(SystemTest, CardThatComesBackAfterARebootIsUsedAndTheCountStays) {
+TEST_F(System, CardThatComesBackAfterARebootIsUsedAndTheCountStays) {
   EXPECT_THAT(PowerOn(), HasSubstr("trigger reboot..."));
   card.Insert();
   std::string const output = PowerOn();
 
   EXPECT_THAT(output, HasSubstr("card: usable\n"));
   EXPECT_THAT(output, Not(HasSubstr("reboot")));
-  EXPECT_EQ(TextOf(counterFile), Counted(1));
+  EXPECT_EQ(TextOf(CounterFile::kPath), CounterFile::Text(1));
 }
 
-TEST_F(SystemTest, UnreadableCounterMeansNoReboot) {
-  fs::create_directory(counterFile);
-  std::string const output = PowerOn();
-
-  EXPECT_THAT(output, HasSubstr("Exception disk (0): The device is not available\n"
-                                "Found SD card status counter -1 on file, passed limit\n======"));
-  EXPECT_THAT(output, Not(HasSubstr("reboot")));
-  EXPECT_THAT(output, HasSubstr("card: unusable\n"));
-  fs::remove(counterFile);
-}
-
-TEST_F(SystemTest, AnotherStartInTheSameProcessReplacesTheCardObject) {
+TEST_F(System, AnotherStartInTheSameProcessReplacesTheCardObject) {
   Capture::Descriptor errors(2);
   Capture::Descriptor output(1);
-  WriteCounterFile(Counted(3));
+  SaveCount(3);
   OwnedSystem system;
   ASSERT_NE(system.InitDisk(), nullptr);
   EXPECT_FALSE(system.disk->available);
@@ -207,9 +184,9 @@ TEST_F(SystemTest, AnotherStartInTheSameProcessReplacesTheCardObject) {
   EXPECT_FALSE(system.diskFault);
 }
 
-TEST_F(SystemTest, CardFoundBrokenIsRefusedByLaterStartsInTheSameProcess) {
+TEST_F(System, CardFoundBrokenIsRefusedByLaterStartsInTheSameProcess) {
   Capture::Descriptor output(1);
-  WriteCounterFile(Counted(3));
+  SaveCount(3);
   OwnedSystem system;
   {
     LossyCheck const lossy(card);
@@ -224,19 +201,19 @@ TEST_F(SystemTest, CardFoundBrokenIsRefusedByLaterStartsInTheSameProcess) {
                         "Exception disk (0): The device is not available\n"));
 }
 
-TEST_F(SystemTest, RebootLeavesCardAndRootUnmounted) {
+TEST_F(System, RebootLeavesCardAndRootUnmounted) {
   LossyCheck const lossy(card);
   card.Insert();
   EXPECT_THAT(PowerOn(), HasSubstr("asked: reboot " + std::to_string(RB_AUTOBOOT) + "\n"));
 
-  EXPECT_FALSE(IsMounted(mountPoint));
+  EXPECT_FALSE(IsMounted(kMountPoint));
   EXPECT_TRUE(RootIsReadOnly());  // what the kernel makes of unmounting a process's own root
 }
 
-TEST_F(SystemTest, BusyCardDoesNotStopAReboot) {
+TEST_F(System, BusyCardDoesNotStopAReboot) {
   card.Insert();
-  Quellon::DiskUtils::Disk disk(mountPoint, partition, device);
-  Tarvik::UniqueFd const busy(open("/mnt/sdcard/busy", O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
+  auto const disk = MakeDisk();
+  auto const busy = CardTests::KeepBusy("/mnt/sdcard/busy");
   OwnedSystem system;
   Capture::Descriptor errors(2);
 
@@ -244,13 +221,13 @@ TEST_F(SystemTest, BusyCardDoesNotStopAReboot) {
   EXPECT_EQ(Occurrences(errors.Text(), "Unable to umount storage SD: Device or resource busy\n"),
             9);
   EXPECT_EQ(Machine::Trace().back(), "reboot " + std::to_string(RB_AUTOBOOT));
-  EXPECT_TRUE(IsMounted(mountPoint));
+  EXPECT_TRUE(IsMounted(kMountPoint));
 }
 
-TEST_F(SystemTest, BusyRootIsGivenASecondAndTenForcedAttempts) {
-  Tarvik::UniqueFd const busy(open("/busy", O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
+TEST_F(System, BusyRootIsGivenASecondAndTenForcedAttempts) {
+  auto const busy = CardTests::KeepBusy("/busy");
   card.Insert();
-  Quellon::DiskUtils::Disk disk(mountPoint, partition, device);
+  auto const disk = MakeDisk();
   OwnedSystem system;
   Machine::ForgetTrace();
   Capture::Descriptor errors(2);
@@ -260,62 +237,12 @@ TEST_F(SystemTest, BusyRootIsGivenASecondAndTenForcedAttempts) {
   std::vector<std::string> pauses(10, Machine::Sleep(100ms));
   pauses.front() = Machine::Sleep(1s);
   EXPECT_EQ(Machine::Traced("sleep"), pauses);
-  EXPECT_FALSE(IsMounted(mountPoint));
+  EXPECT_FALSE(IsMounted(kMountPoint));
 }
 
-TEST_F(SystemTest, MissingCounterFileCountsZeroAndIsMade) {
+TEST_F(System, CounterOnAReadOnlyRootCannotBeReadOrRemovedAndIsTakenForSaved) {
   OwnedSystem system;
-  EXPECT_EQ(system.ReadSDCardStatusCounter(), 0);
-  EXPECT_TRUE(fs::is_empty(counterFile));
-}
-
-TEST_F(SystemTest, SavedCounterIsReadBackAndReplacesTheWholeFile) {
-  OwnedSystem system;
-  WriteCounterFile(std::string(1000, ' '));
-  Capture::Descriptor output(1);
-
-  EXPECT_TRUE(system.SaveSDCardStatusCounter(2));
-  EXPECT_EQ(output.Text(), "Save sdcard status counter 2 to file\n");
-  EXPECT_EQ(TextOf(counterFile), Counted(2));
-  EXPECT_EQ(system.ReadSDCardStatusCounter(), 2);
-}
-
-TEST_F(SystemTest, ZeroRemovesTheCounterFileAndAMissingOneIsFine) {
-  OwnedSystem system;
-  WriteCounterFile(Counted(1));
-  Capture::Descriptor output(1);
-
-  EXPECT_TRUE(system.SaveSDCardStatusCounter(0));
-  EXPECT_FALSE(fs::exists(counterFile));
-  EXPECT_TRUE(system.SaveSDCardStatusCounter(0));
-  EXPECT_EQ(output.Text(), "Remove sdcard status file\nRemove sdcard status file\n");
-}
-
-TEST_F(SystemTest, CounterIsReadFromAnyObjectThatHasIt) {
-  OwnedSystem system;
-  WriteCounterFile("{\n \"other\": [1],\n \"sdcard-status-conter\":\n 2\n}\n");
-  EXPECT_EQ(system.ReadSDCardStatusCounter(), 2);
-}
-
-TEST_F(SystemTest, ValidTextWithoutTheCounterCountsZero) {
-  OwnedSystem system;
-  for (char const* text : {R"({"sdcard-status-counter":2})", "{}", "[2]", "2", "null"}) {
-    WriteCounterFile(text);
-    EXPECT_EQ(system.ReadSDCardStatusCounter(), 0) << text;
-  }
-}
-
-TEST_F(SystemTest, BrokenTextOrAWrongKindOfCounterIsUnreadable) {
-  OwnedSystem system;
-  for (char const* text : {R"({"sdcard-status-conter":)", R"({"sdcard-status-conter":"2"})"}) {
-    WriteCounterFile(text);
-    EXPECT_EQ(system.ReadSDCardStatusCounter(), -1) << text;
-  }
-}
-
-TEST_F(SystemTest, CounterOnAReadOnlyRootCannotBeReadOrRemovedAndIsTakenForSaved) {
-  OwnedSystem system;
-  WriteCounterFile(Counted(1));
+  SaveCount(1);
   MakeRootReadOnly();
   Capture::Descriptor output(1);
 
@@ -325,7 +252,7 @@ TEST_F(SystemTest, CounterOnAReadOnlyRootCannotBeReadOrRemovedAndIsTakenForSaved
   EXPECT_EQ(output.Text(),
             "Save sdcard status counter 2 to file\n"
             "Remove sdcard status file\nUnable to remove sd card status file\n");
-  EXPECT_EQ(TextOf(counterFile), Counted(1));
+  EXPECT_EQ(TextOf(CounterFile::kPath), CounterFile::Text(1));
 }
 
-}  // namespace CardTests
+}  // namespace

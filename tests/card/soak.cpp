@@ -4,7 +4,6 @@
 // fails. Memory, descriptors, catalogue and share are checked all along; the first that is not as
 // it should be ends the run with 1.
 #include <dirent.h>
-#include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 #include <unistd.h>
@@ -34,6 +33,7 @@
 #include "tests/machine/Machine.h"
 #include "tests/machine/Objects.h"
 #include "tests/support/Descriptors.h"
+#include "tests/support/ModificationTime.h"
 
 namespace {
 
@@ -171,9 +171,7 @@ class Service {
   std::string Write(std::string const& name, std::size_t bytes) {
     std::string const path = kDirectory + name;
     std::ofstream(path) << std::string(bytes, 'r');
-    timespec const time{1767225600 + 60L * recordings, 0};
-    std::array<timespec, 2> const times{time, time};
-    Require(utimensat(AT_FDCWD, path.c_str(), times.data(), 0) == 0, "cannot write " + path);
+    Require(SetModificationTime(path, 1767225600 + 60L * recordings), "cannot write " + path);
     return name;
   }
 

@@ -6,6 +6,7 @@
 #include "tests/fuzz/Target.h"
 #include "tests/machine/Machine.h"
 #include "tests/support/Capture.h"
+#include "tests/support/CounterFile.h"
 #include "tests/support/OwnedSystem.h"
 
 namespace {
@@ -22,7 +23,7 @@ int RebootsWithoutCard(Quellon::System& system) {
 
 int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size) {
   Machine::Reset();
-  Machine::MakeFile("/root/system.dat", std::string(Fuzz::Text(data, size)));
+  Machine::MakeFile(CounterFile::kPath, std::string(Fuzz::Text(data, size)));
   Capture::Descriptor const quiet(STDOUT_FILENO);
   Capture::Descriptor const silent(STDERR_FILENO);
   OwnedSystem system;

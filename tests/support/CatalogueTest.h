@@ -1,9 +1,8 @@
 // What tests of the catalogue share: a card that may be used and a directory of recordings on it.
 #pragma once
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/stat.h>
+#include <sys/statvfs.h>
 
 #include <algorithm>
 #include <cstdint>
@@ -18,6 +17,8 @@
 #include "tests/machine/Machine.h"
 #include "tests/machine/Objects.h"
 #include "tests/support/Capture.h"
+#include "tests/support/FakeCard.h"
+#include "tests/support/ModificationTime.h"
 
 class CatalogueTest : public testing::Test {
  public:
@@ -34,8 +35,7 @@ class CatalogueTest : public testing::Test {
   }
 
   static void SetTime(std::string const& name, std::time_t time) {
-    timespec const times[2] = {{time, 0}, {time, 0}};
-    utimensat(AT_FDCWD, Where(name).c_str(), times, AT_SYMLINK_NOFOLLOW);
+    SetModificationTime(Where(name), time);
   }
 
   static std::filesystem::path Where(std::string const& name) {
@@ -75,16 +75,22 @@ class CatalogueTest : public testing::Test {
   ~CatalogueTest() override { Machine::DeleteLiveFiles(); }
 
   /// A catalogue of that directory, which has logged its figures out of sight.
-  std::unique_ptr<FilesManager> NewCatalogue(std::string const& directory = kDirectory,
-                                             unsigned long long minimumFree = 0,
-                                             float share = 1.0F) {
+  template <typename Type = FilesManager>
+  std::unique_ptr<Type> NewCatalogue(std::string const& directory = kDirectory,
+                                     unsigned long long minimumFree = 0, float share = 1.0F) {
     Capture::Descriptor const hidden(1);
-    return std::make_unique<FilesManager>(&card, directory, minimumFree, share);
+    return std::make_unique<Type>(&card, directory, minimumFree, share);
   }
 
   /// Adds files that exist, oldest first.
   static void Add(FilesManager& catalogue, std::vector<std::string> names) {
     for (auto& name : names) EXPECT_TRUE(catalogue.AddFile(name)) << name;
+  }
+
+  /// Makes and adds recordings of ten bytes each, oldest first.
+  static void Keep(FilesManager& catalogue, std::vector<std::string> const& names) {
+    for (auto const& name : names) MakeRecording(name, 10);
+    Add(catalogue, names);
   }
 
   // What statvfs(3) tells of the card.
@@ -94,10 +100,7 @@ class CatalogueTest : public testing::Test {
 
  private:
   static Disk NewCard() {
-    Disk disk = [] {
-      Capture::Descriptor const hidden(1);  // there is no such device, and that is said
-      return Disk("/mnt/sdcard/", "/dev/mmcblk1p1", "mmcblk1");
-    }();
+    Disk disk = FakeCard::MakeDisk();  // there is no such device
     disk.available = true;
     return disk;
   }

@@ -5,9 +5,10 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
 #include <iterator>
 #include <vector>
+
+#include "tests/support/Scoped.h"
 
 namespace Descriptors {
 
@@ -44,23 +45,13 @@ class Watch {
 class NoStandardOnes {
  public:
   NoStandardOnes() {
-    for (int fd = 0; fd < 3; ++fd) {
-      saved[static_cast<std::size_t>(fd)] = fcntl(fd, F_DUPFD_CLOEXEC, 3);
-      close(fd);
-    }
-  }
-  NoStandardOnes(NoStandardOnes const&) = delete;
-  NoStandardOnes& operator=(NoStandardOnes const&) = delete;
-  ~NoStandardOnes() {
-    for (int fd = 0; fd < 3; ++fd) {
-      int const kept = saved[static_cast<std::size_t>(fd)];
-      dup2(kept, fd);
-      close(kept);
-    }
+    for (int const fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) close(fd);
   }
 
  private:
-  std::array<int, 3> saved{};
+  Scoped::AtEnd const input = Scoped::Descriptor(STDIN_FILENO);
+  Scoped::AtEnd const output = Scoped::Descriptor(STDOUT_FILENO);
+  Scoped::AtEnd const errors = Scoped::Descriptor(STDERR_FILENO);
 };
 
 }  // namespace Descriptors

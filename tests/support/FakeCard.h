@@ -12,6 +12,7 @@
 
 #include "DiskUtils/Disk.h"
 #include "tests/machine/Machine.h"
+#include "tests/support/Capture.h"
 
 /// While one exists, a good card is in the slot and mounted: device nodes, sysfs properties, a
 /// mount point that the system calls and commands mount and unmount, space figures. The status
@@ -32,6 +33,12 @@ class FakeCard {
   FakeCard(FakeCard const&) = delete;
   FakeCard& operator=(FakeCard const&) = delete;
   ~FakeCard() { Machine::hooks() = {}; }
+
+  /// The library's object of the card in the slot, whatever that is; what it prints is hidden.
+  static Quellon::DiskUtils::Disk MakeDisk() {
+    Capture::Descriptor const hidden(1);
+    return {kMountPoint, kPartition, kDevice};
+  }
 
   /// A property such as "ro" or "device/cid".
   static void SetProperty(std::string const& name, std::string const& text) {

@@ -4,20 +4,15 @@
 #include <locale>
 #include <string>
 
+#include "tests/support/Scoped.h"
+
 /// While one exists, the global locale has a decimal comma and groups digits by points.
 class GroupedNumbers {
- public:
-  GroupedNumbers() : before(std::locale::global(std::locale(std::locale::classic(), new Facet))) {}
-  GroupedNumbers(GroupedNumbers const&) = delete;
-  GroupedNumbers& operator=(GroupedNumbers const&) = delete;
-  ~GroupedNumbers() { std::locale::global(before); }
-
- private:
   class Facet : public std::numpunct<char> {
     char do_decimal_point() const override { return ','; }
     char do_thousands_sep() const override { return '.'; }
     std::string do_grouping() const override { return "\3"; }
   };
 
-  std::locale before;
+  Scoped::AtEnd const locale = Scoped::GlobalLocale(std::locale(std::locale::classic(), new Facet));
 };

@@ -13,14 +13,22 @@
 
 #include "base/Logger.h"
 #include "tests/machine/Machine.h"
+#include "tests/support/Scoped.h"
 
 namespace LogFile {
+
+using FileSink = Tarvik::Ilog::LoggerBase<Tarvik::Ilog::FileLogPolicy>;
+using ConsoleSink = Tarvik::Ilog::LoggerBase<Tarvik::Ilog::ConsoleLogPolicy>;
 
 inline constexpr char const* kPath = "/var/log/quellon.log";
 inline constexpr char const* kOlderPath = "/var/log/quellon.log.1";
 
+/// The header of a line without a temperature: its length, and a pattern of it.
+inline constexpr std::size_t kHeaderLength = 21;
+inline std::string const kHeader = R"(\[[0-9]{4}-[0-9]{2}-[0-9]{2} [0-9]{2}:[0-9]{2}:[0-9]{2}\])";
+
 /// Longer than anything that works takes on a busy machine.
-inline constexpr auto kPatience = std::chrono::seconds(20);
+inline constexpr auto kPatience = std::chrono::seconds(60);
 
 /// What the log file holds.
 inline std::string Text() {
@@ -34,18 +42,28 @@ inline std::vector<std::string> SplitLines(std::string const& text) {
   return lines;
 }
 
+/// Switches the sinks of the process-wide logger.
+inline void Enable(bool file, bool console) {
+  auto& logger = *Tarvik::Ilog::Logger::GetInstance();
+  logger.fileSink->enabled = file;
+  logger.consoleSink->enabled = console;
+}
+
+/// While it lasts, nothing is logged; both sinks are enabled at its end.
+[[nodiscard]] inline Scoped::AtEnd Silence() {
+  Enable(false, false);
+  return Scoped::AtEnd([] { Enable(true, true); });
+}
+
 /// Both sinks enabled, and the file sink of the process-wide logger on a new, empty file: it gives
 /// its file up as after a failed write.
 inline void BeginAnew() {
-  auto& logger = *Tarvik::Ilog::Logger::GetInstance();
-  logger.consoleSink->enabled = false;
-  logger.fileSink->enabled = true;
+  Enable(true, false);
   Machine::hooks().write = [](int, void const*, std::size_t) { return -1; };
   Tarvik::Ilog::LogLine(Tarvik::Ilog::Info) << "lost";
   Machine::hooks().write = nullptr;
   Machine::MakeFile(kPath, "");
-  logger.fileSink->enabled = true;
-  logger.consoleSink->enabled = true;
+  Enable(true, true);
 }
 
 /// Whether another thread gets through `work` in time. One that does not is left behind: it goes on
@@ -65,6 +83,12 @@ bool AnotherThreadGetsThrough(Work work, std::chrono::milliseconds limit = kPati
 template <typename Sink>
 bool IsFree(Sink& sink) {
   return AnotherThreadGetsThrough([&sink] { sink.Flush(); });
+}
+
+/// Whether another thread could begin a line with the process-wide logger.
+inline bool IsFree() {
+  auto& logger = *Tarvik::Ilog::Logger::GetInstance();
+  return IsFree(*logger.fileSink) && IsFree(*logger.consoleSink);
 }
 
 /// Whether a line of another thread takes the sink before long. In either case `release` then ends

@@ -20,6 +20,7 @@
 #include "tests/machine/Machine.h"
 #include "tests/support/ChildProcess.h"
 #include "tests/support/Descriptors.h"
+#include "tests/support/Scoped.h"
 
 namespace {
 
@@ -35,19 +36,19 @@ std::pair<int, int> Retry(int success) {
   return {result, attempts};
 }
 
-TEST(Retry, StopsAtTheFirstSuccessAndSaysWhichItWas) {
+TEST(BaseHelpersRetry, StopsAtTheFirstSuccessAndSaysWhichItWas) {
   EXPECT_EQ(Retry(1), std::pair(1, 1));
   EXPECT_THAT(Machine::Trace(), IsEmpty());
   EXPECT_EQ(Retry(3), std::pair(3, 3));
   EXPECT_THAT(Machine::Trace(), ElementsAre(Machine::Sleep(100ms), Machine::Sleep(100ms)));
 }
 
-TEST(Retry, PausesAfterTheLastFailureToo) {
+TEST(BaseHelpersRetry, PausesAfterTheLastFailureToo) {
   EXPECT_EQ(Retry(5), std::pair(0, 4));
   EXPECT_EQ(Machine::Trace().size(), 4U);
 }
 
-TEST(Retry, ASignalDoesNotShortenAPause) {
+TEST(BaseHelpersRetry, ASignalDoesNotShortenAPause) {
   bool interrupted = false;
   Machine::hooks().interrupt =
       [&](std::chrono::nanoseconds length) -> std::optional<std::chrono::nanoseconds> {
@@ -58,7 +59,7 @@ TEST(Retry, ASignalDoesNotShortenAPause) {
   EXPECT_THAT(Machine::Trace(), ElementsAre(Machine::Sleep(30ms), Machine::Sleep(70ms)));
 }
 
-TEST(Shell, TheExitStatusIsTheSecondByte) {
+TEST(BaseHelpersShell, TheExitStatusIsTheSecondByte) {
   EXPECT_EQ(Tarvik::ExitStatusByte(0), 0);
   EXPECT_EQ(Tarvik::ExitStatusByte(1 << 8), 1);
   EXPECT_EQ(Tarvik::ExitStatusByte(128 << 8), 128);
@@ -66,7 +67,7 @@ TEST(Shell, TheExitStatusIsTheSecondByte) {
   EXPECT_EQ(Tarvik::ExitStatusByte(-1), 255);
 }
 
-TEST(SystemClock, IsSetInWholeSeconds) {
+TEST(BaseHelpersSystemClock, IsSetInWholeSeconds) {
   Machine::hooks().setClock = [](long seconds) {
     return seconds > 0 ? Machine::Answer::Success() : Machine::Answer::Failure(EINVAL);
   };
@@ -75,7 +76,7 @@ TEST(SystemClock, IsSetInWholeSeconds) {
   EXPECT_THAT(Machine::Trace(), ElementsAre("clock 1614877509", "clock -1"));
 }
 
-TEST(UniqueFd, ClosesItsDescriptor) {
+TEST(BaseHelpersUniqueFd, ClosesItsDescriptor) {
   Descriptors::Watch const watch;
   {
     UniqueFd const fd(open("/dev/null", O_RDONLY));
@@ -85,19 +86,18 @@ TEST(UniqueFd, ClosesItsDescriptor) {
   EXPECT_THAT(watch.Opened(), IsEmpty());
 }
 
-TEST(UniqueFd, OwnsNothingUnlessGivenSomething) {
+TEST(BaseHelpersUniqueFd, OwnsNothingUnlessGivenSomething) {
   UniqueFd const none;
   EXPECT_FALSE(none.IsOpen());
   EXPECT_EQ(none.Get(), -1);
 }
 
-TEST(UniqueFd, DescriptorZeroIsOneToo) {
-  UniqueFd const keep(dup(0));
+TEST(BaseHelpersUniqueFd, DescriptorZeroIsOneToo) {
+  auto const input = Scoped::Descriptor(0);
   EXPECT_TRUE(UniqueFd(0).IsOpen());
-  dup2(keep.Get(), 0);
 }
 
-TEST(UniqueFd, HandsItsDescriptorOn) {
+TEST(BaseHelpersUniqueFd, HandsItsDescriptorOn) {
   Descriptors::Watch const watch;
   {
     UniqueFd first(open("/dev/null", O_RDONLY));
@@ -111,7 +111,7 @@ TEST(UniqueFd, HandsItsDescriptorOn) {
   EXPECT_THAT(watch.Opened(), IsEmpty());
 }
 
-TEST(UniqueFd, GivesUpItsDescriptorForNone) {
+TEST(BaseHelpersUniqueFd, GivesUpItsDescriptorForNone) {
   Descriptors::Watch const watch;
   UniqueFd fd(open("/dev/null", O_RDONLY));
   fd = UniqueFd();
@@ -119,29 +119,28 @@ TEST(UniqueFd, GivesUpItsDescriptorForNone) {
   EXPECT_THAT(watch.Opened(), IsEmpty());
 }
 
-TEST(OpenFile, OpensAsItIsToldAndKeepsTheDescriptorFromCommands) {
+TEST(BaseHelpersOpenFile, OpensAsItIsToldAndKeepsTheDescriptorFromCommands) {
   Machine::MakeFile("/root/file", "");
   UniqueFd const file(Tarvik::OpenFile("/root/file", O_WRONLY | O_APPEND));
   EXPECT_TRUE(Descriptors::ClosesOnExec(file.Get()));
   EXPECT_EQ(fcntl(file.Get(), F_GETFL) & (O_ACCMODE | O_APPEND), O_WRONLY | O_APPEND);
 }
 
-TEST(OpenFile, MakesAFileWithItsMode) {
+TEST(BaseHelpersOpenFile, MakesAFileWithItsMode) {
   Machine::MakeFile("/root/other", "");
-  mode_t const before = umask(0);
+  auto const mask = Scoped::Umask(0);
   UniqueFd const file(Tarvik::OpenFile("/root/file", O_WRONLY | O_CREAT | O_EXCL, 0640));
-  umask(before);
   struct stat status {};
   ASSERT_EQ(fstat(file.Get(), &status), 0);
   EXPECT_EQ(status.st_mode & 07777, 0640U);
 }
 
-TEST(OpenFile, FailsWithTheErrorOfOpen) {
+TEST(BaseHelpersOpenFile, FailsWithTheErrorOfOpen) {
   EXPECT_EQ(Tarvik::OpenFile("/root/missing", O_RDONLY), -1);
   EXPECT_EQ(errno, ENOENT);
 }
 
-TEST(OpenFile, TakesNoStandardDescriptorThoughAllAreClosed) {
+TEST(BaseHelpersOpenFile, TakesNoStandardDescriptorThoughAllAreClosed) {
   ChildProcess::Run([] {
     Machine::MakeFile("/root/file", "");
     int opened = -1;
@@ -160,7 +159,7 @@ TEST(OpenFile, TakesNoStandardDescriptorThoughAllAreClosed) {
   });
 }
 
-TEST(OpenFile, FailsWhereOnlyStandardDescriptorsAreLeft) {
+TEST(BaseHelpersOpenFile, FailsWhereOnlyStandardDescriptorsAreLeft) {
   ChildProcess::Run([] {
     Machine::MakeFile("/root/file", "");
     int opened = 0;
@@ -184,7 +183,7 @@ TEST(OpenFile, FailsWhereOnlyStandardDescriptorsAreLeft) {
   });
 }
 
-TEST(UniqueDir, ClosesItsDirectory) {
+TEST(BaseHelpersUniqueDir, ClosesItsDirectory) {
   Descriptors::Watch const watch;
   {
     Tarvik::UniqueDir const directory(opendir("/"));
@@ -194,7 +193,7 @@ TEST(UniqueDir, ClosesItsDirectory) {
   EXPECT_EQ(Tarvik::UniqueDir(opendir("/no such directory")), nullptr);
 }
 
-TEST(NoDestructor, MakesItsObjectOnceAndNeverDestroysIt) {
+TEST(BaseHelpersNoDestructor, MakesItsObjectOnceAndNeverDestroysIt) {
   struct Counted {
     explicit Counted(int& count) : destroyed(count) {}
     ~Counted() { ++destroyed; }
@@ -209,7 +208,7 @@ TEST(NoDestructor, MakesItsObjectOnceAndNeverDestroysIt) {
   EXPECT_EQ(destroyed, 0);
 }
 
-TEST(Utf8, EveryCharacterIsReadBackFromItsBytes) {
+TEST(BaseHelpersUtf8, EveryCharacterIsReadBackFromItsBytes) {
   for (unsigned long point = 0; point <= 0x10FFFF; point += point < 0x3000 ? 1 : 251) {
     if (point >= 0xD800 && point <= 0xDFFF) continue;
     std::string text;
@@ -221,7 +220,7 @@ TEST(Utf8, EveryCharacterIsReadBackFromItsBytes) {
   }
 }
 
-TEST(Utf8, NothingBeginsWithNothing) {
+TEST(BaseHelpersUtf8, NothingBeginsWithNothing) {
   EXPECT_EQ(Tarvik::Utf8Length(""), 0U);
 }
 

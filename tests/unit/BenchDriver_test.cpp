@@ -4,11 +4,9 @@
 #include <gtest/gtest.h>
 #include <linux/rtc.h>
 #include <spawn.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
-#include <cstdlib>
 #include <ctime>
 #include <filesystem>
 #include <string>
@@ -17,9 +15,12 @@
 #include "DiskUtils/Disk.h"
 #include "Testing/main.h"
 #include "tests/machine/Machine.h"
-#include "tests/machine/Objects.h"
 #include "tests/machine/TheReal.h"
 #include "tests/support/Capture.h"
+#include "tests/support/CatalogueTest.h"
+#include "tests/support/ChildProcess.h"
+#include "tests/support/LogFile.h"
+#include "tests/support/Scoped.h"
 
 namespace {
 
@@ -28,7 +29,6 @@ using namespace std::chrono_literals;
 using Machine::Answer;
 using testing::Each;
 using testing::ElementsAre;
-using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::MatchesRegex;
 using testing::SizeIs;
@@ -42,10 +42,7 @@ int LibraryMain() {
 }
 
 void MakeRecording(std::string const& name, std::time_t time) {
-  std::string const path = "/mnt/sdcard/cr/" + name;
-  Machine::MakeFile(path, "");
-  timespec const times[2] = {{time, 0}, {time, 0}};
-  utimensat(AT_FDCWD, Machine::Real(path).c_str(), times, 0);
+  CatalogueTest::MakeRecording(name, 0, time);
 }
 
 /// A mounted card of 1 GiB with all of it free. Nothing else may ask stat(2) from here on.
@@ -76,14 +73,14 @@ TEST(BenchDriver, LoadsSortsAndLogsTheRecordingsOfTheCard) {
   InsertCard();
   std::string const output = Capture::Output([] { EXPECT_EQ(LibraryMain(), 0); });
   Machine::hooks().stat = nullptr;
-  std::string const header = "\\[....-..-.. ..:..:..\\]";
+  using LogFile::kHeader;
   EXPECT_THAT(
       output,
-      MatchesRegex(".*\nDisk /mnt/sdcard/ free sapce 1024MB from 1024MB\n" + header +
+      MatchesRegex(".*\nDisk /mnt/sdcard/ free sapce 1024MB from 1024MB\n" + kHeader +
                    "\\[SYSTEM\\] Min free space after correction 181462368B fraction 0\\.8\n" +
-                   header + "\\[SYSTEM\\] Allocated disk space 819\\.2MB\n" + header +
-                   "\\[SYSTEM\\]\\[rec_0001\\.dat\\]\n" + header +
-                   "\\[SYSTEM\\]\\[rec_0002\\.dat\\]\n" + header +
+                   kHeader + "\\[SYSTEM\\] Allocated disk space 819\\.2MB\n" + kHeader +
+                   "\\[SYSTEM\\]\\[rec_0001\\.dat\\]\n" + kHeader +
+                   "\\[SYSTEM\\]\\[rec_0002\\.dat\\]\n" + kHeader +
                    "\\[SYSTEM\\]\\[rec_0003\\.gps\\]\n"));
   EXPECT_THAT(Machine::Trace(), SizeIs(5));
   EXPECT_THAT(Machine::Trace(), Each(Machine::Sleep(1ms)));
@@ -114,13 +111,9 @@ TEST(BenchDriver, LeavesItsCardAndItsCatalogueToTheEndOfTheProcess) {
   Machine::DeleteLiveFiles();
 }
 
-class ClockTest : public testing::Test {
+class BenchDriverClock : public testing::Test {
  protected:
-  ClockTest() {
-    setenv("TZ", "UTC", 1);
-    tzset();
-    Machine::hooks().now = kNow;
-  }
+  BenchDriverClock() { Machine::hooks().now = kNow; }
 
   /// A clock that stands at the start of 2020; what it is asked and set to is kept.
   void FitClock() {
@@ -144,11 +137,12 @@ class ClockTest : public testing::Test {
     };
   }
 
+  Scoped::AtEnd const zone = Scoped::TimeZone("UTC");
   std::vector<unsigned long> requests;
   std::vector<long> written;
 };
 
-TEST_F(ClockTest, PrintsMovesAndRestoresTheClock) {
+TEST_F(BenchDriverClock, PrintsMovesAndRestoresTheClock) {
   FitClock();
   Machine::hooks().setClock = [](long) { return Answer::Success(); };
   EXPECT_EQ(Capture::Output([] { TestRtc(); }),
@@ -161,7 +155,7 @@ TEST_F(ClockTest, PrintsMovesAndRestoresTheClock) {
               ElementsAre("clock " + std::to_string(kNow - kDay), "clock " + std::to_string(kNow)));
 }
 
-TEST_F(ClockTest, RestoresTheInstantItBeganAt) {
+TEST_F(BenchDriverClock, RestoresTheInstantItBeganAt) {
   FitClock();
   Machine::hooks().setClock = [](long seconds) {
     Machine::hooks().now = seconds + 5;  // time goes on
@@ -171,13 +165,13 @@ TEST_F(ClockTest, RestoresTheInstantItBeganAt) {
   EXPECT_THAT(written, ElementsAre(kNow - kDay, kNow));
 }
 
-TEST_F(ClockTest, GoesOnWhenNothingCanBeSet) {
+TEST_F(BenchDriverClock, GoesOnWhenNothingCanBeSet) {
   FitClock();
   Capture::Output([] { TestRtc(); });
   EXPECT_THAT(written, ElementsAre(kNow - kDay, kNow));
 }
 
-TEST_F(ClockTest, PrintsThreeTimesWithoutAClock) {
+TEST_F(BenchDriverClock, PrintsThreeTimesWithoutAClock) {
   EXPECT_THAT(Capture::Output([] { TestRtc(); }),
               MatchesRegex("(RTC: [^\n]*\nSystem: 3/4/2021 17:05:09\n){3}"));
   EXPECT_THAT(Machine::Trace(), IsEmpty());
@@ -187,17 +181,16 @@ TEST_F(ClockTest, PrintsThreeTimesWithoutAClock) {
 TEST(BenchDriverProgram, RunsTheLibrarysMainAndIgnoresItsArguments) {
 #ifdef BENCH_DRIVER
   if (faccessat(AT_FDCWD, "/dev/mmcblk1", F_OK, 0) == 0) GTEST_SKIP() << "there is a real card";
-  int status = 0;
+  int status = -1;
   std::string const output = Capture::Output([&status] {
     std::string program = BENCH_DRIVER;
     std::string argument = "--help";
     char* const arguments[] = {program.data(), argument.data(), nullptr};
     pid_t child = 0;
     ASSERT_EQ(posix_spawn(&child, program.c_str(), nullptr, nullptr, arguments, environ), 0);
-    ASSERT_EQ(waitpid(child, &status, 0), child);
+    status = ChildProcess::Wait(child);
   });
-  EXPECT_TRUE(WIFEXITED(status));
-  EXPECT_EQ(WEXITSTATUS(status), 0);
+  EXPECT_EQ(status, 0);
   EXPECT_EQ(output, "Disk exception Disk not found\n");
 #else
   GTEST_SKIP() << "built without the examples, or for another machine";

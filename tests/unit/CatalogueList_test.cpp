@@ -3,25 +3,21 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <atomic>
 #include <iterator>
 #include <list>
 #include <memory>
 #include <string>
 #include <vector>
 
-#include "tests/machine/Objects.h"
-#include "tests/support/CatalogueTest.h"
+#include "tests/support/RemovalTest.h"
 
 namespace {
 
 using testing::ElementsAre;
 using testing::HasSubstr;
 
-class CatalogueList : public CatalogueTest {
+class CatalogueList : public RemovalTest {
  protected:
-  ~CatalogueList() override { Machine::hooks().removeFile = nullptr; }
-
   /// Makes recordings and puts them at the end of the list, as its owner may.
   void Push(std::vector<std::string> const& names) {
     for (auto const& name : names) {
@@ -33,11 +29,6 @@ class CatalogueList : public CatalogueTest {
       EXPECT_TRUE(file->Stat());
       list.push_back(file.release());
     }
-  }
-
-  void Keep(std::vector<std::string> const& names) {
-    for (auto const& name : names) MakeRecording(name, 10);
-    Add(*catalogue, names);
   }
 
   void EraseFirst() {
@@ -52,10 +43,7 @@ class CatalogueList : public CatalogueTest {
   /// Every removal frees ten bytes of a card that has `free` of the hundred it needs.
   void FillCard(std::int64_t free) {
     freeBytes = free;
-    Machine::hooks().removeFile = [this](Ifile& file) {
-      freeBytes += 10;
-      return Machine::Remove(file);
-    };
+    RemovalFrees(10);
   }
 
   std::unique_ptr<FilesManager> const catalogue = NewCatalogue(kDirectory, 100, 1.0F);
@@ -69,7 +57,7 @@ TEST_F(CatalogueList, ItsAdditionsAreDeletedAsOldFiles) {
 }
 
 TEST_F(CatalogueList, ItsAdditionsAreRemovedWithAllFiles) {
-  Keep({"a.dat"});
+  Keep(*catalogue, {"a.dat"});
   Push({"b.dat", "c.log", "d.dat"});
   EXPECT_EQ(catalogue->RemoveAllFiles(), 3U);
   EXPECT_THAT(OnCard(), ElementsAre("c.log"));
@@ -100,32 +88,18 @@ TEST_F(CatalogueList, ItsAdditionsTakeTheTotalToZeroAtMostAndNoMoreIsDeletedThan
   EXPECT_EQ(catalogue->GetTotalFilesSize(), 0U);
 }
 
-/// Counts the passes of its thread.
-class Counting : public CatalogueTest::FilesManager {
- public:
-  using FilesManager::FilesManager;
-  ~Counting() override { Join(); }
-  void Run() override {
-    ++passes;
-    FilesManager::Run();
-  }
-  std::atomic<int> passes = 0;
-};
-
 TEST_F(CatalogueList, OnceItIsEmptiedNoPassIsStarted) {
-  MakeRecording("a.dat", 10);
-  Capture::Descriptor const hidden(1);
-  Counting counting(&card, kDirectory, 0, 1.0F);
-  Add(counting, {"a.dat"});
-  delete counting.GetList().front();
-  counting.GetList().clear();
-  counting.RemoveAllFilesAsync();
-  counting.Join();
-  EXPECT_EQ(counting.passes, 0);
+  auto const counting = NewCatalogue<Counting>();
+  Keep(*counting, {"a.dat"});
+  delete counting->GetList().front();
+  counting->GetList().clear();
+  counting->RemoveAllFilesAsync();
+  counting->Join();
+  EXPECT_EQ(counting->passes, 0);
 }
 
 TEST_F(CatalogueList, MayLoseItsHeadBetweenTheAttemptsToMakeRoom) {
-  Keep({"a.log", "b.gps", "c.dat", "d.dat", "e.dat", "f.dat"});
+  Keep(*catalogue, {"a.log", "b.gps", "c.dat", "d.dat", "e.dat", "f.dat"});
   FillCard(70);
   auto const measure = Machine::hooks().statvfs;
   Machine::hooks().statvfs = [&](std::string const& path, struct statvfs* space) {
@@ -141,12 +115,13 @@ TEST_F(CatalogueList, MayLoseItsHeadBetweenTheAttemptsToMakeRoom) {
 }
 
 TEST_F(CatalogueList, MayBePutInAnotherOrderBetweenTheAttemptsToMakeRoom) {
-  Keep({"a.log", "b.dat", "c.dat", "d.dat", "e.dat", "f.dat"});
+  Keep(*catalogue, {"a.log", "b.dat", "c.dat", "d.dat", "e.dat", "f.dat"});
   FillCard(70);
   auto const measure = Machine::hooks().statvfs;
   Machine::hooks().statvfs = [&](std::string const& path, struct statvfs* space) {
-    if (freeBytes == 90)
+    if (freeBytes == 90) {
       list.sort([](Ifile* one, Ifile* other) { return one->name > other->name; });
+    }
     return measure(path, space);
   };
   EXPECT_TRUE(catalogue->MakeRoom());

@@ -1,5 +1,4 @@
 // Loading the catalogue from its directory.
-#include <dirent.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -18,6 +17,9 @@
 
 #include "tests/support/CatalogueTest.h"
 #include "tests/support/Descriptors.h"
+#include "tests/support/DirectoryOrder.h"
+#include "tests/support/ErrorRecord.h"
+#include "tests/support/Scoped.h"
 
 namespace {
 
@@ -35,18 +37,13 @@ class CatalogueLoad : public CatalogueTest {
  protected:
   static void ExpectFailure(FilesManager& failing, std::string const& message) {
     EXPECT_FALSE(failing.Load());
-    EXPECT_TRUE(failing.HasError());
-    EXPECT_EQ(failing.GetError(), message);
-    EXPECT_EQ(failing.GetErrorPlace(), "Load");
+    EXPECT_EQ(ErrorOf(failing), message + " in Load");
   }
 
-  /// What is not a directory, in the order in which the directory gives it.
-  static std::vector<std::string> DirectoryOrder() {
-    std::vector<std::string> names;
-    std::unique_ptr<DIR, int (*)(DIR*)> const directory(opendir(kDirectory), closedir);
-    while (dirent const* entry = readdir(directory.get())) {
-      if (entry->d_type != DT_DIR) names.emplace_back(entry->d_name);
-    }
+  /// The recordings in the order in which the directory gives them.
+  static std::vector<std::string> FilesInOrder() {
+    auto names = DirectoryOrder(kDirectory);
+    std::erase_if(names, [](auto const& name) { return name == "." || name == ".."; });
     return names;
   }
 
@@ -115,7 +112,7 @@ TEST_F(CatalogueLoad, TakesEveryFileWithItsNamesSizeAndTimeInTheOrderOfTheDirect
   MakeRecording("a.b.log", 5, 20);
   MakeRecording(".hidden", 7, 10);
   EXPECT_TRUE(catalogue->Load());
-  EXPECT_EQ(Names(*catalogue), DirectoryOrder());
+  EXPECT_EQ(Names(*catalogue), FilesInOrder());
   EXPECT_EQ(catalogue->GetTotalFilesSize(), 15U);
   EXPECT_EQ(Find("c.dat").path, std::string(kDirectory) + "c.dat");
   EXPECT_EQ(Find("c.dat").extension, ".dat");
@@ -128,7 +125,7 @@ TEST_F(CatalogueLoad, TakesEveryFileWithItsNamesSizeAndTimeInTheOrderOfTheDirect
 TEST_F(CatalogueLoad, SortsOldestFirstAndKeepsTheDirectorysOrderOfEqualTimes) {
   std::map<std::string, int> const times = {{"a", 2}, {"b", 1}, {"c", 2}, {"d", 1}, {"e", 0}};
   for (auto const& [name, time] : times) MakeRecording(name + ".dat", 0, time);
-  std::vector<std::string> expected = DirectoryOrder();
+  std::vector<std::string> expected = FilesInOrder();
   std::stable_sort(expected.begin(), expected.end(), [&](auto const& a, auto const& b) {
     return times.at(a.substr(0, 1)) < times.at(b.substr(0, 1));
   });
@@ -197,17 +194,7 @@ TEST_F(CatalogueLoad, SkipsWhatCannotBeDescribed) {
 
 /// A standard output that takes nothing, and throws for it, while one exists.
 class BrokenOutput : std::streambuf {
- public:
-  BrokenOutput() : before(std::cout.rdbuf(this)) { std::cout.exceptions(std::ios::badbit); }
-  BrokenOutput(BrokenOutput const&) = delete;
-  BrokenOutput& operator=(BrokenOutput const&) = delete;
-  ~BrokenOutput() override {
-    std::cout.exceptions(std::ios::goodbit);
-    std::cout.rdbuf(before);
-  }
-
- private:
-  std::streambuf* before;
+  Scoped::AtEnd const output = Scoped::Output(this, std::ios::badbit);
 };
 
 TEST_F(CatalogueLoad, TakesANameWithoutADotThoughTheComplaintCannotBePrinted) {

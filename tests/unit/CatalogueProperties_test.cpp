@@ -1,6 +1,5 @@
 // Random sequences of everything a catalogue can be told, while files appear, vanish and refuse to
 // go, against a simple model. QUELLON_SEED and QUELLON_SEQUENCES choose which are tried.
-#include <dirent.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/uio.h>
@@ -23,10 +22,13 @@
 #include <vector>
 
 #include "base/IException.h"
-#include "base/Logger.h"
 #include "tests/machine/Objects.h"
 #include "tests/support/CatalogueModel.h"
 #include "tests/support/CatalogueTest.h"
+#include "tests/support/DirectoryOrder.h"
+#include "tests/support/ErrorRecord.h"
+#include "tests/support/LogFile.h"
+#include "tests/support/Scoped.h"
 
 namespace {
 
@@ -238,19 +240,8 @@ class World {
       state.catalogue.push_back({file->name, static_cast<std::uint64_t>(file->size), file->time});
     }
     state.sleptMs = static_cast<std::uint64_t>(Machine::Slept() / std::chrono::milliseconds(1));
-    if (catalogue->HasError()) {
-      state.error = catalogue->GetError() + " in " + catalogue->GetErrorPlace();
-    }
+    state.error = ErrorOf(*catalogue);
     return state;
-  }
-
-  /// What the directory holds, in the order in which it says so.
-  static std::vector<std::string> DirectoryOrder() {
-    std::vector<std::string> names;
-    std::unique_ptr<DIR, int (*)(DIR*)> const directory(opendir(CatalogueTest::kDirectory),
-                                                        closedir);
-    while (dirent const* entry = readdir(directory.get())) names.emplace_back(entry->d_name);
-    return names;
   }
 
   /// Ends the catalogue; what is alive then was abandoned.
@@ -394,7 +385,8 @@ std::optional<std::string> Difference(CatalogueTest::Disk const& card, Script co
   Model model(script.figures, positionsAreProtected);
   for (auto const& step : script.steps) {
     bool const loads = step.deed == Deed::Load || step.deed == Deed::LoadAndSort;
-    auto const order = loads ? World::DirectoryOrder() : std::vector<std::string>();
+    auto const order =
+        loads ? DirectoryOrder(CatalogueTest::kDirectory) : std::vector<std::string>();
     State const before = model.Look();
     auto const result = Do(step, world, order);
     auto const expected = Do(step, model, order);
@@ -439,20 +431,10 @@ std::uint32_t Chosen(char const* variable, std::uint32_t otherwise) {
 class CatalogueProperties : public CatalogueTest {
  protected:
   // Names without a dot are complained of on standard output, and catalogues log their figures.
-  CatalogueProperties() {
-    std::cout.setstate(std::ios::badbit);
-    EnableLog(false);
-  }
-  ~CatalogueProperties() override {
-    std::cout.clear();
-    EnableLog(true);
-  }
+  CatalogueProperties() { std::cout.setstate(std::ios::badbit); }
+  ~CatalogueProperties() override { std::cout.clear(); }
 
-  static void EnableLog(bool enabled) {
-    auto* const logger = Tarvik::Ilog::Logger::GetInstance();
-    logger->consoleSink->enabled = enabled;
-    logger->fileSink->enabled = enabled;
-  }
+  Scoped::AtEnd const silence = LogFile::Silence();
 };
 
 TEST_F(CatalogueProperties, EverySequenceGoesAsTheModelSays) {

@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
-#include <functional>
 #include <future>
 #include <memory>
 #include <random>
@@ -14,8 +13,7 @@
 #include <thread>
 #include <vector>
 
-#include "tests/machine/Objects.h"
-#include "tests/support/CatalogueTest.h"
+#include "tests/support/RemovalTest.h"
 
 namespace {
 
@@ -25,15 +23,8 @@ using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::SizeIs;
 
-class CatalogueThreads : public CatalogueTest {
+class CatalogueThreads : public RemovalTest {
  protected:
-  ~CatalogueThreads() override { Machine::hooks().removeFile = nullptr; }
-
-  void Keep(std::vector<std::string> const& names) {
-    for (auto const& name : names) MakeRecording(name, 10);
-    Add(*catalogue, names);
-  }
-
   /// Holds every removal until it is let go.
   class Barrier {
    public:
@@ -60,25 +51,11 @@ class CatalogueThreads : public CatalogueTest {
     return work.wait_for(50ms) == std::future_status::timeout;
   }
 
-  /// Counts the passes of its thread.
-  class Counting : public FilesManager {
-   public:
-    using FilesManager::FilesManager;
-    ~Counting() override { Join(); }
-    void Run() override {
-      ++passes;
-      FilesManager::Run();
-      if (afterPass) afterPass();
-    }
-    std::atomic<int> passes = 0;
-    std::function<void()> afterPass;
-  };
-
   std::unique_ptr<FilesManager> catalogue = NewCatalogue();
 };
 
 TEST_F(CatalogueThreads, PassRemovesAllButTheProtectedOnAThreadOfItsOwn) {
-  Keep({"a.dat", "b.log", "c.dat", "d.gps"});
+  Keep(*catalogue, {"a.dat", "b.log", "c.dat", "d.gps"});
   std::vector<std::thread::id> ids;
   Machine::hooks().removeFile = [&ids](Ifile& file) {
     ids.push_back(std::this_thread::get_id());
@@ -94,13 +71,13 @@ TEST_F(CatalogueThreads, PassRemovesAllButTheProtectedOnAThreadOfItsOwn) {
 }
 
 TEST_F(CatalogueThreads, APassMayBeRunWithoutAThread) {
-  Keep({"a.dat", "b.log", "c.dat"});
+  Keep(*catalogue, {"a.dat", "b.log", "c.dat"});
   catalogue->Run();
   EXPECT_THAT(OnCard(), ElementsAre("b.log"));
 }
 
 TEST_F(CatalogueThreads, StartOfAPassDoesNotWaitForIt) {
-  Keep({"a.dat", "b.dat"});
+  Keep(*catalogue, {"a.dat", "b.dat"});
   Barrier barrier;
   catalogue->RemoveAllFilesAsync();
   barrier.AwaitRemoval();
@@ -113,47 +90,42 @@ TEST_F(CatalogueThreads, StartOfAPassDoesNotWaitForIt) {
 }
 
 TEST_F(CatalogueThreads, NoneIsStartedForAnEmptyCatalogue) {
-  Capture::Descriptor const hidden(1);
-  Counting empty(&card, kDirectory, 0, 1.0F);
-  empty.RemoveAllFilesAsync();
-  empty.Join();
-  EXPECT_EQ(empty.passes, 0);
+  auto const empty = NewCatalogue<Counting>();
+  empty->RemoveAllFilesAsync();
+  empty->Join();
+  EXPECT_EQ(empty->passes, 0);
 }
 
 TEST_F(CatalogueThreads, OnePassIsRunForAStartAndASecondStartDuringItIsNone) {
-  Capture::Descriptor const hidden(1);
-  Counting counting(&card, kDirectory, 0, 1.0F);
-  MakeRecording("a.log");
-  MakeRecording("b.dat");
-  Add(counting, {"a.log", "b.dat"});
+  auto const counting = NewCatalogue<Counting>();
+  Keep(*counting, {"a.log", "b.dat"});
   Barrier barrier;
-  counting.RemoveAllFilesAsync();
+  counting->RemoveAllFilesAsync();
   barrier.AwaitRemoval();
-  counting.RemoveAllFilesAsync();
+  counting->RemoveAllFilesAsync();
   barrier.Open();
-  counting.Join();
-  EXPECT_EQ(counting.passes, 1);
+  counting->Join();
+  EXPECT_EQ(counting->passes, 1);
 }
 
 TEST_F(CatalogueThreads, AStartAtTheVeryEndOfAPassIsNotLost) {
-  Capture::Descriptor const hidden(1);
-  Counting counting(&card, kDirectory, 0, 1.0F);
+  auto const counting = NewCatalogue<Counting>();
   for (char const* name : {"a.dat", "b.dat"}) MakeRecording(name);
-  Add(counting, {"a.dat"});
-  counting.afterPass = [&] {
-    if (counting.passes > 1) return;
-    Add(counting, {"b.dat"});
-    counting.RemoveAllFilesAsync();
+  Add(*counting, {"a.dat"});
+  counting->afterPass = [&] {
+    if (counting->passes > 1) return;
+    Add(*counting, {"b.dat"});
+    counting->RemoveAllFilesAsync();
   };
-  counting.RemoveAllFilesAsync();
-  counting.Join();
-  EXPECT_EQ(counting.passes, 2);
+  counting->RemoveAllFilesAsync();
+  counting->Join();
+  EXPECT_EQ(counting->passes, 2);
   EXPECT_THAT(OnCard(), IsEmpty());
 }
 
 TEST_F(CatalogueThreads, APassCanBeRunAgainAndAgain) {
   for (int round = 0; round < 300; ++round) {
-    Keep({"a.dat", "b.dat"});
+    Keep(*catalogue, {"a.dat", "b.dat"});
     catalogue->RemoveAllFilesAsync();
     catalogue->Join();
     ASSERT_THAT(OnCard(), IsEmpty()) << "round " << round;
@@ -162,7 +134,7 @@ TEST_F(CatalogueThreads, APassCanBeRunAgainAndAgain) {
 }
 
 TEST_F(CatalogueThreads, TheDestructorWaitsForAPassBeforeItReleasesAnything) {
-  Keep({"a.dat", "b.dat", "c.log"});
+  Keep(*catalogue, {"a.dat", "b.dat", "c.log"});
   Barrier barrier;
   catalogue->RemoveAllFilesAsync();
   barrier.AwaitRemoval();
@@ -178,7 +150,7 @@ TEST_F(CatalogueThreads, TheDestructorWaitsForAPassBeforeItReleasesAnything) {
 TEST_F(CatalogueThreads, ACatalogueMayGoRightAfterAStart) {
   for (int round = 0; round < 300; ++round) {
     catalogue = NewCatalogue();
-    Keep({"a.dat", "b.dat"});
+    Keep(*catalogue, {"a.dat", "b.dat"});
     catalogue->RemoveAllFilesAsync();
     catalogue.reset();
     ASSERT_THAT(OnCard(), IsEmpty()) << "round " << round;
@@ -187,7 +159,7 @@ TEST_F(CatalogueThreads, ACatalogueMayGoRightAfterAStart) {
 }
 
 TEST_F(CatalogueThreads, APassThatFailsIsLoggedAndHarmsNoLaterOne) {
-  Keep({"a.dat"});
+  Keep(*catalogue, {"a.dat"});
   Machine::hooks().removeFile = [](Ifile&) -> bool { throw 7; };
   EXPECT_THAT(Capture::Output([this] {
                 catalogue->RemoveAllFilesAsync();
@@ -250,7 +222,7 @@ TEST_F(CatalogueThreads, OwnerAndPassesNeverDisturbEachOther) {
     bool const log = number % 10 == 0;
     std::string const name = "rec_" + std::to_string(number) + (log ? ".log" : ".dat");
     if (log) isProtected.push_back(name);
-    Keep({name});
+    Keep(*catalogue, {name});
     for (int deed = 0; deed < 3; ++deed) owner.DoSomething();
   }
   catalogue->Join();

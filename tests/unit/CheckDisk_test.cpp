@@ -3,7 +3,6 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -15,24 +14,24 @@
 
 #include "tests/machine/Machine.h"
 #include "tests/support/Capture.h"
+#include "tests/support/CardText.h"
 #include "tests/support/ChildProcess.h"
+#include "tests/support/Scoped.h"
 
 namespace {
 
+namespace DiskUtils = Quellon::DiskUtils;
 using namespace std::chrono_literals;
+using CardText::kFsck;
+using CardText::kMount;
+using CardText::kUmount;
 using Machine::Answer;
 using Machine::hooks;
 using Machine::Sleep;
 using Machine::Trace;
-using Quellon::DiskUtils::CheckDisk;
 using testing::ElementsAre;
 using testing::ElementsAreArray;
 using Texts = std::vector<std::string>;
-
-constexpr char const* kUmount = "system umount /mnt/sdcard/";
-constexpr char const* kFsck = "system fsck -f -y /dev/mmcblk1p1";
-constexpr char const* kMount =
-    "system mount -o noatime,nodiratime,data=writeback /dev/mmcblk1p1 /mnt/sdcard/";
 
 Answer Exited(int code) {
   return {code << 8, 0};
@@ -43,9 +42,9 @@ Answer Killed() {
   return {9, 0};
 }
 
-class CheckDiskTest : public testing::Test {
+class CheckDisk : public testing::Test {
  protected:
-  CheckDiskTest() {
+  CheckDisk() {
     hooks().system = [](auto&&) { return Exited(0); };
   }
 
@@ -64,16 +63,13 @@ class CheckDiskTest : public testing::Test {
 
   std::string directory = "/mnt/sdcard/";
   std::string device = "/dev/mmcblk1p1";
-  CheckDisk checkDisk{directory.data(), device.data()};
+  DiskUtils::CheckDisk checkDisk{directory.data(), device.data()};
 };
 
 /// As system(3) does it: the code of a process that is waited for.
 Answer Waited(int code) {
-  pid_t const child = fork();
-  if (child == 0) _exit(code);
-  int status = 0;
-  if (waitpid(child, &status, 0) != child) return Answer::Failure(errno);
-  return {status, 0};
+  int const status = ChildProcess::Wait(ChildProcess::Start([code] { return code; }));
+  return {status, errno};
 }
 
 /// How a process may have its children go without a word.
@@ -83,37 +79,36 @@ struct Ignoring {
   int flags;
 };
 
-class ProcessThatIgnoresItsChildren : public CheckDiskTest,
-                                      public testing::WithParamInterface<Ignoring> {};
+class CheckDiskOfAProcessThatIgnoresItsChildren : public CheckDisk,
+                                                  public testing::WithParamInterface<Ignoring> {};
 
-TEST_P(ProcessThatIgnoresItsChildren, LearnsHowACommandEndedAllTheSame) {
+TEST_P(CheckDiskOfAProcessThatIgnoresItsChildren, LearnsHowACommandEndedAllTheSame) {
   hooks().system = [](std::string const& command) {
     return Waited(command.starts_with("fsck") ? 4 : 0);
   };
   struct sigaction ignoring {};
   ignoring.sa_handler = GetParam().handler;
   ignoring.sa_flags = GetParam().flags;
-  struct sigaction before {};
-  sigaction(SIGCHLD, &ignoring, &before);
+  auto const action = Scoped::SignalAction(SIGCHLD, ignoring);
   EXPECT_EQ(Capture::Output([&] { EXPECT_EQ(checkDisk.DiskCheck(), 4); }),
             "Unmount SD card success.\n"
             "FSCK output: File system errors left uncorrected\n"
             "Mount SD card success\n");
   struct sigaction after {};
-  sigaction(SIGCHLD, &before, &after);
+  sigaction(SIGCHLD, nullptr, &after);
   EXPECT_THAT(Trace(), ElementsAre(kUmount, kFsck, kMount));
   EXPECT_EQ(after.sa_handler, GetParam().handler);
   EXPECT_EQ(after.sa_flags & SA_NOCLDWAIT, GetParam().flags);
 }
 
-INSTANTIATE_TEST_SUITE_P(InEveryWay, ProcessThatIgnoresItsChildren,
+INSTANTIATE_TEST_SUITE_P(InEveryWay, CheckDiskOfAProcessThatIgnoresItsChildren,
                          testing::Values(Ignoring{"ByTheSignal", SIG_IGN, 0},
                                          Ignoring{"ByItsFlag", SIG_DFL, SA_NOCLDWAIT},
                                          Ignoring{"ByItsFlagWithAHandler", [](int) {},
                                                   SA_NOCLDWAIT}),
                          [](auto const& instance) { return instance.param.name; });
 
-TEST_F(CheckDiskTest, GivesCommandsStandardDescriptorsThatTheProcessDoesNotHave) {
+TEST_F(CheckDisk, GivesCommandsStandardDescriptorsThatTheProcessDoesNotHave) {
   ChildProcess::Run([this] {
     hooks().system = [](auto&&) {
       for (int number : {0, 1, 2}) EXPECT_GE(fcntl(number, F_GETFD), 0);
@@ -125,34 +120,34 @@ TEST_F(CheckDiskTest, GivesCommandsStandardDescriptorsThatTheProcessDoesNotHave)
   });
 }
 
-TEST_F(CheckDiskTest, KeepsCopiesOfBothPathsAndIgnoresTheNumber) {
-  CheckDisk const plain(directory.data(), device.data());
-  CheckDisk const numbered(42, directory.data(), device.data());
+TEST_F(CheckDisk, KeepsCopiesOfBothPathsAndIgnoresTheNumber) {
+  DiskUtils::CheckDisk const plain(directory.data(), device.data());
+  DiskUtils::CheckDisk const numbered(42, directory.data(), device.data());
   directory[1] = 'X';
   device[1] = 'X';
-  for (CheckDisk const* const made : {&plain, &numbered}) {
+  for (DiskUtils::CheckDisk const* const made : {&plain, &numbered}) {
     EXPECT_EQ(made->mountPoint, "/mnt/sdcard/");
     EXPECT_EQ(made->devicePath, "/dev/mmcblk1p1");
   }
 }
 
-TEST_F(CheckDiskTest, TakesMissingPathsForEmptyOnes) {
-  CheckDisk const made(nullptr, nullptr);
+TEST_F(CheckDisk, TakesMissingPathsForEmptyOnes) {
+  DiskUtils::CheckDisk const made(nullptr, nullptr);
   EXPECT_EQ(made.mountPoint, "");
   EXPECT_EQ(made.devicePath, "");
 }
 
-TEST_F(CheckDiskTest, UnmountsByCommand) {
+TEST_F(CheckDisk, UnmountsByCommand) {
   EXPECT_EQ(Capture::Output([&] { checkDisk.UnMount(); }), "Unmount SD card success.\n");
   EXPECT_THAT(Trace(), ElementsAre(kUmount));
 }
 
-TEST_F(CheckDiskTest, MountsByCommand) {
+TEST_F(CheckDisk, MountsByCommand) {
   EXPECT_EQ(Capture::Output([&] { checkDisk.Mount(); }), "Mount SD card success\n");
   EXPECT_THAT(Trace(), ElementsAre(kMount));
 }
 
-TEST_F(CheckDiskTest, GivesUpUnmountingAfterFourAttemptsAndFourSeconds) {
+TEST_F(CheckDisk, GivesUpUnmountingAfterFourAttemptsAndFourSeconds) {
   Answers("umount", {Exited(32)});
   PausesShow();
   EXPECT_EQ(Capture::Output([&] { checkDisk.UnMount(); }), "****Unmount SD card FAILED.\n");
@@ -160,7 +155,7 @@ TEST_F(CheckDiskTest, GivesUpUnmountingAfterFourAttemptsAndFourSeconds) {
                                    kUmount, Sleep(1s)));
 }
 
-TEST_F(CheckDiskTest, GivesUpMountingAfterFourAttemptsAndFourSeconds) {
+TEST_F(CheckDisk, GivesUpMountingAfterFourAttemptsAndFourSeconds) {
   Answers("mount", {Exited(32)});
   PausesShow();
   EXPECT_EQ(Capture::Output([&] { checkDisk.Mount(); }), "****Mount SD card FAILED.\n");
@@ -168,27 +163,26 @@ TEST_F(CheckDiskTest, GivesUpMountingAfterFourAttemptsAndFourSeconds) {
                                    Sleep(1s)));
 }
 
-TEST_F(CheckDiskTest, MayStillSucceedWithTheFourthAttempt) {
+TEST_F(CheckDisk, MayStillSucceedWithTheFourthAttempt) {
   Answers("umount", {Exited(1), Exited(255), Exited(32), Exited(0)});
   EXPECT_EQ(Capture::Output([&] { checkDisk.UnMount(); }), "Unmount SD card success.\n");
   EXPECT_EQ(Machine::Slept(), 3s);
 }
 
-TEST_F(CheckDiskTest, TakesACommandThatASignalEndedForASuccess) {
+TEST_F(CheckDisk, TakesACommandThatASignalEndedForASuccess) {
   hooks().system = [](auto&&) { return Killed(); };
-  EXPECT_EQ(Capture::Output([&] { EXPECT_EQ(checkDisk.DiskCheck(), 0); }),
-            "Unmount SD card success.\nFSCK output: No errors\nMount SD card success\n");
+  EXPECT_EQ(Capture::Output([&] { EXPECT_EQ(checkDisk.DiskCheck(), 0); }), CardText::kChecked);
   EXPECT_THAT(Trace(), ElementsAre(kUmount, kFsck, kMount));
 }
 
-TEST_F(CheckDiskTest, TakesACommandThatCouldNotBeStartedForAFailure) {
+TEST_F(CheckDisk, TakesACommandThatCouldNotBeStartedForAFailure) {
   hooks().system = [](auto&&) { return Answer::Failure(ENOMEM); };
   EXPECT_EQ(Capture::Output([&] { EXPECT_EQ(checkDisk.DiskCheck(), 255); }),
             "Unmount SD card FAILED.\nMount SD card FAILED.\n");
   EXPECT_EQ(Machine::Slept(), 8s);
 }
 
-TEST_F(CheckDiskTest, WaitsWholeSecondsThoughSignalsArrive) {
+TEST_F(CheckDisk, WaitsWholeSecondsThoughSignalsArrive) {
   Answers("mount", {Exited(32), Exited(0)});
   hooks().interrupt = [](std::chrono::nanoseconds pause) {
     return pause == 1s ? std::optional<std::chrono::nanoseconds>(400ms) : std::nullopt;
@@ -197,7 +191,7 @@ TEST_F(CheckDiskTest, WaitsWholeSecondsThoughSignalsArrive) {
   EXPECT_THAT(Machine::Traced("sleep"), ElementsAre(Sleep(600ms), Sleep(400ms)));
 }
 
-TEST_F(CheckDiskTest, ChecksAndMountsThoughTheUnmountFailed) {
+TEST_F(CheckDisk, ChecksAndMountsThoughTheUnmountFailed) {
   Answers("umount", {Exited(32)});
   EXPECT_EQ(Capture::Output([&] { checkDisk.DiskCheck(); }),
             "Unmount SD card FAILED.\nFSCK output: No errors\nMount SD card success\n");
@@ -214,9 +208,9 @@ struct Result {
   char const* lines;
 };
 
-class CheckResult : public CheckDiskTest, public testing::WithParamInterface<Result> {};
+class CheckDiskResult : public CheckDisk, public testing::WithParamInterface<Result> {};
 
-TEST_P(CheckResult, IsPrintedAndReturned) {
+TEST_P(CheckDiskResult, IsPrintedAndReturned) {
   auto const [code, lines] = GetParam();
   Answers("fsck", {Exited(code)});
   std::string const output =
@@ -227,7 +221,7 @@ TEST_P(CheckResult, IsPrintedAndReturned) {
 }
 
 INSTANTIATE_TEST_SUITE_P(
-    Codes, CheckResult,
+    Codes, CheckDiskResult,
     testing::Values(Result{0, "FSCK output: No errors\n"},
                     Result{1, "FSCK output: File system errors corrected\n"},
                     Result{2,
@@ -243,7 +237,7 @@ INSTANTIATE_TEST_SUITE_P(
                     Result{129, ""}, Result{255, ""}),
     [](auto const& instance) { return "Code" + std::to_string(instance.param.code); });
 
-TEST_F(CheckDiskTest, WaitsThreeSecondsBetweenTheRebootLineAndMountingAndRebootsNothing) {
+TEST_F(CheckDisk, WaitsThreeSecondsBetweenTheRebootLineAndMountingAndRebootsNothing) {
   Answers("fsck", {Exited(2)});
   PausesShow();
   EXPECT_EQ(Capture::Output([&] { checkDisk.DiskCheck(); }),
@@ -253,7 +247,7 @@ TEST_F(CheckDiskTest, WaitsThreeSecondsBetweenTheRebootLineAndMountingAndReboots
   EXPECT_THAT(Trace(), ElementsAre(kUmount, kFsck, Sleep(3s), kMount));
 }
 
-TEST_F(CheckDiskTest, PrintsInOrderWithWhatTheCommandsPrint) {
+TEST_F(CheckDisk, PrintsInOrderWithWhatTheCommandsPrint) {
   hooks().system = [](std::string const& command) {
     std::string const line = command.substr(0, command.find(' ')) + " speaks\n";
     EXPECT_EQ(write(1, line.data(), line.size()), static_cast<ssize_t>(line.size()));

@@ -2,10 +2,8 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <cstdlib>
 #include <ctime>
 #include <functional>
 #include <limits>
@@ -15,130 +13,122 @@
 #include <vector>
 
 #include "tests/machine/Machine.h"
+#include "tests/support/ChildProcess.h"
+#include "tests/support/Scoped.h"
 
 namespace {
 
-using Tarvik::Util::Date;
-using Tarvik::Util::NewDate;
+namespace Util = Tarvik::Util;
 
 constexpr char const* kFormat = "%Y-%m-%d %H:%M:%S";
 
-class DateTest : public testing::Test {
- protected:
-  void SetUp() override { LiveIn("UTC"); }
-  void TearDown() override { LiveIn("UTC"); }
-
-  static void LiveIn(char const* zone) {
-    setenv("TZ", zone, 1);
-    tzset();
-  }
+class Date : public testing::Test {
+  Scoped::AtEnd const utc = Scoped::TimeZone("UTC");
 };
 
-TEST_F(DateTest, ShowsATimeInTheGivenFormat) {
-  EXPECT_EQ(Date(1614877509, kFormat), "2021-03-04 17:05:09");
-  EXPECT_EQ(Date(1614877509, "%d.%m.%Y"), "04.03.2021");
-  EXPECT_EQ(Date(1614877509, "%H"), "17");
+TEST_F(Date, ShowsATimeInTheGivenFormat) {
+  EXPECT_EQ(Util::Date(1614877509, kFormat), "2021-03-04 17:05:09");
+  EXPECT_EQ(Util::Date(1614877509, "%d.%m.%Y"), "04.03.2021");
+  EXPECT_EQ(Util::Date(1614877509, "%H"), "17");
 }
 
-TEST_F(DateTest, ShowsTheEpochAndWhatWasBefore) {
-  EXPECT_EQ(Date(0, kFormat), "1970-01-01 00:00:00");
-  EXPECT_EQ(Date(-1, kFormat), "1969-12-31 23:59:59");
+TEST_F(Date, ShowsTheEpochAndWhatWasBefore) {
+  EXPECT_EQ(Util::Date(0, kFormat), "1970-01-01 00:00:00");
+  EXPECT_EQ(Util::Date(-1, kFormat), "1969-12-31 23:59:59");
 }
 
-TEST_F(DateTest, ShowsTheEndsOfA32BitClock) {
-  EXPECT_EQ(Date(2147483647, kFormat), "2038-01-19 03:14:07");
-  EXPECT_EQ(Date(-2147483647L - 1, kFormat), "1901-12-13 20:45:52");
+TEST_F(Date, ShowsTheEndsOfA32BitClock) {
+  EXPECT_EQ(Util::Date(2147483647, kFormat), "2038-01-19 03:14:07");
+  EXPECT_EQ(Util::Date(-2147483647L - 1, kFormat), "1901-12-13 20:45:52");
 }
 
-TEST_F(DateTest, ShowsLeapDays) {
-  EXPECT_EQ(Date(1582934400, kFormat), "2020-02-29 00:00:00");
+TEST_F(Date, ShowsLeapDays) {
+  EXPECT_EQ(Util::Date(1582934400, kFormat), "2020-02-29 00:00:00");
 }
 
-TEST_F(DateTest, ShowsLocalTime) {
-  LiveIn("TEST-5:30");
-  EXPECT_EQ(Date(1614877509, kFormat), "2021-03-04 22:35:09");
-  LiveIn("TEST8");
-  EXPECT_EQ(Date(1614877509, kFormat), "2021-03-04 09:05:09");
+TEST_F(Date, ShowsLocalTime) {
+  auto const east = Scoped::TimeZone("TEST-5:30");
+  EXPECT_EQ(Util::Date(1614877509, kFormat), "2021-03-04 22:35:09");
+  auto const west = Scoped::TimeZone("TEST8");
+  EXPECT_EQ(Util::Date(1614877509, kFormat), "2021-03-04 09:05:09");
 }
 
-TEST_F(DateTest, ShowsSummerTime) {
-  LiveIn("CET-1CEST,M3.5.0,M10.5.0/3");
-  EXPECT_EQ(Date(1616893199, kFormat), "2021-03-28 01:59:59");
-  EXPECT_EQ(Date(1616893200, kFormat), "2021-03-28 03:00:00");
+TEST_F(Date, ShowsSummerTime) {
+  auto const zone = Scoped::TimeZone("CET-1CEST,M3.5.0,M10.5.0/3");
+  EXPECT_EQ(Util::Date(1616893199, kFormat), "2021-03-28 01:59:59");
+  EXPECT_EQ(Util::Date(1616893200, kFormat), "2021-03-28 03:00:00");
 }
 
-TEST_F(DateTest, KeepsTheTextAroundTheConversions) {
-  EXPECT_EQ(Date(0, ""), "");
-  EXPECT_EQ(Date(0, "no conversion"), "no conversion");
-  EXPECT_EQ(Date(0, "100%% at %H h"), "100% at 00 h");
+TEST_F(Date, KeepsTheTextAroundTheConversions) {
+  EXPECT_EQ(Util::Date(0, ""), "");
+  EXPECT_EQ(Util::Date(0, "no conversion"), "no conversion");
+  EXPECT_EQ(Util::Date(0, "100%% at %H h"), "100% at 00 h");
 }
 
-TEST_F(DateTest, AFormatEndsAtItsFirstNul) {
-  EXPECT_EQ(Date(0, std::string("%Y\0%m", 5)), "1970");
-  EXPECT_EQ(Date(0, std::string("\0%m", 3)), "");
+TEST_F(Date, AFormatEndsAtItsFirstNul) {
+  EXPECT_EQ(Util::Date(0, std::string("%Y\0%m", 5)), "1970");
+  EXPECT_EQ(Util::Date(0, std::string("\0%m", 3)), "");
 }
 
-TEST_F(DateTest, HasNoLongestFormat) {
+TEST_F(Date, HasNoLongestFormat) {
   std::string format;
   std::string expected;
   for (int i = 0; i < 1000; ++i) {
     format += "%Y";
     expected += "1970";
   }
-  EXPECT_EQ(Date(0, format), expected);
+  EXPECT_EQ(Util::Date(0, format), expected);
 }
 
-TEST_F(DateTest, ATimeWithoutADateIsShownAsItsNumber) {
+TEST_F(Date, ATimeWithoutADateIsShownAsItsNumber) {
   if (sizeof(long) == 4) GTEST_SKIP() << "every 32-bit time has a date";
   constexpr long kLast = std::numeric_limits<long>::max();
   constexpr long kFirst = std::numeric_limits<long>::min();
-  EXPECT_EQ(Date(kLast, kFormat), std::to_string(kLast));
-  EXPECT_EQ(Date(kFirst, kFormat), std::to_string(kFirst));
+  EXPECT_EQ(Util::Date(kLast, kFormat), std::to_string(kLast));
+  EXPECT_EQ(Util::Date(kFirst, kFormat), std::to_string(kFirst));
 }
 
-TEST_F(DateTest, NowIsTheSystemClocksTime) {
+TEST_F(Date, NowIsTheSystemClocksTime) {
   Machine::hooks().now = 1614877509;
-  EXPECT_EQ(NewDate(kFormat), "2021-03-04 17:05:09");
+  EXPECT_EQ(Util::NewDate(kFormat), "2021-03-04 17:05:09");
   Machine::hooks().now = 0;
-  EXPECT_EQ(NewDate(kFormat), "1970-01-01 00:00:00");
+  EXPECT_EQ(Util::NewDate(kFormat), "1970-01-01 00:00:00");
 }
 
-TEST_F(DateTest, NowFollowsTheRealClock) {
-  std::string const before = Date(time(nullptr), kFormat);
-  std::string const now = NewDate(kFormat);
+TEST_F(Date, NowFollowsTheRealClock) {
+  std::string const before = Util::Date(time(nullptr), kFormat);
+  std::string const now = Util::NewDate(kFormat);
   EXPECT_LE(before, now);
-  EXPECT_LE(now, Date(time(nullptr), kFormat));
+  EXPECT_LE(now, Util::Date(time(nullptr), kFormat));
 }
 
-TEST_F(DateTest, ManyThreadsMayAskAtOnce) {
+TEST_F(Date, ManyThreadsMayAskAtOnce) {
   std::vector<std::thread> threads;
   for (long i = 0; i < 4; ++i) {
     threads.emplace_back([i] {
       std::string const expected = "1970-01-0" + std::to_string(i + 1) + " 00:00:00";
-      for (int round = 0; round < 200; ++round) EXPECT_EQ(Date(i * 86400, kFormat), expected);
+      for (int round = 0; round < 200; ++round) EXPECT_EQ(Util::Date(i * 86400, kFormat), expected);
     });
   }
   for (auto& thread : threads) thread.join();
 }
 
 // As a handler of a signal does that interrupts the thread.
-TEST_F(DateTest, AForkOfTheThreadThatAsksStopsNeitherParentNorChild) {
+TEST_F(Date, AForkOfTheThreadThatAsksStopsNeitherParentNorChild) {
   pid_t child = -1;
-  alarm(20);
+  ChildProcess::EndInTime();
   Machine::hooks().localTime = [&, asked = false]() mutable {
     if (std::exchange(asked, true)) return;
     child = fork();
-    if (child == 0) alarm(20);
+    if (child == 0) ChildProcess::EndInTime();
   };
-  std::string const date = Date(0, kFormat);
-  std::string const next = Date(1, kFormat);
+  std::string const date = Util::Date(0, kFormat);
+  std::string const next = Util::Date(1, kFormat);
   bool const right = date == "1970-01-01 00:00:00" && next == "1970-01-01 00:00:01";
   if (child == 0) _exit(right ? 0 : 1);
   alarm(0);
   EXPECT_TRUE(right);
-  int status = -1;
-  EXPECT_EQ(waitpid(child, &status, 0), child);
-  EXPECT_EQ(status, 0);
+  EXPECT_EQ(ChildProcess::Wait(child), 0);
 }
 
 }  // namespace

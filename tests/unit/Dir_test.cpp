@@ -1,5 +1,4 @@
 #include "FileUtils/Dir.h"
-#include "tests/support/Descriptors.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -9,10 +8,12 @@
 #include <filesystem>
 #include <optional>
 #include <string>
-#include <type_traits>
 #include <vector>
 
 #include "tests/machine/Machine.h"
+#include "tests/support/Descriptors.h"
+#include "tests/support/ErrorRecord.h"
+#include "tests/support/Scoped.h"
 
 namespace {
 
@@ -22,20 +23,18 @@ using testing::IsEmpty;
 
 constexpr char const* kPath = "/mnt/sdcard/cr";
 
-class Directory : public testing::Test {
+class Dir : public testing::Test {
  protected:
-  Directory() { fs::create_directories(Machine::Real("/mnt/sdcard")); }
+  Dir() { fs::create_directories(Machine::Real("/mnt/sdcard")); }
   static void Make() { fs::create_directory(Machine::Real(kPath)); }
   static bool IsThere() { return fs::is_directory(Machine::Real(kPath)); }
 
   static void ExpectFailure(Idir const& directory) {
-    EXPECT_TRUE(directory.HasError());
-    EXPECT_EQ(directory.GetError(), "unable to create directory: " + directory.path);
-    EXPECT_EQ(directory.GetErrorPlace(), "Create");
+    EXPECT_EQ(ErrorOf(directory), "unable to create directory: " + directory.path + " in Create");
   }
 };
 
-TEST_F(Directory, KnowsItsPathItsNamesAndThatItDoesNotExist) {
+TEST_F(Dir, KnowsItsPathItsNamesAndThatItDoesNotExist) {
   Idir const directory(kPath);
   EXPECT_EQ(directory.path, kPath);
   EXPECT_FALSE(directory.exists);
@@ -44,19 +43,14 @@ TEST_F(Directory, KnowsItsPathItsNamesAndThatItDoesNotExist) {
   EXPECT_FALSE(directory.HasError());
 }
 
-TEST_F(Directory, KnowsThatItExists) {
+TEST_F(Dir, KnowsThatItExists) {
   Make();
   Idir directory(kPath);
   EXPECT_TRUE(directory.exists);
   EXPECT_TRUE(directory.CheckIfExists());
 }
 
-TEST_F(Directory, IsAnErrorRecorderAndNothingElse) {
-  static_assert(std::is_base_of_v<Tarvik::Interfaces::IError, Idir>);
-  static_assert(std::has_virtual_destructor_v<Idir>);
-}
-
-TEST_F(Directory, LooksAgainButKeepsWhatItKnewAndRecordsNothing) {
+TEST_F(Dir, LooksAgainButKeepsWhatItKnewAndRecordsNothing) {
   Idir directory(kPath);
   Make();
   EXPECT_TRUE(directory.CheckIfExists());
@@ -66,7 +60,7 @@ TEST_F(Directory, LooksAgainButKeepsWhatItKnewAndRecordsNothing) {
   EXPECT_FALSE(directory.HasError());
 }
 
-TEST_F(Directory, ClosesWhatItOpenedToLook) {
+TEST_F(Dir, ClosesWhatItOpenedToLook) {
   Make();
   Idir directory(kPath);
   std::size_t const before = Descriptors::Open().size();
@@ -74,7 +68,7 @@ TEST_F(Directory, ClosesWhatItOpenedToLook) {
   EXPECT_EQ(Descriptors::Open().size(), before);
 }
 
-TEST_F(Directory, CreateTouchesNothingWhenItExistedAtFirst) {
+TEST_F(Dir, CreateTouchesNothingWhenItExistedAtFirst) {
   Make();
   Idir directory(kPath);
   fs::remove(Machine::Real(kPath));
@@ -87,17 +81,16 @@ TEST_F(Directory, CreateTouchesNothingWhenItExistedAtFirst) {
   EXPECT_THAT(calls, IsEmpty());
 }
 
-TEST_F(Directory, CreateMakesItWithAllRightsButWritingForOthersLessTheUmask) {
+TEST_F(Dir, CreateMakesItWithAllRightsButWritingForOthersLessTheUmask) {
   for (mode_t const mask : {0000U, 0022U, 0077U}) {
-    mode_t const before = umask(mask);
+    auto const scoped = Scoped::Umask(mask);
     EXPECT_TRUE(Idir(kPath).Create());
-    umask(before);
     EXPECT_EQ(static_cast<mode_t>(fs::status(Machine::Real(kPath)).permissions()), 0775 & ~mask);
     fs::remove(Machine::Real(kPath));
   }
 }
 
-TEST_F(Directory, CreateFailsTheSecondTimeSinceItWasMissingAtFirst) {
+TEST_F(Dir, CreateFailsTheSecondTimeSinceItWasMissingAtFirst) {
   Idir directory(kPath);
   EXPECT_TRUE(directory.Create());
   EXPECT_FALSE(directory.HasError());
@@ -107,7 +100,7 @@ TEST_F(Directory, CreateFailsTheSecondTimeSinceItWasMissingAtFirst) {
   EXPECT_TRUE(IsThere());
 }
 
-TEST_F(Directory, CreateForgetsTheLastError) {
+TEST_F(Dir, CreateForgetsTheLastError) {
   Idir directory(kPath);
   Make();
   EXPECT_FALSE(directory.Create());
@@ -118,14 +111,14 @@ TEST_F(Directory, CreateForgetsTheLastError) {
   EXPECT_THAT(directory.GetErrorPlace(), IsEmpty());
 }
 
-TEST_F(Directory, CreateMakesNoParents) {
+TEST_F(Dir, CreateMakesNoParents) {
   Idir directory(std::string(kPath) + "/2021/03");
   EXPECT_FALSE(directory.Create());
   ExpectFailure(directory);
   EXPECT_FALSE(IsThere());
 }
 
-TEST_F(Directory, CreateFailsOnAFileOfThatName) {
+TEST_F(Dir, CreateFailsOnAFileOfThatName) {
   Machine::MakeFile(kPath, "a file");
   Idir directory(kPath);
   EXPECT_FALSE(directory.exists);
@@ -134,7 +127,7 @@ TEST_F(Directory, CreateFailsOnAFileOfThatName) {
   ExpectFailure(directory);
 }
 
-TEST_F(Directory, ThatCannotBeOpenedCountsAsMissing) {
+TEST_F(Dir, ThatCannotBeOpenedCountsAsMissing) {
   Make();
   Machine::hooks().fault = [](Machine::Call const& call) {
     return call.function == "opendir" ? std::optional(EACCES) : std::nullopt;
@@ -145,7 +138,7 @@ TEST_F(Directory, ThatCannotBeOpenedCountsAsMissing) {
   ExpectFailure(directory);
 }
 
-TEST_F(Directory, WithoutAPathIsMissingAndCannotBeMade) {
+TEST_F(Dir, WithoutAPathIsMissingAndCannotBeMade) {
   Idir directory("");
   EXPECT_FALSE(directory.exists);
   EXPECT_FALSE(directory.Create());

@@ -16,12 +16,14 @@
 #include "tests/machine/Allocation.h"
 #include "tests/machine/Machine.h"
 #include "tests/support/Capture.h"
+#include "tests/support/CardText.h"
 #include "tests/support/Descriptors.h"
 #include "tests/support/FakeCard.h"
 
 namespace {
 
 namespace fs = std::filesystem;
+using CardText::kChecked;
 using Machine::Answer;
 using Machine::hooks;
 using Machine::ReadFile;
@@ -30,22 +32,14 @@ using Quellon::DiskUtils::Disk;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-constexpr char const* kChecked =
-    "Unmount SD card success.\nFSCK output: No errors\nMount SD card success\n";
-
 class DiskScan : public testing::Test {
  protected:
-  DiskScan() {
-    Capture::Output(
-        [this] { disk.emplace(FakeCard::kMountPoint, FakeCard::kPartition, FakeCard::kDevice); });
-  }
-
   /// Scans; the exception's text, or "passed".
   std::string Scan() {
     Capture::Descriptor captured(1);
     std::string result = "passed";
     try {
-      disk->ScanDisk();
+      disk.ScanDisk();
     } catch (Tarvik::IException const& exception) {
       result = exception.what();
       code = exception.code;
@@ -55,21 +49,18 @@ class DiskScan : public testing::Test {
   }
 
   FakeCard card;
-  std::optional<Disk> disk;
+  Disk disk = FakeCard::MakeDisk();
   std::string output;
   int code = 0;
 };
 
 TEST_F(DiskScan, PassesAGoodCardInAFixedOrder) {
-  disk->available = true;
+  disk.available = true;
   EXPECT_EQ(Scan(), "passed");
   EXPECT_EQ(output, kChecked);
-  EXPECT_TRUE(disk->available);
-  EXPECT_THAT(Trace(),
-              ElementsAre("sync", "system umount /mnt/sdcard/", "system fsck -f -y /dev/mmcblk1p1",
-                          "system mount -o noatime,nodiratime,data=writeback /dev/mmcblk1p1 "
-                          "/mnt/sdcard/",
-                          "unlink /mnt/sdcard/check.tmp"));
+  EXPECT_TRUE(disk.available);
+  EXPECT_THAT(Trace(), ElementsAre("sync", CardText::kUmount, CardText::kFsck, CardText::kMount,
+                                   "unlink /mnt/sdcard/check.tmp"));
   EXPECT_FALSE(FakeCard::HasTestFile());
 }
 
@@ -88,7 +79,7 @@ TEST_F(DiskScan, PassesWhateverTheCheckReturnsAsLongAsTheFileSurvives) {
     card.fsckCode = result;
     EXPECT_EQ(Scan(), "passed");
     EXPECT_EQ(FakeCard::Status().fsckStatus, result);
-    EXPECT_TRUE(disk->available);
+    EXPECT_TRUE(disk.available);
   }
 }
 
@@ -98,7 +89,7 @@ TEST_F(DiskScan, WritesAndFlushesTheTestFileBeforeTheCheck) {
   hooks().sync = [&] { flushed = ReadFile(FakeCard::kTestFile); };
   card.duringCheck = [&] {
     checked = ReadFile(FakeCard::kTestFile);
-    EXPECT_FALSE(disk->available);
+    EXPECT_FALSE(disk.available);
   };
   Scan();
   EXPECT_EQ(flushed, "velmor");
@@ -113,7 +104,7 @@ TEST_F(DiskScan, ClosesTheTestFileBeforeItFlushesTheCard) {
       ++flushes;
       EXPECT_THAT(descriptors.Opened(), IsEmpty());
     };
-    disk->ScanDisk();
+    disk.ScanDisk();
   });
   EXPECT_EQ(flushes, 1);
 }
@@ -138,7 +129,7 @@ TEST_F(DiskScan, NeverReadsTheTestFileBack) {
 }
 
 TEST_F(DiskScan, RefusesADiskThatIsNotAvailableWithoutTouchingTheCard) {
-  disk->available = false;
+  disk.available = false;
   EXPECT_EQ(Scan(), "The device is not available");
   EXPECT_EQ(code, 0);
   EXPECT_EQ(output, "");
@@ -149,7 +140,7 @@ TEST_F(DiskScan, RefusesADiskThatIsNotAvailableWithoutTouchingTheCard) {
 TEST_F(DiskScan, RefusesACardThatIsNotPresentAndLeavesItAvailable) {
   FakeCard::Status().present = false;
   EXPECT_EQ(Scan(), "The device is not available");
-  EXPECT_TRUE(disk->available);
+  EXPECT_TRUE(disk.available);
   EXPECT_THAT(Trace(), IsEmpty());
 }
 
@@ -164,7 +155,7 @@ TEST_F(DiskScan, CallsACardThatLosesTheTestFileAMalfunction) {
   card.duringCheck = [] { Machine::RemoveFile(FakeCard::kTestFile); };
   EXPECT_EQ(Scan(), "disk malfunction");
   EXPECT_EQ(code, 0);
-  EXPECT_FALSE(disk->available);
+  EXPECT_FALSE(disk.available);
   EXPECT_EQ(FakeCard::Status().malfunction, 1);
   EXPECT_EQ(FakeCard::Status().fsckStatus, 1);
   EXPECT_EQ(FakeCard::Status().lifetimeWritesKB, 0U);
@@ -176,7 +167,7 @@ TEST_F(DiskScan, ChecksACardThatCannotTakeTheTestFileAndCallsItAMalfunction) {
   card.duringCheck = [] { fs::create_directories(Machine::Real("/mnt/sdcard/")); };
   EXPECT_EQ(Scan(), "disk malfunction");
   EXPECT_EQ(output, kChecked);
-  EXPECT_EQ(Trace().front(), "system umount /mnt/sdcard/");  // nothing written, nothing flushed
+  EXPECT_EQ(Trace().front(), CardText::kUmount);  // nothing written, nothing flushed
 }
 
 // As on a file system that is mounted read-only, or of a file that may not be changed.
@@ -188,7 +179,7 @@ TEST_F(DiskScan, CallsACardAMalfunctionThatKeepsAnOldTestFileAndTakesNoNewOne) {
   };
   EXPECT_EQ(Scan(), "disk malfunction");
   EXPECT_EQ(output, kChecked);
-  EXPECT_FALSE(disk->available);
+  EXPECT_FALSE(disk.available);
   EXPECT_EQ(FakeCard::Status().malfunction, 1);
   EXPECT_EQ(ReadFile(FakeCard::kTestFile), "old");
 }
@@ -201,9 +192,9 @@ struct Thing {
   void (*make)(std::string const& path);
 };
 
-class InPlaceOfTheTestFile : public DiskScan, public testing::WithParamInterface<Thing> {
+class DiskScanInPlaceOfTheTestFile : public DiskScan, public testing::WithParamInterface<Thing> {
  protected:
-  InPlaceOfTheTestFile() {
+  DiskScanInPlaceOfTheTestFile() {
     Machine::MakeFile(kOutside, "outside");
     hooks().fault = [this](Machine::Call const& call) {
       if (call.function == "fopen" && call.subject == FakeCard::kTestFile) ++opened;
@@ -216,27 +207,27 @@ class InPlaceOfTheTestFile : public DiskScan, public testing::WithParamInterface
   int opened = 0;
 };
 
-TEST_P(InPlaceOfTheTestFile, IsNotOpenedWhereItCannotBeRemoved) {
+TEST_P(DiskScanInPlaceOfTheTestFile, IsNotOpenedWhereItCannotBeRemoved) {
   Put();
   hooks().unlink = [](auto&&) { return Answer::Failure(EPERM); };
   EXPECT_EQ(Scan(), "disk malfunction");
   EXPECT_EQ(output, kChecked);
   EXPECT_EQ(opened, 0);
   EXPECT_EQ(Trace().front(), "unlink /mnt/sdcard/check.tmp");
-  EXPECT_EQ(Trace()[1], "system umount /mnt/sdcard/");  // nothing was flushed
+  EXPECT_EQ(Trace()[1], CardText::kUmount);  // nothing was flushed
   EXPECT_EQ(FakeCard::Status().malfunction, 1);
   EXPECT_EQ(ReadFile(kOutside), "outside");
   EXPECT_FALSE(fs::exists(Machine::Real("/root/nowhere")));
 }
 
-TEST_P(InPlaceOfTheTestFile, IsNotOpenedWhenItsRemovalIsOnlyPretended) {
+TEST_P(DiskScanInPlaceOfTheTestFile, IsNotOpenedWhenItsRemovalIsOnlyPretended) {
   Put();
   hooks().unlink = [](auto&&) { return Answer::Success(); };
   EXPECT_EQ(Scan(), "disk malfunction");
   EXPECT_EQ(opened, 0);
 }
 
-TEST_P(InPlaceOfTheTestFile, IsNotTakenForItAfterTheCheck) {
+TEST_P(DiskScanInPlaceOfTheTestFile, IsNotTakenForItAfterTheCheck) {
   card.duringCheck = [] {
     Machine::RemoveFile(FakeCard::kTestFile);
     Put();
@@ -245,14 +236,14 @@ TEST_P(InPlaceOfTheTestFile, IsNotTakenForItAfterTheCheck) {
   EXPECT_EQ(opened, 1);
 }
 
-TEST_P(InPlaceOfTheTestFile, IsNotOpenedWhileNobodyCanTellWhatItIs) {
+TEST_P(DiskScanInPlaceOfTheTestFile, IsNotOpenedWhileNobodyCanTellWhatItIs) {
   Put();
   hooks().lstat = [](auto&&...) { return Answer::Failure(EIO); };
   EXPECT_EQ(Scan(), "disk malfunction");
   EXPECT_EQ(opened, 0);
 }
 
-TEST_P(InPlaceOfTheTestFile, IsRemovedUnlessItIsADirectory) {
+TEST_P(DiskScanInPlaceOfTheTestFile, IsRemovedUnlessItIsADirectory) {
   Put();
   bool const isDirectory = std::string(GetParam().name) == "ADirectory";
   EXPECT_EQ(Scan(), isDirectory ? "disk malfunction" : "passed");
@@ -271,7 +262,7 @@ void MakeSocket(std::string const& path) {
 }
 
 INSTANTIATE_TEST_SUITE_P(
-    Things, InPlaceOfTheTestFile,
+    Things, DiskScanInPlaceOfTheTestFile,
     testing::Values(
         Thing{"APipe", [](std::string const& path) { mkfifo(path.c_str(), 0600); }},
         Thing{"ASocket", MakeSocket},
@@ -308,7 +299,7 @@ TEST_F(DiskScan, MissesACardThatWentDuringTheCheck) {
   card.duringCheck = [] { Machine::RemoveFile(FakeCard::kPartition); };
   EXPECT_EQ(Scan(), "Disk not present");
   EXPECT_EQ(code, 0);
-  EXPECT_FALSE(disk->available);
+  EXPECT_FALSE(disk.available);
   EXPECT_FALSE(FakeCard::Status().present);
   EXPECT_EQ(FakeCard::Status().fsckStatus, 8);
   EXPECT_EQ(FakeCard::Status().malfunction, 0);
@@ -328,7 +319,7 @@ TEST_F(DiskScan, RemovesTheTestFileOfACardThatTurnedReadOnlyAndRefusesIt) {
   FakeCard::SetProperty("ro", "1\n");
   EXPECT_EQ(Scan(), "disk read only");
   EXPECT_EQ(code, 0);
-  EXPECT_FALSE(disk->available);
+  EXPECT_FALSE(disk.available);
   EXPECT_TRUE(FakeCard::Status().readOnly);
   EXPECT_FALSE(FakeCard::HasTestFile());
   EXPECT_EQ(FakeCard::Status().lifetimeWritesKB, 0U);
@@ -344,15 +335,15 @@ TEST_F(DiskScan, LetsTheStatErrorsOfThePresenceTestPass) {
   card.duringCheck = [] { Machine::RemoveFile(FakeCard::kMountPoint); };
   EXPECT_EQ(Scan(), "Stat error (1)");
   EXPECT_EQ(code, ENOENT);
-  EXPECT_FALSE(disk->available);
+  EXPECT_FALSE(disk.available);
 }
 
 TEST_F(DiskScan, RecordsZeroLifetimeWritesWhenTheyAreUnknown) {
   FakeCard::Status().lifetimeWritesKB = 7;
   Machine::RemoveFile("/sys/fs");
   EXPECT_EQ(Scan(), "passed");
-  EXPECT_EQ(output, std::string(kChecked) +
-                        "ERR: [/sys/fs/ext4/mmcblk1p1/lifetime_write_kbytes] does not exist !\n");
+  EXPECT_EQ(output,
+            kChecked + "ERR: [/sys/fs/ext4/mmcblk1p1/lifetime_write_kbytes] does not exist !\n");
   EXPECT_EQ(FakeCard::Status().lifetimeWritesKB, 0U);
 }
 
@@ -361,7 +352,7 @@ TEST_F(DiskScan, NamesThePartitionByWhatFollowsTheLastSlashOrBackslash) {
        {"mmcblk1p1", "\\dev\\mmcblk1p1", "/dev\\mmcblk1p1", "\\dev/mmcblk1p1", "/dev/mmcblk1p1"}) {
     hooks().access = [](auto&&...) { return Answer::Success(); };
     FakeCard::Status().lifetimeWritesKB = 0;
-    disk->devicePath = path;
+    disk.devicePath = path;
     EXPECT_EQ(Scan(), "passed");
     EXPECT_EQ(FakeCard::Status().lifetimeWritesKB, 734003U) << path;
   }
@@ -370,7 +361,7 @@ TEST_F(DiskScan, NamesThePartitionByWhatFollowsTheLastSlashOrBackslash) {
 TEST_F(DiskScan, LeavesTheSpaceFiguresAsTheyWere) {
   card.space.f_blocks = 1;
   Scan();
-  EXPECT_EQ(disk->totalBytes, 12288000000);
+  EXPECT_EQ(disk.totalBytes, 12288000000);
 }
 
 // Until the file is flushed every failed allocation is one of the path, which passes, or of the
@@ -380,19 +371,19 @@ TEST_F(DiskScan, GivesUpWhicheverAllocationFailsWhileWritingTheTestFile) {
   constexpr int kEarlierResult = 4;
   Descriptors::Watch const descriptors;
   Machine::ForEachFailure([&](Machine::Point const& point) {
-    disk->available = true;
+    disk.available = true;
     FakeCard::Status().fsckStatus = kEarlierResult;
     Capture::Descriptor captured(1);
     Machine::FailingAllocation const allocation(point.number + 1);
     std::string result = "passed";
     try {
-      disk->ScanDisk();
+      disk.ScanDisk();
     } catch (std::exception const& exception) {
       result = exception.what();
     }
     bool const failed = Machine::FailingAllocation::Happened();
     EXPECT_EQ(result, failed ? "Could not write test file" : "passed");
-    EXPECT_EQ(disk->available, !failed);
+    EXPECT_EQ(disk.available, !failed);
     EXPECT_EQ(FakeCard::Status().fsckStatus, failed ? kEarlierResult : 0);
     EXPECT_EQ(Machine::Traced("system").empty(), failed);
     return failed;
@@ -409,7 +400,7 @@ TEST_F(DiskScan, RecordsZeroLifetimeWritesWhenReadingThemThrows) {
   };
   EXPECT_EQ(Scan(), "passed");
   EXPECT_TRUE(Machine::FailingAllocation::Happened());
-  EXPECT_TRUE(disk->available);
+  EXPECT_TRUE(disk.available);
   EXPECT_EQ(FakeCard::Status().lifetimeWritesKB, 0U);
 }
 

@@ -16,6 +16,8 @@
 #include "tests/machine/Allocation.h"
 #include "tests/machine/Machine.h"
 #include "tests/support/Capture.h"
+#include "tests/support/CardText.h"
+#include "tests/support/CounterFile.h"
 #include "tests/support/Descriptors.h"
 #include "tests/support/FakeCard.h"
 #include "tests/support/OwnedSystem.h"
@@ -23,6 +25,7 @@
 namespace {
 
 using namespace std::chrono_literals;
+using CardText::kNoCard;
 using Machine::hooks;
 using Machine::MakeFile;
 using Machine::ReadFile;
@@ -33,15 +36,9 @@ using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
 
-constexpr char const* kCounterFile = "/root/system.dat";
 std::string const kRefusal =
     "Disk exception Disk not found\n"
     "Exception disk (0): The device is not available\n";
-std::string const kRule(66, '=');
-std::string const kNoCard =
-    "============================ SD CARD =============================\nNOT PRESENT\n" + kRule +
-    "\n";
-
 std::string Found(std::string const& number, std::string const& end = "") {
   return "Found SD card status counter " + number + " on file" + end + "\n";
 }
@@ -49,14 +46,9 @@ std::string PassedLimit(std::string const& number) {
   return Found(number, ", passed limit");
 }
 
-std::string Counter(std::string const& number) {
-  return R"({"sdcard-status-conter":)" + number + "}";
-}
-
 class DiskStartup : public testing::Test {
  protected:
   DiskStartup() {
-    Capture::Output([this] { system.emplace(); });
     hooks().reboot = [](int) { return Machine::Answer::Failure(EPERM); };
   }
 
@@ -65,7 +57,9 @@ class DiskStartup : public testing::Test {
     return Capture::Output([this] { result = system->InitDisk(); });
   }
 
-  static void StoreCounter(std::string const& number) { MakeFile(kCounterFile, Counter(number)); }
+  static void StoreCounter(std::string const& number) {
+    MakeFile(CounterFile::kPath, CounterFile::Text(number));
+  }
   static void RemoveCard() { Machine::RemoveFile("/dev/mmcblk1"); }
 
   void ExpectNoReboot() {
@@ -78,7 +72,7 @@ class DiskStartup : public testing::Test {
   }
 
   FakeCard card;
-  std::optional<OwnedSystem> system;
+  std::unique_ptr<OwnedSystem> const system = NewSystem();
   Disk* result = nullptr;
 };
 
@@ -94,22 +88,18 @@ TEST_F(DiskStartup, BringsAGoodCardIntoService) {
   EXPECT_FALSE(system->diskFault);
   ExpectState(0);
   EXPECT_EQ(output,
-            "Disk /mnt/sdcard/ free sapce 3906MB from 11718MB\n"
-            "Unmount SD card success.\nFSCK output: No errors\nMount SD card success\n"
-            "============================ SD CARD =============================\n"
-            " size [15931539456] B\n usable size [12288000000] B \n writen [734003] kB\n"
-            " read only [0]\n fcsk status [0]\n cid [275048534433324760e0e7f40f012a01]\n" +
-                kRule + "\n");
+            "Disk /mnt/sdcard/ free sapce 3906MB from 11718MB\n" + CardText::kChecked +
+                CardText::kTitle +
+                " size [15931539456] B\n usable size [12288000000] B \n writen [734003] kB\n"
+                " read only [0]\n fcsk status [0]\n cid [275048534433324760e0e7f40f012a01]\n" +
+                CardText::kRule);
   EXPECT_THAT(descriptors.Opened(), IsEmpty());
 }
 
 TEST_F(DiskStartup, WaitsASecondAfterTheScan) {
   Start();
-  EXPECT_THAT(Trace(),
-              ElementsAre("sync", "system umount /mnt/sdcard/", "system fsck -f -y /dev/mmcblk1p1",
-                          "system mount -o noatime,nodiratime,data=writeback "
-                          "/dev/mmcblk1p1 /mnt/sdcard/",
-                          "unlink /mnt/sdcard/check.tmp", Sleep(1s)));
+  EXPECT_THAT(Trace(), ElementsAre("sync", CardText::kUmount, CardText::kFsck, CardText::kMount,
+                                   "unlink /mnt/sdcard/check.tmp", Sleep(1s)));
 }
 
 TEST_F(DiskStartup, TakesTheFaultBackBeforeItsPauseAndReportsAfterIt) {
@@ -119,7 +109,7 @@ TEST_F(DiskStartup, TakesTheFaultBackBeforeItsPauseAndReportsAfterIt) {
     EXPECT_FALSE(system->diskFault);
     ExpectNoReport();
   };
-  EXPECT_THAT(Start(), testing::EndsWith(kRule + "\n"));
+  EXPECT_THAT(Start(), testing::EndsWith(CardText::kRule));
   EXPECT_EQ(pauses, 1);
   ExpectState(0);
 }
@@ -127,7 +117,7 @@ TEST_F(DiskStartup, TakesTheFaultBackBeforeItsPauseAndReportsAfterIt) {
 TEST_F(DiskStartup, LeavesTheCounterAsItWasAfterAGoodStart) {
   StoreCounter("2");
   Start();
-  EXPECT_EQ(ReadFile(kCounterFile), Counter("2"));
+  EXPECT_EQ(ReadFile(CounterFile::kPath), CounterFile::Text("2"));
 }
 
 TEST_F(DiskStartup, WaitsASecondAndKeepsTheFaultWhenAScanLeavesTheCardUnavailable) {
@@ -150,7 +140,7 @@ TEST_F(DiskStartup, RebootsForAFailingCardWithoutACounterFile) {
                          "Save sdcard status counter 1 to file\n"
                          "Done save counter, trigger reboot...\n*");
   EXPECT_EQ(result, nullptr);
-  EXPECT_EQ(ReadFile(kCounterFile), Counter("1"));
+  EXPECT_EQ(ReadFile(CounterFile::kPath), CounterFile::Text("1"));
   EXPECT_THAT(Trace(), ElementsAre("sync", "system reboot", Sleep(20s), "chdir /", "sync",
                                    "umount /", "umount /mnt/sdcard/", "reboot 19088743"));
   EXPECT_TRUE(system->diskFault);
@@ -163,7 +153,7 @@ TEST_F(DiskStartup, RebootsThreeTimesInARowAndThenGivesUp) {
   for (char const* const saved : {"1", "2", "3"}) {
     Start();
     EXPECT_EQ(result, nullptr);
-    EXPECT_EQ(ReadFile(kCounterFile), Counter(saved));
+    EXPECT_EQ(ReadFile(CounterFile::kPath), CounterFile::Text(saved));
   }
   ExpectNoReport();
   EXPECT_THAT(Machine::Traced("reboot"), testing::SizeIs(3));
@@ -179,7 +169,7 @@ TEST_F(DiskStartup, CarriesOnWithTheReportWhenTheLimitIsPassed) {
   EXPECT_EQ(result, system->disk);
   ASSERT_NE(result, nullptr);
   EXPECT_FALSE(result->available);
-  EXPECT_EQ(ReadFile(kCounterFile), Counter("3"));
+  EXPECT_EQ(ReadFile(CounterFile::kPath), CounterFile::Text("3"));
   ExpectNoReboot();
   EXPECT_THAT(Machine::Traced("sleep"), IsEmpty());
   ExpectState(3);
@@ -202,7 +192,7 @@ TEST_F(DiskStartup, NeverRebootsForANegativeCounter) {
 
 TEST_F(DiskStartup, NeverRebootsWhenTheCounterCannotBeRead) {
   RemoveCard();
-  MakeFile("/root/system.dat/in-its-place", "");
+  MakeFile(std::string(CounterFile::kPath) + "/in-its-place", "");
   EXPECT_EQ(Start(), kRefusal + PassedLimit("-1") + kNoCard);
   EXPECT_NE(result, nullptr);
   ExpectNoReboot();
@@ -217,7 +207,7 @@ TEST_F(DiskStartup, RebootsThoughTheCounterFileCannotBeOpenedForWriting) {
   std::filesystem::create_directories(Machine::Real("/root/"));
   Start();
   EXPECT_EQ(result, nullptr);
-  EXPECT_EQ(ReadFile(kCounterFile), "");
+  EXPECT_EQ(ReadFile(CounterFile::kPath), "");
   EXPECT_EQ(Trace().back(), "reboot 19088743");
 }
 
@@ -267,7 +257,7 @@ TEST_F(DiskStartup, LetsExceptionsOutsideTheStandardFamilyPass) {
   EXPECT_EQ(output, "Disk /mnt/sdcard/ free sapce 3906MB from 11718MB\n");
   EXPECT_NE(system->disk, nullptr);
   EXPECT_TRUE(system->diskFault);
-  EXPECT_EQ(ReadFile(kCounterFile), Counter("0"));
+  EXPECT_EQ(ReadFile(CounterFile::kPath), CounterFile::Text("0"));
   ExpectNoReboot();
 }
 
@@ -319,7 +309,7 @@ TEST_F(DiskStartup, BringsACardBackThatWasMissing) {
   Start();
   EXPECT_TRUE(result->available);
   EXPECT_FALSE(system->diskFault);
-  EXPECT_EQ(ReadFile(kCounterFile), Counter("3"));
+  EXPECT_EQ(ReadFile(CounterFile::kPath), CounterFile::Text("3"));
   ExpectState(0);
 }
 

@@ -13,8 +13,9 @@
 #include <ostream>
 #include <string>
 
-#include "base/Logger.h"
 #include "tests/support/CatalogueTest.h"
+#include "tests/support/LogFile.h"
+#include "tests/support/Scoped.h"
 
 namespace {
 
@@ -49,18 +50,10 @@ std::ostream& operator<<(std::ostream& out, Trace const& trace) {
 class EntryStream : public CatalogueTest {
  protected:
   EntryStream() {
-    EnableLog(false);  // its lines are written, too
     for (char const* name : kNames) MakeRecording(name, kBytes);
     Count(&Machine::Hooks::read, calls.read);
     Count(&Machine::Hooks::write, calls.write);
     Count(&Machine::Hooks::writev, calls.writev);
-  }
-  ~EntryStream() override { EnableLog(true); }
-
-  static void EnableLog(bool enabled) {
-    auto* const logger = Tarvik::Ilog::Logger::GetInstance();
-    logger->consoleSink->enabled = enabled;
-    logger->fileSink->enabled = enabled;
   }
 
   template <typename Hook>
@@ -142,6 +135,7 @@ class EntryStream : public CatalogueTest {
     }
   }
 
+  Scoped::AtEnd const silence = LogFile::Silence();  // its lines are written, too
   std::unique_ptr<FilesManager> const catalogue = NewCatalogue();
 };
 

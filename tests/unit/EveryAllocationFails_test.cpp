@@ -8,7 +8,6 @@
 #include <filesystem>
 #include <iterator>
 #include <new>
-#include <optional>
 #include <string>
 
 #include "DiskUtils/System.h"
@@ -17,7 +16,9 @@
 #include "tests/machine/Allocation.h"
 #include "tests/support/Capture.h"
 #include "tests/support/CatalogueTest.h"
+#include "tests/support/CounterFile.h"
 #include "tests/support/Descriptors.h"
+#include "tests/support/ErrorRecord.h"
 #include "tests/support/FakeCard.h"
 #include "tests/support/LogFile.h"
 #include "tests/support/OwnedSystem.h"
@@ -60,9 +61,8 @@ TEST(EveryAllocationFails, WhileAGoodCardIsStarted) {
   Machine::ForEachFailure([](Machine::Point const& point) {
     Machine::Reset();
     FakeCard const card;
-    Machine::MakeFile("/root/system.dat", R"({"sdcard-status-conter":3})");
-    std::optional<OwnedSystem> system;
-    Capture::Output([&] { system.emplace(); });
+    Machine::MakeFile(CounterFile::kPath, CounterFile::Text(3));
+    auto const system = NewSystem();
     Start const start = InitDisk(*system, point);
     if (start.threw) {
       EXPECT_THAT(start.output, HasSubstr("= SD CARD ="));
@@ -86,15 +86,13 @@ TEST(EveryAllocationFails, WhileAMissingCardIsStarted) {
     Machine::Reset();
     FakeCard const card;
     Machine::RemoveFile("/dev/mmcblk1");
-    std::string const one = R"({"sdcard-status-conter":1})";
-    Machine::MakeFile("/root/system.dat", one);
-    std::optional<OwnedSystem> system;
-    Capture::Output([&] { system.emplace(); });
+    Machine::MakeFile(CounterFile::kPath, CounterFile::Text(1));
+    auto const system = NewSystem();
     Start const start = InitDisk(*system, point);
     bool const rebooted = !Machine::Traced("reboot").empty();
     EXPECT_EQ(start.result == nullptr && !start.threw, rebooted || system->disk == nullptr);
     if (rebooted) {
-      EXPECT_THAT(Machine::ReadFile("/root/system.dat"), HasSubstr(":2}"));
+      EXPECT_EQ(Machine::ReadFile(CounterFile::kPath), CounterFile::Text(2));
     }
     return start.failed;
   });
@@ -135,14 +133,13 @@ TEST(EveryAllocationFails, WhileACardIsFormatted) {
   Machine::ForEachFailure([](Machine::Point const& point) {
     Machine::Reset();
     FakeCard const card;
-    std::optional<Disk> disk;
-    Capture::Output([&] { disk.emplace("/mnt/sdcard/", "/dev/mmcblk1p1", "mmcblk1"); });
+    Disk disk = FakeCard::MakeDisk();
     Capture::Descriptor output(1);
     bool formatted = false;
     bool failed = false;
     {
       Machine::FailingAllocation const failing(point);
-      EXPECT_NO_THROW(formatted = disk->Fromat(true));
+      EXPECT_NO_THROW(formatted = disk.Fromat(true));
       failed = Machine::FailingAllocation::Happened();
     }
     EXPECT_EQ(formatted, !failed);
@@ -186,7 +183,7 @@ TEST_F(EveryAllocationFailsInACatalogue, WhileRoomIsMade) {
     }
     EXPECT_EQ(Names(*catalogue), OnCard());
     if (Machine::FailingAllocation::Happened()) return true;
-    EXPECT_EQ(catalogue->GetError(), "Unable to make room, after 100 retries");
+    EXPECT_EQ(ErrorOf(*catalogue), "Unable to make room, after 100 retries in MakeRoom");
     return false;
   });
 }

@@ -1,15 +1,11 @@
 // The catalogue, the copying of files, clock, watchdog and log, with each of their calls failing in
 // turn.
-#include <dirent.h>
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <linux/rtc.h>
 #include <linux/watchdog.h>
-#include <sys/stat.h>
 #include <sys/statvfs.h>
 
 #include <algorithm>
-#include <filesystem>
 #include <fstream>
 #include <memory>
 #include <optional>
@@ -21,13 +17,14 @@
 #include "Watchdog/Watchdog.h"
 #include "tests/machine/FaultTable.h"
 #include "tests/machine/Machine.h"
-#include "tests/machine/Objects.h"
 #include "tests/support/Capture.h"
+#include "tests/support/CatalogueTest.h"
+#include "tests/support/DirectoryOrder.h"
+#include "tests/support/ErrorRecord.h"
 #include "tests/support/LogFile.h"
 
 namespace {
 
-namespace fs = std::filesystem;
 using FaultTable::kNoHarm;
 using FaultTable::Row;
 using Machine::Answer;
@@ -35,12 +32,14 @@ using Quellon::DiskUtils::Disk;
 using Quellon::FileUtils::FilesManager;
 using Quellon::FileUtils::Ifile;
 
-constexpr char const* kDirectory = "/mnt/sdcard/cr/";
+constexpr char const* kDirectory = CatalogueTest::kDirectory;
 
 /// What stands between the end of the header of the log's lines and the ends of these.
 std::string LogText() {
   std::string text;
-  for (auto const& line : LogFile::SplitLines(LogFile::Text())) text += "|" + line.substr(21);
+  for (auto const& line : LogFile::SplitLines(LogFile::Text())) {
+    text += "|" + line.substr(LogFile::kHeaderLength);
+  }
   return text;
 }
 
@@ -52,7 +51,7 @@ std::string Request(unsigned long number) {
 /// The logger on a new, empty file that it has not opened, and silent on the console.
 void BeginLog() {
   LogFile::BeginAnew();
-  Tarvik::Ilog::Logger::GetInstance()->consoleSink->enabled = false;
+  LogFile::Enable(true, false);
 }
 
 void EndLog() {
@@ -67,10 +66,7 @@ class Recordings {
   Recordings() {
     std::time_t time = 0;
     for (char const* name : {"a.dat", "b.dat", "c.dat", "d.dat"}) {
-      std::string const path = std::string(kDirectory) + name;
-      Machine::MakeFile(path, std::string(kSize, 'x'));
-      timespec const times[2] = {{time += 60, 0}, {time, 0}};
-      utimensat(AT_FDCWD, Machine::Real(path).c_str(), times, 0);
+      CatalogueTest::MakeRecording(name, kSize, time += 60);
     }
     Machine::hooks().statvfs = [](std::string const&, struct statvfs* space) {
       space->f_frsize = 1;
@@ -78,11 +74,9 @@ class Recordings {
       space->f_bfree = static_cast<fsblkcnt_t>(10000 - 1000 * OnCard().size());
       return Answer::Success();
     };
-    Tarvik::Ilog::Logger::GetInstance()->fileSink->enabled = false;
-    Tarvik::Ilog::Logger::GetInstance()->consoleSink->enabled = false;
-    Capture::Output([this] { card.emplace("/mnt/sdcard/", "/dev/mmcblk1p1", "mmcblk1"); });
-    card->available = true;
-    catalogue = std::make_unique<FilesManager>(&*card, kDirectory, 7000, 1.0F);
+    LogFile::Enable(false, false);
+    card.available = true;
+    catalogue = std::make_unique<FilesManager>(&card, kDirectory, 7000, 1.0F);
   }
   ~Recordings() {
     catalogue.reset();
@@ -91,27 +85,24 @@ class Recordings {
 
   static std::string OnCard() {
     std::string names;
-    for (auto const& entry : fs::directory_iterator(Machine::Real(kDirectory))) {
-      names += entry.path().stem();
-    }
-    std::ranges::sort(names);
+    for (auto const& name : CatalogueTest::OnCard()) names += name.substr(0, 1);
     return names;
   }
 
   std::string Outcome() {
     std::string names;
     for (Ifile const* file : catalogue->GetList()) names += file->name.substr(0, 1);
-    std::string const error = catalogue->GetError() + " in " + catalogue->GetErrorPlace();
-    return (result                  ? "done"
-            : catalogue->HasError() ? error
-                                    : "failed") +
+    std::string const error = ErrorOf(*catalogue);
+    return (result          ? "done"
+            : error.empty() ? "failed"
+                            : error) +
            ", catalogue " + names + ", card " + OnCard() + ", total " +
            std::to_string(catalogue->GetTotalFilesSize());
   }
 
  protected:
   bool result = false;
-  std::optional<Disk> card;
+  Disk card = FakeCard::MakeDisk();
   std::unique_ptr<FilesManager> catalogue;
 };
 
@@ -126,18 +117,17 @@ std::vector<Row> TruncatedDirectories() {
   std::vector<Row> rows;
   std::string names;
   int number = 0;
-  std::unique_ptr<DIR, int (*)(DIR*)> const directory(opendir(kDirectory), closedir);
-  for (dirent const* entry = nullptr; (entry = readdir(directory.get())) != nullptr;) {
+  for (auto const& entry : DirectoryOrder(kDirectory)) {
     rows.push_back({"readdir * (" + std::to_string(++number) + "): *",
                     "done, catalogue " + names + ", card abcd, total " +
                         std::to_string(Recordings::kSize * names.size())});
-    if (entry->d_name[0] != '.') names += entry->d_name[0];
+    if (!entry.starts_with('.')) names += entry.substr(0, 1);
     std::ranges::sort(names);
   }
   return rows;
 }
 
-TEST(EveryCallFails, WhileTheCatalogueIsLoaded) {
+TEST(EveryCallFailsFiles, WhileTheCatalogueIsLoaded) {
   std::vector<Row> table = TruncatedDirectories();
   table.push_back(
       {"opendir *", "Could not open directory in Load, catalogue , card abcd, total 0"});
@@ -158,7 +148,7 @@ class Adding : public Recordings {
   }
 };
 
-TEST(EveryCallFails, WhileARecordingIsAdded) {
+TEST(EveryCallFailsFiles, WhileARecordingIsAdded) {
   FaultTable::Try<Adding>("done, catalogue a, card abcd, total 1000",
                           {{"*", "File not found in AddFile, catalogue , card abcd, total 0"}});
 }
@@ -169,7 +159,7 @@ class MakingRoom : public Recordings {
   void Run() { result = catalogue->MakeRoom(); }
 };
 
-TEST(EveryCallFails, WhileRoomIsMade) {
+TEST(EveryCallFailsFiles, WhileRoomIsMade) {
   // A recording that cannot be removed leaves the catalogue; its bytes stay counted.
   std::string const unknown = "Get space stat error in MakeRoom, ";
   FaultTable::Try<MakingRoom>(
@@ -190,7 +180,7 @@ class RemovingByName : public Recordings {
   }
 };
 
-TEST(EveryCallFails, WhileARecordingIsRemovedByName) {
+TEST(EveryCallFailsFiles, WhileARecordingIsRemovedByName) {
   FaultTable::Try<RemovingByName>(
       "done, catalogue acd, card acd, total 3000",
       {{"access *", "failed, catalogue abcd, card abcd, total 4000"}, {"unlink *", kNoHarm}});
@@ -226,7 +216,7 @@ class Copying {
 };
 
 // Only a destination that cannot be opened is told of. A line that cannot be logged harms nothing.
-TEST(EveryCallFails, WhileAFileIsCopied) {
+TEST(EveryCallFailsFiles, WhileAFileIsCopied) {
   std::string const line = "|Copy file /mnt/sdcard/from to /mnt/sdcard/to";
   FaultTable::Try<Copying>(
       "done, all" + line,
@@ -265,7 +255,7 @@ class Syncing {
   std::string outcome;
 };
 
-TEST(EveryCallFails, WhileARecordingIsBroughtToTheCard) {
+TEST(EveryCallFailsFiles, WhileARecordingIsBroughtToTheCard) {
   FaultTable::Try<Syncing>("on the card", {{"*: EINTR", kNoHarm},
                                            {"write *: short", kNoHarm},
                                            {"close *", kNoHarm},
@@ -293,7 +283,7 @@ class Clock {
   std::string outcome;
 };
 
-TEST(EveryCallFails, WhileTheClockIsReadAndSet) {
+TEST(EveryCallFailsFiles, WhileTheClockIsReadAndSet) {
   FaultTable::Try<Clock>("loaded, set", {{"open * (1): *", "not loaded, set"},
                                          {Request(RTC_RD_TIME), "not loaded, set"},
                                          {"open * (2): *", "loaded, not set"},
@@ -327,7 +317,7 @@ class Kicking {
 
 // A watchdog that could not be armed is kicked all the same. A failed kick is given up at once,
 // also when a signal interrupted it: the next one is due soon enough.
-TEST(EveryCallFails, WhileTheWatchdogIsArmedAndKicked) {
+TEST(EveryCallFailsFiles, WhileTheWatchdogIsArmedAndKicked) {
   std::string const armed = "|[WTD] Watchdog timeout have been set to 60 seconds";
   std::string const unknown = "|[WTD] Watchdog timeout have been set to 0 seconds";
   std::string const kicked = "|[WTD] Watchdog have been reset";
@@ -380,7 +370,7 @@ class Logging {
     file.seekg(-std::min<std::streamoff>(kEnd, file.tellg()), std::ios::end);
     std::string summary;
     for (std::string line; std::getline(file, line);) {
-      summary += line.starts_with('x') ? "." : "|" + line.substr(21);
+      summary += line.starts_with('x') ? "." : "|" + line.substr(LogFile::kHeaderLength);
     }
     return summary;
   }
@@ -388,7 +378,7 @@ class Logging {
 
 // A log that cannot be written is given up; one that cannot be set aside is emptied. Whoever does
 // not get its turn goes on up to the limit; whoever cannot tell where the file is opens it again.
-TEST(EveryCallFails, WhileLinesAreLogged) {
+TEST(EveryCallFailsFiles, WhileLinesAreLogged) {
   FaultTable::Try<Logging>(".|one|two then |three",
                            {{"close *", kNoHarm},
                             {"write *: EINTR", kNoHarm},

@@ -2,7 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
-#include <optional>
+#include <memory>
 #include <sstream>
 #include <string>
 
@@ -10,6 +10,7 @@
 #include "tests/machine/FaultTable.h"
 #include "tests/machine/Machine.h"
 #include "tests/support/Capture.h"
+#include "tests/support/CounterFile.h"
 #include "tests/support/FakeCard.h"
 #include "tests/support/OwnedSystem.h"
 
@@ -17,12 +18,6 @@ namespace {
 
 using FaultTable::kNoHarm;
 using Quellon::DiskUtils::Disk;
-
-constexpr char const* kCounterFile = "/root/system.dat";
-
-std::string NewSystem(std::optional<OwnedSystem>& system) {
-  return Capture::Output([&] { system.emplace(); });
-}
 
 /// The value of a key of the health report, as it is written.
 std::string Health(OwnedSystem const& system, std::string const& key) {
@@ -50,9 +45,8 @@ std::string Exceptions(std::string const& output) {
 class GoodCard {
  public:
   GoodCard() {
-    Machine::MakeFile(kCounterFile, R"({"sdcard-status-conter":3})");
+    Machine::MakeFile(CounterFile::kPath, CounterFile::Text(3));
     Machine::hooks().reboot = [](int) { return Machine::Answer::Failure(EPERM); };
-    NewSystem(system);
   }
 
   void Run() {
@@ -73,7 +67,7 @@ class GoodCard {
 
  private:
   FakeCard card;
-  std::optional<OwnedSystem> system;
+  std::unique_ptr<OwnedSystem> const system = NewSystem();
   Disk* result = nullptr;
   std::string output;
 };
@@ -114,10 +108,9 @@ TEST(EveryCallFails, WhileAGoodCardIsStarted) {
 class MissingCard {
  public:
   MissingCard() {
-    Machine::MakeFile(kCounterFile, R"({"sdcard-status-conter":1})");
+    Machine::MakeFile(CounterFile::kPath, CounterFile::Text(1));
     Machine::RemoveFile("/dev/mmcblk1");
     Machine::hooks().reboot = [](int) { return Machine::Answer::Failure(EPERM); };
-    NewSystem(system);
   }
 
   void Run() {
@@ -130,18 +123,18 @@ class MissingCard {
     EXPECT_EQ(result == nullptr, rebooted);
     EXPECT_EQ(system->GetHealthReport() == "{}", rebooted);
     EXPECT_TRUE(system->diskFault);
-    return (rebooted ? "rebooted, " : "carried on, ") + Machine::ReadFile(kCounterFile);
+    return (rebooted ? "rebooted, " : "carried on, ") + Machine::ReadFile(CounterFile::kPath);
   }
 
  private:
   FakeCard card;
-  std::optional<OwnedSystem> system;
+  std::unique_ptr<OwnedSystem> const system = NewSystem();
   Disk* result = nullptr;
 };
 
 TEST(EveryCallFails, WhileAMissingCardIsStarted) {
-  std::string const one = R"({"sdcard-status-conter":1})";
-  std::string const two = R"({"sdcard-status-conter":2})";
+  std::string const one = CounterFile::Text(1);
+  std::string const two = CounterFile::Text(2);
   FaultTable::Try<MissingCard>("rebooted, " + two,
                                {{"[rw]* *: EINTR", kNoHarm},
                                 {"[rw]* *: short", kNoHarm},
@@ -156,10 +149,7 @@ TEST(EveryCallFails, WhileAMissingCardIsStarted) {
 /// The count of reboots written, read and removed.
 class Counter {
  public:
-  Counter() {
-    Machine::MakeFile(kCounterFile, R"({"sdcard-status-conter":1})");
-    NewSystem(system);
-  }
+  Counter() { Machine::MakeFile(CounterFile::kPath, CounterFile::Text(1)); }
 
   void Run() {
     outcome << std::boolalpha;
@@ -173,7 +163,7 @@ class Counter {
 
  private:
   std::ostringstream outcome;
-  std::optional<OwnedSystem> system;
+  std::unique_ptr<OwnedSystem> const system = NewSystem();
 };
 
 TEST(EveryCallFails, WhileTheCounterIsKept) {

@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 #include <sys/file.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -27,6 +26,7 @@
 #include "tests/support/ChildProcess.h"
 #include "tests/support/Descriptors.h"
 #include "tests/support/LogFile.h"
+#include "tests/support/Scoped.h"
 
 namespace {
 
@@ -40,7 +40,6 @@ using LogFile::kOlderPath;
 using LogFile::kPath;
 using Tarvik::Ilog::FileLogPolicy;
 using Tarvik::Ilog::Info;
-using Tarvik::Ilog::LoggerBase;
 using testing::EndsWith;
 
 constexpr std::size_t kLimit = std::size_t{1} << 20;
@@ -50,8 +49,9 @@ constexpr std::size_t kUpperMark = 992 * 1024;  // where it does so without its 
 /// Whole lines, together of that many bytes.
 std::string Lines(std::size_t size) {
   std::string text(size, 'a');
-  for (std::size_t end = size; end > 0; end -= std::min<std::size_t>(end, 100))
+  for (std::size_t end = size; end > 0; end -= std::min<std::size_t>(end, 100)) {
     text[end - 1] = '\n';
+  }
   return text;
 }
 
@@ -101,9 +101,8 @@ TEST_F(FileLog, IsMadeByItsFirstLine) {
 }
 
 TEST_F(FileLog, CanBeReadByAllAndWrittenByItsOwner) {
-  mode_t const before = umask(0);
+  auto const mask = Scoped::Umask(0);
   EXPECT_TRUE(policy.Write("line\n"));
-  umask(before);
   struct stat status {};
   ASSERT_EQ(stat(kPath, &status), 0);
   EXPECT_EQ(status.st_mode & 07777, 0644U);
@@ -170,8 +169,8 @@ TEST_F(FileLog, StaysBelowTheLimitForeverAndLosesOnlyTheOldestLines) {
 }
 
 TEST_F(FileLog, TakesALongLineWholeAndCutsOneThatNoFileCouldHold) {
-  LoggerBase<FileLogPolicy> sink;
-  constexpr std::size_t kRoom = kMark - 22;  // a header of 21 bytes, a newline
+  LogFile::FileSink sink;
+  constexpr std::size_t kRoom = kMark - LogFile::kHeaderLength - 1;  // and a newline
   for (std::size_t const length : {kRoom, kRoom + 1, 3 * kLimit}) {
     Log(sink, std::string(length, 'x').c_str());
     EXPECT_EQ(LogFile::Text().size(), kMark);
@@ -180,7 +179,7 @@ TEST_F(FileLog, TakesALongLineWholeAndCutsOneThatNoFileCouldHold) {
     EXPECT_TRUE(LogFile::Text().ends_with(end)) << length;
   }
   Log(sink, "next");
-  EXPECT_THAT(LogFile::Text(), testing::MatchesRegex("\\[[^]]*\\]next\n"));
+  EXPECT_THAT(LogFile::Text(), testing::MatchesRegex(LogFile::kHeader + "next\n"));
 }
 
 TEST_F(FileLog, LeavesALongLineWholeOnTheConsole) {
@@ -348,32 +347,26 @@ void SleepReally(std::chrono::nanoseconds duration) {
 
 /// Writes numbered lines as a process of its own does, and ends.
 pid_t StartWriter(int writer, int lines, std::size_t longest = 150, std::size_t step = 1) {
-  pid_t const child = fork();
-  if (child != 0) return child;
-  Machine::hooks().now.reset();
-  Machine::hooks().sleep = SleepReally;
-  FileLogPolicy own;
-  bool written = true;
-  for (int i = 0; i < lines; ++i) {
-    written = own.Write(std::to_string(writer) + " " + std::to_string(i) + " " +
-                        std::string(static_cast<std::size_t>(i) * step % longest, 'x') + ".\n") &&
-              written;
-  }
-  _exit(written ? 0 : 1);
-}
-
-void ExpectEnds(pid_t child) {
-  int status = -1;
-  EXPECT_EQ(waitpid(child, &status, 0), child);
-  EXPECT_EQ(status, 0);
+  return ChildProcess::Start([=] {
+    Machine::hooks().now.reset();
+    Machine::hooks().sleep = SleepReally;
+    FileLogPolicy own;
+    bool written = true;
+    for (int i = 0; i < lines; ++i) {
+      written = own.Write(std::to_string(writer) + " " + std::to_string(i) + " " +
+                          std::string(static_cast<std::size_t>(i) * step % longest, 'x') + ".\n") &&
+                written;
+    }
+    return written ? 0 : 1;
+  });
 }
 
 TEST_F(FileLog, TwoProcessesRotateItTogetherAndLoseNoLine) {
   constexpr int kLines = 9'000;  // together they fill the file once, but not twice
   pid_t const one = StartWriter(1, kLines);
   pid_t const two = StartWriter(2, kLines);
-  ExpectEnds(one);
-  ExpectEnds(two);
+  EXPECT_EQ(ChildProcess::Wait(one), 0);
+  EXPECT_EQ(ChildProcess::Wait(two), 0);
   EXPECT_LT(LogFile::Text().size(), kLimit);
   EXPECT_LT(Older().size(), kLimit);
   EXPECT_GT(Older().size(), kMark - 200);
@@ -393,7 +386,7 @@ TEST_F(FileLog, TwoProcessesRotateItTogetherAndLoseNoLine) {
 TEST_F(FileLog, ManyProcessesKeepItsLimitAndItsLinesWhole) {
   std::vector<pid_t> writers;
   for (int writer = 0; writer < 8; ++writer) writers.push_back(StartWriter(writer, 9'000));
-  for (pid_t const writer : writers) ExpectEnds(writer);
+  for (pid_t const writer : writers) EXPECT_EQ(ChildProcess::Wait(writer), 0);
   EXPECT_LT(LogFile::Text().size(), kLimit);
   EXPECT_LT(Older().size(), kLimit);
   std::regex const whole(R"(\d \d+ x*\.)");
@@ -417,9 +410,10 @@ TEST_F(FileLog, ALineThatAnotherProcessWritesWhileTheFileIsRenamedStays) {
 
 TEST_F(FileLog, ProcessesWithLongLinesKeepItsLimitToo) {
   std::vector<pid_t> writers;
-  for (int writer = 0; writer < 2; ++writer)
+  for (int writer = 0; writer < 2; ++writer) {
     writers.push_back(StartWriter(writer, 200, 300'000, 7'919));
-  for (pid_t const writer : writers) ExpectEnds(writer);
+  }
+  for (pid_t const writer : writers) EXPECT_EQ(ChildProcess::Wait(writer), 0);
   EXPECT_LT(LogFile::Text().size(), kLimit);
   EXPECT_LT(Older().size(), kLimit);
 }
@@ -447,8 +441,7 @@ TEST_F(FileLog, WhatAProcessWritesUnseenFitsBehindAFileThatAnotherOneEndedWithou
   Machine::hooks().now = 100;
   Machine::MakeFile(kPath, Lines(kMark - 10));
   EXPECT_TRUE(policy.Write("first\n"));
-  Tarvik::UniqueFd const folder(open("/var/log/", O_RDONLY | O_CLOEXEC));
-  ASSERT_EQ(flock(folder.Get(), LOCK_EX), 0);
+  Tarvik::UniqueFd const turn = TakeTheTurn();
   FileLogPolicy other;
   while (!Exists(kOlderPath)) ASSERT_TRUE(other.Write(Lines(1'000)));
   for (int i = 0; i < 100; ++i) EXPECT_TRUE(policy.Write(Lines(100)));
@@ -490,11 +483,7 @@ TEST_F(FileLog, KeepsTheOlderOneThoughALineFillsANewFileAlone) {
 TEST_F(FileLog, AChildForkedWhileItIsLookedAtDoesNotKeepTheTurn) {
   pid_t child = -1;
   Machine::hooks().lstat = [&](auto const&, struct stat*) {
-    child = fork();
-    if (child == 0) {
-      pause();
-      _exit(0);
-    }
+    child = ChildProcess::Start(pause);
     return Machine::Answer::Failure(ENOENT);
   };
   EXPECT_TRUE(policy.Write("first\n"));
@@ -504,7 +493,7 @@ TEST_F(FileLog, AChildForkedWhileItIsLookedAtDoesNotKeepTheTurn) {
   Tarvik::UniqueFd const folder(open("/var/log/", O_RDONLY | O_CLOEXEC));
   EXPECT_EQ(flock(folder.Get(), LOCK_EX | LOCK_NB), 0);
   kill(child, SIGKILL);
-  waitpid(child, nullptr, 0);
+  ChildProcess::Wait(child);
 }
 
 TEST_F(FileLog, IsNeverAStandardStream) {
@@ -552,7 +541,7 @@ TEST_F(FileLog, ADirectoryUnderItsNameIsAFailure) {
 
 TEST_F(FileLog, ASinkWithoutItsFolderDisablesItselfAndComesBackWhenEnabled) {
   fs::remove(Machine::Real(kPath).parent_path());
-  LoggerBase<FileLogPolicy> sink;
+  LogFile::FileSink sink;
   Log(sink, "lost");
   EXPECT_FALSE(sink.enabled);
   EXPECT_TRUE(LogFile::IsFree(sink));
@@ -566,7 +555,7 @@ TEST_F(FileLog, ASinkWithoutItsFolderDisablesItselfAndComesBackWhenEnabled) {
 }
 
 TEST_F(FileLog, ASinkWithAFullDiskDisablesItselfAndComesBackWhenEnabled) {
-  LoggerBase<FileLogPolicy> sink;
+  LogFile::FileSink sink;
   WritesFailWith(ENOSPC);
   Log(sink, "lost");
   EXPECT_FALSE(sink.enabled);

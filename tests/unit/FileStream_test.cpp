@@ -15,15 +15,19 @@
 #include <vector>
 
 #include "FileUtils/File.h"
-#include "base/IException.h"
 #include "base/Logger.h"
 #include "tests/machine/Machine.h"
 #include "tests/support/Capture.h"
 #include "tests/support/ChildProcess.h"
+#include "tests/support/FileAt.h"
+#include "tests/support/LogFile.h"
+#include "tests/support/Refusal.h"
+#include "tests/support/Scoped.h"
 
 namespace {
 
 namespace fs = std::filesystem;
+using LogFile::kHeader;
 using Quellon::FileUtils::Ifile;
 using testing::EndsWith;
 using testing::IsEmpty;
@@ -32,11 +36,6 @@ using testing::MatchesRegex;
 constexpr char const* kPath = "/mnt/sdcard/cr/a.gps";
 constexpr char const* kCopy = "/mnt/sdcard/cr/b.gps";
 constexpr char const* kNowhere = "/mnt/sdcard/missing/a.gps";
-constexpr char const* kHeader = "^\\[....-..-.. ..:..:..\\]";
-
-std::unique_ptr<Ifile> At(std::string path, bool open = false) {
-  return std::make_unique<Ifile>(path, open);
-}
 
 /// As a catalogue makes it: an unopened stream, and a path that came later.
 std::unique_ptr<Ifile> BareAt(std::string const& path) {
@@ -61,7 +60,7 @@ class FileStream : public testing::Test {
 
 TEST_F(FileStream, OpensAnExistingFileInPlaceWhenMadeOpen) {
   Holds("12345");
-  auto const file = At(kPath, true);
+  auto const file = FileAt(kPath, true);
   ASSERT_TRUE(file->stream->is_open());
   Put(*file, "ab");
   file->Close();
@@ -70,7 +69,7 @@ TEST_F(FileStream, OpensAnExistingFileInPlaceWhenMadeOpen) {
 
 TEST_F(FileStream, MadeOpenOnAMissingFileKeepsAFailedStreamAndMakesNothing) {
   std::string const output = Capture::Output([] {
-    auto const file = At(kPath, true);
+    auto const file = FileAt(kPath, true);
     EXPECT_TRUE(file->stream->fail());
     EXPECT_FALSE(file->stream->is_open());
   });
@@ -79,21 +78,15 @@ TEST_F(FileStream, MadeOpenOnAMissingFileKeepsAFailedStreamAndMakesNothing) {
 }
 
 TEST_F(FileStream, OpenThrowsForAnEmptyPath) {
-  auto const file = At("");
-  try {
-    file->Open(true);
-    FAIL() << "nothing was thrown";
-  } catch (Tarvik::IException const& e) {
-    EXPECT_STREQ(e.what(), "Empty file path");
-    EXPECT_EQ(e.code, 0);
-  }
+  auto const file = FileAt("");
+  EXPECT_EQ(Refusal([&] { file->Open(true); }), "Empty file path");
   EXPECT_EQ(file->stream, nullptr);
 }
 
 TEST_F(FileStream, OpenWithoutAStreamOpensAnExistingFileInPlaceWhateverAppendSays) {
   for (bool const append : {false, true}) {
     Holds("12345");
-    auto const file = At(kPath);
+    auto const file = FileAt(kPath);
     EXPECT_TRUE(file->Open(append));
     Put(*file, "ab");
     file->Close();
@@ -118,7 +111,7 @@ TEST_F(FileStream, OpenOnAnUnopenedStreamEmptiesTheFileUnlessAppending) {
 TEST_F(FileStream, OpenMakesAMissingFileAndTheStreamIsGood) {
   for (bool const append : {false, true}) {
     fs::remove(Machine::Real(kPath));
-    auto const file = At(kPath);
+    auto const file = FileAt(kPath);
     EXPECT_TRUE(file->Open(append));
     EXPECT_TRUE(file->stream->is_open());
     EXPECT_TRUE(file->stream->good());
@@ -135,7 +128,7 @@ TEST_F(FileStream, OpenWithoutAppendingLetsWhatWasWrittenBeRead) {
 }
 
 TEST_F(FileStream, OpenSucceedsEvenWhereNoFileCanBe) {
-  auto const file = At(kNowhere);
+  auto const file = FileAt(kNowhere);
   EXPECT_TRUE(file->Open(false));
   EXPECT_FALSE(file->stream->is_open());
   EXPECT_TRUE(file->stream->fail());
@@ -144,7 +137,7 @@ TEST_F(FileStream, OpenSucceedsEvenWhereNoFileCanBe) {
 
 TEST_F(FileStream, OpenOnAnOpenStreamChangesNothing) {
   Holds("12345");
-  auto const file = At(kPath, true);
+  auto const file = FileAt(kPath, true);
   auto const* const stream = file->stream.get();
   EXPECT_TRUE(file->Open(false));
   EXPECT_EQ(file->stream.get(), stream);
@@ -152,7 +145,7 @@ TEST_F(FileStream, OpenOnAnOpenStreamChangesNothing) {
 }
 
 TEST_F(FileStream, CanBeOpenedWrittenAndClosedAgainAndAgain) {
-  auto const file = At(kPath);
+  auto const file = FileAt(kPath);
   for (int round = 0; round < 3; ++round) {
     EXPECT_TRUE(file->Open(true));
     Put(*file, "xy");
@@ -165,13 +158,13 @@ TEST_F(FileStream, CanBeOpenedWrittenAndClosedAgainAndAgain) {
 }
 
 TEST_F(FileStream, CloseWithoutAStreamDoesNothing) {
-  auto const file = At(kPath);
+  auto const file = FileAt(kPath);
   file->Close();
   EXPECT_EQ(file->stream, nullptr);
 }
 
 TEST_F(FileStream, CloseThatCannotFlushSetsTheFailFlag) {
-  auto const file = At("/dev/full", true);
+  auto const file = FileAt("/dev/full", true);
   Put(*file, "lost");
   file->Close();
   EXPECT_TRUE(file->stream->fail());
@@ -180,9 +173,9 @@ TEST_F(FileStream, CloseThatCannotFlushSetsTheFailFlag) {
 
 TEST_F(FileStream, WritesNothingWithoutBytesOrAStream) {
   char byte = 'x';
-  EXPECT_FALSE(At(kPath)->Write(&byte, 1));
+  EXPECT_FALSE(FileAt(kPath)->Write(&byte, 1));
   Holds("");
-  auto const file = At(kPath, true);
+  auto const file = FileAt(kPath, true);
   EXPECT_FALSE(file->Write(nullptr, 1));
   EXPECT_FALSE(file->Write(&byte, 0));
   file->Close();
@@ -190,7 +183,7 @@ TEST_F(FileStream, WritesNothingWithoutBytesOrAStream) {
 }
 
 TEST_F(FileStream, WriteSucceedsWhateverTheStateOfTheStream) {
-  auto const file = At(kPath, true);
+  auto const file = FileAt(kPath, true);
   ASSERT_TRUE(file->stream->fail());
   Put(*file, "lost");
   EXPECT_FALSE(Exists(kPath));
@@ -198,7 +191,7 @@ TEST_F(FileStream, WriteSucceedsWhateverTheStateOfTheStream) {
 
 TEST_F(FileStream, WritesTheValidBytesOfABuffer) {
   Holds("");
-  auto const file = At(kPath, true);
+  auto const file = FileAt(kPath, true);
   char text[] = {'a', '\0', 'c', 'd'};
   Ibuffer characters{text, 0, 3};
   EXPECT_TRUE(file->Write(characters));
@@ -215,7 +208,7 @@ TEST_F(FileStream, WritesTheValidBytesOfABuffer) {
 
 TEST_F(FileStream, GoesWithItsObjectAndWhatWasWrittenStays) {
   {
-    auto const file = At(kPath);
+    auto const file = FileAt(kPath);
     file->Open(false);
     Put(*file, "kept");
   }
@@ -223,39 +216,36 @@ TEST_F(FileStream, GoesWithItsObjectAndWhatWasWrittenStays) {
 }
 
 TEST_F(FileStream, ThatThrowsNeverLeavesTheDestructor) {
-  auto file = At("/dev/full", true);
+  auto file = FileAt("/dev/full", true);
   file->stream->exceptions(std::ios::badbit | std::ios::failbit);
   file->stream->write("lost", 4);
   EXPECT_NO_THROW(file.reset());
 }
 
 TEST_F(FileStream, PrintStatLogsFiveLinesEachWithItsHeader) {
-  setenv("TZ", "UTC", 1);
-  tzset();
+  auto const zone = Scoped::TimeZone("UTC");
   std::string const output = Capture::Output([] {
-    auto const file = At("/mnt/sdcard/cr/a.b.gps");
+    auto const file = FileAt("/mnt/sdcard/cr/a.b.gps");
     file->size = -1;
     file->time = 1614877509;
     file->PrintStat();
   });
-  std::string const header = "\\[....-..-.. ..:..:..\\]";
-  EXPECT_THAT(output, MatchesRegex("^" + header + "Path: /mnt/sdcard/cr/a\\.b\\.gps\n" +  //
-                                   header + "File: a\\.b\\.gps\n" +                       //
-                                   header + "Ext: gps\n" +                                //
-                                   header + "Size: 18446744073709551615\n" +              //
-                                   header + "Time: 2021-03-04 17:05:09\n$"));
+  EXPECT_THAT(output, MatchesRegex(kHeader + "Path: /mnt/sdcard/cr/a\\.b\\.gps\n" +  //
+                                   kHeader + "File: a\\.b\\.gps\n" +                 //
+                                   kHeader + "Ext: gps\n" +                          //
+                                   kHeader + "Size: 18446744073709551615\n" +        //
+                                   kHeader + "Time: 2021-03-04 17:05:09\n$"));
 }
 
 TEST_F(FileStream, PrintStatShowsATimeOfZeroAsADate) {
-  setenv("TZ", "UTC", 1);
-  tzset();
-  EXPECT_THAT(Capture::Output([] { At(kPath)->PrintStat(); }),
+  auto const zone = Scoped::TimeZone("UTC");
+  EXPECT_THAT(Capture::Output([] { FileAt(kPath)->PrintStat(); }),
               EndsWith("]Time: 1970-01-01 00:00:00\n"));
 }
 
 TEST_F(FileStream, TheSizeOfAFileIsLoggedAsANumber) {
   Holds("12345");
-  auto const file = At(kPath);
+  auto const file = FileAt(kPath);
   ASSERT_TRUE(file->Stat());
   EXPECT_THAT(Capture::Output([&] { Tarvik::Ilog::LogLine(Tarvik::Ilog::Info) << file->size; }),
               EndsWith("]5\n"));
@@ -263,10 +253,10 @@ TEST_F(FileStream, TheSizeOfAFileIsLoggedAsANumber) {
 
 /// Each way in which a file of that path is opened and then kept open.
 std::map<std::string, std::function<std::unique_ptr<Ifile>()>> const kOpenings = {
-    {"made open", [] { return At(kPath, true); }},
+    {"made open", [] { return FileAt(kPath, true); }},
     {"opened in place",
      [] {
-       auto file = At(kPath);
+       auto file = FileAt(kPath);
        file->Open(true);
        return file;
      }},
@@ -278,7 +268,7 @@ std::map<std::string, std::function<std::unique_ptr<Ifile>()>> const kOpenings =
      }},
     {"opened to be copied",
      [] {
-       auto file = At(kPath);
+       auto file = FileAt(kPath);
        EXPECT_TRUE(file->CopyTo(kCopy));
        return file;
      }},
@@ -291,7 +281,7 @@ TEST_F(FileStream, NeverBecomesAStandardDescriptorThatWasClosed) {
       SCOPED_TRACE(how + ", without descriptor " + std::to_string(number));
       Holds("12345");
       ChildProcess::Run([open = open, number] {
-        Tarvik::Ilog::Logger::GetInstance()->fileSink->enabled = false;  // opens a file, too
+        LogFile::Enable(false, true);  // that of the file opens one, too
         close(number);
         auto const file = open();
         EXPECT_TRUE(file->stream->is_open());
@@ -305,10 +295,8 @@ TEST_F(FileStream, NeverBecomesAStandardDescriptorThatWasClosed) {
 TEST_F(FileStream, ACopyIsNotWhatIsPrintedMeanwhileByAProcessWithoutStandardOutput) {
   Holds("12345");
   ChildProcess::Run([] {
-    auto* const logger = Tarvik::Ilog::Logger::GetInstance();
-    logger->fileSink->enabled = false;
-    logger->consoleSink->enabled = true;
-    auto const file = At(kPath, true);
+    LogFile::Enable(false, true);
+    auto const file = FileAt(kPath, true);
     close(STDOUT_FILENO);  // now the destination would get its number, and the line for the console
     EXPECT_TRUE(file->CopyTo(kCopy));
   });
@@ -323,7 +311,7 @@ TEST_F(FileStream, OpensNothingElseWhereTheStandardDescriptorsAreOpen) {
       others.push_back(call.subject);
     return std::nullopt;
   };
-  At(kPath, true);
+  FileAt(kPath, true);
   EXPECT_THAT(others, IsEmpty());
 }
 
@@ -331,12 +319,12 @@ TEST_F(FileStream, CopyToCopiesTheWholeFileAndLogsIt) {
   std::string const content = std::string(100000, 'z') + std::string("\0\n\xff", 3);
   Holds(content);
   Machine::MakeFile(kCopy, "older and to be replaced");
-  auto const file = At(kPath);
+  auto const file = FileAt(kPath);
   std::string const output = Capture::Output([&] { EXPECT_TRUE(file->CopyTo(kCopy)); });
   EXPECT_EQ(Machine::ReadFile(kCopy), content);
   EXPECT_EQ(Machine::ReadFile(kPath), content);
   EXPECT_TRUE(file->stream->is_open());
-  EXPECT_THAT(output, MatchesRegex(std::string(kHeader) +
+  EXPECT_THAT(output, MatchesRegex(kHeader +
                                    "Copy file /mnt/sdcard/cr/a\\.gps to /mnt/sdcard/cr/b\\.gps\n"));
 }
 
@@ -350,7 +338,7 @@ TEST_F(FileStream, CopyToNeverEmptiesTheSource) {
 
 TEST_F(FileStream, CopyToBeginsWhereTheSourceWasRead) {
   Holds("12345");
-  auto const file = At(kPath, true);
+  auto const file = FileAt(kPath, true);
   EXPECT_EQ(file->stream->get(), '1');
   EXPECT_EQ(file->stream->get(), '2');
   Capture::Output([&] {
@@ -362,16 +350,15 @@ TEST_F(FileStream, CopyToBeginsWhereTheSourceWasRead) {
 }
 
 TEST_F(FileStream, CopyToMakesAMissingSourceAndAnEmptyCopy) {
-  Capture::Output([] { EXPECT_TRUE(At(kPath)->CopyTo(kCopy)); });
+  Capture::Output([] { EXPECT_TRUE(FileAt(kPath)->CopyTo(kCopy)); });
   EXPECT_TRUE(Exists(kPath));
   EXPECT_TRUE(Exists(kCopy));
 }
 
 TEST_F(FileStream, CopyToTakesASourceThatCannotBeOpenedForAnEmptyOne) {
-  std::string const output = Capture::Output([] { EXPECT_TRUE(At(kNowhere)->CopyTo(kCopy)); });
-  EXPECT_THAT(output,
-              MatchesRegex(std::string(kHeader) + "Copy file /mnt/sdcard/missing/a\\.gps to "
-                                                  "/mnt/sdcard/cr/b\\.gps\n"));
+  std::string const output = Capture::Output([] { EXPECT_TRUE(FileAt(kNowhere)->CopyTo(kCopy)); });
+  EXPECT_THAT(output, MatchesRegex(kHeader + "Copy file /mnt/sdcard/missing/a\\.gps to "
+                                             "/mnt/sdcard/cr/b\\.gps\n"));
   ASSERT_TRUE(Exists(kCopy));
   EXPECT_EQ(Machine::ReadFile(kCopy), "");
 }
@@ -379,17 +366,17 @@ TEST_F(FileStream, CopyToTakesASourceThatCannotBeOpenedForAnEmptyOne) {
 /// What a failing copy logs, apart from the header.
 std::string LogOfFailedCopy(Ifile& file, std::string const& destination) {
   std::string const output = Capture::Output([&] { EXPECT_FALSE(file.CopyTo(destination)); });
-  EXPECT_THAT(output, MatchesRegex(std::string(kHeader) + "\\[ERROR\\].*\n$"));
+  EXPECT_THAT(output, MatchesRegex(kHeader + "\\[ERROR\\].*\n$"));
   EXPECT_EQ(output.find('\n'), output.size() - 1) << "more than one line";
   return output.substr(output.find("[ERROR]"));
 }
 
 TEST_F(FileStream, CopyToFailsWithOneErrorLineWhenItCannotBegin) {
   Holds("12345");
-  auto const file = At(kPath);
+  auto const file = FileAt(kPath);
   EXPECT_EQ(LogOfFailedCopy(*file, ""), "[ERROR]Ifile: Empty destination path\n");
   EXPECT_EQ(file->stream, nullptr) << "the source was opened all the same";
-  EXPECT_EQ(LogOfFailedCopy(*At(""), kCopy), "[ERROR]Ifile: Empty file path\n");
+  EXPECT_EQ(LogOfFailedCopy(*FileAt(""), kCopy), "[ERROR]Ifile: Empty file path\n");
   EXPECT_EQ(LogOfFailedCopy(*file, kNowhere), "[ERROR]Ifile: destination file not open\n");
 }
 
@@ -400,7 +387,7 @@ TEST_F(FileStream, CopyToLeavesAFileAloneThatIsItsOwnDestination) {
   fs::create_hard_link(path, directory + "/hard link");
   fs::create_symlink(path, directory + "/symbolic link");
   for (std::string const name : {"a.gps", "./a.gps", "hard link", "symbolic link"}) {
-    auto const file = At(path);
+    auto const file = FileAt(path);
     EXPECT_EQ(LogOfFailedCopy(*file, directory + "/" + name),
               "[ERROR]Ifile: destination file not open\n");
     EXPECT_EQ(Machine::ReadFile(kPath), "12345") << name;
@@ -416,7 +403,7 @@ TEST_F(FileStream, CopyToReportsWhatTheStandardLibraryThrows) {
 
 TEST_F(FileStream, CopyToDoesNotNoticeAFullDestination) {
   Holds("12345");
-  Capture::Output([] { EXPECT_TRUE(At(kPath)->CopyTo("/dev/full")); });
+  Capture::Output([] { EXPECT_TRUE(FileAt(kPath)->CopyTo("/dev/full")); });
 }
 
 /// What `write` leaves in a C stream.
@@ -432,38 +419,38 @@ std::string Written(Write write) {
   return text;
 }
 
-TEST(FileToCStream, WritesAnIntegerAsItLiesInMemory) {
+TEST(FileStreamOfTheCLibrary, WritesAnIntegerAsItLiesInMemory) {
   EXPECT_EQ(Written([](FILE* file) { EXPECT_TRUE(Ifile::WriteInt(1, file)); }),
             std::string("\x01\0\0\0", 4));
   EXPECT_EQ(Written([](FILE* file) { EXPECT_TRUE(Ifile::WriteInt(-2, file)); }),
             "\xfe\xff\xff\xff");
 }
 
-TEST(FileToCStream, WritesBytes) {
+TEST(FileStreamOfTheCLibrary, WritesBytes) {
   char bytes[] = {'a', '\0', 'b', 'c'};
   EXPECT_EQ(Written([&](FILE* file) { EXPECT_TRUE(Ifile::Write(bytes, 3, file)); }),
             std::string("a\0b", 3));
   EXPECT_EQ(Written([&](FILE* file) { EXPECT_TRUE(Ifile::Write(bytes, 0, file)); }), "");
 }
 
-TEST(FileToCStream, WritesATextWithoutLengthOrTerminator) {
+TEST(FileStreamOfTheCLibrary, WritesATextWithoutLengthOrTerminator) {
   std::string const text("a\0bc", 4);
   EXPECT_EQ(Written([&](FILE* file) { EXPECT_TRUE(Ifile::WriteString(text, file)); }), text);
   EXPECT_EQ(Written([&](FILE* file) { EXPECT_TRUE(Ifile::WriteString(text, 2, file)); }),
             std::string("a\0", 2));
 }
 
-TEST(FileToCStream, TrustsALengthThatTakesInTheTerminator) {
+TEST(FileStreamOfTheCLibrary, TrustsALengthThatTakesInTheTerminator) {
   EXPECT_EQ(Written([](FILE* file) { EXPECT_TRUE(Ifile::WriteString("abc", 4, file)); }),
             std::string("abc\0", 4));
 }
 
-TEST(FileToCStream, WritesNothingOfAnEmptyText) {
+TEST(FileStreamOfTheCLibrary, WritesNothingOfAnEmptyText) {
   EXPECT_EQ(Written([](FILE* file) { EXPECT_FALSE(Ifile::WriteString("", 5, file)); }), "");
   EXPECT_EQ(Written([](FILE* file) { EXPECT_FALSE(Ifile::WriteString("", file)); }), "");
 }
 
-TEST(FileToCStream, FailsWithoutAStream) {
+TEST(FileStreamOfTheCLibrary, FailsWithoutAStream) {
   char byte = 'x';
   EXPECT_FALSE(Ifile::WriteInt(1, nullptr));
   EXPECT_EQ(Written([](FILE* file) {
@@ -476,7 +463,7 @@ TEST(FileToCStream, FailsWithoutAStream) {
   EXPECT_FALSE(Ifile::WriteString("x", nullptr));
 }
 
-TEST(FileToCStream, FailsWhenTheStreamIsInErrorAfterwards) {
+TEST(FileStreamOfTheCLibrary, FailsWhenTheStreamIsInErrorAfterwards) {
   std::FILE* const full = std::fopen("/dev/full", "w");
   std::setvbuf(full, nullptr, _IONBF, 0);
   char byte = 'x';

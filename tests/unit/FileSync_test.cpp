@@ -19,6 +19,7 @@
 #include "base/UniqueFd.h"
 #include "tests/machine/Machine.h"
 #include "tests/support/Descriptors.h"
+#include "tests/support/FileAt.h"
 #include "tests/support/LogFile.h"
 
 namespace {
@@ -57,8 +58,12 @@ class FileSync : public testing::Test {
   }
   ~FileSync() override { Machine::Reset(); }
 
-  static std::unique_ptr<Ifile> At(std::string path, bool open = false) {
-    return std::make_unique<Ifile>(path, open);
+  /// One whose stream holds five bytes that were written.
+  static std::unique_ptr<Ifile> Written() {
+    auto recording = FileAt(kPath, true);
+    char text[] = "12345";
+    recording->Write(text, 5);
+    return recording;
   }
 
   static std::string Real(std::string const& path) { return Machine::Real(path); }
@@ -70,9 +75,7 @@ class FileSync : public testing::Test {
 };
 
 TEST_F(FileSync, FlushesTheStreamThenTheFileThenItsDirectory) {
-  auto const recording = At(kPath, true);
-  char text[] = "12345";
-  recording->Write(text, 5);
+  auto const recording = Written();
   Descriptors::Watch const descriptors;
   EXPECT_TRUE(recording->Sync());
   EXPECT_THAT(trace, ElementsAre(written, file, directory));
@@ -82,11 +85,11 @@ TEST_F(FileSync, FlushesTheStreamThenTheFileThenItsDirectory) {
 }
 
 TEST_F(FileSync, NeedsNoOpenStream) {
-  auto const closed = At(kPath, true);
+  auto const closed = FileAt(kPath, true);
   closed->Close();
   Ifile bare;
   bare.path = kPath;
-  auto const without = At(kPath);
+  auto const without = FileAt(kPath);
   for (Ifile* recording : {closed.get(), &bare, without.get()}) {
     trace.clear();
     EXPECT_TRUE(recording->Sync());
@@ -96,9 +99,7 @@ TEST_F(FileSync, NeedsNoOpenStream) {
 }
 
 TEST_F(FileSync, FailsWhenTheStreamCannotBeFlushed) {
-  auto const recording = At(kPath, true);
-  char text[] = "12345";
-  recording->Write(text, 5);
+  auto const recording = Written();
   Machine::hooks().write = [](int, void const*, std::size_t) {
     errno = EIO;
     return -1;
@@ -109,9 +110,7 @@ TEST_F(FileSync, FailsWhenTheStreamCannotBeFlushed) {
 }
 
 TEST_F(FileSync, FailsWhenClosingTheStreamFailed) {
-  auto const recording = At(kPath, true);
-  char text[] = "12345";
-  recording->Write(text, 5);
+  auto const recording = Written();
   Machine::hooks().write = [](int, void const*, std::size_t) {
     errno = ENOSPC;
     return -1;
@@ -122,13 +121,13 @@ TEST_F(FileSync, FailsWhenClosingTheStreamFailed) {
 
 TEST_F(FileSync, FailsWhenTheCardDoesNotTakeTheFile) {
   failure = [this](std::string const& path) { return path == Real(kPath) ? EIO : 0; };
-  EXPECT_FALSE(At(kPath)->Sync());
+  EXPECT_FALSE(FileAt(kPath)->Sync());
   EXPECT_THAT(trace, ElementsAre(file));
 }
 
 TEST_F(FileSync, FailsWhenTheCardDoesNotTakeTheDirectory) {
   failure = [this](std::string const& path) { return path == Real(kPath) ? 0 : EIO; };
-  EXPECT_FALSE(At(kPath)->Sync());
+  EXPECT_FALSE(FileAt(kPath)->Sync());
   EXPECT_THAT(trace, ElementsAre(file, directory));
 }
 
@@ -139,14 +138,14 @@ TEST_F(FileSync, GoesOnAfterSignals) {
     bool const fails = call.function == "open" && ++opens % 3 != 0;
     return fails ? std::optional(EINTR) : std::nullopt;
   };
-  EXPECT_TRUE(At(kPath)->Sync());
+  EXPECT_TRUE(FileAt(kPath)->Sync());
   EXPECT_THAT(trace, ElementsAre(file, file, file, directory, directory, directory));
   EXPECT_EQ(opens, 6);
 }
 
 TEST_F(FileSync, FailsForAFileThatIsNotThere) {
-  EXPECT_FALSE(At("/mnt/sdcard/cr/missing.dat")->Sync());
-  EXPECT_FALSE(At("")->Sync());
+  EXPECT_FALSE(FileAt("/mnt/sdcard/cr/missing.dat")->Sync());
+  EXPECT_FALSE(FileAt("")->Sync());
   EXPECT_THAT(trace, IsEmpty());
 }
 
@@ -154,7 +153,7 @@ TEST_F(FileSync, TakesTheWorkingDirectoryForThatOfABareName) {
   Tarvik::UniqueFd const before(open(".", O_RDONLY | O_CLOEXEC));
   Tarvik::UniqueFd const there(open(Real("/mnt/sdcard/cr").c_str(), O_RDONLY | O_CLOEXEC));
   ASSERT_EQ(fchdir(there.Get()), 0);  // chdir(2) is not the real one here
-  EXPECT_TRUE(At("a.dat")->Sync());
+  EXPECT_TRUE(FileAt("a.dat")->Sync());
   ASSERT_EQ(fchdir(before.Get()), 0);
   EXPECT_THAT(trace, ElementsAre(file, directory));
 }
@@ -170,7 +169,7 @@ TEST_F(FileSync, NeverHasAStandardDescriptor) {
   {
     Descriptors::NoStandardOnes const none;
     watch.emplace();
-    synced = At(kPath)->Sync();
+    synced = FileAt(kPath)->Sync();
   }
   EXPECT_TRUE(synced);
   EXPECT_THAT(opened, ElementsAre(testing::Gt(2), testing::Gt(2)));
@@ -180,8 +179,8 @@ TEST_F(FileSync, IsNotStoppedByAPipe) {
   std::string const pipe = Real("/mnt/sdcard/cr/pipe");
   ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
   failure = [](std::string const&) { return EINVAL; };  // as the kernel says of pipes
-  EXPECT_TRUE(
-      LogFile::AnotherThreadGetsThrough([] { EXPECT_FALSE(At("/mnt/sdcard/cr/pipe")->Sync()); }));
+  EXPECT_TRUE(LogFile::AnotherThreadGetsThrough(
+      [] { EXPECT_FALSE(FileAt("/mnt/sdcard/cr/pipe")->Sync()); }));
   EXPECT_THAT(trace, ElementsAre("fsync " + pipe));
 }
 

@@ -1,6 +1,5 @@
 #include "FileUtils/File.h"
 
-#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -11,11 +10,12 @@
 #include <filesystem>
 #include <memory>
 #include <string>
-#include <type_traits>
 #include <vector>
 
 #include "tests/machine/Machine.h"
 #include "tests/support/Capture.h"
+#include "tests/support/FileAt.h"
+#include "tests/support/ModificationTime.h"
 
 namespace {
 
@@ -28,16 +28,11 @@ using testing::IsEmpty;
 
 constexpr char const* kPath = "/mnt/sdcard/cr/clip.gps";
 
-/// The object of a file that need not exist.
-std::unique_ptr<Ifile> At(std::string path, bool open = false) {
-  return std::make_unique<Ifile>(path, open);
-}
-
 class File : public testing::Test {
  protected:
   static void MakeOfSize(std::size_t size) { Machine::MakeFile(kPath, std::string(size, 'x')); }
   static bool Exists() { return fs::exists(Machine::Real(kPath)); }
-  std::unique_ptr<Ifile> const file = At(kPath);
+  std::unique_ptr<Ifile> const file = FileAt(kPath);
 };
 
 TEST(FileObject, IsEmptyAndHasAnUnopenedStreamWhenMadeWithoutAPath) {
@@ -54,7 +49,7 @@ TEST(FileObject, IsEmptyAndHasAnUnopenedStreamWhenMadeWithoutAPath) {
 }
 
 TEST(FileObject, TakesNameAndExtensionFromItsPathAndMakesNoStream) {
-  auto const file = At("/mnt/sdcard/cr/rec.2021.gps");
+  auto const file = FileAt("/mnt/sdcard/cr/rec.2021.gps");
   EXPECT_EQ(file->path, "/mnt/sdcard/cr/rec.2021.gps");
   EXPECT_EQ(file->name, "rec.2021.gps");
   EXPECT_EQ(file->GetName(), "rec.2021.gps");
@@ -67,16 +62,11 @@ TEST(FileObject, TakesNameAndExtensionFromItsPathAndMakesNoStream) {
 }
 
 TEST(FileObject, CanBeMadeOfAnEmptyPath) {
-  auto const closed = At("");
+  auto const closed = FileAt("");
   EXPECT_THAT(closed->name, IsEmpty());
-  auto const opened = At("", true);
+  auto const opened = FileAt("", true);
   ASSERT_NE(opened->stream, nullptr);
   EXPECT_FALSE(opened->stream->is_open());
-}
-
-TEST(FileObject, HasNoVirtualOperationButItsDestructor) {
-  static_assert(std::has_virtual_destructor_v<Ifile>);
-  static_assert(!std::is_copy_constructible_v<Ifile> && !std::is_copy_assignable_v<Ifile>);
 }
 
 TEST(FileObject, TakesWhatFollowsTheLastSlashAsTheName) {
@@ -123,8 +113,7 @@ TEST_F(File, ExistsThoughItMayNotBeRead) {
 
 TEST_F(File, StatTellsSizeAndModificationTime) {
   MakeOfSize(77);
-  timespec const times[2] = {{5, 0}, {1614877509, 999999999}};
-  utimensat(AT_FDCWD, Machine::Real(kPath).c_str(), times, 0);
+  SetModificationTime(Machine::Real(kPath), 1614877509, 999999999);
   EXPECT_TRUE(file->Stat());
   EXPECT_EQ(file->size, 77);
   EXPECT_EQ(file->time, 1614877509);
@@ -158,7 +147,7 @@ TEST_F(File, StatDescribesASymbolicLinkAndNotWhereItLeads) {
   MakeOfSize(5000);
   std::string const link = "/mnt/sdcard/cr/link";
   fs::create_symlink("clip.gps", Machine::Real(link));
-  auto const linked = At(link);
+  auto const linked = FileAt(link);
   EXPECT_TRUE(linked->Stat());
   EXPECT_EQ(linked->size, 8);
 }
@@ -167,7 +156,7 @@ TEST_F(File, StatTakesALinkThatLeadsNowhereForMissing) {
   MakeOfSize(0);
   std::string const link = "/mnt/sdcard/cr/link";
   fs::create_symlink("nowhere", Machine::Real(link));
-  auto const linked = At(link);
+  auto const linked = FileAt(link);
   EXPECT_FALSE(linked->FileExists());
   EXPECT_FALSE(linked->Stat());
 }
@@ -229,7 +218,7 @@ TEST_F(File, RemoveStopsAtTheFirstSuccess) {
 
 TEST_F(File, RemoveClosesTheStreamFirstAndKeepsIt) {
   MakeOfSize(1);
-  auto const opened = At(kPath, true);
+  auto const opened = FileAt(kPath, true);
   Machine::hooks().unlink = [&opened](std::string const&) {
     EXPECT_FALSE(opened->stream->is_open());
     return Answer::Failure(EBUSY);
@@ -240,7 +229,7 @@ TEST_F(File, RemoveClosesTheStreamFirstAndKeepsIt) {
 
 TEST_F(File, RemoveLeavesTheStreamOpenWhenTheFileIsMissing) {
   MakeOfSize(1);
-  auto const opened = At(kPath, true);
+  auto const opened = FileAt(kPath, true);
   fs::remove(Machine::Real(kPath));
   EXPECT_FALSE(opened->Remove());
   EXPECT_TRUE(opened->stream->is_open());
@@ -250,7 +239,7 @@ TEST_F(File, RemoveTakesALinkAndLeavesWhatItLeadsTo) {
   MakeOfSize(1);
   std::string const link = "/mnt/sdcard/cr/link";
   fs::create_symlink("clip.gps", Machine::Real(link));
-  auto const linked = At(link);
+  auto const linked = FileAt(link);
   EXPECT_TRUE(linked->Remove());
   EXPECT_FALSE(fs::is_symlink(Machine::Real(link)));
   EXPECT_TRUE(Exists());
@@ -321,7 +310,7 @@ TEST_F(File, RenameTakesAPathThatTheApplicationKeepsInAnotherField) {
   for (std::string Ifile::*const field : {&Ifile::path, &Ifile::name, &Ifile::extension}) {
     std::string const newPath = "/mnt/sdcard/cr/other.b.log";
     MakeOfSize(4);
-    auto const renamed = At(kPath);
+    auto const renamed = FileAt(kPath);
     if (field != &Ifile::path) (*renamed).*field = newPath;
     std::string const expected = (*renamed).*field;
     EXPECT_TRUE(renamed->Rename((*renamed).*field));
@@ -351,7 +340,7 @@ TEST_F(File, RenameTakesAPathOfThreeCharactersButNoShorterOne) {
 
 TEST_F(File, RenameRefusesWhileTheStreamIsOpen) {
   MakeOfSize(1);
-  auto const opened = At(kPath, true);
+  auto const opened = FileAt(kPath, true);
   std::string newPath = "/mnt/sdcard/cr/other";
   EXPECT_FALSE(opened->Rename(newPath));
   EXPECT_TRUE(Exists());

@@ -10,10 +10,12 @@
 #include "tests/machine/Allocation.h"
 #include "tests/machine/Machine.h"
 #include "tests/support/Capture.h"
+#include "tests/support/CardText.h"
 #include "tests/support/FakeCard.h"
 
 namespace {
 
+using CardText::kMountCall;
 using Machine::Answer;
 using Machine::hooks;
 using Machine::Trace;
@@ -24,7 +26,6 @@ using testing::IsEmpty;
 constexpr char const* kCommand = "mkfs.ext4 -v -F -O ^has_journal  -L storage /dev/mmcblk1p1";
 constexpr char const* kCheckingCommand =
     "mkfs.ext4 -v -F -O ^has_journal -c -L storage /dev/mmcblk1p1";
-constexpr char const* kMountCall = "mount /dev/mmcblk1p1 /mnt/sdcard/ ext4 3080 data=writeback";
 
 std::string Success(std::string const& command) {
   return "Try format partition: " + command + "\nDone format partition /dev/mmcblk1p1 ext4\n";
@@ -32,18 +33,13 @@ std::string Success(std::string const& command) {
 
 class Format : public testing::Test {
  protected:
-  Format() {
-    Capture::Output(
-        [this] { disk.emplace(FakeCard::kMountPoint, FakeCard::kPartition, FakeCard::kDevice); });
-  }
-
   /// Formats, which must return `expected`, and returns what that prints.
   std::string Output(bool expected, bool check = false) {
-    return Capture::Output([&] { EXPECT_EQ(disk->Fromat(check), expected); });
+    return Capture::Output([&] { EXPECT_EQ(disk.Fromat(check), expected); });
   }
 
   FakeCard card;
-  std::optional<Disk> disk;
+  Disk disk = FakeCard::MakeDisk();
 };
 
 TEST_F(Format, UnmountsFormatsAndMountsTheCard) {
@@ -67,7 +63,7 @@ TEST_F(Format, PrintsTheCommandBeforeRunningIt) {
 }
 
 TEST_F(Format, RefusesADiskThatIsNotAvailable) {
-  disk->available = false;
+  disk.available = false;
   EXPECT_EQ(Output(false), "ERROR: The device is not available\n");
   EXPECT_THAT(Trace(), IsEmpty());
 }
@@ -76,7 +72,7 @@ TEST_F(Format, RefusesACardThatIsNotPresent) {
   FakeCard::Status().present = false;
   EXPECT_EQ(Output(false), "ERROR: The device is not available\n");
   EXPECT_THAT(Trace(), IsEmpty());
-  EXPECT_TRUE(disk->available);
+  EXPECT_TRUE(disk.available);
 }
 
 TEST_F(Format, MakesAStatusEntryWhereThereIsNone) {
@@ -112,7 +108,7 @@ TEST_F(Format, ChangesNeitherAvailabilityNorTheStatusTable) {
   FakeCard::Status().fsckStatus = 4;
   FakeCard::Status().malfunction = 1;
   Output(true);
-  EXPECT_TRUE(disk->available);
+  EXPECT_TRUE(disk.available);
   EXPECT_EQ(FakeCard::Status().fsckStatus, 4);
   EXPECT_EQ(FakeCard::Status().malfunction, 1);
   EXPECT_TRUE(FakeCard::Status().present);

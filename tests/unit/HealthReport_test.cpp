@@ -2,28 +2,29 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <cstdio>
 #include <iostream>
-#include <optional>
+#include <memory>
 #include <string>
-#include <type_traits>
 
 #include "DiskUtils/System.h"
 #include "tests/machine/Machine.h"
 #include "tests/support/Capture.h"
+#include "tests/support/CardText.h"
 #include "tests/support/ChildProcess.h"
 #include "tests/support/FakeCard.h"
+#include "tests/support/OwnedSystem.h"
 
 namespace {
 
+using CardText::kNoCard;
+using CardText::kRule;
+using CardText::kTitle;
 using Machine::hooks;
 using Quellon::DiskUtils::Disk;
 using testing::MatchesRegex;
 
-std::string const kRule(66, '=');
-std::string const kTitle = "============================ SD CARD =============================\n";
 std::string const kBanner =
-    "\n" + kRule + "\nSYSTEM DATE/TIME CHANGED, RTC RESET DUE POWER OFF\n" + kRule + "\n";
+    "\n" + kRule + "SYSTEM DATE/TIME CHANGED, RTC RESET DUE POWER OFF\n" + kRule;
 std::string const kGoodCard = kTitle +
                               " size [15931539456] B\n"
                               " usable size [12288000000] B \n"
@@ -31,18 +32,12 @@ std::string const kGoodCard = kTitle +
                               " read only [0]\n"
                               " fcsk status [0]\n"
                               " cid [275048534433324760e0e7f40f012a01]\n" +
-                              kRule + "\n";
-std::string const kNoCard = kTitle + "NOT PRESENT\n" + kRule + "\n";
+                              kRule;
 
 class HealthReport : public testing::Test {
  protected:
-  HealthReport() {
-    Capture::Output([this] {
-      system.emplace();
-      disk.emplace(FakeCard::kMountPoint, FakeCard::kPartition, FakeCard::kDevice);
-    });
-    system->disk = &*disk;
-  }
+  HealthReport() { system->disk = &disk; }
+  ~HealthReport() override { system->disk = nullptr; }  // it is the test's
 
   std::string Build() {
     return Capture::Output([this] { system->BuildDiskHealthReport(); });
@@ -58,13 +53,9 @@ class HealthReport : public testing::Test {
   }
 
   FakeCard card;
-  std::optional<Quellon::System> system;
-  std::optional<Disk> disk;
+  std::unique_ptr<OwnedSystem> const system = NewSystem();
+  Disk disk = FakeCard::MakeDisk();
 };
-
-TEST(HealthStatusClass, IsPolymorphicByItsDestructorAlone) {
-  static_assert(std::has_virtual_destructor_v<Quellon::HealthStatus>);
-}
 
 TEST_F(HealthReport, PrintsNothingAndRecordsNothingWithoutADisk) {
   system->disk = nullptr;
@@ -79,16 +70,16 @@ TEST_F(HealthReport, PrintsAnAvailableCard) {
 
 TEST_F(HealthReport, PrintsEveryFigureOfTheStatusTable) {
   FakeCard::Status() = {"short", true, true, 12, 0, 32010928128, 1234567890123};
-  disk->totalBytes = 987654321098;
+  disk.totalBytes = 987654321098;
   EXPECT_EQ(Build(), kTitle +
                          " size [32010928128] B\n usable size [987654321098] B \n"
                          " writen [1234567890123] kB\n read only [1]\n fcsk status [12]\n"
                          " cid [short]\n" +
-                         kRule + "\n");
+                         kRule);
 }
 
 TEST_F(HealthReport, PrintsACardThatIsNotAvailableAsNotPresent) {
-  disk->available = false;
+  disk.available = false;
   EXPECT_EQ(Build(), kNoCard);
 }
 
@@ -150,17 +141,17 @@ struct State {
   int code;
 };
 
-class StateCode : public HealthReport, public testing::WithParamInterface<State> {};
+class HealthReportStateCode : public HealthReport, public testing::WithParamInterface<State> {};
 
-TEST_P(StateCode, TellsWhyTheCardIsNotInService) {
-  disk->available = GetParam().available;
+TEST_P(HealthReportStateCode, TellsWhyTheCardIsNotInService) {
+  disk.available = GetParam().available;
   FakeCard::Status().malfunction = GetParam().malfunction;
   FakeCard::Status().readOnly = GetParam().readOnly;
   Build();
   EXPECT_EQ(Integer("zr"), GetParam().code);
 }
 
-INSTANTIATE_TEST_SUITE_P(AllStates, StateCode,
+INSTANTIATE_TEST_SUITE_P(AllStates, HealthReportStateCode,
                          testing::Values(State{true, 0, false, 0}, State{true, 1, true, 0},
                                          State{false, 1, false, 1}, State{false, 1, true, 1},
                                          State{false, 0, true, 2}, State{false, 2, true, 2},
@@ -168,7 +159,7 @@ INSTANTIATE_TEST_SUITE_P(AllStates, StateCode,
 
 TEST_F(HealthReport, MakesAZeroedEntryForAnUnknownMountPoint) {
   Disk::deviceStatusList.clear();
-  disk->available = false;
+  disk.available = false;
   EXPECT_EQ(Build(), kNoCard);
   EXPECT_EQ(Disk::deviceStatusList.count(FakeCard::kMountPoint), 1U);
   EXPECT_EQ(Integer("zf"), 0);
@@ -207,41 +198,25 @@ TEST_F(HealthReport, KeepsOneSetOfKeysAndTheClocksResetOnceItWasSeen) {
   EXPECT_EQ(Integer("zs"), 0);
 }
 
-/// What a process whose standard output is a pipe writes there while it does `work`.
-template <typename Work>
-std::string ThroughPipe(Work work) {
-  int ends[2];
-  if (pipe(ends) != 0) return "no pipe";
-  ChildProcess::Run([&] {
-    dup2(ends[1], STDOUT_FILENO);
-    std::setvbuf(stdout, nullptr, _IOFBF, BUFSIZ);  // as in a process that began with the pipe
-    work();
-    std::fflush(stdout);
-  });
-  close(ends[1]);
-  char text[4096];
-  ssize_t const length = read(ends[0], text, sizeof text);
-  close(ends[0]);
-  return {text, static_cast<std::size_t>(length < 0 ? 0 : length)};
-}
-
 TEST_F(HealthReport, ReachesAPipeInOrderWithWhateverIsWrittenAfterIt) {
   hooks().now = 0;
-  std::string const output = ThroughPipe([this] {
+  auto const [output, status] = ChildProcess::ThroughPipe([this] {
     std::cout << "before\n";
     system->BuildDiskHealthReport();
     EXPECT_EQ(write(STDOUT_FILENO, "after\n", 6), 6);
   });
   EXPECT_EQ(output, "before\n" + kBanner + kGoodCard + "after\n");
+  EXPECT_EQ(status, 0);
 }
 
 TEST_F(HealthReport, ReachesAPipeInOrderThoughTheStreamsAreNotInStep) {
   hooks().now = 0;
-  std::string const output = ThroughPipe([this] {
+  auto const [output, status] = ChildProcess::ThroughPipe([this] {
     std::ios::sync_with_stdio(false);
     system->BuildDiskHealthReport();
   });
   EXPECT_EQ(output, kBanner + kGoodCard);
+  EXPECT_EQ(status, 0);
 }
 
 }  // namespace

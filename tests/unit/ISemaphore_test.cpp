@@ -19,11 +19,10 @@
 namespace {
 
 using namespace std::chrono_literals;
-using Tarvik::Interfaces::ISemaphore;
 
-class Semaphore : public testing::Test {
+class ISemaphore : public testing::Test {
  protected:
-  Semaphore() {
+  ISemaphore() {
     threads.waitSemaphore = [this] {
       if (interruptions == 0) return 0;
       --interruptions;
@@ -47,14 +46,14 @@ class Semaphore : public testing::Test {
 
   Machine::ThreadHooks threads;
   std::atomic<int> interruptions = 0;  // how many plain waits a signal ends
-  ISemaphore semaphore;
+  Tarvik::Interfaces::ISemaphore semaphore;
 };
 
-TEST_F(Semaphore, BeginsAtZero) {
+TEST_F(ISemaphore, BeginsAtZero) {
   EXPECT_FALSE(semaphore.TryWait());
 }
 
-TEST_F(Semaphore, CountsItsNotifications) {
+TEST_F(ISemaphore, CountsItsNotifications) {
   for (int i = 0; i < 3; ++i) semaphore.Notify();
   semaphore.Wait();
   EXPECT_TRUE(semaphore.TryWait());
@@ -62,7 +61,7 @@ TEST_F(Semaphore, CountsItsNotifications) {
   EXPECT_FALSE(semaphore.TryWait());
 }
 
-TEST_F(Semaphore, WaitsUntilItIsNotified) {
+TEST_F(ISemaphore, WaitsUntilItIsNotified) {
   std::atomic<bool> through = false;
   std::thread waiter([&] {
     semaphore.Wait();
@@ -76,7 +75,7 @@ TEST_F(Semaphore, WaitsUntilItIsNotified) {
   EXPECT_FALSE(semaphore.TryWait());
 }
 
-TEST_F(Semaphore, LetsOneWaiterThroughForEachNotification) {
+TEST_F(ISemaphore, LetsOneWaiterThroughForEachNotification) {
   constexpr int kWaiters = 4;
   std::atomic<int> through = 0;
   std::vector<std::thread> waiters;
@@ -95,7 +94,7 @@ TEST_F(Semaphore, LetsOneWaiterThroughForEachNotification) {
   for (auto& waiter : waiters) waiter.join();
 }
 
-TEST_F(Semaphore, LosesAndMakesUpNothingBetweenManyThreads) {
+TEST_F(ISemaphore, LosesAndMakesUpNothingBetweenManyThreads) {
   constexpr int kThreads = 4;
   constexpr int kTimes = 10000;
   {
@@ -112,7 +111,7 @@ TEST_F(Semaphore, LosesAndMakesUpNothingBetweenManyThreads) {
   EXPECT_FALSE(semaphore.TryWait()) << "a waiter passed without a notification";
 }
 
-TEST_F(Semaphore, ASignalDoesNotEndAWait) {
+TEST_F(ISemaphore, ASignalDoesNotEndAWait) {
   interruptions = 3;
   semaphore.Notify();
   semaphore.Wait();
@@ -120,7 +119,7 @@ TEST_F(Semaphore, ASignalDoesNotEndAWait) {
   EXPECT_FALSE(semaphore.TryWait());
 }
 
-TEST_F(Semaphore, ASignalDoesNotLoseATry) {
+TEST_F(ISemaphore, ASignalDoesNotLoseATry) {
   interruptions = 2;
   semaphore.Notify();
   EXPECT_TRUE(semaphore.TryWait());
@@ -128,7 +127,7 @@ TEST_F(Semaphore, ASignalDoesNotLoseATry) {
   EXPECT_FALSE(semaphore.TryWait());
 }
 
-TEST_F(Semaphore, ASignalDoesNotEndAWaitWithALimit) {
+TEST_F(ISemaphore, ASignalDoesNotEndAWaitWithALimit) {
   int calls = 0;
   threads.waitSemaphoreUntil = [&](auto&&...) { return ++calls < 3 ? EINTR : 0; };
   EXPECT_TRUE(semaphore.WaitFor(1s));
@@ -139,7 +138,7 @@ TEST_F(Semaphore, ASignalDoesNotEndAWaitWithALimit) {
   EXPECT_EQ(calls, 3);
 }
 
-TEST_F(Semaphore, AnInterruptedWaitKeepsItsDeadline) {
+TEST_F(ISemaphore, AnInterruptedWaitKeepsItsDeadline) {
   std::vector<long> deadlines;
   Machine::hooks().monotonic = timespec{100, 0};
   threads.waitSemaphoreUntil = [&](sem_t*, clockid_t, timespec const& deadline) {
@@ -151,19 +150,19 @@ TEST_F(Semaphore, AnInterruptedWaitKeepsItsDeadline) {
   EXPECT_THAT(deadlines, testing::ElementsAre(110, 110, 110));
 }
 
-TEST_F(Semaphore, ALimitIsCountedFromTheMonotonicClock) {
+TEST_F(ISemaphore, ALimitIsCountedFromTheMonotonicClock) {
   timespec const deadline = Deadline({100, 250'000'000}, 10'500ms);
   EXPECT_EQ(deadline.tv_sec, 110);
   EXPECT_EQ(deadline.tv_nsec, 750'000'000);
 }
 
-TEST_F(Semaphore, FractionsOfASecondCarryOver) {
+TEST_F(ISemaphore, FractionsOfASecondCarryOver) {
   timespec const deadline = Deadline({100, 999'999'999}, 1ms);
   EXPECT_EQ(deadline.tv_sec, 101);
   EXPECT_EQ(deadline.tv_nsec, 999'999);
 }
 
-TEST_F(Semaphore, ALimitBelowZeroIsOneOfZero) {
+TEST_F(ISemaphore, ALimitBelowZeroIsOneOfZero) {
   for (auto const limit :
        {-1ms, std::chrono::milliseconds(-1h), std::chrono::milliseconds::min()}) {
     timespec const deadline = Deadline({100, 5}, limit);
@@ -172,7 +171,7 @@ TEST_F(Semaphore, ALimitBelowZeroIsOneOfZero) {
   }
 }
 
-TEST_F(Semaphore, ALimitOfZeroIsOverAtOnce) {
+TEST_F(ISemaphore, ALimitOfZeroIsOverAtOnce) {
   timespec const deadline = Deadline({100, 5}, 0ms);
   EXPECT_EQ(deadline.tv_sec, 100);
   EXPECT_EQ(deadline.tv_nsec, 5);

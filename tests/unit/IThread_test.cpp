@@ -240,7 +240,7 @@ TEST(IThread, HasNoThreadInAChildOfItsProcessButMayBeStartedThere) {
   thread.Start();
   running.acquire();
   ChildProcess::Run([&] {
-    alarm(60);  // ends a child that waits for a thread of its parent
+    ChildProcess::EndInTime();  // should it wait for a thread of its parent
     thread.Join();
     end.release();
     thread.Start();
@@ -264,7 +264,7 @@ TEST(IThread, ThatRunsMayBeDestroyedInAChildOfItsProcess) {
   thread->Start();
   running.acquire();
   ChildProcess::Run([&] {
-    alarm(60);
+    ChildProcess::EndInTime();
     thread.reset();
   });
   end.release();

@@ -1,11 +1,18 @@
-// The shape of the public classes, which applications are compiled against.
+// The shape of the public classes, which applications are compiled against: names, types, and what
+// they rely on beyond those, the order of fields and of virtual functions.
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <link.h>
 
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <concepts>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <ctime>
+#include <exception>
 #include <fstream>
 #include <list>
 #include <map>
@@ -25,24 +32,178 @@
 #include "SysUtil/Util.h"
 #include "Testing/main.h"
 #include "Watchdog/Watchdog.h"
+#include "base/Buffer.h"
+#include "base/Date.h"
+#include "base/IError.h"
+#include "base/IException.h"
+#include "base/ISemaphore.h"
+#include "base/IThread.h"
+#include "base/Json.h"
+#include "base/Logger.h"
+#include "base/TemperatureMonitor.h"
 #include "tests/support/Capture.h"
-#include "tests/support/Shape.h"
 
 namespace {
 
-using Shape::Is;
-using std::is_base_of_v;
+/// The place of a virtual function in its class's table, counted from 0, as the Itanium C++ ABI
+/// writes it into a pointer to it. The two destructors take a place each.
+template <typename Function>
+std::size_t Slot(Function function) {
+  static_assert(sizeof(Function) == 2 * sizeof(std::uintptr_t));
+  std::array<std::uintptr_t, 2> words;
+  std::memcpy(words.data(), &function, sizeof(function));
+#if defined(__arm__) || defined(__aarch64__)
+  return words[0] / sizeof(void*);
+#else
+  return (words[0] - 1) / sizeof(void*);
+#endif
+}
+
+/// True; compiles only for the name of a function that has an overload of exactly the type `Type`.
+template <typename Type>
+constexpr bool Is(Type) {
+  return true;
+}
+
+/// Whether fields lie in the order in which they are named.
+template <typename... Fields>
+bool InOrder(Fields const&... fields) {
+  std::array<void const*, sizeof...(fields)> const addresses{&fields...};
+  return std::ranges::is_sorted(addresses, std::less<>());
+}
+
+/// Whether the first base of an object lies at its beginning.
+template <typename Base, typename Derived>
+bool IsFirstBase(Derived const& object) {
+  return static_cast<void const*>(static_cast<Base const*>(&object)) == &object;
+}
+
+/// The only virtual function of a class is its destructor: another class that adds a virtual
+/// function gets the place after the two of the destructor.
+template <typename Class>
+struct WithOneMore : Class {
+  using Class::Class;
+  virtual void OneMore() {}
+};
+
+template <typename Class>
+bool OnlyTheDestructorIsVirtual() {
+  return Slot(&WithOneMore<Class>::OneMore) == 2;
+}
+
 using std::is_constructible_v;
 using std::is_convertible_v;
 using std::is_same_v;
 using std::string;
 
+namespace Ilog = Tarvik::Ilog;
+using FileSink = Ilog::LoggerBase<Ilog::FileLogPolicy>;
+using ConsoleSink = Ilog::LoggerBase<Ilog::ConsoleLogPolicy>;
+using Ilog::Logger;
+using Ilog::LogType;
+
+static_assert(std::is_enum_v<LogType> && is_convertible_v<LogType, int>);
+static_assert(Ilog::Info == 0 && Ilog::Warning == 1 && Ilog::Error == 2);
+static_assert(sizeof(LogType) == 4);
+
+static_assert(is_same_v<decltype(&Logger::GetInstance), Logger* (*)()>);
+static_assert(is_same_v<decltype(Logger::fileSink), FileSink*>);
+static_assert(is_same_v<decltype(Logger::consoleSink), ConsoleSink*>);
+static_assert(is_same_v<decltype(&Logger::Flush), void (Logger::*)()>);
+static_assert(Is<Logger& (Logger::*)(char const*)>(&Logger::operator<<));
+
+static_assert(is_same_v<decltype(&FileSink::WriteHeader), void (FileSink::*)(LogType)>);
+static_assert(is_same_v<decltype(&ConsoleSink::WriteHeader), void (ConsoleSink::*)(LogType)>);
+static_assert(is_same_v<decltype(&FileSink::CheckEndOfStream), void (FileSink::*)()>);
+static_assert(Is<FileSink& (FileSink::*)(long const&)>(&FileSink::operator<<));
+static_assert(is_convertible_v<decltype(FileSink::enabled), bool>);
+static_assert(sizeof(FileSink::enabled) == 1 && sizeof(ConsoleSink::enabled) == 1);
+static_assert(!std::is_copy_constructible_v<FileSink>);
+
+using Tarvik::IException;
+static_assert(is_convertible_v<IException*, std::exception*>, "a public base");
+static_assert(is_same_v<decltype(IException::message), char[1024]>);
+static_assert(is_same_v<decltype(IException::code), std::int32_t>);
+static_assert(is_same_v<decltype(&IException::what), char const* (IException::*)() const noexcept>);
+static_assert(is_constructible_v<IException, char const*, int>);
+static_assert(is_constructible_v<IException, string, int>);
+static_assert(std::is_nothrow_copy_constructible_v<IException>);
+static_assert(std::has_virtual_destructor_v<IException>);
+
+using Tarvik::Interfaces::IError;
+static_assert(std::is_default_constructible_v<IError>);
+static_assert(is_same_v<decltype(&IError::ResetError), void (IError::*)()>);
+static_assert(is_same_v<decltype(&IError::SetError),
+                        void (IError::*)(string const&, string const&, bool, bool)>);
+static_assert(is_same_v<decltype(&IError::HasError), bool (IError::*)() const>);
+static_assert(is_same_v<decltype(&IError::GetError), string (IError::*)() const>);
+static_assert(is_same_v<decltype(&IError::GetErrorPlace), string (IError::*)() const>);
+static_assert(is_same_v<decltype(&IError::GetModuleName), string (IError::*)() const>);
+static_assert(is_same_v<decltype(&IError::GetClassName), string (IError::*)() const>);
+
+using Tarvik::Interfaces::IThread;
+static_assert(std::is_abstract_v<IThread> && std::has_virtual_destructor_v<IThread>);
+static_assert(is_same_v<decltype(&IThread::Start), void (IThread::*)()>);
+static_assert(is_same_v<decltype(&IThread::Cancel), void (IThread::*)()>);
+static_assert(is_same_v<decltype(&IThread::Join), void (IThread::*)()>);
+static_assert(!std::is_copy_constructible_v<IThread>);
+
+using Tarvik::Interfaces::ISemaphore;
+static_assert(std::is_default_constructible_v<ISemaphore>);
+static_assert(!std::is_copy_constructible_v<ISemaphore>);
+static_assert(is_same_v<decltype(&ISemaphore::Notify), void (ISemaphore::*)() noexcept>);
+static_assert(is_same_v<decltype(&ISemaphore::Wait), void (ISemaphore::*)() noexcept>);
+static_assert(is_same_v<decltype(&ISemaphore::TryWait), bool (ISemaphore::*)() noexcept>);
+
+using Tarvik::Json::Array;
+using Tarvik::Json::Object;
+using Tarvik::Json::Value;
+static_assert(std::is_default_constructible_v<Object> && std::is_copy_constructible_v<Object>);
+static_assert(std::is_default_constructible_v<Array> && std::is_copy_constructible_v<Array>);
+static_assert(Is<Value& (Object::*)(char const*)>(&Object::operator[]));
+static_assert(Is<Value& (Object::*)(string const&)>(&Object::operator[]));
+static_assert(is_same_v<decltype(&Object::HasKey), bool (Object::*)(string const&) const>);
+static_assert(Is<Value& (Value::*)(Value const&)>(&Value::operator=));
+static_assert(is_same_v<decltype(&Value::ToObject), Object (Value::*)() const>);
+static_assert(is_same_v<decltype(&Value::ToArray), Array (Value::*)() const>);
+static_assert(is_same_v<decltype(&Value::ToString), string (Value::*)() const>);
+static_assert(is_same_v<decltype(&Value::operator int), int (Value::*)() const>);
+static_assert(is_same_v<decltype(&Value::operator double), double (Value::*)() const>);
+static_assert(is_convertible_v<bool, Value> && is_convertible_v<int, Value>);
+static_assert(is_convertible_v<double, Value> && is_convertible_v<char const*, Value>);
+static_assert(is_convertible_v<string, Value> && is_convertible_v<Object, Value>);
+static_assert(is_convertible_v<Array, Value>);
+static_assert(!is_constructible_v<Value, void*>, "a pointer is no bool");
+static_assert(is_same_v<decltype(&Tarvik::Json::Serialize), string (*)(Value const&)>);
+static_assert(is_same_v<decltype(&Tarvik::Json::Deserialize), Value (*)(string const&)>);
+
+static_assert(is_same_v<decltype(&Tarvik::Util::NewDate), string (*)(string)>);
+static_assert(is_same_v<decltype(&Tarvik::Util::Date), string (*)(long const&, string)>);
+
+using Tarvik::Util::TemperatureMonitor;
+static_assert(is_same_v<decltype(&TemperatureMonitor::GetInstance), TemperatureMonitor* (*)()>);
+static_assert(is_convertible_v<decltype(TemperatureMonitor::valid), bool>);
+static_assert(sizeof(TemperatureMonitor::valid) == 1);
+static_assert(is_convertible_v<decltype(TemperatureMonitor::temperature), std::int32_t>);
+static_assert(sizeof(TemperatureMonitor::temperature) == 4);
+static_assert(is_convertible_v<TemperatureMonitor*, IThread*>);
+
+static_assert(is_same_v<decltype(Ibuffer::data), char*>);
+static_assert(is_same_v<decltype(Iubuffer::data), unsigned char*>);
+static_assert(is_same_v<decltype(Ibuffer::length), unsigned int>);
+static_assert(is_same_v<decltype(Iubuffer::length), unsigned int>);
+static_assert(offsetof(Ibuffer, data) == 0 && offsetof(Iubuffer, data) == 0);
+static_assert(offsetof(Ibuffer, length) == sizeof(char*) + 4);
+static_assert(offsetof(Iubuffer, length) == sizeof(char*) + 4);
+
+static_assert(decltype(FileSink::enabled)::is_always_lock_free);
+static_assert(decltype(TemperatureMonitor::valid)::is_always_lock_free);
+static_assert(decltype(TemperatureMonitor::temperature)::is_always_lock_free);
+
 using Quellon::HealthStatus;
-static_assert(std::has_virtual_destructor_v<HealthStatus>);
 static_assert(is_same_v<decltype(HealthStatus::status), Tarvik::Json::Object>);
 
 using Quellon::DiskUtils::CheckDisk;
-static_assert(std::has_virtual_destructor_v<CheckDisk>);
 static_assert(is_constructible_v<CheckDisk, char*, char*>);
 static_assert(is_constructible_v<CheckDisk, int, char*, char*>);
 static_assert(is_same_v<decltype(&CheckDisk::UnMount), void (CheckDisk::*)()>);
@@ -54,8 +215,7 @@ static_assert(is_same_v<decltype(CheckDisk::devicePath), string>);
 using Quellon::DiskUtils::Disk;
 using Quellon::DiskUtils::SDCardInfo;
 using Data = SDCardInfo::SDCardInfoData;
-static_assert(is_base_of_v<CheckDisk, Disk> && is_convertible_v<Disk*, CheckDisk*>);
-static_assert(std::has_virtual_destructor_v<Disk>);
+static_assert(is_convertible_v<Disk*, CheckDisk*>);
 static_assert(is_constructible_v<Disk, string, string, string>);
 static_assert(is_same_v<decltype(&Disk::Mount), bool (Disk::*)()>);
 static_assert(is_same_v<decltype(&Disk::Umount), bool (Disk::*)()>);
@@ -95,7 +255,8 @@ static_assert(offsetof(Status, sizeBytes) == 48);
 static_assert(is_same_v<decltype(Status::lifetimeWritesKB), std::uint64_t>);
 static_assert(offsetof(Status, lifetimeWritesKB) == 56 && sizeof(Status) == 64);
 
-static_assert(is_constructible_v<SDCardInfo, string> && !std::is_polymorphic_v<SDCardInfo>);
+static_assert(is_constructible_v<SDCardInfo, string>);
+static_assert(!std::is_polymorphic_v<SDCardInfo> && !std::is_polymorphic_v<Data>);
 static_assert(sizeof(SDCardInfo) == sizeof(Data));
 static_assert(is_same_v<decltype(Data::cid), string> && is_same_v<decltype(Data::csd), string>);
 static_assert(is_same_v<decltype(Data::serial), string>);
@@ -106,7 +267,8 @@ static_assert(is_same_v<decltype(Data::size), std::uint64_t>);
 static_assert(std::is_copy_assignable_v<Data>);
 
 using Quellon::System;
-static_assert(std::has_virtual_destructor_v<System> && std::is_default_constructible_v<System>);
+static_assert(std::is_default_constructible_v<System>);
+static_assert(!std::is_copy_constructible_v<System>);
 static_assert(is_same_v<decltype(&System::GetInstance), System* (*)()>);
 static_assert(is_same_v<decltype(&System::InitDisk), Disk* (System::*)()>);
 static_assert(is_same_v<decltype(&System::ReadSDCardStatusCounter), int (System::*)()>);
@@ -123,7 +285,8 @@ static_assert(is_same_v<decltype(System::diskFault), bool>);
 static_assert(is_same_v<decltype(&System::instance), System**>, "a static field");
 
 using Quellon::FileUtils::Ifile;
-static_assert(std::has_virtual_destructor_v<Ifile> && std::is_default_constructible_v<Ifile>);
+static_assert(std::is_default_constructible_v<Ifile>);
+static_assert(!std::is_copy_constructible_v<Ifile> && !std::is_copy_assignable_v<Ifile>);
 static_assert(std::is_nothrow_destructible_v<Ifile>);
 static_assert(is_constructible_v<Ifile, string&, bool>);
 static_assert(is_same_v<decltype(&Ifile::GetName), string (Ifile::*)()>);
@@ -155,10 +318,8 @@ static_assert(is_same_v<decltype(Ifile::time), std::time_t>);
 static_assert(is_same_v<decltype(Ifile::stream), std::unique_ptr<std::fstream>>);
 
 using Quellon::FileUtils::Idir;
-using Tarvik::Interfaces::IError;
-using Tarvik::Interfaces::IThread;
-static_assert(is_base_of_v<IError, Idir> && is_convertible_v<Idir*, IError*>);
-static_assert(std::has_virtual_destructor_v<Idir> && is_constructible_v<Idir, string const&>);
+static_assert(is_convertible_v<Idir*, IError*>);
+static_assert(is_constructible_v<Idir, string const&>);
 static_assert(is_same_v<decltype(&Idir::CheckIfExists), bool (Idir::*)()>);
 static_assert(is_same_v<decltype(&Idir::Create), bool (Idir::*)()>);
 static_assert(is_same_v<decltype(Idir::path), string> && is_same_v<decltype(Idir::exists), bool>);
@@ -194,8 +355,9 @@ static_assert(is_same_v<decltype(&FilesManager::RemoveAllFilesAsync), void (File
 static_assert(is_same_v<decltype(&FilesManager::Run), void (FilesManager::*)()>);
 
 using Quellon::Watchdog;
-static_assert(std::has_virtual_destructor_v<Watchdog> && std::is_nothrow_destructible_v<Watchdog>);
+static_assert(std::is_nothrow_destructible_v<Watchdog>);
 static_assert(std::is_default_constructible_v<Watchdog> && is_constructible_v<Watchdog, int>);
+static_assert(!std::is_copy_constructible_v<Watchdog>);
 static_assert(is_same_v<decltype(&Watchdog::Init), bool (Watchdog::*)()>);
 static_assert(is_same_v<decltype(&Watchdog::Reset), bool (Watchdog::*)()>);
 static_assert(is_same_v<decltype(&Watchdog::Open), bool (Watchdog::*)()>);
@@ -204,7 +366,7 @@ static_assert(is_same_v<decltype(Watchdog::fd), std::int32_t>);
 static_assert(is_same_v<decltype(Watchdog::timeout), std::int32_t>);
 
 using Quellon::RTC::Rtc;
-static_assert(std::has_virtual_destructor_v<Rtc> && is_constructible_v<Rtc, string>);
+static_assert(is_constructible_v<Rtc, string>);
 static_assert(is_same_v<decltype(&Rtc::Load), bool (Rtc::*)()>);
 static_assert(is_same_v<decltype(&Rtc::Set), bool (Rtc::*)(long&)>);
 static_assert(is_same_v<decltype(&Rtc::SetSystemClock), bool (Rtc::*)()>);
@@ -221,52 +383,85 @@ static_assert(is_same_v<decltype(&Quellon::SysUtil::DisplayOpenFiles), void (*)(
 static_assert(is_same_v<decltype(&FilesManagerTest), void (*)()>);
 static_assert(is_same_v<decltype(&TestRtc), void (*)()>);
 
+TEST(Interface, TheVirtualFunctionsOfAThreadKeepTheirOrder) {
+  struct Hooks : IThread {
+    using IThread::Run;
+    using IThread::RunAfter;
+    using IThread::RunBefore;
+    using IThread::Stopping;
+  };
+  EXPECT_EQ(Slot(&Hooks::RunBefore), 2U);
+  EXPECT_EQ(Slot(&Hooks::Run), 3U);
+  EXPECT_EQ(Slot(&Hooks::RunAfter), 4U);
+  EXPECT_EQ(Slot(&Hooks::Stopping), 5U);
+}
+
+TEST(Interface, TheVirtualFunctionsOfAnExceptionKeepTheirOrder) {
+  EXPECT_EQ(Slot(&IException::what), 2U);
+}
+
+TEST(Interface, PublicFieldsOfTheBaseKeepTheirOrder) {
+  IException const exception("");
+  EXPECT_TRUE(InOrder(exception.message, exception.code));
+  auto const& logger = *Logger::GetInstance();
+  EXPECT_TRUE(InOrder(logger.fileSink, logger.consoleSink));
+  auto const& monitor = *TemperatureMonitor::GetInstance();
+  EXPECT_TRUE(InOrder(monitor.valid, monitor.temperature));
+}
+
+TEST(Interface, TheSwitchOfASinkIsItsLastField) {
+  FileSink const file;
+  auto const* const end = reinterpret_cast<char const*>(&file + 1);
+  auto const distance = end - reinterpret_cast<char const*>(&file.enabled);
+  EXPECT_GE(distance, 1);
+  EXPECT_LE(distance, static_cast<std::ptrdiff_t>(alignof(FileSink)));
+}
+
 TEST(Interface, TheOnlyVirtualFunctionIsTheDestructor) {
-  EXPECT_TRUE(Shape::OnlyTheDestructorIsVirtual<HealthStatus>());
-  EXPECT_TRUE(Shape::OnlyTheDestructorIsVirtual<System>());
-  EXPECT_TRUE(Shape::OnlyTheDestructorIsVirtual<CheckDisk>());
-  EXPECT_TRUE(Shape::OnlyTheDestructorIsVirtual<Disk>());
-  EXPECT_TRUE(Shape::OnlyTheDestructorIsVirtual<Ifile>());
-  EXPECT_TRUE(Shape::OnlyTheDestructorIsVirtual<Idir>());
-  EXPECT_TRUE(Shape::OnlyTheDestructorIsVirtual<Watchdog>());
-  EXPECT_TRUE(Shape::OnlyTheDestructorIsVirtual<Rtc>());
+  EXPECT_TRUE(OnlyTheDestructorIsVirtual<IError>());
+  EXPECT_TRUE(OnlyTheDestructorIsVirtual<HealthStatus>());
+  EXPECT_TRUE(OnlyTheDestructorIsVirtual<System>());
+  EXPECT_TRUE(OnlyTheDestructorIsVirtual<CheckDisk>());
+  EXPECT_TRUE(OnlyTheDestructorIsVirtual<Disk>());
+  EXPECT_TRUE(OnlyTheDestructorIsVirtual<Ifile>());
+  EXPECT_TRUE(OnlyTheDestructorIsVirtual<Idir>());
+  EXPECT_TRUE(OnlyTheDestructorIsVirtual<Watchdog>());
+  EXPECT_TRUE(OnlyTheDestructorIsVirtual<Rtc>());
 }
 
 TEST(Interface, ACatalogueAddsNoVirtualFunctionToThoseOfAThread) {
-  EXPECT_EQ(Shape::Slot(&FilesManager::Run), 3U);
-  EXPECT_EQ(Shape::Slot(&Shape::WithOneMore<FilesManager>::OneMore), 6U);
+  EXPECT_EQ(Slot(&FilesManager::Run), 3U);
+  EXPECT_EQ(Slot(&WithOneMore<FilesManager>::OneMore), 6U);
 }
 
 TEST(Interface, ACatalogueIsAThreadFirstAndAnErrorRecordSecond) {
   FilesManager const catalogue(nullptr);
-  EXPECT_TRUE(Shape::IsFirstBase<IThread>(catalogue));
-  EXPECT_FALSE(Shape::IsFirstBase<IError>(catalogue));
+  EXPECT_TRUE(IsFirstBase<IThread>(catalogue));
+  EXPECT_FALSE(IsFirstBase<IError>(catalogue));
 }
 
 TEST(Interface, PublicFieldsOfTheCardKeepTheirOrder) {
   Capture::Output([] {
     Disk const d("/mnt/nowhere/", "/dev/nothing", "nothing");
-    EXPECT_TRUE(Shape::IsFirstBase<CheckDisk>(d));
-    EXPECT_TRUE(Shape::InOrder(d.mountPoint, d.devicePath, d.reserveRatio, d.blockDevice,
-                               d.available, d.sdCardInfo, d.freeBytes, d.reserveBytes,
-                               d.totalBytes));
+    EXPECT_TRUE(IsFirstBase<CheckDisk>(d));
+    EXPECT_TRUE(InOrder(d.mountPoint, d.devicePath, d.reserveRatio, d.blockDevice, d.available,
+                        d.sdCardInfo, d.freeBytes, d.reserveBytes, d.totalBytes));
     Data const& i = d.sdCardInfo;
-    EXPECT_TRUE(Shape::InOrder(i.cid, i.csd, i.serial, i.oemid, i.manfid, i.name, i.ro, i.size));
+    EXPECT_TRUE(InOrder(i.cid, i.csd, i.serial, i.oemid, i.manfid, i.name, i.ro, i.size));
     System const s;
-    EXPECT_TRUE(Shape::InOrder(s.healthStatus, s.disk, s.diskFault));
+    EXPECT_TRUE(InOrder(s.healthStatus, s.disk, s.diskFault));
   });
 }
 
 TEST(Interface, PublicFieldsOfFilesAndDevicesKeepTheirOrder) {
   Ifile const f;
-  EXPECT_TRUE(
-      Shape::InOrder(f.path, f.extension, f.name, f.label, f.size, f.time, f.marked, f.stream));
+  EXPECT_TRUE(InOrder(f.path, f.extension, f.name, f.label, f.size, f.time, f.marked, f.stream));
   Idir const d("/");
-  EXPECT_TRUE(Shape::InOrder(d.path, d.exists));
+  EXPECT_TRUE(InOrder(d.path, d.exists));
   Rtc const r("/dev/rtc0");
-  EXPECT_TRUE(Shape::InOrder(r.devicePath, r.rtcTime));
+  EXPECT_TRUE(InOrder(r.devicePath, r.rtcTime));
   Watchdog const w;
-  EXPECT_TRUE(Shape::InOrder(w.fd, w.timeout));
+  EXPECT_TRUE(InOrder(w.fd, w.timeout));
 }
 
 /// What the dynamic section of a library of this program says under `tag`.
@@ -286,15 +481,6 @@ ElfW(Xword) DynamicEntry(char const* library, ElfW(Sxword) tag) {
 TEST(Interface, TheLibrariesStayLoaded) {
   EXPECT_NE(DynamicEntry("libTarvik.so.2", DT_FLAGS_1) & DF_1_NODELETE, 0U);
   EXPECT_NE(DynamicEntry("libQuellon.so.2", DT_FLAGS_1) & DF_1_NODELETE, 0U);
-}
-
-TEST(Interface, TheLibraryExportsItsBenchDriver) {
-  void* const library = dlopen("libQuellon.so.2", RTLD_NOW | RTLD_NOLOAD);
-  ASSERT_NE(library, nullptr);
-  EXPECT_NE(dlsym(library, "main"), nullptr);
-  EXPECT_EQ(dlsym(library, "_Z16FilesManagerTestv"), reinterpret_cast<void*>(&FilesManagerTest));
-  EXPECT_EQ(dlsym(library, "_Z7TestRtcv"), reinterpret_cast<void*>(&TestRtc));
-  dlclose(library);
 }
 
 }  // namespace

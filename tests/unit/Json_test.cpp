@@ -15,6 +15,7 @@
 namespace {
 
 using Tarvik::Json::Array;
+using Tarvik::Json::Deserialize;
 using Tarvik::Json::Object;
 using Tarvik::Json::Value;
 
@@ -286,6 +287,73 @@ TEST(JsonArray, MayHoldItself) {
   array.Add(array);
   EXPECT_EQ(array.Size(), 2U);
   EXPECT_EQ(array[1].ToArray().Size(), 1U);
+}
+
+TEST(JsonTruth, IsATruthAndNothingElse) {
+  for (bool const truth : {true, false}) {
+    bool const converted = Value(truth);
+    EXPECT_EQ(converted, truth);
+    EXPECT_EQ(static_cast<bool>(Value(truth)), truth);
+  }
+  EXPECT_TRUE(Value(true) == true && false == Value(false) && Value(true) != false);
+  for (Value const& value : {Value(), Value(1), Value(1.0), Value("true"), Value(Array())}) {
+    EXPECT_EQ(Refusal([&] { static_cast<void>(static_cast<bool>(value)); }),
+              "JSON value is not a bool");
+    EXPECT_FALSE(value == true || value == false);
+  }
+}
+
+TEST(JsonEquality, OfTextsOfEveryType) {
+  Value const value("text");
+  char letters[] = "text";
+  char const* const pointer = letters;
+  EXPECT_TRUE(value == "text" && value == letters && value == pointer);
+  EXPECT_TRUE(value == std::string("text") && std::string("text") == value);
+  EXPECT_TRUE(value != "tex" && value != "texts" && "Text" != value && value != "");
+  EXPECT_TRUE(Value(std::string("a\0b", 3)) != "a");
+  EXPECT_TRUE(Value(std::string("a\0b", 3)) == std::string("a\0b", 3));
+  for (Value const& other : {Value(), Value(1), Value(true), Value(Object()), Value(Array())}) {
+    EXPECT_FALSE(other == "1" || other == "true" || other == "");
+  }
+}
+
+TEST(JsonEquality, OfANullTextAndNull) {
+  char const* const nothing = nullptr;
+  EXPECT_TRUE(Value() == nothing && Value() == nullptr && Value("") != nothing);
+}
+
+TEST(JsonEquality, OfValuesThatHoldTheSame) {
+  std::vector<Value> const values{Value(),    Value(true),     Value(false),
+                                  Value(1),   Value(1.5),      Value(""),
+                                  Value("1"), Value(Object()), Value(Array())};
+  for (std::size_t i = 0; i < values.size(); ++i) {
+    for (std::size_t k = 0; k < values.size(); ++k) {
+      EXPECT_EQ(values[i] == values[k], i == k) << i << " and " << k;
+    }
+  }
+}
+
+TEST(JsonEquality, OfNumbersOfBothKinds) {
+  EXPECT_TRUE(Value(3) == Value(3.0) && Value(3.0) == Value(3));
+  EXPECT_TRUE(Value(3) != Value(3.5) && Value(0) == Value(-0.0));
+  double const notANumber = std::numeric_limits<double>::quiet_NaN();
+  EXPECT_TRUE(Value(notANumber) != Value(notANumber));
+}
+
+TEST(JsonEquality, OfAllThatIsHeld) {
+  std::string const text = R"({"a":[1,{"b":null}],"c":"d"})";
+  Value const value = Deserialize(text);
+  EXPECT_TRUE(value == Deserialize(text));
+  EXPECT_TRUE(value == Deserialize(text).ToObject() && Deserialize(text).ToObject() == value);
+  for (char const* const other :
+       {R"({"a":[1,{"b":0}],"c":"d"})", R"({"a":[1,{"b":null}],"c":"e"})",
+        R"({"a":[1,{"b":null}],"C":"d"})", R"({"a":[1,{"b":null}]})", R"({"a":[1],"c":"d"})",
+        R"({"a":[{"b":null},1],"c":"d"})", "{}", R"([1,{"b":null}])"}) {
+    EXPECT_TRUE(value != Deserialize(other)) << other;
+  }
+  EXPECT_TRUE(Deserialize("[1,2.0]") == Deserialize("[1.0,2]"));
+  EXPECT_TRUE(Deserialize("[1,2]") != Deserialize("[2,1]"));
+  EXPECT_TRUE(Deserialize("[1,2]") == Deserialize("[1,2]").ToArray());
 }
 
 }  // namespace

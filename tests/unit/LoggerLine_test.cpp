@@ -20,21 +20,18 @@
 
 namespace {
 
-using Tarvik::Ilog::ConsoleLogPolicy;
-using Tarvik::Ilog::FileLogPolicy;
+using LogFile::FileSink;
+using LogFile::kHeader;
 using Tarvik::Ilog::Info;
 using Tarvik::Ilog::Logger;
-using Tarvik::Ilog::LoggerBase;
 using Tarvik::Ilog::LogLine;
 using Tarvik::Interfaces::ISemaphore;
-using testing::ElementsAre;
 using testing::EndsWith;
 using testing::IsEmpty;
+using testing::MatchesRegex;
 
 std::mutex signalsMutex;
 std::vector<void const*> signals;  // the semaphores signalled, in order
-
-using FileSink = LoggerBase<FileLogPolicy>;
 
 class LoggerLine : public testing::Test {
  protected:
@@ -45,12 +42,6 @@ class LoggerLine : public testing::Test {
       std::lock_guard const lock(signalsMutex);
       signals.push_back(semaphore);
     };
-  }
-
-  /// No sink has a line under way.
-  static void ExpectFree() {
-    EXPECT_TRUE(LogFile::IsFree(*logger.fileSink));
-    EXPECT_TRUE(LogFile::IsFree(*logger.consoleSink));
   }
 
   template <typename Sink>
@@ -169,7 +160,7 @@ TEST_F(LoggerLine, ALineWithinALineIsAnErrorAndLeavesNothingLocked) {
   });
   EXPECT_THAT(console, EndsWith("]outer goes on\n"));
   EXPECT_EQ(console, LogFile::Text());
-  ExpectFree();
+  EXPECT_TRUE(LogFile::IsFree());
 }
 
 TEST_F(LoggerLine, ALineOnOneSinkAloneRulesOutASecondOneOnBoth) {
@@ -183,7 +174,7 @@ TEST_F(LoggerLine, ALineOnOneSinkAloneRulesOutASecondOneOnBoth) {
   });
   EXPECT_THAT(console, EndsWith("]outer\n"));
   EXPECT_EQ(LogFile::Text(), "");
-  ExpectFree();
+  EXPECT_TRUE(LogFile::IsFree());
 }
 
 // The thread below would wait for the file, and the one that has the file for the console.
@@ -197,12 +188,11 @@ TEST_F(LoggerLine, ASecondLineIsRefusedBeforeItWaitsForAnybody) {
     }));
     other.join();
   });
-  ExpectFree();
+  EXPECT_TRUE(LogFile::IsFree());
 }
 
 TEST_F(LoggerLine, WithBothSinksDisabledNothingHappens) {
-  logger.fileSink->enabled = false;
-  logger.consoleSink->enabled = false;
+  LogFile::Enable(false, false);
   EXPECT_EQ(Capture::Output([] {
               LogLine(Info) << "text" << 1 << 2L;
               logger.BeginLine(Info);
@@ -219,8 +209,7 @@ TEST_F(LoggerLine, EachSinkIsEnabledForItself) {
   EXPECT_THAT(Capture::Output([] { LogLine(Info) << "console" << 1 << std::string("!"); }),
               EndsWith("]console1!\n"));
   EXPECT_EQ(LogFile::Text(), "");
-  logger.fileSink->enabled = true;
-  logger.consoleSink->enabled = false;
+  LogFile::Enable(true, false);
   EXPECT_EQ(Capture::Output([] { LogLine(Info) << "file" << 1 << std::string("!"); }), "");
   EXPECT_THAT(LogFile::Text(), EndsWith("]file1!\n"));
   EXPECT_EQ(signals.size(), 2U);
@@ -278,12 +267,10 @@ TEST_F(LoggerLine, ASinkDisabledInTheMiddleDropsItsLineAndIsFreeAtTheNextPiece) 
 TEST_F(LoggerLine, BothSinksDisabledInTheMiddleDropTheirLineForAnotherOneAndAreFree) {
   EXPECT_EQ(Capture::Output([] {
               LogLine outer(Info);
-              logger.fileSink->enabled = false;
-              logger.consoleSink->enabled = false;
+              LogFile::Enable(false, false);
               EXPECT_NO_THROW(LogLine(Info) << "inner");
-              ExpectFree();
-              logger.fileSink->enabled = true;
-              logger.consoleSink->enabled = true;
+              EXPECT_TRUE(LogFile::IsFree());
+              LogFile::Enable(true, true);
               outer << "belongs to no line";
             }),
             "");
@@ -323,8 +310,7 @@ TEST_F(LoggerLine, TextAfterANewlineIsPartOfTheLine) {
     LogLine(Info) << "one" << std::endl << "two";
     LogLine(Info) << "three\n" << std::flush << "four" << std::flush << "five";
   });
-  EXPECT_THAT(console, testing::MatchesRegex("\\[[^]]*\\]one\ntwo\n"
-                                             "\\[[^]]*\\]three\nfourfive\n"));
+  EXPECT_THAT(console, MatchesRegex(kHeader + "one\ntwo\n" + kHeader + "three\nfourfive\n"));
   EXPECT_EQ(console, LogFile::Text());
   EXPECT_EQ(signals.size(), 4U);
 }
@@ -347,8 +333,8 @@ TEST_F(LoggerLine, ALastEndlIsTheNewlineOfItsLine) {
     LogLine(Info) << "two\n" << std::endl;
     LogLine(Info) << "three" << std::endl << "\n";
   });
-  EXPECT_THAT(LogFile::Text(), testing::MatchesRegex("\\[[^]]*\\]one\n\\[[^]]*\\]two\n\n"
-                                                     "\\[[^]]*\\]three\n\n\n"));
+  EXPECT_THAT(LogFile::Text(),
+              MatchesRegex(kHeader + "one\n" + kHeader + "two\n\n" + kHeader + "three\n\n\n"));
 }
 
 TEST_F(LoggerLine, AsLongAsTheLastOneThatEndlEndedHasANewlineOfItsOwn) {
@@ -356,7 +342,7 @@ TEST_F(LoggerLine, AsLongAsTheLastOneThatEndlEndedHasANewlineOfItsOwn) {
     LogLine(Info) << "one" << std::endl;
     LogLine(Info) << "four";
   });
-  EXPECT_THAT(LogFile::Text(), testing::MatchesRegex("\\[[^]]*\\]one\n\\[[^]]*\\]four\n"));
+  EXPECT_THAT(LogFile::Text(), MatchesRegex(kHeader + "one\n" + kHeader + "four\n"));
 }
 
 TEST_F(LoggerLine, AfterANullTextAManipulatorAppendsNothingAndTheCheckEndsTheLine) {
@@ -383,7 +369,7 @@ TEST_F(LoggerLine, TheFileIsTakenBeforeTheConsole) {
         LogFile::IsTakenBeforeLong(*logger.fileSink, [] { logger.consoleSink->EndLine(); }));
     other.join();
   });
-  ExpectFree();
+  EXPECT_TRUE(LogFile::IsFree());
 }
 
 TEST_F(LoggerLine, FlushWaitsForTheLinesUnderWay) {
@@ -412,14 +398,14 @@ TEST_F(LoggerLine, FlushOnTheThreadOfTheLineReturnsAtOnce) {
     line << "text";
     logger.Flush();
   });
-  ExpectFree();
+  EXPECT_TRUE(LogFile::IsFree());
 }
 
 TEST_F(LoggerLine, FlushWithoutALineReturnsAtOnce) {
   logger.Flush();
   logger.fileSink->enabled = false;
   logger.Flush();
-  ExpectFree();
+  EXPECT_TRUE(LogFile::IsFree());
 }
 
 TEST_F(LoggerLine, AConsoleThatCannotBeWrittenLosesItsLineOnly) {
@@ -436,7 +422,7 @@ TEST_F(LoggerLine, AConsoleThatCannotBeWrittenLosesItsLineOnly) {
   EXPECT_EQ(LogFile::SplitLines(console).size(), 1U);
   EXPECT_THAT(console, EndsWith("]next\n"));
   EXPECT_EQ(LogFile::SplitLines(LogFile::Text()).size(), 2U);
-  ExpectFree();
+  EXPECT_TRUE(LogFile::IsFree());
 }
 
 }  // namespace

@@ -13,10 +13,9 @@
 
 namespace {
 
-using Tarvik::Ilog::FileLogPolicy;
+using LogFile::FileSink;
 using Tarvik::Ilog::Info;
 using Tarvik::Ilog::Logger;
-using Tarvik::Ilog::LoggerBase;
 using Tarvik::Ilog::LogLine;
 using testing::EndsWith;
 
@@ -24,7 +23,7 @@ class LoggerMemory : public testing::Test {
  protected:
   void SetUp() override {
     LogFile::BeginAnew();
-    Logger::GetInstance()->consoleSink->enabled = false;
+    LogFile::Enable(true, false);
   }
 
   static constexpr int kMoreThanALineNeeds = 50;
@@ -33,7 +32,7 @@ class LoggerMemory : public testing::Test {
 TEST_F(LoggerMemory, ALineWithoutMemoryForItsEndIsLostAndItsSinkIsFree) {
   int lost = 0;
   for (std::size_t length = 0; length < 1000; ++length) {
-    LoggerBase<FileLogPolicy> sink;
+    FileSink sink;
     sink.WriteHeader(Info);
     sink.EndLine();
     auto const before = std::filesystem::file_size(Machine::Real(LogFile::kPath));
@@ -50,7 +49,7 @@ TEST_F(LoggerMemory, ALineWithoutMemoryForItsEndIsLostAndItsSinkIsFree) {
 }
 
 TEST_F(LoggerMemory, TheMemoryOfAUsualLineIsKeptAndThatOfALongOneGivenBack) {
-  LoggerBase<FileLogPolicy> sink;
+  FileSink sink;
   auto const needsMemory = [&sink](std::size_t length) {
     std::string const text(length, 'x');
     Machine::FailingAllocation const failing(1);
@@ -98,7 +97,7 @@ TEST_F(LoggerMemory, AConsoleWithoutMemoryForItsHeaderLeavesNothingInTheFile) {
   int refused = 0;
   for (int number = 1; number < kMoreThanALineNeeds; ++number) {
     Machine::hooks().now = 1000 + number;
-    logger.consoleSink->enabled = true;
+    LogFile::Enable(true, true);
     std::string const before = LogFile::Text();
     Capture::Output([&] {
       Machine::FailingAllocation const failing(number);
@@ -111,8 +110,7 @@ TEST_F(LoggerMemory, AConsoleWithoutMemoryForItsHeaderLeavesNothingInTheFile) {
         EXPECT_EQ(LogFile::Text(), before);
       }
     });
-    EXPECT_TRUE(LogFile::IsFree(*logger.fileSink));
-    EXPECT_TRUE(LogFile::IsFree(*logger.consoleSink));
+    EXPECT_TRUE(LogFile::IsFree());
   }
   EXPECT_GE(refused, 2);
 }

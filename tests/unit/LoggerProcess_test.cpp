@@ -4,10 +4,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <poll.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <array>
 #include <atomic>
 #include <csignal>
 #include <cstdio>
@@ -22,56 +20,22 @@
 
 #include "base/Date.h"
 #include "base/Logger.h"
-#include "base/UniqueFd.h"
 #include "tests/support/Capture.h"
+#include "tests/support/ChildProcess.h"
 #include "tests/support/Descriptors.h"
 #include "tests/support/LogFile.h"
 
 namespace {
 
-using Tarvik::UniqueFd;
+using ChildProcess::EndInTime;
+using ChildProcess::Outcome;
+using ChildProcess::ThroughPipe;
+using LogFile::kHeader;
 using Tarvik::Ilog::Error;
 using Tarvik::Ilog::Info;
 using Tarvik::Ilog::LogLine;
 using testing::EndsWith;
 using testing::MatchesRegex;
-
-struct Outcome {
-  std::string output;
-  int status = 0;
-};
-
-std::string ReadAll(UniqueFd const& fd) {
-  std::string text;
-  std::array<char, 4096> piece;
-  for (ssize_t n; (n = read(fd.Get(), piece.data(), piece.size())) > 0;) {
-    text.append(piece.data(), static_cast<std::size_t>(n));
-  }
-  return text;
-}
-
-/// Does `work` in a child whose standard output is a pipe with the buffering that a pipe has.
-template <typename Work>
-Outcome InAChild(Work work) {
-  std::fflush(nullptr);
-  int ends[2];
-  EXPECT_EQ(pipe(ends), 0);
-  UniqueFd const reader(ends[0]);
-  UniqueFd writer(ends[1]);
-  pid_t const child = fork();
-  if (child == 0) {
-    dup2(writer.Get(), 1);
-    static std::array<char, BUFSIZ> buffer;
-    std::setvbuf(stdout, buffer.data(), _IOFBF, buffer.size());
-    work();
-    std::fflush(stdout);
-    _exit(0);
-  }
-  writer = UniqueFd();
-  Outcome outcome{ReadAll(reader)};
-  EXPECT_EQ(waitpid(child, &outcome.status, 0), child);
-  return outcome;
-}
 
 class LoggerProcess : public testing::Test {
  protected:
@@ -82,7 +46,7 @@ class LoggerProcess : public testing::Test {
 };
 
 TEST_F(LoggerProcess, APipeHasAllLinesInTheOrderOfTheProgram) {
-  auto const [output, status] = InAChild([] {
+  auto const [output, status] = ThroughPipe([] {
     std::cout << "1 cout\n";
     std::puts("2 puts");
     LogLine(Info) << "3 log";
@@ -95,26 +59,25 @@ TEST_F(LoggerProcess, APipeHasAllLinesInTheOrderOfTheProgram) {
     LogLine(Info) << "10 log";
   });
   EXPECT_EQ(status, 0);
-  std::regex const header(R"(\[\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\])");
-  EXPECT_EQ(std::regex_replace(output, header, "*"),
+  EXPECT_EQ(std::regex_replace(output, std::regex(kHeader), "*"),
             "1 cout\n2 puts\n*3 log\n4 printf\n*[ERROR]5 log\n6 cout\n7 puts\n8 cout\n9 printf\n"
             "*10 log\n");
 }
 
 TEST_F(LoggerProcess, ACompletedLineSurvivesAKillRightAfterIt) {
-  auto const [output, status] = InAChild([] {
+  auto const [output, status] = ThroughPipe([] {
     std::puts("before");
     LogLine(Info) << "the last line";
     kill(getpid(), SIGKILL);
   });
   EXPECT_TRUE(WIFSIGNALED(status));
   EXPECT_EQ(WTERMSIG(status), SIGKILL);
-  EXPECT_THAT(LogFile::Text(), MatchesRegex("\\[.{19}\\]the last line\n"));
+  EXPECT_THAT(LogFile::Text(), MatchesRegex(kHeader + "the last line\n"));
   EXPECT_EQ(output, "before\n" + LogFile::Text());
 }
 
 TEST_F(LoggerProcess, AnUnfinishedLineDoesNotSurviveAKillInHalves) {
-  auto const [output, status] = InAChild([] {
+  auto const [output, status] = ThroughPipe([] {
     LogLine(Info) << "whole";
     LogLine line(Info);
     line << "half";
@@ -126,7 +89,7 @@ TEST_F(LoggerProcess, AnUnfinishedLineDoesNotSurviveAKillInHalves) {
 }
 
 TEST_F(LoggerProcess, StaticObjectsMayLogWhileTheProgramEnds) {
-  auto const [output, status] = InAChild([] {
+  auto const [output, status] = ThroughPipe([] {
     LogLine(Info) << "running";
     struct Late {
       ~Late() {
@@ -165,25 +128,19 @@ class LineUnderWay {
   }};
 };
 
-/// Ends a child that hangs.
-void EndInTime() {
-  signal(SIGALRM, SIG_DFL);
-  alarm(20);
-}
-
 TEST_F(LoggerProcess, AChildLogsWhileAnotherThreadOfItsParentIsInTheMiddleOfALine) {
   Outcome outcome;
   std::string const parents = Capture::Output([&] {
     LineUnderWay const line;
-    outcome = InAChild([] {
+    outcome = ThroughPipe([] {
       EndInTime();
       LogLine(Info) << "one";
       LogLine(Error) << "two";
     });
   });
   EXPECT_EQ(outcome.status, 0);
-  EXPECT_THAT(outcome.output, MatchesRegex("\\[.{19}\\]one\n\\[.{19}\\]\\[ERROR\\]two\n"));
-  EXPECT_TRUE(std::regex_match(parents, std::regex(R"(\[.{19}\]the parent's x{1000} line\n)")));
+  EXPECT_THAT(outcome.output, MatchesRegex(kHeader + "one\n" + kHeader + "\\[ERROR\\]two\n"));
+  EXPECT_TRUE(std::regex_match(parents, std::regex(kHeader + "the parent's x{1000} line\n")));
   EXPECT_EQ(LogFile::Text(), outcome.output + parents);
 }
 
@@ -192,7 +149,7 @@ TEST_F(LoggerProcess, AChildKeepsASinkSwitchedOffThatAnotherThreadOfItsParentHas
   Capture::Output([&] {
     LineUnderWay const line;
     file.enabled = false;
-    auto const [output, status] = InAChild([&] {
+    auto const [output, status] = ThroughPipe([&] {
       EndInTime();
       LogLine(Info) << "console only";
       file.enabled = true;
@@ -201,7 +158,7 @@ TEST_F(LoggerProcess, AChildKeepsASinkSwitchedOffThatAnotherThreadOfItsParentHas
     file.enabled = true;
     EXPECT_EQ(status, 0);
     EXPECT_EQ(LogFile::SplitLines(output).size(), 2U);
-    EXPECT_THAT(LogFile::Text(), MatchesRegex("\\[.{19}\\]both\n"));
+    EXPECT_THAT(LogFile::Text(), MatchesRegex(kHeader + "both\n"));
   });
 }
 
@@ -210,7 +167,7 @@ TEST_F(LoggerProcess, ALineUnderWayOnTheForkingThreadGoesOnInBoth) {
   std::string const parent = Capture::Output([&] {
     LogLine line(Info);
     line << "begun";
-    child = InAChild([&] {
+    child = ThroughPipe([&] {
       EndInTime();
       line << " in the child";
       Tarvik::Ilog::Logger::GetInstance()->EndLine();
@@ -228,7 +185,7 @@ TEST_F(LoggerProcess, AChildSharesNoDescriptorOfTheLogWithItsParent) {
   Capture::Output([] { LogLine(Info) << "the parent's"; });
   ASSERT_EQ(watch.Opened().size(), 1U);
   int const file = watch.Opened().front();
-  auto const [output, status] = InAChild([file] { _exit(fcntl(file, F_GETFD) < 0 ? 0 : 1); });
+  auto const [output, status] = ThroughPipe([file] { _exit(fcntl(file, F_GETFD) < 0 ? 0 : 1); });
   EXPECT_EQ(status, 0);
 }
 
@@ -245,16 +202,13 @@ TEST_F(LoggerProcess, AChildHasDatesThoughAnotherThreadWasLongAboutOne) {
   };
   std::thread other([] { Tarvik::Util::Date(0, "%Y"); });
   calendarIsAsked.acquire();
-  pid_t const child = fork();
-  if (child == 0) {
+  pid_t const child = ChildProcess::Start([] {
     EndInTime();
     Tarvik::Util::Date(0, "%Y");
-    _exit(0);
-  }
+    return 0;
+  });
   other.join();
-  int status = -1;
-  EXPECT_EQ(waitpid(child, &status, 0), child);
-  EXPECT_EQ(status, 0);
+  EXPECT_EQ(ChildProcess::Wait(child), 0);
 }
 
 TEST_F(LoggerProcess, NoChildHangsWhateverOtherThreadsLogMeanwhile) {
@@ -269,15 +223,12 @@ TEST_F(LoggerProcess, NoChildHangsWhateverOtherThreadsLogMeanwhile) {
       });
     }
     for (int i = 0; i < kChildren && !HasFailure(); ++i) {
-      pid_t const child = fork();
-      if (child == 0) {
+      pid_t const child = ChildProcess::Start([] {
         EndInTime();
         LogLine(Info) << "child " << 5L;
-        _exit(0);
-      }
-      int status = -1;
-      EXPECT_EQ(waitpid(child, &status, 0), child);
-      EXPECT_EQ(status, 0);
+        return 0;
+      });
+      EXPECT_EQ(ChildProcess::Wait(child), 0);
     }
     stop = true;
     for (auto& thread : threads) thread.join();

@@ -19,10 +19,9 @@
 
 namespace {
 
-using Tarvik::Ilog::FileLogPolicy;
+using LogFile::FileSink;
 using Tarvik::Ilog::Info;
 using Tarvik::Ilog::Logger;
-using Tarvik::Ilog::LoggerBase;
 using Tarvik::Ilog::LogLine;
 using Tarvik::Interfaces::ISemaphore;
 using Tarvik::Util::TemperatureMonitor;
@@ -43,13 +42,13 @@ std::string Message(int thread, int number) {
 
 /// The messages of a log, by thread, in the order of the log. Every line must be whole.
 std::map<int, std::vector<std::string>> ByThread(std::string const& log) {
-  static std::regex const whole(R"(\[\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\](\d) (\d+) ([a-h])\3*\.)");
+  static std::regex const whole(LogFile::kHeader + R"((\d) (\d+) ([a-h])\3*\.)");
   std::map<int, std::vector<std::string>> messages;
   for (auto const& line : LogFile::SplitLines(log)) {
     std::smatch parts;
     EXPECT_TRUE(std::regex_match(line, parts, whole)) << line;
     if (parts.empty()) continue;
-    messages[std::stoi(parts[1])].push_back(line.substr(21));
+    messages[std::stoi(parts[1])].push_back(line.substr(LogFile::kHeaderLength));
   }
   return messages;
 }
@@ -121,7 +120,7 @@ TEST_F(LoggerThreads, BothSinksSeeTheLinesInTheSameOrder) {
 
 // A line that had no header must not be in the file; one that had may have been dropped as a whole.
 TEST_F(LoggerThreads, ASinkSwitchedAtAnyMomentHasOnlyWholeLinesThatWereBegun) {
-  LoggerBase<FileLogPolicy> sink;
+  FileSink sink;
   std::map<int, std::set<std::string>> begun;
   std::mutex begunMutex;
   {
@@ -166,8 +165,7 @@ TEST_F(LoggerThreads, ALoggerSwitchedAtAnyMomentTearsNoLineAndKeepsNoLock) {
       EXPECT_EQ(std::set<int>(numbers.begin(), numbers.end()).size(), numbers.size());
     }
   }
-  EXPECT_TRUE(LogFile::IsFree(*logger.fileSink));
-  EXPECT_TRUE(LogFile::IsFree(*logger.consoleSink));
+  EXPECT_TRUE(LogFile::IsFree());
 }
 
 TEST_F(LoggerThreads, FlushReturnsWhileOthersLog) {

@@ -4,8 +4,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <cstdlib>
-#include <ctime>
 #include <iomanip>
 #include <limits>
 #include <string>
@@ -15,31 +13,25 @@
 #include "tests/support/Capture.h"
 #include "tests/support/GroupedNumbers.h"
 #include "tests/support/LogFile.h"
+#include "tests/support/Scoped.h"
 
 namespace {
 
-using Tarvik::Ilog::Error;
-using Tarvik::Ilog::FileLogPolicy;
-using Tarvik::Ilog::Info;
-using Tarvik::Ilog::Logger;
-using Tarvik::Ilog::LoggerBase;
-using Tarvik::Ilog::LogLine;
-using Tarvik::Ilog::LogType;
-using Tarvik::Ilog::Warning;
+namespace Ilog = Tarvik::Ilog;
+using Ilog::Error;
+using Ilog::Info;
+using Ilog::LogLine;
+using Ilog::LogType;
+using Ilog::Warning;
+using LogFile::FileSink;
 using Tarvik::Util::TemperatureMonitor;
 
 constexpr long kNow = 1614877509;  // 2021-03-04 17:05:09 UTC
 constexpr char const* kHeader = "[2021-03-04 17:05:09]";
 
-void SetTimeZone(char const* zone) {
-  setenv("TZ", zone, 1);
-  tzset();
-}
-
-class LoggerTest : public testing::Test {
+class Logger : public testing::Test {
  protected:
   void SetUp() override {
-    SetTimeZone("UTC");
     Machine::hooks().now = kNow;
     LogFile::BeginAnew();
   }
@@ -64,51 +56,53 @@ class LoggerTest : public testing::Test {
   static std::string Line(Message const& message, LogType type = Info) {
     return Logged([&] { LogLine(type) << message; });
   }
+
+  Scoped::AtEnd const utc = Scoped::TimeZone("UTC");
 };
 
-TEST_F(LoggerTest, IsOneForTheWholeProcess) {
-  EXPECT_NE(Logger::GetInstance(), nullptr);
-  EXPECT_EQ(Logger::GetInstance(), Logger::GetInstance());
-  EXPECT_EQ(Logger().fileSink, Logger::GetInstance()->fileSink);
-  EXPECT_EQ(Logger().consoleSink, Logger::GetInstance()->consoleSink);
+TEST_F(Logger, IsOneForTheWholeProcess) {
+  EXPECT_NE(Ilog::Logger::GetInstance(), nullptr);
+  EXPECT_EQ(Ilog::Logger::GetInstance(), Ilog::Logger::GetInstance());
+  EXPECT_EQ(Ilog::Logger().fileSink, Ilog::Logger::GetInstance()->fileSink);
+  EXPECT_EQ(Ilog::Logger().consoleSink, Ilog::Logger::GetInstance()->consoleSink);
 }
 
-TEST_F(LoggerTest, BothSinksAreEnabledFromTheStart) {
-  LoggerBase<FileLogPolicy> const file;
-  LoggerBase<Tarvik::Ilog::ConsoleLogPolicy> const console;
+TEST_F(Logger, BothSinksAreEnabledFromTheStart) {
+  FileSink const file;
+  LogFile::ConsoleSink const console;
   EXPECT_TRUE(file.enabled);
   EXPECT_TRUE(console.enabled);
 }
 
-TEST_F(LoggerTest, WithoutTemperatureTheHeaderHas21Bytes) {
+TEST_F(Logger, WithoutTemperatureTheHeaderHas21Bytes) {
   EXPECT_EQ(Line("Path: /mnt/sdcard/cr/a.gps"),
             "[2021-03-04 17:05:09]Path: /mnt/sdcard/cr/a.gps\n");
   EXPECT_EQ(Line("").size(), 22U);
 }
 
-TEST_F(LoggerTest, TheTemperatureFollowsTheDate) {
+TEST_F(Logger, TheTemperatureFollowsTheDate) {
   BoardHas(41);
   EXPECT_EQ(Line("Path: /mnt/sdcard/cr/a.gps"),
             "[2021-03-04 17:05:09][41C]Path: /mnt/sdcard/cr/a.gps\n");
 }
 
-TEST_F(LoggerTest, ATemperatureBelowZeroHasItsSign) {
+TEST_F(Logger, ATemperatureBelowZeroHasItsSign) {
   BoardHas(-7);
   EXPECT_EQ(Line("cold"), "[2021-03-04 17:05:09][-7C]cold\n");
 }
 
-TEST_F(LoggerTest, ATemperatureOfZeroIsATemperature) {
+TEST_F(Logger, ATemperatureOfZeroIsATemperature) {
   BoardHas(0);
   EXPECT_EQ(Line("ice"), "[2021-03-04 17:05:09][0C]ice\n");
 }
 
-TEST_F(LoggerTest, ATemperatureThatIsNotValidIsLeftOut) {
+TEST_F(Logger, ATemperatureThatIsNotValidIsLeftOut) {
   BoardHas(55);
   TemperatureMonitor::GetInstance()->valid = false;
   EXPECT_EQ(Line("lost"), "[2021-03-04 17:05:09]lost\n");
 }
 
-TEST_F(LoggerTest, WarningsAndErrorsAreTaggedAndNothingElseIs) {
+TEST_F(Logger, WarningsAndErrorsAreTaggedAndNothingElseIs) {
   struct {
     int type;
     char const* tag;
@@ -121,13 +115,13 @@ TEST_F(LoggerTest, WarningsAndErrorsAreTaggedAndNothingElseIs) {
   EXPECT_EQ(Error, 2);
 }
 
-TEST_F(LoggerTest, TheTagComesAfterTheTemperature) {
+TEST_F(Logger, TheTagComesAfterTheTemperature) {
   BoardHas(41);
   EXPECT_EQ(Line("hot", Error), "[2021-03-04 17:05:09][41C][ERROR]hot\n");
   EXPECT_EQ(Line("hot", Warning), "[2021-03-04 17:05:09][41C][WARNING]hot\n");
 }
 
-TEST_F(LoggerTest, TheHeaderFollowsTheClock) {
+TEST_F(Logger, TheHeaderFollowsTheClock) {
   Line("first");
   Machine::hooks().now = kNow + 1;
   EXPECT_EQ(Line("second"), "[2021-03-04 17:05:10]second\n");
@@ -135,29 +129,29 @@ TEST_F(LoggerTest, TheHeaderFollowsTheClock) {
   EXPECT_EQ(Line("set back"), "[2021-03-03 17:05:09]set back\n");
 }
 
-TEST_F(LoggerTest, TheFirstHeaderHasItsDateWhateverTheClockShows) {
+TEST_F(Logger, TheFirstHeaderHasItsDateWhateverTheClockShows) {
   for (long const now : {-1L, 0L}) {
     Machine::hooks().now = now;
-    LoggerBase<FileLogPolicy> sink;
+    FileSink sink;
     sink.WriteHeader(Info);
     sink.EndLine();
   }
   EXPECT_EQ(LogFile::Text(), "[1969-12-31 23:59:59]\n[1970-01-01 00:00:00]\n");
 }
 
-TEST_F(LoggerTest, TheHeaderShowsLocalTime) {
-  SetTimeZone("TEST-5:30");
+TEST_F(Logger, TheHeaderShowsLocalTime) {
+  auto const zone = Scoped::TimeZone("TEST-5:30");
   Machine::hooks().now = kNow + 3600;
   EXPECT_EQ(Line("local"), "[2021-03-04 23:35:09]local\n");
 }
 
-TEST_F(LoggerTest, ALongIsAlwaysADate) {
+TEST_F(Logger, ALongIsAlwaysADate) {
   EXPECT_EQ(Line(0L), std::string(kHeader) + "1970-01-01 00:00:00\n");
   EXPECT_EQ(Line(kNow), std::string(kHeader) + "2021-03-04 17:05:09\n");
   EXPECT_EQ(Line(-1L), std::string(kHeader) + "1969-12-31 23:59:59\n");
 }
 
-TEST_F(LoggerTest, OtherValuesLookAsOnAStandardStream) {
+TEST_F(Logger, OtherValuesLookAsOnAStandardStream) {
   EXPECT_EQ(Line(std::string("a text")), std::string(kHeader) + "a text\n");
   EXPECT_EQ(Line(-42), std::string(kHeader) + "-42\n");
   EXPECT_EQ(Line(std::numeric_limits<unsigned long long>::max()),
@@ -167,7 +161,7 @@ TEST_F(LoggerTest, OtherValuesLookAsOnAStandardStream) {
   EXPECT_EQ(Line('c'), std::string(kHeader) + "c\n");
 }
 
-TEST_F(LoggerTest, PiecesFollowEachOtherWithoutSeparator) {
+TEST_F(Logger, PiecesFollowEachOtherWithoutSeparator) {
   EXPECT_EQ(Logged([] {
               LogLine(Info) << "[SYSTEM] free " << 524288000ULL << "B"
                             << " at " << 0L << std::string("!");
@@ -175,35 +169,35 @@ TEST_F(LoggerTest, PiecesFollowEachOtherWithoutSeparator) {
             "[2021-03-04 17:05:09][SYSTEM] free 524288000B at 1970-01-01 00:00:00!\n");
 }
 
-TEST_F(LoggerTest, AMessageIsWrittenAsItIs) {
+TEST_F(Logger, AMessageIsWrittenAsItIs) {
   std::string const bytes("tab\t nul\0 high\xFF percent%s", 25);
   EXPECT_EQ(Line(bytes), kHeader + bytes + "\n");
   EXPECT_EQ(Line("two\nlines"), std::string(kHeader) + "two\nlines\n");
   EXPECT_EQ(Line("ends itself\n"), std::string(kHeader) + "ends itself\n\n");
 }
 
-TEST_F(LoggerTest, ALongMessageIsWrittenWholeAndLeavesNoTrace) {
+TEST_F(Logger, ALongMessageIsWrittenWholeAndLeavesNoTrace) {
   std::string const message(200'000, 'x');
   EXPECT_EQ(Line(message), kHeader + message + "\n");
   EXPECT_EQ(Line("short"), std::string(kHeader) + "short\n");
 }
 
-TEST_F(LoggerTest, ANullTextSpoilsTheRestOfItsLineOnly) {
+TEST_F(Logger, ANullTextSpoilsTheRestOfItsLineOnly) {
   char const* const nothing = nullptr;
   EXPECT_EQ(Logged([&] { LogLine(Info) << "kept " << nothing << "dropped" << 1 << 2L; }),
             std::string(kHeader) + "kept \n");
   EXPECT_EQ(Line("whole again"), std::string(kHeader) + "whole again\n");
 }
 
-TEST_F(LoggerTest, ANullTextThatIsNotConstantDoesTheSame) {
+TEST_F(Logger, ANullTextThatIsNotConstantDoesTheSame) {
   char* const nothing = nullptr;
   EXPECT_EQ(Logged([&] { LogLine(Info) << "kept" << nothing << "dropped"; }),
             std::string(kHeader) + "kept\n");
 }
 
-TEST_F(LoggerTest, ALineWithANullTextEndsAtItsEndAndFreesBothSinks) {
+TEST_F(Logger, ALineWithANullTextEndsAtItsEndAndFreesBothSinks) {
   char const* const nothing = nullptr;
-  Logger& logger = *Logger::GetInstance();
+  Ilog::Logger& logger = *Ilog::Logger::GetInstance();
   std::string const log = Capture::Output([&] {
     logger.fileSink->WriteHeader(Info);
     logger.consoleSink->WriteHeader(Info);
@@ -215,14 +209,14 @@ TEST_F(LoggerTest, ALineWithANullTextEndsAtItsEndAndFreesBothSinks) {
   EXPECT_EQ(log, std::string(kHeader) + "kept\n" + kHeader + "next\n");
 }
 
-TEST_F(LoggerTest, ANullTextWithoutALineDoesNothing) {
+TEST_F(Logger, ANullTextWithoutALineDoesNothing) {
   char const* const nothing = nullptr;
-  *Logger::GetInstance() << nothing;
+  *Ilog::Logger::GetInstance() << nothing;
   EXPECT_EQ(Line("whole"), std::string(kHeader) + "whole\n");
 }
 
-TEST_F(LoggerTest, TheStepsOfBothSinksMakeALine) {
-  auto& logger = *Logger::GetInstance();
+TEST_F(Logger, TheStepsOfBothSinksMakeALine) {
+  auto& logger = *Ilog::Logger::GetInstance();
   EXPECT_EQ(Logged([&] {
               logger.fileSink->WriteHeader(Info);
               logger.consoleSink->WriteHeader(Info);
@@ -231,12 +225,11 @@ TEST_F(LoggerTest, TheStepsOfBothSinksMakeALine) {
               logger.consoleSink->CheckEndOfStream();
             }),
             std::string(kHeader) + "by hand 7\n");
-  EXPECT_TRUE(LogFile::IsFree(*logger.fileSink));
-  EXPECT_TRUE(LogFile::IsFree(*logger.consoleSink));
+  EXPECT_TRUE(LogFile::IsFree());
 }
 
-TEST_F(LoggerTest, EndLineAddsNoNewlineToThatOfEndl) {
-  auto& logger = *Logger::GetInstance();
+TEST_F(Logger, EndLineAddsNoNewlineToThatOfEndl) {
+  auto& logger = *Ilog::Logger::GetInstance();
   EXPECT_EQ(Logged([&] {
               logger.BeginLine(Info);
               logger << "a" << std::flush << "b" << std::endl;
@@ -245,8 +238,8 @@ TEST_F(LoggerTest, EndLineAddsNoNewlineToThatOfEndl) {
             std::string(kHeader) + "ab\n");
 }
 
-TEST_F(LoggerTest, TheStepsOfOneSinkMakeTheSameLine) {
-  LoggerBase<FileLogPolicy> sink;
+TEST_F(Logger, TheStepsOfOneSinkMakeTheSameLine) {
+  FileSink sink;
   sink.WriteHeader(Warning);
   sink << "Time: " << 0L << std::string(" size ") << 12;
   sink << "\n";
@@ -255,7 +248,7 @@ TEST_F(LoggerTest, TheStepsOfOneSinkMakeTheSameLine) {
   EXPECT_EQ(LogFile::Text(), std::string(kHeader) + "[WARNING]Time: 1970-01-01 00:00:00 size 12\n");
 }
 
-TEST_F(LoggerTest, HowOneLineShowsNumbersDoesNotReachTheNext) {
+TEST_F(Logger, HowOneLineShowsNumbersDoesNotReachTheNext) {
   BoardHas(41);
   EXPECT_EQ(Logged([] {
               LogLine(Info) << std::hex << 255 << std::setprecision(2) << std::fixed << 0.125
@@ -284,7 +277,7 @@ struct Strict {
   int number;
 };
 
-TEST_F(LoggerTest, TheLocaleThatAValueSetDoesNotReachTheNextLine) {
+TEST_F(Logger, TheLocaleThatAValueSetDoesNotReachTheNextLine) {
   BoardHas(41);
   GroupedNumbers const locale;
   EXPECT_EQ(Logged([] { LogLine(Info) << Grouped{1234567}; }),
@@ -293,7 +286,7 @@ TEST_F(LoggerTest, TheLocaleThatAValueSetDoesNotReachTheNextLine) {
             "[2021-03-04 17:05:09][41C]1234567 0.5\n");
 }
 
-TEST_F(LoggerTest, TheExceptionsThatAValueAskedForDoNotReachTheNextLine) {
+TEST_F(Logger, TheExceptionsThatAValueAskedForDoNotReachTheNextLine) {
   BoardHas(41);
   EXPECT_EQ(Logged([] { LogLine(Info) << Strict{1}; }), "[2021-03-04 17:05:09][41C]1\n");
   char const* const nothing = nullptr;
@@ -301,7 +294,7 @@ TEST_F(LoggerTest, TheExceptionsThatAValueAskedForDoNotReachTheNextLine) {
             "[2021-03-04 17:05:09][41C]a\n");
 }
 
-TEST_F(LoggerTest, TextsAndNumbersAreFilledUpToTheWidthAskedForOnce) {
+TEST_F(Logger, TextsAndNumbersAreFilledUpToTheWidthAskedForOnce) {
   BoardHas(41);
   EXPECT_EQ(Logged([] {
               LogLine(Info) << std::setw(5) << "ab"
@@ -311,10 +304,10 @@ TEST_F(LoggerTest, TextsAndNumbersAreFilledUpToTheWidthAskedForOnce) {
             "[2021-03-04 17:05:09][41C]   abcde    -718+2\n");
 }
 
-TEST_F(LoggerTest, TheLocaleOfTheApplicationChangesNothing) {
+TEST_F(Logger, TheLocaleOfTheApplicationChangesNothing) {
   BoardHas(1000);
   GroupedNumbers const locale;
-  LoggerBase<FileLogPolicy> sink;
+  FileSink sink;
   sink.WriteHeader(Info);
   sink << 524288000 << " " << 14235.5 << " " << 0L;
   sink.EndLine();

@@ -5,7 +5,6 @@
 #include <cerrno>
 #include <chrono>
 #include <cmath>
-#include <filesystem>
 #include <limits>
 #include <memory>
 #include <stdexcept>
@@ -13,8 +12,9 @@
 #include <vector>
 
 #include "base/IException.h"
-#include "tests/machine/Objects.h"
-#include "tests/support/CatalogueTest.h"
+#include "tests/support/ErrorRecord.h"
+#include "tests/support/Refusal.h"
+#include "tests/support/RemovalTest.h"
 
 namespace {
 
@@ -22,12 +22,9 @@ using namespace std::chrono_literals;
 using Machine::Answer;
 using testing::ElementsAre;
 using testing::IsEmpty;
-using testing::SizeIs;
 
-class MakeRoom : public CatalogueTest {
+class MakeRoom : public RemovalTest {
  protected:
-  ~MakeRoom() override { Machine::hooks().removeFile = nullptr; }
-
   /// Whether there is room on a card with these figures. `used` is what the catalogue uses.
   bool HasRoom(std::int64_t free, std::int64_t total, std::uint64_t minimumFree, float share,
                std::int64_t used = 0) {
@@ -43,20 +40,6 @@ class MakeRoom : public CatalogueTest {
     Add(*catalogue, {"a.dat"});
     Machine::hooks().lstat = nullptr;
     return catalogue->CheckAvailableSpace(true);
-  }
-
-  /// Makes and catalogues recordings of 10 bytes each.
-  static void Keep(FilesManager& catalogue, std::vector<std::string> const& names) {
-    for (auto const& name : names) MakeRecording(name, 10);
-    Add(catalogue, names);
-  }
-
-  /// From now on each removal frees that many bytes of the card.
-  void RemovalFrees(std::int64_t bytes) {
-    Machine::hooks().removeFile = [this, bytes](Ifile& file) {
-      freeBytes += bytes;
-      return Machine::Remove(file);
-    };
   }
 
   /// Measuring the card is part of the trace from now on.
@@ -76,9 +59,7 @@ class MakeRoom : public CatalogueTest {
 
   static void ExpectFailure(FilesManager& catalogue, std::string const& message) {
     EXPECT_FALSE(catalogue.MakeRoom());
-    EXPECT_TRUE(catalogue.HasError());
-    EXPECT_EQ(catalogue.GetError(), message);
-    EXPECT_EQ(catalogue.GetErrorPlace(), "MakeRoom");
+    EXPECT_EQ(ErrorOf(catalogue), message + " in MakeRoom");
   }
 
   static constexpr std::int64_t kRoundedUp = 1073741889;  // as a float 63 more
@@ -145,17 +126,10 @@ TEST_F(MakeRoom, CheckedWithoutACardThrowsOrRecordsAsAsked) {
   card.available = false;
   FilesManager without(nullptr, kDirectory, 0, 1.0F);
   for (FilesManager* const catalogue : {withdrawn.get(), &without}) {
-    try {
-      catalogue->CheckAvailableSpace(true);
-      FAIL() << "nothing was thrown";
-    } catch (Tarvik::IException const& e) {
-      EXPECT_STREQ(e.what(), "Disk not available");
-      EXPECT_EQ(e.code, 0);
-    }
+    EXPECT_EQ(Refusal([&] { catalogue->CheckAvailableSpace(true); }), "Disk not available");
     EXPECT_FALSE(catalogue->HasError());
     EXPECT_FALSE(catalogue->CheckAvailableSpace(false));
-    EXPECT_EQ(catalogue->GetError(), "Disk not received");
-    EXPECT_EQ(catalogue->GetErrorPlace(), "MakeRoom");
+    EXPECT_EQ(ErrorOf(*catalogue), "Disk not received in MakeRoom");
   }
 }
 
@@ -177,13 +151,9 @@ TEST_F(MakeRoom, CheckPassesOnThatTheCardCannotBeMeasured) {
   auto const catalogue = NewCatalogue();
   MeasuringFails();
   for (bool const throwIfNoDisk : {true, false}) {
-    try {
-      catalogue->CheckAvailableSpace(throwIfNoDisk);
-      FAIL() << "nothing was thrown";
-    } catch (Tarvik::IException const& e) {
-      EXPECT_STREQ(e.what(), "Get space stat error");
-      EXPECT_EQ(e.code, EIO);
-    }
+    auto const failure = Thrown([&] { catalogue->CheckAvailableSpace(throwIfNoDisk); });
+    EXPECT_STREQ(failure.value().what(), "Get space stat error");
+    EXPECT_EQ(failure->code, EIO);
   }
   EXPECT_FALSE(catalogue->HasError());
 }
@@ -242,38 +212,6 @@ TEST_F(MakeRoom, DeletesUntilTheCatalogueIsWithinItsShare) {
   Keep(*catalogue, {"a.dat", "b.dat", "c.dat", "d.dat"});
   EXPECT_TRUE(catalogue->MakeRoom());
   EXPECT_THAT(Names(*catalogue), ElementsAre("c.dat", "d.dat"));
-}
-
-TEST_F(MakeRoom, DeletesInThePlaceOfFilesThatOthersDeletedUntilTheCatalogueIsLoadedAgain) {
-  totalBytes = 100;  // so 50 may be used, if not quite
-  for (bool const again : {false, true}) {
-    auto const catalogue = NewCatalogue(kDirectory, 0, 0.5F);
-    Keep(*catalogue, {"a.dat", "b.dat", "c.dat", "d.dat", "e.dat"});
-    for (char const* name : {"a.dat", "b.dat", "c.dat"}) std::filesystem::remove(Where(name));
-    if (again) {
-      EXPECT_TRUE(catalogue->LoadAndSort());
-    }
-    EXPECT_TRUE(catalogue->MakeRoom());
-    EXPECT_EQ(OnCard().size(), again ? 2U : 0U);
-  }
-}
-
-TEST_F(MakeRoom, TakesTheShareForWhatItIs) {
-  for (float const nothing : {0.0F, -0.8F, std::nanf("")}) {
-    auto const catalogue = NewCatalogue(kDirectory, 0, nothing);
-    Keep(*catalogue, {"a.dat", "b.dat"});
-    ExpectFailure(*catalogue, kGivenUp);
-    EXPECT_THAT(OnCard(), IsEmpty()) << nothing;
-  }
-  card.reserveBytes = 10;
-  auto const perCent = NewCatalogue(kDirectory, 0, 80.0F);
-  totalBytes = 40;
-  Keep(*perCent, {"a.dat", "b.dat", "c.dat", "d.dat"});
-  freeBytes = 11;
-  EXPECT_TRUE(perCent->MakeRoom());
-  EXPECT_THAT(perCent->GetList(), SizeIs(4));
-  freeBytes = 10;
-  EXPECT_FALSE(perCent->MakeRoom());
 }
 
 TEST_F(MakeRoom, GivesUpAfterAHundredFruitlessAttemptsTenMillisecondsApart) {

@@ -9,6 +9,7 @@
 
 #include "DiskUtils/System.h"
 #include "tests/support/CatalogueTest.h"
+#include "tests/support/ErrorRecord.h"
 #include "tests/support/FakeCard.h"
 #include "tests/support/OwnedSystem.h"
 
@@ -25,13 +26,10 @@ void LookIntoTheSlot(Quellon::System& system) {
   system.BuildDiskHealthReport();
 }
 
-class PulledCard : public testing::Test {
+class PageAdvicePulledCard : public testing::Test {
  protected:
-  PulledCard() {
-    Capture::Output([this] {
-      system = std::make_unique<OwnedSystem>();
-      system->InitDisk();
-    });
+  PageAdvicePulledCard() {
+    Capture::Output([this] { system->InitDisk(); });
     Machine::RemoveFile("/dev/mmcblk1");
     Machine::RemoveFile(FakeCard::kPartition);
   }
@@ -39,22 +37,22 @@ class PulledCard : public testing::Test {
   std::string Summary() { return system->GetHealthReport(); }
 
   FakeCard card;
-  std::unique_ptr<OwnedSystem> system;
+  std::unique_ptr<OwnedSystem> const system = NewSystem();
 };
 
-TEST_F(PulledCard, IsInServiceForTheHealthSummaryUntilSomebodyLooks) {
+TEST_F(PageAdvicePulledCard, IsInServiceForTheHealthSummaryUntilSomebodyLooks) {
   Capture::Output([this] { system->BuildDiskHealthReport(); });
   EXPECT_THAT(Summary(), HasSubstr(R"("zr":0)"));
 }
 
-TEST_F(PulledCard, IsAbsentForTheHealthSummaryAfterALook) {
+TEST_F(PageAdvicePulledCard, IsAbsentForTheHealthSummaryAfterALook) {
   std::string const report = Capture::Output([this] { LookIntoTheSlot(*system); });
   EXPECT_THAT(Summary(), HasSubstr(R"("zr":3)"));
   EXPECT_THAT(Summary(), HasSubstr(FakeCard::kCid));
   EXPECT_THAT(report, HasSubstr("NOT PRESENT"));
 }
 
-TEST(ACardThatStays, IsInServiceAfterALook) {
+TEST(PageAdvice, LeavesACardThatStaysInService) {
   FakeCard const card;
   Capture::Output([] {
     OwnedSystem system;
@@ -65,9 +63,9 @@ TEST(ACardThatStays, IsInServiceAfterALook) {
 }
 
 // Of five recordings on a card for six, the three oldest were deleted by others; one came after.
-class DeletedByOthers : public CatalogueTest {
+class PageAdviceDeletedByOthers : public CatalogueTest {
  protected:
-  DeletedByOthers() {
+  PageAdviceDeletedByOthers() {
     totalBytes = 60;
     for (char const* name : {"a.dat", "b.dat", "c.dat", "d.dat", "e.dat"}) Make(name);
     catalogue = NewCatalogue();
@@ -82,54 +80,60 @@ class DeletedByOthers : public CatalogueTest {
   std::unique_ptr<FilesManager> catalogue;
 };
 
-TEST_F(DeletedByOthers, RecordingsTakeTheNextOldestWithThem) {
+TEST_F(PageAdviceDeletedByOthers, RecordingsTakeTheNextOldestWithThem) {
   EXPECT_TRUE(catalogue->MakeRoom());
   EXPECT_THAT(OnCard(), ElementsAre("f.dat"));
 }
 
-TEST_F(DeletedByOthers, RecordingsAreCountedInANewSumToo) {
+TEST_F(PageAdviceDeletedByOthers, RecordingsAreCountedInANewSumToo) {
   EXPECT_EQ(catalogue->GetTotalFilesSize(true), 60U);
   EXPECT_TRUE(catalogue->MakeRoom());
   EXPECT_THAT(OnCard(), ElementsAre("f.dat"));
 }
 
-TEST_F(DeletedByOthers, RecordingsTakeNothingWithThemOnceTheDirectoryWasLoadedAgain) {
+TEST_F(PageAdviceDeletedByOthers, RecordingsTakeNothingWithThemOnceTheDirectoryWasLoadedAgain) {
   EXPECT_TRUE(catalogue->LoadAndSort());
   EXPECT_TRUE(catalogue->MakeRoom());
   EXPECT_THAT(OnCard(), ElementsAre("d.dat", "e.dat", "f.dat"));
 }
 
 // Nine recordings of 10 bytes on a card for 100, 5 of which are the reserve.
-class Share : public CatalogueTest, public testing::WithParamInterface<float> {
+class PageAdviceShare : public CatalogueTest, public testing::WithParamInterface<float> {
  protected:
-  bool MakeRoomWithFreeBytes(std::int64_t bytes) {
+  /// What comes of making room with that many bytes free: the error, if any.
+  std::string MakeRoomWithFreeBytes(std::int64_t bytes) {
     totalBytes = 100;
     freeBytes = bytes;
     card.reserveBytes = 5;
     for (char const digit : std::string("123456789")) MakeRecording({digit, '.', 'd'}, 10, digit);
     auto const catalogue = NewCatalogue(kDirectory, 1, GetParam());
     EXPECT_TRUE(catalogue->LoadAndSort());
-    return catalogue->MakeRoom();
+    bool const made = catalogue->MakeRoom();
+    EXPECT_EQ(made, !catalogue->HasError());
+    return ErrorOf(*catalogue);
   }
+
+  static constexpr char const* kGivenUp = "Unable to make room, after 100 retries in MakeRoom";
 };
 
-class NoShare : public Share {};
+class PageAdviceNoShare : public PageAdviceShare {};
 
-TEST_P(NoShare, HasEveryRecordingDeleted) {
-  EXPECT_FALSE(MakeRoomWithFreeBytes(100));
+TEST_P(PageAdviceNoShare, HasEveryRecordingDeleted) {
+  EXPECT_EQ(MakeRoomWithFreeBytes(100), kGivenUp);
   EXPECT_THAT(OnCard(), IsEmpty());
 }
 
-INSTANTIATE_TEST_SUITE_P(OutsideOfFractions, NoShare,
+INSTANTIATE_TEST_SUITE_P(OutsideOfFractions, PageAdviceNoShare,
                          testing::Values(0.0F, -0.5F, std::numeric_limits<float>::quiet_NaN()));
 
-class ShareAboveOne : public Share {};
+class PageAdviceShareAboveOne : public PageAdviceShare {};
 
-TEST_P(ShareAboveOne, LimitsNothingAndLeavesTheReserve) {
-  EXPECT_TRUE(MakeRoomWithFreeBytes(6));
+TEST_P(PageAdviceShareAboveOne, LimitsNothingAndLeavesTheReserve) {
+  EXPECT_EQ(MakeRoomWithFreeBytes(6), "");
   EXPECT_THAT(OnCard(), SizeIs(9));
+  EXPECT_EQ(MakeRoomWithFreeBytes(5), kGivenUp);
 }
 
-INSTANTIATE_TEST_SUITE_P(MeantAsPerCent, ShareAboveOne, testing::Values(80.0F));
+INSTANTIATE_TEST_SUITE_P(MeantAsPerCent, PageAdviceShareAboveOne, testing::Values(80.0F));
 
 }  // namespace

@@ -2,17 +2,17 @@
 #include <gtest/gtest.h>
 #include <spawn.h>
 #include <sys/socket.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <filesystem>
 #include <optional>
 #include <string>
 
 #include "SysUtil/Util.h"
 #include "tests/machine/Machine.h"
+#include "tests/support/ChildProcess.h"
 #include "tests/support/Descriptors.h"
+#include "tests/support/DirectoryOrder.h"
 
 namespace {
 
@@ -102,11 +102,9 @@ TEST_F(ProcessByName, MatchesAnEmptyProgramNameByTheEmptyNameOnly) {
 
 TEST_F(ProcessByName, IsTheFirstInDirectoryOrder) {
   for (char const* const id : {"31", "4", "159"}) Process(id, "recorder\0"s);
-  std::string first;
-  for (auto const& entry : std::filesystem::directory_iterator(Machine::Real("/proc"))) {
-    if (entry.is_directory() && first.empty()) first = entry.path().filename();
-  }
-  EXPECT_EQ(std::to_string(GetProcIdByName("recorder")), first);
+  auto entries = DirectoryOrder("/proc");
+  std::erase_if(entries, [](auto const& name) { return name.find_first_of("0123456789") != 0; });
+  EXPECT_EQ(std::to_string(GetProcIdByName("recorder")), entries.front());
 }
 
 TEST_F(ProcessByName, IsMinusOneWhenProcCannotBeOpened) {
@@ -135,7 +133,7 @@ class RealProcess {
   RealProcess& operator=(RealProcess const&) = delete;
   ~RealProcess() {
     if (here >= 0) close(here);
-    if (id > 0) waitpid(id, nullptr, 0);
+    if (id > 0) ChildProcess::Wait(id);
   }
 
   pid_t id = -1;
@@ -155,7 +153,7 @@ class RealProcess {
   int here = -1;
 };
 
-TEST(RealProcesses, AreFoundByName) {
+TEST(ProcessByNameOfARealOne, IsFound) {
   std::string const name = "quellon-" + std::to_string(getpid()) + "-echo";
   EXPECT_EQ(GetProcIdByName(name), -1);
   {
@@ -166,7 +164,7 @@ TEST(RealProcesses, AreFoundByName) {
   EXPECT_EQ(GetProcIdByName(name), -1);
 }
 
-TEST(RealProcesses, IncludeTheCallingOne) {
+TEST(ProcessByNameOfARealOne, MayBeTheCallingOne) {
   EXPECT_GT(GetProcIdByName("ProcessByName_test"), 0);
 }
 

@@ -10,22 +10,21 @@
 #include <cerrno>
 #include <cstdlib>
 #include <ctime>
-#include <optional>
 #include <string>
-#include <type_traits>
 #include <vector>
 
 #include "tests/machine/Machine.h"
 #include "tests/support/Capture.h"
 #include "tests/support/ChildProcess.h"
 #include "tests/support/Descriptors.h"
+#include "tests/support/Scoped.h"
 
 namespace {
 
+namespace RTC = Quellon::RTC;
 using Machine::Answer;
 using Machine::hooks;
 using Machine::Trace;
-using Quellon::RTC::Rtc;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
@@ -33,25 +32,6 @@ constexpr char const* kDevice = "/dev/rtc0";
 constexpr char const* kCentralEurope = "CET-1CEST,M3.5.0,M10.5.0/3";
 constexpr rtc_time kTime{9, 5, 17, 4, 2, 121, 4, 62, 0};  // Thursday, 4 March 2021, 17:05:09
 constexpr long kTimeInUtc = 1614877509;
-
-/// The time zone of the process while one exists.
-class TimeZone {
- public:
-  explicit TimeZone(char const* zone) {
-    if (char const* const value = getenv("TZ")) before = value;
-    setenv("TZ", zone, 1);
-    tzset();
-  }
-  TimeZone(TimeZone const&) = delete;
-  TimeZone& operator=(TimeZone const&) = delete;
-  ~TimeZone() {
-    before ? setenv("TZ", before->c_str(), 1) : unsetenv("TZ");
-    tzset();
-  }
-
- private:
-  std::optional<std::string> before;
-};
 
 std::array<int, 9> Fields(rtc_time const& time) {
   return {time.tm_sec,  time.tm_min,  time.tm_hour, time.tm_mday, time.tm_mon,
@@ -75,9 +55,9 @@ void ClockAnswers(Answer answer) {
   hooks().ioctl = [answer](unsigned long, void*) { return answer; };
 }
 
-class RtcTest : public testing::Test {
+class Rtc : public testing::Test {
  protected:
-  RtcTest() {
+  Rtc() {
     hooks().setClock = [](long) { return Answer::Success(); };
   }
 
@@ -94,26 +74,22 @@ class RtcTest : public testing::Test {
     return Capture::AllOutput([&] { EXPECT_FALSE(rtc.Set(seconds)); });
   }
 
-  TimeZone zone{"UTC0"};
-  Rtc rtc{kDevice};
+  Scoped::AtEnd const zone = Scoped::TimeZone("UTC0");
+  RTC::Rtc rtc{kDevice};
   Descriptors::Watch descriptors;
 };
 
-TEST(RtcClass, IsPolymorphicByItsDestructor) {
-  static_assert(std::has_virtual_destructor_v<Rtc>);
-}
-
-TEST_F(RtcTest, TouchesNoDeviceWhenItIsMade) {
+TEST_F(Rtc, TouchesNoDeviceWhenItIsMade) {
   hooks().fault = [](Machine::Call const& call) -> std::optional<int> {
     ADD_FAILURE() << call.function;
     return std::nullopt;
   };
-  Rtc const made("/dev/rtc7");
+  RTC::Rtc const made("/dev/rtc7");
   EXPECT_EQ(made.devicePath, "/dev/rtc7");
   EXPECT_THAT(Fields(made.rtcTime), testing::Each(0));
 }
 
-TEST_F(RtcTest, LoadsTheTimeThatTheClockHolds) {
+TEST_F(Rtc, LoadsTheTimeThatTheClockHolds) {
   rtc_time held = kTime;
   ClockHolds(held);
   EXPECT_TRUE(rtc.Load());
@@ -122,15 +98,15 @@ TEST_F(RtcTest, LoadsTheTimeThatTheClockHolds) {
   EXPECT_THAT(Trace(), IsEmpty());
 }
 
-TEST_F(RtcTest, KeepsItsTimeWhenThereIsNoDeviceToLoadFrom) {
+TEST_F(Rtc, KeepsItsTimeWhenThereIsNoDeviceToLoadFrom) {
   rtc.rtcTime = kTime;
   EXPECT_EQ(Capture::AllOutput([this] { EXPECT_FALSE(rtc.Load()); }), "");
   EXPECT_EQ(Fields(rtc.rtcTime), Fields(kTime));
 }
 
-class FailedLoad : public RtcTest, public testing::WithParamInterface<int> {};
+class RtcFailedLoad : public Rtc, public testing::WithParamInterface<int> {};
 
-TEST_P(FailedLoad, ZeroesTheTimeAndClosesTheDevice) {
+TEST_P(RtcFailedLoad, ZeroesTheTimeAndClosesTheDevice) {
   ClockAnswers({GetParam(), EIO});
   rtc.rtcTime = kTime;
   EXPECT_EQ(Capture::AllOutput([this] { EXPECT_FALSE(rtc.Load()); }), "");
@@ -138,9 +114,9 @@ TEST_P(FailedLoad, ZeroesTheTimeAndClosesTheDevice) {
   EXPECT_THAT(descriptors.Opened(), IsEmpty());
 }
 
-INSTANTIATE_TEST_SUITE_P(AnyResultButZero, FailedLoad, testing::Values(-1, 1));
+INSTANTIATE_TEST_SUITE_P(AnyResultButZero, RtcFailedLoad, testing::Values(-1, 1));
 
-TEST_F(RtcTest, OpensTheDeviceForReadingAndWritingAndKeepsItFromCommands) {
+TEST_F(Rtc, OpensTheDeviceForReadingAndWritingAndKeepsItFromCommands) {
   Machine::MakeFile(kDevice, "");
   int requests = 0;
   hooks().ioctl = [&](unsigned long request, void*) {
@@ -156,7 +132,7 @@ TEST_F(RtcTest, OpensTheDeviceForReadingAndWritingAndKeepsItFromCommands) {
   EXPECT_EQ(requests, 2);
 }
 
-TEST_F(RtcTest, NeverHasAStandardDescriptorForItsDevice) {
+TEST_F(Rtc, NeverHasAStandardDescriptorForItsDevice) {
   ChildProcess::Run([this] {
     std::vector<int> opened;
     {
@@ -175,7 +151,7 @@ TEST_F(RtcTest, NeverHasAStandardDescriptorForItsDevice) {
   });
 }
 
-TEST_F(RtcTest, SetsTheClockAndThenTheSystemClock) {
+TEST_F(Rtc, SetsTheClockAndThenTheSystemClock) {
   rtc_time held{};
   ClockHolds(held);
   long seconds = kTimeInUtc;
@@ -190,8 +166,8 @@ TEST_F(RtcTest, SetsTheClockAndThenTheSystemClock) {
   EXPECT_THAT(Trace(), ElementsAre("clock 1614877509"));
 }
 
-TEST_F(RtcTest, HoldsLocalTime) {
-  TimeZone const berlin(kCentralEurope);
+TEST_F(Rtc, HoldsLocalTime) {
+  auto const berlin = Scoped::TimeZone(kCentralEurope);
   rtc_time held{};
   ClockHolds(held);
   long seconds = 1625068800;  // 30 June 2021, 16:00 UTC
@@ -201,20 +177,20 @@ TEST_F(RtcTest, HoldsLocalTime) {
   EXPECT_THAT(Trace(), ElementsAre("clock 1625068800"));
 }
 
-TEST_F(RtcTest, BreaksTheTimeDownThoughThereIsNoDeviceToSet) {
+TEST_F(Rtc, BreaksTheTimeDownThoughThereIsNoDeviceToSet) {
   EXPECT_EQ(SetInVain(), "");
   EXPECT_EQ(Fields(rtc.rtcTime), Fields(kTime));
   EXPECT_THAT(Trace(), IsEmpty());
 }
 
-TEST_F(RtcTest, LeavesTheSystemClockAloneWhenTheDeviceRefusesTheTime) {
+TEST_F(Rtc, LeavesTheSystemClockAloneWhenTheDeviceRefusesTheTime) {
   ClockAnswers(Answer::Failure(EINVAL));
   EXPECT_EQ(SetInVain(), "");
   EXPECT_THAT(Trace(), IsEmpty());
   EXPECT_THAT(descriptors.Opened(), IsEmpty());
 }
 
-TEST_F(RtcTest, TakesAnyResultOfSettingThatIsNotNegativeForASuccess) {
+TEST_F(Rtc, TakesAnyResultOfSettingThatIsNotNegativeForASuccess) {
   ClockAnswers({1, 0});
   hooks().setClock = [](long) { return Answer{1, 0}; };
   long seconds = kTimeInUtc;
@@ -222,7 +198,7 @@ TEST_F(RtcTest, TakesAnyResultOfSettingThatIsNotNegativeForASuccess) {
   EXPECT_TRUE(rtc.SetSystemClock());
 }
 
-TEST_F(RtcTest, FailsWhenTheKernelRefusesTheTime) {
+TEST_F(Rtc, FailsWhenTheKernelRefusesTheTime) {
   rtc_time held{};
   ClockHolds(held);
   hooks().setClock = [](long) { return Answer::Failure(EPERM); };
@@ -231,7 +207,7 @@ TEST_F(RtcTest, FailsWhenTheKernelRefusesTheTime) {
   EXPECT_THAT(Trace(), ElementsAre("clock 1614877509", "clock 1614877509"));
 }
 
-TEST_F(RtcTest, SetsTheSystemClockToTheLoadedTime) {
+TEST_F(Rtc, SetsTheSystemClockToTheLoadedTime) {
   rtc_time held = kTime;
   ClockHolds(held);
   rtc.Load();
@@ -239,44 +215,45 @@ TEST_F(RtcTest, SetsTheSystemClockToTheLoadedTime) {
   EXPECT_THAT(Trace(), ElementsAre("clock 1614877509"));
 }
 
-TEST_F(RtcTest, NormalisesItsTimeInPlace) {
+TEST_F(Rtc, NormalisesItsTimeInPlace) {
   rtc_time const odd{75, 59, 23, 31, 11, 120, 0, 0, 0};  // 31 December 2020, 23:59:75
   EXPECT_EQ(SecondsOf(odd), "clock 1609459215");
   EXPECT_EQ(Fields(rtc.rtcTime), Fields({15, 0, 0, 1, 0, 121, 5, 0, 0}));
 }
 
-TEST_F(RtcTest, MovesATimeOfTheSpringGapOutOfIt) {
-  TimeZone const berlin(kCentralEurope);
+TEST_F(Rtc, MovesATimeOfTheSpringGapOutOfIt) {
+  auto const berlin = Scoped::TimeZone(kCentralEurope);
   rtc_time const skipped{0, 30, 2, 28, 2, 121, 0, 0, 0};  // 2:30 winter time is 3:30 summer time
   EXPECT_EQ(SecondsOf(skipped), "clock 1616895000");
   EXPECT_EQ(Fields(rtc.rtcTime), Fields({0, 30, 3, 28, 2, 121, 0, 86, 1}));
 }
 
-TEST_F(RtcTest, TakesTheHourThatComesTwiceByItsDaylightSavingFlag) {
-  TimeZone const berlin(kCentralEurope);
+TEST_F(Rtc, TakesTheHourThatComesTwiceByItsDaylightSavingFlag) {
+  auto const berlin = Scoped::TimeZone(kCentralEurope);
   rtc_time twice{0, 30, 2, 31, 9, 121, 0, 0, 1};  // 31 October 2021, 2:30
   EXPECT_EQ(SecondsOf(twice), "clock 1635640200");
   twice.tm_isdst = 0;
   EXPECT_EQ(SecondsOf(twice), "clock 1635643800");
 }
 
-TEST_F(RtcTest, NeverWritesBeyondItsTime) {
+TEST_F(Rtc, NeverWritesBeyondItsTime) {
   struct Guarded {
-    Rtc rtc{kDevice};
+    RTC::Rtc rtc{kDevice};
     std::array<unsigned char, 64> guard{};
   } guarded;
   guarded.guard.fill(0xA5);
   guarded.rtc.rtcTime = kTime;
   ClockAnswers(Answer::Success());
   long seconds = kTimeInUtc;
-  TimeZone const berlin(kCentralEurope);  // an offset and a name that the C library would write
+  auto const berlin =
+      Scoped::TimeZone(kCentralEurope);  // an offset and a name that the C library would write
   guarded.rtc.Set(seconds);
   guarded.rtc.SetSystemClock();
   EXPECT_EQ(std::ranges::count(guarded.guard, 0xA5), 64);
   EXPECT_GT(sizeof(tm), sizeof(rtc_time));
 }
 
-TEST_F(RtcTest, PrintsItsTimeAndTheSystemsAsMonthDayYear) {
+TEST_F(Rtc, PrintsItsTimeAndTheSystemsAsMonthDayYear) {
   rtc.rtcTime = kTime;
   hooks().now = 951782400 + 3600 + 120 + 3;  // 29 February 2000, 1:02:03
   std::string const expected = "RTC: 3/4/2021 17:05:09\nSystem: 2/29/2000 01:02:03\n";
@@ -285,15 +262,15 @@ TEST_F(RtcTest, PrintsItsTimeAndTheSystemsAsMonthDayYear) {
   EXPECT_EQ(printed, static_cast<int>(expected.size()));
 }
 
-TEST_F(RtcTest, PrintsTheSystemsTimeInAZoneThatWasJustChosen) {
+TEST_F(Rtc, PrintsTheSystemsTimeInAZoneThatWasJustChosen) {
   hooks().now = 1625068800;
   setenv("TZ", "XYZ-3", 1);
   EXPECT_EQ(Capture::Output([this] { rtc.Print(); }),
             "RTC: 1/0/1900 00:00:00\nSystem: 6/30/2021 19:00:00\n");
 }
 
-TEST_F(RtcTest, PrintsTheSystemsTimeInLocalTime) {
-  TimeZone const berlin(kCentralEurope);
+TEST_F(Rtc, PrintsTheSystemsTimeInLocalTime) {
+  auto const berlin = Scoped::TimeZone(kCentralEurope);
   hooks().now = 1625068800;
   EXPECT_EQ(Capture::Output([this] { rtc.Print(); }),
             "RTC: 1/0/1900 00:00:00\nSystem: 6/30/2021 18:00:00\n");

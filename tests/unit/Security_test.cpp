@@ -8,17 +8,20 @@
 #include <cerrno>
 #include <cstdio>
 #include <filesystem>
-#include <optional>
+#include <memory>
 #include <string>
 #include <vector>
 
 #include "DiskUtils/System.h"
 #include "FileUtils/Dir.h"
+#include "tests/support/CardText.h"
 #include "tests/support/CatalogueTest.h"
+#include "tests/support/CounterFile.h"
 #include "tests/support/Descriptors.h"
 #include "tests/support/FakeCard.h"
 #include "tests/support/LogFile.h"
 #include "tests/support/OwnedSystem.h"
+#include "tests/support/Scoped.h"
 
 namespace {
 
@@ -30,7 +33,6 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 
 constexpr char const* kOutside = "/root/outside";
-constexpr char const* kCounterFile = "/root/system.dat";
 
 mode_t ModeOf(std::string const& path) {
   struct stat status {};
@@ -39,21 +41,21 @@ mode_t ModeOf(std::string const& path) {
 }
 
 // What the tests below do to a folder of the device must never happen to the machine's own.
-TEST(PrivateFolder, StandsForTheFoldersOfTheDeviceWithAndWithoutASlash) {
+TEST(Security, OfTheMachineIsAPrivateFolderForTheFoldersOfTheDeviceWithAndWithoutASlash) {
   for (std::string const folder : {"/root", "/mnt", "/sys", "/var/log"}) {
     EXPECT_NE(Machine::Real(folder), folder);
     EXPECT_EQ(Machine::Real(folder + "/"), Machine::Real(folder) / "");
   }
 }
 
-class CardOfAnybody : public CatalogueTest {
+class SecurityOfACardOfAnybody : public CatalogueTest {
  protected:
-  CardOfAnybody() { Machine::MakeFile(kOutside, std::string(5000, 'o')); }
+  SecurityOfACardOfAnybody() { Machine::MakeFile(kOutside, std::string(5000, 'o')); }
 
   static bool OutsideIsUntouched() { return Machine::ReadFile(kOutside) == std::string(5000, 'o'); }
 };
 
-TEST_F(CardOfAnybody, NamesNeverReachAShell) {
+TEST_F(SecurityOfACardOfAnybody, NamesNeverReachAShell) {
   std::vector<std::string> const names = {"$(reboot).dat", "`reboot`.dat", ";reboot;.dat",
                                           "-rf.dat",       "a'b\"c.dat",   "a\nreboot\n.dat"};
   for (auto const& name : names) MakeRecording(name, 10);
@@ -71,7 +73,7 @@ TEST_F(CardOfAnybody, NamesNeverReachAShell) {
   EXPECT_THAT(Traced("popen"), IsEmpty());
 }
 
-TEST_F(CardOfAnybody, ALinkCountsWithItsOwnSizeAndRoomIsMadeOfItAlone) {
+TEST_F(SecurityOfACardOfAnybody, ALinkCountsWithItsOwnSizeAndRoomIsMadeOfItAlone) {
   fs::create_symlink(Machine::Real(kOutside), Where("link.dat"));
   auto const linkSize = fs::read_symlink(Where("link.dat")).string().size();
   totalBytes = 100;
@@ -89,7 +91,7 @@ TEST_F(CardOfAnybody, ALinkCountsWithItsOwnSizeAndRoomIsMadeOfItAlone) {
 }
 
 // Kept as it is: a link that leads nowhere passes for a file that is missing.
-TEST_F(CardOfAnybody, ALinkThatLeadsNowhereIsNotRemoved) {
+TEST_F(SecurityOfACardOfAnybody, ALinkThatLeadsNowhereIsNotRemoved) {
   fs::create_symlink("nowhere", Where("link.dat"));
   auto const catalogue = NewCatalogue();
   EXPECT_TRUE(catalogue->LoadAndSort());
@@ -98,7 +100,7 @@ TEST_F(CardOfAnybody, ALinkThatLeadsNowhereIsNotRemoved) {
 }
 
 // The directory is the application's choice, too. Only looked at: it leads out of the card.
-TEST_F(CardOfAnybody, ALinkInThePlaceOfTheRecordingsDirectoryIsFollowed) {
+TEST_F(SecurityOfACardOfAnybody, ALinkInThePlaceOfTheRecordingsDirectoryIsFollowed) {
   Machine::MakeFile("/mnt/elsewhere/a.dat", "");
   Machine::RemoveFile("/mnt/sdcard/cr");
   fs::create_directories(Machine::Real("/mnt/sdcard"));
@@ -109,7 +111,7 @@ TEST_F(CardOfAnybody, ALinkInThePlaceOfTheRecordingsDirectoryIsFollowed) {
 }
 
 // Streams follow links; what is opened or copied is the application's choice.
-TEST_F(CardOfAnybody, ACopyIsOneOfWhereALinkLeads) {
+TEST_F(SecurityOfACardOfAnybody, ACopyIsOneOfWhereALinkLeads) {
   fs::create_symlink(Machine::Real(kOutside), Where("link.dat"));
   std::string path = std::string(kDirectory) + "link.dat";
   Capture::Descriptor const output(1);
@@ -118,12 +120,11 @@ TEST_F(CardOfAnybody, ACopyIsOneOfWhereALinkLeads) {
   EXPECT_TRUE(OutsideIsUntouched());
 }
 
-class Start : public testing::Test {
+class SecurityOfAStart : public testing::Test {
  protected:
-  Start() {
-    Capture::Output([this] { system.emplace(); });
+  SecurityOfAStart() {
     Machine::hooks().reboot = [](int) { return Machine::Answer::Failure(EPERM); };
-    Machine::MakeFile(kCounterFile, "");
+    Machine::MakeFile(CounterFile::kPath, "");
     Machine::MakeFile(kOutside, "outside");
   }
 
@@ -132,22 +133,19 @@ class Start : public testing::Test {
   }
 
   FakeCard card;
-  std::optional<OwnedSystem> system;
+  std::unique_ptr<OwnedSystem> const system = NewSystem();
 };
 
-TEST_F(Start, WhatACardTellsOfItselfNeverReachesAShell) {
+TEST_F(SecurityOfAStart, WhatACardTellsOfItselfNeverReachesAShell) {
   for (char const* name : {"cid", "csd", "serial", "manfid", "oemid", "name"}) {
     FakeCard::SetProperty(std::string("device/") + name, "$(reboot);reboot\n");
   }
   InitDisk();
-  EXPECT_THAT(Traced("system"),
-              ElementsAre("system umount /mnt/sdcard/", "system fsck -f -y /dev/mmcblk1p1",
-                          "system mount -o noatime,nodiratime,data=writeback "
-                          "/dev/mmcblk1p1 /mnt/sdcard/"));
+  EXPECT_THAT(Traced("system"), ElementsAre(CardText::kUmount, CardText::kFsck, CardText::kMount));
   EXPECT_THAT(Traced("popen"), IsEmpty());
 }
 
-TEST_F(Start, CommandsInheritNothing) {
+TEST_F(SecurityOfAStart, CommandsInheritNothing) {
   LogFile::BeginAnew();
   Descriptors::Watch const descriptors;
   Capture::Output([] { Tarvik::Ilog::LogLine(Tarvik::Ilog::Info) << "the log is open"; });
@@ -173,7 +171,7 @@ TEST_F(Start, CommandsInheritNothing) {
 }
 
 // The standard library's streams have no other way: close recordings before a command is run.
-TEST_F(Start, AStreamThatIsOpenIsInherited) {
+TEST_F(SecurityOfAStart, AStreamThatIsOpenIsInherited) {
   Descriptors::Watch const descriptors;
   std::string path = kOutside;
   Ifile const file(path, true);
@@ -181,47 +179,9 @@ TEST_F(Start, AStreamThatIsOpenIsInherited) {
   EXPECT_FALSE(Descriptors::ClosesOnExec(descriptors.Opened().front()));
 }
 
-TEST_F(Start, TheTestFileIsNotWrittenWhereALinkLeads) {
-  fs::create_symlink(Machine::Real(kOutside), Machine::Real(FakeCard::kTestFile));
-  card.duringCheck = [] { EXPECT_EQ(Machine::ReadFile(FakeCard::kTestFile), "velmor"); };
-  InitDisk();
-  EXPECT_TRUE(system->disk->available);
-  EXPECT_EQ(Machine::ReadFile(kOutside), "outside");
-  EXPECT_FALSE(FakeCard::HasTestFile());
-}
-
-TEST_F(Start, APipeInThePlaceOfTheTestFileDoesNotStopTheStart) {
-  ASSERT_EQ(mkfifo(Machine::Real(FakeCard::kTestFile).c_str(), 0600), 0);
-  InitDisk();
-  EXPECT_TRUE(system->disk->available);
-  EXPECT_FALSE(FakeCard::HasTestFile());
-}
-
-TEST_F(Start, ADirectoryInThePlaceOfTheTestFileIsLeftAndTheCardRefused) {
-  fs::create_directory(Machine::Real(FakeCard::kTestFile));
-  InitDisk();
-  EXPECT_TRUE(FakeCard::HasTestFile());
-  EXPECT_EQ(FakeCard::Status().malfunction, 1);
-}
-
-TEST_F(Start, ALinkThatCannotBeRemovedIsNotWrittenThrough) {
-  fs::create_symlink(Machine::Real(kOutside), Machine::Real(FakeCard::kTestFile));
-  Machine::hooks().unlink = [](auto&&) { return Machine::Answer::Failure(EPERM); };
-  InitDisk();
-  EXPECT_EQ(FakeCard::Status().malfunction, 1);
-  EXPECT_EQ(Machine::ReadFile(kOutside), "outside");
-}
-
-TEST_F(Start, APipeThatCannotBeRemovedDoesNotStopTheStart) {
-  ASSERT_EQ(mkfifo(Machine::Real(FakeCard::kTestFile).c_str(), 0600), 0);
-  Machine::hooks().unlink = [](auto&&) { return Machine::Answer::Failure(EROFS); };
-  InitDisk();
-  EXPECT_EQ(FakeCard::Status().malfunction, 1);
-}
-
-TEST_F(Start, FilesAreMadeForTheirOwnerToWriteAndAllToRead) {
-  mode_t const before = umask(022);
-  Machine::RemoveFile(kCounterFile);
+TEST_F(SecurityOfAStart, FilesAreMadeForTheirOwnerToWriteAndAllToRead) {
+  auto const mask = Scoped::Umask(022);
+  Machine::RemoveFile(CounterFile::kPath);
   mode_t testFile = 0;
   card.duringCheck = [&testFile] { testFile = ModeOf(FakeCard::kTestFile); };
   LogFile::BeginAnew();
@@ -234,11 +194,10 @@ TEST_F(Start, FilesAreMadeForTheirOwnerToWriteAndAllToRead) {
     EXPECT_TRUE(Idir("/mnt/sdcard/made").Create());
   });
   EXPECT_EQ(testFile, 0644U);
-  for (std::string const made : {LogFile::kPath, kCounterFile, "/mnt/sdcard/copy"}) {
+  for (std::string const made : {LogFile::kPath, CounterFile::kPath, "/mnt/sdcard/copy"}) {
     EXPECT_EQ(ModeOf(made), 0644U) << made;
   }
   EXPECT_EQ(ModeOf("/mnt/sdcard/made"), 0755U);
-  umask(before);
 }
 
 }  // namespace

@@ -14,8 +14,7 @@
 #include <vector>
 
 #include "base/IException.h"
-#include "tests/machine/Objects.h"
-#include "tests/support/CatalogueTest.h"
+#include "tests/support/RemovalTest.h"
 
 namespace {
 
@@ -23,16 +22,8 @@ using namespace std::chrono_literals;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-class SpaceReclamation : public CatalogueTest {
+class SpaceReclamation : public RemovalTest {
  protected:
-  ~SpaceReclamation() override { Machine::hooks().removeFile = nullptr; }
-
-  /// Makes and catalogues recordings of 10 bytes each.
-  void Keep(std::vector<std::string> const& names) {
-    for (auto const& name : names) MakeRecording(name, 10);
-    Add(*catalogue, names);
-  }
-
   /// What removing the named files does instead of succeeding.
   static void Removing(std::map<std::string, std::function<bool()>> answers) {
     Machine::hooks().removeFile = [answers = std::move(answers)](Ifile& file) {
@@ -65,7 +56,7 @@ class SpaceReclamation : public CatalogueTest {
 };
 
 TEST_F(SpaceReclamation, DeletesTheOldestButNeitherLogsNorPositions) {
-  Keep({"a.log", "b.dat", "c.gps", "d.dat", "e.dat"});
+  Keep(*catalogue, {"a.log", "b.dat", "c.gps", "d.dat", "e.dat"});
   EXPECT_EQ(catalogue->DeleteOldFiles(2), 2U);
   EXPECT_THAT(Names(*catalogue), ElementsAre("a.log", "c.gps", "e.dat"));
   EXPECT_THAT(OnCard(), ElementsAre("a.log", "c.gps", "e.dat"));
@@ -73,14 +64,14 @@ TEST_F(SpaceReclamation, DeletesTheOldestButNeitherLogsNorPositions) {
 }
 
 TEST_F(SpaceReclamation, DeletesInTheOrderOfTheCatalogueWithoutPauses) {
-  Keep({"c.dat", "a.dat", "b.dat"});
+  Keep(*catalogue, {"c.dat", "a.dat", "b.dat"});
   EXPECT_EQ(catalogue->DeleteOldFiles(2), 2U);
   EXPECT_THAT(Machine::Trace(), ElementsAre("unlink /mnt/sdcard/cr/c.dat",  //
                                             "unlink /mnt/sdcard/cr/a.dat"));
 }
 
 TEST_F(SpaceReclamation, DeletesTheObjectsOfTheFilesItDeleted) {
-  Keep({"a.dat", "b.dat"});
+  Keep(*catalogue, {"a.dat", "b.dat"});
   Ifile* const first = catalogue->GetList().front();
   Ifile* const second = catalogue->GetList().back();
   EXPECT_EQ(catalogue->DeleteOldFiles(1), 1U);
@@ -89,7 +80,7 @@ TEST_F(SpaceReclamation, DeletesTheObjectsOfTheFilesItDeleted) {
 }
 
 TEST_F(SpaceReclamation, DeletesNoMoreThanThereIs) {
-  Keep({"a.dat", "b.dat", "c.dat"});
+  Keep(*catalogue, {"a.dat", "b.dat", "c.dat"});
   EXPECT_EQ(catalogue->DeleteOldFiles(10), 3U);
   EXPECT_THAT(OnCard(), IsEmpty());
   EXPECT_EQ(catalogue->GetTotalFilesSize(), 0U);
@@ -98,7 +89,7 @@ TEST_F(SpaceReclamation, DeletesNoMoreThanThereIs) {
 
 TEST_F(SpaceReclamation, OfNoFilesChangesNothing) {
   EXPECT_EQ(catalogue->DeleteOldFiles(3), 0U);
-  Keep({"a.dat"});
+  Keep(*catalogue, {"a.dat"});
   EXPECT_EQ(catalogue->DeleteOldFiles(0), 0U);
   EXPECT_THAT(Names(*catalogue), ElementsAre("a.dat"));
   EXPECT_THAT(OnCard(), ElementsAre("a.dat"));
@@ -108,20 +99,22 @@ TEST_F(SpaceReclamation, ProtectsTheExactExtensionsOnly) {
   std::vector<std::string> const isProtected = {".gps", ".log", "a.b.log", "a.dat.gps"};
   std::vector<std::string> const others = {"a.LOG",  "b.Gps", "c.logs", "d.log.", "e.gps1",
                                            "f.glog", ".lo",   "h.gp",   "i.log "};
-  Keep(others);
-  Keep(isProtected);
+  Keep(*catalogue, others);
+  Keep(*catalogue, isProtected);
   EXPECT_EQ(catalogue->RemoveAllFiles(), others.size());
   EXPECT_EQ(Names(*catalogue), isProtected);
   EXPECT_EQ(OnCard(), isProtected);
 }
 
 TEST_F(SpaceReclamation, DoesNotTakeANameForAnExtension) {
-  Capture::Output([&] { Keep({"log", "gps"}); });  // names without a dot are complained of
+  Capture::Output([&] {
+    Keep(*catalogue, {"log", "gps"});
+  });  // names without a dot are complained of
   EXPECT_EQ(catalogue->RemoveAllFiles(), 2U);
 }
 
 TEST_F(SpaceReclamation, DropsAFileThatCannotBeRemovedAndGoesOn) {
-  Keep({"a.dat", "b.dat", "c.dat"});
+  Keep(*catalogue, {"a.dat", "b.dat", "c.dat"});
   Ifile* const stuck = catalogue->GetList().front();
   Removing({{"a.dat", Fails}});
   EXPECT_EQ(catalogue->DeleteOldFiles(1), 1U);
@@ -134,7 +127,7 @@ TEST_F(SpaceReclamation, DropsAFileThatCannotBeRemovedAndGoesOn) {
 }
 
 TEST_F(SpaceReclamation, DropsAFileAfterThreeAttemptsToRemoveIt) {
-  Keep({"a.dat"});
+  Keep(*catalogue, {"a.dat"});
   Machine::hooks().unlink = [](std::string const&) { return Machine::Answer::Failure(EBUSY); };
   EXPECT_EQ(catalogue->DeleteOldFiles(1), 0U);
   EXPECT_THAT(catalogue->GetList(), IsEmpty());
@@ -143,7 +136,7 @@ TEST_F(SpaceReclamation, DropsAFileAfterThreeAttemptsToRemoveIt) {
 }
 
 TEST_F(SpaceReclamation, DropsAFileThatVanishedAndKeepsItsSizeInTheTotal) {
-  Keep({"a.dat", "b.dat"});
+  Keep(*catalogue, {"a.dat", "b.dat"});
   std::filesystem::remove(Where("a.dat"));
   EXPECT_EQ(catalogue->DeleteOldFiles(2), 1U);
   EXPECT_THAT(catalogue->GetList(), IsEmpty());
@@ -152,7 +145,7 @@ TEST_F(SpaceReclamation, DropsAFileThatVanishedAndKeepsItsSizeInTheTotal) {
 }
 
 TEST_F(SpaceReclamation, KeepsAFileWhoseRemovalThrowsAndGoesOn) {
-  Keep({"a.dat", "b.dat", "c.dat", "d.dat"});
+  Keep(*catalogue, {"a.dat", "b.dat", "c.dat", "d.dat"});
   Removing({{"a.dat", Throws}, {"b.dat", ThrowsAnother}});
   EXPECT_EQ(catalogue->DeleteOldFiles(1), 1U);
   EXPECT_THAT(Names(*catalogue), ElementsAre("a.dat", "b.dat", "d.dat"));
@@ -162,7 +155,7 @@ TEST_F(SpaceReclamation, KeepsAFileWhoseRemovalThrowsAndGoesOn) {
 }
 
 TEST_F(SpaceReclamation, LetsAnythingButAnExceptionPassAndFreesItsLock) {
-  Keep({"a.dat"});
+  Keep(*catalogue, {"a.dat"});
   Removing({{"a.dat", ThrowsANumber}});
   EXPECT_THROW(catalogue->DeleteOldFiles(1), int);
   EXPECT_THROW(RemoveByName("a.dat"), int);
@@ -171,7 +164,7 @@ TEST_F(SpaceReclamation, LetsAnythingButAnExceptionPassAndFreesItsLock) {
 }
 
 TEST_F(SpaceReclamation, OfAllFilesLeavesTheProtectedAndThoseWhoseRemovalThrew) {
-  Keep({"a.dat", "b.log", "c.dat", "d.gps", "e.dat", "f.dat"});
+  Keep(*catalogue, {"a.dat", "b.log", "c.dat", "d.gps", "e.dat", "f.dat"});
   Removing({{"c.dat", Throws}, {"e.dat", Fails}});
   EXPECT_EQ(catalogue->RemoveAllFiles(), 2U);
   EXPECT_THAT(Names(*catalogue), ElementsAre("b.log", "c.dat", "d.gps"));
@@ -179,7 +172,7 @@ TEST_F(SpaceReclamation, OfAllFilesLeavesTheProtectedAndThoseWhoseRemovalThrew) 
 }
 
 TEST_F(SpaceReclamation, DoesNotNeedACard) {
-  Keep({"a.dat"});
+  Keep(*catalogue, {"a.dat"});
   card.available = false;
   EXPECT_EQ(catalogue->RemoveAllFiles(), 1U);
 }
@@ -195,7 +188,7 @@ TEST_F(SpaceReclamation, RemovesALinkAndNotWhatItLeadsTo) {
 }
 
 TEST_F(SpaceReclamation, ByNameRemovesThatFileWhateverItsExtensionAndKeepsItsObject) {
-  Keep({"a.dat", "b.log", "c.dat"});
+  Keep(*catalogue, {"a.dat", "b.log", "c.dat"});
   Ifile* const file = *std::next(catalogue->GetList().begin());
   EXPECT_TRUE(RemoveByName("b.log"));
   EXPECT_THAT(Names(*catalogue), ElementsAre("a.dat", "c.dat"));
@@ -206,7 +199,7 @@ TEST_F(SpaceReclamation, ByNameRemovesThatFileWhateverItsExtensionAndKeepsItsObj
 }
 
 TEST_F(SpaceReclamation, ByNameNeedsTheExactName) {
-  Keep({"a.dat"});
+  Keep(*catalogue, {"a.dat"});
   for (char const* name : {"", "a", "a.da", "A.dat", "a.dat ", "/mnt/sdcard/cr/a.dat"}) {
     EXPECT_FALSE(RemoveByName(name)) << name;
   }
@@ -224,7 +217,7 @@ TEST_F(SpaceReclamation, ByNameLeavesAnEarlierErrorAlone) {
 }
 
 TEST_F(SpaceReclamation, ByNameGoesOnToTheNextOfThatNameWhenRemovalFails) {
-  Keep({"a.dat", "b.dat", "a.dat"});
+  Keep(*catalogue, {"a.dat", "b.dat", "a.dat"});
   Ifile* const first = catalogue->GetList().front();
   first->size = 1;
   Machine::hooks().removeFile = [first](Ifile& file) {
@@ -237,7 +230,7 @@ TEST_F(SpaceReclamation, ByNameGoesOnToTheNextOfThatNameWhenRemovalFails) {
 }
 
 TEST_F(SpaceReclamation, ByNameRemovesOnlyTheFirstOfThatName) {
-  Keep({"a.dat", "b.dat", "a.dat"});
+  Keep(*catalogue, {"a.dat", "b.dat", "a.dat"});
   EXPECT_TRUE(RemoveByName("a.dat"));
   EXPECT_THAT(Names(*catalogue), ElementsAre("b.dat", "a.dat"));
   EXPECT_FALSE(RemoveByName("a.dat")) << "its file has gone with the first";
@@ -245,7 +238,7 @@ TEST_F(SpaceReclamation, ByNameRemovesOnlyTheFirstOfThatName) {
 }
 
 TEST_F(SpaceReclamation, ByNameFailsAndKeepsTheFileWhenNoRemovalSucceeds) {
-  Keep({"a.dat", "a.dat"});
+  Keep(*catalogue, {"a.dat", "a.dat"});
   Removing({{"a.dat", Fails}});
   EXPECT_FALSE(RemoveByName("a.dat"));
   EXPECT_THAT(Names(*catalogue), ElementsAre("a.dat", "a.dat"));
@@ -254,7 +247,7 @@ TEST_F(SpaceReclamation, ByNameFailsAndKeepsTheFileWhenNoRemovalSucceeds) {
 }
 
 TEST_F(SpaceReclamation, ByNameStopsWhenRemovalThrows) {
-  Keep({"a.dat", "a.dat"});
+  Keep(*catalogue, {"a.dat", "a.dat"});
   int removals = 0;
   Machine::hooks().removeFile = [&removals](Ifile&) -> bool {
     ++removals;
@@ -268,12 +261,12 @@ TEST_F(SpaceReclamation, ByNameStopsWhenRemovalThrows) {
 }
 
 TEST_F(SpaceReclamation, SaysNothingOfFilesThatCannotBeRemoved) {
-  Keep({"a.dat"});
+  Keep(*catalogue, {"a.dat"});
   EXPECT_EQ(SaidWhileNothingCanBeRemoved(), "");
 }
 
 TEST_F(SpaceReclamation, ByNameLetsOtherExceptionsPassAndFreesItsLock) {
-  Keep({"a.dat"});
+  Keep(*catalogue, {"a.dat"});
   Removing({{"a.dat", ThrowsAnother}});
   EXPECT_THROW(RemoveByName("a.dat"), std::runtime_error);
   catalogue->Sort();

@@ -16,7 +16,6 @@
 #include <semaphore>
 #include <string>
 #include <thread>
-#include <type_traits>
 #include <vector>
 
 #include "base/Logger.h"
@@ -25,6 +24,7 @@
 #include "tests/support/ChildProcess.h"
 #include "tests/support/Descriptors.h"
 #include "tests/support/LogFile.h"
+#include "tests/support/Scoped.h"
 
 namespace {
 
@@ -33,9 +33,7 @@ using Machine::Answer;
 using Machine::hooks;
 using Machine::Sleep;
 using Machine::Trace;
-using Quellon::System;
 using Tarvik::Ilog::LogLine;
-using testing::AnyOf;
 using testing::ElementsAre;
 using testing::ElementsAreArray;
 using testing::IsEmpty;
@@ -74,7 +72,7 @@ std::string Repeated(int times, std::string const& line) {
   return text;
 }
 
-class SystemTest : public testing::Test {
+class System : public testing::Test {
  protected:
   /// What a setting of the real-time clock that must fail prints.
   std::string SetRTCInVain() {
@@ -82,36 +80,31 @@ class SystemTest : public testing::Test {
     return Capture::AllOutput([&] { EXPECT_FALSE(system.SetRTC(seconds)); });
   }
 
-  System system;
+  Quellon::System system;
 };
 
-TEST(SystemClass, IsPolymorphicByItsDestructorAndCannotBeCopied) {
-  static_assert(std::has_virtual_destructor_v<System>);
-  static_assert(!std::is_copy_constructible_v<System>);
-}
-
-TEST(SystemClass, GivesTheSameInstanceTwiceAndAnnouncesItOnce) {
+TEST(SystemObject, GivesTheSameInstanceTwiceAndAnnouncesItOnce) {
   ChildProcess::Run([] {
-    std::string const output =
-        Capture::Output([] { EXPECT_EQ(System::GetInstance(), System::GetInstance()); });
+    std::string const output = Capture::Output(
+        [] { EXPECT_EQ(Quellon::System::GetInstance(), Quellon::System::GetInstance()); });
     EXPECT_EQ(output, "start instance of system class \n");
-    EXPECT_EQ(System::GetInstance()->disk, nullptr);
+    EXPECT_EQ(Quellon::System::GetInstance()->disk, nullptr);
   });
 }
 
-TEST(SystemClass, HasNoInstanceBeforeItIsAskedForOne) {
+TEST(SystemObject, HasNoInstanceBeforeItIsAskedForOne) {
   ChildProcess::Run([] {
-    EXPECT_EQ(System::instance, nullptr);
-    System* given = nullptr;
-    Capture::Output([&] { given = System::GetInstance(); });
-    EXPECT_EQ(System::instance, given);
+    EXPECT_EQ(Quellon::System::instance, nullptr);
+    Quellon::System* given = nullptr;
+    Capture::Output([&] { given = Quellon::System::GetInstance(); });
+    EXPECT_EQ(Quellon::System::instance, given);
     EXPECT_NE(given, nullptr);
   });
 }
 
-TEST(SystemClass, BeginsWithoutADiskAndWithTheFaultSet) {
+TEST(SystemObject, BeginsWithoutADiskAndWithTheFaultSet) {
   std::string const output = Capture::Output([] {
-    System const system;
+    Quellon::System const system;
     EXPECT_EQ(system.disk, nullptr);
     EXPECT_TRUE(system.diskFault);
     EXPECT_EQ(system.GetHealthReport(), "{}");
@@ -119,7 +112,7 @@ TEST(SystemClass, BeginsWithoutADiskAndWithTheFaultSet) {
   EXPECT_EQ(output, "start instance of system class \n");
 }
 
-TEST(SystemClass, LeavesTheDiskAloneWhenItGoes) {
+TEST(SystemObject, LeavesTheDiskAloneWhenItGoes) {
   struct WatchedDisk : Quellon::DiskUtils::Disk {
     explicit WatchedDisk(bool& flag) : Disk(kCard, "/dev/mmcblk1p1", "mmcblk1"), gone(flag) {}
     ~WatchedDisk() override { gone = true; }
@@ -128,13 +121,13 @@ TEST(SystemClass, LeavesTheDiskAloneWhenItGoes) {
   bool gone = false;
   std::optional<WatchedDisk> disk(gone);
   {
-    System system;
+    Quellon::System system;
     system.disk = &*disk;
   }
   EXPECT_FALSE(gone);
 }
 
-TEST_F(SystemTest, LetsGoOfTheLogFileBeforeItUnmounts) {
+TEST_F(System, LetsGoOfTheLogFileBeforeItUnmounts) {
   EveryUnmountSucceeds();
   std::filesystem::create_directories(Machine::Real("/var/log/"));
   Descriptors::Watch const descriptors;
@@ -148,7 +141,7 @@ TEST_F(SystemTest, LetsGoOfTheLogFileBeforeItUnmounts) {
   Tarvik::Ilog::Logger::GetInstance()->Close();
 }
 
-TEST_F(SystemTest, WaitsForNoLineOfTheLog) {
+TEST_F(System, WaitsForNoLineOfTheLog) {
   LogFile::BeginAnew();
   EveryUnmountSucceeds();
   auto& logger = *Tarvik::Ilog::Logger::GetInstance();
@@ -172,14 +165,14 @@ TEST_F(SystemTest, WaitsForNoLineOfTheLog) {
   EXPECT_THAT(Trace(), ElementsAre("chdir /", "sync", "umount /", "umount /mnt/sdcard/"));
 }
 
-TEST_F(SystemTest, UnmountsRootAndThenTheCard) {
+TEST_F(System, UnmountsRootAndThenTheCard) {
   EveryUnmountSucceeds();
   std::string const errors = Capture::ErrorOutput([&] { EXPECT_EQ(system.UnmountAll(), 0); });
   EXPECT_EQ(errors, "");
   EXPECT_THAT(Trace(), ElementsAre("chdir /", "sync", "umount /", "umount /mnt/sdcard/"));
 }
 
-TEST_F(SystemTest, GoesOnUnmountingWhenItCannotLeaveItsDirectory) {
+TEST_F(System, GoesOnUnmountingWhenItCannotLeaveItsDirectory) {
   EveryUnmountSucceeds();
   hooks().chdir = [](auto&&) { return Answer::Failure(EACCES); };
   std::string const errors = Capture::ErrorOutput([&] { EXPECT_EQ(system.UnmountAll(), 0); });
@@ -187,7 +180,7 @@ TEST_F(SystemTest, GoesOnUnmountingWhenItCannotLeaveItsDirectory) {
   EXPECT_THAT(Trace(), ElementsAre("chdir /", "sync", "umount /", "umount /mnt/sdcard/"));
 }
 
-TEST_F(SystemTest, ForcesABusyRootTenTimesAfterASecondAndComplainsNineTimes) {
+TEST_F(System, ForcesABusyRootTenTimesAfterASecondAndComplainsNineTimes) {
   IsBusyUntilForced(kRoot, 0);
   std::string const errors = Capture::ErrorOutput([&] { EXPECT_EQ(system.UnmountAll(), 0); });
   EXPECT_EQ(errors, Repeated(9, "Unable to umount root SD: Device or resource busy\n"));
@@ -198,7 +191,7 @@ TEST_F(SystemTest, ForcesABusyRootTenTimesAfterASecondAndComplainsNineTimes) {
   EXPECT_EQ(Machine::Slept(), 1900ms);
 }
 
-TEST_F(SystemTest, StopsForcingTheRootOnceItGivesWay) {
+TEST_F(System, StopsForcingTheRootOnceItGivesWay) {
   IsBusyUntilForced(kRoot, 3);
   std::string const errors = Capture::ErrorOutput([&] { EXPECT_EQ(system.UnmountAll(), 0); });
   EXPECT_EQ(errors, Repeated(2, "Unable to umount root SD: Device or resource busy\n"));
@@ -208,7 +201,7 @@ TEST_F(SystemTest, StopsForcingTheRootOnceItGivesWay) {
   EXPECT_THAT(Trace(), ElementsAreArray(expected));
 }
 
-TEST_F(SystemTest, ForcesABusyCardAtOnceAndReturnsTheFailureOfTheTenthAttempt) {
+TEST_F(System, ForcesABusyCardAtOnceAndReturnsTheFailureOfTheTenthAttempt) {
   IsBusyUntilForced(kCard, 0);
   std::string const errors = Capture::ErrorOutput([&] { EXPECT_EQ(system.UnmountAll(), -1); });
   EXPECT_EQ(errors, Repeated(9, "Unable to umount storage SD: Device or resource busy\n"));
@@ -218,9 +211,9 @@ TEST_F(SystemTest, ForcesABusyCardAtOnceAndReturnsTheFailureOfTheTenthAttempt) {
   EXPECT_EQ(Machine::Slept(), 900ms);
 }
 
-class ForcedCard : public SystemTest, public testing::WithParamInterface<int> {};
+class SystemForcedCard : public System, public testing::WithParamInterface<int> {};
 
-TEST_P(ForcedCard, CountsAsUnmountedWithWhicheverAttemptItGivesWay) {
+TEST_P(SystemForcedCard, CountsAsUnmountedWithWhicheverAttemptItGivesWay) {
   IsBusyUntilForced(kCard, GetParam());
   std::string const errors = Capture::ErrorOutput([&] { EXPECT_EQ(system.UnmountAll(), 0); });
   EXPECT_EQ(errors,
@@ -228,9 +221,9 @@ TEST_P(ForcedCard, CountsAsUnmountedWithWhicheverAttemptItGivesWay) {
   EXPECT_EQ(Machine::Traced("umount2").size(), GetParam());
 }
 
-INSTANTIATE_TEST_SUITE_P(EveryAttempt, ForcedCard, testing::Values(1, 2, 9, 10));
+INSTANTIATE_TEST_SUITE_P(EveryAttempt, SystemForcedCard, testing::Values(1, 2, 9, 10));
 
-TEST_F(SystemTest, ComplainsWithTheErrorOfTheAttemptThatFailedAndNotOfAnyOtherCall) {
+TEST_F(System, ComplainsWithTheErrorOfTheAttemptThatFailedAndNotOfAnyOtherCall) {
   IsBusyUntilForced(kCard, 0);
   hooks().sync = [] { errno = EIO; };
   hooks().umount2 = [tried = 0](auto&&...) mutable {
@@ -240,7 +233,7 @@ TEST_F(SystemTest, ComplainsWithTheErrorOfTheAttemptThatFailedAndNotOfAnyOtherCa
             "Unable to umount storage SD: Invalid argument\n");
 }
 
-TEST_F(SystemTest, PausesInFullThoughSignalsArrive) {
+TEST_F(System, PausesInFullThoughSignalsArrive) {
   IsBusyUntilForced(kRoot, 2);
   hooks().interrupt = [arrived = 0](std::chrono::nanoseconds pause) mutable {
     return ++arrived % 2 == 1 ? std::optional(pause / 4) : std::nullopt;
@@ -255,7 +248,7 @@ class DeafStandardError {
  public:
   enum Kind { Full, Closed };
 
-  explicit DeafStandardError(Kind kind) : saved(dup(STDERR_FILENO)) {
+  explicit DeafStandardError(Kind kind) {
     EXPECT_EQ(pipe2(ends.data(), O_CLOEXEC | O_NONBLOCK), 0);
     std::array<char, 4096> const block{};
     while (kind == Full && write(ends[1], block.data(), block.size()) > 0) {
@@ -264,25 +257,19 @@ class DeafStandardError {
     fcntl(ends[1], F_SETFL, 0);  // as others' pipes are: writing to it waits
     dup2(ends[1], STDERR_FILENO);
   }
-  DeafStandardError(DeafStandardError const&) = delete;
-  DeafStandardError& operator=(DeafStandardError const&) = delete;
-  ~DeafStandardError() {
-    dup2(saved, STDERR_FILENO);
-    close(saved);
-  }
 
  private:
+  Scoped::AtEnd const errors = Scoped::Descriptor(STDERR_FILENO);
   std::array<int, 2> ends{};
-  int saved;
 };
 
-class DeafStandardErrorTest : public SystemTest,
-                              public testing::WithParamInterface<DeafStandardError::Kind> {};
+class SystemWithADeafStandardError : public System,
+                                     public testing::WithParamInterface<DeafStandardError::Kind> {};
 
 // In a child process, which ends by a signal if it waits, or writes where nobody reads.
-TEST_P(DeafStandardErrorTest, KeepsNothingFromBeingUnmounted) {
+TEST_P(SystemWithADeafStandardError, KeepsNothingFromBeingUnmounted) {
   ChildProcess::Run([this] {
-    alarm(20);
+    ChildProcess::EndInTime();
     hooks().chdir = [](auto&&) { return Answer::Failure(EACCES); };
     hooks().reboot = [](int) { return Answer::Success(); };
     int result = -1;
@@ -299,10 +286,10 @@ TEST_P(DeafStandardErrorTest, KeepsNothingFromBeingUnmounted) {
   });
 }
 
-INSTANTIATE_TEST_SUITE_P(Pipes, DeafStandardErrorTest,
+INSTANTIATE_TEST_SUITE_P(Pipes, SystemWithADeafStandardError,
                          testing::Values(DeafStandardError::Full, DeafStandardError::Closed));
 
-TEST_F(SystemTest, RebootsByCommandThenUnmountsAndHasTheKernelRestart) {
+TEST_F(System, RebootsByCommandThenUnmountsAndHasTheKernelRestart) {
   EveryUnmountSucceeds();
   hooks().system = [](auto&&) { return Answer::Success(); };
   hooks().reboot = [](int command) {
@@ -314,7 +301,7 @@ TEST_F(SystemTest, RebootsByCommandThenUnmountsAndHasTheKernelRestart) {
                                    "umount /mnt/sdcard/", "reboot 19088743"));
 }
 
-TEST_F(SystemTest, RebootsThoughNeitherTheCommandNorTheUnmountsWork) {
+TEST_F(System, RebootsThoughNeitherTheCommandNorTheUnmountsWork) {
   hooks().reboot = [](int) { return Answer::Success(); };
   int result = -1;
   Capture::ErrorOutput([&] { result = system.Reboot(); });
@@ -323,7 +310,7 @@ TEST_F(SystemTest, RebootsThoughNeitherTheCommandNorTheUnmountsWork) {
   EXPECT_EQ(Trace().back(), "reboot 19088743");
 }
 
-TEST_F(SystemTest, GivesTheRebootCommandTwentySecondsThoughASignalArrives) {
+TEST_F(System, GivesTheRebootCommandTwentySecondsThoughASignalArrives) {
   EveryUnmountSucceeds();
   hooks().interrupt = [](std::chrono::nanoseconds pause) {
     return pause == 20s ? std::optional<std::chrono::nanoseconds>(13s) : std::nullopt;
@@ -332,7 +319,7 @@ TEST_F(SystemTest, GivesTheRebootCommandTwentySecondsThoughASignalArrives) {
   EXPECT_THAT(Machine::Traced("sleep"), ElementsAre(Sleep(7s), Sleep(13s)));
 }
 
-TEST_F(SystemTest, SetsTheDateAndTellsWhetherTheKernelTookIt) {
+TEST_F(System, SetsTheDateAndTellsWhetherTheKernelTookIt) {
   long seconds = 1614877509;
   EXPECT_FALSE(system.SetDate(seconds));
   for (int const result : {0, 1}) {
@@ -356,7 +343,7 @@ void ClockTakesSettings(int settings) {
   };
 }
 
-TEST_F(SystemTest, SetsTheSystemClockTwiceFromTheRealTimeClock) {
+TEST_F(System, SetsTheSystemClockTwiceFromTheRealTimeClock) {
   ClockTakesSettings(2);
   long seconds = 1614877509;
   EXPECT_TRUE(system.SetRTC(seconds));
@@ -364,19 +351,19 @@ TEST_F(SystemTest, SetsTheSystemClockTwiceFromTheRealTimeClock) {
   EXPECT_THAT(Trace(), ElementsAre("clock 1614877509", "clock 1614877509"));
 }
 
-TEST_F(SystemTest, FailsToSetTheRealTimeClockWhenTheSecondSettingFails) {
+TEST_F(System, FailsToSetTheRealTimeClockWhenTheSecondSettingFails) {
   ClockTakesSettings(1);
   EXPECT_EQ(SetRTCInVain(), "");
   EXPECT_THAT(Trace(), ElementsAre("clock 1614877509", "clock 1614877509"));
 }
 
-TEST_F(SystemTest, TriesNoSecondSettingAfterTheFirstFailed) {
+TEST_F(System, TriesNoSecondSettingAfterTheFirstFailed) {
   ClockTakesSettings(0);
   EXPECT_EQ(SetRTCInVain(), "");
   EXPECT_THAT(Trace(), ElementsAre("clock 1614877509"));
 }
 
-TEST_F(SystemTest, LeavesTheSystemClockAloneWithoutARealTimeClock) {
+TEST_F(System, LeavesTheSystemClockAloneWithoutARealTimeClock) {
   EXPECT_EQ(SetRTCInVain(), "");
   EXPECT_THAT(Trace(), IsEmpty());
 }

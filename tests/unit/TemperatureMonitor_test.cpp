@@ -18,7 +18,6 @@
 namespace {
 
 using namespace std::chrono_literals;
-using Tarvik::Util::TemperatureMonitor;
 
 constexpr char const* kSensor = "/sys/class/thermal/thermal_zone0/temp";
 
@@ -27,7 +26,7 @@ std::counting_semaphore ticks(0);   // one for each pause that may end by itself
 std::mutex lengthsMutex;
 std::vector<std::chrono::milliseconds> lengths;  // of the pauses
 
-class Temperature : public testing::Test {
+class TemperatureMonitor : public testing::Test {
  protected:
   void SetUp() override {
     lengths.clear();
@@ -74,28 +73,29 @@ class Temperature : public testing::Test {
   }
 
   Machine::ThreadHooks threads;
-  TemperatureMonitor monitor;
+  Tarvik::Util::TemperatureMonitor monitor;
 };
 
-TEST_F(Temperature, HasOneMonitorForTheWholeProcess) {
-  EXPECT_NE(TemperatureMonitor::GetInstance(), nullptr);
-  EXPECT_EQ(TemperatureMonitor::GetInstance(), TemperatureMonitor::GetInstance());
-  EXPECT_FALSE(TemperatureMonitor::GetInstance()->valid);
+TEST_F(TemperatureMonitor, HasOneMonitorForTheWholeProcess) {
+  EXPECT_NE(Tarvik::Util::TemperatureMonitor::GetInstance(), nullptr);
+  EXPECT_EQ(Tarvik::Util::TemperatureMonitor::GetInstance(),
+            Tarvik::Util::TemperatureMonitor::GetInstance());
+  EXPECT_FALSE(Tarvik::Util::TemperatureMonitor::GetInstance()->valid);
 }
 
-TEST_F(Temperature, IsNotKnownBeforeTheStart) {
+TEST_F(TemperatureMonitor, IsNotKnownBeforeTheStart) {
   Machine::MakeFile(kSensor, "41000\n");
   EXPECT_FALSE(monitor.valid);
   EXPECT_EQ(monitor.temperature, 0);
 }
 
-TEST_F(Temperature, IsReadAtTheStart) {
+TEST_F(TemperatureMonitor, IsReadAtTheStart) {
   StartWith("41234\n");
   EXPECT_TRUE(monitor.valid);
   EXPECT_EQ(monitor.temperature, 41);
 }
 
-TEST_F(Temperature, IsReadEveryTenSeconds) {
+TEST_F(TemperatureMonitor, IsReadEveryTenSeconds) {
   StartWith("41000\n");
   NextReading("42000\n");
   EXPECT_EQ(monitor.temperature, 42);
@@ -105,7 +105,7 @@ TEST_F(Temperature, IsReadEveryTenSeconds) {
   EXPECT_THAT(lengths, testing::ElementsAre(10s, 10s, 10s));
 }
 
-TEST_F(Temperature, IsRoundedTowardZero) {
+TEST_F(TemperatureMonitor, IsRoundedTowardZero) {
   struct {
     char const* reading;
     int degrees;
@@ -119,7 +119,7 @@ TEST_F(Temperature, IsRoundedTowardZero) {
   }
 }
 
-TEST_F(Temperature, IsUnknownWhileItsSensorCannotBeRead) {
+TEST_F(TemperatureMonitor, IsUnknownWhileItsSensorCannotBeRead) {
   StartWith("41000\n");
   for (char const* reading : {"", "\n", "hot\n", "2147483648\n"}) {
     NextReading(reading);
@@ -129,7 +129,7 @@ TEST_F(Temperature, IsUnknownWhileItsSensorCannotBeRead) {
   }
 }
 
-TEST_F(Temperature, ComesBackWithItsSensor) {
+TEST_F(TemperatureMonitor, ComesBackWithItsSensor) {
   StartWith("41000\n");
   std::filesystem::remove(Machine::Real(kSensor));
   NextReading();
@@ -140,19 +140,19 @@ TEST_F(Temperature, ComesBackWithItsSensor) {
   EXPECT_EQ(monitor.temperature, 42);
 }
 
-TEST_F(Temperature, IsUnknownOnceTheMonitorHasEnded) {
+TEST_F(TemperatureMonitor, IsUnknownOnceTheMonitorHasEnded) {
   StartWith("41000\n");
   Stop();
   EXPECT_FALSE(monitor.valid);
 }
 
-TEST_F(Temperature, ACancelDoesNotWaitForThePauseToEnd) {
+TEST_F(TemperatureMonitor, ACancelDoesNotWaitForThePauseToEnd) {
   StartWith("41000\n");
   Stop();
   EXPECT_EQ(lengths.size(), 1U);
 }
 
-TEST_F(Temperature, IsReadAgainAfterANewStart) {
+TEST_F(TemperatureMonitor, IsReadAgainAfterANewStart) {
   StartWith("41000\n");
   Stop();
   StartWith("42000\n");
@@ -160,17 +160,17 @@ TEST_F(Temperature, IsReadAgainAfterANewStart) {
   EXPECT_EQ(monitor.temperature, 42);
 }
 
-TEST_F(Temperature, ACancelOfAnIdleMonitorDoesNotShortenALaterPause) {
+TEST_F(TemperatureMonitor, ACancelOfAnIdleMonitorDoesNotShortenALaterPause) {
   for (int i = 0; i < 5; ++i) monitor.Cancel();
   StartWith("41000\n");
   for (int i = 0; i < 1000; ++i) std::this_thread::yield();
   EXPECT_FALSE(pauses.try_acquire());
 }
 
-TEST_F(Temperature, AMonitorMayBeDestroyedWhileItRuns) {
+TEST_F(TemperatureMonitor, AMonitorMayBeDestroyedWhileItRuns) {
   Machine::MakeFile(kSensor, "41000\n");
   {
-    TemperatureMonitor running;
+    Tarvik::Util::TemperatureMonitor running;
     running.Start();
     pauses.acquire();
   }

@@ -10,17 +10,16 @@
 #include <array>
 #include <cerrno>
 #include <cstdint>
-#include <cstdlib>
 #include <ctime>
 #include <limits>
 #include <string>
 
 #include "DiskUtils/System.h"
 #include "base/Date.h"
-#include "base/Logger.h"
 #include "base/UniqueFd.h"
 #include "tests/support/CatalogueTest.h"
 #include "tests/support/LogFile.h"
+#include "tests/support/Scoped.h"
 
 namespace {
 
@@ -35,11 +34,6 @@ constexpr char const* kFormat = "%Y-%m-%d %H:%M:%S";
 
 class ThirtyTwoBit : public CatalogueTest {
  protected:
-  ThirtyTwoBit() {
-    setenv("TZ", "UTC", 1);
-    tzset();
-  }
-
   /// Makes a file that occupies nothing, whatever its size.
   static std::string MakeHuge(std::string const& name, std::uint64_t size) {
     MakeRecording(name);
@@ -50,6 +44,7 @@ class ThirtyTwoBit : public CatalogueTest {
 
   static bool Exists(std::string const& name) { return access(Where(name).c_str(), F_OK) == 0; }
 
+  Scoped::AtEnd const zone = Scoped::TimeZone("UTC");
   std::unique_ptr<FilesManager> const catalogue = NewCatalogue();
 };
 
@@ -133,7 +128,7 @@ TEST_F(ThirtyTwoBit, DatesReachFromTheFirstSecondToTheLast) {
 
 TEST_F(ThirtyTwoBit, ATimeInTheLogIsADateAndASizeANumber) {
   LogFile::BeginAnew();
-  Tarvik::Ilog::Logger::GetInstance()->consoleSink->enabled = false;
+  LogFile::Enable(true, false);
   std::string path = std::string(kDirectory) + "a.gps";
   Ifile file(path, false);
   file.size = 5'000'000'000;

@@ -21,6 +21,7 @@
 #include "tests/support/Capture.h"
 #include "tests/support/ChildProcess.h"
 #include "tests/support/Descriptors.h"
+#include "tests/support/Scoped.h"
 
 namespace {
 
@@ -41,10 +42,10 @@ constexpr char const* kUnmountRamdisk = "umount /mnt/ramdisk";
 constexpr char const* kMountRamdisk =
     "mount -t tmpfs -o noatime,nosuid,nodev,mode=1777,size=192M tmpfs /mnt/ramdisk";
 
-class UtilTest : public testing::Test {
+class Util : public testing::Test {
  protected:
   // Shells that only read may run.
-  UtilTest() {
+  Util() {
     hooks().popen = [](std::string const& command, std::string const& mode) {
       return RealPopen(command.c_str(), mode.c_str());
     };
@@ -69,9 +70,9 @@ class UtilTest : public testing::Test {
 };
 
 /// The kernel's control of its caches; it takes the request at the attempt of that number only.
-class ClearCacheTest : public UtilTest {
+class UtilClearCache : public Util {
  protected:
-  ClearCacheTest() { Machine::MakeFile(kDropCaches, ""); }
+  UtilClearCache() { Machine::MakeFile(kDropCaches, ""); }
 
   void KernelTakesAttempt(int number, ssize_t refusal = -1) {
     hooks().write = [=, this](int fd, void const* data,
@@ -88,14 +89,14 @@ class ClearCacheTest : public UtilTest {
   int written = 0;
 };
 
-TEST_F(ClearCacheTest, WritesASingleThreeWithoutFlushing) {
+TEST_F(UtilClearCache, WritesASingleThreeWithoutFlushing) {
   EXPECT_TRUE(ClearCache());
   EXPECT_EQ(Machine::ReadFile(kDropCaches), "3");
   EXPECT_THAT(Trace(), IsEmpty());
   EXPECT_THAT(descriptors.Opened(), IsEmpty());
 }
 
-TEST_F(ClearCacheTest, SucceedsWithTheFirstThreeAttemptsOnly) {
+TEST_F(UtilClearCache, SucceedsWithTheFirstThreeAttemptsOnly) {
   for (int const attempt : {1, 2, 3, 4}) {
     Machine::Reset();
     Machine::MakeFile(kDropCaches, "");
@@ -107,7 +108,7 @@ TEST_F(ClearCacheTest, SucceedsWithTheFirstThreeAttemptsOnly) {
   }
 }
 
-TEST_F(ClearCacheTest, GivesUpAfterFourAttemptsAndFourPauses) {
+TEST_F(UtilClearCache, GivesUpAfterFourAttemptsAndFourPauses) {
   KernelTakesAttempt(0);
   EXPECT_FALSE(ClearCache());
   EXPECT_EQ(written, 4);
@@ -115,14 +116,14 @@ TEST_F(ClearCacheTest, GivesUpAfterFourAttemptsAndFourPauses) {
   EXPECT_THAT(descriptors.Opened(), IsEmpty());
 }
 
-TEST_F(ClearCacheTest, GivesUpWithoutAWord) {
+TEST_F(UtilClearCache, GivesUpWithoutAWord) {
   hooks().write = [](int fd, auto&&...) -> std::optional<ssize_t> {
     return fd > 2 ? std::optional<ssize_t>(-1) : std::nullopt;
   };
   EXPECT_EQ(Capture::AllOutput([] { EXPECT_FALSE(ClearCache()); }), "");
 }
 
-TEST_F(ClearCacheTest, NeverHasAStandardDescriptorForTheControl) {
+TEST_F(UtilClearCache, NeverHasAStandardDescriptorForTheControl) {
   ChildProcess::Run([] {
     bool cleared = false;
     std::optional<int> control;
@@ -139,13 +140,13 @@ TEST_F(ClearCacheTest, NeverHasAStandardDescriptorForTheControl) {
   });
 }
 
-TEST_F(ClearCacheTest, TakesAWriteOfNothingForAFailure) {
+TEST_F(UtilClearCache, TakesAWriteOfNothingForAFailure) {
   KernelTakesAttempt(0, 0);
   EXPECT_FALSE(ClearCache());
   EXPECT_EQ(written, 4);
 }
 
-TEST_F(ClearCacheTest, FailsAtOnceWithoutPermission) {
+TEST_F(UtilClearCache, FailsAtOnceWithoutPermission) {
   hooks().fault = [](Machine::Call const& call) -> std::optional<int> {
     return call.function == "open" ? std::optional(EACCES) : std::nullopt;
   };
@@ -154,24 +155,24 @@ TEST_F(ClearCacheTest, FailsAtOnceWithoutPermission) {
   EXPECT_EQ(Machine::ReadFile(kDropCaches), "");
 }
 
-TEST_F(UtilTest, ReturnsAllThatACommandPrints) {
+TEST_F(Util, ReturnsAllThatACommandPrints) {
   EXPECT_EQ(ExecSystemCmdThroughPipe("echo one; echo two"), "one\ntwo\n");
   EXPECT_EQ(ExecSystemCmdThroughPipe("printf 'no end'"), "no end");
   EXPECT_THAT(Trace(), ElementsAre("popen echo one; echo two r", "popen printf 'no end' r"));
   EXPECT_THAT(descriptors.Opened(), IsEmpty());
 }
 
-TEST_F(UtilTest, ReturnsNothingForASilentCommand) {
+TEST_F(Util, ReturnsNothingForASilentCommand) {
   EXPECT_EQ(ExecSystemCmdThroughPipe("true"), "");
 }
 
-TEST_F(UtilTest, IgnoresTheExitStatusAndStandardErrorOfACommand) {
+TEST_F(Util, IgnoresTheExitStatusAndStandardErrorOfACommand) {
   std::string const errors = Capture::ErrorOutput(
       [] { EXPECT_EQ(ExecSystemCmdThroughPipe("echo out; echo error >&2; exit 7"), "out\n"); });
   EXPECT_EQ(errors, "error\n");
 }
 
-TEST_F(UtilTest, ReturnsNothingWhenTheCommandCannotBeStarted) {
+TEST_F(Util, ReturnsNothingWhenTheCommandCannotBeStarted) {
   hooks().popen = [](auto&&...) -> FILE* {
     errno = EMFILE;
     return nullptr;
@@ -179,7 +180,7 @@ TEST_F(UtilTest, ReturnsNothingWhenTheCommandCannotBeStarted) {
   EXPECT_EQ(ExecSystemCmdThroughPipe("echo one"), "");
 }
 
-TEST_F(UtilTest, ReturnsLongLinesWhole) {
+TEST_F(Util, ReturnsLongLinesWhole) {
   for (std::size_t const length : {1022U, 1023U, 1024U, 2046U, 5000U, 100000U}) {
     std::string const count = std::to_string(length);
     std::string const line(length, 'x');
@@ -189,12 +190,12 @@ TEST_F(UtilTest, ReturnsLongLinesWhole) {
   }
 }
 
-TEST_F(UtilTest, ReturnsEveryByteNulsToo) {
+TEST_F(Util, ReturnsEveryByteNulsToo) {
   EXPECT_EQ(ExecSystemCmdThroughPipe("printf 'one\\0two\\n\\0\\0three'"),
             std::string("one\0two\n\0\0three", 15));
 }
 
-TEST_F(UtilTest, KeepsThePipeFromOtherCommands) {
+TEST_F(Util, KeepsThePipeFromOtherCommands) {
   int pieces = 0;
   BeforeReading([&](int fd) {
     ++pieces;
@@ -205,14 +206,14 @@ TEST_F(UtilTest, KeepsThePipeFromOtherCommands) {
   EXPECT_EQ(pieces, 2);
 }
 
-TEST_F(UtilTest, ReturnsAllThoughASignalInterruptsEachPiece) {
+TEST_F(Util, ReturnsAllThoughASignalInterruptsEachPiece) {
   int reads = 0;
   BeforeReading([&](int) { return ++reads % 3 == 0 ? 0 : EINTR; });
   EXPECT_EQ(ExecSystemCmdThroughPipe("head -c 5000 /dev/zero | tr '\\0' x; echo end"),
             std::string(5000, 'x') + "end\n");
 }
 
-TEST_F(UtilTest, ReturnsWhatItHasWhenThePipeFails) {
+TEST_F(Util, ReturnsWhatItHasWhenThePipeFails) {
   int reads = 0;
   BeforeReading([&](int) { return ++reads == 2 ? EIO : 0; });
   EXPECT_EQ(ExecSystemCmdThroughPipe("echo one"), "one\n");
@@ -220,23 +221,21 @@ TEST_F(UtilTest, ReturnsWhatItHasWhenThePipeFails) {
 }
 
 // The command writes once this process waits for it, and again after the signal.
-TEST_F(UtilTest, ReturnsAllThoughARealSignalArrivesWhileItWaits) {
+TEST_F(Util, ReturnsAllThoughARealSignalArrivesWhileItWaits) {
   static int arrived;
   arrived = 0;
   struct sigaction count {};
   count.sa_handler = [](int) { ++arrived; };  // without SA_RESTART
-  struct sigaction before {};
-  sigaction(SIGUSR1, &count, &before);
+  auto const action = Scoped::SignalAction(SIGUSR1, count);
   EXPECT_EQ(ExecSystemCmdThroughPipe("waits() { grep -q '^State:.S' /proc/$PPID/status; }\n"
                                      "printf 'no end'\n"
                                      "until waits; do :; done; kill -USR1 $PPID\n"
                                      "until waits; do :; done; echo ', and more'"),
             "no end, and more\n");
-  sigaction(SIGUSR1, &before, nullptr);
   EXPECT_EQ(arrived, 1);
 }
 
-TEST_F(UtilTest, ClosesThePipeWhenMemoryRunsOut) {
+TEST_F(Util, ClosesThePipeWhenMemoryRunsOut) {
   std::optional<Machine::FailingAllocation> allocation;
   BeforeReading([&](int) {
     if (!allocation) allocation.emplace(1);
@@ -247,7 +246,7 @@ TEST_F(UtilTest, ClosesThePipeWhenMemoryRunsOut) {
   EXPECT_THAT(descriptors.Opened(), IsEmpty());
 }
 
-class RamdiskTest : public UtilTest {
+class UtilRamdisk : public Util {
  protected:
   /// Mounts with these results of system(3); what that prints.
   std::string Mount(Answer unmounting, Answer mounting) {
@@ -258,29 +257,29 @@ class RamdiskTest : public UtilTest {
   }
 };
 
-TEST_F(RamdiskTest, IsUnmountedAndMountedAnew) {
+TEST_F(UtilRamdisk, IsUnmountedAndMountedAnew) {
   EXPECT_EQ(Mount(Answer::Success(), Answer::Success()), "");
   EXPECT_THAT(Trace(), ElementsAre(std::string("system ") + kUnmountRamdisk,
                                    std::string("system ") + kMountRamdisk));
 }
 
-TEST_F(RamdiskTest, IsSilentAboutCommandsThatFailed) {
+TEST_F(UtilRamdisk, IsSilentAboutCommandsThatFailed) {
   EXPECT_EQ(Mount({32 << 8, 0}, {32 << 8, 0}), "");
 }
 
-TEST_F(RamdiskTest, ReportsCommandsThatCouldNotBeStarted) {
+TEST_F(UtilRamdisk, ReportsCommandsThatCouldNotBeStarted) {
   EXPECT_EQ(Mount(Answer::Failure(EAGAIN), Answer::Success()), "Ramdisk umount error: 255\n");
   EXPECT_EQ(Mount(Answer::Success(), Answer::Failure(EAGAIN)), "Ramdisk mount error: 255\n");
   EXPECT_EQ(Mount(Answer::Failure(EAGAIN), Answer::Failure(EAGAIN)),
             "Ramdisk umount error: 255\nRamdisk mount error: 255\n");
 }
 
-TEST_F(RamdiskTest, ReportsTheSecondByteOfANegativeStatus) {
+TEST_F(UtilRamdisk, ReportsTheSecondByteOfANegativeStatus) {
   EXPECT_EQ(Mount({-256 * 3, 0}, {-256 * 256, 0}),
             "Ramdisk umount error: 253\nRamdisk mount error: 0\n");
 }
 
-TEST_F(RamdiskTest, PrintsInOrderWithWhatTheCommandsPrint) {
+TEST_F(UtilRamdisk, PrintsInOrderWithWhatTheCommandsPrint) {
   hooks().system = [](std::string const& command) {
     EXPECT_EQ(write(1, command.data(), 5), 5);
     return Answer::Failure(ENOMEM);
@@ -295,7 +294,7 @@ std::string OpenFilesOf(pid_t process, std::string const& files) {
          "\n";
 }
 
-TEST_F(UtilTest, DisplaysTheOpenFilesOfThisProcessAndThenItsParent) {
+TEST_F(Util, DisplaysTheOpenFilesOfThisProcessAndThenItsParent) {
   std::vector<std::string> commands;
   hooks().popen = [&](std::string const& command, auto&&) {
     commands.push_back(command);
@@ -307,20 +306,20 @@ TEST_F(UtilTest, DisplaysTheOpenFilesOfThisProcessAndThenItsParent) {
                                     "ls -l /proc/" + std::to_string(getppid()) + "/fd"));
 }
 
-TEST_F(UtilTest, DisplaysNothingWhereThePipeGivesNothing) {
+TEST_F(Util, DisplaysNothingWhereThePipeGivesNothing) {
   hooks().popen = [](auto&&...) -> FILE* { return nullptr; };
   EXPECT_EQ(Capture::Output(DisplayOpenFiles),
             OpenFilesOf(getpid(), "") + OpenFilesOf(getppid(), ""));
 }
 
-TEST_F(UtilTest, DisplaysTheDescriptorsThatThisProcessReallyHolds) {
+TEST_F(Util, DisplaysTheDescriptorsThatThisProcessReallyHolds) {
   FILE* const held = std::tmpfile();
   std::string const number = " " + std::to_string(fileno(held)) + " -> ";
   EXPECT_THAT(Capture::Output(DisplayOpenFiles), testing::HasSubstr(number));
   std::fclose(held);
 }
 
-TEST_F(UtilTest, AnnouncesACommandBeforeItRuns) {
+TEST_F(Util, AnnouncesACommandBeforeItRuns) {
   hooks().popen = [](auto&&...) -> FILE* {
     EXPECT_EQ(write(1, "*", 1), 1);
     return nullptr;

@@ -10,7 +10,6 @@
 #include <cstring>
 #include <optional>
 #include <string>
-#include <type_traits>
 #include <vector>
 
 #include "base/Logger.h"
@@ -24,7 +23,6 @@ namespace {
 
 using Machine::Answer;
 using Machine::hooks;
-using Quellon::Watchdog;
 using Tarvik::Ilog::Info;
 using Tarvik::Ilog::LogLine;
 using testing::ElementsAre;
@@ -35,8 +33,7 @@ constexpr char const* kDevice = "/dev/watchdog";
 
 /// The log line of that message, without a temperature.
 auto IsLogLine(std::string const& message) {
-  return MatchesRegex("\\[[0-9]{4}-[0-9]{2}-[0-9]{2} [0-9]{2}:[0-9]{2}:[0-9]{2}\\]\\[WTD\\] " +
-                      message + "\n");
+  return MatchesRegex(LogFile::kHeader + "\\[WTD\\] " + message + "\n");
 }
 
 /// A device whose driver takes every timeout and applies `applied` seconds.
@@ -63,10 +60,10 @@ void DriverTakes(int const& fd, ssize_t length) {
   };
 }
 
-class WatchdogTest : public testing::Test {
+class Watchdog : public testing::Test {
  protected:
   // The log file stays open once it was written; these tests count descriptors.
-  WatchdogTest() { Tarvik::Ilog::Logger::GetInstance()->fileSink->enabled = false; }
+  Watchdog() { LogFile::Enable(false, true); }
 
   /// Whether the device is open when the one line that `work` logs goes to the log file.
   template <typename Work>
@@ -92,12 +89,7 @@ class WatchdogTest : public testing::Test {
   Descriptors::Watch descriptors;
 };
 
-TEST(WatchdogClass, IsPolymorphicByItsDestructorAndCannotBeCopied) {
-  static_assert(std::has_virtual_destructor_v<Watchdog>);
-  static_assert(!std::is_copy_constructible_v<Watchdog>);
-}
-
-TEST_F(WatchdogTest, ArmsWithNinetySecondsUnlessToldOtherwise) {
+TEST_F(Watchdog, ArmsWithNinetySecondsUnlessToldOtherwise) {
   Machine::MakeFile(kDevice, "");
   std::vector<int> asked;
   hooks().ioctl = [&asked](unsigned long request, void* argument) {
@@ -105,24 +97,24 @@ TEST_F(WatchdogTest, ArmsWithNinetySecondsUnlessToldOtherwise) {
     return Answer::Success();
   };
   Capture::Output([] {
-    Watchdog();
-    Watchdog(17);
-    Watchdog(0);
+    Quellon::Watchdog();
+    Quellon::Watchdog(17);
+    Quellon::Watchdog(0);
   });
   EXPECT_THAT(asked, ElementsAre(90, 17, 0));
 }
 
-TEST_F(WatchdogTest, LogsAndKeepsTheTimeoutThatTheDriverApplied) {
+TEST_F(Watchdog, LogsAndKeepsTheTimeoutThatTheDriverApplied) {
   DriverApplies(88);
   std::string const log = Capture::Output([] {
-    Watchdog const watchdog(90);
+    Quellon::Watchdog const watchdog(90);
     EXPECT_EQ(watchdog.timeout, 88);
     EXPECT_EQ(watchdog.fd, 0);
   });
   EXPECT_THAT(log, IsLogLine("Watchdog timeout have been set to 88 seconds"));
 }
 
-TEST_F(WatchdogTest, SetsTheTimeoutFirstAndLogsTheOneItReadsBack) {
+TEST_F(Watchdog, SetsTheTimeoutFirstAndLogsTheOneItReadsBack) {
   Machine::MakeFile(kDevice, "");
   std::vector<unsigned long> requests;
   hooks().ioctl = [&requests](unsigned long request, void* argument) {
@@ -133,25 +125,25 @@ TEST_F(WatchdogTest, SetsTheTimeoutFirstAndLogsTheOneItReadsBack) {
     }
     return Answer::Success();
   };
-  std::string const log = Capture::Output([] { EXPECT_EQ(Watchdog(60).timeout, 60); });
+  std::string const log = Capture::Output([] { EXPECT_EQ(Quellon::Watchdog(60).timeout, 60); });
   EXPECT_THAT(requests, ElementsAre(WDIOC_SETTIMEOUT, WDIOC_GETTIMEOUT));
   EXPECT_THAT(log, IsLogLine("Watchdog timeout have been set to 64 seconds"));
 }
 
-TEST_F(WatchdogTest, LogsZeroSecondsWhenTheTimeoutCannotBeReadBack) {
+TEST_F(Watchdog, LogsZeroSecondsWhenTheTimeoutCannotBeReadBack) {
   Machine::MakeFile(kDevice, "");
   hooks().ioctl = [](unsigned long request, void*) {
     return request == WDIOC_SETTIMEOUT ? Answer::Success() : Answer::Failure(ENOTTY);
   };
   std::string const log = Capture::Output([] {
-    Watchdog watchdog(30);
+    Quellon::Watchdog watchdog(30);
     EXPECT_TRUE(watchdog.Init());
   });
   EXPECT_THAT(log.substr(0, log.find('\n') + 1),
               IsLogLine("Watchdog timeout have been set to 0 seconds"));
 }
 
-TEST_F(WatchdogTest, OpensTheDeviceForReadingAndWritingAndKeepsItFromCommands) {
+TEST_F(Watchdog, OpensTheDeviceForReadingAndWritingAndKeepsItFromCommands) {
   Machine::MakeFile(kDevice, "");
   hooks().ioctl = [this](unsigned long, void*) {
     int const fd = descriptors.Opened().back();
@@ -159,12 +151,12 @@ TEST_F(WatchdogTest, OpensTheDeviceForReadingAndWritingAndKeepsItFromCommands) {
     EXPECT_EQ(fcntl(fd, F_GETFL) & O_ACCMODE, O_RDWR);
     return Answer::Success();
   };
-  Capture::Output([] { Watchdog(); });
+  Capture::Output([] { Quellon::Watchdog(); });
 }
 
-TEST_F(WatchdogTest, ClosesTheDeviceAfterArmingAndAfterEveryKick) {
+TEST_F(Watchdog, ClosesTheDeviceAfterArmingAndAfterEveryKick) {
   DriverApplies(90);
-  std::optional<Watchdog> watchdog;
+  std::optional<Quellon::Watchdog> watchdog;
   Capture::Output([&] { watchdog.emplace(); });
   EXPECT_THAT(descriptors.Opened(), IsEmpty());
   Capture::Output([&] { EXPECT_TRUE(watchdog->Reset()); });
@@ -172,37 +164,37 @@ TEST_F(WatchdogTest, ClosesTheDeviceAfterArmingAndAfterEveryKick) {
   EXPECT_THAT(descriptors.Opened(), IsEmpty());
 }
 
-TEST_F(WatchdogTest, TakesAnyResultOfSettingTheTimeoutThatIsNotNegativeForASuccess) {
+TEST_F(Watchdog, TakesAnyResultOfSettingTheTimeoutThatIsNotNegativeForASuccess) {
   Machine::MakeFile(kDevice, "");
   hooks().ioctl = [](unsigned long, void*) { return Answer{1, 0}; };
   Capture::Output([] {
-    Watchdog watchdog;
+    Quellon::Watchdog watchdog;
     EXPECT_EQ(watchdog.fd, 0);
     EXPECT_TRUE(watchdog.Init());
   });
 }
 
-TEST_F(WatchdogTest, LogsItsTimeoutBeforeItClosesTheDevice) {
+TEST_F(Watchdog, LogsItsTimeoutBeforeItClosesTheDevice) {
   Machine::MakeFile(kDevice, "");
   int device = -1;
   hooks().ioctl = [&](unsigned long, void*) {
     device = descriptors.Opened().back();
     return Answer::Success();
   };
-  EXPECT_TRUE(IsOpenWhenTheLineIsWritten(device, [] { Watchdog(); }));
+  EXPECT_TRUE(IsOpenWhenTheLineIsWritten(device, [] { Quellon::Watchdog(); }));
 }
 
-TEST_F(WatchdogTest, ClosesTheDeviceBeforeItLogsAKick) {
-  Watchdog watchdog;
+TEST_F(Watchdog, ClosesTheDeviceBeforeItLogsAKick) {
+  Quellon::Watchdog watchdog;
   Machine::MakeFile(kDevice, "");
   ASSERT_TRUE(watchdog.Open());
   int const device = watchdog.fd;
   EXPECT_FALSE(IsOpenWhenTheLineIsWritten(device, [&] { EXPECT_TRUE(watchdog.Reset()); }));
 }
 
-TEST_F(WatchdogTest, IsMadeSilentlyWithoutADevice) {
+TEST_F(Watchdog, IsMadeSilentlyWithoutADevice) {
   std::string const log = Capture::Output([] {
-    Watchdog watchdog(45);
+    Quellon::Watchdog watchdog(45);
     EXPECT_EQ(watchdog.fd, -1);
     EXPECT_EQ(watchdog.timeout, 45);
     EXPECT_FALSE(watchdog.Init());
@@ -210,8 +202,8 @@ TEST_F(WatchdogTest, IsMadeSilentlyWithoutADevice) {
   EXPECT_EQ(log, "");
 }
 
-TEST_F(WatchdogTest, LogsEveryKickThatFindsNoDevice) {
-  Watchdog watchdog;
+TEST_F(Watchdog, LogsEveryKickThatFindsNoDevice) {
+  Quellon::Watchdog watchdog;
   for (int kick = 0; kick < 2; ++kick) {
     std::string const log = Capture::Output([&] { EXPECT_FALSE(watchdog.Reset()); });
     EXPECT_THAT(log, IsLogLine("Watchdog could not be open"));
@@ -219,16 +211,16 @@ TEST_F(WatchdogTest, LogsEveryKickThatFindsNoDevice) {
   }
 }
 
-TEST_F(WatchdogTest, FindsADeviceThatAppearsLater) {
-  Watchdog watchdog;
+TEST_F(Watchdog, FindsADeviceThatAppearsLater) {
+  Quellon::Watchdog watchdog;
   Machine::MakeFile(kDevice, "");
   Capture::Output([&] { EXPECT_TRUE(watchdog.Reset()); });
 }
 
-TEST_F(WatchdogTest, KicksWithTheFourBytesOfAOneAndNothingElse) {
+TEST_F(Watchdog, KicksWithTheFourBytesOfAOneAndNothingElse) {
   DriverApplies(90);
   std::string const log = Capture::Output([] {
-    Watchdog watchdog;
+    Quellon::Watchdog watchdog;
     EXPECT_EQ(Machine::ReadFile(kDevice), "");  // arming writes nothing
     EXPECT_TRUE(watchdog.Reset());
   });
@@ -240,10 +232,10 @@ TEST_F(WatchdogTest, KicksWithTheFourBytesOfAOneAndNothingElse) {
   EXPECT_THAT(log.substr(log.find('\n') + 1), IsLogLine("Watchdog have been reset"));
 }
 
-TEST_F(WatchdogTest, StaysOpenSilentlyWhenTheDriverRefusesTheTimeout) {
+TEST_F(Watchdog, StaysOpenSilentlyWhenTheDriverRefusesTheTimeout) {
   DriverRefuses();
   std::string const log = Capture::Output([this] {
-    Watchdog const watchdog(5);
+    Quellon::Watchdog const watchdog(5);
     EXPECT_GT(watchdog.fd, 0);
     EXPECT_EQ(watchdog.timeout, 5);
     EXPECT_THAT(descriptors.Opened(), testing::Contains(watchdog.fd));
@@ -252,9 +244,9 @@ TEST_F(WatchdogTest, StaysOpenSilentlyWhenTheDriverRefusesTheTimeout) {
   EXPECT_THAT(descriptors.Opened(), IsEmpty());
 }
 
-TEST_F(WatchdogTest, KicksThroughTheDescriptorThatWasLeftOpen) {
+TEST_F(Watchdog, KicksThroughTheDescriptorThatWasLeftOpen) {
   DriverRefuses();
-  Watchdog watchdog;
+  Quellon::Watchdog watchdog;
   int const left = watchdog.fd;
   int opened = 0;
   hooks().fault = [&](Machine::Call const& call) -> std::optional<int> {
@@ -270,10 +262,10 @@ TEST_F(WatchdogTest, KicksThroughTheDescriptorThatWasLeftOpen) {
   EXPECT_THAT(descriptors.Opened(), IsEmpty());
 }
 
-class UnwrittenKick : public WatchdogTest, public testing::WithParamInterface<int> {};
+class WatchdogUnwrittenKick : public Watchdog, public testing::WithParamInterface<int> {};
 
-TEST_P(UnwrittenKick, FailsSilentlyAndLeavesTheDeviceOpenForTheNext) {
-  Watchdog watchdog;
+TEST_P(WatchdogUnwrittenKick, FailsSilentlyAndLeavesTheDeviceOpenForTheNext) {
+  Quellon::Watchdog watchdog;
   Machine::MakeFile(kDevice, "");
   ASSERT_TRUE(watchdog.Open());
   DriverTakes(watchdog.fd, GetParam());
@@ -288,10 +280,10 @@ TEST_P(UnwrittenKick, FailsSilentlyAndLeavesTheDeviceOpenForTheNext) {
   EXPECT_THAT(descriptors.Opened(), IsEmpty());
 }
 
-INSTANTIATE_TEST_SUITE_P(FewerThanFourBytes, UnwrittenKick, testing::Values(-1, 0, 1, 3));
+INSTANTIATE_TEST_SUITE_P(FewerThanFourBytes, WatchdogUnwrittenKick, testing::Values(-1, 0, 1, 3));
 
-TEST_F(WatchdogTest, ClosesOnlyADescriptorAboveZero) {
-  Watchdog watchdog;
+TEST_F(Watchdog, ClosesOnlyADescriptorAboveZero) {
+  Quellon::Watchdog watchdog;
   watchdog.fd = -1;
   EXPECT_FALSE(watchdog.Close());
   EXPECT_EQ(watchdog.fd, -1);
@@ -300,16 +292,16 @@ TEST_F(WatchdogTest, ClosesOnlyADescriptorAboveZero) {
   EXPECT_GE(fcntl(0, F_GETFD), 0);
 }
 
-TEST_F(WatchdogTest, ArmsAgainWithoutKeepingTheDescriptorThatWasLeftOpen) {
+TEST_F(Watchdog, ArmsAgainWithoutKeepingTheDescriptorThatWasLeftOpen) {
   DriverRefuses();
-  Watchdog watchdog;
+  Quellon::Watchdog watchdog;
   DriverApplies(30);
   Capture::Output([&] { EXPECT_TRUE(watchdog.Init()); });
   EXPECT_EQ(watchdog.fd, 0);
   EXPECT_THAT(descriptors.Opened(), IsEmpty());
 }
 
-TEST_F(WatchdogTest, IsArmedAndKickedInAProcessWithoutStandardDescriptors) {
+TEST_F(Watchdog, IsArmedAndKickedInAProcessWithoutStandardDescriptors) {
   ChildProcess::Run([] {
     std::vector<int> armed;
     std::vector<int> left;
@@ -322,7 +314,7 @@ TEST_F(WatchdogTest, IsArmedAndKickedInAProcessWithoutStandardDescriptors) {
         armed = watch.Opened();
         return Answer::Success();
       };
-      Watchdog watchdog;
+      Quellon::Watchdog watchdog;
       kicked = watchdog.Reset();
       left = watch.Opened();
     }
@@ -333,8 +325,8 @@ TEST_F(WatchdogTest, IsArmedAndKickedInAProcessWithoutStandardDescriptors) {
   });
 }
 
-TEST_F(WatchdogTest, OpensAndClosesOnItsOwn) {
-  Watchdog watchdog;
+TEST_F(Watchdog, OpensAndClosesOnItsOwn) {
+  Quellon::Watchdog watchdog;
   Machine::MakeFile(kDevice, "");
   EXPECT_TRUE(watchdog.Open());
   EXPECT_THAT(descriptors.Opened(), ElementsAre(watchdog.fd));

@@ -17,16 +17,16 @@
 #include "base/internal/OutputLine.h"
 #include "tests/machine/Machine.h"
 #include "tests/support/Capture.h"
+#include "tests/support/CounterFile.h"
 #include "tests/support/FakeCard.h"
 #include "tests/support/GroupedNumbers.h"
 #include "tests/support/OwnedSystem.h"
+#include "tests/support/Scoped.h"
 
 namespace {
 
 using Quellon::DiskUtils::Disk;
 using Tarvik::OutputLine;
-
-constexpr char const* kCounterFile = "/root/system.dat";
 
 /// While one exists, the application's own format is on std::cout; at its end, it still is.
 class ApplicationsFormat {
@@ -75,12 +75,12 @@ void StartAGoodCard() {
 
 void StartWithoutACard() {
   Machine::RemoveFile("/dev/mmcblk1");
-  Machine::MakeFile(kCounterFile, R"({"sdcard-status-conter":1234567})");
+  Machine::MakeFile(CounterFile::kPath, CounterFile::Text(1234567));
   EXPECT_FALSE(OwnedSystem().InitDisk()->available);
 }
 
 void KeepTheCounter() {
-  Machine::MakeFile(kCounterFile, "");
+  Machine::MakeFile(CounterFile::kPath, "");
   OwnedSystem system;
   EXPECT_TRUE(system.SaveSDCardStatusCounter(1234567));
   EXPECT_EQ(system.ReadSDCardStatusCounter(), 1234567);
@@ -98,7 +98,7 @@ void AddAFileWithoutADot() {
   EXPECT_FALSE(catalogue.AddFile(name));
 }
 
-class WhateverTheApplicationLeft : public testing::TestWithParam<Job> {
+class ApplicationFormat : public testing::TestWithParam<Job> {
  protected:
   static std::string Print() {
     Machine::Reset();
@@ -108,14 +108,14 @@ class WhateverTheApplicationLeft : public testing::TestWithParam<Job> {
   }
 };
 
-TEST_P(WhateverTheApplicationLeft, TheLinesAreTheSame) {
+TEST_P(ApplicationFormat, TheLinesAreTheSame) {
   std::string const plain = Print();
   EXPECT_THAT(plain, testing::HasSubstr("\n"));
   ApplicationsFormat const format;
   EXPECT_EQ(Print(), plain);
 }
 
-INSTANTIATE_TEST_SUITE_P(Jobs, WhateverTheApplicationLeft,
+INSTANTIATE_TEST_SUITE_P(Jobs, ApplicationFormat,
                          testing::Values(Job{"AGoodStart", StartAGoodCard},
                                          Job{"AStartWithoutACard", StartWithoutACard},
                                          Job{"TheCounter", KeepTheCounter},
@@ -124,7 +124,7 @@ INSTANTIATE_TEST_SUITE_P(Jobs, WhateverTheApplicationLeft,
                                          Job{"OpenFiles", Quellon::SysUtil::DisplayOpenFiles}),
                          [](auto const& instance) { return instance.param.name; });
 
-TEST(StandardOutput, ALineIsWrittenWithItsEndAtOnce) {
+TEST(ApplicationFormatOfALine, ALineIsWrittenWithItsEndAtOnce) {
   Capture::Descriptor output(1);
   OutputLine() << "size " << 31116288 << " of " << 1.5 << 'x' << true;
   std::puts("next");
@@ -132,30 +132,30 @@ TEST(StandardOutput, ALineIsWrittenWithItsEndAtOnce) {
   EXPECT_EQ(output.Text(), "size 31116288 of 1.5x1\nnext\n\n");
 }
 
-TEST(StandardOutput, ALineGoesWhereTheApplicationLeadsTheStream) {
+TEST(ApplicationFormatOfALine, ALineGoesWhereTheApplicationLeadsTheStream) {
   std::stringbuf led;
-  std::streambuf* const before = std::cout.rdbuf(&led);
-  OutputLine() << "led " << 10;
-  std::cout.rdbuf(before);
+  {
+    auto const output = Scoped::Output(&led, std::ios::goodbit);
+    OutputLine() << "led " << 10;
+  }
   EXPECT_EQ(led.str(), "led 10\n");
 }
 
-TEST(StandardOutput, AStreamThatIsSwitchedOffStaysSilent) {
+TEST(ApplicationFormatOfALine, AStreamThatIsSwitchedOffStaysSilent) {
   std::cout.setstate(std::ios::failbit);
   EXPECT_EQ(Capture::Output([] { OutputLine() << "nobody asked"; }), "");
   EXPECT_TRUE(std::cout.rdstate() == std::ios::failbit);
   std::cout.clear();
 }
 
-TEST(StandardOutput, ALineThatCannotBeWrittenDoesNoHarm) {
+TEST(ApplicationFormatOfALine, ALineThatCannotBeWrittenDoesNoHarm) {
   struct Broken : std::streambuf {
     int overflow(int) override { throw std::runtime_error("broken"); }
   } broken;
-  std::streambuf* const before = std::cout.rdbuf(&broken);
-  std::cout.exceptions(std::ios::badbit);
-  EXPECT_NO_THROW(OutputLine() << "lost" << 1);
-  std::cout.exceptions(std::ios::goodbit);
-  std::cout.rdbuf(before);
+  {
+    auto const output = Scoped::Output(&broken, std::ios::badbit);
+    EXPECT_NO_THROW(OutputLine() << "lost" << 1);
+  }
   EXPECT_EQ(Capture::Output([] { OutputLine() << "next"; }), "next\n");
 }
 
@@ -181,48 +181,40 @@ class Garbling : public std::codecvt<char, char, std::mbstate_t> {
   bool do_always_noconv() const noexcept override { return false; }
 };
 
-/// While one exists, streams on files garble what they hold, unless they have a locale of their
+/// While it lasts, streams on files garble what they hold, unless they have a locale of their
 /// own.
-class GarbledFiles {
- public:
-  GarbledFiles() : before(std::locale::global(std::locale(std::locale(), new Garbling))) {}
-  GarbledFiles(GarbledFiles const&) = delete;
-  GarbledFiles& operator=(GarbledFiles const&) = delete;
-  ~GarbledFiles() { std::locale::global(before); }
+[[nodiscard]] Scoped::AtEnd GarbledFiles() {
+  return Scoped::GlobalLocale(std::locale(std::locale(), new Garbling));
+}
 
- private:
-  std::locale before;
-};
-
-TEST(FilesOfTheDevice, AreReadAsTheyAre) {
+TEST(ApplicationFormatOfFiles, AreReadAsTheyAre) {
   FakeCard card;
-  Machine::MakeFile(kCounterFile, "{\n\"sdcard-status-conter\":\n1234567}");
+  Machine::MakeFile(CounterFile::kPath, "{\n\"sdcard-status-conter\":\n1234567}");
   Machine::MakeFile("/proc/12/cmdline", "/usr/bin/recorder");
   OwnedSystem system;
-  GarbledFiles const garbled;
+  auto const garbled = GarbledFiles();
   EXPECT_EQ(system.ReadSDCardStatusCounter(), 1234567);
   EXPECT_EQ(Disk::readSysFSProperty("/sys/block/mmcblk1/device/cid"), FakeCard::kCid);
   EXPECT_EQ(Disk::getSDCardLifetimeWrites("mmcblk1p1"), 734003U);
   EXPECT_EQ(Quellon::SysUtil::GetProcIdByName("recorder"), 12);
 }
 
-TEST(FilesOfTheDevice, AreWrittenAsTheyShallBe) {
+TEST(ApplicationFormatOfFiles, AreWrittenAsTheyShallBe) {
   FakeCard card;
-  Machine::MakeFile(kCounterFile, "");
+  Machine::MakeFile(CounterFile::kPath, "");
   OwnedSystem system;
   Capture::Descriptor const output(1);
   std::string testFile;
   {
-    GarbledFiles const garbled;
+    auto const garbled = GarbledFiles();
     EXPECT_TRUE(system.SaveSDCardStatusCounter(1234567));
     Machine::hooks().sync = [&testFile] {
-      std::locale const before = std::locale::global(std::locale::classic());
+      auto const plain = Scoped::GlobalLocale(std::locale::classic());
       testFile = Machine::ReadFile(FakeCard::kTestFile);
-      std::locale::global(before);
     };
     EXPECT_TRUE(system.InitDisk()->available);
   }
-  EXPECT_EQ(Machine::ReadFile(kCounterFile), R"({"sdcard-status-conter":1234567})");
+  EXPECT_EQ(Machine::ReadFile(CounterFile::kPath), CounterFile::Text(1234567));
   EXPECT_EQ(testFile, "velmor");
 }
 
