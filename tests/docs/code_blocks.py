@@ -44,7 +44,7 @@ WRONG = {
     "```\nls\n```\n": "unknown language", "```json\n{zr:0}\n```\n": "no JSON",
     "```sh\nif true; do\n```\n": "syntax error",
     "```cpp\nint Gone();\nint main() { return Gone(); }\n```\n": "Gone",
-    "```cmake\nfind_package(Nothing REQUIRED)\n```\n": "Nothing",
+    "```cmake\nproject(A LANGUAGES NONE)\nfind_package(Nothing REQUIRED)\n```\n": "Nothing",
 }
 
 

@@ -1,9 +1,10 @@
 #!/usr/bin/env python3
-"""Compares docs/operations.md, where "…" stands for a value, with the string literals of the library
-and the recorder.
+"""Compares docs/operations.md, where "…" stands for a value, with the string literals of the
+library and the recorder.
 
-Fails when a literal is in no code span of the page, when the literals of a message that is described
-there do not follow each other in a source, or when a shown line of output is none of these messages.
+Fails when a literal is in no code span of the page, when the literals of a message that is
+described there do not follow each other in a source, or when a shown line of output is none of
+these messages.
 """
 
 import re
@@ -19,7 +20,7 @@ UNSEEN_FILES = {"base/JsonWriter.cpp"}
 UNSEEN = {r"\"\\/bfnrt", r"\"\\/\b\f", r"\r\t", "null", "true", "false", ".", "..", "/dev/null",
           r"/\\", "/", "r", "3"}
 
-# Comments, characters, names of headers and what the compiler says are matched first, to be left out.
+# Comments, characters, names of headers and what the compiler says are matched first, and left out.
 STRING = r'"(?:\\.|[^"\\])*"'
 LITERALS = re.compile(r"//[^\n]*|/\*.*?\*/|^ *#[^\n]*|\bstatic_assert\([^;]*;|'(?:\\.|[^'\\\n])+'|"
                       rf"((?:{STRING}\s*(?:<<\s*(?=\"))?)+)", re.MULTILINE | re.DOTALL)
@@ -53,8 +54,8 @@ def pieces(text: str) -> list[str]:
 
 def missing(sources: dict[str, list[str]], page: str) -> list[str]:
     known = {piece for span in spans(BLOCK.sub("", page)) for piece in pieces(span)} | UNSEEN
-    return [f"{file}: not in docs/operations.md: {literal}" for file in sources.keys() - UNSEEN_FILES
-            for literal in sources[file] if literal not in known]
+    return [f"{file}: not in docs/operations.md: {literal}" for file, found in sources.items()
+            if file not in UNSEEN_FILES for literal in found if literal not in known]
 
 
 def stale(sources: dict[str, list[str]], page: str) -> list[str]:
