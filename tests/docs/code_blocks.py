@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """Tries what the project's pages show: code is compiled and linked, commands and links exist.
 
-  code_blocks.py BUILD_FOLDER COMPILER
+  code_blocks.py BUILD_FOLDER COMPILER [LINK_FLAG]
 
 Every fenced block names its language:
   cpp    part of a source of this project, word for word, or a program that builds with it
@@ -15,6 +15,7 @@ What must not pass is tried each time, so that silence means something.
 """
 
 import json
+import os
 import re
 import shutil
 import subprocess
@@ -104,7 +105,8 @@ def check_program(block: str, build: Path, compiler: str) -> list[str]:
         source.write_text(block)
         return complaint_of([compiler, "-std=c++20", "-Wall", "-Wextra", "-Werror", "-I", str(ROOT),
                              str(source), "-o", f"{folder}/program", "-L", str(build),
-                             f"-Wl,-rpath,{build}", "-lQuellon", "-lTarvik"])
+                             f"-Wl,-rpath,{build}", "-lQuellon", "-lTarvik",
+                             *os.environ["LDFLAGS"].split()])
 
 
 def check_application(block: str, build: Path, compiler: str) -> list[str]:
@@ -182,4 +184,5 @@ def complaint_of(command: list[str], text: str = "") -> list[str]:
 
 
 if __name__ == "__main__":
+    os.environ["LDFLAGS"] = " ".join(sys.argv[3:])  # for what cmake configures, too
     sys.exit(main(Path(sys.argv[1]), sys.argv[2]))
