@@ -79,14 +79,14 @@ timed() {
   minutes+=("$name" $((SECONDS - start)))
 }
 
-# Configures and builds a preset; prints the compiler's words only if it fails. PRESET-tests are the
-# tests in the tree of PRESET, which are built only if they are named.
+# Configures and builds a preset; prints the compiler's words only if it fails. Build presets named
+# TREE-WHAT build what else is in the tree of the preset TREE, such as its tests.
 build() {
   local preset=$1 log=build/$1.log
   shift
   step "Building ($preset)"
   mkdir -p build
-  if ! { cmake --preset "${preset%-tests}" "$@" && cmake --build --preset "$preset"; } \
+  if ! { cmake --preset "${preset%%-*}" "$@" && cmake --build --preset "$preset"; } \
     >"$log" 2>&1; then
     tail -n 50 "$log" >&2
     fail "the build failed; see $log"
