@@ -20,9 +20,11 @@ UNSEEN_FILES = {"base/JsonWriter.cpp"}
 UNSEEN = {r"\"\\/bfnrt", r"\"\\/\b\f", r"\r\t", "null", "true", "false", ".", "..", "/dev/null",
           r"/\\", "/", "r", "3"}
 
-# Comments, characters, names of headers and what the compiler says are matched first, and left out.
+# Comments, characters, names of headers, and what is meant for the compiler (assertions, and the
+# annotations named QUELLON_) are matched first, and left out.
 STRING = r'"(?:\\.|[^"\\])*"'
-LITERALS = re.compile(r"//[^\n]*|/\*.*?\*/|^ *#[^\n]*|\bstatic_assert\([^;]*;|'(?:\\.|[^'\\\n])+'|"
+LITERALS = re.compile(r"//[^\n]*|/\*.*?\*/|^ *#[^\n]*|\bstatic_assert\([^;]*;|"
+                      r"\bQUELLON_[A-Z_]+\([^()]*\)|'(?:\\.|[^'\\\n])+'|"
                       rf"((?:{STRING}\s*(?:<<\s*(?=\"))?)+)", re.MULTILINE | re.DOTALL)
 VALUE = re.compile(r"…|%[-+ #0]*\d*(?:ll|l|z)?[dufsxc]|\\n")  # and the end of a line
 
