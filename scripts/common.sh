@@ -10,37 +10,11 @@ else
   bold='' plain=''
 fi
 
-exec 3>&1  # what the user sees, also while a step writes elsewhere
-
 step() { printf '%s== %s%s\n' "$bold" "$*" "$plain"; }
 
 fail() {
   printf '%s: %s\n' "$(basename "$0")" "$*" >&2
   exit 1
-}
-
-# Seconds, for people: 1:05.
-minutes() { printf '%d:%02d' $(($1 / 60)) $(($1 % 60)); }
-
-# Runs a command; meanwhile a terminal shows how long that has taken.
-timed() {
-  [[ -t 3 ]] || { "$@"; return; }
-  local status=0 clock
-  show_clock &
-  clock=$!
-  "$@" || status=$?
-  kill "$clock"
-  wait "$clock" 2>/dev/null || true
-  printf '\r\e[K' >&3
-  return "$status"
-}
-
-# Ends with the script, too, however that ends.
-show_clock() {
-  local start=$SECONDS
-  while sleep 1 && kill -0 $$ 2>/dev/null; do
-    printf '\r   %s' "$(minutes $((SECONDS - start)))" >&3
-  done
 }
 
 # Shows the comment at the top of the calling script as its help when it is asked for.
@@ -74,8 +48,8 @@ Install them as root: apt-get install ${missing[*]}"
   step "Installing ${missing[*]}"
   local log
   log=$(mktemp)
-  timed apt-get update >"$log" 2>&1 </dev/null || true
-  if ! DEBIAN_FRONTEND=noninteractive timed apt-get -o DPkg::Lock::Timeout=300 install -y \
+  apt-get update >"$log" 2>&1 </dev/null || true
+  if ! DEBIAN_FRONTEND=noninteractive apt-get -o DPkg::Lock::Timeout=300 install -y \
     --no-install-recommends "${missing[@]}" >>"$log" 2>&1 </dev/null; then
     tail -n 30 "$log" >&2
     rm -f "$log"
@@ -86,19 +60,34 @@ Install them as root: apt-get install ${missing[*]}"
 
 # Packages to build the libraries on this machine, and to build and run their tests.
 build_packages=(g++ cmake ninja-build)
-test_packages=(libgtest-dev libgmock-dev e2fsprogs util-linux mount fdisk gcovr libxml2-utils
-  python3)
+test_packages=(libgtest-dev libgmock-dev e2fsprogs util-linux mount fdisk gcovr python3)
 
 check_packages=(clang-14 clang-format-14 clang-tidy-14 cppcheck)
-fuzz_packages=(clang-14 libclang-rt-14-dev libgtest-dev libgmock-dev libxml2-utils)
+fuzz_packages=(clang-14 libclang-rt-14-dev)
+board_packages=(g++-arm-linux-gnueabihf qemu-user-static googletest)
+package_packages=(g++-arm-linux-gnueabihf qemu-user-static dpkg-dev fakeroot file gzip lintian make
+  pkg-config python3-kconfiglib)
+docs_packages=(doxygen graphviz)
 
-# Configures and builds a preset; prints the compiler's words only if it fails.
+minutes=()  # where they went: a step and its seconds, each
+
+# Runs a step and notes how long it took.
+timed() {
+  local name=$1 start=$SECONDS
+  shift
+  "$@"
+  minutes+=("$name" $((SECONDS - start)))
+}
+
+# Configures and builds a preset; prints the compiler's words only if it fails. Build presets named
+# TREE-WHAT build what else is in the tree of the preset TREE, such as its tests.
 build() {
-  local preset=$1 log=build/$1.log start=$SECONDS
+  local preset=$1 log=build/$1.log
   shift
   step "Building ($preset)"
   mkdir -p build
-  if ! timed build_quietly "$preset" "$@" >"$log" 2>&1; then
+  if ! { cmake --preset "${preset%%-*}" "$@" && cmake --build --preset "$preset"; } \
+    >"$log" 2>&1; then
     tail -n 50 "$log" >&2
     fail "the build failed; see $log"
   fi
@@ -106,116 +95,23 @@ build() {
     grep -A5 'warning:' "$log" >&2
     fail "the build has warnings; see $log"
   fi
-  printf '   %s\n' "$(minutes $((SECONDS - start)))"
 }
 
-build_quietly() {
-  local preset=$1
-  shift
-  cmake --preset "$preset" "$@" && cmake --build --preset "$preset"
-}
-
-passed=0 failed=0 skipped=0
-
-# The tests of ctest's report that said that they were skipped, and those that failed. A test that
-# could not be started is reported as a skipped one, too.
-skips='//testcase[skipped[starts-with(@message, "SKIP_")]]'
-failures='//testcase[failure or skipped[not(starts-with(@message, "SKIP_"))]]'
-
-# Each reason once. GoogleTest gives it on a line after "Skipped", other tests on their last one.
-show_skip_reasons() {
-  local report=$1 number
-  for ((number = 1; number <= $(ask "$report" "count($skips)"); ++number)); do
-    ask "$report" "string(($skips)[$number]/system-out)" |
-      awk '/: Skipped$/ { getline; reason = $0; exit } NF { reason = $0 } END { print reason }'
-  done | sort | uniq -c | sed 's/^/   skipped: /'
-}
-
-show_failures() {
-  local report=$1 number
-  for ((number = 1; number <= $(ask "$report" "count($failures)"); ++number)); do
-    printf '%s-- %s%s\n' "$bold" "$(ask "$report" "string(($failures)[$number]/@name)")" "$plain"
-    ask "$report" "string(($failures)[$number]/system-out)" | tail -n 60
-  done
-}
-
-ask() { xmllint --xpath "$2" "$1"; }
-
-# Runs the tests of a preset and counts them; further arguments go to ctest.
+# Runs the tests of a test preset; report_results tells what came of them. On a terminal ctest shows
+# how far it is; elsewhere what passes is left out.
 run_tests() {
-  local preset=$1 report=build/$1/tests-$RANDOM.xml log start=$SECONDS
-  log=${report%.xml}.log
-  shift
-  step "Testing ($preset) $*"
-  timed ctest --test-dir "build/$preset" --output-junit "$root/$report" --output-on-failure \
-    --no-tests=error "$@" >"$log" 2>&1 || true
-  [[ -s $report ]] || fail "no tests were run; see $log"
-  local all bad skip
-  all=$(ask "$report" 'count(//testcase)')
-  bad=$(ask "$report" "count($failures)")
-  skip=$(ask "$report" "count($skips)")
-  ((all > 0)) || fail "no tests were run; see $log"
-  show_failures "$report"
-  sed -nE 's/^ *[0-9]+\/[0-9]+ Test +#[0-9]+: ([^ ]+) .*\*{3}(Failed|Timeout|Exception|Skipped|Not Run)/   \2: \1 /p' "$log"
-  show_skip_reasons "$report"
-  printf '   %d passed, %d failed, %d skipped in %s (%s)\n' \
-    $((all - bad - skip)) "$bad" "$skip" "$(minutes $((SECONDS - start)))" "$log"
-  passed=$((passed + all - bad - skip))
-  failed=$((failed + bad))
-  skipped=$((skipped + skip))
-}
-
-skip_status=77  # of a check or test that could not be made here
-
-# A check that is one test: its output is shown only if it fails.
-run_check() {
-  local name=$1 log=build/check-$RANDOM.log start=$SECONDS status
-  shift
-  step "$name"
-  mkdir -p build
-  timed "$@" >"$log" 2>&1 && status=0 || status=$?
-  if ((status == 0)); then
-    passed=$((passed + 1))
-  elif ((status == skip_status)); then
-    skipped=$((skipped + 1))
-    printf '   skipped: %s\n' "$(tail -n 1 "$log")"
+  step "Testing ($1)"
+  mkdir -p build/results
+  rm -f "build/results/$1.xml"
+  if [[ -t 1 ]]; then
+    ctest --preset "$1" || true
   else
-    failed=$((failed + 1))
-    tail -n 60 "$log"
-    printf '   failed; see %s\n' "$log"
+    ctest --preset "$1" | grep -vE '^ +Start +[0-9]+: | Passed +[0-9.]+ sec$' || true
   fi
-  printf '   %s\n' "$(minutes $((SECONDS - start)))"
+  [[ -s build/results/$1.xml ]] || fail "no tests were run: ctest --preset $1"
 }
 
-started=()  # names and processes of checks that are under way
-
-# Starts a check beside the steps that follow.
-start_check() {
-  local name=$1
-  shift
-  nice -n 15 "$@" >"build/${name%%[ ,]*}-beside.log" 2>&1 &
-  started+=("$name" $!)
-}
-
-# Waits for the checks that were started.
-finish_checks() {
-  local i
-  for ((i = 0; i < ${#started[@]}; i += 2)); do
-    run_check "${started[i]}" output_of "${started[i + 1]}" "build/${started[i]%%[ ,]*}-beside.log"
-  done
-}
-
-output_of() {
-  local status=0
-  wait "$1" || status=$?
-  cat "$2"
-  return "$status"
-}
-
-# The closing line, and the exit status.
+# What was skipped and why, what failed, where the minutes went, and the closing line.
 report_results() {
-  ((skipped == 0)) || printf '%d tests were skipped; the reasons are above\n' "$skipped"
-  step "Done in $(minutes $SECONDS)"
-  printf '%d passed, %d failed\n' "$passed" "$failed"
-  ((failed == 0))
+  tests/results.py --minutes "${minutes[@]}" --reports "${@/%/.xml}"
 }

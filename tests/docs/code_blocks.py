@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """Tries what the project's pages show: code is compiled and linked, commands and links exist.
 
-  code_blocks.py BUILD_FOLDER COMPILER
+  code_blocks.py BUILD_FOLDER COMPILER [LINK_FLAG]
 
 Every fenced block names its language:
   cpp    part of a source of this project, word for word, or a program that builds with it
@@ -11,9 +11,11 @@ Every fenced block names its language:
   text   output, shown for reading
 In shell blocks and in code spans, scripts, their options, board scenarios and CMake presets exist.
 Links within the project lead to files and headings. The README's main job is the quickstart.
+What must not pass is tried each time, so that silence means something.
 """
 
 import json
+import os
 import re
 import shutil
 import subprocess
@@ -28,16 +30,33 @@ BLOCK = re.compile(r"^```(\w*)\n(.*?)^```$", re.MULTILINE | re.DOTALL)
 INDENTED = re.compile(r"(?:\A|\n)\n {4}[^\n]*")
 SPAN = re.compile(r"`([^`\n]+)`")
 LINK = re.compile(r"\]\(([^)\s]+)\)")
+PRESET = re.compile(r"(cmake --build|cmake --workflow|cmake|ctest) --preset[ =](\S+)")
+KINDS = {"cmake": "configure", "cmake --build": "build", "ctest": "test",
+         "cmake --workflow": "workflow"}
 HEADING = re.compile(r"^#+ (.*)$", re.MULTILINE)
 
 
+# Pages that are complained of, each with a word of the complaint.
+WRONG = {
+    "`scripts/nothing`": "no such script", "`scripts/test --slow`": "no option --slow",
+    "`scripts/board s99_n`": "no such scenario", "`cmake --preset none`": "no such preset",
+    "`ctest --preset base`": "no such preset", "[a](none.md)": "leads nowhere",
+    "[a](#none)": "no heading", "Text\n\n    ls\n": "without a language",
+    "```\nls\n```\n": "unknown language", "```json\n{zr:0}\n```\n": "no JSON",
+    "```sh\nif true; do\n```\n": "syntax error",
+    "```cpp\nint Gone();\nint main() { return Gone(); }\n```\n": "Gone",
+    "```cmake\nproject(A LANGUAGES NONE)\nfind_package(Nothing REQUIRED)\n```\n": "Nothing",
+}
+
+
 def main(build: Path, compiler: str) -> int:
-    found = []
+    found = [f"not complained of: {text}" for text, complaint in WRONG.items()
+             if complaint not in "".join(complaints(ROOT / "README.md", text, build, compiler))]
     if (ROOT / "examples/quickstart/main.cpp").read_text() not in (ROOT / "README.md").read_text():
         found.append("README.md: the main job is not examples/quickstart/main.cpp")
     for page in pages():
         found += [f"{page.relative_to(ROOT)}: {complaint}"
-                  for complaint in complaints(page, build, compiler)]
+                  for complaint in complaints(page, page.read_text(), build, compiler)]
     print("\n".join(found) or f"{len(pages())} pages, nothing to complain of")
     return 1 if found else 0
 
@@ -49,8 +68,7 @@ def pages() -> list[Path]:
                   if page.suffix == ".md")
 
 
-def complaints(page: Path, build: Path, compiler: str) -> list[str]:
-    text = page.read_text()
+def complaints(page: Path, text: str, build: Path, compiler: str) -> list[str]:
     prose = BLOCK.sub("", text)
     found = []
     for language, block in BLOCK.findall(text):
@@ -87,7 +105,8 @@ def check_program(block: str, build: Path, compiler: str) -> list[str]:
         source.write_text(block)
         return complaint_of([compiler, "-std=c++20", "-Wall", "-Wextra", "-Werror", "-I", str(ROOT),
                              str(source), "-o", f"{folder}/program", "-L", str(build),
-                             f"-Wl,-rpath,{build}", "-lQuellon", "-lTarvik"])
+                             f"-Wl,-rpath,{build}", "-lQuellon", "-lTarvik",
+                             *os.environ["LDFLAGS"].split()])
 
 
 def check_application(block: str, build: Path, compiler: str) -> list[str]:
@@ -124,8 +143,8 @@ def check_command(line: str) -> list[str]:
                   if option not in help_of(name)]
         found += [f"no such scenario: {scenario}" for scenario in re.findall(r"\bs\d\d_\w+", rest)
                   if not (ROOT / f"board/scenarios/{scenario}.py").is_file()]
-    found += [f"no such preset: {preset}" for preset in re.findall(r"--preset[ =](\S+)", command)
-              if preset not in presets()]
+    found += [f"no such preset: {preset}" for program, preset in PRESET.findall(command)
+              if preset not in presets(KINDS[program])]
     return found
 
 
@@ -154,9 +173,9 @@ def help_of(script: str) -> str:
 
 
 @cache
-def presets() -> set[str]:
+def presets(kind: str) -> set[str]:
     file = json.loads((ROOT / "CMakePresets.json").read_text())
-    return {preset["name"] for preset in file["configurePresets"] if not preset.get("hidden")}
+    return {preset["name"] for preset in file[f"{kind}Presets"] if not preset.get("hidden")}
 
 
 def complaint_of(command: list[str], text: str = "") -> list[str]:
@@ -165,4 +184,5 @@ def complaint_of(command: list[str], text: str = "") -> list[str]:
 
 
 if __name__ == "__main__":
+    os.environ["LDFLAGS"] = " ".join(sys.argv[3:])  # for what cmake configures, too
     sys.exit(main(Path(sys.argv[1]), sys.argv[2]))

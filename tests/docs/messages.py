@@ -1,133 +1,94 @@
-"""The texts that C++ sources can print, as templates in which each value is shown as "…"."""
+#!/usr/bin/env python3
+"""Compares docs/operations.md, where "…" stands for a value, with the string literals of the
+library and the recorder.
+
+Fails when a literal is in no code span of the page, when the literals of a message that is
+described there do not follow each other in a source, or when a shown line of output is none of
+these messages.
+"""
 
 import re
+import sys
 from pathlib import Path
 
-VALUE = "…"
+ROOT = Path(__file__).resolve().parents[2]
+FOLDERS = ["base", "DiskUtils", "FileUtils", "RTC", "SysUtil", "Watchdog", "Testing",
+           "examples/recorder"]
 
-TOKEN = re.compile(r"""
-    (?P<comment>//[^\n]*|/\*.*?\*/)
-  | (?P<directive>^[ \t]*\#(?:[^\n\\]|\\.)*)
-  | (?P<assertion>\bstatic_assert\b(?:"(?:[^"\\]|\\.)*"|[^";])*)
-  | (?P<text>"(?:[^"\\]|\\.)*")
-  | (?P<character>'(?:[^'\\]|\\.)*')
-  | (?P<word>[\w.:]+)
-  | (?P<join><<|\+)
-  | (?P<other>\S)
-""", re.VERBOSE | re.DOTALL | re.MULTILINE)
+# Literals that nobody sees: what JSON is made of, a directory and its parent, separators, modes.
+UNSEEN_FILES = {"base/JsonWriter.cpp"}
+UNSEEN = {r"\"\\/bfnrt", r"\"\\/\b\f", r"\r\t", "null", "true", "false", ".", "..", "/dev/null",
+          r"/\\", "/", "r", "3"}
 
-# What separates one expression from the next, apart from brackets.
-SEPARATORS = set(",;?=:|&") | {"return", "throw"}
-OPENING, CLOSING = "([{", ")]}"
-CONVERSION = re.compile(r"%[-+ #0]*\d*(?:ll|l|z)?[dufsxc]")
-ESCAPES = {"n": "\n", "t": "\t", "\\": "\\", '"': '"', "'": "'", "b": "\b", "f": "\f", "r": "\r"}
+# Comments, characters, names of headers, and what is meant for the compiler (assertions, and the
+# annotations named QUELLON_) are matched first, and left out.
+STRING = r'"(?:\\.|[^"\\])*"'
+LITERALS = re.compile(r"//[^\n]*|/\*.*?\*/|^ *#[^\n]*|\bstatic_assert\([^;]*;|"
+                      r"\bQUELLON_[A-Z_]+\([^()]*\)|'(?:\\.|[^'\\\n])+'|"
+                      rf"((?:{STRING}\s*(?:<<\s*(?=\"))?)+)", re.MULTILINE | re.DOTALL)
+VALUE = re.compile(r"…|%[-+ #0]*\d*(?:ll|l|z)?[dufsxc]|\\n")  # and the end of a line
+
+BLOCK = re.compile(r"^```(\w*)\n(.*?)^```", re.MULTILINE | re.DOTALL)
+SPAN = re.compile(r"`([^`\n]+)`")
+ROW = re.compile(r"^\| (?:message|verdict) \|.*\n((?:\|.*\n)+)", re.MULTILINE)
+LOG_HEADER = re.compile(r"^\[\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\](\[-?\d+C\])?(\[(ERROR|WARNING)\])?")
 
 
-def messages_of(source: str) -> list[str]:
-    """The lines that a source's string literals make, each once, in their order.
+def main() -> int:
+    page = (ROOT / "docs/operations.md").read_text()
+    sources = {str(path.relative_to(ROOT)): literals(path.read_text()) for folder in FOLDERS
+               for path in sorted((ROOT / folder).rglob("*")) if path.suffix in (".h", ".cpp")}
+    found = missing(sources, page) + stale(sources, page) + not_printed(page)
+    print("\n".join(found) or f"{sum(map(len, sources.values()))} literals, as in the page")
+    return 1 if found else 0
 
-    Pieces joined by "<<" or "+" are one text, and what is joined to them is a value; so is each
-    conversion of a printf format. The first piece of a "<<" chain is where the text goes.
+
+def literals(source: str) -> list[str]:
+    """The texts between values, in their order; a text may be written as several literals."""
+    texts = ("".join(part[1:-1] for part in re.findall(STRING, run, re.DOTALL))
+             for run in LITERALS.findall(source))
+    return [piece for text in texts for piece in pieces(text)]
+
+
+def pieces(text: str) -> list[str]:
+    return [piece.strip() for piece in VALUE.split(text) if piece.strip()]
+
+
+def missing(sources: dict[str, list[str]], page: str) -> list[str]:
+    known = {piece for span in spans(BLOCK.sub("", page)) for piece in pieces(span)} | UNSEEN
+    return [f"{file}: not in docs/operations.md: {literal}" for file, found in sources.items()
+            if file not in UNSEEN_FILES for literal in found if literal not in known]
+
+
+def stale(sources: dict[str, list[str]], page: str) -> list[str]:
+    texts = ["".join(f"\n{literal}\n" for literal in found) for found in sources.values()]
+    return [f"docs/operations.md: in no source: {message}" for message in described(page)
+            if not any("".join(f"\n{piece}\n" for piece in pieces(message)) in text
+                       for text in texts)]
+
+
+def not_printed(page: str) -> list[str]:
+    """The lines shown as output that are no message, after a log line's header, if there is one.
+
+    A text of the system may follow a message, as on standard error.
     """
-    found = []
-    texts(iter(tokens_of(source)), found)
-    lines = (line.strip() for text in found for line in text.split("\n"))
-    return list(dict.fromkeys(line for line in lines if line.strip(VALUE)))
+    made = re.compile("|".join(".+".join(map(re.escape, message.split("…"))) + "(?:: .+)?"
+                               for message in described(page) if re.search(r"\w\w|==", message)))
+    shown = (line.strip() for kind, block in BLOCK.findall(page) if kind == "text"
+             for line in block.splitlines())
+    return [f"docs/operations.md: not printed: {line}" for line in shown
+            if not made.fullmatch(LOG_HEADER.sub("", line).strip())]
 
 
-def messages_below(root: Path, places: list[str]) -> dict[str, str]:
-    """The messages of all sources below some folders, each with the file it was first found in."""
-    messages = {}
-    for place in places:
-        for path in sorted((root / place).rglob("*")):
-            if path.suffix in (".h", ".cpp"):
-                for message in messages_of(path.read_text()):
-                    messages.setdefault(message, str(path.relative_to(root)))
-    return messages
+def described(page: str) -> list[str]:
+    """The messages that tables give a meaning."""
+    return [span for table in ROW.findall(page) for row in table.splitlines()
+            for span in spans(row.split(" | ")[0])]
 
 
-def tokens_of(source: str):
-    for match in TOKEN.finditer(source):
-        if match.lastgroup not in ("comment", "directive", "assertion"):
-            yield match.lastgroup, match.group()
+def spans(text: str) -> list[str]:
+    return [span.replace("\\|", "|").strip() for span in SPAN.findall(text)]
 
 
-def texts(tokens, found: list[str]):
-    """Collects the texts of all expressions up to the bracket that closes this level.
-
-    Returns the last expression's text if it was the only one, so that `std::string("a") + b` is one
-    text with its surroundings.
-    """
-    chain = Chain(found)
-    expressions = 0
-    for kind, token in tokens:
-        if token in CLOSING:
-            break
-        if token in OPENING:
-            chain.nest(texts(tokens, chain.inner))
-        elif token in SEPARATORS:
-            chain.end()
-            expressions += 1
-        else:
-            chain.take(kind, token)
-    alone = chain.literal() if expressions == 0 else None
-    chain.end()
-    return alone
-
-
-class Chain:
-    """The operands of "<<" and "+" within one expression."""
-
-    def __init__(self, found: list[str]):
-        self.found = found
-        self.clear()
-
-    def clear(self):
-        self.operands = [[]]
-        self.inner = []  # texts of nested expressions, in case they are none of this one
-        self.streamed = False
-
-    def take(self, kind: str, token: str):
-        if kind == "join":
-            self.streamed |= token == "<<"
-            self.operands.append([])
-        elif kind == "text":
-            self.operands[-1].append(unescape(token[1:-1]))
-        elif re.fullmatch(r"__[A-Z]+__", token):
-            self.operands[-1].append(VALUE)
-        else:
-            self.operands[-1].append((token,))
-
-    def nest(self, literal: str | None):
-        """Takes a bracketed group, which is a text only where a string is made of one."""
-        if literal is not None and self.operands[-1] == [("std::string",)]:
-            self.operands[-1] = [literal]
-            self.inner.remove(literal)
-        else:
-            self.operands[-1].append(("()",))
-
-    def literal(self) -> str | None:
-        operand = self.operands[0]
-        alone = len(self.operands) == 1 and operand and all(isinstance(p, str) for p in operand)
-        return "".join(operand) if alone else None
-
-    def end(self):
-        operands = [o for o in self.operands if o != [("std::endl",)] and o != [("std::flush",)]]
-        if self.streamed:
-            operands = operands[1:]
-        pieces = [piece_of(operand) for operand in operands]
-        text = re.sub(f"{VALUE}+", VALUE, "".join(pieces))
-        if any(isinstance(part, str) for operand in operands for part in operand):
-            self.found.append(CONVERSION.sub(VALUE, text))
-        self.found.extend(self.inner)
-        self.clear()
-
-
-def piece_of(operand: list) -> str:
-    """An operand's text: its literals; a value where it has anything else."""
-    return "".join(part if isinstance(part, str) else VALUE for part in operand)
-
-
-def unescape(text: str) -> str:
-    text = re.sub(r"\\x([0-9A-Fa-f]{2})", lambda match: chr(int(match.group(1), 16)), text)
-    return re.sub(r"\\(.)", lambda match: ESCAPES.get(match.group(1), match.group(1)), text)
+if __name__ == "__main__":
+    sys.exit(main())

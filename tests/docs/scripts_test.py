@@ -8,7 +8,7 @@ from pathlib import Path
 
 ROOT = Path(__file__).resolve().parents[2]
 SCRIPTS = sorted(path for path in (ROOT / "scripts").iterdir()
-                 if path.suffix not in (".sh", ".md") and path.is_file())
+                 if path.suffix not in (".sh", ".txt") and path.is_file())
 
 
 class Scripts(unittest.TestCase):
@@ -34,48 +34,48 @@ class Scripts(unittest.TestCase):
             self.assertNotEqual(result.returncode, 0, script)
             self.assertIn("--nonsense", result.stderr, script)
 
-    def test_none_colours_what_is_no_terminal(self):
-        for script in SCRIPTS:
-            self.assertNotIn("\x1b", self.run_script(script, "--help").stdout, script)
-        self.assertNotIn("\x1b", self.output("step Here"))
-
-    def test_a_step_is_bold_on_a_terminal(self):
+    def test_a_step_is_bold_on_a_terminal_alone(self):
+        self.assertEqual(self.output("step Here"), "== Here\n")
         self.assertIn("\x1b[1m== Here", self.output("step Here", "script", "-qec"))
 
-    def test_a_long_step_shows_its_time_on_a_terminal_alone(self):
-        command = "timed sleep 1.5 >/dev/null; echo $?"
-        self.assertEqual(self.output(command), "0\n")
-        self.assertIn("0:01", self.output(command, "script", "-qec"))
+    def test_each_test_of_a_program_counts_and_what_could_not_be_started_failed(self):
+        output = self.results_of_tests(
+            program=("echo '[  PASSED  ] 3 tests.'", ""),
+            partly=("echo '[  PASSED  ] 4 tests.'; echo '[  FAILED  ] 2 tests:'; exit 1", ""),
+            skips=("echo 'a.cpp:7: Skipped'; echo no root; echo '[  PASSED  ] 0 tests.'", ""),
+            slow=("sleep 60", "TIMEOUT 1"), good=("echo good", ""), missing=None,
+            elsewhere=("echo no board here; exit 77", "SKIP_RETURN_CODE 77"))
+        self.assertEqual(output, """== Skipped
+       1 no root
+       1 no board here
+== Failed
+   r: partly
+   r: slow
+   r: missing
+== Minutes
+     1:05 build
+     0:02 test
+     1:07 in all
+8 passed, 4 failed
+""")
 
-    def test_the_output_of_each_failing_test_is_shown_and_of_no_other(self):
-        output = self.output_of_tests(bad=("echo of the bad one; exit 1", ""),
-                                      slow=("echo of the slow one; sleep 60", "TIMEOUT 1"),
-                                      good=("echo of the good one", ""))
-        self.assertIn("-- bad\nof the bad one\n", output)
-        self.assertIn("-- slow\nof the slow one\n", output)
-        self.assertNotIn("good", output)
-        self.assertIn("1 passed, 2 failed, 0 skipped", output)
-
-    def test_a_test_that_cannot_be_started_failed_and_was_not_skipped(self):
-        output = self.output_of_tests(missing=None,
-                                      elsewhere=("echo no board here; exit 77",
-                                                 "SKIP_RETURN_CODE 77"))
-        self.assertIn("-- missing\nUnable to find executable", output)
-        self.assertIn("skipped:       1 no board here\n", output)
-        self.assertIn("0 passed, 1 failed, 1 skipped", output)
-
-    def output_of_tests(self, **tests) -> str:
-        """What run_tests says of tests, each a command of the shell and its properties."""
+    def results_of_tests(self, **tests) -> str:
+        """What is said of tests, each a command of the shell and its properties."""
         lines = []
         for name, test in tests.items():
             command, properties = test or ("", "")
             lines.append(f"add_test({name} /bin/sh -c [[{command}]])" if test else
                          f"add_test({name} /nowhere/{name})")
             lines.append(f"set_tests_properties({name} PROPERTIES LABELS x {properties})")
-        (ROOT / "build").mkdir(exist_ok=True)
-        with tempfile.TemporaryDirectory(dir=ROOT / "build") as folder:
+        with tempfile.TemporaryDirectory() as folder:
             (Path(folder) / "CTestTestfile.cmake").write_text("\n".join(lines))
-            return self.output(f"run_tests {Path(folder).name} -L x")
+            subprocess.run(["ctest", "--test-dir", folder, "-j8", "--output-junit",
+                            f"{folder}/r.xml"], capture_output=True)
+            result = subprocess.run([ROOT / "tests/results.py", "--minutes", "build", "65", "test",
+                                     "2", "--reports", f"{folder}/r.xml"], capture_output=True,
+                                    text=True)
+        self.assertEqual(result.returncode, 1)
+        return result.stdout
 
     def output(self, command: str, *terminal: str) -> str:
         command = f"bash -c '. {ROOT}/scripts/common.sh; {command}'"
