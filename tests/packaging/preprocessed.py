@@ -1,5 +1,6 @@
 #!/usr/bin/env python3
-"""Prints what the compiler sees of each source of a build, as CMake has written down its commands.
+"""Prints what the compiler sees of each source in a build but the tests, by the commands that CMake
+has written down.
 
   preprocessed.py BUILD
 """
@@ -10,10 +11,15 @@ import subprocess
 import sys
 from pathlib import Path
 
+ROOT = Path(__file__).resolve().parents[2]
+
 
 def main(build: str):
     for entry in json.loads((Path(build) / "compile_commands.json").read_text()):
-        print("==", entry["file"], flush=True)
+        source = Path(entry["file"])
+        if ROOT not in source.parents or ROOT / "tests" in source.parents:
+            continue
+        print("==", source, flush=True)
         words = shlex.split(entry["command"])
         output = words.index("-o")
         words[output:output + 2] = ["-o", "-"]
