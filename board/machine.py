@@ -42,7 +42,7 @@ class Hardware:
     options: list[str] = field(default_factory=list)
 
     def command(self) -> list[str]:
-        card = f",format=raw,file={self.card}" if self.card else ""
+        card = f",format=raw,cache=unsafe,file={self.card}" if self.card else ""
         return [
             # The machine dies with its owner, however that ends.
             "setpriv", "--pdeathsig", "KILL",
@@ -50,7 +50,7 @@ class Hardware:
             "-display", "none",
             "-kernel", str(self.parts.kernel), "-dtb", str(self.parts.device_tree),
             "-initrd", str(self.initramfs), "-append", KERNEL_ARGUMENTS,
-            "-drive", f"if=sd,index=0,format=raw,id=storage,file={self.storage}",
+            "-drive", f"if=sd,index=0,format=raw,cache=unsafe,id=storage,file={self.storage}",
             "-drive", f"if=sd,index=1,id=card{card}",
             "-device", "ds1338,bus=i2c-bus.0,address=0x68",
             "-rtc", f"base={self.clock},clock=vm",
