@@ -7,9 +7,9 @@ LIMIT = 300
 
 
 def run(board: Board):
-    with board.start(service()) as machine:
+    with board.start(service("await a-while\nsleep 3")) as machine:
         machine.wait(WITHOUT_CARD)
-        machine.run_for(3)
+        machine.go_on("a-while")
         stop(machine)
     expect_gave_up(machine, board.storage, state=3)
     board.note(f"{machine.resets} reboots, counter {counter(board.storage)}")

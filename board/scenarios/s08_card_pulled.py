@@ -9,12 +9,17 @@ LIMIT = 400
 # The kernel notices what is lost when it writes, which it does long before the next recording.
 PERIOD = 4000  # ms
 
+# The service's time stands nearly still while the host pulls or inserts the card.
 PULLED = """
+until [ "$(sed '1,/{after}/d' /var/log/quellon.log | grep -c 'Recorded .*gps')" = 2 ]; do
+    sleep 1
+done
+hold {name}-pulled
 until [ ! -e /dev/mmcblk1 ]; do usleep 100000; done
 echo lost >/mnt/sdcard/lost; sync
 await {name}-released
 sleep 6
-await {name}-looked-for
+hold {name}-looked-for
 until [ -e /dev/mmcblk1 ]; do usleep 100000; done
 """
 
@@ -24,18 +29,19 @@ OLD = range(101, 143)
 
 def run(board: Board):
     card = new_card(board)
-    script = service(PULLED.format(name="first") + PULLED.format(name="second"), PERIOD)
+    # Two recordings are deleted for every second one made: after two there is no room.
+    script = service(PULLED.format(name="first", after="Catalogue of") +
+                     PULLED.format(name="second", after="Deleted 2 oldest"), PERIOD)
     with board.start(script, card) as machine:
         machine.wait("[REC] Recorded rec_000144.gps")
-        machine.pull_card()
+        pull(machine, "first")
         machine.wait("[REC] Could not write")
         put_back(machine, "first", card)
 
-        # Two recordings are deleted for every second one made: after two there is no room.
         machine.wait("[REC] Deleted 2 oldest recordings")
         machine.wait(".gps")
         machine.wait(".gps")
-        machine.pull_card()
+        pull(machine, "second")
         machine.wait("[REC] Unable to make room, after 100 retries")
         put_back(machine, "second", card)
 
@@ -56,6 +62,12 @@ def new_card(board: Board) -> Image:
     times = {name: 1_600_000_000 + int(name[7:13]) for name in files}
     return Image.card(board.folder / "card.img", fill(board.folder / "card", files, times),
                       size=64 << 20)
+
+
+def pull(machine, pull: str):
+    machine.arrive(f"{pull}-pulled")
+    machine.pull_card()
+    machine.go_on(f"{pull}-pulled")
 
 
 def put_back(machine, pull: str, card: Image):

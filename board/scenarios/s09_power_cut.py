@@ -15,6 +15,8 @@ OLD = range(1, 19)
 CARD_BYTES = 32 << 20
 
 PERIOD = 300  # ms
+MOST_FILES = 10  # that are complete when the power is cut, two a recording
+LONGEST_WRITE = 0.3  # seconds of the host, about what a recording takes there
 DELETED_AT_ONCE = 2
 
 LOOK = """
@@ -35,8 +37,9 @@ def run(board: Board):
     board.note(f"moments of the cuts: seed {seed}")
     for _ in range(board.cuts + 1):
         with board.start(LOOK, card) as machine:
-            machine.wait("[REC] Recorded")
-            machine.run_for(chance.uniform(0, 5))
+            for _ in range(chance.randint(1, MOST_FILES)):
+                machine.wait("[REC] Recorded")
+            machine.run_for(chance.uniform(0, LONGEST_WRITE))
             machine.cut_power()
         expect_equal(machine.boots, 1, "starts")
         expect("driver: init-disk yes" in machine.lines, "the card is not in service")

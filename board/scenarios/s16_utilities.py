@@ -7,7 +7,7 @@ from board.image import Image, MiB, fill, sample
 
 LIMIT = 200
 
-FILE = 16 * MiB
+FILE = 4 * MiB
 
 SCRIPT = """
 mount -o noatime,nodiratime,data=writeback /dev/mmcblk1p1 /mnt/sdcard

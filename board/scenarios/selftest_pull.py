@@ -9,6 +9,7 @@ LIMIT = 120
 SCRIPT = """
 mount /dev/mmcblk1p1 /mnt/sdcard
 await pulled
+sleep 1  # until the kernel has noticed
 dd if=/dev/zero of=/mnt/sdcard/new bs=64k count=64 conv=fsync; echo "write $?"
 for attempt in $(seq 50); do [ -e /dev/mmcblk1 ] || break; usleep 100000; done
 ls /dev/mmcblk1; echo "card $?"
