@@ -17,11 +17,11 @@ namespace {
 
 constexpr int kFruitlessAttempts = 100;
 constexpr unsigned int kFilesPerAttempt = 2;
-constexpr useconds_t kAttemptPauseMicroseconds = 10000;
+constexpr useconds_t kFruitlessPauseMicroseconds = 10000;
 
 // Logs and positions outlive the recordings they belong to. The list's owner may have put nulls
 // into it, which stay there.
-bool MayGo(Ifile const* file) {
+bool MayBeDeleted(Ifile const* file) {
   return file != nullptr && file->extension != ".log" && file->extension != ".gps";
 }
 
@@ -60,7 +60,7 @@ bool FilesManager::MakeRoom() {
     while (!CheckAvailableSpace(true)) {
       if (DeleteOldFiles(kFilesPerAttempt) > 0) continue;
       if (--attemptsLeft == 0) throw IException("Unable to make room, after 100 retries");
-      usleep(kAttemptPauseMicroseconds);
+      usleep(kFruitlessPauseMicroseconds);
     }
     return true;
   } catch (IException const& e) {
@@ -76,7 +76,7 @@ unsigned int FilesManager::DeleteOldFiles(unsigned int count) {
   for (auto next = files.begin(); next != files.end() && deleted < wanted;) {
     auto const position = next++;
     Ifile* const file = *position;
-    if (!MayGo(file)) continue;
+    if (!MayBeDeleted(file)) continue;
     Removal const removal = Remove(*file);
     if (removal == Removal::Thrown) continue;  // stays catalogued for another try
     files.erase(position);  // also a file that could not be removed: that object is abandoned on

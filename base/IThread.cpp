@@ -10,10 +10,10 @@ namespace Tarvik::Interfaces {
 
 namespace {
 
-template <typename Work>
-void LoggingExceptions(Work work) noexcept {
+template <typename Task>
+void LoggingExceptions(Task task) noexcept {
   try {
-    work();
+    task();
   } catch (std::exception const& e) {
     Ilog::LogFailure("IThread", e.what());
   } catch (...) {
@@ -39,7 +39,7 @@ void IThread::Stopping() {}
 
 // Of a process that forks only the forking thread lives on in the child. There the worker never
 // ends and never gives the lock back, so all of it is made anew.
-void IThread::LeaveThreadToParent() noexcept {
+void IThread::ForgetThreadOfParent() noexcept {
   if (process == getpid()) return;
   std::construct_at(&stateMutex);
   std::construct_at(&ended);
@@ -49,18 +49,18 @@ void IThread::LeaveThreadToParent() noexcept {
 }
 
 void IThread::Start() {
-  LeaveThreadToParent();
+  ForgetThreadOfParent();
   std::lock_guard const lock(stateMutex);
   startedAs = &typeid(*this);
   if (state == State::Cancelled) state = State::Restarted;
   if (state != State::Idle) return;
   if (worker.joinable()) worker.join();  // it has left its last frame, so this takes no time
-  worker = std::thread(&IThread::Work, this);
+  worker = std::thread(&IThread::RunThread, this);
   state = State::Running;
 }
 
 void IThread::Cancel() {
-  LeaveThreadToParent();
+  ForgetThreadOfParent();
   {
     std::lock_guard const lock(stateMutex);
     if (state != State::Idle) state = State::Cancelled;
@@ -69,7 +69,7 @@ void IThread::Cancel() {
 }
 
 void IThread::Join() {
-  LeaveThreadToParent();
+  ForgetThreadOfParent();
   std::unique_lock lock(stateMutex);
   if (worker.get_id() == std::this_thread::get_id()) return;
   ended.wait(lock, [this] { return state == State::Idle; });
@@ -81,17 +81,17 @@ bool IThread::IsReducedTo(std::type_info const& type) {
   return startedAs != nullptr && *startedAs != type && typeid(*this) == type;
 }
 
-void IThread::Work() noexcept {
+void IThread::RunThread() noexcept {
   do {
     LoggingExceptions([this] { RunUntilCancelled(); });
     LoggingExceptions([this] { RunAfter(); });
-  } while (BeginsAnotherFrame());
+  } while (RestartsOrEnds());
 }
 
 void IThread::RunUntilCancelled() {
   try {
     RunBefore();
-    while (KeepsRunning()) Run();
+    while (IsRunning()) Run();
   } catch (...) {
     StopRunning();  // before anybody hears of it, so that no start is taken for one of this frame
     throw;
@@ -103,12 +103,12 @@ void IThread::StopRunning() {
   if (state == State::Running) state = State::Cancelled;
 }
 
-bool IThread::KeepsRunning() {
+bool IThread::IsRunning() {
   std::lock_guard const lock(stateMutex);
   return state == State::Running;
 }
 
-bool IThread::BeginsAnotherFrame() {
+bool IThread::RestartsOrEnds() {
   std::lock_guard const lock(stateMutex);
   if (state == State::Restarted) {
     state = State::Running;

@@ -62,12 +62,12 @@ class QUELLON_EXPORT IThread {
  private:
   enum class State { Idle, Running, Cancelled, Restarted };
 
-  void LeaveThreadToParent() noexcept;
-  void Work() noexcept;
+  void ForgetThreadOfParent() noexcept;
+  void RunThread() noexcept;
   void RunUntilCancelled();
   void StopRunning();
-  bool KeepsRunning();
-  bool BeginsAnotherFrame();
+  bool IsRunning();
+  bool RestartsOrEnds();
 
   std::mutex stateMutex;
   std::condition_variable ended;

@@ -35,15 +35,15 @@ void Logger::RecoverInChild() noexcept {
 // was disabled, must not wait for the file of a thread that waits for the console. A line that a
 // disabled sink drops stands in nobody's way.
 void Logger::BeginLine(LogType type) {
-  if (!fileSink->enabled) fileSink->Abandon();
-  if (!consoleSink->enabled) consoleSink->Abandon();
+  if (!fileSink->enabled) fileSink->DropLine();
+  if (!consoleSink->enabled) consoleSink->DropLine();
   fileSink->RequireNoLine();
   consoleSink->RequireNoLine();
   if (fileSink->enabled) fileSink->BeginLine(type);
   try {
     if (consoleSink->enabled) consoleSink->BeginLine(type);
   } catch (...) {
-    fileSink->Abandon();
+    fileSink->DropLine();
     throw;
   }
 }

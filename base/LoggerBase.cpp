@@ -31,7 +31,7 @@ LoggerBase<Policy>::LoggerBase() {
 template <typename Policy>
 void LoggerBase<Policy>::WriteHeader(LogType type) {
   if (!enabled) {
-    Abandon();
+    DropLine();
     return;
   }
   RequireNoLine();
@@ -187,7 +187,7 @@ void LoggerBase<Policy>::EndLine() {
 }
 
 template <typename Policy>
-void LoggerBase<Policy>::Abandon() noexcept {
+void LoggerBase<Policy>::DropLine() noexcept {
   if (HoldsLine()) Release();
 }
 

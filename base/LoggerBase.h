@@ -100,7 +100,7 @@ class LoggerBase {
   void AppendTag(LogType type);
   [[nodiscard]] bool EndsWithNewline() const noexcept;
   void WriteLine();
-  void Abandon() noexcept;
+  void DropLine() noexcept;
   void Release() noexcept;
   void RecoverInChild() noexcept;
   void ForgetFormat() noexcept;
