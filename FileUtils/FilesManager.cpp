@@ -14,11 +14,13 @@
 #include <vector>
 
 #include "base/Logger.h"
+#include "base/internal/Abandon.h"
 #include "base/internal/OutputLine.h"
 #include "base/internal/UniqueDir.h"
 
 namespace Quellon::FileUtils {
 
+using Tarvik::Abandon;
 using Tarvik::UniqueDir;
 using Tarvik::Ilog::Info;
 using Tarvik::Ilog::LogLine;
@@ -43,11 +45,6 @@ std::string JoinPath(std::string const& directory, std::string_view fileName) {
   path.reserve(directory.size() + fileName.size());
   path.append(directory).append(fileName);
   return path;
-}
-
-// Kept on purpose: the path is judged after the directory was opened, which then stays open.
-void LeaveOpen(UniqueDir directory) {
-  static_cast<void>(directory.release());
 }
 
 // What std::list::sort makes of CBSort, from times that lie side by side: in a long list each look
@@ -130,7 +127,7 @@ bool FilesManager::Load() {
   UniqueDir directory(opendir(path.c_str()));
   if (directory == nullptr) return Fail("Could not open directory", "Load");
   if (!path.ends_with('/')) {
-    LeaveOpen(std::move(directory));
+    Abandon(directory.release());  // it stays open: the path is only judged now
     return Fail("Incorrect path", "Load");
   }
   Forget();
@@ -167,8 +164,7 @@ bool FilesManager::AddFile(std::string& fileName) {
   ResetError();
   auto file = MakeEntry(JoinPath(path, fileName), fileName);
   if (!file->Stat()) {
-    static_cast<void>(file.release());  // abandoned on purpose, as every object of an entry that
-                                        // left the catalogue or never came into it
+    Abandon(file.release());
     return Fail("File not found", "AddFile");
   }
   Append(std::move(file));
@@ -190,9 +186,9 @@ void FilesManager::Append(std::unique_ptr<Ifile> file) {
   static_cast<void>(file.release());  // the list owns it now
 }
 
-// Empties the list. The objects are abandoned on purpose: whoever was given one may still use it.
 void FilesManager::Forget() {
   std::lock_guard const lock(filesMutex);
+  std::ranges::for_each(files, Abandon<Ifile>);
   files.clear();
 }
 

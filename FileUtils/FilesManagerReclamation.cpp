@@ -8,9 +8,11 @@
 
 #include "FileUtils/FilesManager.h"
 #include "base/IException.h"
+#include "base/internal/Abandon.h"
 
 namespace Quellon::FileUtils {
 
+using Tarvik::Abandon;
 using Tarvik::IException;
 
 namespace {
@@ -79,9 +81,11 @@ unsigned int FilesManager::DeleteOldFiles(unsigned int count) {
     if (!MayBeDeleted(file)) continue;
     Removal const removal = Remove(*file);
     if (removal == Removal::Thrown) continue;  // stays catalogued for another try
-    files.erase(position);  // also a file that could not be removed: that object is abandoned on
-                            // purpose, whoever was given it may still use it
-    if (removal == Removal::Failed) continue;
+    files.erase(position);
+    if (removal == Removal::Failed) {
+      Abandon(file);
+      continue;
+    }
     ++deleted;
     SubtractSize(*file);
     delete file;
@@ -97,8 +101,8 @@ bool FilesManager::RemoveFileByName(std::string& fileName) {
   try {
     auto const position = std::ranges::find_if(files, isRemoved);
     if (position == files.end()) return false;
-    SubtractSize(**position);
-    files.erase(position);  // abandoned on purpose: whoever was given the object may still use it
+    SubtractSize(*Abandon(*position));
+    files.erase(position);
     return true;
   } catch (IException const&) {
     return false;

@@ -22,6 +22,9 @@ if(QUELLON_SANITIZE)
   target_compile_options(Quellon_options INTERFACE ${sanitize})
   target_link_options(Quellon_options INTERFACE -fsanitize=${QUELLON_SANITIZE})
   target_link_options(Quellon_test_options INTERFACE -fsanitize=${QUELLON_SANITIZE})
+  if(QUELLON_SANITIZE MATCHES "address|leak")
+    target_compile_definitions(Quellon_options INTERFACE QUELLON_LEAK_CHECKER)  # see Abandon.h
+  endif()
   # Data races lie between two threads, and one of them may be the test's own.
   if(QUELLON_SANITIZE MATCHES thread)
     target_compile_options(Quellon_test_options INTERFACE ${sanitize})
