@@ -117,6 +117,7 @@ class QUELLON_EXPORT Ifile {
   /// What follows the last "." of `anyName`; empty when there is no ".".
   std::string ExtractFileExtension(std::string const& anyName);
 
+  // Binary interface: these fields keep their order.
   std::string path;       ///< the whole path
   std::string extension;  ///< without the dot, but with it where a catalogue set it
   std::string name;       ///< what follows the last "/" of the path

@@ -150,6 +150,7 @@ class QUELLON_EXPORT FilesManager : public Tarvik::Interfaces::IThread,
   unsigned int CountFiles();
   void SubtractSize(Ifile const& file);
 
+  // Binary interface: these fields keep their order.
   Disk* disk;
   std::string path;
   float fraction;

@@ -38,6 +38,7 @@ class QUELLON_EXPORT Watchdog {
   /// Closes the device. False when it was not open.
   bool Close();
 
+  // Binary interface: these fields keep their order.
   int fd = 0;   ///< 0 when closed, -1 after a failed open
   int timeout;  ///< seconds; after `Init` what the driver applied
 };

@@ -32,6 +32,7 @@ class QUELLON_EXPORT IThread {
   virtual ~IThread() = 0;
 
  protected:
+  // Binary interface: the virtual functions keep their order, and no other joins them.
   /// Called on the worker before the first `Run()`.
   virtual void RunBefore();
   /// The work; called again and again until `Cancel()`. Without any of a derived class, or when

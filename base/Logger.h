@@ -23,6 +23,7 @@ class QUELLON_EXPORT Logger {
 
   Logger();
 
+  // Binary interface: these fields keep their order.
   LoggerBase<FileLogPolicy>* fileSink;        ///< "/var/log/quellon.log"; owned by the library
   LoggerBase<ConsoleLogPolicy>* consoleSink;  ///< standard output; owned by the library
 

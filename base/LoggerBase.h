@@ -105,6 +105,7 @@ class LoggerBase {
   void RecoverInChild() noexcept;
   void ForgetFormat() noexcept;
 
+  // Binary interface: these fields keep their order.
   Policy policy;
   LineBuffer line;
   std::ostream stream{&line};
