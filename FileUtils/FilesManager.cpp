@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "base/Logger.h"
+#include "base/MutexLock.h"
 #include "base/internal/Abandon.h"
 #include "base/internal/OutputLine.h"
 #include "base/internal/UniqueDir.h"
@@ -21,6 +22,7 @@
 namespace Quellon::FileUtils {
 
 using Tarvik::Abandon;
+using Tarvik::MutexLock;
 using Tarvik::UniqueDir;
 using Tarvik::Ilog::Info;
 using Tarvik::Ilog::LogLine;
@@ -92,7 +94,7 @@ FilesManager::FilesManager(Disk* card, unsigned long long minimumFree, float sha
 
 FilesManager::~FilesManager() {
   Join();
-  std::lock_guard const lock(filesMutex);
+  MutexLock const lock(filesMutex);
   for (Ifile* file : files) delete file;
   files.clear();
 }
@@ -181,19 +183,19 @@ std::unique_ptr<Ifile> FilesManager::MakeEntry(std::string filePath, std::string
 
 void FilesManager::Append(std::unique_ptr<Ifile> file) {
   totalFilesSize += static_cast<unsigned long long>(file->size);
-  std::lock_guard const lock(filesMutex);
+  MutexLock const lock(filesMutex);
   files.push_back(file.get());
   static_cast<void>(file.release());  // the list owns it now
 }
 
 void FilesManager::Forget() {
-  std::lock_guard const lock(filesMutex);
+  MutexLock const lock(filesMutex);
   std::ranges::for_each(files, Abandon<Ifile>);
   files.clear();
 }
 
 void FilesManager::Sort() {
-  std::lock_guard const lock(filesMutex);
+  MutexLock const lock(filesMutex);
   files.remove(nullptr);  // which has no time to sort by
   try {
     SortByTime(files);
@@ -207,7 +209,7 @@ bool FilesManager::CBSort(Ifile* a, Ifile* b) {
 }
 
 void FilesManager::ReverseList() {
-  std::lock_guard const lock(filesMutex);
+  MutexLock const lock(filesMutex);
   files.reverse();
 }
 
@@ -218,7 +220,7 @@ void FilesManager::ClearList() {
 unsigned long long FilesManager::GetTotalFilesSize(bool recalculate) {
   unsigned long long const known = totalFilesSize;
   if (!recalculate && known != 0) return known;
-  std::lock_guard const lock(filesMutex);
+  MutexLock const lock(filesMutex);
   unsigned long long sum = 0;
   for (Ifile const* file : files) {
     if (file != nullptr) sum += static_cast<unsigned long long>(file->size);
@@ -240,7 +242,7 @@ std::list<Ifile*>& FilesManager::GetList() {
 }
 
 void FilesManager::Log() {
-  std::lock_guard const lock(filesMutex);
+  MutexLock const lock(filesMutex);
   for (Ifile const* file : files) {
     if (file != nullptr) LogLine(Info) << "[SYSTEM][" << file->name << "]";
   }

@@ -4,7 +4,6 @@
 #include <atomic>
 #include <list>
 #include <memory>
-#include <mutex>
 #include <string>
 
 #include "DiskUtils/Disk.h"
@@ -12,6 +11,8 @@
 #include "base/Export.h"
 #include "base/IError.h"
 #include "base/IThread.h"
+#include "base/Mutex.h"
+#include "base/ThreadSafety.h"
 
 namespace Quellon::FileUtils {
 
@@ -156,8 +157,8 @@ class QUELLON_EXPORT FilesManager : public Tarvik::Interfaces::IThread,
   float fraction;
   unsigned long long minFreeSpace;
   std::atomic<unsigned long long> totalFilesSize;
-  std::mutex filesMutex;
-  std::list<Ifile*> files;
+  Tarvik::Mutex filesMutex;
+  std::list<Ifile*> files QUELLON_GUARDED_BY(filesMutex);
 };
 
 }  // namespace Quellon::FileUtils

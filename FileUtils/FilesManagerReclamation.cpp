@@ -4,16 +4,19 @@
 #include <algorithm>
 #include <exception>
 #include <limits>
+#include <mutex>
 #include <typeinfo>
 
 #include "FileUtils/FilesManager.h"
 #include "base/IException.h"
+#include "base/MutexLock.h"
 #include "base/internal/Abandon.h"
 
 namespace Quellon::FileUtils {
 
 using Tarvik::Abandon;
 using Tarvik::IException;
+using Tarvik::MutexLock;
 
 namespace {
 
@@ -73,7 +76,7 @@ bool FilesManager::MakeRoom() {
 unsigned int FilesManager::DeleteOldFiles(unsigned int count) {
   unsigned int const wanted = std::min(count, CountFiles());
   if (wanted == 0) return 0;
-  std::lock_guard const lock(filesMutex);
+  MutexLock const lock(filesMutex);
   unsigned int deleted = 0;
   for (auto next = files.begin(); next != files.end() && deleted < wanted;) {
     auto const position = next++;
@@ -94,7 +97,7 @@ unsigned int FilesManager::DeleteOldFiles(unsigned int count) {
 }
 
 bool FilesManager::RemoveFileByName(std::string& fileName) {
-  std::lock_guard const lock(filesMutex);
+  MutexLock const lock(filesMutex);
   auto const isRemoved = [&fileName](Ifile* file) {
     return file != nullptr && file->name == fileName && file->Remove();
   };
@@ -127,8 +130,9 @@ void FilesManager::Run() {
 // files in a list that is in use.
 unsigned int FilesManager::CountFiles() {
   std::unique_lock const lock(filesMutex, std::try_to_lock);
-  return lock.owns_lock() ? static_cast<unsigned int>(files.size())
-                          : std::numeric_limits<unsigned int>::max();
+  if (!lock.owns_lock()) return std::numeric_limits<unsigned int>::max();
+  filesMutex.AssertHeld();
+  return static_cast<unsigned int>(files.size());
 }
 
 // Never below zero: a file that the list's owner put there was not added, and a total that wraps is

@@ -5,6 +5,7 @@
 #include <memory>
 
 #include "base/Logger.h"
+#include "base/MutexLock.h"
 
 namespace Tarvik::Interfaces {
 
@@ -50,7 +51,7 @@ void IThread::ForgetThreadOfParent() noexcept {
 
 void IThread::Start() {
   ForgetThreadOfParent();
-  std::lock_guard const lock(stateMutex);
+  MutexLock const lock(stateMutex);
   startedAs = &typeid(*this);
   if (state == State::Cancelled) state = State::Restarted;
   if (state != State::Idle) return;
@@ -62,7 +63,7 @@ void IThread::Start() {
 void IThread::Cancel() {
   ForgetThreadOfParent();
   {
-    std::lock_guard const lock(stateMutex);
+    MutexLock const lock(stateMutex);
     if (state != State::Idle) state = State::Cancelled;
   }
   Stopping();
@@ -70,14 +71,14 @@ void IThread::Cancel() {
 
 void IThread::Join() {
   ForgetThreadOfParent();
-  std::unique_lock lock(stateMutex);
+  MutexLock lock(stateMutex);
   if (worker.get_id() == std::this_thread::get_id()) return;
-  ended.wait(lock, [this] { return state == State::Idle; });
+  while (state != State::Idle) lock.Wait(ended);
   if (worker.joinable()) worker.join();
 }
 
 bool IThread::IsReducedTo(std::type_info const& type) {
-  std::lock_guard const lock(stateMutex);
+  MutexLock const lock(stateMutex);
   return startedAs != nullptr && *startedAs != type && typeid(*this) == type;
 }
 
@@ -99,17 +100,17 @@ void IThread::RunUntilCancelled() {
 }
 
 void IThread::StopRunning() {
-  std::lock_guard const lock(stateMutex);
+  MutexLock const lock(stateMutex);
   if (state == State::Running) state = State::Cancelled;
 }
 
 bool IThread::IsRunning() {
-  std::lock_guard const lock(stateMutex);
+  MutexLock const lock(stateMutex);
   return state == State::Running;
 }
 
 bool IThread::RestartsOrEnds() {
-  std::lock_guard const lock(stateMutex);
+  MutexLock const lock(stateMutex);
   if (state == State::Restarted) {
     state = State::Running;
     return true;

@@ -4,11 +4,12 @@
 #include <sys/types.h>
 
 #include <condition_variable>
-#include <mutex>
 #include <thread>
 #include <typeinfo>
 
 #include "base/Export.h"
+#include "base/Mutex.h"
+#include "base/ThreadSafety.h"
 
 namespace Tarvik::Interfaces {
 
@@ -63,18 +64,19 @@ class QUELLON_EXPORT IThread {
  private:
   enum class State { Idle, Running, Cancelled, Restarted };
 
-  void ForgetThreadOfParent() noexcept;
+  void ForgetThreadOfParent() noexcept QUELLON_NO_THREAD_SAFETY_ANALYSIS;  // the only thread
   void RunThread() noexcept;
   void RunUntilCancelled();
   void StopRunning();
   bool IsRunning();
   bool RestartsOrEnds();
 
-  std::mutex stateMutex;
+  Mutex stateMutex;
   std::condition_variable ended;
-  State state = State::Idle;
-  std::type_info const* startedAs = nullptr;  // the object's class at the last start
-  std::thread worker;
+  State state QUELLON_GUARDED_BY(stateMutex) = State::Idle;
+  // The object's class at the last start.
+  std::type_info const* startedAs QUELLON_GUARDED_BY(stateMutex) = nullptr;
+  std::thread worker QUELLON_GUARDED_BY(stateMutex);
   pid_t process;  // that the thread is of
 };
 

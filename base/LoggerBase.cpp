@@ -6,6 +6,7 @@
 #include <limits>
 #include <locale>
 #include <memory>
+#include <mutex>
 #include <string_view>
 #include <system_error>
 
@@ -41,6 +42,7 @@ void LoggerBase<Policy>::WriteHeader(LogType type) {
 template <typename Policy>
 void LoggerBase<Policy>::BeginLine(LogType type) {
   std::unique_lock lock(lineLock);
+  lineLock.AssertHeld();
   if constexpr (requires { policy.WriteHeader(type); }) policy.WriteHeader(type);
   AppendTime();
   AppendTemperature();
@@ -60,6 +62,7 @@ template <typename Policy>
 bool LoggerBase<Policy>::TakesPart() noexcept {
   if (!HoldsLine()) return false;
   if (enabled) return true;
+  lineLock.AssertHeld();
   Release();
   return false;
 }
@@ -188,7 +191,9 @@ void LoggerBase<Policy>::EndLine() {
 
 template <typename Policy>
 void LoggerBase<Policy>::DropLine() noexcept {
-  if (HoldsLine()) Release();
+  if (!HoldsLine()) return;
+  lineLock.AssertHeld();
+  Release();
 }
 
 template <typename Policy>
@@ -225,8 +230,10 @@ bool LoggerBase<Policy>::Close() noexcept requires requires(Policy& sinkPolicy) 
 {
   if (HoldsLine()) return false;
   std::unique_lock const lock(lineLock, std::try_to_lock);
-  if (lock.owns_lock()) policy.Close();
-  return lock.owns_lock();
+  if (!lock.owns_lock()) return false;
+  lineLock.AssertHeld();
+  policy.Close();
+  return true;
 }
 
 // Of a process that forks, only the forking thread lives on in the child. What another thread was

@@ -3,7 +3,6 @@
 
 #include <atomic>
 #include <cstddef>
-#include <mutex>
 #include <ostream>
 #include <string>
 #include <string_view>
@@ -15,6 +14,8 @@
 #include "base/ISemaphore.h"
 #include "base/LineBuffer.h"
 #include "base/LogType.h"
+#include "base/Mutex.h"
+#include "base/ThreadSafety.h"
 
 namespace Tarvik::Ilog {
 
@@ -89,33 +90,34 @@ class LoggerBase {
   friend class Logger;
 
   [[nodiscard]] bool HoldsLine() const noexcept;
-  [[nodiscard]] bool TakesPart() noexcept;
+  // True: this thread holds the lock. The compiler takes that for given from here on.
+  [[nodiscard]] bool TakesPart() noexcept QUELLON_ASSERT_CAPABILITY(lineLock);
   void RequireNoLine() const;
-  void AppendText(std::string_view text);
+  void AppendText(std::string_view text) QUELLON_REQUIRES(lineLock);
   template <typename Number>
-  void AppendNumber(Number number);
+  void AppendNumber(Number number) QUELLON_REQUIRES(lineLock);
   void BeginLine(LogType type);
-  void AppendTime();
-  void AppendTemperature();
-  void AppendTag(LogType type);
-  [[nodiscard]] bool EndsWithNewline() const noexcept;
-  void WriteLine();
+  void AppendTime() QUELLON_REQUIRES(lineLock);
+  void AppendTemperature() QUELLON_REQUIRES(lineLock);
+  void AppendTag(LogType type) QUELLON_REQUIRES(lineLock);
+  [[nodiscard]] bool EndsWithNewline() const noexcept QUELLON_REQUIRES(lineLock);
+  void WriteLine() QUELLON_RELEASE(lineLock);
   void DropLine() noexcept;
-  void Release() noexcept;
-  void RecoverInChild() noexcept;
-  void ForgetFormat() noexcept;
+  void Release() noexcept QUELLON_RELEASE(lineLock);
+  void RecoverInChild() noexcept QUELLON_NO_THREAD_SAFETY_ANALYSIS;  // the only thread
+  void ForgetFormat() noexcept QUELLON_REQUIRES(lineLock);
 
   // Binary interface: these fields keep their order.
-  Policy policy;
-  LineBuffer line;
-  std::ostream stream{&line};
-  std::mutex lineLock;
+  Policy policy QUELLON_GUARDED_BY(lineLock);
+  LineBuffer line QUELLON_GUARDED_BY(lineLock);
+  std::ostream stream QUELLON_GUARDED_BY(lineLock){&line};
+  Mutex lineLock;
   Interfaces::ISemaphore lineReady;
   std::atomic<std::thread::id> lineOwner;
-  std::size_t manipulatedLength =
-      0;  // of the line, when a manipulator last ended it with a newline
-  long stampSecond = -1;
-  std::string stamp;
+  // Of the line, when a manipulator last ended it with a newline.
+  std::size_t manipulatedLength QUELLON_GUARDED_BY(lineLock) = 0;
+  long stampSecond QUELLON_GUARDED_BY(lineLock) = -1;
+  std::string stamp QUELLON_GUARDED_BY(lineLock);
 
  public:
   /// False: the sink ignores everything. Any thread may switch it. The library switches a sink off

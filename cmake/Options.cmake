@@ -9,6 +9,7 @@ add_library(Quellon_test_options INTERFACE)
 foreach(options Quellon_options Quellon_test_options)
   target_compile_options(${options} INTERFACE
     -Wall -Wextra -Wpedantic -Wconversion -Wshadow
+    $<$<CXX_COMPILER_ID:Clang>:-Wthread-safety>
     $<$<AND:$<CXX_COMPILER_ID:GNU>,$<STREQUAL:${CMAKE_SYSTEM_PROCESSOR},arm>>:-Wno-psabi>)
   target_compile_features(${options} INTERFACE cxx_std_20)
   # Sizes and times are part of the interface, 32 bits wide on the board, and so are the standard
