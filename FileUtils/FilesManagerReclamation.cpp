@@ -121,13 +121,14 @@ void FilesManager::RemoveAllFilesAsync() {
 }
 
 void FilesManager::Run() {
-  // Else a derived class's work was under way when its object went, and nobody asked for this one.
+  // Otherwise the thread was started for the work of a derived class, which is destroyed already:
+  // nobody asked for files to be removed.
   if (!IsReducedTo(typeid(FilesManager))) RemoveAllFiles();
-  Cancel();  // one pass; a start meanwhile asks for nothing more
+  Cancel();  // once is enough, also for a start that came meanwhile
 }
 
-// Does not wait: a pass keeps the list to itself as long as it deletes. There may be any number of
-// files in a list that is in use.
+// Does not wait: the object's own thread keeps the lock as long as it deletes. While another thread
+// has it, the list may have any number of files.
 unsigned int FilesManager::CountFiles() {
   std::unique_lock const lock(filesMutex, std::try_to_lock);
   if (!lock.owns_lock()) return std::numeric_limits<unsigned int>::max();
@@ -135,8 +136,8 @@ unsigned int FilesManager::CountFiles() {
   return static_cast<unsigned int>(files.size());
 }
 
-// Never below zero: a file that the list's owner put there was not added, and a total that wraps is
-// a full card, on which everything would be deleted.
+// Never below zero: a file that the application put into the list was never counted, and a total
+// that wraps around would look like a full card, so that everything would be deleted.
 void FilesManager::SubtractSize(Ifile const& file) {
   unsigned long long total = totalFilesSize;
   auto const less = [&] {

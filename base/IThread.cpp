@@ -38,8 +38,8 @@ void IThread::Run() {
 void IThread::RunAfter() {}
 void IThread::Stopping() {}
 
-// Of a process that forks only the forking thread lives on in the child. There the worker never
-// ends and never gives the lock back, so all of it is made anew.
+// A child made by fork(2) has only the thread that called it. A worker of the parent neither ends
+// there nor gives its lock back, so all that belongs to it is made anew, over what is there.
 void IThread::ForgetThreadOfParent() noexcept {
   if (process == getpid()) return;
   std::construct_at(&stateMutex);
@@ -55,7 +55,7 @@ void IThread::Start() {
   startedAs = &typeid(*this);
   if (state == State::Cancelled) state = State::Restarted;
   if (state != State::Idle) return;
-  if (worker.joinable()) worker.join();  // it has left its last frame, so this takes no time
+  if (worker.joinable()) worker.join();  // it ends at this moment, so nobody waits long
   worker = std::thread(&IThread::RunThread, this);
   state = State::Running;
 }
@@ -94,7 +94,7 @@ void IThread::RunUntilCancelled() {
     RunBefore();
     while (IsRunning()) Run();
   } catch (...) {
-    StopRunning();  // before anybody hears of it, so that no start is taken for one of this frame
+    StopRunning();  // at once: a start from now on must begin anew, and not count as made before
     throw;
   }
 }

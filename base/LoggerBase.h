@@ -90,7 +90,8 @@ class LoggerBase {
   friend class Logger;
 
   [[nodiscard]] bool HoldsLine() const noexcept;
-  // True: this thread holds the lock. The compiler takes that for given from here on.
+  // True when this thread has a line under way, and so holds the lock, on a sink that is enabled.
+  // The compiler takes the lock for held after the call: do nothing with the line after false.
   [[nodiscard]] bool TakesPart() noexcept QUELLON_ASSERT_CAPABILITY(lineLock);
   void RequireNoLine() const;
   void AppendText(std::string_view text) QUELLON_REQUIRES(lineLock);
