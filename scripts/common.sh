@@ -90,6 +90,7 @@ test_packages=(libgtest-dev libgmock-dev e2fsprogs util-linux mount fdisk gcovr 
   python3)
 
 check_packages=(clang-14 clang-format-14 clang-tidy-14 cppcheck)
+bench_packages=(libbenchmark-dev libspdlog-dev nlohmann-json3-dev rapidjson-dev)
 fuzz_packages=(clang-14 libclang-rt-14-dev libgtest-dev libgmock-dev libxml2-utils)
 
 # Configures and builds a preset; prints the compiler's words only if it fails.

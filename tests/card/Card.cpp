@@ -93,9 +93,9 @@ LoopDevice::LoopDevice(UniqueFd const& file, bool readOnly) {
 }
 
 void LoopDevice::MakeNode(fs::path const& path) const {
-  constexpr unsigned loopMajor = 7;
-  constexpr mode_t blockDevice = S_IFBLK | 0600;
-  Checked(mknod(path.c_str(), blockDevice, makedev(loopMajor, static_cast<unsigned>(number))),
+  constexpr unsigned kLoopMajor = 7;
+  constexpr mode_t kBlockDevice = S_IFBLK | 0600;
+  Checked(mknod(path.c_str(), kBlockDevice, makedev(kLoopMajor, static_cast<unsigned>(number))),
           "mknod " + path.string());
 }
 

@@ -53,9 +53,9 @@ class LoopDevice {
 /// `Format`, `Edit` and the `Damage` operations work on the card while it is out of the slot.
 class Card {
  public:
-  static constexpr std::uint64_t defaultBytes = 64U << 20U;
+  static constexpr std::uint64_t kDefaultBytes = 64U << 20U;
 
-  explicit Card(std::uint64_t bytes = defaultBytes);
+  explicit Card(std::uint64_t bytes = kDefaultBytes);
   Card(Card const&) = delete;
   Card& operator=(Card const&) = delete;
   ~Card();

@@ -83,18 +83,18 @@ TEST_F(DiskTest, IdentityComesFromSysfsAndIsPrinted) {
                                card.identity.csd + "\n Manfield " + card.identity.manfid +
                                "\n Name " + card.identity.name + "\n OemId " + card.identity.oemid +
                                "\n RO 0\n Serial " + card.identity.serial + "\n Size " +
-                               std::to_string(Card::defaultBytes) + "\n");
+                               std::to_string(Card::kDefaultBytes) + "\n");
   EXPECT_EQ(Status().cid, card.identity.cid);
   EXPECT_TRUE(Status().present);
   EXPECT_FALSE(Status().readOnly);
-  EXPECT_EQ(Status().sizeBytes, Card::defaultBytes);
+  EXPECT_EQ(Status().sizeBytes, Card::kDefaultBytes);
 }
 
 TEST_F(DiskTest, KernelFiguresAreReadForTheCardsNames) {
   card.Insert();
   Disk const disk = MakeDisk();
 
-  EXPECT_EQ(Disk::getSDCardTotalSize(device), Card::defaultBytes);
+  EXPECT_EQ(Disk::getSDCardTotalSize(device), Card::kDefaultBytes);
   EXPECT_FALSE(Disk::getSDCardReadOnlyFlag(device));
   EXPECT_GT(Disk::getSDCardLifetimeWrites("mmcblk1p1"), 0U);
 }

@@ -13,15 +13,15 @@
 namespace {
 
 int RunToTheEnd(char** arguments) {
-  constexpr int cannotRun = 127;
+  constexpr int kCannotRun = 127;
   pid_t const child = fork();
   if (child == 0) {
     execvp(arguments[0], arguments);
     std::cerr << "with_card: " << arguments[0] << ": " << std::strerror(errno) << std::endl;
-    _exit(cannotRun);
+    _exit(kCannotRun);
   }
   int status = 0;
-  if (child < 0 || waitpid(child, &status, 0) != child) return cannotRun;
+  if (child < 0 || waitpid(child, &status, 0) != child) return kCannotRun;
   return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
