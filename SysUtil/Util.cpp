@@ -83,8 +83,8 @@ void DisplayOpenFilesOf(pid_t process) {
 bool ClearCache() {
   Tarvik::UniqueFd const control(Tarvik::OpenFile("/proc/sys/vm/drop_caches", O_RDWR));
   if (!control.IsOpen()) return false;
-  int const attempt = Tarvik::Retry(kCacheAttempts, kCachePause,
-                                    [&] { return write(control.Get(), "3", 1) == 1; });
+  int const attempt =
+      Tarvik::Retry(kCacheAttempts, kCachePause, [&] { return write(control.Get(), "3", 1) == 1; });
   return attempt >= 1 && attempt < kCacheAttempts;  // the last success counts as failure
 }
 
