@@ -10,7 +10,7 @@ namespace Tarvik {
 
 /// A std::mutex, and of its shape, with which fields can be marked as guarded. As that one's, the
 /// functions throw std::system_error when the lock fails.
-class QUELLON_CAPABILITY("mutex") Mutex : public std::mutex {
+class QUELLON_LOCKABLE Mutex : public std::mutex {
  public:
   /// Waits for the lock.
   void lock() QUELLON_ACQUIRE() { std::mutex::lock(); }

@@ -9,7 +9,7 @@
 namespace Tarvik {
 
 /// Holds a mutex as long as it lives.
-class QUELLON_SCOPED_CAPABILITY MutexLock {
+class QUELLON_SCOPED_LOCKABLE MutexLock {
  public:
   /// Waits for the mutex; throws std::system_error when the lock fails.
   explicit MutexLock(Mutex& mutex) QUELLON_ACQUIRE(mutex) : lock(mutex) {}

@@ -8,9 +8,9 @@
 #endif
 
 /// A class whose objects are locks.
-#define QUELLON_CAPABILITY(name) QUELLON_THREAD_SAFETY(capability(name))
+#define QUELLON_LOCKABLE QUELLON_THREAD_SAFETY(lockable)
 /// A class whose objects hold a lock from their making to their end.
-#define QUELLON_SCOPED_CAPABILITY QUELLON_THREAD_SAFETY(scoped_lockable)
+#define QUELLON_SCOPED_LOCKABLE QUELLON_THREAD_SAFETY(scoped_lockable)
 /// A field that is read and written with this lock held.
 #define QUELLON_GUARDED_BY(lock) QUELLON_THREAD_SAFETY(guarded_by(lock))
 /// A function that is called with this lock held.
