@@ -11,8 +11,8 @@ namespace Quellon::DiskUtils {
 
 namespace {
 
-constexpr int kAttempts = 4;
-constexpr std::chrono::seconds kAttemptPause(1);
+constexpr int kCommandAttempts = 4;
+constexpr std::chrono::seconds kCommandPause(1);
 constexpr std::chrono::seconds kRebootNoticePause(3);
 using Tarvik::OutputLine;
 
@@ -25,7 +25,7 @@ int Run(std::string const& command) {
 }
 
 bool Succeeds(std::string const& command) {
-  return Tarvik::Retry(kAttempts, kAttemptPause, [&] { return Run(command) == 0; }) != 0;
+  return Tarvik::Retry(kCommandAttempts, kCommandPause, [&] { return Run(command) == 0; }) != 0;
 }
 
 constexpr int kRebootCode = 2;

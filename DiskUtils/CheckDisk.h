@@ -35,6 +35,7 @@ class QUELLON_EXPORT CheckDisk {
   /// reboot is announced but left to others.
   int DiskCheck();
 
+  // Binary interface: these fields keep their order.
   std::string mountPoint;  ///< such as "/mnt/sdcard/"
   std::string devicePath;  ///< such as "/dev/mmcblk1p1"
 };

@@ -18,6 +18,7 @@ class QUELLON_EXPORT Disk : public CheckDisk {
  public:
   /// What is known of the card on one mount point.
   struct DeviceStatus {
+    // Binary interface: these fields keep their order.
     char cid[36];                    ///< the card's identification, NUL-terminated; may be empty
     bool present;                    ///< block device and partition node exist
     bool readOnly;                   ///< the kernel holds the card read-only
@@ -99,6 +100,7 @@ class QUELLON_EXPORT Disk : public CheckDisk {
   /// The raw size in bytes of a block device such as "mmcblk1"; 0 when unknown.
   static unsigned long long getSDCardTotalSize(std::string device);
 
+  // Binary interface: these fields keep their order.
   float reserveRatio;          ///< part of the card that recordings leave alone
   std::string blockDevice;     ///< kernel name of the card, such as "mmcblk1"
   bool available = false;      ///< the card may be used

@@ -12,8 +12,8 @@ namespace Quellon::DiskUtils {
 
 namespace {
 
-constexpr int kAttempts = 10;
-constexpr std::chrono::milliseconds kAttemptPause(100);
+constexpr int kForcedAttempts = 10;
+constexpr std::chrono::milliseconds kForcedPause(100);
 
 }  // namespace
 
@@ -24,7 +24,7 @@ int ForceUnmount(char const* mountPoint, char const* complaint) {
     sync();
     return false;
   };
-  if (Tarvik::Retry(kAttempts - 1, kAttemptPause, unmountOrComplain) != 0) return 0;
+  if (Tarvik::Retry(kForcedAttempts - 1, kForcedPause, unmountOrComplain) != 0) return 0;
   return umount2(mountPoint, MNT_FORCE);  // the last; nothing follows it, so nobody waits
 }
 

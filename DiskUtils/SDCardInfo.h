@@ -14,6 +14,7 @@ class QUELLON_EXPORT SDCardInfo {
  public:
   /// The texts are the first word of their sysfs file.
   struct SDCardInfoData {
+    // Binary interface: these fields keep their order.
     std::string cid;         ///< card identification, 32 hexadecimal digits
     std::string csd;         ///< card-specific data, 32 hexadecimal digits
     std::string serial;      ///< serial number

@@ -74,6 +74,7 @@ class QUELLON_EXPORT System {
   /// Sets the real-time clock "/dev/rtc0" and the system clock. True when both were set.
   bool SetRTC(long& seconds);
 
+  // Binary interface: these fields keep their order.
   HealthStatus healthStatus;        ///< as the last report recorded it
   DiskUtils::Disk* disk = nullptr;  ///< the card; owned, null until `InitDisk` has made one
   bool diskFault = true;            ///< false once a scan has left the card available

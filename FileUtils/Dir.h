@@ -26,6 +26,7 @@ class QUELLON_EXPORT Idir : public Tarvik::Interfaces::IError {
   /// the path recorded, otherwise, and so also on a second call after it was made.
   bool Create();
 
+  // Binary interface: these fields keep their order.
   std::string path;     ///< as it was given
   bool exists = false;  ///< whether the directory could be opened when this object was made
 };

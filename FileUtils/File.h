@@ -12,8 +12,8 @@
 
 namespace Quellon::FileUtils {
 
-/// A file by its path, with what a catalogue of recordings needs to know of it, and a stream on it
-/// if one is wanted. Objects share nothing; each is used by one thread at a time.
+/// A file by its path, with what a catalogue of recordings needs to know of it, and a stream to
+/// read and write it by. Objects share nothing; each is used by one thread at a time.
 ///
 /// Sizes and times come from lstat(2) in the C library's plain form: on a 32-bit board a file of
 /// 2 GiB or more cannot be described, and operations that need its size fail.
@@ -22,13 +22,14 @@ namespace Quellon::FileUtils {
 /// close-on-exec: a command that is run while one is open inherits it.
 class QUELLON_EXPORT Ifile {
  public:
-  /// Describes no file yet; `path`, `name` and `extension` are the caller's to set. The stream is
-  /// made, but not open.
+  /// Describes no file yet; `path`, `name` and `extension` are the caller's to set. `stream` holds
+  /// a stream that is not open.
   Ifile();
 
   /// Describes the file at `filePath`; name and extension (without its dot) are taken from it. If
-  /// `open` is true an existing file is opened for reading and writing, and nothing is reported if
-  /// it cannot be; the file itself is neither made nor emptied.
+  /// `open` is true an existing file is opened for reading and writing; the file itself is neither
+  /// made nor emptied. Whether that worked is not told: test `stream->is_open()`. If `open` is
+  /// false `stream` is null.
   Ifile(std::string& filePath, bool open);
 
   Ifile(Ifile const&) = delete;
@@ -50,10 +51,11 @@ class QUELLON_EXPORT Ifile {
   /// Logs path, name, extension, size and time, a line each.
   void PrintStat();
 
-  /// Opens the stream for reading and writing. An existing file is opened in place if there was no
-  /// stream yet; else it is made if missing, and `append` decides whether it keeps its contents.
-  /// Returns true even when that failed: test `stream->is_open()`. Throws IException "Empty file
-  /// path".
+  /// Opens the stream for reading and writing; does nothing if it is open. While `stream` is null
+  /// an existing file is opened as it is, whatever `append` says. Otherwise, and if that failed,
+  /// the file is made if it is missing; one that exists keeps its contents if `append` is true, and
+  /// is emptied if not. Returns true even when the file could not be opened: test
+  /// `stream->is_open()`. Throws IException "Empty file path".
   bool Open(bool append);
 
   /// Flushes and closes the stream, if it is open; a failure is left in its state. What was written
@@ -73,8 +75,8 @@ class QUELLON_EXPORT Ifile {
   /// flushes the stream, then the file and the directory it lies in, each by an fsync(2) of its
   /// own. Waits for the card, from some ms to seconds: call it where a recording is complete, and
   /// now and then in a long one. False when one of them fails, or the stream has failed before,
-  /// also when closing it; the file is not to be counted on then. The stream may be open, closed or
-  /// none.
+  /// also when closing it; the file is not to be counted on then. It does not matter whether the
+  /// stream is open, was closed, or is null.
   bool Sync();
 
   /// Closes the stream and unlinks the file, in 3 attempts 50 ms apart. False, at once, when the
@@ -117,6 +119,7 @@ class QUELLON_EXPORT Ifile {
   /// What follows the last "." of `anyName`; empty when there is no ".".
   std::string ExtractFileExtension(std::string const& anyName);
 
+  // Binary interface: these fields keep their order.
   std::string path;       ///< the whole path
   std::string extension;  ///< without the dot, but with it where a catalogue set it
   std::string name;       ///< what follows the last "/" of the path
@@ -124,7 +127,7 @@ class QUELLON_EXPORT Ifile {
   long long size = 0;     ///< bytes, from the last successful `Stat`
   std::time_t time = 0;   ///< modification time, seconds since the epoch, from the same
   bool marked = false;    ///< for the application; never read here
-  std::unique_ptr<std::fstream> stream;  ///< the file's stream; may be null
+  std::unique_ptr<std::fstream> stream;  ///< the file's stream; null if none was asked for yet
 };
 
 }  // namespace Quellon::FileUtils

@@ -14,11 +14,15 @@
 #include <vector>
 
 #include "base/Logger.h"
+#include "base/MutexLock.h"
+#include "base/internal/Abandon.h"
 #include "base/internal/OutputLine.h"
 #include "base/internal/UniqueDir.h"
 
 namespace Quellon::FileUtils {
 
+using Tarvik::Abandon;
+using Tarvik::MutexLock;
 using Tarvik::UniqueDir;
 using Tarvik::Ilog::Info;
 using Tarvik::Ilog::LogLine;
@@ -43,11 +47,6 @@ std::string JoinPath(std::string const& directory, std::string_view fileName) {
   path.reserve(directory.size() + fileName.size());
   path.append(directory).append(fileName);
   return path;
-}
-
-// Kept on purpose: the path is judged after the directory was opened, which then stays open.
-void LeaveOpen(UniqueDir directory) {
-  static_cast<void>(directory.release());
 }
 
 // What std::list::sort makes of CBSort, from times that lie side by side: in a long list each look
@@ -95,7 +94,7 @@ FilesManager::FilesManager(Disk* card, unsigned long long minimumFree, float sha
 
 FilesManager::~FilesManager() {
   Join();
-  std::lock_guard const lock(filesMutex);
+  MutexLock const lock(filesMutex);
   for (Ifile* file : files) delete file;
   files.clear();
 }
@@ -130,7 +129,7 @@ bool FilesManager::Load() {
   UniqueDir directory(opendir(path.c_str()));
   if (directory == nullptr) return Fail("Could not open directory", "Load");
   if (!path.ends_with('/')) {
-    LeaveOpen(std::move(directory));
+    Abandon(directory.release());  // it stays open: the path is only judged now
     return Fail("Incorrect path", "Load");
   }
   Forget();
@@ -167,8 +166,7 @@ bool FilesManager::AddFile(std::string& fileName) {
   ResetError();
   auto file = MakeEntry(JoinPath(path, fileName), fileName);
   if (!file->Stat()) {
-    static_cast<void>(file.release());  // abandoned on purpose, as every object of an entry that
-                                        // left the catalogue or never came into it
+    Abandon(file.release());
     return Fail("File not found", "AddFile");
   }
   Append(std::move(file));
@@ -185,19 +183,19 @@ std::unique_ptr<Ifile> FilesManager::MakeEntry(std::string filePath, std::string
 
 void FilesManager::Append(std::unique_ptr<Ifile> file) {
   totalFilesSize += static_cast<unsigned long long>(file->size);
-  std::lock_guard const lock(filesMutex);
+  MutexLock const lock(filesMutex);
   files.push_back(file.get());
   static_cast<void>(file.release());  // the list owns it now
 }
 
-// Empties the list. The objects are abandoned on purpose: whoever was given one may still use it.
 void FilesManager::Forget() {
-  std::lock_guard const lock(filesMutex);
+  MutexLock const lock(filesMutex);
+  std::ranges::for_each(files, Abandon<Ifile>);
   files.clear();
 }
 
 void FilesManager::Sort() {
-  std::lock_guard const lock(filesMutex);
+  MutexLock const lock(filesMutex);
   files.remove(nullptr);  // which has no time to sort by
   try {
     SortByTime(files);
@@ -211,7 +209,7 @@ bool FilesManager::CBSort(Ifile* a, Ifile* b) {
 }
 
 void FilesManager::ReverseList() {
-  std::lock_guard const lock(filesMutex);
+  MutexLock const lock(filesMutex);
   files.reverse();
 }
 
@@ -222,7 +220,7 @@ void FilesManager::ClearList() {
 unsigned long long FilesManager::GetTotalFilesSize(bool recalculate) {
   unsigned long long const known = totalFilesSize;
   if (!recalculate && known != 0) return known;
-  std::lock_guard const lock(filesMutex);
+  MutexLock const lock(filesMutex);
   unsigned long long sum = 0;
   for (Ifile const* file : files) {
     if (file != nullptr) sum += static_cast<unsigned long long>(file->size);
@@ -244,7 +242,7 @@ std::list<Ifile*>& FilesManager::GetList() {
 }
 
 void FilesManager::Log() {
-  std::lock_guard const lock(filesMutex);
+  MutexLock const lock(filesMutex);
   for (Ifile const* file : files) {
     if (file != nullptr) LogLine(Info) << "[SYSTEM][" << file->name << "]";
   }

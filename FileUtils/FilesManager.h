@@ -4,7 +4,6 @@
 #include <atomic>
 #include <list>
 #include <memory>
-#include <mutex>
 #include <string>
 
 #include "DiskUtils/Disk.h"
@@ -12,6 +11,8 @@
 #include "base/Export.h"
 #include "base/IError.h"
 #include "base/IThread.h"
+#include "base/Mutex.h"
+#include "base/ThreadSafety.h"
 
 namespace Quellon::FileUtils {
 
@@ -23,9 +24,9 @@ using DiskUtils::Disk;
 ///
 /// Use: construct, `LoadAndSort()`, then `AddFile` for each new recording and `MakeRoom` before the
 /// next one. One owner thread uses the object; `RemoveAllFilesAsync` adds the object's own thread,
-/// which runs one pass. A lock guards the list; it is never held while `MakeRoom` measures or
-/// waits. Failures are a false result with the reason kept in the error base. A failing lock throws
-/// std::system_error.
+/// which removes all files once and ends. A lock guards the list; it is never held while `MakeRoom`
+/// measures or waits. Failures are a false result with the reason kept in the error base. A failing
+/// lock throws std::system_error.
 ///
 /// A directory has one catalogue, and nobody else deletes in it. A file that another catalogue,
 /// another program or a person has deleted still counts with its size: `MakeRoom` deletes others in
@@ -56,9 +57,10 @@ class QUELLON_EXPORT FilesManager : public Tarvik::Interfaces::IThread,
   FilesManager(FilesManager const&) = delete;
   FilesManager& operator=(FilesManager const&) = delete;
 
-  /// Waits for a running pass, to its end, then deletes the catalogued objects, not their files.
-  /// The destructor of a derived class has to wait itself, by `Join()`: once that class is gone its
-  /// thread begins no pass any more, and removes nothing.
+  /// Waits until a remove-all pass that is running has ended, then deletes the catalogued objects,
+  /// not their files. A derived class with a `Run` of its own calls `Cancel()` and `Join()` in its
+  /// own destructor: otherwise `Run` might still use members that are gone. If it does not, the
+  /// thread ends after the `Run` that is running, and removes nothing.
   ~FilesManager() override;
 
   /// Fills the catalogue from the directory, in the directory's order, with a pause of 1 ms per
@@ -98,11 +100,15 @@ class QUELLON_EXPORT FilesManager : public Tarvik::Interfaces::IThread,
 
   /// The directory, as it was given.
   std::string GetPath();
-  /// The list itself, for as long as no other thread uses it: to be read, put in another order or
-  /// changed. Every operation takes the list as it finds it. The list owns its objects, made by
-  /// `new`; what is taken out is the taker's. Nulls are passed over, and go when the list is
-  /// sorted. The running total knows nothing of such changes: ask for a new sum after them, or
-  /// `MakeRoom` keeps or deletes too much. Deletions do not take it below zero.
+  /// The list itself. Use it only while no other thread uses the catalogue: no lock is taken. You
+  /// may read it, put it in another order, and add or take out objects; every operation works on
+  /// the list as it finds it.
+  /// The catalogue deletes the objects in the list, so add only what was made by `new`; whoever
+  /// takes one out owns it. A null in the list is skipped, and removed by the next `Sort`.
+  /// The running total does not notice what you add or take out, and `MakeRoom`, which compares it
+  /// with the share, would delete too much or too little: call `GetTotalFilesSize(true)`
+  /// afterwards. The total never falls below zero, even when a file is deleted that was never
+  /// counted.
   std::list<Ifile*>& GetList();
   /// Logs the name of each catalogued file.
   void Log();
@@ -114,8 +120,8 @@ class QUELLON_EXPORT FilesManager : public Tarvik::Interfaces::IThread,
   bool CheckAvailableSpace(bool throwIfNoDisk);
 
   /// Deletes the oldest files, two at a time, until there is room, if need be all of them: see what
-  /// is said above of `share`, and of others that delete. Gives up after 100 attempts, 10
-  /// ms apart, that deleted nothing. Errors: "Unable to make room, after 100 retries", "Disk not
+  /// is said above of `share`, and of others that delete. Gives up after 100 attempts that deleted
+  /// nothing, 10 ms apart. Errors: "Unable to make room, after 100 retries", "Disk not
   /// available", "Get space stat error". Passes on other exceptions, such as std::bad_alloc; the
   /// catalogue then holds what is left.
   bool MakeRoom();
@@ -131,11 +137,12 @@ class QUELLON_EXPORT FilesManager : public Tarvik::Interfaces::IThread,
   /// Deletes everything but ".log" and ".gps" files; returns how many.
   unsigned int RemoveAllFiles();
 
-  /// The same on the object's own thread; `Join()` waits for it. Does nothing when the catalogue is
-  /// empty or a pass is running already. Throws std::system_error when no thread can be had.
+  /// As `RemoveAllFiles`, but on the object's own thread; `Join()` waits for it. Does nothing when
+  /// the catalogue is empty or the thread is removing files already. Throws std::system_error when
+  /// no thread can be had.
   void RemoveAllFilesAsync();
 
-  /// The pass of the object's own thread: removes all files, as `RemoveAllFiles` does, and cancels.
+  /// What the object's own thread does: removes all files once, as `RemoveAllFiles` does, and ends.
   void Run() override;
 
  private:
@@ -150,13 +157,14 @@ class QUELLON_EXPORT FilesManager : public Tarvik::Interfaces::IThread,
   unsigned int CountFiles();
   void SubtractSize(Ifile const& file);
 
+  // Binary interface: these fields keep their order.
   Disk* disk;
   std::string path;
   float fraction;
   unsigned long long minFreeSpace;
   std::atomic<unsigned long long> totalFilesSize;
-  std::mutex filesMutex;
-  std::list<Ifile*> files;
+  Tarvik::Mutex filesMutex;
+  std::list<Ifile*> files QUELLON_GUARDED_BY(filesMutex);
 };
 
 }  // namespace Quellon::FileUtils

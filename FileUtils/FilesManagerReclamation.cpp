@@ -4,24 +4,29 @@
 #include <algorithm>
 #include <exception>
 #include <limits>
+#include <mutex>
 #include <typeinfo>
 
 #include "FileUtils/FilesManager.h"
 #include "base/IException.h"
+#include "base/MutexLock.h"
+#include "base/internal/Abandon.h"
 
 namespace Quellon::FileUtils {
 
+using Tarvik::Abandon;
 using Tarvik::IException;
+using Tarvik::MutexLock;
 
 namespace {
 
 constexpr int kFruitlessAttempts = 100;
 constexpr unsigned int kFilesPerAttempt = 2;
-constexpr useconds_t kAttemptPauseMicroseconds = 10000;
+constexpr useconds_t kFruitlessPauseMicroseconds = 10000;
 
 // Logs and positions outlive the recordings they belong to. The list's owner may have put nulls
 // into it, which stay there.
-bool MayGo(Ifile const* file) {
+bool MayBeDeleted(Ifile const* file) {
   return file != nullptr && file->extension != ".log" && file->extension != ".gps";
 }
 
@@ -60,7 +65,7 @@ bool FilesManager::MakeRoom() {
     while (!CheckAvailableSpace(true)) {
       if (DeleteOldFiles(kFilesPerAttempt) > 0) continue;
       if (--attemptsLeft == 0) throw IException("Unable to make room, after 100 retries");
-      usleep(kAttemptPauseMicroseconds);
+      usleep(kFruitlessPauseMicroseconds);
     }
     return true;
   } catch (IException const& e) {
@@ -71,17 +76,19 @@ bool FilesManager::MakeRoom() {
 unsigned int FilesManager::DeleteOldFiles(unsigned int count) {
   unsigned int const wanted = std::min(count, CountFiles());
   if (wanted == 0) return 0;
-  std::lock_guard const lock(filesMutex);
+  MutexLock const lock(filesMutex);
   unsigned int deleted = 0;
   for (auto next = files.begin(); next != files.end() && deleted < wanted;) {
     auto const position = next++;
     Ifile* const file = *position;
-    if (!MayGo(file)) continue;
+    if (!MayBeDeleted(file)) continue;
     Removal const removal = Remove(*file);
     if (removal == Removal::Thrown) continue;  // stays catalogued for another try
-    files.erase(position);  // also a file that could not be removed: that object is abandoned on
-                            // purpose, whoever was given it may still use it
-    if (removal == Removal::Failed) continue;
+    files.erase(position);
+    if (removal == Removal::Failed) {
+      Abandon(file);
+      continue;
+    }
     ++deleted;
     SubtractSize(*file);
     delete file;
@@ -90,15 +97,15 @@ unsigned int FilesManager::DeleteOldFiles(unsigned int count) {
 }
 
 bool FilesManager::RemoveFileByName(std::string& fileName) {
-  std::lock_guard const lock(filesMutex);
+  MutexLock const lock(filesMutex);
   auto const isRemoved = [&fileName](Ifile* file) {
     return file != nullptr && file->name == fileName && file->Remove();
   };
   try {
     auto const position = std::ranges::find_if(files, isRemoved);
     if (position == files.end()) return false;
-    SubtractSize(**position);
-    files.erase(position);  // abandoned on purpose: whoever was given the object may still use it
+    SubtractSize(*Abandon(*position));
+    files.erase(position);
     return true;
   } catch (IException const&) {
     return false;
@@ -114,21 +121,23 @@ void FilesManager::RemoveAllFilesAsync() {
 }
 
 void FilesManager::Run() {
-  // Else a derived class's work was under way when its object went, and nobody asked for this one.
+  // Otherwise the thread was started for the work of a derived class, which is destroyed already:
+  // nobody asked for files to be removed.
   if (!IsReducedTo(typeid(FilesManager))) RemoveAllFiles();
-  Cancel();  // one pass; a start meanwhile asks for nothing more
+  Cancel();  // once is enough, also for a start that came meanwhile
 }
 
-// Does not wait: a pass keeps the list to itself as long as it deletes. There may be any number of
-// files in a list that is in use.
+// Does not wait: the object's own thread keeps the lock as long as it deletes. While another thread
+// has it, the list may have any number of files.
 unsigned int FilesManager::CountFiles() {
   std::unique_lock const lock(filesMutex, std::try_to_lock);
-  return lock.owns_lock() ? static_cast<unsigned int>(files.size())
-                          : std::numeric_limits<unsigned int>::max();
+  if (!lock.owns_lock()) return std::numeric_limits<unsigned int>::max();
+  filesMutex.AssertHeld();
+  return static_cast<unsigned int>(files.size());
 }
 
-// Never below zero: a file that the list's owner put there was not added, and a total that wraps is
-// a full card, on which everything would be deleted.
+// Never below zero: a file that the application put into the list was never counted, and a total
+// that wraps around would look like a full card, so that everything would be deleted.
 void FilesManager::SubtractSize(Ifile const& file) {
   unsigned long long total = totalFilesSize;
   auto const less = [&] {

@@ -37,6 +37,7 @@ class QUELLON_EXPORT Rtc {
   /// Returns the result of printf(3).
   int Print();
 
+  // Binary interface: these fields keep their order.
   std::string devicePath;  ///< as it was given
   rtc_time rtcTime;        ///< the time last read from or written to the device
 };

@@ -26,6 +26,9 @@ using Tarvik::OutputLine;
 
 namespace {
 
+constexpr int kCacheAttempts = 4;
+constexpr std::chrono::milliseconds kCachePause(100);
+
 struct PipeCloser {
   void operator()(FILE* pipe) const noexcept { pclose(pipe); }
 };
@@ -80,9 +83,9 @@ void DisplayOpenFilesOf(pid_t process) {
 bool ClearCache() {
   Tarvik::UniqueFd const control(Tarvik::OpenFile("/proc/sys/vm/drop_caches", O_RDWR));
   if (!control.IsOpen()) return false;
-  int const attempt = Tarvik::Retry(4, std::chrono::milliseconds(100),
-                                    [&] { return write(control.Get(), "3", 1) == 1; });
-  return attempt >= 1 && attempt <= 3;  // a success of the fourth attempt counts as failure
+  int const attempt =
+      Tarvik::Retry(kCacheAttempts, kCachePause, [&] { return write(control.Get(), "3", 1) == 1; });
+  return attempt >= 1 && attempt < kCacheAttempts;  // the last success counts as failure
 }
 
 std::string ExecSystemCmdThroughPipe(std::string command) {

@@ -7,12 +7,14 @@
 #include "DiskUtils/internal/CardSlot.h"
 #include "FileUtils/FilesManager.h"
 #include "RTC/Rtc.h"
+#include "base/internal/Abandon.h"
 
 using Quellon::DiskUtils::Disk;
 using Quellon::DiskUtils::kCardDevice;
 using Quellon::DiskUtils::kCardMountPoint;
 using Quellon::DiskUtils::kCardPartition;
 using Quellon::FileUtils::FilesManager;
+using Tarvik::Abandon;
 
 namespace {
 
@@ -23,10 +25,11 @@ constexpr long kSecondsPerDay = 86400;
 }  // namespace
 
 void FilesManagerTest() {
-  // Left to the end of the process on purpose.
-  Disk* const disk = std::make_unique<Disk>(kCardMountPoint, kCardPartition, kCardDevice).release();
-  FilesManager* const catalogue =
-      std::make_unique<FilesManager>(disk, "/mnt/sdcard/cr/", kMinimumFreeBytes, kShare).release();
+  auto card = std::make_unique<Disk>(kCardMountPoint, kCardPartition, kCardDevice);
+  Disk* const disk = Abandon(card.release());
+  auto recordings =
+      std::make_unique<FilesManager>(disk, "/mnt/sdcard/cr/", kMinimumFreeBytes, kShare);
+  FilesManager* const catalogue = Abandon(recordings.release());
   catalogue->LoadAndSort();
   catalogue->Log();
 }

@@ -10,8 +10,9 @@ namespace Quellon {
 /// knows that character, as nearly all do. The kernel says so each time, "watchdog did not stop!",
 /// and that is meant. Once armed, the owner must call `Reset` well within `timeout` or the machine
 /// restarts: every half of it leaves room for a kick that comes late. Messages go to the log, a
-/// line for each kick. One thread at a time. Nothing is thrown for a failing device. A process
-/// without standard input, output or error may use it, too. Kernel interface: watchdog API,
+/// line for each kick. One thread at a time. Nothing is thrown for a failing device. The device
+/// never becomes standard input, output or error, even in a process that was started without one of
+/// those: what others print there would count as kicks. Kernel interface: watchdog API,
 /// `WDIOC_SETTIMEOUT` and `WDIOC_GETTIMEOUT`.
 class QUELLON_EXPORT Watchdog {
  public:
@@ -38,6 +39,7 @@ class QUELLON_EXPORT Watchdog {
   /// Closes the device. False when it was not open.
   bool Close();
 
+  // Binary interface: these fields keep their order.
   int fd = 0;   ///< 0 when closed, -1 after a failed open
   int timeout;  ///< seconds; after `Init` what the driver applied
 };

@@ -3,9 +3,9 @@
 
 #include <string_view>
 
-namespace Tarvik::Ilog {
+#include "base/LogType.h"
 
-enum LogType : int;
+namespace Tarvik::Ilog {
 
 /// Writes lines to the descriptor of standard output.
 class ConsoleLogPolicy {

@@ -13,10 +13,14 @@ namespace Tarvik::Util {
 
 namespace {
 
-// The C library's own lock on the time zone stays locked in the child of a process that forks while
-// another thread has it. So no process forks while another of its threads has ours, which goes
-// around it. A handler of a signal may fork, too, having interrupted the thread that has one of the
-// two: that thread goes on in the child, and nobody waits for it, or not for long.
+constexpr std::chrono::seconds kLongestForkWait(1);
+
+// The C library locks the time zone while it makes a calendar date. When a process forks meanwhile,
+// that lock stays locked in the child, where nobody unlocks it, and the child's first line of the
+// log would wait for ever. So this lock is held around each date, and fork(2) takes it first: no
+// process forks while one of its threads makes a date. A signal handler may fork, too, in the
+// middle of its own thread's date: fork does not take the lock then, since that thread goes on in
+// both processes. In the middle of its own thread's fork it waits in vain, but not for long.
 class CalendarLock {
  public:
   CalendarLock() {
@@ -36,23 +40,24 @@ class CalendarLock {
     return mutex;
   }
 
-  static void Hold() {
-    auto const end = std::chrono::steady_clock::now() + std::chrono::seconds(1);
-    isHeld = !isMine && Mutex().try_lock();
-    while (!isMine && !isHeld && std::chrono::steady_clock::now() < end) {
+  static void LockBeforeFork() {
+    auto const end = std::chrono::steady_clock::now() + kLongestForkWait;
+    isHeldForFork = !isMine && Mutex().try_lock();
+    while (!isMine && !isHeldForFork && std::chrono::steady_clock::now() < end) {
       std::this_thread::yield();  // whoever has it needs the processor, however busy that is
-      isHeld = Mutex().try_lock();
+      isHeldForFork = Mutex().try_lock();
     }
   }
-  static void Release() {
-    if (isHeld) Mutex().unlock();
+  static void UnlockAfterFork() {
+    if (isHeldForFork) Mutex().unlock();
   }
 
   static inline thread_local bool isMine = false;
-  static inline thread_local bool isHeld = false;
+  static inline thread_local bool isHeldForFork = false;
 
   // When the library is loaded: the first date and a fork may come at the same time.
-  static inline int const registered = pthread_atfork(&Hold, &Release, &Release);
+  static inline int const registered =
+      pthread_atfork(&LockBeforeFork, &UnlockAfterFork, &UnlockAfterFork);
 };
 
 std::optional<tm> LocalTime(time_t seconds) {

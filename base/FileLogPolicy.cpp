@@ -22,25 +22,28 @@ constexpr char const* kFolder = "/var/log/";
 constexpr char const* kPath = "/var/log/quellon.log";
 constexpr char const* kOlderPath = "/var/log/quellon.log.1";
 
-// A process looks at the file's size before it writes more than its share unseen. With its turn it
-// begins a new file at the lower mark, without it at the upper one, and what 15 of them may write
-// after they have looked fits between that and the limit.
+// A process checks the file's size before it has written more than `kUncheckedShare` since the last
+// check. With the lock it begins a new file at the lower mark, without it at the upper one, and
+// what 15 processes may write after their checks fits between that one and the limit.
 constexpr std::size_t kLimit = std::size_t{1} << 20;
-constexpr std::size_t kUnseenShare = 2048;
-constexpr std::size_t kUpperMark = kLimit - 16 * kUnseenShare;
-constexpr std::size_t kMark = kUpperMark - 16 * kUnseenShare;
-static_assert(FileLogPolicy::kLongestLine == kMark);
+constexpr std::size_t kUncheckedShare = 2048;
+constexpr std::size_t kUpperMark = kLimit - 16 * kUncheckedShare;
+constexpr std::size_t kLowerMark = kUpperMark - 16 * kUncheckedShare;
+static_assert(FileLogPolicy::kLongestLine == kLowerMark);
 
-constexpr int kPatience = 20;  // milliseconds
+constexpr int kLockAttempts = 20;
+constexpr std::chrono::milliseconds kLockPause(1);
+constexpr int kFragmentAttempts = 3;
+constexpr std::chrono::milliseconds kFragmentPause(1);
 
-// Only one process at a time judges the file's place and size, and then writes. Nobody waits long
-// for another one, which may be stopped: `attempts` milliseconds at most.
-UniqueFd TakeTurn(int attempts) noexcept {
+// The lock that all processes which log share: with it only one at a time checks the file's place
+// and size, and then writes. The process that has it may be stopped, so nobody waits long: one try,
+// and then `attempts` more. Owns nothing when the lock could not be had.
+UniqueFd LockFolder(int attempts) noexcept {
   UniqueFd folder(OpenFile(kFolder, O_RDONLY | O_DIRECTORY));
-  auto const take = [&] { return flock(folder.Get(), LOCK_EX | LOCK_NB) == 0; };
-  bool const taken =
-      folder.IsOpen() && (take() || Retry(attempts, std::chrono::milliseconds(1), take) != 0);
-  return taken ? std::move(folder) : UniqueFd();
+  auto const lock = [&] { return flock(folder.Get(), LOCK_EX | LOCK_NB) == 0; };
+  bool const isLocked = folder.IsOpen() && (lock() || Retry(attempts, kLockPause, lock) != 0);
+  return isLocked ? std::move(folder) : UniqueFd();
 }
 
 std::optional<std::size_t> SizeOf(UniqueFd const& file) noexcept {
@@ -57,15 +60,15 @@ bool HasRoom(std::size_t size, std::size_t length, std::size_t limit) noexcept {
 }  // namespace
 
 bool FileLogPolicy::Write(std::string_view line) noexcept {
-  UniqueFd turn;
+  UniqueFd lock;
   bool ready = true;
-  if (NeedsLook(line.size())) {
-    turn = TakeTurn(0);
-    if (!turn.IsOpen() && NeedsTurn(line.size())) turn = TakeTurn(kPatience);
-    ready = Look(line.size(), turn.IsOpen());
+  if (NeedsCheck(line.size())) {
+    lock = LockFolder(0);
+    if (!lock.IsOpen() && NeedsLock(line.size())) lock = LockFolder(kLockAttempts);
+    ready = CheckPlaceAndSize(line.size(), lock.IsOpen());
   }
   bool const written = ready && Append(line);
-  if (turn.IsOpen()) flock(turn.Get(), LOCK_UN);  // a child forked meanwhile has a copy of it
+  if (lock.IsOpen()) flock(lock.Get(), LOCK_UN);  // a child forked meanwhile has a copy of it
   if (!written) Close();
   return written;
 }
@@ -74,23 +77,23 @@ void FileLogPolicy::Close() noexcept {
   file = UniqueFd();
 }
 
-bool FileLogPolicy::NeedsLook(std::size_t length) const noexcept {
-  return !file.IsOpen() || unwatched + length > kUnseenShare || time(nullptr) != lookedAt;
+bool FileLogPolicy::NeedsCheck(std::size_t length) const noexcept {
+  return !file.IsOpen() || uncheckedBytes + length > kUncheckedShare || time(nullptr) != checkedAt;
 }
 
-// Two that open or rename the file at the same time could take a line under way for a fragment, or
-// the newer file for the older one; and the marks leave no room for a long line.
-bool FileLogPolicy::NeedsTurn(std::size_t length) const noexcept {
+// Without the lock two processes that open or rename the file at the same time could take each
+// other's half-written line for a fragment, or the newer file for the older one; and the marks
+// leave no room for a long line.
+bool FileLogPolicy::NeedsLock(std::size_t length) const noexcept {
   auto const size = SizeOf(file);
-  return length > kUnseenShare || !size || !HasRoom(*size, length, kUpperMark) || !IsInPlace();
+  return length > kUncheckedShare || !size || !HasRoom(*size, length, kUpperMark) || !IsInPlace();
 }
 
-// Without its turn a process leaves the older file alone up to the upper mark, which takes a
-// look with each line.
-bool FileLogPolicy::Look(std::size_t length, bool hasTurn) noexcept {
-  lookedAt = time(nullptr);
-  unwatched = hasTurn ? 0 : kUnseenShare;
-  return (IsInPlace() || Open(0)) && MakeWay(length, hasTurn ? kMark : kUpperMark);
+// Without the lock a process begins no new file below the upper mark, and checks before each line.
+bool FileLogPolicy::CheckPlaceAndSize(std::size_t length, bool isLocked) noexcept {
+  checkedAt = time(nullptr);
+  uncheckedBytes = isLocked ? 0 : kUncheckedShare;
+  return (IsInPlace() || Open(0)) && RotateIfFull(length, isLocked ? kLowerMark : kUpperMark);
 }
 
 bool FileLogPolicy::IsInPlace() const noexcept {
@@ -111,21 +114,21 @@ bool FileLogPolicy::Open(int flags) noexcept {
   return S_ISREG(status.st_mode) && (status.st_size == 0 || EndFragment());
 }
 
-// What a power cut has left of a line must not become the beginning of another. What another
-// process is writing at the moment looks alike, but not for long.
+// What a power cut has left of a line must not become the beginning of another. A line that another
+// process is just writing looks the same, but gets its end in a moment.
 bool FileLogPolicy::EndFragment() noexcept {
   char last = 0;
   auto const readLast = [&] {
     return lseek(file.Get(), -1, SEEK_END) >= 0 && read(file.Get(), &last, 1) == 1;
   };
   bool known = true;
-  Retry(3, std::chrono::milliseconds(1), [&] { return !(known = readLast()) || last == '\n'; });
+  Retry(kFragmentAttempts, kFragmentPause, [&] { return !(known = readLast()) || last == '\n'; });
   return known && (last == '\n' || Append("\n"));
 }
 
-// Where the rename fails the file is emptied instead, so that the log never fills the device. Only
-// there: behind a rename another process may have begun the new file already.
-bool FileLogPolicy::MakeWay(std::size_t length, std::size_t limit) noexcept {
+// Where the rename fails the file is emptied instead, so that the log never fills the device. After
+// a rename that succeeded nothing is emptied: another process may have begun the new file already.
+bool FileLogPolicy::RotateIfFull(std::size_t length, std::size_t limit) noexcept {
   auto const size = SizeOf(file);
   if (!size || HasRoom(*size, length, limit)) return size.has_value();
   bool const renamed = rename(kPath, kOlderPath) == 0;
@@ -133,15 +136,16 @@ bool FileLogPolicy::MakeWay(std::size_t length, std::size_t limit) noexcept {
 }
 
 bool FileLogPolicy::Append(std::string_view line) noexcept {
-  unwatched += line.size();
+  uncheckedBytes += line.size();
   std::size_t const written = WriteAll(file.Get(), line);
   if (written == line.size()) return true;
-  TakeBack(written);
+  RemoveFragment(written);
   return false;
 }
 
-// A line that did not fit on the disk leaves nothing, unless another one follows it already.
-void FileLogPolicy::TakeBack(std::size_t fragment) noexcept {
+// The part of a line that did fit on a full disk is cut off again, unless another process has
+// appended a line to it already.
+void FileLogPolicy::RemoveFragment(std::size_t fragment) noexcept {
   off_t const end = lseek(file.Get(), 0, SEEK_CUR);
   auto const size = SizeOf(file);
   if (fragment == 0 || !size || static_cast<off_t>(*size) != end) return;

@@ -32,19 +32,19 @@ class QUELLON_EXPORT FileLogPolicy {
   void Close() noexcept;
 
  private:
-  [[nodiscard]] bool NeedsLook(std::size_t length) const noexcept;
-  [[nodiscard]] bool NeedsTurn(std::size_t length) const noexcept;
-  bool Look(std::size_t length, bool hasTurn) noexcept;
+  [[nodiscard]] bool NeedsCheck(std::size_t length) const noexcept;
+  [[nodiscard]] bool NeedsLock(std::size_t length) const noexcept;
+  bool CheckPlaceAndSize(std::size_t length, bool isLocked) noexcept;
   [[nodiscard]] bool IsInPlace() const noexcept;
   bool Open(int flags) noexcept;
   bool EndFragment() noexcept;
-  bool MakeWay(std::size_t length, std::size_t limit) noexcept;
+  bool RotateIfFull(std::size_t length, std::size_t limit) noexcept;
   bool Append(std::string_view line) noexcept;
-  void TakeBack(std::size_t fragment) noexcept;
+  void RemoveFragment(std::size_t fragment) noexcept;
 
   UniqueFd file;
-  std::size_t unwatched = 0;  // bytes written since the last look
-  long lookedAt = -1;         // second of the last look
+  std::size_t uncheckedBytes = 0;  // written since the last check of place and size
+  long checkedAt = -1;             // second of that check
 };
 
 }  // namespace Tarvik::Ilog

@@ -23,8 +23,10 @@ class QUELLON_EXPORT IException : public std::exception {
   [[nodiscard]] char const* what() const noexcept override;
 
   static constexpr std::size_t kCapacity = 1024;  ///< bytes of the text, its NUL included
-  char message[kCapacity] = {};                   ///< the text, NUL-terminated
-  int code;                                       ///< `errno` of the failed system call, or 0
+
+  // Binary interface: these fields keep their order.
+  char message[kCapacity] = {};  ///< the text, NUL-terminated
+  int code;                      ///< `errno` of the failed system call, or 0
 };
 
 }  // namespace Tarvik

@@ -9,12 +9,13 @@ namespace Tarvik::Interfaces {
 
 namespace {
 
+constexpr std::chrono::hours kLongestWait(24 * 365);
+
 // A year at most: later deadlines do not fit everywhere, and nobody sees the difference. None lies
 // in the past, which may be before the clock's beginning.
 timespec MonotonicDeadline(std::chrono::milliseconds limit) noexcept {
   using namespace std::chrono;
-  constexpr milliseconds kYear = hours(24 * 365);
-  limit = std::clamp(limit, milliseconds::zero(), kYear);
+  limit = std::clamp(limit, milliseconds::zero(), milliseconds(kLongestWait));
   timespec deadline{};
   clock_gettime(CLOCK_MONOTONIC, &deadline);
   auto const at = seconds(deadline.tv_sec) + nanoseconds(deadline.tv_nsec) + limit;

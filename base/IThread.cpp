@@ -5,15 +5,16 @@
 #include <memory>
 
 #include "base/Logger.h"
+#include "base/MutexLock.h"
 
 namespace Tarvik::Interfaces {
 
 namespace {
 
-template <typename Work>
-void LoggingExceptions(Work work) noexcept {
+template <typename Task>
+void LoggingExceptions(Task task) noexcept {
   try {
-    work();
+    task();
   } catch (std::exception const& e) {
     Ilog::LogFailure("IThread", e.what());
   } catch (...) {
@@ -37,9 +38,9 @@ void IThread::Run() {
 void IThread::RunAfter() {}
 void IThread::Stopping() {}
 
-// Of a process that forks only the forking thread lives on in the child. There the worker never
-// ends and never gives the lock back, so all of it is made anew.
-void IThread::LeaveThreadToParent() noexcept {
+// A child made by fork(2) has only the thread that called it. A worker of the parent neither ends
+// there nor gives its lock back, so all that belongs to it is made anew, over what is there.
+void IThread::ForgetThreadOfParent() noexcept {
   if (process == getpid()) return;
   std::construct_at(&stateMutex);
   std::construct_at(&ended);
@@ -49,67 +50,67 @@ void IThread::LeaveThreadToParent() noexcept {
 }
 
 void IThread::Start() {
-  LeaveThreadToParent();
-  std::lock_guard const lock(stateMutex);
+  ForgetThreadOfParent();
+  MutexLock const lock(stateMutex);
   startedAs = &typeid(*this);
   if (state == State::Cancelled) state = State::Restarted;
   if (state != State::Idle) return;
-  if (worker.joinable()) worker.join();  // it has left its last frame, so this takes no time
-  worker = std::thread(&IThread::Work, this);
+  if (worker.joinable()) worker.join();  // it ends at this moment, so nobody waits long
+  worker = std::thread(&IThread::RunThread, this);
   state = State::Running;
 }
 
 void IThread::Cancel() {
-  LeaveThreadToParent();
+  ForgetThreadOfParent();
   {
-    std::lock_guard const lock(stateMutex);
+    MutexLock const lock(stateMutex);
     if (state != State::Idle) state = State::Cancelled;
   }
   Stopping();
 }
 
 void IThread::Join() {
-  LeaveThreadToParent();
-  std::unique_lock lock(stateMutex);
+  ForgetThreadOfParent();
+  MutexLock lock(stateMutex);
   if (worker.get_id() == std::this_thread::get_id()) return;
-  ended.wait(lock, [this] { return state == State::Idle; });
+  while (state != State::Idle) lock.Wait(ended);
   if (worker.joinable()) worker.join();
 }
 
 bool IThread::IsReducedTo(std::type_info const& type) {
-  std::lock_guard const lock(stateMutex);
+  MutexLock const lock(stateMutex);
   return startedAs != nullptr && *startedAs != type && typeid(*this) == type;
 }
 
-void IThread::Work() noexcept {
+void IThread::RunThread() noexcept {
   do {
     LoggingExceptions([this] { RunUntilCancelled(); });
     LoggingExceptions([this] { RunAfter(); });
-  } while (BeginsAnotherFrame());
+  } while (RestartsOrEnds());
 }
 
 void IThread::RunUntilCancelled() {
   try {
     RunBefore();
-    while (KeepsRunning()) Run();
+    while (IsRunning()) Run();
   } catch (...) {
-    StopRunning();  // before anybody hears of it, so that no start is taken for one of this frame
+    StopRunning();  // at once: a start from now on must begin anew, and not count as made before
     throw;
   }
 }
 
 void IThread::StopRunning() {
-  std::lock_guard const lock(stateMutex);
+  MutexLock const lock(stateMutex);
   if (state == State::Running) state = State::Cancelled;
 }
 
-bool IThread::KeepsRunning() {
-  std::lock_guard const lock(stateMutex);
+bool IThread::IsRunning() {
+  MutexLock const lock(stateMutex);
   return state == State::Running;
 }
 
-bool IThread::BeginsAnotherFrame() {
-  std::lock_guard const lock(stateMutex);
+bool IThread::RestartsOrEnds() {
+  MutexLock const lock(stateMutex);
   if (state == State::Restarted) {
     state = State::Running;
     return true;

@@ -4,24 +4,29 @@
 #include <sys/types.h>
 
 #include <condition_variable>
-#include <mutex>
 #include <thread>
 #include <typeinfo>
 
 #include "base/Export.h"
+#include "base/Mutex.h"
+#include "base/ThreadSafety.h"
 
 namespace Tarvik::Interfaces {
 
-/// One worker thread per object: `RunBefore()`, then `Run()` again and again until `Cancel()`,
-/// then `RunAfter()`.
+/// Base of an object with a thread of its own, its worker. Started, the worker calls `RunBefore()`,
+/// then `Run()` again and again until somebody calls `Cancel()`, then `RunAfter()`, and ends.
 ///
-/// `Start`, `Cancel` and `Join` may be called from any thread, the worker included. A derived
-/// class joins in its own destructor, before its members go: the base's destructor runs too late
-/// to protect them. Where it does not, the destructors of its bases wait for the `Run()` under way,
-/// and the next one that the thread calls is that of the class whose destructor has been reached.
-/// No object is destroyed on its own worker. In a child made by fork(2) an object has no thread,
-/// whatever it had in the parent, until it is started there. An exception that leaves a hook or
-/// `Run()` is logged as an error and ends the thread, never the process.
+/// `Start`, `Cancel` and `Join` may be called from any thread, the worker included. No object is
+/// destroyed on its own worker.
+///
+/// The destructor of a derived class calls `Cancel()` and `Join()` itself. This base's destructor
+/// does so, too, but by then the members of the derived class are gone, and a `Run()` that still
+/// runs would use them. Where a derived class forgets it, its bases wait for the `Run()` that is
+/// running; any further call reaches the `Run()` of the class whose destructor runs at the time.
+///
+/// In a child made by fork(2) an object has no thread, whatever it had in the parent, until it is
+/// started there. An exception that leaves `RunBefore()`, `Run()` or `RunAfter()` is logged as an
+/// error and ends the thread, never the process.
 class QUELLON_EXPORT IThread {
  public:
   IThread();
@@ -32,25 +37,26 @@ class QUELLON_EXPORT IThread {
   virtual ~IThread() = 0;
 
  protected:
+  // Binary interface: the virtual functions keep their order, and no other joins them.
   /// Called on the worker before the first `Run()`.
   virtual void RunBefore();
-  /// The work; called again and again until `Cancel()`. Without any of a derived class, or when
-  /// that has been destroyed while its thread runs, cancels.
+  /// The work; called again and again until `Cancel()`. This one, which is called where no derived
+  /// class has a `Run()`, or that class is destroyed already, cancels.
   virtual void Run();
   /// Called on the worker after the last `Run()`, also when that one threw.
   virtual void RunAfter();
   /// Called by `Cancel()` on the cancelling thread, to wake a `Run()` that waits for something.
   virtual void Stopping();
 
-  /// Whether the object was of a class derived from `type` when its thread was started, and is of
-  /// `type` itself now: the derived part has been destroyed while the thread runs. For the `Run()`
-  /// of a class that others may derive from, which is called then in the place of theirs.
+  /// True when the object was of a class derived from `type` when its thread was started, but is of
+  /// `type` itself now: the derived part was destroyed while the thread was running. The `Run()` of
+  /// a class that others may derive from asks this, since it is called then instead of theirs.
   [[nodiscard]] bool IsReducedTo(std::type_info const& type);
 
  public:
-  /// Starts the thread. Does nothing while it runs; while a cancelled or failed thread is still in
-  /// its last pass, lets it go on with a new frame instead of ending, so no start is lost. Throws
-  /// std::system_error when the system has no thread to give.
+  /// Starts the thread; does nothing while it runs. A thread that was cancelled or has failed, but
+  /// has not ended yet, begins again with `RunBefore()` instead of ending, so that no start is
+  /// lost. Throws std::system_error when the system has no thread to give.
   void Start();
 
   /// Lets the thread end after the current `Run()`. Does not wait.
@@ -62,18 +68,19 @@ class QUELLON_EXPORT IThread {
  private:
   enum class State { Idle, Running, Cancelled, Restarted };
 
-  void LeaveThreadToParent() noexcept;
-  void Work() noexcept;
+  void ForgetThreadOfParent() noexcept QUELLON_NO_THREAD_SAFETY_ANALYSIS;  // the only thread
+  void RunThread() noexcept;
   void RunUntilCancelled();
   void StopRunning();
-  bool KeepsRunning();
-  bool BeginsAnotherFrame();
+  bool IsRunning();
+  bool RestartsOrEnds();
 
-  std::mutex stateMutex;
+  Mutex stateMutex;
   std::condition_variable ended;
-  State state = State::Idle;
-  std::type_info const* startedAs = nullptr;  // the object's class at the last start
-  std::thread worker;
+  State state QUELLON_GUARDED_BY(stateMutex) = State::Idle;
+  // The object's class at the last start.
+  std::type_info const* startedAs QUELLON_GUARDED_BY(stateMutex) = nullptr;
+  std::thread worker QUELLON_GUARDED_BY(stateMutex);
   pid_t process;  // that the thread is of
 };
 

@@ -11,7 +11,7 @@ namespace Tarvik::Util {
 namespace {
 
 constexpr char const* kSensor = "/sys/class/thermal/thermal_zone0/temp";
-constexpr auto kPeriod = std::chrono::seconds(10);
+constexpr std::chrono::seconds kReadingPause(10);
 
 }  // namespace
 
@@ -35,7 +35,7 @@ void TemperatureMonitor::RunBefore() {
 
 void TemperatureMonitor::Run() {
   Read();
-  stop.WaitFor(kPeriod);
+  stop.WaitFor(kReadingPause);
 }
 
 // Nothing refreshes the reading of an ended monitor, so it is no longer one.

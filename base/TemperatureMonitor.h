@@ -21,6 +21,7 @@ class QUELLON_EXPORT TemperatureMonitor : public Interfaces::IThread {
   TemperatureMonitor();
   ~TemperatureMonitor() override;
 
+  // Binary interface: these fields keep their order.
   std::atomic<bool> valid = false;   ///< whether the last reading succeeded; false before `Start()`
   std::atomic<int> temperature = 0;  ///< degrees Celsius, rounded toward zero
 

@@ -9,6 +9,7 @@ add_library(Quellon_test_options INTERFACE)
 foreach(options Quellon_options Quellon_test_options)
   target_compile_options(${options} INTERFACE
     -Wall -Wextra -Wpedantic -Wconversion -Wshadow
+    $<$<CXX_COMPILER_ID:Clang>:-Wthread-safety>
     $<$<AND:$<CXX_COMPILER_ID:GNU>,$<STREQUAL:${CMAKE_SYSTEM_PROCESSOR},arm>>:-Wno-psabi>)
   target_compile_features(${options} INTERFACE cxx_std_20)
   # Sizes and times are part of the interface, 32 bits wide on the board, and so are the standard
@@ -22,6 +23,9 @@ if(QUELLON_SANITIZE)
   target_compile_options(Quellon_options INTERFACE ${sanitize})
   target_link_options(Quellon_options INTERFACE -fsanitize=${QUELLON_SANITIZE})
   target_link_options(Quellon_test_options INTERFACE -fsanitize=${QUELLON_SANITIZE})
+  if(QUELLON_SANITIZE MATCHES "address|leak")
+    target_compile_definitions(Quellon_options INTERFACE QUELLON_LEAK_CHECKER)  # see Abandon.h
+  endif()
   # Data races lie between two threads, and one of them may be the test's own.
   if(QUELLON_SANITIZE MATCHES thread)
     target_compile_options(Quellon_test_options INTERFACE ${sanitize})

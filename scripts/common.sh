@@ -63,6 +63,7 @@ build_packages=(g++ cmake ninja-build)
 test_packages=(libgtest-dev libgmock-dev e2fsprogs util-linux mount fdisk gcovr python3)
 
 check_packages=(clang-14 clang-format-14 clang-tidy-14 cppcheck)
+bench_packages=(libbenchmark-dev libspdlog-dev nlohmann-json3-dev rapidjson-dev)
 fuzz_packages=(clang-14 libclang-rt-14-dev)
 board_packages=(g++-arm-linux-gnueabihf qemu-user-static googletest)
 package_packages=(g++-arm-linux-gnueabihf qemu-user-static dpkg-dev fakeroot file gzip lintian make

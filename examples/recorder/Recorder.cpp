@@ -30,9 +30,8 @@ constexpr char const* kRecordings = "/mnt/sdcard/cr/";
 constexpr std::string_view kPrefix = "rec_";
 constexpr int kLastNumber = 999999;  // six digits; then they begin anew
 constexpr std::size_t kPositionsBytes = 1024;
-constexpr auto kShortestKickPeriod = std::chrono::seconds(1);
-
-constexpr auto kLongestCheck = std::chrono::minutes(30);
+constexpr std::chrono::seconds kShortestKickPeriod(1);
+constexpr std::chrono::minutes kLongestCheck(30);
 
 // Half the timeout would do; a quarter leaves time for a card that keeps its writer waiting. Each
 // kick is a line of the log.

@@ -13,7 +13,7 @@
 
 struct Settings {
   std::size_t recordingBytes = std::size_t{8} << 20;
-  std::chrono::milliseconds period = std::chrono::seconds(60);  ///< from recording to recording
+  std::chrono::milliseconds period{60000};  ///< from recording to recording
   unsigned long long minimumFreeBytes = 128ULL << 20;
   float share = 0.8F;  ///< of the card, for recordings
   int watchdogSeconds = 90;

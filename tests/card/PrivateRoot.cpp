@@ -22,10 +22,10 @@ bool InPrivateRoot() {
 }  // namespace
 
 void RequirePrivateRoot() {
-  constexpr int skipped = 77;
+  constexpr int kSkipped = 77;
   if (InPrivateRoot()) return Machine::Reset(Machine::PrivateRoot());
   std::cerr << "skipped: this program runs only through tests/card/private_root" << std::endl;
-  std::exit(skipped);
+  std::exit(kSkipped);
 }
 
 }  // namespace CardTests

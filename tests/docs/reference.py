@@ -14,7 +14,7 @@ ROOT = Path(__file__).resolve().parents[2]
 
 FOLDERS = ["base", "DiskUtils", "FileUtils", "RTC", "SysUtil", "Testing", "Watchdog"]
 DECLARATION = re.compile(
-    r"^(?:(?:class|struct|enum) (?:QUELLON_EXPORT )?(\w+)[^;{]*\{"
+    r"^(?:(?:class|struct|enum) (?:QUELLON_[A-Z_]+(?:\([^)]*\))? )?(\w+)[^;{]*\{"
     r"|QUELLON_EXPORT [^;(]*?(\w+)\("
     r"|using (\w+) =)", re.MULTILINE)
 FOUND = re.compile(r"^  \['\w+',\['([^']+)',(.*)\]\],?$", re.MULTILINE)

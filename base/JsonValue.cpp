@@ -1,10 +1,12 @@
-#include "base/Json.h"
+#include "base/JsonValue.h"
 
 #include <algorithm>
 #include <cmath>
 #include <limits>
 
 #include "base/IException.h"
+#include "base/JsonArray.h"
+#include "base/JsonObject.h"
 
 namespace Tarvik::Json {
 
@@ -163,61 +165,6 @@ Object Value::ToObject() const {
 Array Value::ToArray() const {
   if (auto const* array = std::get_if<std::shared_ptr<Array const>>(&held)) return **array;
   ThrowNot("an array");
-}
-
-Object::Object() = default;
-Object::Object(Object const&) = default;
-Object::Object(Object&&) noexcept = default;
-Object& Object::operator=(Object const&) = default;
-Object& Object::operator=(Object&&) noexcept = default;
-Object::~Object() = default;
-
-Value& Object::operator[](char const* key) {
-  if (key == nullptr) throw IException("JSON key is null");
-  return (*this)[std::string(key)];
-}
-
-// Keys mostly come ascending, as they are in serialised texts.
-Value& Object::operator[](std::string const& key) {
-  return members.try_emplace(members.end(), key)->second;
-}
-bool Object::HasKey(std::string const& key) const {
-  return members.contains(key);
-}
-std::size_t Object::Size() const noexcept {
-  return members.size();
-}
-Object::Members::const_iterator Object::begin() const noexcept {
-  return members.begin();
-}
-Object::Members::const_iterator Object::end() const noexcept {
-  return members.end();
-}
-
-Array::Array() = default;
-Array::Array(Array const&) = default;
-Array::Array(Array&&) noexcept = default;
-Array& Array::operator=(Array const&) = default;
-Array& Array::operator=(Array&&) noexcept = default;
-Array::~Array() = default;
-
-void Array::Add(Value value) {
-  elements.push_back(std::move(value));
-}
-
-Value const& Array::operator[](std::size_t index) const {
-  if (index >= elements.size()) throw IException("JSON array has no such element");
-  return elements[index];
-}
-
-std::size_t Array::Size() const noexcept {
-  return elements.size();
-}
-std::vector<Value>::const_iterator Array::begin() const noexcept {
-  return elements.begin();
-}
-std::vector<Value>::const_iterator Array::end() const noexcept {
-  return elements.end();
 }
 
 }  // namespace Tarvik::Json

@@ -1,0 +1,268 @@
+#include "base/LoggerBase.h"
+
+#include <array>
+#include <charconv>
+#include <ctime>
+#include <limits>
+#include <locale>
+#include <memory>
+#include <mutex>
+#include <string_view>
+#include <system_error>
+
+#include "base/Date.h"
+#include "base/TemperatureMonitor.h"
+
+namespace Tarvik::Ilog {
+
+namespace {
+
+constexpr char const* kTimeFormat = "%Y-%m-%d %H:%M:%S";
+
+constexpr auto kPlainFormat = std::ios::skipws | std::ios::dec;
+
+}  // namespace
+
+// Whatever the application's locale, numbers in the log are plain.
+template <typename Policy>
+LoggerBase<Policy>::LoggerBase() {
+  stream.imbue(std::locale::classic());
+}
+
+template <typename Policy>
+void LoggerBase<Policy>::WriteHeader(LogType type) {
+  if (!enabled) {
+    DropLine();
+    return;
+  }
+  RequireNoLine();
+  BeginLine(type);
+}
+
+template <typename Policy>
+void LoggerBase<Policy>::BeginLine(LogType type) {
+  std::unique_lock lock(lineLock);
+  lineLock.AssertHeld();
+  if constexpr (requires { policy.WriteHeader(type); }) policy.WriteHeader(type);
+  AppendTime();
+  AppendTemperature();
+  AppendTag(type);
+  lineOwner.store(std::this_thread::get_id(), std::memory_order_relaxed);
+  lock.release();  // kept until the line is written: see Release()
+}
+
+// Only the owner finds its own id here, so the answer never depends on another thread's store.
+template <typename Policy>
+bool LoggerBase<Policy>::HoldsLine() const noexcept {
+  return lineOwner.load(std::memory_order_relaxed) == std::this_thread::get_id();
+}
+
+// A disabled sink ignores everything, the beginning of the line under way included.
+template <typename Policy>
+bool LoggerBase<Policy>::TakesPart() noexcept {
+  if (!HoldsLine()) return false;
+  if (enabled) return true;
+  lineLock.AssertHeld();
+  Release();
+  return false;
+}
+
+template <typename Policy>
+void LoggerBase<Policy>::RequireNoLine() const {
+  if (!HoldsLine()) return;
+  throw std::system_error(std::make_error_code(std::errc::resource_deadlock_would_occur));
+}
+
+// Formatting a calendar date costs more than all the rest of a line, so it is done once a second.
+template <typename Policy>
+void LoggerBase<Policy>::AppendTime() {
+  long const now = time(nullptr);
+  if (now != stampSecond || stamp.empty()) {
+    stamp = "[" + Util::NewDate(kTimeFormat) + "]";
+    stampSecond = now;
+  }
+  AppendText(stamp);
+}
+
+template <typename Policy>
+void LoggerBase<Policy>::AppendTemperature() {
+  auto const* monitor = Util::TemperatureMonitor::GetInstance();
+  if (monitor->valid) stream << "[" << monitor->temperature.load() << "C]";
+}
+
+template <typename Policy>
+void LoggerBase<Policy>::AppendTag(LogType type) {
+  if (type == Error) {
+    AppendText("[ERROR]");
+  } else if (type == Warning) {
+    AppendText("[WARNING]");
+  }
+}
+
+template <typename Policy>
+LoggerBase<Policy>& LoggerBase<Policy>::operator<<(long const& t) {
+  if (TakesPart()) stream << Util::Date(t, kTimeFormat);
+  return *this;
+}
+
+template <typename Policy>
+LoggerBase<Policy>& LoggerBase<Policy>::operator<<(char const* text) {
+  if (!TakesPart()) return *this;
+  if (text != nullptr) {
+    AppendText(text);
+  } else {
+    stream.setstate(std::ios::badbit);
+  }
+  return *this;
+}
+
+template <typename Policy>
+LoggerBase<Policy>& LoggerBase<Policy>::operator<<(std::string_view text) {
+  if (TakesPart()) AppendText(text);
+  return *this;
+}
+
+// Most of a line is text that nobody asked to be filled up to a width, and needs no formatting.
+template <typename Policy>
+inline void LoggerBase<Policy>::AppendText(std::string_view text) {
+  if (stream.width() != 0 || !stream.good()) {
+    stream << text;
+  } else if (!line.Append(text)) {
+    stream.setstate(std::ios::badbit);
+  }
+}
+
+template <typename Policy>
+template <typename Number>
+void LoggerBase<Policy>::AppendNumber(Number number) {
+  if (stream.flags() != kPlainFormat) {
+    stream << number;
+    return;
+  }
+  std::array<char, std::numeric_limits<Number>::digits10 + 2> digits;
+  char* const end = std::to_chars(digits.begin(), digits.end(), number).ptr;
+  AppendText({digits.begin(), end});
+}
+
+template <typename Policy>
+LoggerBase<Policy>& LoggerBase<Policy>::operator<<(std::ostream& (*manipulator)(std::ostream&)) {
+  if (!TakesPart()) return *this;
+  stream << manipulator;
+  if (EndsWithNewline()) manipulatedLength = line.View().size();
+  return *this;
+}
+
+template <typename Policy>
+bool LoggerBase<Policy>::EndsWithNewline() const noexcept {
+  return line.View().ends_with('\n');
+}
+
+template <typename Policy>
+void LoggerBase<Policy>::CheckEndOfStream() {
+  if (!TakesPart()) return;
+  if (EndsWithNewline()) {
+    WriteLine();
+  } else if (!stream.good()) {
+    EndLine();  // it would not take a newline either, and nobody could begin another line
+  }
+}
+
+// The writer runs on the thread that completed the line: it holds the lock that only it may
+// release, and the line must be with the kernel before this thread goes on.
+template <typename Policy>
+void LoggerBase<Policy>::WriteLine() {
+  lineReady.Notify();
+  lineReady.Wait();
+  if constexpr (requires { Policy::kLongestLine; }) line.Cut(Policy::kLongestLine, " [cut]\n");
+  if (!policy.Write(line.View())) enabled = false;
+  Release();
+}
+
+template <typename Policy>
+void LoggerBase<Policy>::EndLine() {
+  if (!TakesPart()) return;
+  bool const ended = line.View().size() == manipulatedLength;
+  if (ended || line.Append("\n")) {
+    WriteLine();
+  } else {
+    Release();  // no memory for the newline: the line is lost, the sink is not
+  }
+}
+
+template <typename Policy>
+void LoggerBase<Policy>::DropLine() noexcept {
+  if (!HoldsLine()) return;
+  lineLock.AssertHeld();
+  Release();
+}
+
+template <typename Policy>
+void LoggerBase<Policy>::Release() noexcept {
+  line.Clear();
+  manipulatedLength = 0;
+  if (!stream.good()) stream.clear();
+  ForgetFormat();
+  lineOwner.store(std::thread::id(), std::memory_order_relaxed);
+  lineLock.unlock();
+}
+
+// What a manipulator or a value of one line did to the stream must not change how the next one
+// shows its numbers, nor let it throw.
+template <typename Policy>
+void LoggerBase<Policy>::ForgetFormat() noexcept {
+  if (stream.exceptions() != std::ios::goodbit) stream.exceptions(std::ios::goodbit);
+  if (stream.getloc() != std::locale::classic()) stream.imbue(std::locale::classic());
+  stream.flags(kPlainFormat);
+  stream.precision(6);
+  stream.fill(' ');
+  stream.width(0);
+}
+
+template <typename Policy>
+void LoggerBase<Policy>::Flush() {
+  if (!HoldsLine()) std::lock_guard const lock(lineLock);
+}
+
+template <typename Policy>
+bool LoggerBase<Policy>::Close() noexcept requires requires(Policy& sinkPolicy) {
+  sinkPolicy.Close();
+}
+{
+  if (HoldsLine()) return false;
+  std::unique_lock const lock(lineLock, std::try_to_lock);
+  if (!lock.owns_lock()) return false;
+  lineLock.AssertHeld();
+  policy.Close();
+  return true;
+}
+
+// Of a process that forks, only the forking thread lives on in the child. What another thread was
+// doing to the sink then will never be finished, so the sink is made anew over what is there.
+template <typename Policy>
+void LoggerBase<Policy>::RecoverInChild() noexcept {
+  if (HoldsLine()) return;
+  bool const taken = !lineLock.try_lock();
+  if (!taken) lineLock.unlock();
+  policy.Close();  // shares its position with the parent
+  if (!taken) return;
+  bool const wasEnabled = enabled;
+  std::construct_at(this);
+  enabled = wasEnabled;
+}
+
+template <typename Policy>
+LoggerBase<Policy>& LoggerBase<Policy>::operator<<(int number) {
+  if (TakesPart()) AppendNumber(number);
+  return *this;
+}
+
+template <typename Policy>
+LoggerBase<Policy>& LoggerBase<Policy>::operator<<(unsigned long long number) {
+  if (TakesPart()) AppendNumber(number);
+  return *this;
+}
+
+template class LoggerBase<FileLogPolicy>;
+template class LoggerBase<ConsoleLogPolicy>;
+
+}  // namespace Tarvik::Ilog

@@ -1,0 +1,26 @@
+// A mutex that clang can check the use of.
+#pragma once
+
+#include <mutex>
+
+#include "base/Export.h"
+#include "base/ThreadSafety.h"
+
+namespace Tarvik {
+
+/// A std::mutex, and of its shape, with which fields can be marked as guarded. As that one's, the
+/// functions throw std::system_error when the lock fails.
+class QUELLON_LOCKABLE Mutex : public std::mutex {
+ public:
+  /// Waits for the lock.
+  void lock() QUELLON_ACQUIRE() { std::mutex::lock(); }
+  /// Gives the lock back.
+  void unlock() QUELLON_RELEASE() { std::mutex::unlock(); }
+  /// Takes the lock if it is free; false if it is not.
+  bool try_lock() QUELLON_TRY_ACQUIRE(true) { return std::mutex::try_lock(); }
+  /// Says that this thread holds the lock, where the compiler cannot see it. Does nothing.
+  void AssertHeld() const QUELLON_ASSERT_CAPABILITY(this) {}
+};
+static_assert(sizeof(Mutex) == sizeof(std::mutex), "objects that hold one keep their shape");
+
+}  // namespace Tarvik

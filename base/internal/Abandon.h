@@ -1,0 +1,22 @@
+// Objects that the library owns and does not destroy.
+#pragma once
+
+#ifdef QUELLON_LEAK_CHECKER
+#include <sanitizer/lsan_interface.h>
+#endif
+
+namespace Tarvik {
+
+/// Leaves `object` as it is until the process ends, on purpose: others were handed a pointer to it,
+/// and may go on using it when the library no longer needs it. Returns `object`. The library gives
+/// up nothing but by this function; whatever else leaks is an error, and so a build with a leak
+/// checker tells that of such an object.
+template <typename Object>
+Object* Abandon(Object* object) noexcept {
+#ifdef QUELLON_LEAK_CHECKER
+  __lsan_ignore_object(object);
+#endif
+  return object;
+}
+
+}  // namespace Tarvik
