@@ -8,6 +8,8 @@ namespace {
 /// Every test begins with the default answers and an empty device.
 class FreshMachine : public testing::EmptyTestEventListener {
   void OnTestStart(testing::TestInfo const&) override { Machine::Reset(); }
+  // Hooks may refer to what has gone with the test.
+  void OnTestEnd(testing::TestInfo const&) override { Machine::hooks() = {}; }
 };
 
 }  // namespace
