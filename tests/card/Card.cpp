@@ -149,7 +149,7 @@ void Card::Format(std::string const& options) {
 void Card::Edit(std::function<void(fs::path const&)> const& change) {
   fs::path const reader = "/tmp/card-reader";
   fs::create_directories(reader);
-  LoopDevice const device(image);
+  LoopDevice const device{image};
   Mounted const mounted(device.Node(), reader);
   change(reader);
 }

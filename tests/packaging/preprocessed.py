@@ -17,7 +17,7 @@ ROOT = Path(__file__).resolve().parents[2]
 def main(build: str):
     for entry in json.loads((Path(build) / "compile_commands.json").read_text()):
         source = Path(entry["file"])
-        if ROOT not in source.parents or ROOT / "tests" in source.parents:
+        if ROOT not in source.parents or source.relative_to(ROOT).parts[0] in ("build", "tests"):
             continue
         print("==", source, flush=True)
         words = shlex.split(entry["command"])
