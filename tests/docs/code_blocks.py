@@ -33,12 +33,14 @@ LINK = re.compile(r"\]\(([^)\s]+)\)")
 PRESET = re.compile(r"(cmake --build|cmake --workflow|cmake|ctest) --preset[ =](\S+)")
 KINDS = {"cmake": "configure", "cmake --build": "build", "ctest": "test",
          "cmake --workflow": "workflow"}
+OPTION = re.compile(r"--[a-z][a-z-]*")
 HEADING = re.compile(r"^#+ (.*)$", re.MULTILINE)
 
 
 # Pages that are complained of, each with a word of the complaint.
 WRONG = {
     "`scripts/nothing`": "no such script", "`scripts/test --slow`": "no option --slow",
+    "`scripts/test --quic`": "no option --quic",
     "`scripts/board s99_n`": "no such scenario", "`cmake --preset none`": "no such preset",
     "`ctest --preset base`": "no such preset", "[a](none.md)": "leads nowhere",
     "[a](#none)": "no heading", "Text\n\n    ls\n": "without a language",
@@ -139,8 +141,7 @@ def check_command(line: str) -> list[str]:
         if not (ROOT / "scripts" / name).is_file():
             return [f"no such script: scripts/{name}"]
         found += [f"scripts/{name} has no option {option}"
-                  for option in re.findall(r"--[a-z][a-z-]*", rest)
-                  if option not in help_of(name)]
+                  for option in OPTION.findall(rest) if option not in options_of(name)]
         found += [f"no such scenario: {scenario}" for scenario in re.findall(r"\bs\d\d_\w+", rest)
                   if not (ROOT / f"board/scenarios/{scenario}.py").is_file()]
     found += [f"no such preset: {preset}" for program, preset in PRESET.findall(command)
@@ -167,9 +168,10 @@ def headings(page: Path) -> list[str]:
 
 
 @cache
-def help_of(script: str) -> str:
-    return subprocess.run([ROOT / "scripts" / script, "--help"], capture_output=True, text=True,
+def options_of(script: str) -> list[str]:
+    text = subprocess.run([ROOT / "scripts" / script, "--help"], capture_output=True, text=True,
                           check=True).stdout
+    return ["--help", *OPTION.findall(text)]
 
 
 @cache
