@@ -63,8 +63,9 @@ def missing(sources: dict[str, list[str]], page: str) -> list[str]:
 def stale(sources: dict[str, list[str]], page: str) -> list[str]:
     texts = ["".join(f"\n{literal}\n" for literal in found) for found in sources.values()]
     return [f"docs/operations.md: in no source: {message}" for message in described(page)
-            if not any("".join(f"\n{piece}\n" for piece in pieces(message)) in text
-                       for text in texts)]
+            if not pieces(message) or
+            not any("".join(f"\n{piece}\n" for piece in pieces(message)) in text
+                    for text in texts)]
 
 
 def not_printed(page: str) -> list[str]:

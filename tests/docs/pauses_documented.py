@@ -18,7 +18,7 @@ PAUSE = re.compile(r"constexpr std::chrono::(\w+) (k\w+)\(([\d *]+)\);")
 MICROSECONDS = re.compile(r"constexpr useconds_t (k\w+) = (\d+);")
 DECLARED = re.compile(r"constexpr std::chrono::\w+ (k\w+)|"
                       r"constexpr [\w:]+ (k\w*(?:Attempts|Pause|PauseMicroseconds)\b)")
-UNNAMED = re.compile(r"\b(?:sleep|usleep|sleep_for|Retry|WaitFor|wait_for|std::chrono::\w+)"
+UNNAMED = re.compile(r"\b(?:sleep|usleep|Retry|WaitFor|wait_for|std::chrono::\w+)"
                      r"[({]\s*\d|\b\d+(?:ns|us|ms|s|min|h)\b(?!\")|"
                      r"\bpoll\([^()]*, -?[1-9]\d*\)")
 UNITS = {"milliseconds": "ms", "seconds": "s", "minutes": "min", "hours": "h"}
