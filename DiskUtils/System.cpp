@@ -67,7 +67,7 @@ bool System::SetDate(long& seconds) {
 
 bool System::SetRTC(long& seconds) {
   RTC::Rtc clock("/dev/rtc0");
-  // The second setting takes the time once more as the clock holds it.
+  // Set() has set the system clock already; setting it again is harmless, and kept.
   return clock.Set(seconds) && clock.SetSystemClock();
 }
 

@@ -22,7 +22,7 @@ using Tarvik::OutputLine;
 namespace {
 
 constexpr char const* kCounterFile = "/root/system.dat";
-constexpr char const* kCounterKey = "sdcard-status-conter";  // misspelt in the field, too
+constexpr char const* kCounterKey = "sdcard-status-conter";  // misspelt on devices in the field
 constexpr char const* kCannotBeOpen = "sdcard status file cannot be open";
 // A damaged file must not use up the board's memory. A longer text is cut, and no JSON then.
 constexpr std::size_t kLongestText = 65536;

@@ -65,10 +65,10 @@ class QUELLON_EXPORT FilesManager : public Tarvik::Interfaces::IThread,
 
   /// Fills the catalogue from the directory, in the directory's order, with a pause of 1 ms per
   /// entry. Everything but directories is taken; links are not followed. Objects of an earlier
-  /// load are abandoned, so that whoever holds one may go on using it.
+  /// load are not destroyed, so that whoever holds one may go on using it.
   /// Errors: "The disk is not available", "Empty path value", "Could not open directory",
-  /// "Incorrect path". A directory that fails while it is read ends there. A name without a dot is
-  /// reported on standard output and has no extension.
+  /// "Incorrect path". A failure while the directory is read ends the list there, and is no error.
+  /// A name without a dot is reported on standard output and has no extension.
   bool Load();
   /// Loads another directory from now on.
   bool Load(std::string& directory);
@@ -85,7 +85,7 @@ class QUELLON_EXPORT FilesManager : public Tarvik::Interfaces::IThread,
   void Sort();
   /// Whether `a` was modified before `b`.
   static bool CBSort(Ifile* a, Ifile* b);
-  /// Turns the order round.
+  /// Reverses the order.
   void ReverseList();
   /// Empties the list. The objects live on, for whoever holds them, and the total stays until it
   /// is recalculated.

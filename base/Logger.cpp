@@ -31,9 +31,9 @@ void Logger::RecoverInChild() noexcept {
   Sink<ConsoleLogPolicy>()->RecoverInChild();
 }
 
-// Both sinks are asked first: a thread that has a line on the console alone, begun while the file
-// was disabled, must not wait for the file of a thread that waits for the console. A line that a
-// disabled sink drops stands in nobody's way.
+// Looks for a line of this thread on both sinks before it waits for either: one on the console
+// alone, begun while the file was disabled, must not wait for the file, whose thread may wait for
+// the console. A line on a sink that was disabled since is dropped first, and does not count.
 void Logger::BeginLine(LogType type) {
   if (!fileSink->enabled) fileSink->DropLine();
   if (!consoleSink->enabled) consoleSink->DropLine();

@@ -1,6 +1,6 @@
-// The machine as a test wants it. The program defines the calls of the C library below itself, so
-// the libraries in it call these instead of the C library's own: what a call comes to is a hook's
-// to say, or else the profile's. Nothing here can reboot the machine, whatever the profile.
+// A stand-in for the machine, as a test wants it. The test program itself defines the calls of the
+// C library named below, so the libraries call these instead of the C library's own. A hook of the
+// test decides what a call does, or else the profile. None can reboot the machine.
 //
 //   Files.cpp       paths, descriptors, streams, directories
 //   System.cpp      mounting, commands, devices, restart
@@ -32,7 +32,7 @@ class Ifile;
 
 namespace Machine {
 
-/// What calls come to that no hook answers.
+/// What happens to calls that no hook answers.
 struct Profile {
   /// Paths that lead into a private folder, each with all that lies below it.
   std::vector<std::string> redirected = {};
@@ -183,8 +183,8 @@ void RemoveFile(std::string const& path);
 /// The whole content of a file of the device.
 std::string ReadFile(std::string const& path);
 
-/// True while this thread does the machine's work, so that memory and calls which that needs are
-/// not taken for the library's.
+/// True while this thread works for the stand-in itself, so that the memory and calls it needs for
+/// that are not taken for the library's.
 bool IsWorking();
 
 }  // namespace Machine
