@@ -15,8 +15,8 @@
 
 namespace FaultTable {
 
-/// The outcome of the failures that match a pattern of the shell, such as "stat /mnt/sdcard/ (1): *"
-/// for the first such call whatever its `errno`.
+/// The outcome of failures that match a pattern of the shell, such as "stat /mnt/sdcard/ (1): *" for
+/// the first such call whatever its `errno`.
 struct Row {
   std::string failure;
   std::string outcome;
@@ -54,9 +54,9 @@ class Verdicts {
   std::set<std::string> matched;
 };
 
-/// `Scenario` prepares the device when it is made, `Run` does the work, and `Outcome` tells how that
-/// ended: with `undisturbed` if nothing failed. Runs it with each of its calls failing in each way
-/// that is listed for the function in Failures.cpp.
+/// `Scenario` prepares the device when it is made, `Run` does the work, and `Outcome` tells how it
+/// ended: with `undisturbed` if nothing failed. Runs it with each of its calls failing in each of
+/// the ways that Failures.cpp lists for the function.
 template <typename Scenario>
 void Try(std::string const& undisturbed, std::vector<Row> const& table) {
   Verdicts verdicts(undisturbed, table);

@@ -1,6 +1,6 @@
-// A stand-in for the machine, as a test wants it. The test program itself defines the calls of the
-// C library named below, so the libraries call these instead of the C library's own. A hook of the
-// test decides what a call does, or else the profile. None can reboot the machine.
+// A stand-in for the machine, as a test wants it. The test program itself defines calls of the C
+// library, in the files below, so the libraries call these instead of the C library's own. A hook
+// of the test decides what a call does, or else the profile. None can reboot the machine.
 //
 //   Files.cpp       paths, descriptors, streams, directories
 //   System.cpp      mounting, commands, devices, restart
@@ -47,7 +47,7 @@ struct Profile {
 /// this machine is recorded and refused. For programs that may run anywhere.
 Profile const& Device();
 
-/// A card in a root of its own: all but restarts and pauses passes on.
+/// A card in a root of its own: all but restarts and pauses reach that.
 Profile const& PrivateRoot();
 
 /// This machine, but for the log, which is written in a folder. For benchmarks.
@@ -152,8 +152,8 @@ Hooks& hooks();
 
 /// What happened since `Reset`, in order, one text a call: "mount SOURCE TARGET TYPE FLAGS DATA",
 /// "umount TARGET", "umount2 TARGET FLAGS", "reboot COMMAND", "system COMMAND", "popen COMMAND
-/// MODE", "sync", "chdir PATH", "sleep NANOSECONDS ns", "clock SECONDS", "unlink PATH". Nothing is
-/// recorded where the machine is passed on to as it is.
+/// MODE", "sync", "chdir PATH", "sleep NANOSECONDS ns", "clock SECONDS", "unlink PATH". With the
+/// profile `PassOn` nothing is recorded.
 std::vector<std::string> Trace();
 
 /// The entries of the trace that begin with `prefix`.
