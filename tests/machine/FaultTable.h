@@ -15,8 +15,8 @@
 
 namespace FaultTable {
 
-/// The outcome of failures that match a pattern of the shell, such as "stat /mnt/sdcard/ (1): *" for
-/// the first such call whatever its `errno`.
+/// The outcome of failures that match a pattern of the shell: "stat /mnt/sdcard/ (1): *" is the
+/// first such call, whatever its `errno`.
 struct Row {
   std::string failure;
   std::string outcome;
