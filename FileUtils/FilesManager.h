@@ -25,8 +25,8 @@ using DiskUtils::Disk;
 /// Use: construct, `LoadAndSort()`, then `AddFile` for each new recording and `MakeRoom` before the
 /// next one. One owner thread uses the object; `RemoveAllFilesAsync` adds the object's own thread,
 /// which removes all files once and ends. A lock guards the list; it is never held while `MakeRoom`
-/// measures or waits. Failures are a false result with the reason kept in the error base. A failing
-/// lock throws std::system_error.
+/// measures or waits. Failures are a false result with the reason kept by `IError`. A failing lock
+/// throws std::system_error.
 ///
 /// A directory has one catalogue, and nobody else deletes in it. A file that another catalogue,
 /// another program or a person has deleted still counts with its size: `MakeRoom` deletes others in

@@ -38,7 +38,7 @@ void TemperatureMonitor::Run() {
   stop.WaitFor(kReadingPause);
 }
 
-// Nothing refreshes the temperature once the thread has ended.
+// Nothing refreshes the temperature any more, so it is not shown as the present one.
 void TemperatureMonitor::RunAfter() {
   valid = false;
 }
