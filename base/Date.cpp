@@ -19,9 +19,9 @@ constexpr std::chrono::seconds kLongestForkWait(1);
 // that lock stays locked in the child, where nobody unlocks it, and the child's first line of the
 // log would wait for ever. So this lock is held around each date, and fork(2) takes it first: no
 // process forks while one of its threads makes a date. A signal handler may fork, too. In the
-// middle of its own thread's date fork does not take the lock, since that thread goes on in both
-// processes. In the middle of its own thread's fork the lock is never freed for it, and it goes on
-// without after `kLongestForkWait`.
+// middle of its own thread's date, fork does not take the lock, since that thread goes on in both
+// processes. In the middle of its own thread's fork it cannot have the lock, and goes on without it
+// after `kLongestForkWait`.
 class CalendarLock {
  public:
   CalendarLock() {

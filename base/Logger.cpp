@@ -31,9 +31,9 @@ void Logger::RecoverInChild() noexcept {
   Sink<ConsoleLogPolicy>()->RecoverInChild();
 }
 
-// Looks for a line of this thread on both sinks before it waits for either: one on the console
-// alone, begun while the file was disabled, must not wait for the file, whose thread may wait for
-// the console. A line on a sink that was disabled since is dropped first, and does not count.
+// Looks for a line of this thread on both sinks before it waits for either: with a line on the
+// console alone, begun while the file was disabled, it must not wait for the file, since the thread
+// that has the file may wait for the console. A line on a sink disabled since is dropped first.
 void Logger::BeginLine(LogType type) {
   if (!fileSink->enabled) fileSink->DropLine();
   if (!consoleSink->enabled) consoleSink->DropLine();

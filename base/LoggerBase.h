@@ -71,12 +71,12 @@ class LoggerBase {
     return *this;
   }
 
-  /// If the line under way ends with a newline, or takes no more text, signals it and hands it to
-  /// the sink's writer, and the sink is free again; otherwise does nothing.
+  /// If the line under way ends with a newline, or takes no more text, signals `lineReady` once,
+  /// writes the line and frees the sink; otherwise does nothing.
   void CheckEndOfStream();
 
   /// Ends the line under way: appends a newline, unless a manipulator such as std::endl was its
-  /// last piece, signals the line and hands it to the sink's writer. Frees the sink in every case.
+  /// last piece, signals as above and writes the line. Frees the sink in every case.
   void EndLine();
 
   /// Waits until no line of another thread is under way.
