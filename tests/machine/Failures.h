@@ -13,13 +13,14 @@
 
 namespace Machine {
 
-/// What fails in a run: a call or allocation, counted from 1, and in which of its ways, from 0.
+/// What fails in a run: the number of the call or allocation, from 1, and which of its possible
+/// failures that is, from 0.
 struct Point {
   int number = 1;
   std::size_t way = 0;
 };
 
-/// What came of it.
+/// Whether a run reached its `Point`.
 struct Strike {
   Strike(bool hasHappened, bool hasMoreWays = false)
       : happened(hasHappened), moreWays(hasMoreWays) {}
@@ -28,8 +29,8 @@ struct Strike {
   bool moreWays;  ///< whether it can fail in yet another way
 };
 
-/// Calls `run` with one point after the other, until a run in which nothing fails. It returns what
-/// came of its point. Reports how many failures were tried.
+/// Calls `run` with one point after the other, until a run that does not reach its point; `run`
+/// returns whether it did. Reports how many failures were tried.
 template <typename Run>
 void ForEachFailure(Run run) {
   int tried = 0;
