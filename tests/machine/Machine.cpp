@@ -98,8 +98,8 @@ std::string Redirected(std::string_view path) {
 
 Profile const& Device() {
   static auto const* const device =
-      new Profile{{"/dev/mmcblk1", "/dev/watchdog", "/dev/rtc0", "/sys/", "/root/system.dat",
-                   "/mnt/", "/var/log/", "/proc/"}};
+      new Profile{{"/dev/mmcblk1", "/dev/watchdog", "/dev/rtc0", "/sys/", "/root/", "/mnt/",
+                   "/var/log/", "/proc/"}};
   return *device;
 }
 
