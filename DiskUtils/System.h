@@ -1,4 +1,4 @@
-// The facade that brings the SD card into service and takes the machine down.
+// What brings the SD card into service and takes the machine down.
 #pragma once
 
 #include <string>
