@@ -44,20 +44,42 @@ class Scripts(unittest.TestCase):
             partly=("echo '[  PASSED  ] 4 tests.'; echo '[  FAILED  ] 2 tests:'; exit 1", ""),
             skips=("echo 'a.cpp:7: Skipped'; echo no root; echo '[  PASSED  ] 0 tests.'", ""),
             slow=("sleep 60", "TIMEOUT 1"), good=("echo good", ""), missing=None,
-            elsewhere=("echo no board here; exit 77", "SKIP_RETURN_CODE 77"))
+            elsewhere=("echo no board here; exit 77", "SKIP_RETURN_CODE 77"),
+            off=("echo good", "DISABLED ON"),
+            ended=("echo '[==========] Running 2 tests from 1 test suite.'", ""),
+            nothing=("echo '[==========] Running 0 tests from 0 test suites.';"
+                     "echo '[==========] 0 tests from 0 test suites ran. (0 ms total)'", ""),
+            leak=("echo a; echo 'ERROR: LeakSanitizer: 1 byte'; exit 77", "SKIP_RETURN_CODE 77"),
+            whole=("echo '[==========] Running 2 tests from 1 test suite.';"
+                   "echo '[==========] 2 tests from 1 test suite ran. (0 ms total)';"
+                   "echo '[  PASSED  ] 2 tests.'", ""))
         self.assertEqual(output, """== Skipped
        1 no root
        1 no board here
+       1 disabled
 == Failed
    r: partly
    r: slow
    r: missing
+   r: ended
+   r: nothing
+   r: leak
 == Minutes
      1:05 build
      0:02 test
      1:07 in all
-8 passed, 4 failed
+10 passed, 7 failed
 """)
+
+    def test_a_report_without_tests_is_a_failure(self):
+        self.assertIn("r: no tests\n", self.results_of_tests())
+
+    def test_bytes_of_a_test_that_are_no_text_hide_nothing(self):
+        with tempfile.TemporaryDirectory() as folder:
+            program = Path(folder) / "ctest"
+            program.write_text("printf '\\000\\n***Failed\\n'; echo > build/results/a.xml")
+            program.chmod(0o755)
+            self.assertIn("***Failed", self.output(f"cd {folder}; PATH=.:$PATH; run_tests a"))
 
     def results_of_tests(self, **tests) -> str:
         """What is said of tests, each a command of the shell and its properties."""

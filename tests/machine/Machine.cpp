@@ -94,6 +94,14 @@ std::string Redirected(std::string_view path) {
   return Folder().path.string().append(path);
 }
 
+// Calls do not reach what a test would keep in the folder under any other path: they would find the
+// machine's own file instead.
+fs::path DevicesOwn(std::string const& path) {
+  auto const leadsTo = [&path](std::string const& root) { return IsBelow(path, root); };
+  if (std::ranges::any_of(Device().redirected, leadsTo)) return Redirected(path);
+  throw std::invalid_argument("no path of the device: " + path);
+}
+
 }  // namespace
 
 Profile const& Device() {
@@ -201,7 +209,7 @@ std::optional<std::string> DevicePath(int fd) {
 }
 
 void MakeFile(std::string const& path, std::string const& content) {
-  fs::path const real = Redirected(path);
+  fs::path const real = DevicesOwn(path);
   fs::create_directories(real.parent_path());
   std::ofstream(real, std::ios::binary) << content;
 }
@@ -211,7 +219,7 @@ void RemoveFile(std::string const& path) {
 }
 
 std::string ReadFile(std::string const& path) {
-  std::ifstream file(Redirected(path), std::ios::binary);
+  std::ifstream file(DevicesOwn(path), std::ios::binary);
   return {std::istreambuf_iterator<char>(file), {}};
 }
 

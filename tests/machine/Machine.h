@@ -174,13 +174,13 @@ std::filesystem::path Real(std::string const& path);
 /// The device's path of what a descriptor is open on; nothing for anything else.
 std::optional<std::string> DevicePath(int fd);
 
-/// Makes a file of the device with its folders.
+/// Makes a file of the device with its folders. Throws for a path that leads to the machine's own.
 void MakeFile(std::string const& path, std::string const& content);
 
 /// Removes a file of the device, or a folder with all it holds. Never reaches the machine's own.
 void RemoveFile(std::string const& path);
 
-/// The whole content of a file of the device.
+/// The whole content of a file of the device. Throws for a path that leads to the machine's own.
 std::string ReadFile(std::string const& path);
 
 /// True while this thread works for the stand-in itself, so that the memory and calls it needs for

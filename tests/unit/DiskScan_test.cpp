@@ -184,7 +184,7 @@ TEST_F(DiskScan, CallsACardAMalfunctionThatKeepsAnOldTestFileAndTakesNoNewOne) {
   EXPECT_EQ(ReadFile(FakeCard::kTestFile), "old");
 }
 
-constexpr char const* kOutside = "/root/outside";
+constexpr char const* kOutside = "/mnt/outside";
 
 /// What somebody may put in the place of the test file.
 struct Thing {
@@ -217,7 +217,7 @@ TEST_P(DiskScanInPlaceOfTheTestFile, IsNotOpenedWhereItCannotBeRemoved) {
   EXPECT_EQ(Trace()[1], CardText::kUmount);  // nothing was flushed
   EXPECT_EQ(FakeCard::Status().malfunction, 1);
   EXPECT_EQ(ReadFile(kOutside), "outside");
-  EXPECT_FALSE(fs::exists(Machine::Real("/root/nowhere")));
+  EXPECT_FALSE(fs::exists(Machine::Real("/mnt/nowhere")));
 }
 
 TEST_P(DiskScanInPlaceOfTheTestFile, IsNotOpenedWhenItsRemovalIsOnlyPretended) {
@@ -273,7 +273,7 @@ INSTANTIATE_TEST_SUITE_P(
               [](std::string const& path) { fs::create_directory_symlink("/", path); }},
         Thing{"ALinkThatLeadsNowhere",
               [](std::string const& path) {
-                fs::create_symlink(Machine::Real("/root/nowhere"), path);
+                fs::create_symlink(Machine::Real("/mnt/nowhere"), path);
               }}),
     [](auto const& instance) { return instance.param.name; });
 

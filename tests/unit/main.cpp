@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include "tests/machine/Machine.h"
+#include "tests/support/WholeRun.h"
 
 namespace {
 
@@ -17,5 +18,5 @@ class FreshMachine : public testing::EmptyTestEventListener {
 int main(int count, char** arguments) {
   testing::InitGoogleTest(&count, arguments);
   testing::UnitTest::GetInstance()->listeners().Append(new FreshMachine);
-  return RUN_ALL_TESTS();
+  return WholeRun::OfAllTests();
 }
