@@ -125,9 +125,7 @@ std::optional<Failure> FailingCalls::Next(Call const& call) {
   ways.push_back(failures.size());
   std::string const name = call.function + (call.subject.empty() ? "" : " ") + call.subject;
   int const number = ++calls[name];
-  if (failed == points.size() || std::ssize(ways) < points[failed].number) {
-    return otherwise ? otherwise(call) : std::nullopt;
-  }
+  if (failed == points.size() || std::ssize(ways) < points[failed].number) return std::nullopt;
   Point const& point = points[failed++];
   Failure const failure = failures.at(point.way);
   text += (text.empty() ? "" : ", then ") + name;

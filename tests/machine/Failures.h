@@ -79,7 +79,6 @@ class FailingCalls {
   std::map<std::string, int> calls;
   std::string text;
   bool moreWays = false;
-  std::function<std::optional<Failure>(Call const&)> otherwise = hooks().fault;
 };
 
 /// Calls `run` without a failure, with each one, and then with pairs of them: calls that both come
