@@ -67,7 +67,7 @@ void Try(std::string const& undisturbed, std::vector<Row> const& table) {
     Machine::Strike strike = false;
     std::string failure;
     {
-      Machine::FailingCall const failing(point);
+      Machine::FailingCalls const failing({point});
       scenario.Run();
       failure = failing.Text();
       strike = failing.Result();

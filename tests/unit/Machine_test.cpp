@@ -96,7 +96,7 @@ TEST(Machine, FailsEachCallInEachOfItsWays) {
   Machine::MakeFile("/root/a", "four");
   std::vector<std::string> failures;
   Machine::ForEachFailure([&](Machine::Point const& point) {
-    Machine::FailingCall const failing(point);
+    Machine::FailingCalls const failing({point});
     std::string const text = Read();
     failures.push_back(failing.Text() + " -> " + text);
     return failing.Result();
