@@ -9,9 +9,9 @@ namespace Quellon::DiskUtils {
 
 /// Unmounts, checks and mounts one partition with the commands "umount", "fsck" and "mount", found
 /// on the search path. Nothing is thrown for a command that fails; messages go to standard output.
-/// Where the process ignores SIGCHLD it does not while a command runs, and standard descriptors
-/// that are closed become "/dev/null" for good. Not locked: one thread at a time, and nothing else
-/// may use the partition meanwhile.
+/// While a command runs, SIGCHLD is not ignored, since a command's exit status would be lost
+/// otherwise. Standard descriptors that are closed are opened on "/dev/null", and stay so. Not
+/// locked: one thread at a time, and nothing else may use the partition meanwhile.
 class QUELLON_EXPORT CheckDisk {
  public:
   /// Keeps copies of both paths: the mount directory and the partition's device node.
@@ -22,17 +22,17 @@ class QUELLON_EXPORT CheckDisk {
   CheckDisk& operator=(CheckDisk const&) = default;
   virtual ~CheckDisk();
 
-  /// Runs the unmount command until it succeeds, 4 times at most, 1 second apart, and prints which
-  /// it was. A command that a signal ends counts as one that succeeded.
+  /// Runs the unmount command until it succeeds, 4 times at most, 1 second apart, and prints
+  /// whether it did. A command that a signal ends counts as one that succeeded.
   void UnMount();
 
   /// Runs the mount command (options noatime, nodiratime, data=writeback) in the same way.
   void Mount();
 
   /// Unmounts, runs "fsck -f -y", prints what its exit code says and mounts again, whatever the
-  /// code. A file system that could not be unmounted is handed to the check all the same, which
-  /// refuses it. Returns the code. Takes minutes on a large card; 3 seconds more for code 2, whose
-  /// reboot is announced but left to others.
+  /// code. If the unmount failed fsck is run all the same, and refuses. Returns the code. Takes
+  /// minutes on a large card. For code 2 it announces a reboot and waits 3 seconds, but does not
+  /// reboot.
   int DiskCheck();
 
   // Binary interface: these fields keep their order.

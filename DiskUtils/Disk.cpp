@@ -28,7 +28,7 @@ bool Exists(std::string const& path) {
   return access(path.c_str(), F_OK) == 0;
 }
 
-// Takes the errno of the failed call before the exception is made, which asks for memory.
+// Takes the errno of the failed call first: making the exception allocates and may change it.
 [[noreturn]] void ThrowErrno(char const* complaint) {
   int const error = errno;
   throw IException(complaint, error);
@@ -117,7 +117,7 @@ bool Disk::Umount() {
 void Disk::LoadDiskInfo() {
   struct statvfs space {};
   if (statvfs(mountPoint.c_str(), &space) != 0) ThrowErrno("Get space stat error");
-  // Older kernels leave the unit of the counts out; it is the block size then.
+  // Older kernels leave f_frsize, the unit of the counts, at 0; it is the block size then.
   auto const blockSize =
       static_cast<long long>(space.f_frsize != 0 ? space.f_frsize : space.f_bsize);
   totalBytes = static_cast<long long>(space.f_blocks) * blockSize;

@@ -12,7 +12,7 @@
 namespace Quellon::DiskUtils {
 
 /// One SD card: its mount point, partition and block device, whether it may be used, its space and
-/// its place in the process-wide status table. Neither a Disk nor the table is locked: one thread
+/// its entry in the process-wide status table. Neither a Disk nor the table is locked: one thread
 /// at a time may use a mount point, and nothing else the card while it is scanned or formatted.
 class QUELLON_EXPORT Disk : public CheckDisk {
  public:
@@ -41,8 +41,8 @@ class QUELLON_EXPORT Disk : public CheckDisk {
   /// True on success. Not the command of the same name in `CheckDisk`.
   bool Mount();
 
-  /// Unmounts by umount(2), then by force: 10 attempts 100 ms apart, each but the last failure
-  /// reported on standard error unless that takes nothing just now. True on success.
+  /// Unmounts by umount(2), then by force: 10 attempts 100 ms apart. Each failure but the last is
+  /// printed on standard error, or dropped if that would block. True on success.
   bool Umount();
 
   /// True when `mountPoint` is a mount point: it lies on another device than its parent.
@@ -62,9 +62,9 @@ class QUELLON_EXPORT Disk : public CheckDisk {
   /// Proves the card: writes "check.tmp" to it, checks the file system and looks whether the file
   /// is still there. Returns with `available` true when the card passed; throws IException
   /// otherwise. Once a card has lost the file, or could not take it, every card on this mount point
-  /// is refused for the rest of the process's life. Whatever else lies in the place of the file is
-  /// removed; where it cannot be, the card could not take the file. The file is not read back:
-  /// neither contents nor a failed write are noticed.
+  /// is refused for the rest of the process's life. What has the file's name but is no regular file
+  /// is removed first; if it cannot be, that counts as a file the card could not take. The file is
+  /// not read back: neither wrong contents nor a failed write are noticed.
   /// Refreshes the status entry, but not the space figures. Takes as long as the check.
   void ScanDisk();
 
@@ -77,14 +77,13 @@ class QUELLON_EXPORT Disk : public CheckDisk {
   /// Prints the card's identity on standard output.
   void PrintInfo();
 
-  /// Always false; in the interface for a test that would write to the card.
+  /// Always false. A placeholder for a read-only test by writing, kept for the interface.
   static bool testSDCardReadOnlySlow(std::string device);
 
   /// The first word of a file; empty, with a line on standard output, when it is not readable.
   static std::string readSysFSProperty(std::string path);
 
-  /// The base-10 number that `text` begins with, as its unsigned 64-bit pattern; 0 if there is
-  /// none.
+  /// The decimal number that `text` begins with, a negative one modulo 2^64; 0 if there is none.
   static unsigned long long StringToULong(std::string text);
 
   /// The decimal text of `value`.

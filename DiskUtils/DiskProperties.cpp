@@ -20,7 +20,7 @@ unsigned long long Disk::StringToULong(std::string text) {
 
 std::string Disk::ULongToString(unsigned long long value) {
   std::ostringstream text;
-  text.imbue(std::locale::classic());  // whatever the application chose for its own texts
+  text.imbue(std::locale::classic());  // not the application's, which may group digits
   text << value;
   return text.str();
 }

@@ -1,4 +1,4 @@
-// Proving the card, and making a new file system on it.
+// The scan of the card, and making a new file system on it.
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -30,8 +30,8 @@ bool IsMissing(std::string const& path) {
   return lstat(path.c_str(), &status) != 0 && errno == ENOENT;
 }
 
-// A card's contents are anybody's: what is written must not go where a link leads, to a device, or
-// into a pipe, where it would wait for a reader. Such a thing is removed if that can be done.
+// Anybody may have written the card: the test file must not go where a link leads, to a device, or
+// into a pipe, where it would wait for a reader. Such a thing is removed if possible.
 bool CanTakeAFile(std::string const& path) {
   if (IsMissing(path) || IsRegularFile(path)) return true;
   unlink(path.c_str());
@@ -63,7 +63,7 @@ void Disk::RequireAvailable() {
   if (!available || !Status().present) throw IException("The device is not available");
 }
 
-// False for a file that could not be opened, which the card is refused for after the check.
+// False if the file could not be opened; ScanDisk refuses the card for that after the check.
 bool Disk::WriteTestFile(std::string const& path) {
   if (!CanTakeAFile(path)) return false;
   try {

@@ -40,7 +40,7 @@ System::System() {
 System::~System() = default;
 
 int System::UnmountAll() {
-  // A file that is being written keeps "/" busy; but a line that goes nowhere must not stop this.
+  // An open log file keeps "/" busy. Close() does not wait: a line under way may never end.
   static_cast<void>(Tarvik::Ilog::Logger::GetInstance()->Close());
   if (chdir("/") != 0) DiskUtils::Complain("Unable to change dir to /");
   sync();
@@ -48,7 +48,7 @@ int System::UnmountAll() {
     std::this_thread::sleep_for(kRootPause);
     DiskUtils::ForceUnmount("/", "Unable to umount root SD");
   }
-  // Only the root file system gets a second to come to rest before force is used.
+  // For the card force is used at once; only the root file system had a pause before it.
   int const result = umount(DiskUtils::kCardMountPoint);
   if (result == 0) return result;
   return DiskUtils::ForceUnmount(DiskUtils::kCardMountPoint, "Unable to umount storage SD");
@@ -67,7 +67,7 @@ bool System::SetDate(long& seconds) {
 
 bool System::SetRTC(long& seconds) {
   RTC::Rtc clock("/dev/rtc0");
-  // The second setting takes the time once more as the clock holds it.
+  // Set() has set the system clock already; setting it again is harmless, and kept.
   return clock.Set(seconds) && clock.SetSystemClock();
 }
 

@@ -1,4 +1,4 @@
-// The facade that brings the SD card into service and takes the machine down.
+// What brings the SD card into service and takes the machine down.
 #pragma once
 
 #include <string>
@@ -10,7 +10,7 @@
 namespace Quellon {
 
 /// The device's system services. Messages go to standard output, and the errors of failed unmounts
-/// to standard error, where they are lost rather than waited for. Not locked: one thread at a time;
+/// to standard error, or dropped if that would block. Not locked: one thread at a time;
 /// `GetInstance` is called on one thread before any other calls it.
 class QUELLON_EXPORT System {
  public:
@@ -28,14 +28,14 @@ class QUELLON_EXPORT System {
   /// with `SaveSDCardStatusCounter` once the service has started well.
   ///
   /// Returns the card, usable if its `available` is true, owned by the System and replaced by the
-  /// next call; null when a reboot was asked for or the card could not be represented at all.
-  /// Exceptions outside the standard family pass. Takes seconds, minutes with a large
-  /// card to check: arm no watchdog with less patience before it.
+  /// next call; null when a reboot was asked for or there was no memory for a `Disk`. Exceptions
+  /// that are no std::exception pass. Takes seconds, with a large card minutes: a watchdog that is
+  /// armed already must be kicked by another thread meanwhile, or have a longer timeout.
   DiskUtils::Disk* InitDisk();
 
   /// How many reboots in a row a failing card has caused, from "/root/system.dat", which is made,
-  /// empty, when missing. 0 when nothing is stored, -1 when the file cannot be read or is none: a
-  /// pipe or a device of that name is never opened.
+  /// empty, when missing. 0 when nothing is stored; -1 when the file cannot be read, is no JSON or
+  /// no regular file: a pipe or a device of that name is never opened.
   int ReadSDCardStatusCounter();
 
   /// Stores the count, or removes the file when `counter` is 0 or less. False when the file could
@@ -59,8 +59,9 @@ class QUELLON_EXPORT System {
 
   /// Flushes and unmounts the root file system and the card, by force if need be, which takes
   /// seconds. Waits neither for the log nor for standard error. Meant for the end: afterwards the
-  /// working directory is "/", the log file closed unless a thread is in the middle of a line, and
-  /// a root file system that cannot go read-only. Returns the result of the last unmount call.
+  /// working directory is "/" and the log file closed. While a thread is in the middle of a line
+  /// the log file stays open, and the root file system then cannot become read-only. Returns the
+  /// result of the last unmount call.
   /// Kernel interface: umount(2), umount2(2).
   int UnmountAll();
 

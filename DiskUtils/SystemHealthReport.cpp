@@ -15,7 +15,7 @@ namespace {
 
 constexpr char const* kRule = "==================================================================";
 constexpr char const* kFirmware = "30.4|B140 (" __DATE__ " " __TIME__ ")";
-constexpr time_t kLastSecondOfALostClock = 9999;  // no device was built that long ago
+constexpr time_t kLastSecondOfALostClock = 9999;  // a clock without power starts at 0
 constexpr double kBytesPerGiB = 1ULL << 30;
 constexpr double kKilobytesPerGiB = 1ULL << 20;
 

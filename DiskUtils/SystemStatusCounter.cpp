@@ -22,12 +22,12 @@ using Tarvik::OutputLine;
 namespace {
 
 constexpr char const* kCounterFile = "/root/system.dat";
-constexpr char const* kCounterKey = "sdcard-status-conter";  // as devices in the field have it
+constexpr char const* kCounterKey = "sdcard-status-conter";  // misspelt on devices in the field
 constexpr char const* kCannotBeOpen = "sdcard status file cannot be open";
-// A damaged file must not use up the board's memory. A text that is cut short is no JSON.
+// A damaged file must not use up the board's memory. A longer text is cut, and no JSON then.
 constexpr std::size_t kLongestText = 65536;
 
-// A pipe would keep whoever opens it waiting, and a device takes a count and gives none back.
+// Opening a pipe would block, and a device such as /dev/null would not keep the count.
 bool MayBeOpened() {
   struct stat status {};
   return stat(kCounterFile, &status) != 0 || S_ISREG(status.st_mode);

@@ -8,8 +8,8 @@
 
 namespace Quellon::FileUtils {
 
-/// A directory by its path, which need not exist. Failures are kept in the error base. One thread
-/// at a time.
+/// A directory by its path, which need not exist. Failures are kept by `IError`. One thread at a
+/// time.
 class QUELLON_EXPORT Idir : public Tarvik::Interfaces::IError {
  public:
   /// Keeps the path and looks whether the directory can be opened.

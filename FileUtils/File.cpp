@@ -43,8 +43,8 @@ bool BringToCard(std::string const& path) {
   return fd.IsOpen() && RestartWhileInterrupted([&fd] { return fsync(fd.Get()); }) == 0;
 }
 
-// Also by way of links. The standard library asks for sizes of 64 bits, so that a recording of 2
-// GiB is known on a 32-bit board, too.
+// Follows links. The standard library's own calls have sizes of 64 bits, so a recording of 2 GiB
+// is found on a 32-bit board, too, where this library's stat(2) fails.
 bool AreOneFile(std::string const& path, std::string const& other) {
   std::error_code missing;
   return std::filesystem::equivalent(path, other, missing);
@@ -157,8 +157,8 @@ bool Ifile::Rename(std::string& newPath) {
 bool Ifile::CopyTo(std::string const& destination) {
   try {
     if (destination.empty()) throw IException("Empty destination path");
-    if (!Open(true)) throw IException("Source file not open");  // Open says true to everything
-    // Opening it would empty the recording.
+    if (!Open(true)) throw IException("Source file not open");  // never: Open returns true
+    // Opening the destination would empty the recording itself.
     if (AreOneFile(path, destination)) throw IException("destination file not open");
     Tarvik::OccupyStandardDescriptors();
     std::ofstream copy(destination, std::ios::binary);

@@ -58,11 +58,11 @@ class QUELLON_EXPORT Ifile {
   /// `stream->is_open()`. Throws IException "Empty file path".
   bool Open(bool append);
 
-  /// Flushes and closes the stream, if it is open; a failure is left in its state. What was written
-  /// is in the kernel's hands then, not on the card: `Sync` brings it there.
+  /// Flushes and closes the stream, if it is open; a failure shows in its state alone. What was
+  /// written is in the kernel's memory then, not on the card: `Sync` brings it there.
   void Close();
 
-  /// Write to the stream. False when there is nothing to write or no stream; true says nothing
+  /// Writes to the stream. False when there is nothing to write or no stream; true says nothing
   /// about the stream's state. What was written is lost when the card is pulled or power fails
   /// before `Sync`: the file may be shorter then, empty, or not there.
   bool Write(char* data, unsigned int length);
@@ -97,9 +97,9 @@ class QUELLON_EXPORT Ifile {
   /// Copies the file to `destination`, which is made or emptied. The source's stream is opened if
   /// it is not, which makes a missing file, and left open; copying begins at its read position.
   /// False, with an error line in the log, when the destination has no name, cannot be made, or is
-  /// the file itself, be it through a link, which then stays as it is; a source that cannot be
-  /// opened is an empty one, and what failed while copying is not detected. The copy is in the
-  /// kernel's hands, as what `Write` writes. Never throws.
+  /// the file itself, be it through a link, which then stays as it is. A source that cannot be
+  /// opened is copied as an empty file, and failures while copying are not detected. The copy may
+  /// still be in memory alone, as what `Write` writes. Never throws.
   bool CopyTo(std::string const& destination);
 
   /// Writes the bytes of `value`, as they lie in memory, to a C stream. False when `file` is null,
@@ -107,8 +107,8 @@ class QUELLON_EXPORT Ifile {
   static bool WriteInt(int value, FILE* file);
   /// Writes bytes to a C stream, in the same way. False also for bytes at a null `data`.
   static bool Write(void* data, unsigned int length, FILE* file);
-  /// `length` bytes from the start of `text`, which the caller vouches for: at most the text and
-  /// its terminator, in the same way. False also when `text` is empty.
+  /// `length` bytes from the start of `text`, in the same way. `length` is not tested: at most the
+  /// text and its terminating NUL. False also when `text` is empty.
   static bool WriteString(std::string const& text, unsigned int length, FILE* file);
   /// The whole text, in the same way.
   static bool WriteString(std::string const& text, FILE* file);

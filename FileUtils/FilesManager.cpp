@@ -31,7 +31,7 @@ namespace {
 
 constexpr useconds_t kEntryPauseMicroseconds = 1000;
 
-// The tail of a name from its last dot. A name without one makes the library's own complaint.
+// A name from its last dot on. One without a dot makes substr throw, whose message is printed.
 std::string DottedExtension(std::string const& fileName) {
   try {
     return fileName.substr(fileName.rfind('.'));
@@ -49,8 +49,8 @@ std::string JoinPath(std::string const& directory, std::string_view fileName) {
   return path;
 }
 
-// What std::list::sort makes of CBSort, from times that lie side by side: in a long list each look
-// at a file itself is a cache miss. Nodes are relinked, so that positions stay with their files.
+// Sorts as std::list::sort does with CBSort, but by times copied into a vector: in a long list each
+// look at a file itself is a cache miss. Nodes are relinked, so iterators stay with their files.
 void SortByTime(std::list<Ifile*>& files) {
   struct Entry {
     std::time_t time;
@@ -104,7 +104,7 @@ bool FilesManager::HasCard() const {
 }
 
 void FilesManager::AddReserve() {
-  // llround is roundf and the conversion in one, defined also where the product fits no integer.
+  // llround rounds and converts; unlike a cast it is defined also where the result does not fit.
   minFreeSpace += static_cast<unsigned long long>(
       std::llround(static_cast<float>(disk->reserveBytes) * fraction));
 }
@@ -129,7 +129,7 @@ bool FilesManager::Load() {
   UniqueDir directory(opendir(path.c_str()));
   if (directory == nullptr) return Fail("Could not open directory", "Load");
   if (!path.ends_with('/')) {
-    Abandon(directory.release());  // it stays open: the path is only judged now
+    Abandon(directory.release());  // left open, which is kept: the path is tested too late
     return Fail("Incorrect path", "Load");
   }
   Forget();
@@ -196,7 +196,7 @@ void FilesManager::Forget() {
 
 void FilesManager::Sort() {
   MutexLock const lock(filesMutex);
-  files.remove(nullptr);  // which has no time to sort by
+  files.remove(nullptr);  // a null has no time to sort by
   try {
     SortByTime(files);
   } catch (std::bad_alloc const&) {

@@ -25,8 +25,8 @@ using DiskUtils::Disk;
 /// Use: construct, `LoadAndSort()`, then `AddFile` for each new recording and `MakeRoom` before the
 /// next one. One owner thread uses the object; `RemoveAllFilesAsync` adds the object's own thread,
 /// which removes all files once and ends. A lock guards the list; it is never held while `MakeRoom`
-/// measures or waits. Failures are a false result with the reason kept in the error base. A failing
-/// lock throws std::system_error.
+/// measures or waits. Failures are a false result with the reason kept by `IError`. A failing lock
+/// throws std::system_error.
 ///
 /// A directory has one catalogue, and nobody else deletes in it. A file that another catalogue,
 /// another program or a person has deleted still counts with its size: `MakeRoom` deletes others in
@@ -65,10 +65,10 @@ class QUELLON_EXPORT FilesManager : public Tarvik::Interfaces::IThread,
 
   /// Fills the catalogue from the directory, in the directory's order, with a pause of 1 ms per
   /// entry. Everything but directories is taken; links are not followed. Objects of an earlier
-  /// load are abandoned, so that whoever holds one may go on using it.
+  /// load are not destroyed, so that whoever holds one may go on using it.
   /// Errors: "The disk is not available", "Empty path value", "Could not open directory",
-  /// "Incorrect path". A directory that fails while it is read ends there. A name without a dot is
-  /// reported on standard output and has no extension.
+  /// "Incorrect path". A failure while the directory is read ends the list there, and is no error.
+  /// A name without a dot is reported on standard output and has no extension.
   bool Load();
   /// Loads another directory from now on.
   bool Load(std::string& directory);
@@ -85,7 +85,7 @@ class QUELLON_EXPORT FilesManager : public Tarvik::Interfaces::IThread,
   void Sort();
   /// Whether `a` was modified before `b`.
   static bool CBSort(Ifile* a, Ifile* b);
-  /// Turns the order round.
+  /// Reverses the order.
   void ReverseList();
   /// Empties the list. The objects live on, for whoever holds them, and the total stays until it
   /// is recalculated.

@@ -24,8 +24,8 @@ constexpr int kFruitlessAttempts = 100;
 constexpr unsigned int kFilesPerAttempt = 2;
 constexpr useconds_t kFruitlessPauseMicroseconds = 10000;
 
-// Logs and positions outlive the recordings they belong to. The list's owner may have put nulls
-// into it, which stay there.
+// Logs and positions (".gps") outlive the recordings they belong to. Nulls that the application has
+// put into the list stay there.
 bool MayBeDeleted(Ifile const* file) {
   return file != nullptr && file->extension != ".log" && file->extension != ".gps";
 }
@@ -51,7 +51,7 @@ bool FilesManager::CheckAvailableSpace(bool throwIfNoDisk) {
     if (!HasCard()) return Fail("Disk not received", "MakeRoom");
   }
   disk->LoadDiskInfo();
-  // The free space counts in the same share as the card itself.
+  // The share applies to the free bytes as it does to the card's size.
   float const free = static_cast<float>(disk->freeBytes) * fraction;
   if (!(free > static_cast<float>(minFreeSpace))) return false;
   return static_cast<float>(totalFilesSize.load()) <
@@ -83,7 +83,7 @@ unsigned int FilesManager::DeleteOldFiles(unsigned int count) {
     Ifile* const file = *position;
     if (!MayBeDeleted(file)) continue;
     Removal const removal = Remove(*file);
-    if (removal == Removal::Thrown) continue;  // stays catalogued for another try
+    if (removal == Removal::Thrown) continue;  // stays in the catalogue, to be tried again
     files.erase(position);
     if (removal == Removal::Failed) {
       Abandon(file);
@@ -124,11 +124,11 @@ void FilesManager::Run() {
   // Otherwise the thread was started for the work of a derived class, which is destroyed already:
   // nobody asked for files to be removed.
   if (!IsReducedTo(typeid(FilesManager))) RemoveAllFiles();
-  Cancel();  // once is enough, also for a start that came meanwhile
+  Cancel();  // one pass is enough, also if Start() was called again meanwhile
 }
 
-// Does not wait: the object's own thread keeps the lock as long as it deletes. While another thread
-// has it, the list may have any number of files.
+// Does not wait, since a thread that deletes keeps the lock for long. While another thread has the
+// lock, the highest number stands for an unknown one.
 unsigned int FilesManager::CountFiles() {
   std::unique_lock const lock(filesMutex, std::try_to_lock);
   if (!lock.owns_lock()) return std::numeric_limits<unsigned int>::max();

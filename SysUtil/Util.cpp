@@ -52,7 +52,7 @@ bool ProcessMatches(std::string const& processId, std::string const& processName
   return !commandLine.empty() && ProgramName(commandLine).find(processName) != std::string::npos;
 }
 
-// Past the pipe's stream, which stops at a signal and drops what it has read until then.
+// Reads the descriptor, as the pipe's stream would end at a signal and lose what it had read.
 bool AppendPiece(std::string& output, int fd) {
   std::array<char, 1024> piece;
   ssize_t const length =
@@ -85,7 +85,7 @@ bool ClearCache() {
   if (!control.IsOpen()) return false;
   int const attempt =
       Tarvik::Retry(kCacheAttempts, kCachePause, [&] { return write(control.Get(), "3", 1) == 1; });
-  return attempt >= 1 && attempt < kCacheAttempts;  // the last success counts as failure
+  return attempt >= 1 && attempt < kCacheAttempts;  // success at the last one is not counted
 }
 
 std::string ExecSystemCmdThroughPipe(std::string command) {

@@ -1,5 +1,5 @@
-// The bench driver: exercises the services on the board itself. A program of no code of its own
-// that links to this library runs it.
+// The bench driver: exercises the services on the board itself. A program without a `main` that
+// links to this library runs it.
 #pragma once
 
 #include "base/Export.h"

@@ -30,7 +30,7 @@ Watchdog::~Watchdog() {
   Watchdog::Close();
 }
 
-// Drivers allow one opener: a device that a failure left open is closed first.
+// Drivers let the device be opened once at a time: one that a failure left open is closed first.
 bool Watchdog::Open() {
   Close();
   fd = Tarvik::OpenFile("/dev/watchdog", O_RDWR);

@@ -6,7 +6,7 @@
 
 namespace Tarvik::Ilog {
 
-// Past the stream's buffer, which a line would only be copied into to be flushed at once.
+// By write(2): in the stream's buffer the line would only be copied, and flushed at once.
 bool ConsoleLogPolicy::Write(std::string_view line) noexcept {
   static_cast<void>(std::fflush(stdout));
   static_cast<void>(WriteAll(fileno(stdout), line));

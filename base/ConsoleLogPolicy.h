@@ -10,15 +10,15 @@ namespace Tarvik::Ilog {
 /// Writes lines to the descriptor of standard output.
 class ConsoleLogPolicy {
  public:
-  /// Called at the start of each line's header; the console shows lines as the file has them.
+  /// Called before each line's header. Adds nothing: the console's lines are those of the file.
   void WriteHeader(LogType) noexcept {}
 
-  /// Standard output is the program's, and stays open.
+  /// Does nothing: standard output is the program's.
   void Close() noexcept {}
 
-  /// Hands one completed line to the kernel, behind what the program has printed on the C library's
-  /// stream until then. A console that cannot be written loses the line; the next one is tried all
-  /// the same.
+  /// Flushes the C library's stream, so that the line follows what was printed before it, and hands
+  /// the line to the kernel. Always true: where it cannot be written it is lost, and the next line
+  /// is tried all the same.
   bool Write(std::string_view line) noexcept;
 };
 

@@ -18,9 +18,10 @@ constexpr std::chrono::seconds kLongestForkWait(1);
 // The C library locks the time zone while it makes a calendar date. When a process forks meanwhile,
 // that lock stays locked in the child, where nobody unlocks it, and the child's first line of the
 // log would wait for ever. So this lock is held around each date, and fork(2) takes it first: no
-// process forks while one of its threads makes a date. A signal handler may fork, too, in the
-// middle of its own thread's date: fork does not take the lock then, since that thread goes on in
-// both processes. In the middle of its own thread's fork it waits in vain, but not for long.
+// process forks while one of its threads makes a date. A signal handler may fork, too. In the
+// middle of its own thread's date, fork does not take the lock, since that thread goes on in both
+// processes. In the middle of its own thread's fork it cannot have the lock, and goes on without it
+// after `kLongestForkWait`.
 class CalendarLock {
  public:
   CalendarLock() {
@@ -44,7 +45,7 @@ class CalendarLock {
     auto const end = std::chrono::steady_clock::now() + kLongestForkWait;
     isHeldForFork = !isMine && Mutex().try_lock();
     while (!isMine && !isHeldForFork && std::chrono::steady_clock::now() < end) {
-      std::this_thread::yield();  // whoever has it needs the processor, however busy that is
+      std::this_thread::yield();  // so that whoever has the lock can go on
       isHeldForFork = Mutex().try_lock();
     }
   }
@@ -55,7 +56,7 @@ class CalendarLock {
   static inline thread_local bool isMine = false;
   static inline thread_local bool isHeldForFork = false;
 
-  // When the library is loaded: the first date and a fork may come at the same time.
+  // Done when the library is loaded, since a fork may come at the time of the first date.
   static inline int const registered =
       pthread_atfork(&LockBeforeFork, &UnlockAfterFork, &UnlockAfterFork);
 };
@@ -77,7 +78,7 @@ std::string Date(long const& t, std::string format) {
   auto const calendar = LocalTime(t);
   if (!calendar) return std::to_string(t);
   format.resize(std::strlen(format.c_str()));  // strftime sees nothing behind a NUL
-  format += ' ';  // so that no date is empty: strftime says so, too, when it has no room
+  format += ' ';  // so that no date is empty: strftime returns 0 for that as for a lack of room
   std::string text(64, '\0');
   std::size_t length;
   while ((length = strftime(text.data(), text.size(), format.c_str(), &*calendar)) == 0) {

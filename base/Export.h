@@ -1,5 +1,5 @@
-// Marks what the libraries export; everything else is hidden. Every public header begins here, so
-// that an application that would see other classes than the libraries' own is refused, too.
+// Marks what the libraries export; everything else is hidden. Also makes the compiler refuse an
+// application whose options change the types that the libraries were built with.
 #pragma once
 
 #include <ctime>

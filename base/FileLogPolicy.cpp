@@ -23,8 +23,8 @@ constexpr char const* kPath = "/var/log/quellon.log";
 constexpr char const* kOlderPath = "/var/log/quellon.log.1";
 
 // A process checks the file's size before it has written more than `kUncheckedShare` since the last
-// check. With the lock it begins a new file at the lower mark, without it at the upper one, and
-// what 15 processes may write after their checks fits between that one and the limit.
+// check. With the lock it begins a new file at the lower mark, without it at the upper one. What 15
+// processes may write after their checks, that much each, fits between that mark and the limit.
 constexpr std::size_t kLimit = std::size_t{1} << 20;
 constexpr std::size_t kUncheckedShare = 2048;
 constexpr std::size_t kUpperMark = kLimit - 16 * kUncheckedShare;

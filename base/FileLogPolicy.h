@@ -16,8 +16,8 @@ namespace Tarvik::Ilog {
 /// Other processes may log into the same file, and anybody may rename or delete it: within a second
 /// or two lines are in the file at the path again. Lines of all processes stay whole, and the limit
 /// is kept, for up to 15 processes at a time. Not locked against threads: the sink calls it with
-/// its line lock held. Kernel interface: O_APPEND, and flock(2) on "/var/log" around a look at the
-/// file's place and size and the line that follows it.
+/// its line lock held. Kernel interface: O_APPEND, and flock(2) on "/var/log" while it checks the
+/// file's place and size and writes the line that follows.
 class QUELLON_EXPORT FileLogPolicy {
  public:
   /// The longest line in bytes that the file takes; the sink cuts longer ones.

@@ -39,7 +39,7 @@ void IThread::RunAfter() {}
 void IThread::Stopping() {}
 
 // A child made by fork(2) has only the thread that called it. A worker of the parent neither ends
-// there nor gives its lock back, so all that belongs to it is made anew, over what is there.
+// there nor gives its lock back, so all that belongs to it is constructed anew in place.
 void IThread::ForgetThreadOfParent() noexcept {
   if (process == getpid()) return;
   std::construct_at(&stateMutex);
@@ -94,7 +94,7 @@ void IThread::RunUntilCancelled() {
     RunBefore();
     while (IsRunning()) Run();
   } catch (...) {
-    StopRunning();  // at once: a start from now on must begin anew, and not count as made before
+    StopRunning();  // at once, so that a Start() from now on runs the thread again
     throw;
   }
 }

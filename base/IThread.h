@@ -68,7 +68,8 @@ class QUELLON_EXPORT IThread {
  private:
   enum class State { Idle, Running, Cancelled, Restarted };
 
-  void ForgetThreadOfParent() noexcept QUELLON_NO_THREAD_SAFETY_ANALYSIS;  // the only thread
+  // Not checked: where it changes something it runs in a child's only thread.
+  void ForgetThreadOfParent() noexcept QUELLON_NO_THREAD_SAFETY_ANALYSIS;
   void RunThread() noexcept;
   void RunUntilCancelled();
   void StopRunning();
@@ -81,7 +82,7 @@ class QUELLON_EXPORT IThread {
   // The object's class at the last start.
   std::type_info const* startedAs QUELLON_GUARDED_BY(stateMutex) = nullptr;
   std::thread worker QUELLON_GUARDED_BY(stateMutex);
-  pid_t process;  // that the thread is of
+  pid_t process;  // which the worker belongs to
 };
 
 }  // namespace Tarvik::Interfaces

@@ -27,7 +27,7 @@ constexpr double kEnd = 2.0 * static_cast<double>(std::numeric_limits<Integer>::
 template <typename Integer>
 Integer WholeOf(double number, Integer lowest, Integer highest) {
   double const whole = std::trunc(number);
-  // Beyond 2^53 not all limits are doubles: the last ones are compared as integers.
+  // Beyond 2^53 not every limit is a double, so the given limits are compared as integers.
   if (whole >= kBegin<Integer> && whole < kEnd<Integer>) {
     auto const integer = static_cast<Integer>(whole);
     if (integer >= lowest && integer <= highest) return integer;
@@ -69,7 +69,7 @@ Value::Value(std::string text) noexcept : held(std::move(text)) {}
 Value::Value(Object members) : held(std::make_shared<Object const>(std::move(members))) {}
 Value::Value(Array elements) : held(std::make_shared<Array const>(std::move(elements))) {}
 Value::Value(Value const&) = default;
-// Whatever was held before: a pointer that was moved from alone would still claim to be an object.
+// The other becomes null: a moved-from pointer in it would still pass for an object.
 Value::Value(Value&& other) noexcept : held(std::exchange(other.held, {})) {}
 Value& Value::operator=(Value const&) = default;
 Value& Value::operator=(Value&& other) noexcept {

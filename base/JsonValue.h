@@ -29,7 +29,7 @@ template <typename Type>
 concept Number = std::floating_point<Type> ||
     (std::integral<Type> && !std::same_as<Type, bool> && !Character<Type>);
 
-/// What values are made of, numbers apart: truths, texts, objects, arrays.
+/// What values are made of, numbers apart: bools, texts, objects, arrays.
 template <typename Type>
 concept Content = !Number<Type> && !Character<Type> && std::convertible_to<Type const&, Value>;
 
@@ -38,7 +38,7 @@ concept Content = !Number<Type> && !Character<Type> && std::convertible_to<Type 
 class QUELLON_EXPORT Value {
  public:
   Value() noexcept;  ///< null
-  /// Only a bool proper: a pointer must not become one by accident.
+  /// A bool; only from a bool itself, as a pointer would convert to one by accident.
   template <std::same_as<bool> Bool>
   Value(Bool truth) noexcept : held(truth) {}
   Value(int number) noexcept;     ///< an integer
@@ -69,7 +69,7 @@ class QUELLON_EXPORT Value {
   [[nodiscard]] bool IsArray() const noexcept;
   /// @}
 
-  /// The truth held.
+  /// The bool held.
   [[nodiscard]] bool ToBool() const;
   /// The number held, without its fraction; one that does not fit an int throws IException.
   operator int() const;
@@ -91,7 +91,7 @@ class QUELLON_EXPORT Value {
       return static_cast<Type>(ToUnsigned(Limits::max()));
     }
   }
-  /// The truth held, as `ToBool`.
+  /// The bool held, as `ToBool`.
   template <std::same_as<bool> Bool>
   operator Bool() const {
     return ToBool();

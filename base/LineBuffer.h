@@ -25,7 +25,7 @@ class LineBuffer : public std::streambuf {
     return true;
   }
 
-  /// Shortens a text beyond `limit` bytes to that many, of which `ending` is the last.
+  /// Cuts a text of more than `limit` bytes to that length, with `ending` as its end.
   void Cut(std::size_t limit, std::string_view ending) noexcept {
     if (length <= limit) return;
     length = limit;

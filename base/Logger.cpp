@@ -31,9 +31,9 @@ void Logger::RecoverInChild() noexcept {
   Sink<ConsoleLogPolicy>()->RecoverInChild();
 }
 
-// Both sinks are asked first: a thread that has a line on the console alone, begun while the file
-// was disabled, must not wait for the file of a thread that waits for the console. A line that a
-// disabled sink drops stands in nobody's way.
+// Looks for a line of this thread on both sinks before it waits for either: with a line on the
+// console alone, begun while the file was disabled, it must not wait for the file, since the thread
+// that has the file may wait for the console. A line on a sink disabled since is dropped first.
 void Logger::BeginLine(LogType type) {
   if (!fileSink->enabled) fileSink->DropLine();
   if (!consoleSink->enabled) consoleSink->DropLine();

@@ -163,12 +163,12 @@ void LoggerBase<Policy>::CheckEndOfStream() {
   if (EndsWithNewline()) {
     WriteLine();
   } else if (!stream.good()) {
-    EndLine();  // it would not take a newline either, and nobody could begin another line
+    EndLine();  // the stream takes no newline either, and the line would never end
   }
 }
 
-// The writer runs on the thread that completed the line: it holds the lock that only it may
-// release, and the line must be with the kernel before this thread goes on.
+// Signals the line and takes the signal back at once: no other thread writes it. This one holds the
+// lock, which no other may release, and must not go on before the kernel has the line.
 template <typename Policy>
 void LoggerBase<Policy>::WriteLine() {
   lineReady.Notify();
@@ -236,14 +236,14 @@ bool LoggerBase<Policy>::Close() noexcept requires requires(Policy& sinkPolicy) 
   return true;
 }
 
-// Of a process that forks, only the forking thread lives on in the child. What another thread was
-// doing to the sink then will never be finished, so the sink is made anew over what is there.
+// In the child of a fork(2) only the forking thread lives on. A line that another thread had under
+// way is never finished there, so a new sink is constructed in the old one's place.
 template <typename Policy>
 void LoggerBase<Policy>::RecoverInChild() noexcept {
   if (HoldsLine()) return;
   bool const taken = !lineLock.try_lock();
   if (!taken) lineLock.unlock();
-  policy.Close();  // shares its position with the parent
+  policy.Close();  // an inherited descriptor shares its position with the parent's
   if (!taken) return;
   bool const wasEnabled = enabled;
   std::construct_at(this);

@@ -43,7 +43,7 @@ class LoggerBase {
   void WriteHeader(LogType type);
 
   /// Appends `t`, seconds since the epoch, as a date and time in local time, never as a number.
-  /// Where 64 bits are a `long`, that goes for std::int64_t: hand a number over as `long long`.
+  /// Where `long` has 64 bits, std::int64_t is one, too: pass numbers as `long long`.
   LoggerBase& operator<<(long const& t);
 
   /// Appends a text. After a null `text` no more of the line is taken, as on a standard output
@@ -71,12 +71,12 @@ class LoggerBase {
     return *this;
   }
 
-  /// If the line under way ends with a newline, or takes no more text, signals it and hands it to
-  /// the sink's writer, and the sink is free again; otherwise does nothing.
+  /// If the line under way ends with a newline, or takes no more text, signals `lineReady` once,
+  /// writes the line and frees the sink; otherwise does nothing.
   void CheckEndOfStream();
 
   /// Ends the line under way: appends a newline, unless a manipulator such as std::endl was its
-  /// last piece, signals the line and hands it to the sink's writer. Frees the sink in every case.
+  /// last piece, signals as above and writes the line. Frees the sink in every case.
   void EndLine();
 
   /// Waits until no line of another thread is under way.
@@ -105,7 +105,8 @@ class LoggerBase {
   void WriteLine() QUELLON_RELEASE(lineLock);
   void DropLine() noexcept;
   void Release() noexcept QUELLON_RELEASE(lineLock);
-  void RecoverInChild() noexcept QUELLON_NO_THREAD_SAFETY_ANALYSIS;  // the only thread
+  // Not checked: it runs in a child's only thread.
+  void RecoverInChild() noexcept QUELLON_NO_THREAD_SAFETY_ANALYSIS;
   void ForgetFormat() noexcept QUELLON_REQUIRES(lineLock);
 
   // Binary interface: these fields keep their order.
@@ -115,7 +116,7 @@ class LoggerBase {
   Mutex lineLock;
   Interfaces::ISemaphore lineReady;
   std::atomic<std::thread::id> lineOwner;
-  // Of the line, when a manipulator last ended it with a newline.
+  // The line's length when a manipulator such as std::endl last appended a newline.
   std::size_t manipulatedLength QUELLON_GUARDED_BY(lineLock) = 0;
   long stampSecond QUELLON_GUARDED_BY(lineLock) = -1;
   std::string stamp QUELLON_GUARDED_BY(lineLock);

@@ -1,4 +1,4 @@
-// A mutex that clang can check the use of.
+// A mutex whose use clang checks.
 #pragma once
 
 #include <mutex>
@@ -8,8 +8,8 @@
 
 namespace Tarvik {
 
-/// A std::mutex, and of its shape, with which fields can be marked as guarded. As that one's, the
-/// functions throw std::system_error when the lock fails.
+/// A std::mutex, of the same size, that fields can be marked as guarded by. Its functions throw
+/// std::system_error when the lock fails, as those of std::mutex do.
 class QUELLON_LOCKABLE Mutex : public std::mutex {
  public:
   /// Waits for the lock.

@@ -1,4 +1,4 @@
-// A mutex held for a while.
+// Owner of a locked mutex.
 #pragma once
 
 #include <condition_variable>
@@ -17,7 +17,7 @@ class QUELLON_SCOPED_LOCKABLE MutexLock {
   MutexLock& operator=(MutexLock const&) = delete;
   ~MutexLock() QUELLON_RELEASE() = default;
 
-  /// Waits until `condition` is notified, or for no reason, with the mutex given back meanwhile.
+  /// Waits until `condition` is notified, or wakes without that; the mutex is free meanwhile.
   void Wait(std::condition_variable& condition) { condition.wait(lock); }
 
  private:

@@ -27,7 +27,7 @@ TemperatureMonitor::~TemperatureMonitor() {
   Join();
 }
 
-// A cancel that found no pause to end must not end a later one.
+// A `Cancel` that found the thread not waiting left its notification: it must end no later pause.
 void TemperatureMonitor::RunBefore() {
   while (stop.TryWait()) {
   }
@@ -38,7 +38,7 @@ void TemperatureMonitor::Run() {
   stop.WaitFor(kReadingPause);
 }
 
-// Nothing refreshes the reading of an ended monitor, so it is no longer one.
+// Nothing refreshes the temperature any more, so it is not shown as the present one.
 void TemperatureMonitor::RunAfter() {
   valid = false;
 }

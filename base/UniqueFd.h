@@ -14,7 +14,7 @@ class UniqueFd {
   explicit UniqueFd(int descriptor = -1) noexcept : fd(descriptor) {}
   /// Takes over the other's descriptor.
   UniqueFd(UniqueFd&& other) noexcept : fd(std::exchange(other.fd, -1)) {}
-  /// Takes over the other's descriptor; its own goes with the other.
+  /// Takes over the other's descriptor; the other gets this one's, and closes it at its end.
   UniqueFd& operator=(UniqueFd&& other) noexcept {
     std::swap(fd, other.fd);
     return *this;

@@ -1,6 +1,6 @@
-// Compiled into each library, whose interface and messages are those of the C library's plain
-// types, 32 bits wide on the board. A build that was told otherwise, or for a C library that has no
-// others, stops here; cmake/Options.cmake takes back what a build from outside asks for.
+// Compiled into each library, whose interface and messages need the C library's plain types, 32
+// bits wide on the board. A build with wider ones stops here. cmake/Options.cmake undefines the
+// macros by which a project around this one may have asked for them.
 #include <sys/types.h>
 
 #include <ctime>

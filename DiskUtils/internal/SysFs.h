@@ -8,10 +8,10 @@ namespace Quellon::DiskUtils::SysFs {
 /// The first word of a file; empty, with a line on standard output, when it is not readable.
 std::string ReadWord(std::string const& path);
 
-/// The base-10 number that `text` begins with, as its unsigned 64-bit pattern; 0 if there is none.
+/// The decimal number that `text` begins with, a negative one modulo 2^64; 0 if there is none.
 unsigned long long ToNumber(std::string const& text);
 
-/// Bytes of a number of sectors, which have 512 of them in sysfs, whatever the card's own have.
+/// Sectors as bytes. In sysfs a sector has 512 bytes, whatever the card's own size of sectors.
 unsigned long long SectorsToBytes(std::string const& sectors);
 
 }  // namespace Quellon::DiskUtils::SysFs

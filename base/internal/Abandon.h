@@ -8,9 +8,9 @@
 namespace Tarvik {
 
 /// Leaves `object` as it is until the process ends, on purpose: others were handed a pointer to it,
-/// and may go on using it when the library no longer needs it. Returns `object`. The library gives
-/// up nothing but by this function; whatever else leaks is an error, and so a build with a leak
-/// checker tells that of such an object.
+/// and may go on using it when the library no longer needs it. Returns `object`. Whatever the
+/// library leaks on purpose comes through here, and a leak checker is told of it: any other leak is
+/// an error.
 template <typename Object>
 Object* Abandon(Object* object) noexcept {
 #ifdef QUELLON_LEAK_CHECKER

@@ -1,4 +1,4 @@
-// File streams that hold what the file holds.
+// File streams that convert nothing.
 #pragma once
 
 #include <locale>

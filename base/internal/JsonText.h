@@ -14,7 +14,8 @@ inline constexpr auto kPlain = [] {
   return plain;
 }();
 
-/// How many such characters `text` begins with. Nearly all are, so both sides take them by the run.
+/// How many such characters `text` begins with. Nearly all are such, so reader and writer take a
+/// run of them at once.
 inline std::size_t PlainLength(std::string_view text) {
   std::size_t length = 0;
   while (length < text.size() && kPlain[static_cast<unsigned char>(text[length])]) ++length;

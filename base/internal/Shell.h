@@ -10,8 +10,8 @@ namespace Tarvik {
 
 /// While one exists, the process's children wait until somebody asks for their status. A process
 /// that ignores SIGCHLD, or has SA_NOCLDWAIT set for it, cannot learn how a command ended, nor can
-/// commands that run commands of their own and inherit that. What else the signal does stays. It
-/// is the whole process's: children of other threads that end meanwhile stay as zombies.
+/// commands that run commands of their own and inherit that. A handler stays in place. This is
+/// so for the whole process: children of other threads that end meanwhile stay as zombies.
 class KeptChildren {
  public:
   KeptChildren() noexcept {
@@ -33,8 +33,8 @@ class KeptChildren {
   bool isChanged = false;
 };
 
-/// system(3), for a process that was started without standard descriptors, where fsck(8) checks
-/// nothing, or that ignores SIGCHLD, too.
+/// system(3), with standard descriptors that are open, without which fsck(8) checks nothing, and
+/// with a status also where the process ignores SIGCHLD.
 inline int RunCommand(char const* command) {
   OccupyStandardDescriptors();
   KeptChildren const children;

@@ -6,11 +6,11 @@
 
 namespace Tarvik {
 
-/// Takes those of standard input, output and error that are closed by "/dev/null". To be called
-/// before a file is opened that is then kept: it would get the lowest number that is free, and
-/// whatever anybody prints would be written into it. What is taken stays so, and is inherited by
-/// commands as standard descriptors are: given back it could be what another thread's file gets.
-/// Opens nothing where all three are open, as they nearly always are. Safe on any thread.
+/// Opens "/dev/null" on those of standard input, output and error that are closed. To be called
+/// before a file is opened that stays open: it would get the lowest number that is free, and
+/// whatever anybody prints would be written into it. They stay open, and commands inherit them:
+/// closed again, their numbers could go to another thread's file. Opens nothing where all three are
+/// open, as they nearly always are. Safe on any thread.
 inline void OccupyStandardDescriptors() noexcept {
   for (int number = STDIN_FILENO; number <= STDERR_FILENO; ++number) {
     if (fcntl(number, F_GETFD) >= 0) continue;

@@ -1,4 +1,4 @@
-// A text handed to the kernel.
+// A whole text to a descriptor.
 #pragma once
 
 #include <unistd.h>

@@ -108,7 +108,7 @@ class Service {
     Require(disk != nullptr && disk->available, "the card cannot be brought into service");
     fs::create_directory(kDirectory);
     catalogue = std::make_unique<FilesManager>(disk, kDirectory, kMinimumFree, kShare);
-    quota = static_cast<std::uint64_t>(static_cast<float>(disk->totalBytes) * kShare);
+    shareBytes = static_cast<std::uint64_t>(static_cast<float>(disk->totalBytes) * kShare);
     FreeAbandoned();
   }
 
@@ -164,7 +164,7 @@ class Service {
     Add(Write("rec_" + number.str() + ".dat", bytes));
     Add(Write("rec_" + number.str() + ".gps", 100));
     std::uint64_t const total = catalogue->GetTotalFilesSize();
-    if (total > quota) excess = std::max(excess, total - quota);
+    if (total > shareBytes) excess = std::max(excess, total - shareBytes);
     Require(excess <= kLargestRecording + 100, "the share is exceeded by more than a recording");
   }
 
@@ -269,7 +269,7 @@ class Service {
   Quellon::DiskUtils::Disk* disk = nullptr;
   std::unique_ptr<FilesManager> catalogue;
   std::mt19937 random{20260101};
-  std::uint64_t quota = 0;
+  std::uint64_t shareBytes = 0;
   std::uint64_t excess = 0;
   int day = 0;
   int recordings = 0;

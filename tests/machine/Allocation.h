@@ -5,8 +5,8 @@
 
 namespace Machine {
 
-/// While one exists, the allocation of that number, counted from 1, fails; just the one. What the
-/// machine allocates for itself does not count.
+/// While one exists, the allocation of that number, counted from 1, fails, and no other. What the
+/// stand-in itself allocates does not count.
 class FailingAllocation {
  public:
   explicit FailingAllocation(int number);
@@ -22,7 +22,7 @@ class FailingAllocation {
   static bool Happened();
 };
 
-/// Unless it is 0, what making an exception leaves behind in `errno`.
+/// What making an exception sets `errno` to; 0 leaves it alone.
 extern int errnoAfterMakingAnException;
 
 }  // namespace Machine

@@ -1,4 +1,4 @@
-// What the calls that the machine stands in for are made of.
+// Helpers of the sources here that define the C library's calls.
 #pragma once
 
 #include <cerrno>
@@ -12,7 +12,7 @@
 
 namespace Machine {
 
-/// Marks the machine's own work on this thread.
+/// While one exists, this thread works for the stand-in itself: see `IsWorking`.
 class Work {
  public:
   Work();
@@ -24,10 +24,11 @@ class Work {
 /// The profile in force.
 Profile const& profile();
 
-/// Adds to the trace as it is.
+/// Adds a text to the trace.
 void Append(std::string const& call);
 
-/// Adds a call to the trace, word for word, but where calls pass on as they are.
+/// Adds a call to the trace, with blanks between the words. Not where pauses are slept, as in
+/// `PassOn`: benchmarks would measure it.
 template <typename... Words>
 void Record(Words const&... words) {
   if (profile().sleeps) return;
@@ -38,7 +39,7 @@ void Record(Words const&... words) {
   Append(text.str());
 }
 
-/// Where a path leads. Costs nothing where it leads to itself.
+/// Where a path leads: into the private folder, or, without an allocation, where it says.
 class Place {
  public:
   explicit Place(char const* path);
@@ -49,7 +50,7 @@ class Place {
   std::string redirected;
 };
 
-/// A failing call's result.
+/// Sets `errno` and returns a failing call's result.
 template <typename Result = int>
 Result Fail(int error, Result result = -1) {
   errno = error;
@@ -60,12 +61,12 @@ inline int Give(Answer answer) {
   return answer.result < 0 ? Fail(answer.error, answer.result) : answer.result;
 }
 
-/// What would change the machine does not.
+/// The result of a call that would change the machine, and is not made.
 inline int Refuse() {
   return Fail(EPERM);
 }
 
-/// How the call fails, if a test says so.
+/// How the call fails, if the hook `fault` says so.
 template <typename Subject, typename... Others>
 std::optional<Failure> FailureOf(char const* function, Subject const& subject,
                                  Others const&... /*others*/) {
@@ -76,7 +77,7 @@ std::optional<Failure> FailureOf(char const* function, Subject const& subject,
   return hooks().fault({function, text.str()});
 }
 
-/// How a call on a descriptor of the device fails, if a test says so.
+/// How a call on a descriptor of the device fails, if the hook `fault` says so.
 inline std::optional<Failure> FailureOn(char const* function, int fd) {
   if (!hooks().fault || IsWorking()) return std::nullopt;
   Work const work;
@@ -84,7 +85,7 @@ inline std::optional<Failure> FailureOn(char const* function, int fd) {
   return path ? hooks().fault({function, *path}) : std::nullopt;
 }
 
-/// What the call comes to: a fault, the hook's answer, or what `otherwise` returns.
+/// The call's result: a fault's, else the hook's answer, else what `otherwise` returns.
 template <typename Called, typename Otherwise, typename... Arguments>
 int Outcome(char const* function, Called const& hook, Otherwise otherwise,
             Arguments const&... arguments) {
@@ -98,8 +99,8 @@ int Outcome(char const* function, Called const& hook, Otherwise otherwise,
   return otherwise();
 }
 
-/// Makes a call whose success a fault may then deny: a descriptor is gone also when its closing
-/// reports a failure.
+/// Makes a call, and then reports the failure that a fault asks for: as with close(2), which frees
+/// the descriptor even when it fails.
 template <typename Result, typename Otherwise>
 Result DoAndDeny(char const* function, int fd, Result denied, Otherwise otherwise) {
   auto const failure = FailureOn(function, fd);

@@ -1,7 +1,15 @@
 #include "tests/machine/Failures.h"
 
+#include <algorithm>
+#include <array>
 #include <cerrno>
+#include <cstdint>
 #include <cstring>
+#include <iterator>
+#include <random>
+#include <utility>
+
+#include "tests/support/Environment.h"
 
 namespace Machine {
 
@@ -82,22 +90,67 @@ bool IsTestsOwn(Call const& call) {
   return call.subject.starts_with(folder);
 }
 
+/// All failures of the calls that follow the one of that number.
+std::vector<Point> FailuresAfter(int number, Ways const& ways) {
+  std::vector<Point> points;
+  for (auto call = static_cast<std::size_t>(number); call < ways.size(); ++call) {
+    for (std::size_t way = 0; way < ways[call]; ++way) {
+      points.push_back({static_cast<int>(call) + 1, way});
+    }
+  }
+  return points;
+}
+
+/// All there are. What may fail second is what a run asks for after the first.
+std::vector<std::array<Point, 2>> PairsOf(
+    std::function<Ways(std::vector<Point> const&)> const& run) {
+  std::vector<std::array<Point, 2>> pairs;
+  for (Point const& first : FailuresAfter(0, run({}))) {
+    for (Point const& second : FailuresAfter(first.number, run({first}))) {
+      pairs.push_back({first, second});
+    }
+  }
+  return pairs;
+}
+
 }  // namespace
 
-FailingCall::FailingCall(Point const& failing) : point(failing), left(failing.number) {
+FailingCalls::FailingCalls(std::vector<Point> failing) : points(std::move(failing)) {
   hooks().fault = [this](Call const& call) { return Next(call); };
 }
 
-std::optional<Failure> FailingCall::Next(Call const& call) {
-  if (left <= 0 || IsTestsOwn(call)) return std::nullopt;
+std::optional<Failure> FailingCalls::Next(Call const& call) {
+  if (IsTestsOwn(call)) return std::nullopt;
+  auto const& failures = FailuresOf(call.function);
+  ways.push_back(failures.size());
   std::string const name = call.function + (call.subject.empty() ? "" : " ") + call.subject;
   int const number = ++calls[name];
-  if (--left > 0) return std::nullopt;
-  auto const& failures = FailuresOf(call.function);
+  if (failed == points.size() || std::ssize(ways) < points[failed].number) return std::nullopt;
+  Point const& point = points[failed++];
   Failure const failure = failures.at(point.way);
-  text = name + " (" + std::to_string(number) + "): " + Machine::Text(failure);
+  text += (text.empty() ? "" : ", then ") + name;
+  text += " (" + std::to_string(number) + "): " + Machine::Text(failure);
   moreWays = point.way + 1 < failures.size();
   return failure;
+}
+
+void ForPairsOfFailures(std::function<Ways(std::vector<Point> const&)> const& run,
+                        std::size_t usual) {
+  std::uint32_t const seed = Environment::Number("QUELLON_SEED", std::random_device()());
+  std::size_t const wanted =
+      Environment::Number("QUELLON_PAIRS", static_cast<std::uint32_t>(usual));
+  std::cout << "QUELLON_SEED=" << seed << " QUELLON_PAIRS=" << wanted << std::endl;
+  auto const pairs = PairsOf(run);
+  std::vector<std::array<Point, 2>> chosen;
+  std::ranges::sample(pairs, std::back_inserter(chosen), static_cast<std::ptrdiff_t>(wanted),
+                      std::mt19937(seed));
+  for (auto const& [first, second] : chosen) {
+    if (testing::Test::HasFailure()) return;
+    run({first, second});
+  }
+  testing::Test::RecordProperty("pairs_tried", std::to_string(chosen.size()));
+  std::cout << "[ FAILURES ] " << chosen.size() << " of " << pairs.size() << " pairs" << std::endl;
+  EXPECT_FALSE(chosen.empty());
 }
 
 }  // namespace Machine

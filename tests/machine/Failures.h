@@ -4,8 +4,10 @@
 #include <gtest/gtest.h>
 
 #include <cstddef>
+#include <functional>
 #include <iostream>
 #include <map>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -13,13 +15,14 @@
 
 namespace Machine {
 
-/// What fails in a run: a call or allocation, counted from 1, and in which of its ways, from 0.
+/// What fails in a run: the number of the call or allocation, from 1, and which of its possible
+/// failures that is, from 0.
 struct Point {
   int number = 1;
   std::size_t way = 0;
 };
 
-/// What came of it.
+/// Whether a run reached its `Point`.
 struct Strike {
   Strike(bool hasHappened, bool hasMoreWays = false)
       : happened(hasHappened), moreWays(hasMoreWays) {}
@@ -28,8 +31,8 @@ struct Strike {
   bool moreWays;  ///< whether it can fail in yet another way
 };
 
-/// Calls `run` with one point after the other, until a run in which nothing fails. It returns what
-/// came of its point. Reports how many failures were tried.
+/// Calls `run` with one point after the other, until a run that does not reach its point; `run`
+/// returns whether it did. Reports how many failures were tried.
 template <typename Run>
 void ForEachFailure(Run run) {
   int tried = 0;
@@ -44,30 +47,46 @@ void ForEachFailure(Run run) {
   EXPECT_GT(tried, 0);
 }
 
-/// While one exists, the call of that point fails. Only calls about the device count: its paths and
-/// whatever was opened by them, commands, requests, pauses. Keeps the other hooks, which answer the
-/// calls that do not fail, and takes them all back at its end.
-class FailingCall {
- public:
-  explicit FailingCall(Point const& failing);
-  FailingCall(FailingCall const&) = delete;
-  FailingCall& operator=(FailingCall const&) = delete;
-  ~FailingCall() { hooks() = {}; }
+/// In how many ways each call of a run can fail, in the order of the calls.
+using Ways = std::vector<std::size_t>;
 
-  /// The call that failed and how, such as "access /dev/mmcblk1 (2): EIO" for the second such call;
-  /// empty if there were fewer calls.
+/// While one exists, the calls of those points fail, which are in the order of their numbers. Only
+/// calls about the device count: its paths and whatever was opened by them, commands, requests,
+/// pauses. Keeps the other hooks, which answer the calls that do not fail, and takes them all back
+/// at its end.
+class FailingCalls {
+ public:
+  explicit FailingCalls(std::vector<Point> failing);
+  FailingCalls(FailingCalls const&) = delete;
+  FailingCalls& operator=(FailingCalls const&) = delete;
+  ~FailingCalls() { hooks() = {}; }
+
+  /// The calls that failed and how, such as "access /dev/mmcblk1 (2): EIO" for the second such
+  /// call, with ", then " between them; empty if there were fewer calls.
   [[nodiscard]] std::string const& Text() const { return text; }
 
-  [[nodiscard]] Strike Result() const { return {!text.empty(), moreWays}; }
+  /// What came of the last point.
+  [[nodiscard]] Strike Result() const { return {failed == points.size(), moreWays}; }
+
+  /// Those of the calls until now.
+  [[nodiscard]] Ways const& WaysOfCalls() const { return ways; }
 
  private:
   std::optional<Failure> Next(Call const& call);
 
-  Point point;
-  int left;
+  std::vector<Point> points;
+  std::size_t failed = 0;
+  Ways ways;
   std::map<std::string, int> calls;
   std::string text;
   bool moreWays = false;
 };
+
+/// Calls `run` without a failure, with each one, and then with pairs of them: calls that both come
+/// in one run, the second as the failure of the first leaves it. `run` returns the ways of its
+/// calls. QUELLON_PAIRS says how many pairs, or else `usual`, and QUELLON_SEED which; more than
+/// there are is each once. Ends with the first run that fails the test.
+void ForPairsOfFailures(std::function<Ways(std::vector<Point> const&)> const& run,
+                        std::size_t usual);
 
 }  // namespace Machine

@@ -1,4 +1,4 @@
-// What comes of each call of a scenario that fails, by a table.
+// A table of the outcomes of a scenario, one for each of its calls that fails.
 #pragma once
 
 #include <fnmatch.h>
@@ -15,29 +15,29 @@
 
 namespace FaultTable {
 
-/// What comes of the failures that match a pattern of the shell, such as "stat /mnt/sdcard/ (1): *"
-/// for the first such call whatever its `errno`.
+/// The outcome of failures that match a pattern of the shell: "stat /mnt/sdcard/ (1): *" is the
+/// first such call, whatever its `errno`.
 struct Row {
   std::string failure;
   std::string outcome;
 };
 
-/// The outcome of a failure that does no harm.
+/// Stands for the outcome that the scenario has without a failure.
 inline constexpr char const* kNoHarm = "";
 
-/// What each failure comes to by a table: its first row that matches decides.
+/// The expected outcome of each failure: that of the table's first row that matches.
 class Verdicts {
  public:
   Verdicts(std::string undisturbedOutcome, std::vector<Row> const& rows)
       : undisturbed(std::move(undisturbedOutcome)), table(rows) {}
   Verdicts(Verdicts const&) = delete;
   Verdicts& operator=(Verdicts const&) = delete;
-  /// A row that nothing matched says nothing.
+  /// Fails for a row that no failure matched: it is out of date.
   ~Verdicts() {
     for (auto const& row : table) EXPECT_TRUE(matched.contains(row.failure)) << row.failure;
   }
 
-  /// A failure that matches no row may do no harm, nor may none.
+  /// The expected outcome; that of an undisturbed run for no failure, or one that matches no row.
   std::string Of(std::string const& failure) {
     if (failure.empty()) return undisturbed;
     for (auto const& row : table) {
@@ -54,9 +54,9 @@ class Verdicts {
   std::set<std::string> matched;
 };
 
-/// `Scenario` prepares the device when it is made; its `Run` does the work, its `Outcome` tells how
-/// that ended, and `undisturbed` if nothing failed. Runs it with each of its calls failing in each
-/// way that the function knows.
+/// `Scenario` prepares the device when it is made, `Run` does the work, and `Outcome` tells how it
+/// ended: with `undisturbed` if nothing failed. Runs it with each of its calls failing in each of
+/// the ways that Failures.cpp lists for the function.
 template <typename Scenario>
 void Try(std::string const& undisturbed, std::vector<Row> const& table) {
   Verdicts verdicts(undisturbed, table);
@@ -67,7 +67,7 @@ void Try(std::string const& undisturbed, std::vector<Row> const& table) {
     Machine::Strike strike = false;
     std::string failure;
     {
-      Machine::FailingCall const failing(point);
+      Machine::FailingCalls const failing({point});
       scenario.Run();
       failure = failing.Text();
       strike = failing.Result();

@@ -106,8 +106,8 @@ fs::path DevicesOwn(std::string const& path) {
 
 Profile const& Device() {
   static auto const* const device =
-      new Profile{{"/dev/mmcblk1", "/dev/watchdog", "/dev/rtc0", "/sys/", "/root/system.dat",
-                   "/mnt/", "/var/log/", "/proc/"}};
+      new Profile{{"/dev/mmcblk1", "/dev/watchdog", "/dev/rtc0", "/sys/", "/root/", "/mnt/",
+                   "/var/log/", "/proc/"}};
   return *device;
 }
 

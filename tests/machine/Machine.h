@@ -1,6 +1,6 @@
-// The machine as a test wants it. The program defines the calls of the C library below itself, so
-// the libraries in it call these instead of the C library's own: what a call comes to is a hook's
-// to say, or else the profile's. Nothing here can reboot the machine, whatever the profile.
+// A stand-in for the machine, as a test wants it. The test program itself defines calls of the C
+// library, in the files below, so the libraries call these instead of the C library's own. A hook
+// of the test decides what a call does, or else the profile. None can reboot the machine.
 //
 //   Files.cpp       paths, descriptors, streams, directories
 //   System.cpp      mounting, commands, devices, restart
@@ -32,7 +32,7 @@ class Ifile;
 
 namespace Machine {
 
-/// What calls come to that no hook answers.
+/// What happens to calls that no hook answers.
 struct Profile {
   /// Paths that lead into a private folder, each with all that lies below it.
   std::vector<std::string> redirected = {};
@@ -47,7 +47,7 @@ struct Profile {
 /// this machine is recorded and refused. For programs that may run anywhere.
 Profile const& Device();
 
-/// A card in a root of its own: all but restarts and pauses passes on.
+/// A card in a root of its own: all but restarts and pauses reach that.
 Profile const& PrivateRoot();
 
 /// This machine, but for the log, which is written in a folder. For benchmarks.
@@ -152,8 +152,8 @@ Hooks& hooks();
 
 /// What happened since `Reset`, in order, one text a call: "mount SOURCE TARGET TYPE FLAGS DATA",
 /// "umount TARGET", "umount2 TARGET FLAGS", "reboot COMMAND", "system COMMAND", "popen COMMAND
-/// MODE", "sync", "chdir PATH", "sleep NANOSECONDS ns", "clock SECONDS", "unlink PATH". Nothing is
-/// recorded where the machine is passed on to as it is.
+/// MODE", "sync", "chdir PATH", "sleep NANOSECONDS ns", "clock SECONDS", "unlink PATH". With the
+/// profile `PassOn` nothing is recorded.
 std::vector<std::string> Trace();
 
 /// The entries of the trace that begin with `prefix`.
@@ -183,8 +183,8 @@ void RemoveFile(std::string const& path);
 /// The whole content of a file of the device. Throws for a path that leads to the machine's own.
 std::string ReadFile(std::string const& path);
 
-/// True while this thread does the machine's work, so that memory and calls which that needs are
-/// not taken for the library's.
+/// True while this thread works for the stand-in itself, so that the memory and calls it needs for
+/// that are not taken for the library's.
 bool IsWorking();
 
 }  // namespace Machine

@@ -16,7 +16,7 @@ std::set<Ifile*> LiveFiles();
 /// Deletes those that are left; call it when no catalogue is.
 void DeleteLiveFiles();
 
-/// The library's own removal, whatever the hook.
+/// `Ifile::Remove` as the library has it, without asking the hook.
 bool Remove(Ifile& file);
 
 /// How many disks were destroyed.

@@ -1,4 +1,4 @@
-// What a function of a test program hides by its name.
+// The function that one of a test program replaces.
 #pragma once
 
 #include <dlfcn.h>

@@ -226,9 +226,9 @@ class Model {
     std::int64_t used = occupied;
     for (auto const& [name, file] : card) used += static_cast<std::int64_t>(file.size);
     auto const free = static_cast<float>(std::max<std::int64_t>(figures.cardBytes - used, 0));
-    auto const quota = static_cast<float>(figures.cardBytes) * figures.share;
+    auto const shareBytes = static_cast<float>(figures.cardBytes) * figures.share;
     return free * figures.share > static_cast<float>(figures.minimumFree) &&
-           static_cast<float>(total) < quota;
+           static_cast<float>(total) < shareBytes;
   }
 
   Figures figures;

@@ -1,4 +1,4 @@
-// The facade, for tests that need a new one each.
+// `System`, for tests that need a new one each.
 #pragma once
 
 #include <memory>
@@ -7,7 +7,7 @@
 #include "DiskUtils/System.h"
 #include "tests/support/Capture.h"
 
-/// In service the facade never goes, nor does the card it owns.
+/// In service it never goes, nor does the card it owns.
 class OwnedSystem : public Quellon::System {
  public:
   OwnedSystem() = default;

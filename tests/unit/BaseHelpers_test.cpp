@@ -120,36 +120,36 @@ TEST(BaseHelpersUniqueFd, GivesUpItsDescriptorForNone) {
 }
 
 TEST(BaseHelpersOpenFile, OpensAsItIsToldAndKeepsTheDescriptorFromCommands) {
-  Machine::MakeFile("/mnt/file", "");
-  UniqueFd const file(Tarvik::OpenFile("/mnt/file", O_WRONLY | O_APPEND));
+  Machine::MakeFile("/root/file", "");
+  UniqueFd const file(Tarvik::OpenFile("/root/file", O_WRONLY | O_APPEND));
   EXPECT_TRUE(Descriptors::ClosesOnExec(file.Get()));
   EXPECT_EQ(fcntl(file.Get(), F_GETFL) & (O_ACCMODE | O_APPEND), O_WRONLY | O_APPEND);
 }
 
 TEST(BaseHelpersOpenFile, MakesAFileWithItsMode) {
-  Machine::MakeFile("/mnt/other", "");
+  Machine::MakeFile("/root/other", "");
   auto const mask = Scoped::Umask(0);
-  UniqueFd const file(Tarvik::OpenFile("/mnt/file", O_WRONLY | O_CREAT | O_EXCL, 0640));
+  UniqueFd const file(Tarvik::OpenFile("/root/file", O_WRONLY | O_CREAT | O_EXCL, 0640));
   struct stat status {};
   ASSERT_EQ(fstat(file.Get(), &status), 0);
   EXPECT_EQ(status.st_mode & 07777, 0640U);
 }
 
 TEST(BaseHelpersOpenFile, FailsWithTheErrorOfOpen) {
-  EXPECT_EQ(Tarvik::OpenFile("/mnt/missing", O_RDONLY), -1);
+  EXPECT_EQ(Tarvik::OpenFile("/root/missing", O_RDONLY), -1);
   EXPECT_EQ(errno, ENOENT);
 }
 
 TEST(BaseHelpersOpenFile, TakesNoStandardDescriptorThoughAllAreClosed) {
   ChildProcess::Run([] {
-    Machine::MakeFile("/mnt/file", "");
+    Machine::MakeFile("/root/file", "");
     int opened = -1;
     bool closesOnExec = false;
     std::vector<int> open;
     {
       Descriptors::NoStandardOnes const none;
       Descriptors::Watch const watch;
-      opened = Tarvik::OpenFile("/mnt/file", O_RDWR);
+      opened = Tarvik::OpenFile("/root/file", O_RDWR);
       closesOnExec = Descriptors::ClosesOnExec(opened);
       open = watch.Opened();
     }
@@ -161,7 +161,7 @@ TEST(BaseHelpersOpenFile, TakesNoStandardDescriptorThoughAllAreClosed) {
 
 TEST(BaseHelpersOpenFile, FailsWhereOnlyStandardDescriptorsAreLeft) {
   ChildProcess::Run([] {
-    Machine::MakeFile("/mnt/file", "");
+    Machine::MakeFile("/root/file", "");
     int opened = 0;
     int error = 0;
     std::vector<int> open;
@@ -172,7 +172,7 @@ TEST(BaseHelpersOpenFile, FailsWhereOnlyStandardDescriptorsAreLeft) {
       getrlimit(RLIMIT_NOFILE, &limit);
       rlimit const few{3, limit.rlim_max};
       setrlimit(RLIMIT_NOFILE, &few);
-      opened = Tarvik::OpenFile("/mnt/file", O_RDWR);
+      opened = Tarvik::OpenFile("/root/file", O_RDWR);
       error = errno;
       setrlimit(RLIMIT_NOFILE, &limit);
       open = watch.Opened();

@@ -9,7 +9,6 @@
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
-#include <cstdlib>
 #include <filesystem>
 #include <functional>
 #include <iostream>
@@ -26,6 +25,7 @@
 #include "tests/support/CatalogueModel.h"
 #include "tests/support/CatalogueTest.h"
 #include "tests/support/DirectoryOrder.h"
+#include "tests/support/Environment.h"
 #include "tests/support/ErrorRecord.h"
 #include "tests/support/LogFile.h"
 #include "tests/support/Scoped.h"
@@ -423,11 +423,6 @@ Script Shrink(Script script, std::function<bool(Script const&)> const& fails) {
   return script;
 }
 
-std::uint32_t Chosen(char const* variable, std::uint32_t otherwise) {
-  char const* const text = std::getenv(variable);
-  return text == nullptr ? otherwise : static_cast<std::uint32_t>(std::strtoul(text, nullptr, 10));
-}
-
 class CatalogueProperties : public CatalogueTest {
  protected:
   // Names without a dot are complained of on standard output, and catalogues log their figures.
@@ -438,8 +433,8 @@ class CatalogueProperties : public CatalogueTest {
 };
 
 TEST_F(CatalogueProperties, EverySequenceGoesAsTheModelSays) {
-  std::uint32_t const seed = Chosen("QUELLON_SEED", std::random_device()());
-  std::uint32_t const sequences = Chosen("QUELLON_SEQUENCES", kSequences);
+  std::uint32_t const seed = Environment::Number("QUELLON_SEED", std::random_device()());
+  std::uint32_t const sequences = Environment::Number("QUELLON_SEQUENCES", kSequences);
   std::printf("QUELLON_SEED=%u QUELLON_SEQUENCES=%u\n", seed, sequences);
   for (std::uint32_t number = 0; number < sequences; ++number) {
     Script const script = Invent(seed + number);

@@ -131,7 +131,7 @@ TEST_F(DiskStartup, WaitsASecondAndKeepsTheFaultWhenAScanLeavesTheCardUnavailabl
 
 TEST_F(DiskStartup, RebootsForAFailingCardWithoutACounterFile) {
   RemoveCard();
-  std::filesystem::create_directories(Machine::Real(CounterFile::kPath).parent_path());
+  std::filesystem::create_directories(Machine::Real("/root/"));
   hooks().system = [](std::string const&) {
     EXPECT_EQ(write(1, "*", 1), 1);  // nothing may be left for a console that goes down
     return Machine::Answer::Success();
@@ -149,7 +149,7 @@ TEST_F(DiskStartup, RebootsForAFailingCardWithoutACounterFile) {
 
 TEST_F(DiskStartup, RebootsThreeTimesInARowAndThenGivesUp) {
   RemoveCard();
-  std::filesystem::create_directories(Machine::Real(CounterFile::kPath).parent_path());
+  std::filesystem::create_directories(Machine::Real("/root/"));
   for (char const* const saved : {"1", "2", "3"}) {
     Start();
     EXPECT_EQ(result, nullptr);
@@ -204,7 +204,7 @@ TEST_F(DiskStartup, RebootsThoughTheCounterFileCannotBeOpenedForWriting) {
     if (call.function == "fopen" && ++opened == 2) return EROFS;
     return std::nullopt;
   };
-  std::filesystem::create_directories(Machine::Real(CounterFile::kPath).parent_path());
+  std::filesystem::create_directories(Machine::Real("/root/"));
   Start();
   EXPECT_EQ(result, nullptr);
   EXPECT_EQ(ReadFile(CounterFile::kPath), "");

@@ -62,11 +62,10 @@ TEST(Machine, IsRestartedByNobodyWhateverReachesIt) {
 }
 
 TEST(Machine, KeepsThePathsOfTheDeviceInAFolder) {
-  for (char const* const path :
-       {"/mnt", "/mnt/", "/mnt/sdcard", "/dev/mmcblk1p1", "/root/system.dat"}) {
+  for (char const* const path : {"/mnt", "/mnt/", "/mnt/sdcard", "/dev/mmcblk1p1", "/root/a"}) {
     EXPECT_NE(Machine::Real(path), path);
   }
-  for (char const* const path : {"/", "/mnt2", "/root/other", "/dev/null", "mnt/", "/proc/self"}) {
+  for (char const* const path : {"/", "/mnt2", "/etc", "/dev/null", "mnt/", "/proc/self"}) {
     EXPECT_EQ(Machine::Real(path), path);
   }
   EXPECT_THROW(Machine::MakeFile("/root/other", ""), std::invalid_argument);
@@ -78,45 +77,45 @@ TEST(Machine, KeepsThePathsOfTheDeviceInAFolder) {
 }
 
 TEST(Machine, KnowsTheDevicesDescriptors) {
-  Machine::MakeFile("/mnt/a", "");
-  Tarvik::UniqueFd const file(open("/mnt/a", O_RDONLY | O_CLOEXEC));
+  Machine::MakeFile("/root/a", "");
+  Tarvik::UniqueFd const file(open("/root/a", O_RDONLY | O_CLOEXEC));
   Tarvik::UniqueFd const other(open("/dev/null", O_RDONLY | O_CLOEXEC));
-  EXPECT_EQ(Machine::DevicePath(file.Get()), "/mnt/a");
+  EXPECT_EQ(Machine::DevicePath(file.Get()), "/root/a");
   EXPECT_EQ(Machine::DevicePath(other.Get()), std::nullopt);
 }
 
 /// Reads four bytes in the ways that a service does.
 std::string Read() {
-  Tarvik::UniqueFd const file(open("/mnt/a", O_RDONLY | O_CLOEXEC));
+  Tarvik::UniqueFd const file(open("/root/a", O_RDONLY | O_CLOEXEC));
   if (!file.IsOpen()) return "not opened";
   std::string text(4, '-');
   return read(file.Get(), text.data(), 4) < 0 ? "not read" : text;
 }
 
 TEST(Machine, FailsEachCallInEachOfItsWays) {
-  Machine::MakeFile("/mnt/a", "four");
+  Machine::MakeFile("/root/a", "four");
   std::vector<std::string> failures;
   Machine::ForEachFailure([&](Machine::Point const& point) {
-    Machine::FailingCall const failing(point);
+    Machine::FailingCalls const failing({point});
     std::string const text = Read();
     failures.push_back(failing.Text() + " -> " + text);
     return failing.Result();
   });
-  EXPECT_THAT(failures, testing::Contains("open /mnt/a (1): EROFS -> not opened"));
-  EXPECT_THAT(failures, testing::Contains("read /mnt/a (1): EIO -> not read"));
-  EXPECT_THAT(failures, testing::Contains("read /mnt/a (1): short -> f---"));
-  EXPECT_THAT(failures, testing::Contains("close /mnt/a (1): EIO -> four"));
+  EXPECT_THAT(failures, testing::Contains("open /root/a (1): EROFS -> not opened"));
+  EXPECT_THAT(failures, testing::Contains("read /root/a (1): EIO -> not read"));
+  EXPECT_THAT(failures, testing::Contains("read /root/a (1): short -> f---"));
+  EXPECT_THAT(failures, testing::Contains("close /root/a (1): EIO -> four"));
   EXPECT_EQ(failures.back(), " -> four");
 }
 
 TEST(Machine, ForgetsHooksTraceAndFilesForTheNextTest) {
   Machine::hooks().now = 1;
-  Machine::MakeFile("/mnt/a", "");
+  Machine::MakeFile("/root/a", "");
   sync();
   Machine::Reset();
   EXPECT_FALSE(Machine::hooks().now);
   EXPECT_THAT(Machine::Trace(), IsEmpty());
-  EXPECT_FALSE(fs::exists(Machine::Real("/mnt/a")));
+  EXPECT_FALSE(fs::exists(Machine::Real("/root/a")));
 }
 
 }  // namespace

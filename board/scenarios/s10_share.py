@@ -58,7 +58,7 @@ def run(board: Board):
 
 
 def make_card(board: Board) -> Image:
-    chance = random.Random("quota")
+    chance = random.Random("share")
     names = [f"cr/rec_{number:02}.mp4" for number in range(RECORDINGS)]
     names += ["cr/first.log", "cr/middle.LOG", "cr/track.gps", "cr/late.gps"]
     ages = chance.sample(range(1_600_000_000, 1_600_100_000), len(names))
