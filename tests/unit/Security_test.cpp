@@ -42,7 +42,7 @@ mode_t ModeOf(std::string const& path) {
 
 // What the tests below do to a folder of the device must never happen to the machine's own.
 TEST(Security, OfTheMachineIsAPrivateFolderForTheFoldersOfTheDeviceWithAndWithoutASlash) {
-  for (std::string const folder : {"/mnt", "/sys", "/var/log"}) {
+  for (std::string const folder : {"/root", "/mnt", "/sys", "/var/log"}) {
     EXPECT_NE(Machine::Real(folder), folder);
     EXPECT_EQ(Machine::Real(folder + "/"), Machine::Real(folder) / "");
   }
