@@ -1,5 +1,6 @@
 // The start-up of the card and the reclamation of space, with pairs of their calls failing. What
-// must hold whatever fails is said once for each; EveryCallFails says what comes of single calls.
+// must hold whatever fails is said once for each; EveryCallFails says what comes of single calls. A
+// leak is for the address sanitizer's build to find.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
