@@ -4,7 +4,7 @@ The log is that of QEMU's blklogwrites, in the format of the kernel's dm-log-wri
 makes of a card depends on its metadata alone, so the cuts between two writes of metadata share one
 check; what the writes of contents among them change is looked at write by write.
 
-    python3 -m board.cuts build/board/NAME [--at N]     # judges a log again, or one cut of it
+    python3 -m board.cuts build/board/NAME [--at N [--then M]]   # judges all again, or one cut
 """
 
 import argparse
@@ -253,33 +253,64 @@ def judge_all(image: bytes, writes: list[Write], recordings: dict[str, Recording
 BEFORE, LOG = "before.img", "writes.log"
 
 
-def judge_log(folder: Path, every: int = 1, at: int | None = None) -> tuple[Result, str]:
-    """Judges the cuts of the log in a folder, and returns the result with a line that tells it."""
-    image, writes = (folder / BEFORE).read_bytes(), read_log(folder / LOG)
-    recordings = recordings_of(image, writes)
-    start = time.monotonic()
-    if at is None:
-        result = judge_all(image, writes, recordings, every)
-    else:
-        result = judge_range(image, writes, recordings, at, at + 1)
-    seconds = time.monotonic() - start
-    return result, (f"{result.cuts} cuts, {result.checks} distinct states, {result.repaired} "
-                    f"repaired, {len(result.losses)} losses, in {seconds:.0f} s")
+@dataclass
+class Run:
+    """What the board did to a card: the card before it, the writes, and what must be there."""
+
+    image: bytes
+    writes: list[Write]
+    recordings: dict[str, Recording]
+
+    @classmethod
+    def of(cls, folder: Path) -> "Run":
+        image, writes = (folder / BEFORE).read_bytes(), read_log(folder / LOG)
+        return cls(image, writes, recordings_of(image, writes))
+
+    def at(self, cut: int) -> bytes:
+        """Returns the card as it was after so many writes."""
+        image = bytearray(self.image)
+        for write in self.writes[:cut]:
+            place = write.sector * SECTOR
+            image[place:place + len(write.data)] = write.data
+        return bytes(image)
+
+    def required(self, cut: int) -> dict[str, bytes]:
+        """Returns what must be on the card after a cut."""
+        return {name: recording.content for name, recording in self.recordings.items()
+                if recording.complete <= cut < recording.deletion}
+
+    def start_after(self, cut: int, folder: Path) -> "Run":
+        """Returns the start that followed a cut; it deleted nothing."""
+        kept = {name: Recording(content) for name, content in self.required(cut).items()}
+        return Run(self.at(cut), read_log(folder / start_log(cut)), kept)
+
+    def judge(self, every: int = 1, at: int | None = None) -> tuple[Result, str]:
+        """Judges the cuts, or one of them, and returns the result with a line that tells it."""
+        start = time.monotonic()
+        if at is None:
+            result = judge_all(self.image, self.writes, self.recordings, every)
+        else:
+            result = judge_range(self.image, self.writes, self.recordings, at, at + 1)
+        seconds = time.monotonic() - start
+        return result, (f"{result.cuts} cuts, {result.checks} distinct states, {result.repaired} "
+                        f"repaired, {len(result.losses)} losses, in {seconds:.0f} s")
 
 
-def judge_lossy(folder: Path, one_in: int, every: int) -> Result:
+def start_log(cut: int) -> str:
+    return f"start-after-{cut}.log"
+
+
+def judge_lossy(run: Run, one_in: int, every: int) -> Result:
     """Judges the cuts of a card that loses one in so many writes: there must be losses."""
-    image, writes = (folder / BEFORE).read_bytes(), read_log(folder / LOG)
-    recordings = recordings_of(image, writes)
     kept = [write if number % one_in or write.mark else Write(0, b"")
-            for number, write in enumerate(writes, 1)]
-    return judge_all(image, kept, recordings, every)
+            for number, write in enumerate(run.writes, 1)]
+    return judge_all(run.image, kept, run.recordings, every)
 
 
-def wear(folder: Path) -> str:
+def wear(writes: list[Write]) -> str:
     """Tells what the log costs the card: the bytes written from the first recording to the last."""
     told, total, written, recorded, files = "", 0, 0, 0, 0
-    for write in read_log(folder / LOG):
+    for write in writes:
         found = re.search(r"Recorded (\S+) (\d+) bytes", write.mark or "")
         if found and found[0] != told:
             told, files = found[0], files + 1
@@ -294,10 +325,13 @@ def main():
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
     parser.add_argument("folder", type=Path, help=f"has {BEFORE} and {LOG}")
     parser.add_argument("--at", type=int, metavar="N", help="only the cut after N writes")
-    parser.add_argument("--every", type=int, default=1, metavar="N",
-                        help="only one in N of the distinct states (1)")
+    parser.add_argument("--then", type=int, metavar="M",
+                        help="the cut after M writes of the start that followed that")
     options = parser.parse_args()
-    result, line = judge_log(options.folder, options.every, options.at)
+    run, cut = Run.of(options.folder), options.at
+    if options.then is not None:
+        run, cut = run.start_after(options.at, options.folder), options.then
+    result, line = run.judge(at=cut)
     for loss in result.losses:
         print(f"after write {loss.cut}: {loss.what}")
     print(line)

@@ -92,6 +92,7 @@ class FileSystem:
                 if length < 8:
                     break
                 if number:
-                    found[content[place + 8:place + 8 + name_length].decode(errors="replace")] = number
+                    name = content[place + 8:place + 8 + name_length]
+                    found[name.decode(errors="replace")] = number
                 place += length
         return found
