@@ -5,11 +5,13 @@ makes of a card depends on its metadata alone, so the cuts between two writes of
 check; what the writes of contents among them change is looked at write by write.
 
     python3 -m board.cuts build/board/NAME [--at N [--then M]]   # judges all again, or one cut
+    python3 -m board.cuts FOLDER --cached SEED STATES            # of a card with a cache
 """
 
 import argparse
 import itertools
 import mmap
+import random
 import re
 import struct
 import subprocess
@@ -21,11 +23,16 @@ from dataclasses import dataclass, field
 from pathlib import Path
 
 from board.ext4 import File, FileSystem
+from board.image import Image, fill
 from board.tools import Failure
 
-SECTOR = 512
+SECTOR, PAGE = 512, 4096
 MAGIC, FLUSH, FUA, DISCARD = 0x6A736677736872, 1, 2, 4
 PARTITION = 1 << 20  # bytes before the card's file system
+
+SIZE, POSITIONS = 100_000, 1024  # bytes of a recording and of its positions
+OLD = range(1, 221)  # recordings that were there before
+CARD_BYTES = 32 << 20
 
 # A line of text in this sector, which no file system has, tells in the log how far the board was.
 MARK = 8
@@ -156,9 +163,21 @@ class Card:
             new = write.data[start:start + SECTOR]
             if old != new and not (is_content(new) and (is_content(old) or not any(old))):
                 changed = True
-        self.now[place:place + len(write.data)] = write.data
-        self._copy[place:place + len(write.data)] = write.data
+        self.put(place, write.data)
         return changed
+
+    def replace(self, writes: list[Write]) -> list[tuple[int, bytes]]:
+        """Applies writes of the file system and returns what was in their places before."""
+        before = []
+        for write in writes:
+            place = write.sector * SECTOR - PARTITION
+            before.append((place, bytes(self.now[place:place + len(write.data)])))
+            self.put(place, write.data)
+        return before
+
+    def put(self, place: int, data: bytes):
+        self.now[place:place + len(data)] = data
+        self._copy[place:place + len(data)] = data
 
     def check(self) -> tuple[int, dict[str, File], dict[str, bytes]]:
         """Checks the copy as the library would, and returns fsck's code and what the folder has."""
@@ -250,6 +269,76 @@ def judge_all(image: bytes, writes: list[Write], recordings: dict[str, Recording
     return result
 
 
+def epochs(writes: list[Write]) -> list[tuple[int, int]]:
+    """Returns first and end of the writes between two flushes each."""
+    edges = [0] + [n for n, write in enumerate(writes) if write.flags & FLUSH] + [len(writes)]
+    return [(a, b) for a, b in itertools.pairwise(edges) if b > a + 1]
+
+
+def cached_states(writes: list[Write], chance: random.Random, most: int) -> list[list[Write]]:
+    """Returns what of these writes may be on a card that had them in its cache when power failed.
+
+    Those are all subsets of their pages, or so many by chance where there are more; of half of those
+    that chance made, one page is torn.
+    """
+    writes = [Write(write.sector + start // SECTOR, write.data[start:start + PAGE])
+              for write in writes for start in range(0, len(write.data), PAGE)]
+    if 1 << len(writes) <= most:
+        return [list(chosen) for n in range(len(writes) + 1)
+                for chosen in itertools.combinations(writes, n)]
+    states = []
+    for number in range(most):
+        share = chance.random()
+        chosen = [write for write in writes if chance.random() < share]
+        if chosen and number % 2:
+            torn = chance.randrange(len(chosen))
+            write = chosen[torn]
+            sectors = chance.randrange(len(write.data) // SECTOR + 1)
+            chosen[torn] = Write(write.sector, write.data[:sectors * SECTOR])
+        states.append(chosen)
+    return states
+
+
+def judge_caches(run: "Run", seed: int, most: int, part: int, parts: int) -> Result:
+    """Judges cuts of a card with a cache, which loses and reorders what follows the last flush.
+
+    Of the times between flushes, this is one part of so many; `most` is how many states of each.
+    """
+    card, result, done = Card(run.image), Result(), 0
+    for number, (first, end) in enumerate(epochs(run.writes)):
+        if number % parts != part:
+            continue
+        for write in run.writes[done:first]:
+            card.apply(write)
+        done = first
+        chance = random.Random(seed * 1_000_003 + number)
+        cut = chance.randrange(first + 1, end + 1)
+        pending = [write for write in run.writes[first:cut] if write.sector * SECTOR >= PARTITION]
+        for state in cached_states(pending, chance, most):
+            before = card.replace(state)
+            code, _, contents = card.check()
+            for place, data in reversed(before):
+                card.put(place, data)
+            result.cuts += 1
+            result.checks += 1
+            result.repaired += code == 1
+            result.losses += judge(code, contents, run.recordings, cut)
+    return result
+
+
+def full_card(folder: Path) -> Image:
+    """Makes a card that the recorder soon deletes from."""
+    files = {}
+    for number in OLD:
+        for extension, size in (("dat", SIZE), ("gps", POSITIONS)):
+            name = f"rec_{number:06}.{extension}"
+            files[f"cr/{name}"] = content_of(name, size)
+    times = {name: 1_600_000_000 + int(name[7:13]) for name in files}
+    image = Image.card(folder / "card.img", fill(folder / "card", files, times), size=CARD_BYTES)
+    image.index_folders()
+    return image
+
+
 BEFORE, LOG = "before.img", "writes.log"
 
 
@@ -307,6 +396,23 @@ def judge_lossy(run: Run, one_in: int, every: int) -> Result:
     return judge_all(run.image, kept, run.recordings, every)
 
 
+def judge_all_caches(run: Run, seed: int, most: int, workers: int = 2) -> Result:
+    """Judges cuts of a card with a cache, `workers` at a time."""
+    result, parts = Result(), range(2 * workers)
+    with ProcessPoolExecutor(workers) as pool:
+        for done in [pool.submit(judge_caches, run, seed, most, part, len(parts))
+                     for part in parts]:
+            result.add(done.result())
+    return result
+
+
+def flushes(writes: list[Write]) -> str:
+    """Tells how often the card was flushed from the first recording to the last."""
+    moments = [n for n, write in enumerate(writes) if "Recorded" in (write.mark or "")]
+    count = sum(write.flags & FLUSH for write in writes[moments[0]:moments[-1]])
+    return f"{count / (len(moments) - 1):.1f} flushes per file recorded"
+
+
 def wear(writes: list[Write]) -> str:
     """Tells what the log costs the card: the bytes written from the first recording to the last."""
     told, total, written, recorded, files = "", 0, 0, 0, 0
@@ -327,11 +433,17 @@ def main():
     parser.add_argument("--at", type=int, metavar="N", help="only the cut after N writes")
     parser.add_argument("--then", type=int, metavar="M",
                         help="the cut after M writes of the start that followed that")
+    parser.add_argument("--cached", type=int, nargs=2, metavar=("SEED", "STATES"),
+                        help="of a card with a cache: so many states between two flushes")
     options = parser.parse_args()
     run, cut = Run.of(options.folder), options.at
     if options.then is not None:
         run, cut = run.start_after(options.at, options.folder), options.then
-    result, line = run.judge(at=cut)
+    if options.cached:
+        result = judge_all_caches(run, *options.cached)
+        line = f"{result.cuts} states, {len(result.losses)} losses"
+    else:
+        result, line = run.judge(at=cut)
     for loss in result.losses:
         print(f"after write {loss.cut}: {loss.what}")
     print(line)

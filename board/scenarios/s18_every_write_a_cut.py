@@ -6,14 +6,12 @@ import re
 import shutil
 
 from board.board import ROOT, Board, expect, expect_equal
-from board.cuts import BEFORE, LOG, MARKING, Run, content_of, judge_lossy, start_log, wear
-from board.image import Image, MiB, fill
+from board.cuts import (BEFORE, LOG, MARKING, SIZE, Run, full_card, judge_lossy, start_log,
+                        wear)
+from board.image import Image, MiB
 
 LIMIT, LIMIT_PER_CUT = 300, 30
 
-SIZE, POSITIONS = 100_000, 1024
-OLD = range(1, 221)  # so many that each few new ones have old ones deleted
-CARD_BYTES = 32 << 20
 RECORDINGS_PER_CUT = 5
 CUTS_PER_START = 3
 SHOWN = 10
@@ -36,7 +34,7 @@ cd /mnt/sdcard/cr && md5sum *
 
 
 def run(board: Board):
-    image = make_card(board)
+    image = full_card(board.folder)
     shutil.copy(image.path, board.folder / BEFORE)
     with board.start(RECORD, board.logging_writes(image, board.folder / LOG)) as machine:
         for _ in range(2 * RECORDINGS_PER_CUT * max(board.cuts, 1)):
@@ -76,19 +74,6 @@ def start(board: Board, recorded: Run, cut: int):
 def checksums(lines: list[str]) -> dict[str, str]:
     found = (re.fullmatch(r"([0-9a-f]{32})  (\S+)", line) for line in lines)
     return {match[2]: match[1] for match in found if match}
-
-
-def make_card(board: Board) -> Image:
-    files = {}
-    for number in OLD:
-        for extension, size in (("dat", SIZE), ("gps", POSITIONS)):
-            name = f"rec_{number:06}.{extension}"
-            files[f"cr/{name}"] = content_of(name, size)
-    times = {name: 1_600_000_000 + int(name[7:13]) for name in files}
-    image = Image.card(board.folder / "card.img", fill(board.folder / "card", files, times),
-                       size=CARD_BYTES)
-    image.index_folders()
-    return image
 
 
 def expect_no_loss(board: Board, run: Run, after: int | None = None):
