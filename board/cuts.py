@@ -42,6 +42,8 @@ mark() {{
 }}
 """
 
+CONFIRMED = 50  # one in so many cuts is checked although it shares another's check
+
 MOUNTABLE = (0, 1)  # what the check says of a card that comes into service
 
 TEXT = re.compile(rb"(?:[^\n]{0,14}\n)?(?:rec_\d{6}\.(?:dat|gps)\n)+[^\n\0]{0,14}\0*")
@@ -129,12 +131,14 @@ class Result:
     cuts: int = 0
     checks: int = 0
     repaired: int = 0
+    confirmed: int = 0
     losses: list[Verdict] = field(default_factory=list)
 
     def add(self, other: "Result"):
         self.cuts += other.cuts
         self.checks += other.checks
         self.repaired += other.repaired
+        self.confirmed += other.confirmed
         self.losses += other.losses
 
 
@@ -238,8 +242,20 @@ def judge_range(image: bytes, writes: list[Write], recordings: dict[str, Recordi
             result.losses += judge(code, contents, recordings, cut)
         elif chosen:
             result.losses += overwritten(files, writes[cut - 1], recordings, cut)
+            if cut % CONFIRMED == 0:
+                result.confirmed += 1
+                result.losses += confirm(card, code, files, recordings, cut)
         result.cuts += chosen and (cut == 0 or writes[cut - 1].sector * SECTOR >= PARTITION)
     return result
+
+
+def confirm(card: Card, code: int, files: dict[str, File], recordings: dict[str, Recording],
+            cut: int) -> list[Verdict]:
+    """Checks a card of which the check is said to find what it found before it had new contents."""
+    now, found, contents = card.check()
+    if (now, found) != (code, files):
+        return [Verdict(cut, "what the check does depends on contents")]
+    return judge(now, contents, recordings, cut)
 
 
 def overwritten(files: dict[str, File], write: Write, recordings: dict[str, Recording],
@@ -278,8 +294,8 @@ def epochs(writes: list[Write]) -> list[tuple[int, int]]:
 def cached_states(writes: list[Write], chance: random.Random, most: int) -> list[list[Write]]:
     """Returns what of these writes may be on a card that had them in its cache when power failed.
 
-    Those are all subsets of their pages, or so many by chance where there are more; of half of those
-    that chance made, one page is torn.
+    Those are all subsets of their pages, or so many by chance where there are more; of half of
+    those that chance made, one page is torn.
     """
     writes = [Write(write.sector + start // SECTOR, write.data[start:start + PAGE])
               for write in writes for start in range(0, len(write.data), PAGE)]
@@ -382,7 +398,8 @@ class Run:
             result = judge_range(self.image, self.writes, self.recordings, at, at + 1)
         seconds = time.monotonic() - start
         return result, (f"{result.cuts} cuts, {result.checks} distinct states, {result.repaired} "
-                        f"repaired, {len(result.losses)} losses, in {seconds:.0f} s")
+                        f"repaired, {result.confirmed} shared checks repeated, "
+                        f"{len(result.losses)} losses, in {seconds:.0f} s")
 
 
 def start_log(cut: int) -> str:
