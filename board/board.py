@@ -1,5 +1,6 @@
 """The board as a scenario sees it: a folder of images, machines started from them, a verdict."""
 
+import json
 import shutil
 import subprocess
 import time
@@ -113,6 +114,14 @@ class Board:
         configuration = self.folder / "faults.conf"
         configuration.write_text('[inject-error]\nevent = "write_aio"\nerrno = "5"\n')
         return f"blkdebug:{configuration}:{image.path}"
+
+    def logging_writes(self, image: Image, log: Path) -> str:
+        """Returns the image as a drive whose writes are logged, in their order, in a new file."""
+        log.write_bytes(b"")
+        drive = {"driver": "blklogwrites", "log-super-update-interval": 1,
+                 "file": {"driver": "file", "filename": str(image.path)},
+                 "log": {"driver": "file", "filename": str(log)}}
+        return "json:" + json.dumps({"driver": "raw", "file": drive}).replace(",", ",,")
 
     def note(self, text: str):
         """Adds a figure to what is reported of the scenario."""

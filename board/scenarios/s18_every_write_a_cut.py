@@ -1,0 +1,92 @@
+"""Every write to the card is a power cut: no complete recording is lost, no card refused."""
+
+import hashlib
+import random
+import re
+import shutil
+
+from board.board import ROOT, Board, expect, expect_equal
+from board.cuts import (BEFORE, LOG, MARKING, SIZE, Run, full_card, judge_lossy, start_log,
+                        wear)
+from board.image import Image, MiB
+
+LIMIT, LIMIT_PER_CUT = 300, 30
+
+RECORDINGS_PER_CUT = 5
+CUTS_PER_START = 3
+SHOWN = 10
+
+# What is told of a recording stands in the log of the writes, too, at the moment it was told.
+RECORD = f"""{MARKING}
+recorder --size {SIZE} --period 200 --min-free 1 | while read -r line; do
+    echo "$line"
+    case $line in *Recorded* | *Deleted*) mark "$line" ;; esac
+done
+"""
+
+
+# The library itself starts with the card as a cut left it, and shows what it finds.
+START = """driver init-disk
+driver list
+driver make-room 1 0.99
+cd /mnt/sdcard/cr && md5sum *
+"""
+
+
+def run(board: Board):
+    image = full_card(board.folder)
+    shutil.copy(image.path, board.folder / BEFORE)
+    with board.start(RECORD, board.logging_writes(image, board.folder / LOG)) as machine:
+        for _ in range(2 * RECORDINGS_PER_CUT * max(board.cuts, 1)):
+            machine.wait("[REC] Recorded")
+        machine.cut_power()
+    expect(any("[REC] Deleted" in line for line in machine.lines), "nothing was deleted")
+
+    recorded = Run.of(board.folder)
+    board.note(wear(recorded.writes))
+    expect_no_loss(board, recorded)
+    lossy = judge_lossy(recorded, one_in=100, every=20)
+    expect(bool(lossy.losses), "a card that loses writes was not found out")
+
+    chance = random.Random(seed := random.randrange(1 << 32))
+    board.note(f"starts after cuts: seed {seed}")
+    for _ in range(max(board.cuts // CUTS_PER_START, 1)):
+        start(board, recorded, chance.randrange(len(recorded.writes)))
+
+
+def start(board: Board, recorded: Run, cut: int):
+    """The library starts after a cut; then each write of that start is a cut, too."""
+    image = Image(board.folder / "cut.img", MiB)
+    image.path.write_bytes(recorded.at(cut))
+    log = board.folder / start_log(cut)
+    lines = board.run(START, board.logging_writes(image, log)).lines
+    expect("driver: init-disk yes" in lines, f"no service after write {cut}")
+    expect("driver: make-room yes" in lines, f"no room after write {cut}")
+    found = checksums(lines)
+    listed = [line.split()[1] for line in lines if line.startswith("file ")]
+    expect_equal(sorted(listed), sorted(found), f"the catalogue after write {cut}")
+    for name, content in recorded.required(cut).items():
+        expect(found.get(name) == hashlib.md5(content).hexdigest(),
+               f"{name} is missing or not intact after write {cut}")
+    expect_no_loss(board, recorded.start_after(cut, board.folder), after=cut)
+
+
+def checksums(lines: list[str]) -> dict[str, str]:
+    found = (re.fullmatch(r"([0-9a-f]{32})  (\S+)", line) for line in lines)
+    return {match[2]: match[1] for match in found if match}
+
+
+def expect_no_loss(board: Board, run: Run, after: int | None = None):
+    result, line = run.judge()
+    board.note(line if after is None else f"the start after write {after}: {line}")
+    if not result.losses:
+        return
+    kept = board.folder.with_name(board.folder.name + "-lost")
+    kept.mkdir(exist_ok=True)
+    for file in (board.folder / BEFORE, *board.folder.glob("*.log")):
+        shutil.copy(file, kept)
+    for loss in result.losses[:SHOWN]:
+        cut = f"--at {loss.cut}" if after is None else f"--at {after} --then {loss.cut}"
+        board.note(f"after write {loss.cut}: {loss.what}; again: "
+                   f"python3 -m board.cuts {kept.relative_to(ROOT)} {cut}")
+    expect(False, f"{len(result.losses)} losses")
