@@ -64,6 +64,7 @@ test_packages=(libgtest-dev libgmock-dev e2fsprogs util-linux mount fdisk gcovr 
 
 check_packages=(clang-14 clang-format-14 clang-tidy-14 cppcheck)
 bench_packages=(libbenchmark-dev libspdlog-dev nlohmann-json3-dev rapidjson-dev)
+mutate_packages=(python3-clang-14)
 fuzz_packages=(clang-14 libclang-rt-14-dev)
 board_packages=(g++-arm-linux-gnueabihf qemu-user-static googletest)
 package_packages=(g++-arm-linux-gnueabihf qemu-user-static dpkg-dev fakeroot file gzip lintian make
