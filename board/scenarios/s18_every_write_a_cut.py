@@ -12,7 +12,7 @@ from board.image import Image, MiB
 
 LIMIT, LIMIT_PER_CUT = 300, 30
 
-RECORDINGS_PER_CUT = 3
+RECORDINGS_PER_CUT = 2
 CUTS_PER_START = 3
 SHOWN = 10
 
