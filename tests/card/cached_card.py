@@ -141,6 +141,11 @@ def main():
         if not mounts.readline().startswith("private_root / "):
             sys.exit("cached_card: this runs only through tests/card/private_root")
     os.mknod("/dev/fuse", 0o20600, os.makedev(10, 229))
+    try:
+        os.close(os.open("/dev/fuse", os.O_RDWR))
+    except OSError as error:
+        print(f"skipped: the kernel has no file systems of programs: {error}")
+        sys.exit(77)
     card = LoggedFile((folder / "card.img").read_bytes(), folder / "writes.log")
     Path("/root/bin").mkdir(exist_ok=True)
     stand_in = Path("/root/bin/reboot")
