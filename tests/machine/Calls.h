@@ -85,6 +85,16 @@ inline std::optional<Failure> FailureOn(char const* function, int fd) {
   return path ? hooks().fault({function, *path}) : std::nullopt;
 }
 
+/// The hook's answer, else what `otherwise` returns.
+template <typename Called, typename Otherwise, typename... Arguments>
+int Answered(Called const& hook, Otherwise otherwise, Arguments const&... arguments) {
+  if (hook) {
+    Work const work;
+    if (auto const answer = hook(arguments...)) return Give(*answer);
+  }
+  return otherwise();
+}
+
 /// The call's result: a fault's, else the hook's answer, else what `otherwise` returns.
 template <typename Called, typename Otherwise, typename... Arguments>
 int Outcome(char const* function, Called const& hook, Otherwise otherwise,
@@ -92,11 +102,7 @@ int Outcome(char const* function, Called const& hook, Otherwise otherwise,
   if (auto const failure = FailureOf(function, arguments...)) {
     return failure->kind == Failure::ExitCode ? failure->value << 8 : Fail(failure->value);
   }
-  if (hook) {
-    Work const work;
-    if (auto const answer = hook(arguments...)) return Give(*answer);
-  }
-  return otherwise();
+  return Answered(hook, otherwise, arguments...);
 }
 
 /// Makes a call, and then reports the failure that a fault asks for: as with close(2), which frees

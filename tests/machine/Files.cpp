@@ -102,18 +102,14 @@ ssize_t writev(int fd, iovec const* parts, int count) {
 
 int fsync(int fd) {
   static auto* const next = TheReal<decltype(fsync)>("fsync");
-  return DoAndDeny("fsync", fd, -1, [=] {
-    auto const answer = hooks().fsync ? hooks().fsync(fd) : std::nullopt;
-    return answer ? Give(*answer) : next(fd);
-  });
+  auto const call = [=] { return next(fd); };
+  return DoAndDeny("fsync", fd, -1, [=] { return Answered(hooks().fsync, call, fd); });
 }
 
 int fstat(int fd, struct stat* status) noexcept {
   static auto* const next = TheReal<int(int, struct stat*)>("fstat");
-  return DoAndDeny("fstat", fd, -1, [=] {
-    auto const answer = hooks().fstat ? hooks().fstat(fd, status) : std::nullopt;
-    return answer ? Give(*answer) : next(fd, status);
-  });
+  auto const call = [=] { return next(fd, status); };
+  return DoAndDeny("fstat", fd, -1, [=] { return Answered(hooks().fstat, call, fd, status); });
 }
 
 int access(char const* path, int mode) noexcept {
