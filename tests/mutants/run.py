@@ -4,8 +4,9 @@
 A change that no test notices is a survivor. One that is meant, or that nobody can notice, stands in
 survivors.txt with its reason.
 
-The changed source alone is compiled, without optimisation, and its library linked again; the
-programs of the unit ring are those of build/host. First come those that run the changed line.
+The changed source alone is compiled, and its library linked again. The other objects, the programs
+of the unit ring and the lines that these run are those of build/coverage. First come the programs
+that run the changed line; one that takes very long is left out.
 """
 
 import argparse
@@ -32,46 +33,46 @@ from changes import Change, changes_of, squeezed
 
 ROOT = Path(__file__).resolve().parents[2]
 LIBRARIES = ("Tarvik", "Quellon")
-WORK = ROOT / "build/mutants"
+TREE, WORK = ROOT / "build/coverage", ROOT / "build/mutants"
 SYSTEM_HEADERS = WORK / "system.h"
 SURVIVORS = Path(__file__).with_name("survivors.txt")
-PROGRAMS = sorted((ROOT / "build/host/tests/unit").glob("*_test"))
+VERY_LONG = 20  # seconds of a program, for each change that nothing else notices
 # The longest that a program may take: so many times what it takes on the library as it is, and some.
 SLOWER, SECONDS = 5, 5
-MEMORY, FILE_SIZE = 2 << 30, 5 << 30  # bytes that a program may have, and write
+FILE_SIZE = 5 << 30  # bytes that a program may write
+ENVIRONMENT = {"ASAN_OPTIONS": "max_allocation_size_mb=512", "QUELLON_PAIRS": "100"}
+NO_COUNTERS = {"GCOV_PREFIX": "/dev/null"}
 
 
 @dataclass(frozen=True)
 class Source:
     path: str  # from the project's root
     library: str
+    object: Path
     compiler: list[str]  # with its options, but neither source nor object
 
-    def folder(self, kind: str) -> Path:
-        return WORK / kind / f"{self.library}.{Path(self.path).stem}"
-
-    def object(self, kind: str) -> Path:
-        return self.folder(kind) / "source.o"
-
-    def compile(self, text: str, folder: Path, *options: str) -> bool:
+    def compile(self, text: str, folder: Path) -> Path | None:
         """Objects of one text are the same bytes in each folder."""
-        source = folder / "source.cpp"
+        source, result = folder / "source.cpp", folder / "source.o"
         source.write_text(f'#line 1 "{ROOT / self.path}"\n{text}')
-        words = [*self.compiler, *options, "-c", source, "-o", folder / "source.o"]
-        return subprocess.run(words, stderr=subprocess.DEVNULL, timeout=120).returncode == 0
+        words = [*self.compiler, "-c", source, "-o", result]
+        done = subprocess.run(words, cwd=folder, stderr=subprocess.DEVNULL, timeout=120)
+        return result if done.returncode == 0 else None
 
 
 def sources_of_libraries() -> list[Source]:
-    """The sources with their flags, but for speed and warnings, which are not what is looked for."""
+    """The sources with their flags, but for counters and warnings, which are not looked for."""
     sources = []
-    for entry in json.loads((ROOT / "build/host/compile_commands.json").read_text()):
+    for entry in json.loads((TREE / "compile_commands.json").read_text()):
         words = shlex.split(entry["command"])
         library = next((word[2:-8] for word in words if word.endswith("_EXPORTS")), None)
         if library is not None:
-            flags = [word for word in words[1:words.index("-o")] if word[:2] in ("-I", "-U", "-f", "-s")]
-            path = str(Path(entry["file"]).relative_to(ROOT))
-            compiler = [words[0], "-std=gnu++20", "-O0", "-w", *flags]
-            sources.append(Source(path, library, [*compiler, "-include", str(SYSTEM_HEADERS)]))
+            end = words.index("-o")
+            flags = [word for word in words[1:end] if word[:2] in ("-D", "-I", "-U", "-f", "-s")]
+            flags = [word for word in flags if not word.startswith("-fprofile")]
+            compiler = [words[0], "-O0", "-w", *flags, "-include", str(SYSTEM_HEADERS)]
+            sources.append(Source(str(Path(entry["file"]).relative_to(ROOT)), library,
+                                  TREE / words[end + 1], compiler))
     return sources
 
 
@@ -79,11 +80,11 @@ def soname(library: str) -> str:
     return f"lib{library}.so.2"
 
 
-def link(library: str, objects: list[Path], folder: Path, *options: str) -> bool:
-    needed = [WORK / "plain" / soname("Tarvik")] if library == "Quellon" else []
-    words = ["g++", "-shared", f"-Wl,-soname,{soname(library)}", "-Wl,-z,nodelete",
-             f"-Wl,--version-script={ROOT}/packaging/abi/exports.map", *options, "-pthread",
-             "-o", folder / soname(library), *objects, *needed]
+def link(library: str, objects: list[Path], folder: Path) -> bool:
+    needed = [TREE / soname("Tarvik")] if library == "Quellon" else []
+    words = ["g++", "-shared", f"-Wl,-soname,{soname(library)}", "-Wl,-z,nodelete", "--coverage",
+             f"-Wl,--version-script={ROOT}/packaging/abi/exports.map", "-pthread",
+             "-fsanitize=address,undefined", "-o", folder / soname(library), *objects, *needed]
     return subprocess.run(words, stderr=subprocess.DEVNULL).returncode == 0
 
 
@@ -93,14 +94,14 @@ class Libraries:
     def __init__(self, jobs: int):
         self.sources = sources_of_libraries()
         self.precompile()
-        for folder, options in (("plain", ()), ("counted", ("--coverage",))):
-            self.build(folder, options, jobs)
+        programs = sorted((TREE / "tests/unit").glob("*_test"))
         with ThreadPoolExecutor(jobs) as pool:
-            results = list(pool.map(self.run_counted, PROGRAMS))
-        self.seconds = dict(zip(PROGRAMS, (seconds for seconds, _ in results)))
+            results = list(pool.map(self.measured, programs))
+        self.seconds = {}
         self.lines = defaultdict(set)  # the programs that run a line
         self.files = defaultdict(set)  # the programs that run some line of a file
-        for program, (_, lines) in zip(PROGRAMS, results):
+        for program, (seconds, lines) in zip(programs, results):
+            self.seconds[program] = seconds
             for path, line in lines:
                 self.lines[path, line].add(program)
                 self.files[path].add(program)
@@ -114,48 +115,43 @@ class Libraries:
         compiler = self.sources[0].compiler[:-2]
         subprocess.run([*compiler, "-x", "c++-header", SYSTEM_HEADERS], check=True)
 
-    def build(self, kind: str, options: tuple[str, ...], jobs: int):
-        texts = [path for pattern in ("base/**/*", "[A-Z]*/**/*") for path in ROOT.glob(pattern)]
-        newest = max(path.stat().st_mtime for path in texts)
+    def objects(self, library: str) -> list[Path]:
+        return [source.object for source in self.sources if source.library == library]
 
-        def compiled(source: Source) -> bool:
-            source.folder(kind).mkdir(parents=True, exist_ok=True)
-            if source.object(kind).exists() and source.object(kind).stat().st_mtime > newest:
-                return True
-            return source.compile((ROOT / source.path).read_text(), source.folder(kind), *options)
+    def measured(self, program: Path) -> tuple[float, list[tuple[str, int]]]:
+        """What run_counted says, or said of the same program and libraries before."""
+        kept = WORK / f"{program.name}.json"
+        parts = [program, *(TREE / soname(library) for library in LIBRARIES)]
+        if not kept.exists() or kept.stat().st_mtime < max(map(os.path.getmtime, parts)):
+            kept.write_text(json.dumps(self.run_counted(program)))
+        return json.loads(kept.read_text())
 
-        with ThreadPoolExecutor(jobs) as pool:
-            built = all(pool.map(compiled, self.sources))
-        if not built or not all(link(library, self.objects(library, kind), WORK / kind, *options)
-                                for library in LIBRARIES):
-            sys.exit("the libraries cannot be built")
-
-    def objects(self, library: str, kind: str = "plain") -> list[Path]:
-        return [source.object(kind) for source in self.sources if source.library == library]
-
-    def run_counted(self, program: Path) -> tuple[float, set[tuple[str, int]]]:
+    def run_counted(self, program: Path) -> tuple[float, list[tuple[str, int]]]:
         """How long a program takes on the libraries as they are, and which lines it runs."""
         counts = Path(tempfile.mkdtemp(prefix="counts"))
         for source in self.sources:
-            (counts / source.folder("counted").name).mkdir()
-            note = source.object("counted").with_suffix(".gcno")
-            (counts / source.folder("counted").name / note.name).symlink_to(note)
+            note = source.object.with_suffix(".gcno")
+            beside = counts / note.relative_to(TREE)
+            beside.parent.mkdir(parents=True, exist_ok=True)
+            beside.symlink_to(note)
         start = time.monotonic()
-        environment = {"GCOV_PREFIX": str(counts),
-                       "GCOV_PREFIX_STRIP": str(len((WORK / "counted").parts) - 1)}
-        if notices(program, WORK / "counted", counts, 120, environment):
-            raise RuntimeError(f"{program.name} fails on the libraries as they are")
+        environment = {"GCOV_PREFIX": str(counts), "GCOV_PREFIX_STRIP": str(len(TREE.parts) - 1)}
+        try:
+            if run(program, TREE, counts, VERY_LONG, environment) != 0:
+                raise RuntimeError(f"{program.name} fails on the libraries as they are")
+        except subprocess.TimeoutExpired:
+            return VERY_LONG, []
         seconds = time.monotonic() - start
-        data = sorted(str(path) for path in counts.glob("*/*.gcda"))
+        data = sorted(str(path) for path in counts.rglob("*.gcda"))
         lines = set()
         if data:
             texts = subprocess.run(["gcov", "--json-format", "--stdout", *data], text=True,
                                    cwd=counts, capture_output=True, check=True).stdout
             for file in (file for text in texts.splitlines() for file in json.loads(text)["files"]):
-                path = os.path.relpath(ROOT / file["file"], ROOT)
+                path = os.path.relpath(TREE / file["file"], ROOT)
                 lines |= {(path, line["line_number"]) for line in file["lines"] if line["count"]}
         shutil.rmtree(counts)
-        return seconds, lines
+        return seconds, sorted(lines)
 
     def programs_for(self, change: Change) -> list[Path]:
         """Those that may notice a change, the likely and quick ones first."""
@@ -164,24 +160,21 @@ class Libraries:
 
 
 def limit_program():
-    resource.setrlimit(resource.RLIMIT_AS, (MEMORY, MEMORY))
     resource.setrlimit(resource.RLIMIT_FSIZE, (FILE_SIZE, FILE_SIZE))
     resource.setrlimit(resource.RLIMIT_CORE, (0, 0))
 
 
-def notices(program: Path, libraries: Path, folder: Path, seconds: float,
-            environment: dict[str, str] = {}) -> bool:
-    """Whether a test of the program fails with these libraries. Leaves no process behind."""
-    environment = {**os.environ, **environment, "LD_LIBRARY_PATH": str(libraries),
-                   "TMPDIR": str(folder)}
+def run(program: Path, libraries: Path, folder: Path, seconds: float,
+        environment: dict[str, str]) -> int:
+    """How a program ends with these libraries. Leaves no process behind."""
+    environment = {**os.environ, **ENVIRONMENT, **environment, "TMPDIR": str(folder),
+                   "LD_LIBRARY_PATH": str(libraries)}
     with subprocess.Popen([program, "--gtest_brief=1", "--gtest_fail_fast"], cwd=folder,
                           env=environment, stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
                           stderr=subprocess.DEVNULL, start_new_session=True,
                           preexec_fn=limit_program) as process:
         try:
-            return process.wait(seconds) != 0
-        except subprocess.TimeoutExpired:
-            return True
+            return process.wait(seconds)
         finally:
             try:
                 os.killpg(process.pid, signal.SIGKILL)
@@ -212,29 +205,35 @@ class Judge:
         if not hasattr(self.thread, "folder"):
             self.thread.folder = Path(tempfile.mkdtemp(prefix="mutants"))
             (self.thread.folder / "tmp").mkdir()
+            self.thread.unchanged = {}  # objects of sources as they are
         return self.thread.folder
 
     def rebuilt(self, source: Source, change: Change, folder: Path) -> bool | None:
         """None if the change does not compile, false if it makes no difference."""
         for library in LIBRARIES:
             (folder / soname(library)).unlink(missing_ok=True)
-            (folder / soname(library)).symlink_to(WORK / "plain" / soname(library))
-        if not source.compile(change.result, folder):
+            (folder / soname(library)).symlink_to(TREE / soname(library))
+        if source.path not in self.thread.unchanged:
+            self.thread.unchanged[source.path] = source.compile(change.source, folder).read_bytes()
+        result = source.compile(change.result, folder)
+        if result is None:
             return None
-        result, unchanged = folder / "source.o", source.object("plain")
-        if result.read_bytes() == unchanged.read_bytes():
+        if result.read_bytes() == self.thread.unchanged[source.path]:
             return False
         (folder / soname(source.library)).unlink()
-        objects = [result if part == unchanged else part
+        objects = [result if part == source.object else part
                    for part in self.libraries.objects(source.library)]
         return link(source.library, objects, folder) or None
 
     def noticed(self, program: Path, folder: Path) -> bool:
         seconds = SLOWER * self.libraries.seconds[program] + SECONDS
-        result = notices(program, folder, folder / "tmp", seconds)
-        shutil.rmtree(folder / "tmp", ignore_errors=True)
-        (folder / "tmp").mkdir()
-        return result
+        try:
+            return run(program, folder, folder / "tmp", seconds, NO_COUNTERS) != 0
+        except subprocess.TimeoutExpired:
+            return True
+        finally:
+            shutil.rmtree(folder / "tmp", ignore_errors=True)
+            (folder / "tmp").mkdir()
 
 
 def known_survivors() -> dict[tuple[str, str, str], str]:
@@ -282,6 +281,8 @@ def main() -> int:
     options = arguments()
     start = time.monotonic()
     all_sources = list(dict.fromkeys(source.path for source in sources_of_libraries()))
+    if unknown := set(options.sources) - set(all_sources):
+        sys.exit(f"no source of the libraries: {', '.join(sorted(unknown))}")
     lines = changed_lines(options.changed.read_text()) if options.changed else {}
     chosen = [path for path in all_sources
               if options.all or path in options.sources or path in lines]
@@ -310,11 +311,13 @@ def main() -> int:
 
 def judged(changes: list[Change], known: dict, options: argparse.Namespace) -> Counter:
     """What came of the changes. Survivors without a reason, and reasons without one, are shown."""
-    deadline = time.monotonic() + 60 * options.minutes
-    judge = Judge(Libraries(options.jobs), deadline)
+    libraries = Libraries(options.jobs)
+    judge = Judge(libraries, deadline=time.monotonic() + 60 * options.minutes)
     outcomes = Counter()
     with ThreadPoolExecutor(options.jobs) as pool:
-        for change, outcome in zip(changes, pool.map(judge, changes)):
+        for number, (change, outcome) in enumerate(zip(changes, pool.map(judge, changes)), 1):
+            if sys.stderr.isatty():
+                print(f"{number} of {len(changes)}", end="\r", file=sys.stderr)
             if change.key in known and outcome != "not tried":
                 outcome = "survived as expected" if outcome == "survived" else "no survivor"
             outcomes[outcome] += 1
