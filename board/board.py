@@ -69,7 +69,7 @@ class Board:
         """
         self.folder = folder
         self.cuts = cuts
-        self._seed = seed
+        self.seed = seed
         self.notes: list[str] = []
         self._programs = programs
         self._echo = echo
@@ -128,8 +128,8 @@ class Board:
 
     def chance(self, what: str) -> random.Random:
         """Returns what chooses by chance, and reports how to choose the same again."""
-        self.note(f"{what}: --seed {self._seed}")
-        return random.Random(self._seed)
+        self.note(f"{what}: --seed {self.seed}")
+        return random.Random(self.seed)
 
     def note(self, text: str):
         """Adds a figure to what is reported of the scenario."""

@@ -3,6 +3,8 @@
 import hashlib
 import re
 import shutil
+import subprocess
+from pathlib import Path
 
 from board.board import ROOT, Board, expect, expect_equal
 from board.cuts import (BEFORE, LOG, MARKING, MOST_WEAR, SIZE, Run, State, full_card, judge_lossy,
@@ -12,7 +14,9 @@ from board.image import Image, MiB
 LIMIT, LIMIT_PER_CUT = 300, 30
 
 RECORDINGS_PER_CUT = 2
-CUTS_PER_START = 3
+CUTS_PER_START, MOST_STARTS = 3, 4
+STARTS_PER_CUT = 2  # on this machine
+CANNOT_RUN = 77
 SHOWN = 10
 
 # What is told of a recording stands in the log of the writes, too, at the moment it was told.
@@ -51,9 +55,27 @@ def run(board: Board):
     expect(bool(lossy.losses), "a card that loses writes was not found out")
 
     chance = board.chance("starts after cuts")
-    for _ in range(max(board.cuts // CUTS_PER_START, 1)):
+    for _ in range(min(max(board.cuts // CUTS_PER_START, 1), MOST_STARTS)):
         cut = chance.randrange(len(recorded.writes))
         start(board, recorded, State(cut, cut))
+    start_on_host(board)
+
+
+def start_on_host(board: Board):
+    """The library of this machine starts after many cuts, if a build tree has the card ring."""
+    found = sorted(ROOT.glob("build/*/tests/card/recovery"), key=lambda path: path.stat().st_mtime)
+    if not found:
+        board.note("no starts on this machine: no build tree has the card ring's recovery")
+        return
+    done = subprocess.run([ROOT / "tests/card/power_cuts", found[-1].parents[2], found[-1],
+                           found[-1], "--log", board.folder, "--seed", str(board.seed), "--starts",
+                           str(STARTS_PER_CUT * max(board.cuts, 1)), "--then", "0"],
+                          stdin=subprocess.DEVNULL, capture_output=True, text=True)
+    told = done.stdout if done.returncode == 0 else done.stdout + done.stderr
+    kept = keep(board) if done.returncode == 1 else board.folder
+    for line in told.replace(str(board.folder), str(kept)).splitlines():
+        board.note(line)
+    expect(done.returncode in (0, CANNOT_RUN), "losses in starts on this machine")
 
 
 def start(board: Board, recorded: Run, state: State):
@@ -83,10 +105,7 @@ def expect_no_loss(board: Board, run: Run, after: str | None = None):
     board.note(line if after is None else f"the start after write {after}: {line}")
     if not result.losses:
         return
-    kept = board.folder.with_name(board.folder.name + "-lost")
-    kept.mkdir(exist_ok=True)
-    for file in (board.folder / BEFORE, *board.folder.glob("*.log")):
-        shutil.copy(file, kept)
+    kept = keep(board)
     for loss in result.losses[:SHOWN]:
         told = run.describe(loss)
         if after is not None:
@@ -94,3 +113,12 @@ def expect_no_loss(board: Board, run: Run, after: str | None = None):
         board.note(f"after {told}; again: "
                    f"python3 -m board.cuts {kept.relative_to(ROOT)} {loss.options}")
     expect(False, f"{len(result.losses)} losses")
+
+
+def keep(board: Board) -> Path:
+    """Keeps what repeats a cut."""
+    kept = board.folder.with_name(board.folder.name + "-lost")
+    kept.mkdir(exist_ok=True)
+    for file in (board.folder / BEFORE, *board.folder.glob("*.log")):
+        shutil.copy(file, kept)
+    return kept

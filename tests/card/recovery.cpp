@@ -9,6 +9,9 @@
 // unmounted. The exit code is 1 where a step failed. With another word it does something wrong, for
 // somebody who must notice: it does not check what cannot be mounted, it deletes the newest, or it
 // overlooks a file.
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <cstdlib>
 #include <iostream>
@@ -17,13 +20,21 @@
 #include "DiskUtils/System.h"
 #include "FileUtils/FilesManager.h"
 #include "base/Logger.h"
+#include "base/UniqueFd.h"
 #include "examples/recorder/CheckUnlessMountable.h"
 #include "tests/card/PrivateRoot.h"
+#include "tests/machine/Machine.h"
 
 namespace {
 
 using Quellon::DiskUtils::Disk;
 using Quellon::FileUtils::FilesManager;
+
+// The disks of the whole machine would have to wait for what others write.
+void FlushTheCardAlone() {
+  Tarvik::UniqueFd const card(open("/mnt/sdcard", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (card.IsOpen()) syncfs(card.Get());
+}
 
 void Tell(FilesManager& catalogue, char const* step) {
   for (auto const* file : catalogue.GetList()) std::cout << "file " << file->name << '\n';
@@ -57,6 +68,7 @@ int main(int argc, char** argv) {
     return 2;
   }
   CardTests::RequirePrivateRoot();
+  Machine::hooks().sync = FlushTheCardAlone;
   Tarvik::Ilog::Logger::GetInstance()->consoleSink->enabled = false;
   bool const done = Recover(std::strtoull(argv[1], nullptr, 10), argc > 2 ? argv[2] : "");
   return done ? EXIT_SUCCESS : EXIT_FAILURE;

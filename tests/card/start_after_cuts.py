@@ -142,9 +142,10 @@ def states_of(run: Run, starts: Starts) -> Iterable[State]:
 class Tests:
     """The slot with its card, on which one start follows the other."""
 
-    def __init__(self, folder: Path, program: str):
+    def __init__(self, folder: Path, program: str, logged: bool):
+        """Logs what starts write, if that is wanted and can be had: a plain file is faster."""
         self._folder, self._program, self._run = folder, program, Run.of(folder)
-        self._logged = why_nothing_is_logged() is None
+        self._logged = logged and why_nothing_is_logged() is None
         self._file = (LoggedFile if self._logged else PlainFile)(self._run.image)
         self._slot = Slot(self._file)
 
@@ -179,9 +180,10 @@ class Tests:
 
 def main():
     require_private_root()
-    tests = Tests(Path(sys.argv[1]), sys.argv[2])
-    for values in json.load(sys.stdin):
-        print(tests.make(Starts.from_json(values)).to_json())
+    jobs = [Starts.from_json(values) for values in json.load(sys.stdin)]
+    tests = Tests(Path(sys.argv[1]), sys.argv[2], any(job.then for job in jobs))
+    for job in jobs:
+        print(tests.make(job).to_json())
     sys.stdout.flush()
     os._exit(0)  # the file system, its thread and the loop devices go with the root
 
