@@ -61,7 +61,9 @@ MOST_FLUSHES = 2  # of a card with a cache, for most files
 
 CONFIRMED = 50  # one in so many cuts is checked although it shares another's check
 
-MOUNTABLE = (0, 1)  # what the check says of a card that comes into service
+# What the check says of a card that comes into service. One that cannot be mounted is checked, too:
+# see examples/recorder/CheckUnlessMountable.h.
+MOUNTABLE = (0, 1)
 
 TEXT = re.compile(rb"(?:[^\n]{0,14}\n)?(?:rec_\d{6}\.(?:dat|gps)\n)+[^\n\0]{0,14}\0*")
 
@@ -113,8 +115,8 @@ def content_of(name: str, size: int) -> bytes:
 def recordings_of(before: dict[str, "Recording"], writes: list[Write]) -> dict[str, "Recording"]:
     """Returns what must be on the card: what it had before, and what the marks in the log tell.
 
-    A deletion is told of afterwards. So what is deleted may be gone since the moment before that was
-    told of: the last recording was complete, or room began to be made.
+    A deletion is told of afterwards. So what is deleted may be gone since what was told before: the
+    last recording was complete, or room began to be made.
     """
     recordings = dict(before)
     oldest = sorted({Path(name).stem for name in recordings})
@@ -131,9 +133,9 @@ def recordings_of(before: dict[str, "Recording"], writes: list[Write]) -> dict[s
         elif mark == MAKING_ROOM:
             last = cut
         elif found := re.search(r"Deleted (\d+)", mark):
-            count = int(found[1])
-            deleted = [stem + extension for stem in oldest[:count] for extension in (".dat", ".gps")]
-            del oldest[:count]
+            gone = oldest[:int(found[1])]
+            deleted = [stem + extension for stem in gone for extension in (".dat", ".gps")]
+            del oldest[:len(gone)]
         elif mark.startswith(REMOVED):
             deleted = mark.removeprefix(REMOVED).split()
         for name in deleted:

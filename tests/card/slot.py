@@ -62,7 +62,7 @@ class PlainFile:
 
 
 class LoggedFile:
-    """The only file of a file system: each write of it and each fsync is logged while a log is open.
+    """The only file of a file system; writes of it and each fsync are logged while a log is open.
     """
 
     def __init__(self, content: bytes):

@@ -4,8 +4,8 @@
     private_root --writable FOLDER start_after_cuts.py FOLDER RECOVERY < STARTS
 
 FOLDER has before.img and writes.log. STARTS is the JSON of a list of `Starts`. The last lines of
-the output are the JSON of a `Result` for each. Where the kernel lets it, the writes of each start are logged and are
-cuts, too; the log of a start after which there was a loss is kept in FOLDER.
+the output are the JSON of a `Result` for each. Where that is asked for, and the kernel lets it, the
+writes of each start are logged and are cuts, too; the log of a start with a loss is kept in FOLDER.
 """
 
 import json
@@ -22,8 +22,9 @@ HERE = Path(__file__).resolve().parent
 sys.path[:0] = [str(HERE.parent.parent), str(HERE)]
 sys.dont_write_bytecode = True
 
-from board.cuts import (BLIND, IGNORING_FLUSHES, MAKING_ROOM, REMOVED, REVERSED, SECRETIVE, TORN, UNCHECKED,
-                        Card, Result, Run, Starts, State, Verdict, files_of, judge, judge_states, start_log)
+from board.cuts import (BLIND, IGNORING_FLUSHES, MAKING_ROOM, REMOVED, REVERSED, SECRETIVE, TORN,
+                        UNCHECKED, Card, Result, Run, Starts, State, Verdict, files_of, judge,
+                        judge_states, start_log)
 from slot import LoggedFile, PlainFile, Slot, require_private_root, why_nothing_is_logged
 
 FOLDER = Path("/mnt/sdcard/cr")
@@ -104,7 +105,8 @@ def start(recovery: Recovery, run: Run, state: State, mark) -> tuple[int, list[s
     if after is None:
         return 0, [*wrong, "no room is made: " + " | ".join(recovery.last)]
     if differing := set(after) ^ set(os.listdir(FOLDER)):
-        wrong.append(f"once room was made, the catalogue is not what the directory holds: {differing}")
+        wrong.append("once room was made, the catalogue is not what the directory holds: "
+                     f"{differing}")
     deleted = set(before) - set(after)
     if not oldest_went(before, times, after):
         wrong.append(f"it is not the oldest that went: {deleted}")
