@@ -1,6 +1,7 @@
 """The board as a scenario sees it: a folder of images, machines started from them, a verdict."""
 
 import json
+import random
 import shutil
 import subprocess
 import time
@@ -60,13 +61,15 @@ class Board:
     """One scenario's board, in a folder of its own that starts empty."""
 
     def __init__(self, folder: Path, limit: float, programs: dict[Path, str], echo: bool = False,
-                 cuts: int = 0):
+                 cuts: int = 0, seed: int = 0):
         """`programs` maps files of the host to folders of the board.
 
-        `cuts` is how often a scenario of power cuts cuts the power.
+        `cuts` is how often a scenario of power cuts cuts the power, `seed` that of what scenarios
+        choose by chance.
         """
         self.folder = folder
         self.cuts = cuts
+        self.seed = seed
         self.notes: list[str] = []
         self._programs = programs
         self._echo = echo
@@ -122,6 +125,11 @@ class Board:
                  "file": {"driver": "file", "filename": str(image.path)},
                  "log": {"driver": "file", "filename": str(log)}}
         return "json:" + json.dumps({"driver": "raw", "file": drive}).replace(",", ",,")
+
+    def chance(self, what: str) -> random.Random:
+        """Returns what chooses by chance, and reports how to choose the same again."""
+        self.note(f"{what}: --seed {self.seed}")
+        return random.Random(self.seed)
 
     def note(self, text: str):
         """Adds a figure to what is reported of the scenario."""

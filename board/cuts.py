@@ -4,22 +4,31 @@ The log is that of QEMU's blklogwrites, in the format of the kernel's dm-log-wri
 makes of a card depends on its metadata alone, so the cuts between two writes of metadata share one
 check; what the writes of contents among them change is looked at write by write.
 
-    python3 -m board.cuts build/board/NAME [--at N [--then M]]   # judges all again, or one cut
-    python3 -m board.cuts FOLDER --cached SEED STATES            # of a card with a cache
+A card with a cache loses and reorders what follows the last flush: there any of those writes may be
+on it, or a part of one. Where a start after a cut was logged, its writes are cuts, too.
+
+    python3 -m board.cuts FOLDER [--at N [--then M]]     # judges all again, or one cut
+    python3 -m board.cuts FOLDER --cached SEED STATES MOMENTS [--at N.K [--then M.J]]
+
+FOLDER has before.img, the card, and writes.log.
 """
 
 import argparse
+import contextlib
 import itertools
+import json
 import mmap
 import random
 import re
+import statistics
 import struct
 import subprocess
 import sys
 import tempfile
 import time
+from collections.abc import Iterable, Iterator
 from concurrent.futures import ProcessPoolExecutor
-from dataclasses import dataclass, field
+from dataclasses import asdict, dataclass, field, replace
 from pathlib import Path
 
 from board.ext4 import File, FileSystem
@@ -30,21 +39,31 @@ SECTOR, PAGE = 512, 4096
 MAGIC, FLUSH, FUA, DISCARD = 0x6A736677736872, 1, 2, 4
 PARTITION = 1 << 20  # bytes before the card's file system
 
+MEMORY = "/dev/shm" if Path("/dev/shm").is_dir() else "/tmp"  # that of a private root
+
 SIZE, POSITIONS = 100_000, 1024  # bytes of a recording and of its positions
 OLD = range(1, 221)  # recordings that were there before
 CARD_BYTES = 32 << 20
 
 # A line of text in this sector, which no file system has, tells in the log how far the board was.
 MARK = 8
+MAKING_ROOM, REMOVED = "Making room", "Removed "
 MARKING = f"""
 mark() {{
     printf '%-512s' "$1" | dd of=/dev/mmcblk1 bs=512 seek={MARK} conv=notrunc,fsync 2>/dev/null
 }}
 """
 
+# Limits of what recordings cost the card. On a busy machine the kernel writes some things back more
+# than once, so bytes are counted on the board, whose time does not pass meanwhile.
+MOST_WEAR = 1.25  # bytes written to the card per byte recorded
+MOST_FLUSHES = 2  # of a card with a cache, for most files
+
 CONFIRMED = 50  # one in so many cuts is checked although it shares another's check
 
-MOUNTABLE = (0, 1)  # what the check says of a card that comes into service
+# What the check says of a card that comes into service. One that cannot be mounted is checked, too:
+# see examples/recorder/CheckUnlessMountable.h.
+MOUNTABLE = (0, 1)
 
 TEXT = re.compile(rb"(?:[^\n]{0,14}\n)?(?:rec_\d{6}\.(?:dat|gps)\n)+[^\n\0]{0,14}\0*")
 
@@ -93,37 +112,72 @@ def content_of(name: str, size: int) -> bytes:
     return (line * (size // len(line) + 1))[:size]
 
 
-def recordings_of(image: bytes, writes: list[Write]) -> dict[str, Recording]:
+def recordings_of(before: dict[str, "Recording"], writes: list[Write]) -> dict[str, "Recording"]:
     """Returns what must be on the card: what it had before, and what the marks in the log tell.
 
-    The recorder tells of a deletion afterwards. So what is deleted may be gone since the recording
-    before it was complete.
+    A deletion is told of afterwards. So what is deleted may be gone since what was told before: the
+    last recording was complete, or room began to be made.
     """
-    system = FileSystem(image[PARTITION:])
-    recordings = {name: Recording(system.content(file))
-                  for name, file in system.folder("cr").items()}
+    recordings = dict(before)
     oldest = sorted({Path(name).stem for name in recordings})
     last = 0
     for cut, write in enumerate(writes, 1):
         mark = write.mark or ""
+        deleted = []
         if found := re.search(r"Recorded (\S+) (\d+) bytes", mark):
             name = found[1]
             recordings[name] = Recording(content_of(name, int(found[2])), cut)
             if name.endswith(".dat"):
                 oldest.append(Path(name).stem)
                 last = cut
+        elif mark == MAKING_ROOM:
+            last = cut
         elif found := re.search(r"Deleted (\d+)", mark):
-            for stem in oldest[:int(found[1])]:
-                for extension in (".dat", ".gps"):
-                    recordings[stem + extension].deletion = last
-            del oldest[:int(found[1])]
+            gone = oldest[:int(found[1])]
+            deleted = [stem + extension for stem in gone for extension in (".dat", ".gps")]
+            del oldest[:len(gone)]
+        elif mark.startswith(REMOVED):
+            deleted = mark.removeprefix(REMOVED).split()
+        for name in deleted:
+            if name in recordings:
+                recordings[name] = replace(recordings[name], deletion=last)
     return recordings
+
+
+def files_of(image: bytes) -> dict[str, Recording]:
+    """Returns what a card has as recordings that were always there."""
+    system = FileSystem(image[PARTITION:])
+    return {name: Recording(system.content(file)) for name, file in system.folder("cr").items()}
+
+
+@dataclass(frozen=True)
+class State:
+    """A card after a cut: the first `flushed` writes are on it, and of the rest what was kept."""
+
+    cut: int  # writes that were begun
+    flushed: int
+    kept: tuple[Write, ...] = ()
+    number: int | None = None  # among the states of that cut
+
+    @property
+    def name(self) -> str:
+        return f"{self.cut}" if self.number is None else f"{self.cut}.{self.number}"
 
 
 @dataclass
 class Verdict:
-    cut: int
+    state: str
     what: str
+    then: str = ""  # a state of the start after that
+
+    @property
+    def place(self) -> str:
+        start = f", then write {self.then} of the start after it" if self.then else ""
+        return f"write {self.state}{start}"
+
+    @property
+    def options(self) -> str:
+        return f"--at {self.state}" + (f" --then {self.then}" if self.then else "")
 
 
 @dataclass
@@ -132,14 +186,23 @@ class Result:
     checks: int = 0
     repaired: int = 0
     confirmed: int = 0
+    starts: int = 0  # of the library itself
+    deleted: int = 0  # files, by those starts
+    then: int = 0  # cuts of those starts
     losses: list[Verdict] = field(default_factory=list)
 
     def add(self, other: "Result"):
-        self.cuts += other.cuts
-        self.checks += other.checks
-        self.repaired += other.repaired
-        self.confirmed += other.confirmed
-        self.losses += other.losses
+        for name, value in vars(other).items():
+            setattr(self, name, getattr(self, name) + value)
+
+    def to_json(self) -> str:
+        return json.dumps(asdict(self))
+
+    @classmethod
+    def from_json(cls, text: str) -> "Result":
+        values = json.loads(text)
+        values["losses"] = [Verdict(**loss) for loss in values["losses"]]
+        return cls(**values)
 
 
 def is_content(sector: bytes) -> bool:
@@ -149,12 +212,25 @@ def is_content(sector: bytes) -> bool:
 class Card:
     """A card's file system while writes are applied to it, in memory, with a copy for the check."""
 
-    def __init__(self, image: bytes, folder: str = "/dev/shm"):
+    def __init__(self, image: bytes):
         self.now = bytearray(image[PARTITION:])
-        self._file = tempfile.NamedTemporaryFile(dir=folder, prefix="cuts-")
+        self._file = tempfile.NamedTemporaryFile(dir=MEMORY, prefix="cuts-")
         self._file.write(self.now)
         self._file.flush()
         self._copy = mmap.mmap(self._file.fileno(), len(self.now))
+        self._applied = 0
+
+    @contextlib.contextmanager
+    def in_state(self, state: State, writes: list[Write]):
+        """Brings the card into a state for the `with` block. The states must come in their order.
+        """
+        for write in writes[self._applied:state.flushed]:
+            self.apply(write)
+        self._applied = state.flushed
+        before = self._keep(state.kept)
+        yield
+        for place, data in reversed(before):
+            self.put(place, data)
 
     def apply(self, write: Write) -> bool:
         """Applies a write to the partition and tells whether metadata may have changed."""
@@ -170,7 +246,7 @@ class Card:
         self.put(place, write.data)
         return changed
 
-    def replace(self, writes: list[Write]) -> list[tuple[int, bytes]]:
+    def _keep(self, writes: tuple[Write, ...]) -> list[tuple[int, bytes]]:
         """Applies writes of the file system and returns what was in their places before."""
         before = []
         for write in writes:
@@ -192,30 +268,27 @@ class Card:
             code |= 8
         files = system.folder("cr")
         contents = {name: system.content(file) for name, file in files.items()}
-        self._put_back()
+        self._copy[:] = self.now  # without what the check wrote
         return code, files, contents
-
-    def _put_back(self):
-        """Undoes what the check wrote."""
-        step = 1 << 16
-        for start in range(0, len(self.now), step):
-            if self._copy[start:start + step] != self.now[start:start + step]:
-                self._copy[start:start + step] = bytes(self.now[start:start + step])
 
 
 def judge(code: int, contents: dict[str, bytes], recordings: dict[str, Recording],
-          cut: int) -> list[Verdict]:
+          state: State) -> list[Verdict]:
     if code not in MOUNTABLE:
-        return [Verdict(cut, f"the card is refused: the check ends with {code}")]
+        return [Verdict(state.name, f"the card is refused: the check ends with {code}")]
     verdicts = []
-    for name, recording in recordings.items():
-        if not recording.complete <= cut < recording.deletion:
-            continue
+    for name, content in required(recordings, state.cut).items():
         if name not in contents:
-            verdicts.append(Verdict(cut, f"{name} is missing"))
-        elif contents[name] != recording.content:
-            verdicts.append(Verdict(cut, f"{name} is not intact"))
+            verdicts.append(Verdict(state.name, f"{name} is missing"))
+        elif contents[name] != content:
+            verdicts.append(Verdict(state.name, f"{name} is not intact"))
     return verdicts
+
+
+def required(recordings: dict[str, Recording], cut: int) -> dict[str, bytes]:
+    """Returns what must be on the card after a cut."""
+    return {name: recording.content for name, recording in recordings.items()
+            if recording.complete <= cut < recording.deletion}
 
 
 def judge_range(image: bytes, writes: list[Write], recordings: dict[str, Recording], first: int,
@@ -239,7 +312,7 @@ def judge_range(image: bytes, writes: list[Write], recordings: dict[str, Recordi
             code, files, contents = card.check()
             result.checks += 1
             result.repaired += code == 1
-            result.losses += judge(code, contents, recordings, cut)
+            result.losses += judge(code, contents, recordings, State(cut, cut))
         elif chosen:
             result.losses += overwritten(files, writes[cut - 1], recordings, cut)
             if cut % CONFIRMED == 0:
@@ -254,22 +327,20 @@ def confirm(card: Card, code: int, files: dict[str, File], recordings: dict[str,
     """Checks a card of which the check is said to find what it found before it had new contents."""
     now, found, contents = card.check()
     if (now, found) != (code, files):
-        return [Verdict(cut, "what the check does depends on contents")]
-    return judge(now, contents, recordings, cut)
+        return [Verdict(str(cut), "what the check does depends on contents")]
+    return judge(now, contents, recordings, State(cut, cut))
 
 
 def overwritten(files: dict[str, File], write: Write, recordings: dict[str, Recording],
                 cut: int) -> list[Verdict]:
     """Looks whether a write of contents went into a complete recording and changed it."""
     place = write.sector * SECTOR - PARTITION
-    for name, recording in recordings.items():
-        if place < 0 or name not in files or not recording.complete <= cut < recording.deletion:
-            continue
-        start = files[name].place(place)
+    for name, content in required(recordings, cut).items() if place >= 0 else ():
+        start = files[name].place(place) if name in files else None
         if start is not None and start < files[name].size:
-            expected = recording.content[start:start + len(write.data)]
+            expected = content[start:start + len(write.data)]
             if not write.data.startswith(expected):
-                return [Verdict(cut, f"{name} is not intact: it was written over at {start}")]
+                return [Verdict(str(cut), f"{name} is not intact: it was written over at {start}")]
     return []
 
 
@@ -291,7 +362,7 @@ def epochs(writes: list[Write]) -> list[tuple[int, int]]:
     return [(a, b) for a, b in itertools.pairwise(edges) if b > a + 1]
 
 
-def cached_states(writes: list[Write], chance: random.Random, most: int) -> list[list[Write]]:
+def subsets(writes: list[Write], chance: random.Random, most: int) -> list[tuple[Write, ...]]:
     """Returns what of these writes may be on a card that had them in its cache when power failed.
 
     Those are all subsets of their pages, or so many by chance where there are more; of half of
@@ -300,9 +371,9 @@ def cached_states(writes: list[Write], chance: random.Random, most: int) -> list
     writes = [Write(write.sector + start // SECTOR, write.data[start:start + PAGE])
               for write in writes for start in range(0, len(write.data), PAGE)]
     if 1 << len(writes) <= most:
-        return [list(chosen) for n in range(len(writes) + 1)
+        return [chosen for n in range(len(writes) + 1)
                 for chosen in itertools.combinations(writes, n)]
-    states = []
+    chosen_ones = []
     for number in range(most):
         share = chance.random()
         chosen = [write for write in writes if chance.random() < share]
@@ -311,35 +382,74 @@ def cached_states(writes: list[Write], chance: random.Random, most: int) -> list
             write = chosen[torn]
             sectors = chance.randrange(len(write.data) // SECTOR + 1)
             chosen[torn] = Write(write.sector, write.data[:sectors * SECTOR])
-        states.append(chosen)
-    return states
+        chosen_ones.append(tuple(chosen))
+    return chosen_ones
 
 
-def judge_caches(run: "Run", seed: int, most: int, part: int, parts: int) -> Result:
-    """Judges cuts of a card with a cache, which loses and reorders what follows the last flush.
+@dataclass(frozen=True)
+class Cache:
+    """Which states of a card with a cache are judged: chosen by chance, the same for each seed."""
 
-    Of the times between flushes, this is one part of so many; `most` is how many states of each.
-    """
-    card, result, done = Card(run.image), Result(), 0
-    for number, (first, end) in enumerate(epochs(run.writes)):
-        if number % parts != part:
-            continue
-        for write in run.writes[done:first]:
-            card.apply(write)
-        done = first
-        chance = random.Random(seed * 1_000_003 + number)
-        cut = chance.randrange(first + 1, end + 1)
-        pending = [write for write in run.writes[first:cut] if write.sector * SECTOR >= PARTITION]
-        for state in cached_states(pending, chance, most):
-            before = card.replace(state)
+    seed: int
+    states: int  # of a moment, at most
+    moments: int  # between two flushes, at most
+
+    def states_of(self, writes: list[Write], part: int = 0, parts: int = 1) -> Iterator[State]:
+        """Yields the states; of the times between flushes, those of one part of so many.
+
+        The last moment before a flush is always one: most is promised by then, and least flushed.
+        """
+        for number, (first, end) in enumerate(epochs(writes)):
+            if number % parts != part:
+                continue
+            chance = random.Random(self.seed * 1_000_003 + number)
+            earlier = range(first + 1, end)
+            cuts = chance.sample(earlier, min(self.moments - 1, len(earlier)))
+            for cut in sorted([*cuts, end]):
+                pending = [write for write in writes[first:cut]
+                           if write.sector * SECTOR >= PARTITION]
+                for index, kept in enumerate(subsets(pending, chance, self.states)):
+                    yield State(cut, first, kept, index)
+
+
+# What is wrong on purpose in starts that must be found out.
+IGNORING_FLUSHES = "a card that ignores flushes"
+REVERSED = "a library that deletes the newest"  # recovery's, as the next two
+UNCHECKED = "a service that does not check what cannot be mounted"
+BLIND = "a library that overlooks a file"
+TORN = "a superblock of which a cut let one sector be written"
+SECRETIVE = "a start that does not tell what it deletes"
+
+
+@dataclass(frozen=True)
+class Starts:
+    """Starts of the library after cuts."""
+
+    states: list[str]
+    cache: Cache | None  # that of the states; none for a card without one
+    then: int = 0  # cuts of each start that are judged, at most
+    control: str = ""
+
+    @classmethod
+    def from_json(cls, values: dict) -> "Starts":
+        cache = values["cache"] and Cache(**values["cache"])
+        return cls(**{**values, "cache": cache})
+
+
+def judge_states(run: "Run", states: Iterable[State]) -> Result:
+    card, result = Card(run.image), Result()
+    for state in states:
+        with card.in_state(state, run.writes):
             code, _, contents = card.check()
-            for place, data in reversed(before):
-                card.put(place, data)
-            result.cuts += 1
-            result.checks += 1
-            result.repaired += code == 1
-            result.losses += judge(code, contents, run.recordings, cut)
+        result.cuts += 1
+        result.checks += 1
+        result.repaired += code == 1
+        result.losses += judge(code, contents, run.recordings, state)
     return result
+
+
+def judge_caches(run: "Run", cache: Cache, part: int, parts: int) -> Result:
+    return judge_states(run, cache.states_of(run.writes, part, parts))
 
 
 def full_card(folder: Path) -> Image:
@@ -360,7 +470,7 @@ BEFORE, LOG = "before.img", "writes.log"
 
 @dataclass
 class Run:
-    """What the board did to a card: the card before it, the writes, and what must be there."""
+    """What was done to a card: the card before it, the writes, and what must be there."""
 
     image: bytes
     writes: list[Write]
@@ -369,41 +479,62 @@ class Run:
     @classmethod
     def of(cls, folder: Path) -> "Run":
         image, writes = (folder / BEFORE).read_bytes(), read_log(folder / LOG)
-        return cls(image, writes, recordings_of(image, writes))
+        return cls(image, writes, recordings_of(files_of(image), writes))
 
-    def at(self, cut: int) -> bytes:
-        """Returns the card as it was after so many writes."""
+    def ignoring_flushes(self) -> "Run":
+        """Returns what a card would get that ignores most flushes: it loses recordings."""
+        writes = [write for number, write in enumerate(self.writes)
+                  if not write.flags & FLUSH or number % 7 == 0]
+        return Run(self.image, writes, recordings_of(files_of(self.image), writes))
+
+    def at(self, state: State) -> bytes:
+        """Returns the card in a state."""
         image = bytearray(self.image)
-        for write in self.writes[:cut]:
+        for write in [*self.writes[:state.flushed], *state.kept]:
             place = write.sector * SECTOR
             image[place:place + len(write.data)] = write.data
         return bytes(image)
 
-    def required(self, cut: int) -> dict[str, bytes]:
-        """Returns what must be on the card after a cut."""
-        return {name: recording.content for name, recording in self.recordings.items()
-                if recording.complete <= cut < recording.deletion}
+    def start_after(self, state: State, log: Path) -> "Run":
+        """Returns the start that followed a cut."""
+        kept = {name: Recording(content)
+                for name, content in required(self.recordings, state.cut).items()}
+        writes = read_log(log)
+        return Run(self.at(state), writes, recordings_of(kept, writes))
 
-    def start_after(self, cut: int, folder: Path) -> "Run":
-        """Returns the start that followed a cut; it deleted nothing."""
-        kept = {name: Recording(content) for name, content in self.required(cut).items()}
-        return Run(self.at(cut), read_log(folder / start_log(cut)), kept)
+    def distinct(self) -> list[State]:
+        """Returns the states between which metadata changed, or what must be on the card."""
+        card = Card(self.image)
+        moments = {r.complete for r in self.recordings.values()}
+        return [State(cut, cut) for cut, write in enumerate(self.writes, 1)
+                if card.apply(write) or cut in moments]
 
-    def judge(self, every: int = 1, at: int | None = None) -> tuple[Result, str]:
-        """Judges the cuts, or one of them, and returns the result with a line that tells it."""
+    def find(self, name: str, cache: Cache | None) -> State:
+        """Returns the state of a name; that of a card with a cache has a dot."""
+        if "." not in name:
+            return State(int(name), int(name))
+        if cache is not None:
+            for state in cache.states_of(self.writes):
+                if state.name == name:
+                    return state
+        raise Failure(f"there is no state {name}")
+
+    def describe(self, verdict: Verdict) -> str:
+        write = self.writes[int(verdict.state.split(".")[0]) - 1]
+        return (f"{verdict.place} ({len(write.data) // SECTOR} sectors at {write.sector}): "
+                f"{verdict.what}")
+
+    def judge(self, every: int = 1) -> tuple[Result, str]:
+        """Judges the cuts and returns the result with a line that tells it."""
         start = time.monotonic()
-        if at is None:
-            result = judge_all(self.image, self.writes, self.recordings, every)
-        else:
-            result = judge_range(self.image, self.writes, self.recordings, at, at + 1)
-        seconds = time.monotonic() - start
+        result = judge_all(self.image, self.writes, self.recordings, every)
         return result, (f"{result.cuts} cuts, {result.checks} distinct states, {result.repaired} "
                         f"repaired, {result.confirmed} shared checks repeated, "
-                        f"{len(result.losses)} losses, in {seconds:.0f} s")
+                        f"{len(result.losses)} losses, in {time.monotonic() - start:.0f} s")
 
 
-def start_log(cut: int) -> str:
-    return f"start-after-{cut}.log"
+def start_log(name: str) -> str:
+    return f"start-after-{name}.log"
 
 
 def judge_lossy(run: Run, one_in: int, every: int) -> Result:
@@ -413,25 +544,27 @@ def judge_lossy(run: Run, one_in: int, every: int) -> Result:
     return judge_all(run.image, kept, run.recordings, every)
 
 
-def judge_all_caches(run: Run, seed: int, most: int, workers: int = 2) -> Result:
+def judge_all_caches(run: Run, cache: Cache, workers: int = 2) -> Result:
     """Judges cuts of a card with a cache, `workers` at a time."""
     result, parts = Result(), range(2 * workers)
     with ProcessPoolExecutor(workers) as pool:
-        for done in [pool.submit(judge_caches, run, seed, most, part, len(parts))
-                     for part in parts]:
+        for done in [pool.submit(judge_caches, run, cache, part, len(parts)) for part in parts]:
             result.add(done.result())
     return result
 
 
-def flushes(writes: list[Write]) -> str:
-    """Tells how often the card was flushed from the first recording to the last."""
-    moments = [n for n, write in enumerate(writes) if "Recorded" in (write.mark or "")]
-    count = sum(write.flags & FLUSH for write in writes[moments[0]:moments[-1]])
-    return f"{count / (len(moments) - 1):.1f} flushes per file recorded"
+def flushes(writes: list[Write]) -> float:
+    """Returns how often the card was flushed for a file, the median from the second file on."""
+    counts = [0]
+    for write in writes:
+        counts[-1] += write.flags & FLUSH
+        if "Recorded" in (write.mark or ""):
+            counts.append(0)
+    return statistics.median(counts[1:-1])
 
 
-def wear(writes: list[Write]) -> str:
-    """Tells what the log costs the card: the bytes written from the first recording to the last."""
+def wear(writes: list[Write]) -> float:
+    """Returns the bytes written to the card per byte, from the first recording to the last."""
     told, total, written, recorded, files = "", 0, 0, 0, 0
     for write in writes:
         found = re.search(r"Recorded (\S+) (\d+) bytes", write.mark or "")
@@ -441,29 +574,33 @@ def wear(writes: list[Write]) -> str:
             total = written
         elif files and write.sector * SECTOR >= PARTITION:
             written += len(write.data)
-    return f"{total / max(recorded, 1):.2f} bytes written to the card per byte recorded"
+    return total / max(recorded, 1)
 
 
 def main():
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
     parser.add_argument("folder", type=Path, help=f"has {BEFORE} and {LOG}")
-    parser.add_argument("--at", type=int, metavar="N", help="only the cut after N writes")
-    parser.add_argument("--then", type=int, metavar="M",
-                        help="the cut after M writes of the start that followed that")
-    parser.add_argument("--cached", type=int, nargs=2, metavar=("SEED", "STATES"),
-                        help="of a card with a cache: so many states between two flushes")
+    parser.add_argument("--at", metavar="STATE", help="only the cut after that write")
+    parser.add_argument("--then", metavar="STATE",
+                        help="the cut after that write of the start that followed")
+    parser.add_argument("--cached", type=int, nargs=3, metavar=("SEED", "STATES", "MOMENTS"),
+                        help="of a card with a cache: so many states of so many moments between "
+                             "two flushes")
     options = parser.parse_args()
-    run, cut = Run.of(options.folder), options.at
+    run, name = Run.of(options.folder), options.at
+    cache = Cache(*options.cached) if options.cached else None
     if options.then is not None:
-        run, cut = run.start_after(options.at, options.folder), options.then
-    if options.cached:
-        result = judge_all_caches(run, *options.cached)
-        line = f"{result.cuts} states, {len(result.losses)} losses"
+        run = run.start_after(run.find(options.at, cache), options.folder / start_log(options.at))
+        name = options.then
+    if name is not None:
+        result = judge_states(run, [run.find(name, cache)])
+    elif cache is not None:
+        result = judge_all_caches(run, cache)
     else:
-        result, line = run.judge(at=cut)
+        result, _ = run.judge()
     for loss in result.losses:
-        print(f"after write {loss.cut}: {loss.what}")
-    print(line)
+        print(run.describe(loss))
+    print(f"{result.cuts} cuts, {result.checks} checks, {len(result.losses)} losses")
     sys.exit(1 if result.losses else 0)
 
 

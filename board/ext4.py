@@ -47,14 +47,18 @@ class FileSystem:
         return {entry: self._file(number) for entry, number in entries.items()
                 if entry not in (".", "..")}
 
-    def content(self, file: File) -> bytes:
+    def content(self, file: File) -> bytes | bytearray:
         """Returns a file's bytes; its holes are zeros."""
+        if len(file.extents) == 1:
+            (start, place, length), = file.extents
+            if start == 0 and length >= file.size:
+                return self._data[place:place + file.size]
         content = bytearray(file.size)
         for start, place, length in file.extents:
             length = min(length, file.size - start)
             if length > 0:
                 content[start:start + length] = self._data[place:place + length]
-        return bytes(content)
+        return content
 
     def _block(self, number: int) -> bytes:
         return self._data[number * self.block_size:(number + 1) * self.block_size]

@@ -19,6 +19,7 @@
 #include "RTC/Rtc.h"
 #include "SysUtil/Util.h"
 #include "Watchdog/Watchdog.h"
+#include "examples/recorder/CheckUnlessMountable.h"
 
 using Quellon::System;
 using Quellon::DiskUtils::Disk;
@@ -39,6 +40,11 @@ constexpr char const* kRecordings = "/mnt/sdcard/cr/";
 
 Disk MountedCard() {
   return {"/mnt/sdcard/", "/dev/mmcblk1p1", "mmcblk1"};
+}
+
+bool CheckUnlessMounted(Arguments const& /*none*/) {
+  CheckUnlessMountable();
+  return true;
 }
 
 bool InitDisk(Arguments const& /*none*/) {
@@ -153,6 +159,7 @@ bool OpenFiles(Arguments const& /*none*/) {
 }
 
 constexpr std::array kCommands = {
+    Command{"check-unless-mountable", "", CheckUnlessMounted},
     Command{"init-disk", "", InitDisk},
     Command{"save-counter", "COUNTER", SaveCounter},
     Command{"list", "", List},

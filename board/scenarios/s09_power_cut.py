@@ -1,7 +1,6 @@
 """Power cuts while recording and reclaiming: the card comes back and no synced recording is lost."""
 
 import hashlib
-import random
 import re
 
 from board.board import Board, expect, expect_equal
@@ -33,8 +32,7 @@ def run(board: Board):
     card = Image.card(board.folder / "card.img", fill(board.folder / "card", files, times),
                       size=CARD_BYTES)
     synced, total = set(recordings(OLD)), 0
-    chance = random.Random(seed := random.randrange(1 << 32))
-    board.note(f"moments of the cuts: seed {seed}")
+    chance = board.chance("moments of the cuts")
     for _ in range(board.cuts + 1):
         with board.start(LOOK, card) as machine:
             for _ in range(chance.randint(1, MOST_FILES)):

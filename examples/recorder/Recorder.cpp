@@ -11,6 +11,7 @@
 #include <sstream>
 #include <string_view>
 
+#include "CheckUnlessMountable.h"
 #include "FileUtils/Dir.h"
 #include "base/IThread.h"
 #include "base/Logger.h"
@@ -119,6 +120,7 @@ bool Recorder::StartCard() {
 
 Disk* Recorder::InitDisk() {
   KicksMeanwhile const kicks(watchdog);
+  CheckUnlessMountable();
   return system.InitDisk();
 }
 

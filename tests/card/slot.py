@@ -1,0 +1,186 @@
+"""The card in the slot of a private root: a file whose content is set, and whose writes are logged.
+
+A `LoggedFile` is the only file of a file system of its own, below loop devices. Those report a
+write-back cache, so the kernel asks for what must be on the card by flushes. Writes and flushes are
+logged in the format of the kernel's dm-log-writes. A `PlainFile` works on every kernel, and logs
+nothing.
+"""
+
+import contextlib
+import ctypes
+import errno
+import mmap
+import os
+import struct
+import subprocess
+import sys
+import threading
+from pathlib import Path
+
+from board.cuts import FLUSH, MAGIC, MARK, PARTITION, SECTOR
+
+PLACE = Path("/run/card.img")
+MOST_TAKEN = 50  # loop devices that others take meanwhile
+
+# Requests of the kernel's interface for file systems in user space (linux/fuse.h).
+FORGET, GETATTR, SETATTR, OPEN, READ, WRITE, RELEASE, FSYNC = 2, 3, 4, 14, 15, 16, 18, 20
+FLUSH_FILE, INIT, INTERRUPT, BATCH_FORGET = 25, 26, 36, 42
+DIRECT_IO, BIG_WRITES = 1, 1 << 5
+MOST_WRITTEN = 1 << 17
+
+
+def require_private_root():
+    with open("/proc/mounts") as mounts:
+        if not mounts.readline().startswith("private_root / "):
+            sys.exit("skipped: this runs only through tests/card/private_root")
+
+
+def why_nothing_is_logged() -> str | None:
+    """Returns why this kernel has no file systems of programs, or None if it has them."""
+    if not os.path.exists("/dev/fuse"):
+        os.mknod("/dev/fuse", 0o20600, os.makedev(10, 229))
+    try:
+        os.close(os.open("/dev/fuse", os.O_RDWR))
+    except OSError as error:
+        return f"the kernel has no file systems of programs: {error}"
+    return None
+
+
+class PlainFile:
+    """A file in memory."""
+
+    def __init__(self, content: bytes):
+        PLACE.write_bytes(content)
+        with open(PLACE, "r+b") as file:
+            self.content = mmap.mmap(file.fileno(), 0)
+
+    def log(self, _path: Path):
+        return contextlib.nullcontext()
+
+    def mark(self, _text: str):
+        """There is no log to tell in."""
+
+
+class LoggedFile:
+    """The only file of a file system; writes of it and each fsync are logged while a log is open.
+    """
+
+    def __init__(self, content: bytes):
+        self.content = bytearray(content)
+        self._log, self._turns = None, threading.Lock()
+        self._kernel = os.open("/dev/fuse", os.O_RDWR | os.O_CLOEXEC)
+        PLACE.touch()
+        options = f"fd={self._kernel},rootmode=100000,user_id=0,group_id=0".encode()
+        libc = ctypes.CDLL(None, use_errno=True)
+        if libc.mount(b"card", bytes(PLACE), b"fuse", 0, options) != 0:
+            raise OSError(ctypes.get_errno(), "mount of the card's file")
+        threading.Thread(target=self._serve, daemon=True).start()
+
+    @contextlib.contextmanager
+    def log(self, path: Path):
+        """Logs what is written in the `with` block, in a new file."""
+        with open(path, "wb") as log:
+            log.write(struct.pack("<QQQI", MAGIC, 1, 0, SECTOR).ljust(SECTOR, b"\0"))
+            self._log = log
+            yield
+            with self._turns:
+                self._log = None
+
+    def mark(self, text: str):
+        """Tells in the log what has happened by now."""
+        self._entry(MARK, text.encode().ljust(SECTOR), 0)
+
+    def _serve(self):
+        while True:
+            request = os.read(self._kernel, MOST_WRITTEN + 4096)
+            _, kind, unique = struct.unpack_from("<IIQ", request)
+            if kind in (FORGET, BATCH_FORGET, INTERRUPT):
+                continue
+            error, answer = self._answer(kind, request[40:])
+            os.write(self._kernel, struct.pack("<IiQ", 16 + len(answer), -error, unique) + answer)
+
+    def _answer(self, kind: int, request: bytes) -> tuple[int, bytes]:
+        if kind == INIT:
+            return 0, struct.pack("<IIIIHHIIHHI7I", 7, 31, 0, BIG_WRITES, 12, 9, MOST_WRITTEN,
+                                  1, 0, 0, 0, *[0] * 7)
+        if kind in (GETATTR, SETATTR):
+            return 0, self._attributes()
+        if kind == OPEN:
+            return 0, struct.pack("<QII", 0, DIRECT_IO, 0)
+        if kind == READ:
+            offset, size = struct.unpack_from("<QI", request, 8)
+            return 0, bytes(self.content[offset:offset + size])
+        if kind == WRITE:
+            offset, size = struct.unpack_from("<QI", request, 8)
+            self._write(offset, request[40:40 + size])
+            return 0, struct.pack("<II", size, 0)
+        if kind == FSYNC:
+            self._entry(0, b"", FLUSH)
+        return (0 if kind in (FSYNC, FLUSH_FILE, RELEASE) else errno.ENOSYS), b""
+
+    def _attributes(self) -> bytes:
+        size = len(self.content)
+        return struct.pack("<QII" "QQQ" "QQQ" "III" "IIIIIII", 0, 0, 0, 1, size, size // SECTOR,
+                           0, 0, 0, 0, 0, 0, 0o100600, 1, 0, 0, 0, 4096, 0)
+
+    def _write(self, offset: int, data: bytes):
+        self.content[offset:offset + len(data)] = data
+        self._entry(offset // SECTOR, data, 0)
+
+    def _entry(self, sector: int, data: bytes, flags: int):
+        head = struct.pack("<QQQQ", sector, len(data) // SECTOR, flags, 0)
+        with self._turns:
+            if self._log is not None:
+                self._log.write(head.ljust(SECTOR, b"\0") + data)
+
+
+def attach(offset: int) -> Path:
+    """Makes a loop device of the file. Another process may take a free one first: then the next."""
+    for _ in range(MOST_TAKEN):
+        free = subprocess.run(["losetup", "--find"], capture_output=True, text=True, check=True)
+        loop = Path(free.stdout.strip())
+        if not loop.exists():
+            os.mknod(loop, 0o60600, os.makedev(7, int(loop.name[4:])))
+        done = subprocess.run(["losetup", "--offset", str(offset), loop, PLACE],
+                              capture_output=True, text=True)
+        if done.returncode == 0:
+            return loop
+    raise OSError(done.stderr)
+
+
+class Slot:
+    """A file shown as the card in the slot: its node, its partition's, its sysfs entries.
+
+    The kernel lets go of the loop devices with the object, however that comes about, once nothing
+    is mounted from them.
+    """
+
+    def __init__(self, file: PlainFile | LoggedFile):
+        self._file = file
+        self._held = []
+        for name, offset in (("mmcblk1", 0), ("mmcblk1p1", PARTITION)):
+            loop = attach(offset)
+            os.mknod(f"/dev/{name}", 0o60600, os.stat(loop).st_rdev)
+            self._held.append(os.open(loop, os.O_RDWR | os.O_CLOEXEC))
+            subprocess.run(["losetup", "--detach", loop], check=True)  # once it is no longer used
+        entry = Path("/sys/block/mmcblk1")
+        entry.mkdir(parents=True)
+        (entry / "size").write_text(f"{PLACE.stat().st_size // SECTOR}\n")
+        (entry / "ro").write_text("0\n")
+
+    def put(self, content: bytes | bytearray):
+        """Makes this the content of the partition's file system, which must not be mounted.
+
+        It is written through the device, which would otherwise remember what was there before.
+        """
+        step = 1 << 16
+        now, device = self._file.content, self._held[1]
+        for start in range(0, len(content), step):
+            wanted = content[start:start + step]
+            if now[PARTITION + start:PARTITION + start + step] != wanted:
+                os.pwrite(device, wanted, start)
+        os.fsync(device)
+
+    def close(self):
+        for descriptor in self._held:
+            os.close(descriptor)
