@@ -21,6 +21,7 @@ from pathlib import Path
 
 PLACE = Path("/run/card.img")
 SECTOR = 512
+MARK = 8
 MAGIC, FLUSH = 0x6A736677736872, 1
 
 # Requests of the kernel's interface for file systems in user space (linux/fuse.h).
@@ -44,6 +45,10 @@ class LoggedFile:
         if libc.mount(b"card", bytes(PLACE), b"fuse", 0, options) != 0:
             raise OSError(ctypes.get_errno(), "mount of the card's file")
         threading.Thread(target=self._serve, daemon=True).start()
+
+    def mark(self, text: str):
+        """Tells in the log how far things are, in a sector that no file system has."""
+        self._entry(MARK, text.encode().ljust(SECTOR), 0)
 
     def end_log(self):
         """What follows is written to the card, but no longer logged."""
@@ -126,7 +131,7 @@ def record(recorder: str, files: int):
         print(line, end="")
         if "Recorded" in line or "Deleted" in line:
             page[:SECTOR] = line.strip().ljust(SECTOR).encode()
-            os.pwrite(slot, memoryview(page)[:SECTOR], 8 * SECTOR)
+            os.pwrite(slot, memoryview(page)[:SECTOR], MARK * SECTOR)
             files -= "Recorded" in line
         if files == 0:
             break
@@ -135,8 +140,8 @@ def record(recorder: str, files: int):
     os.close(slot)
 
 
-def main():
-    folder, recorder, files = Path(sys.argv[1]), sys.argv[2], int(sys.argv[3])
+def provide_fuse():
+    """Makes the node of file systems of programs; ends the program where there are none."""
     with open("/proc/mounts") as mounts:
         if not mounts.readline().startswith("private_root / "):
             sys.exit("cached_card: this runs only through tests/card/private_root")
@@ -146,6 +151,11 @@ def main():
     except OSError as error:
         print(f"skipped: the kernel has no file systems of programs: {error}")
         sys.exit(77)
+
+
+def main():
+    folder, recorder, files = Path(sys.argv[1]), sys.argv[2], int(sys.argv[3])
+    provide_fuse()
     card = LoggedFile((folder / "card.img").read_bytes(), folder / "writes.log")
     Path("/root/bin").mkdir(exist_ok=True)
     stand_in = Path("/root/bin/reboot")
@@ -161,4 +171,5 @@ def main():
     os._exit(0)  # the file system and its thread go with the root
 
 
-main()
+if __name__ == "__main__":
+    main()
