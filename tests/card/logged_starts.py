@@ -14,6 +14,7 @@ import os
 import subprocess
 import sys
 import threading
+import time
 from itertools import count
 from pathlib import Path
 
@@ -25,7 +26,7 @@ os.environ["PATH"] = "/usr/sbin:/usr/bin:/sbin:/bin"
 STORAGE, ROOT = Path("/run/storage"), Path("/root")
 COUNTER = ROOT / "system.dat"
 MOST_LOOPS = 64
-LATE = 0.05  # seconds until what was written arrives
+LATE = 5  # seconds after which what was written arrives at the latest
 MOST_STARTS = 6  # two more than there may be
 
 # The kernel commits what was written after a while, on a slow machine in the middle of any step.
@@ -39,6 +40,9 @@ class Storage(LoggedFile):
         self._goes_on = threading.Event()
         self._goes_on.set()
         super().__init__(*arguments)
+
+    def is_held(self) -> bool:
+        return not self._goes_on.is_set()
 
     def hold(self):
         self._goes_on.clear()
@@ -99,8 +103,8 @@ class Device:
         """
         commit = threading.Thread(target=commit_elsewhere)
         commit.start()
-        if step == "sync":
-            commit.join(LATE)
+        if self._storage.is_held():
+            wait_for_two_writes()
             self._storage.go_on()
         commit.join()
         flush()
@@ -113,6 +117,18 @@ def commit_elsewhere():
     os.utime(other)
     os.fsync(other)
     os.close(other)
+
+
+def wait_for_two_writes():
+    """Waits until the commit is on its way to the storage, too."""
+    mounts = [line.split() for line in Path("/proc/mounts").read_text().splitlines()]
+    loop = next(Path(source).name for source, place, *_ in mounts if place == str(STORAGE))
+    end = time.monotonic() + LATE
+    while time.monotonic() < end:
+        writes = int(Path(f"/sys/kernel/block/{loop}/inflight").read_text().split()[1])
+        if writes > 1:
+            return
+        time.sleep(0.001)
 
 
 def flush():
