@@ -5,8 +5,9 @@
 
 START is the program counted_start with its arguments, which asks here for what it does to the
 storage. The storage is FOLDER/NAME.img, of which /root is a folder, and its writes and flushes go
-to FOLDER/NAME.log, with marks for the steps. On a busy device something else commits before each
-step. On an unflushed one nothing is flushed before a restart.
+to FOLDER/NAME.log, with marks for the steps. MODE is `quiet`; or `busy`, where something else on the
+device commits before each step; or `late`, where it does so after the step that flushes has begun;
+or `unflushed`, where nothing is flushed before a restart.
 """
 
 import ctypes
@@ -86,16 +87,21 @@ class Device:
         return restarts
 
     def _step(self, step: str, restarts: bool):
-        if self._mode == "busy":
-            self._commit_meanwhile(step)
+        is_late = self._mode == "late" and self._storage.is_held()
+        if self._mode in ("busy", "late") and not is_late:
+            self._commit_meanwhile()
         if step == "restart" or not restarts:
             self._storage.mark(step)
+        if is_late:
+            self._commit_meanwhile()
         if step == "sync" and (self._mode != "unflushed" or restarts):
-            flush()
+            os.sync()
         if step == "unmount":  # which for the kernel is this
             run("mount", "-o", "remount,ro", STORAGE)
+        if self._mode in ("busy", "late") and step == "write":
+            self._storage.hold()
 
-    def _commit_meanwhile(self, step: str):
+    def _commit_meanwhile(self):
         """Commits what was done so far, as another program may that flushes its own files.
 
         What was written to the counter's file is still on its way then; and a second time, when it
@@ -107,9 +113,7 @@ class Device:
             wait_for_two_writes()
             self._storage.go_on()
         commit.join()
-        flush()
-        if step == "write":
-            self._storage.hold()
+        run("sync", "--file-system", STORAGE)
 
 
 def commit_elsewhere():
@@ -129,10 +133,6 @@ def wait_for_two_writes():
         if writes > 1:
             return
         time.sleep(0.001)
-
-
-def flush():
-    run("sync", "--file-system", STORAGE)
 
 
 def run(*command):
