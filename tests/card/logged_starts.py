@@ -5,9 +5,10 @@
 
 START is the program counted_start with its arguments, which asks here for what it does to the
 storage. The storage is FOLDER/NAME.img, of which /root is a folder, and its writes and flushes go
-to FOLDER/NAME.log, with marks for the steps. MODE is `quiet`; or `busy`, where something else on the
-device commits before each step; or `late`, where it does so after the step that flushes has begun;
-or `unflushed`, where nothing is flushed before a restart.
+to FOLDER/NAME.log, with marks for the steps. MODE is `busy`, where something else on the device
+commits before each step; or `late`, where it does so once the step that flushes has begun; or
+`unflushed`, where nothing is flushed before a restart; or any other word for a device that does
+nothing else.
 """
 
 import ctypes
@@ -78,6 +79,7 @@ class Device:
                 elif words[0] == "Found" and not found:  # a second line has another number
                     found = True
                     self._storage.mark(f"found {words[5]}")
+        self._storage.go_on()
         if process.returncode != 0:
             sys.exit(f"the start ended with {process.returncode}")
         if not restarts:
