@@ -362,11 +362,12 @@ def epochs(writes: list[Write]) -> list[tuple[int, int]]:
     return [(a, b) for a, b in itertools.pairwise(edges) if b > a + 1]
 
 
-def subsets(writes: list[Write], chance: random.Random, most: int) -> list[tuple[Write, ...]]:
+def subsets(writes: list[Write], chance: random.Random, most: int,
+            tears: bool = True) -> list[tuple[Write, ...]]:
     """Returns what of these writes may be on a card that had them in its cache when power failed.
 
     Those are all subsets of their pages, or so many by chance where there are more; of half of
-    those that chance made, one page is torn.
+    those that chance made, one page is torn, if the card `tears` them.
     """
     writes = [Write(write.sector + start // SECTOR, write.data[start:start + PAGE])
               for write in writes for start in range(0, len(write.data), PAGE)]
@@ -377,7 +378,7 @@ def subsets(writes: list[Write], chance: random.Random, most: int) -> list[tuple
     for number in range(most):
         share = chance.random()
         chosen = [write for write in writes if chance.random() < share]
-        if chosen and number % 2:
+        if tears and chosen and number % 2:
             torn = chance.randrange(len(chosen))
             write = chosen[torn]
             sectors = chance.randrange(len(write.data) // SECTOR + 1)

@@ -90,7 +90,8 @@ INSTANTIATE_TEST_SUITE_P(
                 R"({"sdcard-status-conter":2,"x":")" + std::string(1000000, 'x') + "\"}", -1},
         Content{"BehindALotOfLines", std::string(1000000, '\n') + CounterFile::Text(2), 2},
         Content{"CutShort", R"({"sdcard-status-con)", -1}, Content{"NoJson", "reboots: 2", -1},
-        Content{"OnlyBlanks", "  ", -1}, Content{"Binary", std::string("\0\1\2", 3), -1}),
+        Content{"OnlyBlanks", "  ", -1}, Content{"Binary", std::string("\0\1\2", 3), -1},
+        Content{"ZerosLeftByAPowerCut", std::string(26, '\0'), -1}),
     [](auto const& instance) { return instance.param.name; });
 
 TEST_F(StatusCounter, IsMinusOneWhenTheFileCannotBeOpened) {
