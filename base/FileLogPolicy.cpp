@@ -23,8 +23,9 @@ constexpr char const* kPath = "/var/log/quellon.log";
 constexpr char const* kOlderPath = "/var/log/quellon.log.1";
 
 // A process checks the file's size before it has written more than `kUncheckedShare` since the last
-// check. With the lock it begins a new file at the lower mark, without it at the upper one. What 15
-// processes may write after their checks, that much each, fits between that mark and the limit.
+// check. At the lower mark it asks for the lock: with it, it begins a new file there, without it at
+// the upper mark. What 15 processes may write after their checks, that much each, fits between that
+// mark and the limit.
 constexpr std::size_t kLimit = std::size_t{1} << 20;
 constexpr std::size_t kUncheckedShare = 2048;
 constexpr std::size_t kUpperMark = kLimit - 16 * kUncheckedShare;
@@ -62,7 +63,7 @@ bool HasRoom(std::size_t size, std::size_t length, std::size_t limit) noexcept {
 bool FileLogPolicy::Write(std::string_view line) noexcept {
   UniqueFd lock;
   bool ready = true;
-  if (NeedsCheck(line.size())) {
+  if (NeedsCheck(line.size()) && !HasRoomInPlace(line.size())) {
     lock = LockFolder(0);
     if (!lock.IsOpen() && NeedsLock(line.size())) lock = LockFolder(kLockAttempts);
     ready = CheckPlaceAndSize(line.size(), lock.IsOpen());
@@ -81,6 +82,16 @@ bool FileLogPolicy::NeedsCheck(std::size_t length) const noexcept {
   return !file.IsOpen() || uncheckedBytes + length > kUncheckedShare || time(nullptr) != checkedAt;
 }
 
+// The usual check. Below the lower mark no process begins a new file, with the lock or without it,
+// so a line that fits there, and in the share, needs no lock.
+bool FileLogPolicy::HasRoomInPlace(std::size_t length) noexcept {
+  auto const size = SizeInPlace();
+  if (length > kUncheckedShare || !size || !HasRoom(*size, length, kLowerMark)) return false;
+  checkedAt = time(nullptr);
+  uncheckedBytes = 0;
+  return true;
+}
+
 // Without the lock two processes that open or rename the file at the same time could take each
 // other's half-written line for a fragment, or the newer file for the older one; and the marks
 // leave no room for a long line.
@@ -97,10 +108,18 @@ bool FileLogPolicy::CheckPlaceAndSize(std::size_t length, bool isLocked) noexcep
 }
 
 bool FileLogPolicy::IsInPlace() const noexcept {
+  return SizeInPlace().has_value();
+}
+
+// The size of the file at the path; none where that is not the file that is open.
+std::optional<std::size_t> FileLogPolicy::SizeInPlace() const noexcept {
   struct stat opened {};
   struct stat named {};
-  return file.IsOpen() && fstat(file.Get(), &opened) == 0 && lstat(kPath, &named) == 0 &&
-         opened.st_dev == named.st_dev && opened.st_ino == named.st_ino;
+  bool const isInPlace = file.IsOpen() && fstat(file.Get(), &opened) == 0 &&
+                         lstat(kPath, &named) == 0 && opened.st_dev == named.st_dev &&
+                         opened.st_ino == named.st_ino;
+  if (!isInPlace) return std::nullopt;
+  return static_cast<std::size_t>(opened.st_size);
 }
 
 // O_NONBLOCK: a pipe somebody left under this name must not stop the caller; a regular file does

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstddef>
+#include <optional>
 #include <string_view>
 
 #include "base/Export.h"
@@ -16,8 +17,8 @@ namespace Tarvik::Ilog {
 /// Other processes may log into the same file, and anybody may rename or delete it: within a second
 /// or two lines are in the file at the path again. Lines of all processes stay whole, and the limit
 /// is kept, for up to 15 processes at a time. Not locked against threads: the sink calls it with
-/// its line lock held. Kernel interface: O_APPEND, and flock(2) on "/var/log" while it checks the
-/// file's place and size and writes the line that follows.
+/// its line lock held. Kernel interface: O_APPEND, and flock(2) on "/var/log" while it opens the
+/// file, or begins a new one, and writes the line that follows.
 class QUELLON_EXPORT FileLogPolicy {
  public:
   /// The longest line in bytes that the file takes; the sink cuts longer ones.
@@ -33,9 +34,11 @@ class QUELLON_EXPORT FileLogPolicy {
 
  private:
   [[nodiscard]] bool NeedsCheck(std::size_t length) const noexcept;
+  bool HasRoomInPlace(std::size_t length) noexcept;
   [[nodiscard]] bool NeedsLock(std::size_t length) const noexcept;
   bool CheckPlaceAndSize(std::size_t length, bool isLocked) noexcept;
   [[nodiscard]] bool IsInPlace() const noexcept;
+  [[nodiscard]] std::optional<std::size_t> SizeInPlace() const noexcept;
   bool Open(int flags) noexcept;
   bool EndFragment() noexcept;
   bool RotateIfFull(std::size_t length, std::size_t limit) noexcept;

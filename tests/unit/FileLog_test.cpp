@@ -91,6 +91,19 @@ class FileLog : public testing::Test {
     });
   }
 
+  /// How often the file's place is looked at meanwhile.
+  template <typename Work>
+  static int CountLooks(Work work) {
+    int looks = 0;
+    Machine::hooks().lstat = [&looks](auto&&...) {
+      ++looks;
+      return std::nullopt;
+    };
+    work();
+    Machine::hooks().lstat = nullptr;
+    return looks;
+  }
+
   FileLogPolicy policy;
 };
 
@@ -328,15 +341,11 @@ TEST_F(FileLog, ReplacedByOthersItIsTheirFileASecondLater) {
 TEST_F(FileLog, IsNotAskedForItsPlaceWithEveryLine) {
   Machine::hooks().now = 100;
   EXPECT_TRUE(policy.Write("first\n"));
-  int looks = 0;
-  Machine::hooks().lstat = [&](auto const&, struct stat*) {
-    ++looks;
-    return Machine::Answer::Failure(ENOENT);
-  };
-  for (int i = 0; i < 20; ++i) EXPECT_TRUE(policy.Write(std::string(99, 'x') + "\n"));
+  int const looks = CountLooks([this] {
+    for (int i = 0; i < 20; ++i) EXPECT_TRUE(policy.Write(Lines(100)));
+  });
   EXPECT_EQ(looks, 0);
-  EXPECT_TRUE(policy.Write(std::string(99, 'x') + "\n"));
-  EXPECT_EQ(looks, 1);
+  EXPECT_EQ(CountLooks([this] { EXPECT_TRUE(policy.Write(Lines(100))); }), 1);
 }
 
 /// Processes that meet at the file get out of each other's way only when their pauses are real.
@@ -458,6 +467,28 @@ TEST_F(FileLog, IsLookedAtWithEachLineWithoutTheTurn) {
   EXPECT_EQ(LogFile::Text(), "second\n");
 }
 
+TEST_F(FileLog, IsLookedAtNoMoreOftenWithoutTheTurnWhereThereIsRoomInPlace) {
+  Machine::hooks().now = 100;
+  EXPECT_TRUE(policy.Write("first\n"));
+  Tarvik::UniqueFd const turn = TakeTheTurn();
+  Machine::hooks().now = 101;
+  int const looks = CountLooks([this] {
+    for (int i = 0; i < 20; ++i) EXPECT_TRUE(policy.Write(Lines(100)));
+  });
+  EXPECT_EQ(looks, 1);
+  EXPECT_EQ(LogFile::Text().size(), 6U + 20 * 100);
+}
+
+TEST_F(FileLog, WaitsForTheTurnWithALineLongerThanItsShareThoughThereIsRoomForIt) {
+  EXPECT_TRUE(policy.Write("first\n"));
+  Tarvik::UniqueFd turn = TakeTheTurn();
+  Machine::hooks().sleep = [&](auto&&) { turn = Tarvik::UniqueFd(); };
+  EXPECT_TRUE(policy.Write(Lines(2048)));
+  EXPECT_TRUE(turn.IsOpen());
+  EXPECT_TRUE(policy.Write(Lines(2049)));
+  EXPECT_FALSE(turn.IsOpen());
+}
+
 TEST_F(FileLog, WaitsForTheTurnToOpenItAndWithALineTheMarksLeaveNoRoomFor) {
   Machine::hooks().now = 100;
   Tarvik::UniqueFd turn = TakeTheTurn();
@@ -481,19 +512,21 @@ TEST_F(FileLog, KeepsTheOlderOneThoughALineFillsANewFileAlone) {
 }
 
 TEST_F(FileLog, AChildForkedWhileItIsLookedAtDoesNotKeepTheTurn) {
-  pid_t child = -1;
+  std::vector<pid_t> children;
   Machine::hooks().lstat = [&](auto const&, struct stat*) {
-    child = ChildProcess::Start(pause);
+    children.push_back(ChildProcess::Start(pause));
     return Machine::Answer::Failure(ENOENT);
   };
   EXPECT_TRUE(policy.Write("first\n"));
   Machine::hooks().now = 1;
   EXPECT_TRUE(policy.Write("looks\n"));
-  ASSERT_GT(child, 0);
+  EXPECT_GE(children.size(), 2U) << "before it had its turn, and with it";
   Tarvik::UniqueFd const folder(open("/var/log/", O_RDONLY | O_CLOEXEC));
   EXPECT_EQ(flock(folder.Get(), LOCK_EX | LOCK_NB), 0);
-  kill(child, SIGKILL);
-  ChildProcess::Wait(child);
+  for (pid_t const child : children) {
+    kill(child, SIGKILL);
+    ChildProcess::Wait(child);
+  }
 }
 
 TEST_F(FileLog, IsNeverAStandardStream) {
