@@ -2,6 +2,7 @@
 
 #include <pthread.h>
 
+#include "base/internal/Decimal.h"
 #include "base/internal/NoDestructor.h"
 
 namespace Tarvik::Ilog {
@@ -41,10 +42,34 @@ void Logger::BeginLine(LogType type) {
   consoleSink->RequireNoLine();
   if (fileSink->enabled) fileSink->BeginLine(type);
   try {
-    if (consoleSink->enabled) consoleSink->BeginLine(type);
+    if (consoleSink->enabled) BeginOnConsole(type);
   } catch (...) {
     fileSink->DropLine();
     throw;
+  }
+}
+
+// Where both sinks take part, the line is gathered once, in the file's `line`.
+void Logger::BeginOnConsole(LogType type) {
+  if (!fileSink->HoldsLine()) {
+    consoleSink->BeginLine(type);
+    return;
+  }
+  consoleSink->JoinLine(type);
+  fileSink->lineLock.AssertHeld();
+  fileSink->isShared = true;
+}
+
+// Before anything but a text or a plain number reaches either sink, for example its end, each gets
+// the line as its own. This thread holds both locks.
+void Logger::SeparateLines() noexcept {
+  fileSink->lineLock.AssertHeld();
+  consoleSink->lineLock.AssertHeld();
+  fileSink->isShared = false;
+  consoleSink->isShared = false;
+  // Without memory nothing of the line reaches the console.
+  if (!consoleSink->line.Append(fileSink->line.View())) {
+    consoleSink->stream.setstate(std::ios::badbit);
   }
 }
 
@@ -69,10 +94,25 @@ Logger& Logger::operator<<(char const* text) {
   return *this;
 }
 
-Logger& Logger::operator<<(std::string_view text) {
-  *fileSink << text;
-  *consoleSink << text;
+// `text` is what `value` looks like in a line that is shared.
+template <typename Value>
+Logger& Logger::Append(std::string_view text, Value const& value) {
+  if (consoleSink->enabled && fileSink->AppendShared(text)) return *this;
+  *fileSink << value;
+  *consoleSink << value;
   return *this;
+}
+
+Logger& Logger::operator<<(std::string_view text) {
+  return Append(text, text);
+}
+
+Logger& Logger::operator<<(int number) {
+  return Append(Decimal(number).View(), number);
+}
+
+Logger& Logger::operator<<(unsigned long long number) {
+  return Append(Decimal(number).View(), number);
 }
 
 Logger& Logger::operator<<(long const& t) {

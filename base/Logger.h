@@ -46,6 +46,8 @@ class QUELLON_EXPORT Logger {
   Logger& operator<<(char const* text);
   Logger& operator<<(std::string_view text);
   Logger& operator<<(std::string const& text) { return *this << std::string_view(text); }
+  Logger& operator<<(int number);
+  Logger& operator<<(unsigned long long number);
   Logger& operator<<(long const& t);
   template <typename Value>
   Logger& operator<<(Value const& value) {
@@ -57,6 +59,13 @@ class QUELLON_EXPORT Logger {
   /// @}
 
  private:
+  template <typename Policy>
+  friend class LoggerBase;
+
+  template <typename Value>
+  Logger& Append(std::string_view text, Value const& value);
+  void BeginOnConsole(LogType type);
+  void SeparateLines() noexcept;
   static void RecoverInChild() noexcept;
 };
 

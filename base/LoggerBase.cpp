@@ -1,9 +1,6 @@
 #include "base/LoggerBase.h"
 
-#include <array>
-#include <charconv>
 #include <ctime>
-#include <limits>
 #include <locale>
 #include <memory>
 #include <mutex>
@@ -11,7 +8,9 @@
 #include <system_error>
 
 #include "base/Date.h"
+#include "base/Logger.h"
 #include "base/TemperatureMonitor.h"
+#include "base/internal/Decimal.h"
 
 namespace Tarvik::Ilog {
 
@@ -47,8 +46,32 @@ void LoggerBase<Policy>::BeginLine(LogType type) {
   AppendTime();
   AppendTemperature();
   AppendTag(type);
+  KeepLine(lock);
+}
+
+// Takes part in a line that has begun on the other sink.
+template <typename Policy>
+void LoggerBase<Policy>::JoinLine(LogType type) {
+  std::unique_lock lock(lineLock);
+  lineLock.AssertHeld();
+  if constexpr (requires { policy.WriteHeader(type); }) policy.WriteHeader(type);
+  isShared = true;
+  KeepLine(lock);
+}
+
+// The lock is kept until the line is written: see Release().
+template <typename Policy>
+void LoggerBase<Policy>::KeepLine(std::unique_lock<Mutex>& lock) noexcept {
   lineOwner.store(std::this_thread::get_id(), std::memory_order_relaxed);
-  lock.release();  // kept until the line is written: see Release()
+  lock.release();
+}
+
+// False, with nothing appended, where the line is this sink's own, or there is no memory.
+template <typename Policy>
+bool LoggerBase<Policy>::AppendShared(std::string_view text) noexcept {
+  if (!HoldsLine()) return false;
+  lineLock.AssertHeld();
+  return isShared && enabled && line.Append(text);
 }
 
 // Only the owner finds its own id here, so the answer never depends on another thread's store.
@@ -59,12 +82,20 @@ bool LoggerBase<Policy>::HoldsLine() const noexcept {
 
 // A disabled sink ignores everything, the beginning of the line under way included.
 template <typename Policy>
-bool LoggerBase<Policy>::TakesPart() noexcept {
+inline bool LoggerBase<Policy>::GoesOn() noexcept {
   if (!HoldsLine()) return false;
-  if (enabled) return true;
   lineLock.AssertHeld();
+  if (isShared) Logger::GetInstance()->SeparateLines();
+  if (enabled) return true;
   Release();
   return false;
+}
+
+template <typename Policy>
+bool LoggerBase<Policy>::TakesPart() noexcept {
+  if (!GoesOn()) return false;
+  isStreamUsed = true;
+  return true;
 }
 
 template <typename Policy>
@@ -101,13 +132,13 @@ void LoggerBase<Policy>::AppendTag(LogType type) {
 
 template <typename Policy>
 LoggerBase<Policy>& LoggerBase<Policy>::operator<<(long const& t) {
-  if (TakesPart()) stream << Util::Date(t, kTimeFormat);
+  if (GoesOn()) stream << Util::Date(t, kTimeFormat);
   return *this;
 }
 
 template <typename Policy>
 LoggerBase<Policy>& LoggerBase<Policy>::operator<<(char const* text) {
-  if (!TakesPart()) return *this;
+  if (!GoesOn()) return *this;
   if (text != nullptr) {
     AppendText(text);
   } else {
@@ -118,7 +149,7 @@ LoggerBase<Policy>& LoggerBase<Policy>::operator<<(char const* text) {
 
 template <typename Policy>
 LoggerBase<Policy>& LoggerBase<Policy>::operator<<(std::string_view text) {
-  if (TakesPart()) AppendText(text);
+  if (GoesOn()) AppendText(text);
   return *this;
 }
 
@@ -139,9 +170,7 @@ void LoggerBase<Policy>::AppendNumber(Number number) {
     stream << number;
     return;
   }
-  std::array<char, std::numeric_limits<Number>::digits10 + 2> digits;
-  char* const end = std::to_chars(digits.begin(), digits.end(), number).ptr;
-  AppendText({digits.begin(), end});
+  AppendText(Decimal(number).View());
 }
 
 template <typename Policy>
@@ -159,7 +188,7 @@ bool LoggerBase<Policy>::EndsWithNewline() const noexcept {
 
 template <typename Policy>
 void LoggerBase<Policy>::CheckEndOfStream() {
-  if (!TakesPart()) return;
+  if (!GoesOn()) return;
   if (EndsWithNewline()) {
     WriteLine();
   } else if (!stream.good()) {
@@ -180,7 +209,7 @@ void LoggerBase<Policy>::WriteLine() {
 
 template <typename Policy>
 void LoggerBase<Policy>::EndLine() {
-  if (!TakesPart()) return;
+  if (!GoesOn()) return;
   bool const ended = line.View().size() == manipulatedLength;
   if (ended || line.Append("\n")) {
     WriteLine();
@@ -191,9 +220,7 @@ void LoggerBase<Policy>::EndLine() {
 
 template <typename Policy>
 void LoggerBase<Policy>::DropLine() noexcept {
-  if (!HoldsLine()) return;
-  lineLock.AssertHeld();
-  Release();
+  if (GoesOn()) Release();
 }
 
 template <typename Policy>
@@ -201,7 +228,8 @@ void LoggerBase<Policy>::Release() noexcept {
   line.Clear();
   manipulatedLength = 0;
   if (!stream.good()) stream.clear();
-  ForgetFormat();
+  if (isStreamUsed) ForgetFormat();
+  isStreamUsed = false;
   lineOwner.store(std::thread::id(), std::memory_order_relaxed);
   lineLock.unlock();
 }
@@ -252,13 +280,13 @@ void LoggerBase<Policy>::RecoverInChild() noexcept {
 
 template <typename Policy>
 LoggerBase<Policy>& LoggerBase<Policy>::operator<<(int number) {
-  if (TakesPart()) AppendNumber(number);
+  if (GoesOn()) AppendNumber(number);
   return *this;
 }
 
 template <typename Policy>
 LoggerBase<Policy>& LoggerBase<Policy>::operator<<(unsigned long long number) {
-  if (TakesPart()) AppendNumber(number);
+  if (GoesOn()) AppendNumber(number);
   return *this;
 }
 

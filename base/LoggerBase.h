@@ -3,6 +3,7 @@
 
 #include <atomic>
 #include <cstddef>
+#include <mutex>
 #include <ostream>
 #include <string>
 #include <string_view>
@@ -92,12 +93,17 @@ class LoggerBase {
   [[nodiscard]] bool HoldsLine() const noexcept;
   // True when this thread has a line under way, and so holds the lock, on a sink that is enabled.
   // The compiler takes the lock for held after the call: do nothing with the line after false.
+  [[nodiscard]] bool GoesOn() noexcept QUELLON_ASSERT_CAPABILITY(lineLock);
+  // The same; `stream` may be used then, and its format is forgotten at the line's end.
   [[nodiscard]] bool TakesPart() noexcept QUELLON_ASSERT_CAPABILITY(lineLock);
   void RequireNoLine() const;
   void AppendText(std::string_view text) QUELLON_REQUIRES(lineLock);
   template <typename Number>
   void AppendNumber(Number number) QUELLON_REQUIRES(lineLock);
   void BeginLine(LogType type);
+  void JoinLine(LogType type);
+  void KeepLine(std::unique_lock<Mutex>& lock) noexcept QUELLON_REQUIRES(lineLock);
+  [[nodiscard]] bool AppendShared(std::string_view text) noexcept;
   void AppendTime() QUELLON_REQUIRES(lineLock);
   void AppendTemperature() QUELLON_REQUIRES(lineLock);
   void AppendTag(LogType type) QUELLON_REQUIRES(lineLock);
@@ -125,6 +131,11 @@ class LoggerBase {
   /// False: the sink ignores everything. Any thread may switch it. The library switches a sink off
   /// whose line could not be written, and leaves it to the application to switch it on.
   std::atomic<bool> enabled = true;
+
+ private:
+  // The line of both sinks is gathered in the file's `line`; see Logger::SeparateLines.
+  bool isShared QUELLON_GUARDED_BY(lineLock) = false;
+  bool isStreamUsed QUELLON_GUARDED_BY(lineLock) = false;
 };
 
 extern template class QUELLON_EXPORT LoggerBase<FileLogPolicy>;
