@@ -29,12 +29,15 @@ class QUELLON_EXPORT FileLogPolicy {
   /// next call opens it anew.
   bool Write(std::string_view line) noexcept;
 
+  /// The same for a line begun in `second`, seconds since the epoch, to save the look at the clock.
+  bool Write(std::string_view line, long second) noexcept;
+
   /// Lets go of the file, so that its file system can be unmounted; the next line opens it again.
   void Close() noexcept;
 
  private:
   [[nodiscard]] bool NeedsCheck(std::size_t length) const noexcept;
-  bool HasRoomInPlace(std::size_t length) noexcept;
+  bool HasRoomInPlace(std::size_t length, long second) noexcept;
   [[nodiscard]] bool NeedsLock(std::size_t length) const noexcept;
   bool CheckPlaceAndSize(std::size_t length, bool isLocked) noexcept;
   [[nodiscard]] bool IsInPlace() const noexcept;
@@ -46,8 +49,8 @@ class QUELLON_EXPORT FileLogPolicy {
   void RemoveFragment(std::size_t fragment) noexcept;
 
   UniqueFd file;
-  std::size_t uncheckedBytes = 0;  // written since the last check of place and size
-  long checkedAt = -1;             // second of that check
+  std::size_t uncheckedBytes = 0;  // written since the last check of the size
+  long checkedAt = -1;             // second of the last check of the place
 };
 
 }  // namespace Tarvik::Ilog

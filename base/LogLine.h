@@ -27,6 +27,7 @@ class QUELLON_EXPORT LogLine {
     logger << value;
     return *this;
   }
+  LogLine& operator<<(char const* text);
   LogLine& operator<<(std::ostream& (*manipulator)(std::ostream&));
   /// @}
 

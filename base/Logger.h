@@ -69,4 +69,14 @@ class QUELLON_EXPORT Logger {
   static void RecoverInChild() noexcept;
 };
 
+// Always inline, since the compiler knows the length of most texts.
+[[gnu::always_inline]] inline LogLine& LogLine::operator<<(char const* text) {
+  if (text == nullptr) {
+    logger << text;
+  } else {
+    logger << std::string_view(text);
+  }
+  return *this;
+}
+
 }  // namespace Tarvik::Ilog

@@ -66,20 +66,6 @@ void LoggerBase<Policy>::KeepLine(std::unique_lock<Mutex>& lock) noexcept {
   lock.release();
 }
 
-// False, with nothing appended, where the line is this sink's own, or there is no memory.
-template <typename Policy>
-bool LoggerBase<Policy>::AppendShared(std::string_view text) noexcept {
-  if (!HoldsLine()) return false;
-  lineLock.AssertHeld();
-  return isShared && enabled && line.Append(text);
-}
-
-// Only the owner finds its own id here, so the answer never depends on another thread's store.
-template <typename Policy>
-bool LoggerBase<Policy>::HoldsLine() const noexcept {
-  return lineOwner.load(std::memory_order_relaxed) == std::this_thread::get_id();
-}
-
 // A disabled sink ignores everything, the beginning of the line under way included.
 template <typename Policy>
 inline bool LoggerBase<Policy>::GoesOn() noexcept {
@@ -203,7 +189,7 @@ void LoggerBase<Policy>::WriteLine() {
   lineReady.Notify();
   lineReady.Wait();
   if constexpr (requires { Policy::kLongestLine; }) line.Cut(Policy::kLongestLine, " [cut]\n");
-  if (!policy.Write(line.View())) enabled = false;
+  if (!policy.Write(line.View(), stampSecond)) enabled = false;
   Release();
 }
 

@@ -90,7 +90,10 @@ class LoggerBase {
  private:
   friend class Logger;
 
-  [[nodiscard]] bool HoldsLine() const noexcept;
+  // Only the owner finds its own id here, so the answer never depends on another thread's store.
+  [[nodiscard]] bool HoldsLine() const noexcept {
+    return lineOwner.load(std::memory_order_relaxed) == std::this_thread::get_id();
+  }
   // True when this thread has a line under way, and so holds the lock, on a sink that is enabled.
   // The compiler takes the lock for held after the call: do nothing with the line after false.
   [[nodiscard]] bool GoesOn() noexcept QUELLON_ASSERT_CAPABILITY(lineLock);
@@ -103,7 +106,12 @@ class LoggerBase {
   void BeginLine(LogType type);
   void JoinLine(LogType type);
   void KeepLine(std::unique_lock<Mutex>& lock) noexcept QUELLON_REQUIRES(lineLock);
-  [[nodiscard]] bool AppendShared(std::string_view text) noexcept;
+  // False, with nothing appended, where the line is this sink's own, or there is no memory.
+  [[nodiscard]] bool AppendShared(std::string_view text) noexcept {
+    if (!HoldsLine()) return false;
+    lineLock.AssertHeld();
+    return isShared && enabled && line.Append(text);
+  }
   void AppendTime() QUELLON_REQUIRES(lineLock);
   void AppendTemperature() QUELLON_REQUIRES(lineLock);
   void AppendTag(LogType type) QUELLON_REQUIRES(lineLock);

@@ -1,5 +1,5 @@
-// The benchmarks' folder and pauses on the emulated board, whose own paths nobody minds: without the
-// stand-in for the machine, whose instructions would be counted, too.
+// The benchmarks' folder and pauses on the emulated board, whose own paths nobody minds: without
+// the stand-in for the machine, whose instructions would be counted, too.
 #include <unistd.h>
 
 #include "bench/support.h"

@@ -338,14 +338,38 @@ TEST_F(FileLog, ReplacedByOthersItIsTheirFileASecondLater) {
   EXPECT_EQ(LogFile::Text(), "theirs\nafter\n");
 }
 
-TEST_F(FileLog, IsNotAskedForItsPlaceWithEveryLine) {
+TEST_F(FileLog, IsAskedForItsPlaceOnceASecond) {
   Machine::hooks().now = 100;
   EXPECT_TRUE(policy.Write("first\n"));
-  int const looks = CountLooks([this] {
-    for (int i = 0; i < 20; ++i) EXPECT_TRUE(policy.Write(Lines(100)));
-  });
-  EXPECT_EQ(looks, 0);
-  EXPECT_EQ(CountLooks([this] { EXPECT_TRUE(policy.Write(Lines(100))); }), 1);
+  auto const writeMany = [this] {
+    for (int i = 0; i < 100; ++i) EXPECT_TRUE(policy.Write(Lines(100)));
+  };
+  EXPECT_EQ(CountLooks(writeMany), 0);
+  Machine::hooks().now = 101;
+  EXPECT_EQ(CountLooks(writeMany), 1);
+}
+
+TEST_F(FileLog, FilledByAnotherProcessWithinTheSecondItMakesWayForANewOne) {
+  Machine::hooks().now = 100;
+  EXPECT_TRUE(policy.Write("first\n"));
+  FileLogPolicy other;
+  EXPECT_TRUE(other.Write(Lines(kMark - 10)));
+  for (int i = 0; i < 21; ++i) EXPECT_TRUE(policy.Write(Lines(100)));
+  EXPECT_LT(Older().size(), kMark + 2'048);
+  EXPECT_EQ(Older().size() + LogFile::Text().size(), 6 + (kMark - 10) + 21 * 100);
+  EXPECT_GT(LogFile::Text().size(), 0U);
+}
+
+TEST_F(FileLog, RenamedByAnotherProcessItIsNotFilledBeyondTheMarkWithinTheSecond) {
+  Machine::hooks().now = 100;
+  EXPECT_TRUE(policy.Write("first\n"));
+  fs::rename(Machine::Real(kPath), Machine::Real(kOlderPath));
+  for (std::size_t i = 0; i < kMark / 1'000; ++i) EXPECT_TRUE(policy.Write(Lines(1'000)));
+  EXPECT_LT(Older().size(), kMark);
+  EXPECT_TRUE(policy.Write(Lines(2'000)));
+  EXPECT_TRUE(policy.Write(Lines(2'000)));
+  EXPECT_LT(Older().size(), kMark + 2'048);
+  EXPECT_GT(LogFile::Text().size(), 0U);
 }
 
 /// Processes that meet at the file get out of each other's way only when their pauses are real.

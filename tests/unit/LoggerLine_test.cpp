@@ -215,6 +215,69 @@ TEST_F(LoggerLine, EachSinkIsEnabledForItself) {
   EXPECT_EQ(signals.size(), 2U);
 }
 
+TEST_F(LoggerLine, ASinkWrittenToByItselfBetweenTwoPiecesHasThemAllInTheirOrder) {
+  std::string const console = Capture::Output([] {
+    logger.BeginLine(Info);
+    logger << "one " << 2;
+    *logger.fileSink << " file";
+    logger << " three " << 4ULL;
+    *logger.consoleSink << " console";
+    logger << " five";
+    logger.EndLine();
+  });
+  EXPECT_THAT(LogFile::Text(), MatchesRegex(kHeader + "one 2 file three 4 five\n"));
+  EXPECT_THAT(console, MatchesRegex(kHeader + "one 2 three 4 console five\n"));
+}
+
+TEST_F(LoggerLine, EndedOnOneSinkItGoesOnOnTheOther) {
+  std::string const console = Capture::Output([] {
+    logger.BeginLine(Info);
+    logger << "both";
+    logger.fileSink->EndLine();
+    logger << " console";
+    logger.consoleSink->EndLine();
+    logger.BeginLine(Info);
+    logger << "both";
+    logger.consoleSink->EndLine();
+    logger << " file";
+    logger.fileSink->EndLine();
+  });
+  EXPECT_THAT(LogFile::Text(), MatchesRegex(kHeader + "both\n" + kHeader + "both file\n"));
+  EXPECT_THAT(console, MatchesRegex(kHeader + "both console\n" + kHeader + "both\n"));
+  EXPECT_TRUE(LogFile::IsFree());
+}
+
+TEST_F(LoggerLine, ASinkDisabledInTheMiddleLeavesTheOtherTheWholeLine) {
+  EXPECT_THAT(Capture::Output([] {
+                LogLine line(Info);
+                line << "one ";
+                LogFile::Enable(false, true);
+                line << "two";
+              }),
+              MatchesRegex(kHeader + "one two\n"));
+  EXPECT_EQ(LogFile::Text(), "");
+  EXPECT_EQ(Capture::Output([] {
+              LogFile::Enable(true, true);
+              LogLine line(Info);
+              line << "one ";
+              LogFile::Enable(true, false);
+              line << "two";
+            }),
+            "");
+  EXPECT_THAT(LogFile::Text(), MatchesRegex(kHeader + "one two\n"));
+  EXPECT_TRUE(LogFile::IsFree());
+}
+
+TEST_F(LoggerLine, ItsTextIsOfTheLinesOwnThreadOnlyOnBothSinks) {
+  std::string const console = Capture::Output([] {
+    LogLine line(Info);
+    line << "own";
+    std::thread([] { logger << "another's" << 7; }).join();
+  });
+  EXPECT_THAT(console, MatchesRegex(kHeader + "own\n"));
+  EXPECT_EQ(console, LogFile::Text());
+}
+
 TEST_F(LoggerLine, ADisabledSinkTakesNoLock) {
   FileSink sink;
   sink.WriteHeader(Info);

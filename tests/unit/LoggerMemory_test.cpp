@@ -115,4 +115,28 @@ TEST_F(LoggerMemory, AConsoleWithoutMemoryForItsHeaderLeavesNothingInTheFile) {
   EXPECT_GE(refused, 2);
 }
 
+TEST_F(LoggerMemory, WhereTheConsoleHasNoneForItsLineTheFileHasItWholeAndBothAreFree) {
+  auto& logger = *Logger::GetInstance();
+  int lost = 0;
+  Capture::Output([] { LogLine(Info) << "the header's"; });
+  for (int number = 1; number < kMoreThanALineNeeds; ++number) {
+    LogFile::Enable(true, true);
+    LogFile::BeginAnew();
+    std::string const text(100'000, 'x');  // no line's memory of that length is kept
+    std::string const console = Capture::Output([&] {
+      logger.BeginLine(Info);
+      logger << text;
+      Machine::FailingAllocation const failing(number);
+      logger.EndLine();
+    });
+    bool const failed = Machine::FailingAllocation::Happened();
+    lost += failed ? 1 : 0;
+    EXPECT_TRUE(LogFile::IsFree());
+    EXPECT_THAT(LogFile::Text(), EndsWith(text + "\n"));
+    EXPECT_EQ(console, failed ? "" : LogFile::Text());
+    EXPECT_EQ(Capture::Output([] { LogLine(Info) << "next"; }).substr(21), "next\n");
+  }
+  EXPECT_EQ(lost, 1);
+}
+
 }  // namespace
