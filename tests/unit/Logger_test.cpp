@@ -299,9 +299,11 @@ TEST_F(Logger, TextsAndNumbersAreFilledUpToTheWidthAskedForOnce) {
   EXPECT_EQ(Logged([] {
               LogLine(Info) << std::setw(5) << "ab"
                             << "c" << std::left << std::setw(4) << std::string("de") << std::right
-                            << std::setw(4) << -7 << 18ULL << std::showpos << 2;
+                            << std::setw(4) << -7 << 18ULL << std::showpos << 2 << std::setw(1)
+                            << ""
+                            << ".";
             }),
-            "[2021-03-04 17:05:09][41C]   abcde    -718+2\n");
+            "[2021-03-04 17:05:09][41C]   abcde    -718+2 .\n");
 }
 
 TEST_F(Logger, TheLocaleOfTheApplicationChangesNothing) {

@@ -240,6 +240,7 @@ TEST_F(Watchdog, StaysOpenSilentlyWhenTheDriverRefusesTheTimeout) {
     EXPECT_EQ(watchdog.timeout, 5);
     EXPECT_THAT(descriptors.Opened(), testing::Contains(watchdog.fd));
   });
+  Capture::Output([] { EXPECT_FALSE(Quellon::Watchdog().Init()); });
   EXPECT_EQ(log, "");
   EXPECT_THAT(descriptors.Opened(), IsEmpty());
 }
@@ -290,6 +291,11 @@ TEST_F(Watchdog, ClosesOnlyADescriptorAboveZero) {
   watchdog.fd = 0;
   EXPECT_FALSE(watchdog.Close());
   EXPECT_GE(fcntl(0, F_GETFD), 0);
+  ChildProcess::Run([&] {
+    watchdog.fd = 1;
+    EXPECT_TRUE(watchdog.Close());
+    EXPECT_LT(fcntl(1, F_GETFD), 0);
+  });
 }
 
 TEST_F(Watchdog, ArmsAgainWithoutKeepingTheDescriptorThatWasLeftOpen) {
