@@ -161,7 +161,6 @@ bool Ifile::CopyTo(std::string const& destination) {
     if (!copy.is_open()) throw IException("destination file not open");
     LogLine(Info) << "Copy file " << path << " to " << destination;
     copy << stream->rdbuf();
-    copy.flush();
     return true;
   } catch (std::exception const& e) {
     Tarvik::Ilog::LogFailure("Ifile", e.what());
