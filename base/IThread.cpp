@@ -26,8 +26,8 @@ void LoggingExceptions(Task task) noexcept {
 
 IThread::IThread() : process(getpid()) {}
 
+// The next Run() that a worker calls is this class's own, which cancels.
 IThread::~IThread() {
-  Cancel();
   Join();
 }
 
