@@ -53,8 +53,8 @@ class CalendarLock {
     if (isHeldForFork) Mutex().unlock();
   }
 
-  static inline thread_local bool isMine = false;
-  static inline thread_local bool isHeldForFork = false;
+  static inline thread_local bool isMine;
+  static inline thread_local bool isHeldForFork;
 
   // Done when the library is loaded, since a fork may come at the time of the first date.
   static inline int const registered =
@@ -64,7 +64,7 @@ class CalendarLock {
 std::optional<tm> LocalTime(time_t seconds) {
   CalendarLock const lock;
   tm calendar{};
-  if (localtime_r(&seconds, &calendar) == nullptr) return std::nullopt;
+  if (localtime_r(&seconds, &calendar) == nullptr) return {};
   return calendar;
 }
 
