@@ -42,11 +42,11 @@ class CalendarLock {
   }
 
   static void LockBeforeFork() {
+    isHeldForFork = false;
+    if (isMine) return;
     auto const end = std::chrono::steady_clock::now() + kLongestForkWait;
-    isHeldForFork = !isMine && Mutex().try_lock();
-    while (!isMine && !isHeldForFork && std::chrono::steady_clock::now() < end) {
+    while (!(isHeldForFork = Mutex().try_lock()) && std::chrono::steady_clock::now() < end) {
       std::this_thread::yield();  // so that whoever has the lock can go on
-      isHeldForFork = Mutex().try_lock();
     }
   }
   static void UnlockAfterFork() {
