@@ -41,14 +41,15 @@ class CalendarLock {
     return mutex;
   }
 
-  static void LockBeforeFork() {
-    isHeldForFork = false;
-    if (isMine) return;
+  static bool LockInTime() {
     auto const end = std::chrono::steady_clock::now() + kLongestForkWait;
-    while (!(isHeldForFork = Mutex().try_lock()) && std::chrono::steady_clock::now() < end) {
+    while (!Mutex().try_lock()) {
+      if (std::chrono::steady_clock::now() > end) return false;
       std::this_thread::yield();  // so that whoever has the lock can go on
     }
+    return true;
   }
+  static void LockBeforeFork() { isHeldForFork = !isMine && LockInTime(); }
   static void UnlockAfterFork() {
     if (isHeldForFork) Mutex().unlock();
   }

@@ -207,7 +207,8 @@ unsigned long Reader::ReadEscapedCodePoint() {
   if (unit > 0xDBFF || !Accept('\\') || !Accept('u')) Fail("unpaired surrogate");
   unsigned long const low = ReadFourHexDigits();
   if (low < 0xDC00 || low > 0xDFFF) Fail("unpaired surrogate");
-  return 0x10000 + ((unit - 0xD800) << 10) + (low - 0xDC00);
+  constexpr unsigned long kTenBits = 0x3FF;  // the part of each that is not its mark
+  return 0x10000 + ((unit & kTenBits) << 10) + (low & kTenBits);
 }
 
 unsigned long Reader::ReadFourHexDigits() {
