@@ -91,11 +91,11 @@ bool ClearCache() {
 }
 
 std::string ExecSystemCmdThroughPipe(std::string command) {
-  std::string output;
   UniquePipe const pipe(popen(command.c_str(), "r"));
-  if (pipe == nullptr) return output;
+  if (pipe == nullptr) return {};
   int const end = fileno(pipe.get());
   fcntl(end, F_SETFD, FD_CLOEXEC);
+  std::string output;
   while (AppendPiece(output, end)) {
   }
   return output;

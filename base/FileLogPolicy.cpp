@@ -154,8 +154,7 @@ bool FileLogPolicy::Append(std::string_view line) noexcept {
 // appended a line to it already.
 void FileLogPolicy::RemoveFragment(std::size_t fragment) noexcept {
   off_t const end = lseek(file.Get(), 0, SEEK_CUR);
-  auto const size = SizeOf(file);
-  if (fragment == 0 || !size || static_cast<off_t>(*size) != end) return;
+  if (fragment == 0 || SizeOf(file) != static_cast<std::size_t>(end)) return;
   static_cast<void>(ftruncate(file.Get(), end - static_cast<off_t>(fragment)));
 }
 
