@@ -44,6 +44,7 @@ MEMORY = "/dev/shm" if Path("/dev/shm").is_dir() else "/tmp"  # that of a privat
 SIZE, POSITIONS = 100_000, 1024  # bytes of a recording and of its positions
 OLD = range(1, 221)  # recordings that were there before
 CARD_BYTES = 32 << 20
+AT_A_TIME = 2  # files that the library deletes before it looks for room again
 
 # A line of text in this sector, which no file system has, tells in the log how far the board was.
 MARK = 8
@@ -116,11 +117,12 @@ def recordings_of(before: dict[str, "Recording"], writes: list[Write]) -> dict[s
     """Returns what must be on the card: what it had before, and what the marks in the log tell.
 
     A deletion is told of afterwards. So what is deleted may be gone since what was told before: the
-    last recording was complete, or room began to be made.
+    last recording was complete, or room began to be made. One recording needs no more room than is
+    made at a time: what else goes is deleted without need, and lost.
     """
     recordings = dict(before)
     oldest = sorted({Path(name).stem for name in recordings})
-    last = 0
+    last, deletable = 0, len(oldest)
     for cut, write in enumerate(writes, 1):
         mark = write.mark or ""
         deleted = []
@@ -129,13 +131,14 @@ def recordings_of(before: dict[str, "Recording"], writes: list[Write]) -> dict[s
             recordings[name] = Recording(content_of(name, int(found[2])), cut)
             if name.endswith(".dat"):
                 oldest.append(Path(name).stem)
-                last = cut
+                last, deletable = cut, AT_A_TIME
         elif mark == MAKING_ROOM:
             last = cut
         elif found := re.search(r"Deleted (\d+)", mark):
-            gone = oldest[:int(found[1])]
+            gone = oldest[:min(int(found[1]), deletable)]
             deleted = [stem + extension for stem in gone for extension in (".dat", ".gps")]
             del oldest[:len(gone)]
+            deletable -= len(gone)
         elif mark.startswith(REMOVED):
             deleted = mark.removeprefix(REMOVED).split()
         for name in deleted:
@@ -188,6 +191,7 @@ class Result:
     confirmed: int = 0
     starts: int = 0  # of the library itself
     deleted: int = 0  # files, by those starts
+    codes: list[int] = field(default_factory=list)  # of the checks by those starts
     then: int = 0  # cuts of those starts
     losses: list[Verdict] = field(default_factory=list)
 
@@ -415,10 +419,12 @@ class Cache:
 
 # What is wrong on purpose in starts that must be found out.
 IGNORING_FLUSHES = "a card that ignores flushes"
-REVERSED = "a library that deletes the newest"  # recovery's, as the next two
+REVERSED = "a library that deletes the newest"  # recovery's, as the next three
 UNCHECKED = "a service that does not check what cannot be mounted"
 BLIND = "a library that overlooks a file"
+GREEDY = "a library that deletes more than it needs"
 TORN = "a superblock of which a cut let one sector be written"
+DAMAGED = "a count of links that is wrong"
 SECRETIVE = "a start that does not tell what it deletes"
 
 
@@ -486,6 +492,14 @@ class Run:
         """Returns what a card would get that ignores most flushes: it loses recordings."""
         writes = [write for number, write in enumerate(self.writes)
                   if not write.flags & FLUSH or number % 7 == 0]
+        return Run(self.image, writes, recordings_of(files_of(self.image), writes))
+
+    def deleting_at_once(self) -> "Run":
+        """Returns what a recorder would tell that deletes all of it for its last recording."""
+        deletions = [write for write in self.writes if "Deleted" in (write.mark or "")]
+        total = sum(int(re.search(r"Deleted (\d+)", write.mark)[1]) for write in deletions)
+        at_once = Write(MARK, f"Deleted {total}".encode().ljust(SECTOR))
+        writes = [write for write in self.writes if write not in deletions] + [at_once]
         return Run(self.image, writes, recordings_of(files_of(self.image), writes))
 
     def at(self, state: State) -> bytes:
