@@ -33,7 +33,7 @@ from pathlib import Path
 
 from board.ext4 import File, FileSystem
 from board.image import Image, fill
-from board.tools import Failure
+from board.tools import Failure, at_least, clean_up_when_told_to_end
 
 SECTOR, PAGE = 512, 4096
 MAGIC, FLUSH, FUA, DISCARD = 0x6A736677736872, 1, 2, 4
@@ -80,10 +80,17 @@ class Write:
         return self.data.decode(errors="replace").strip(" \0") if self.sector == MARK else None
 
 
+def content_or_failure(path: Path) -> bytes:
+    try:
+        return path.read_bytes()
+    except OSError as error:
+        raise Failure(f"{path}: {error.strerror}") from error
+
+
 def read_log(path: Path) -> list[Write]:
     """Returns the writes and flushes in their order."""
-    log = path.read_bytes()
-    magic, version, count, size = struct.unpack_from("<QQQI", log)
+    log = content_or_failure(path)
+    magic, version, _, size = struct.unpack_from("<QQQI", log.ljust(SECTOR, b"\0"))
     if magic != MAGIC or version != 1:
         raise Failure(f"{path} is no log of writes")
     writes, place = [], size
@@ -485,7 +492,7 @@ class Run:
 
     @classmethod
     def of(cls, folder: Path) -> "Run":
-        image, writes = (folder / BEFORE).read_bytes(), read_log(folder / LOG)
+        image, writes = content_or_failure(folder / BEFORE), read_log(folder / LOG)
         return cls(image, writes, recordings_of(files_of(image), writes))
 
     def ignoring_flushes(self) -> "Run":
@@ -526,13 +533,14 @@ class Run:
 
     def find(self, name: str, cache: Cache | None) -> State:
         """Returns the state of a name; that of a card with a cache has a dot."""
-        if "." not in name:
+        if name.isdecimal() and int(name) <= len(self.writes):
             return State(int(name), int(name))
         if cache is not None:
             for state in cache.states_of(self.writes):
                 if state.name == name:
                     return state
-        raise Failure(f"there is no state {name}")
+        raise Failure(f"a log of {len(self.writes)} writes has no state {name}"
+                      + (" without a cache" if cache is None and "." in name else ""))
 
     def describe(self, verdict: Verdict) -> str:
         write = self.writes[int(verdict.state.split(".")[0]) - 1]
@@ -598,10 +606,23 @@ def main():
     parser.add_argument("--at", metavar="STATE", help="only the cut after that write")
     parser.add_argument("--then", metavar="STATE",
                         help="the cut after that write of the start that followed")
-    parser.add_argument("--cached", type=int, nargs=3, metavar=("SEED", "STATES", "MOMENTS"),
+    parser.add_argument("--cached", type=at_least(0), nargs=3,
+                        metavar=("SEED", "STATES", "MOMENTS"),
                         help="of a card with a cache: so many states of so many moments between "
                              "two flushes")
     options = parser.parse_args()
+    if options.then is not None and options.at is None:
+        parser.error("--then goes with --at")
+    if options.cached and 0 in options.cached[1:]:
+        parser.error("--cached: there must be a state and a moment")
+    clean_up_when_told_to_end()
+    try:
+        sys.exit(judge_as_told(options))
+    except Failure as failure:
+        sys.exit(f"board.cuts: {failure}")
+
+
+def judge_as_told(options: argparse.Namespace) -> int:
     run, name = Run.of(options.folder), options.at
     cache = Cache(*options.cached) if options.cached else None
     if options.then is not None:
@@ -616,7 +637,7 @@ def main():
     for loss in result.losses:
         print(run.describe(loss))
     print(f"{result.cuts} cuts, {result.checks} checks, {len(result.losses)} losses")
-    sys.exit(1 if result.losses else 0)
+    return 1 if result.losses or not result.cuts else 0
 
 
 if __name__ == "__main__":
