@@ -214,7 +214,7 @@ unsigned long Reader::ReadEscapedCodePoint() {
 unsigned long Reader::ReadFourHexDigits() {
   constexpr std::size_t kCount = 4;
   std::string_view const digits = Rest().substr(0, kCount);
-  unsigned long value;
+  unsigned long value = 0;
   auto const [end, error] = std::from_chars(digits.begin(), digits.end(), value, 16);
   if (digits.size() < kCount || end != digits.end()) Fail("bad hexadecimal digits");
   position += kCount;
