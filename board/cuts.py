@@ -33,7 +33,7 @@ from pathlib import Path
 
 from board.ext4 import File, FileSystem
 from board.image import Image, fill
-from board.tools import Failure, at_least, clean_up_when_told_to_end
+from board.tools import Failure, at_least
 
 SECTOR, PAGE = 512, 4096
 MAGIC, FLUSH, FUA, DISCARD = 0x6A736677736872, 1, 2, 4
@@ -615,7 +615,6 @@ def main():
         parser.error("--then goes with --at")
     if options.cached and 0 in options.cached[1:]:
         parser.error("--cached: there must be a state and a moment")
-    clean_up_when_told_to_end()
     try:
         sys.exit(judge_as_told(options))
     except Failure as failure:

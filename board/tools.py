@@ -2,9 +2,7 @@
 
 import argparse
 import os
-import signal
 import subprocess
-import sys
 from collections.abc import Callable
 from pathlib import Path
 
@@ -35,11 +33,6 @@ def existing(name: str) -> Path:
     if not path.exists():
         raise argparse.ArgumentTypeError(f"there is no {name}")
     return path
-
-
-def clean_up_when_told_to_end():
-    """Makes SIGTERM end the program as an exit does, so that what is temporary goes."""
-    signal.signal(signal.SIGTERM, lambda *_: sys.exit(128 + signal.SIGTERM))
 
 
 def run(command: list, cwd: Path | None = None, accept: tuple[int, ...] = (0,)) -> str:

@@ -3,13 +3,13 @@
 //
 //   recovery BYTES [unchecked | reversed | blind | greedy]
 //
-// Each step is told, so that somebody can look at the card in between. "checked CODE" tells what the
-// check of the card ended with. The line "loaded" follows the catalogue, as "file NAME" each, oldest
-// first; after a line of standard input, so many bytes
-// of room are made, "room" follows the catalogue as it is then, and after another line the card is
-// unmounted. The exit code is 1 where a step failed. With another word it does something wrong, for
-// somebody who must notice: it does not check what cannot be mounted, it deletes the newest, it
-// overlooks a file, or it makes more room than it was asked for.
+// Each step is told, so that somebody can look at the card in between. "checked CODE" tells what
+// the check of the card ended with. The line "loaded" follows the catalogue, as "file NAME" each,
+// oldest first; after a line of standard input, so many bytes of room are made, "room" follows the
+// catalogue as it is then, and after another line the card is unmounted. The exit code is 1 where a
+// step failed. With another word it does something wrong, for somebody who must notice: it does not
+// check what cannot be mounted, it deletes the newest, it overlooks a file, or it makes more room
+// than it was asked for.
 #include <fcntl.h>
 #include <unistd.h>
 
