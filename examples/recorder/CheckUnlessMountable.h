@@ -31,8 +31,9 @@ inline bool HasExtSuperblock(std::string const& partition) {
 /// Call it before `System::InitDisk`, which finds the card unmounted, as without this, and does all
 /// that it does then. Any other card stays as it is: one that can be mounted, that is mounted
 /// already, here or elsewhere, that is write-protected or that holds something else. A check takes
-/// as long as `CheckDisk::DiskCheck`, and prints what that prints; a first mount takes 3 s of it.
-/// That something was repaired here is not told by the health summary. Kernel interface: mount(2).
+/// as long as `CheckDisk::DiskCheck`, and prints what that prints; its first unmount takes 3 s of
+/// it. That something was repaired here is not told by the health summary. Kernel interface:
+/// mount(2).
 inline void CheckUnlessMountable() {
   std::string partition = "/dev/mmcblk1p1";
   std::string place = "/mnt/sdcard/";

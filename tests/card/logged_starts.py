@@ -24,7 +24,7 @@ HERE = Path(__file__).resolve().parent
 sys.path[:0] = [str(HERE.parent.parent), str(HERE)]
 sys.dont_write_bytecode = True
 
-from slot import PLACE, LoggedFile, require_private_root, why_nothing_is_logged
+from slot import PLACE, LoggedFile, require_log, require_private_root
 
 # No command may be looked for in /root: its storage cannot answer while Python starts a process.
 os.environ["PATH"] = "/usr/sbin:/usr/bin:/sbin:/bin"
@@ -165,9 +165,7 @@ def unmount(place: Path):
 def main():
     folder, name, mode, *program = sys.argv[1:]
     require_private_root()
-    if reason := why_nothing_is_logged():
-        print(f"skipped: {reason}")
-        sys.exit(77)
+    require_log()
     for number in range(MOST_LOOPS):
         if not Path(f"/dev/loop{number}").exists():
             os.mknod(f"/dev/loop{number}", 0o60600, os.makedev(7, number))

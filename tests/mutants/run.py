@@ -121,16 +121,19 @@ class Libraries:
         return [source.object for source in self.sources if source.library == library]
 
     def measured(self, program: Path) -> tuple[float, list[tuple[str, int]]]:
-        """What run_counted says, or said of the same program and libraries before."""
+        """What `counted` says, or said of the same program and libraries before."""
         kept = WORK / f"{program.name}.json"
         parts = [program, *(TREE / soname(library) for library in LIBRARIES)]
         if not kept.exists() or kept.stat().st_mtime < max(map(os.path.getmtime, parts)):
-            kept.write_text(json.dumps(self.run_counted(program)))
+            kept.write_text(json.dumps(self.counted(program)))
         return json.loads(kept.read_text())
 
-    def run_counted(self, program: Path) -> tuple[float, list[tuple[str, int]]]:
+    def counted(self, program: Path) -> tuple[float, list[tuple[str, int]]]:
         """How long a program takes on the libraries as they are, and which lines it runs."""
-        counts = Path(tempfile.mkdtemp(prefix="counts"))
+        with tempfile.TemporaryDirectory(prefix="counts") as folder:
+            return self.counted_in(Path(folder), program)
+
+    def counted_in(self, counts: Path, program: Path) -> tuple[float, list[tuple[str, int]]]:
         for source in self.sources:
             note = source.object.with_suffix(".gcno")
             beside = counts / note.relative_to(TREE)
@@ -152,7 +155,6 @@ class Libraries:
             for file in (file for text in texts.splitlines() for file in json.loads(text)["files"]):
                 path = os.path.relpath(TREE / file["file"], ROOT)
                 lines |= {(path, line["line_number"]) for line in file["lines"] if line["count"]}
-        shutil.rmtree(counts)
         return seconds, sorted(lines)
 
     def programs_for(self, change: Change) -> list[Path]:
