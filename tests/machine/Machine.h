@@ -140,11 +140,6 @@ struct Hooks {
   std::function<bool(int counter)> saveStatusCounter;
   std::function<void()> scanDisk;
   /// @}
-  /// @{ What happens first where a log line is signalled, and where its header asks for the
-  /// temperature.
-  std::function<void(void const* semaphore)> notify;
-  std::function<void()> temperature;
-  /// @}
 };
 
 /// The hooks in force. Set them in a test; `Reset` takes them back.

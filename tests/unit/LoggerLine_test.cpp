@@ -2,6 +2,7 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <semaphore.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -13,9 +14,9 @@
 #include <thread>
 #include <vector>
 
-#include "base/ISemaphore.h"
 #include "base/Logger.h"
 #include "tests/machine/Machine.h"
+#include "tests/machine/Threads.h"
 #include "tests/support/Capture.h"
 #include "tests/support/LogFile.h"
 
@@ -26,20 +27,19 @@ using LogFile::kHeader;
 using Tarvik::Ilog::Info;
 using Tarvik::Ilog::Logger;
 using Tarvik::Ilog::LogLine;
-using Tarvik::Interfaces::ISemaphore;
 using testing::EndsWith;
 using testing::IsEmpty;
 using testing::MatchesRegex;
 
 std::mutex signalsMutex;
-std::vector<void const*> signals;  // the semaphores signalled, in order
+std::vector<sem_t const*> signals;  // the semaphores signalled, in order
 
 class LoggerLine : public testing::Test {
  protected:
   void SetUp() override {
     LogFile::BeginAnew();
     signals.clear();
-    Machine::hooks().notify = [](void const* semaphore) {
+    threads.raiseSemaphore = [](sem_t const* semaphore) {
       std::lock_guard const lock(signalsMutex);
       signals.push_back(semaphore);
     };
@@ -50,6 +50,8 @@ class LoggerLine : public testing::Test {
     auto const* const begin = reinterpret_cast<char const*>(&sink);
     return semaphore >= begin && semaphore < begin + sizeof(sink);
   }
+
+  Machine::ThreadHooks threads;
 
   static inline Logger& logger = *Logger::GetInstance();
 };
@@ -64,8 +66,10 @@ TEST_F(LoggerLine, SignalsEachSinkOnceTheFileFirst) {
 TEST_F(LoggerLine, TheWriterTakesEverySignal) {
   Capture::Output([] { LogLine(Info) << "text"; });
   ASSERT_EQ(signals.size(), 2U);
-  for (void const* const signal : signals) {
-    EXPECT_FALSE(static_cast<ISemaphore*>(const_cast<void*>(signal))->TryWait());
+  for (sem_t const* const signal : signals) {
+    int count = -1;
+    EXPECT_EQ(sem_getvalue(const_cast<sem_t*>(signal), &count), 0);
+    EXPECT_EQ(count, 0);
   }
 }
 
