@@ -18,8 +18,8 @@ class ConsoleLogPolicy {
 
   /// Flushes the C library's stream, so that the line follows what was printed before it, and hands
   /// the line to the kernel. Always true: where it cannot be written it is lost, and the next line
-  /// is tried all the same. It does not matter here in which second the line was begun.
-  bool Write(std::string_view line, long second) noexcept;
+  /// is tried all the same.
+  bool Write(std::string_view line) noexcept;
 };
 
 }  // namespace Tarvik::Ilog

@@ -47,11 +47,16 @@ UniqueFd LockFolder(int attempts) noexcept {
   return isLocked ? std::move(folder) : UniqueFd();
 }
 
-// By lseek(2), a tenth of fstat(2); no position matters in a file that is only appended to.
 std::optional<std::size_t> SizeOf(UniqueFd const& file) noexcept {
-  off_t const end = lseek(file.Get(), 0, SEEK_END);
-  if (end < 0) return std::nullopt;
-  return static_cast<std::size_t>(end);
+  struct stat status {};
+  if (fstat(file.Get(), &status) != 0) return std::nullopt;
+  return static_cast<std::size_t>(status.st_size);
+}
+
+bool IsAtPath(struct stat const& opened) noexcept {
+  struct stat named {};
+  return lstat(kPath, &named) == 0 && opened.st_dev == named.st_dev &&
+         opened.st_ino == named.st_ino;
 }
 
 // Nothing where it cannot be read.
@@ -70,10 +75,7 @@ bool HasRoom(std::size_t size, std::size_t length, std::size_t limit) noexcept {
 }  // namespace
 
 bool FileLogPolicy::Write(std::string_view line) noexcept {
-  return Write(line, time(nullptr));
-}
-
-bool FileLogPolicy::Write(std::string_view line, long second) noexcept {
+  long const second = time(nullptr);
   UniqueFd lock;
   bool ready = true;
   bool const isDue = second != checkedAt || NeedsCheck(line.size());
@@ -98,12 +100,16 @@ bool FileLogPolicy::NeedsCheck(std::size_t length) const noexcept {
   return !file.IsOpen() || uncheckedBytes + length > kUncheckedShare;
 }
 
-// The usual check: of the place once a second, of the size each time. Below the lower mark no
-// process begins a new file, with the lock or without it, so a line that fits there, and in the
-// share, needs no lock.
+// The usual check. A second after the last one the file must be at its path; until then it is
+// enough that it has a name, for what is written into a renamed file can be found. Below the lower
+// mark no process begins a new file, with the lock or without it, so a line that fits there, and in
+// the share, needs no lock.
 bool FileLogPolicy::HasRoomInPlace(std::size_t length, long second) noexcept {
-  auto const size = second == checkedAt ? SizeOf(file) : SizeInPlace();
-  if (length > kUncheckedShare || !size || !HasRoom(*size, length, kLowerMark)) return false;
+  struct stat opened {};
+  if (length > kUncheckedShare || !file.IsOpen() || fstat(file.Get(), &opened) != 0) return false;
+  bool const isThere = second == checkedAt ? opened.st_nlink > 0 : IsAtPath(opened);
+  if (!isThere || !HasRoom(static_cast<std::size_t>(opened.st_size), length, kLowerMark))
+    return false;
   checkedAt = second;
   uncheckedBytes = 0;
   return true;
@@ -124,18 +130,8 @@ bool FileLogPolicy::CheckPlaceAndSize(std::size_t length, bool isLocked) noexcep
 }
 
 bool FileLogPolicy::IsInPlace() const noexcept {
-  return SizeInPlace().has_value();
-}
-
-// The size of the file at the path; none where that is not the file that is open.
-std::optional<std::size_t> FileLogPolicy::SizeInPlace() const noexcept {
   struct stat opened {};
-  struct stat named {};
-  bool const isInPlace = file.IsOpen() && fstat(file.Get(), &opened) == 0 &&
-                         lstat(kPath, &named) == 0 && opened.st_dev == named.st_dev &&
-                         opened.st_ino == named.st_ino;
-  if (!isInPlace) return std::nullopt;
-  return static_cast<std::size_t>(opened.st_size);
+  return file.IsOpen() && fstat(file.Get(), &opened) == 0 && IsAtPath(opened);
 }
 
 // O_NONBLOCK: a pipe somebody left under this name must not stop the caller; a regular file does

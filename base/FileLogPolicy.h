@@ -2,7 +2,6 @@
 #pragma once
 
 #include <cstddef>
-#include <optional>
 #include <string_view>
 
 #include "base/Export.h"
@@ -15,10 +14,11 @@ namespace Tarvik::Ilog {
 /// the first line, never through a symbolic link, and readable by all (mode 0644).
 ///
 /// Other processes may log into the same file, and anybody may rename or delete it: within a second
-/// or two lines are in the file at the path again. Lines of all processes stay whole, and the limit
-/// is kept, for up to 15 processes at a time. Not locked against threads: the sink calls it with
-/// its line lock held. Kernel interface: O_APPEND, and flock(2) on "/var/log" while it opens the
-/// file, or begins a new one, and writes the line that follows.
+/// or two lines are in the file at the path again, and no more than 2 KiB of each process are lost
+/// with a deleted one. Lines of all processes stay whole, and the limit is kept, for up to 15
+/// processes at a time. Not locked against threads: the sink calls it with its line lock held.
+/// Kernel interface: O_APPEND, and flock(2) on "/var/log" while it opens the file, or begins a new
+/// one, and writes the line that follows.
 class QUELLON_EXPORT FileLogPolicy {
  public:
   /// The longest line in bytes that the file takes; the sink cuts longer ones.
@@ -29,9 +29,6 @@ class QUELLON_EXPORT FileLogPolicy {
   /// next call opens it anew.
   bool Write(std::string_view line) noexcept;
 
-  /// The same for a line begun in `second`, seconds since the epoch, to save the look at the clock.
-  bool Write(std::string_view line, long second) noexcept;
-
   /// Lets go of the file, so that its file system can be unmounted; the next line opens it again.
   void Close() noexcept;
 
@@ -41,7 +38,6 @@ class QUELLON_EXPORT FileLogPolicy {
   [[nodiscard]] bool NeedsLock(std::size_t length) const noexcept;
   bool CheckPlaceAndSize(std::size_t length, bool isLocked) noexcept;
   [[nodiscard]] bool IsInPlace() const noexcept;
-  [[nodiscard]] std::optional<std::size_t> SizeInPlace() const noexcept;
   bool Open(int flags) noexcept;
   bool EndFragment() noexcept;
   bool RotateIfFull(std::size_t length, std::size_t limit) noexcept;

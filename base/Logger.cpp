@@ -36,46 +36,67 @@ void Logger::RecoverInChild() noexcept {
 // console alone, begun while the file was disabled, it must not wait for the file, since the thread
 // that has the file may wait for the console. A line on a sink disabled since is dropped first.
 void Logger::BeginLine(LogType type) {
-  if (!fileSink->enabled) fileSink->DropLine();
-  if (!consoleSink->enabled) consoleSink->DropLine();
+  if (!fileSink->IsEnabled()) fileSink->DropLine();
+  if (!consoleSink->IsEnabled()) consoleSink->DropLine();
   fileSink->RequireNoLine();
   consoleSink->RequireNoLine();
-  if (fileSink->enabled) fileSink->BeginLine(type);
+  if (fileSink->IsEnabled() && consoleSink->IsEnabled()) {
+    BeginSharedLine(type);
+  } else if (fileSink->IsEnabled()) {
+    fileSink->BeginLine(type);
+  } else if (consoleSink->IsEnabled()) {
+    consoleSink->BeginLine(type);
+  }
+}
+
+// Where both sinks take part, the line is gathered once, in the `line` of the console, which ends
+// last.
+void Logger::BeginSharedLine(LogType type) {
+  fileSink->JoinLine();
   try {
-    if (consoleSink->enabled) BeginOnConsole(type);
+    consoleSink->BeginLine(type);
   } catch (...) {
     fileSink->DropLine();
     throw;
   }
-}
-
-// Where both sinks take part, the line is gathered once, in the file's `line`.
-void Logger::BeginOnConsole(LogType type) {
-  if (!fileSink->HoldsLine()) {
-    consoleSink->BeginLine(type);
-    return;
-  }
-  consoleSink->JoinLine(type);
   fileSink->lineLock.AssertHeld();
+  consoleSink->lineLock.AssertHeld();
   fileSink->isShared = true;
+  consoleSink->isShared = true;
 }
 
-// Before anything but a text or a plain number reaches either sink, for example its end, each gets
-// the line as its own. This thread holds both locks.
+// Before anything but a text, a plain number or the line's end reaches either sink, each gets the
+// line as its own. This thread holds both locks.
 void Logger::SeparateLines() noexcept {
   fileSink->lineLock.AssertHeld();
   consoleSink->lineLock.AssertHeld();
   fileSink->isShared = false;
   consoleSink->isShared = false;
-  // Without memory nothing of the line reaches the console.
-  if (!consoleSink->line.Append(fileSink->line.View())) {
-    consoleSink->stream.setstate(std::ios::badbit);
-  }
+  // Without memory nothing of the line reaches the file.
+  bool const copied = fileSink->line.Append(consoleSink->line.View());
+  fileSink->stream.setstate(copied ? consoleSink->stream.rdstate() : std::ios::badbit);
 }
 
 void Logger::EndLine() {
+  if (EndSharedLine()) return;
   fileSink->EndLine();
   consoleSink->EndLine();
+}
+
+// False, with nothing done, where the line is no longer shared.
+bool Logger::EndSharedLine() {
+  if (!fileSink->IsEnabled() || !consoleSink->AppendShared("\n")) return false;
+  fileSink->lineLock.AssertHeld();
+  consoleSink->lineLock.AssertHeld();
+  std::string_view const text = consoleSink->line.View();
+  if (text.size() <= FileLogPolicy::kLongestLine) {
+    fileSink->WriteLine(text);
+  } else {
+    SeparateLines();
+    fileSink->WriteLine();  // cut
+  }
+  consoleSink->WriteLine(text);
+  return true;
 }
 
 void Logger::Flush() {
@@ -97,7 +118,7 @@ Logger& Logger::operator<<(char const* text) {
 // `text` is what `value` looks like in a line that is shared.
 template <typename Value>
 Logger& Logger::Append(std::string_view text, Value const& value) {
-  if (consoleSink->enabled && fileSink->AppendShared(text)) return *this;
+  if (fileSink->IsEnabled() && consoleSink->AppendShared(text)) return *this;
   *fileSink << value;
   *consoleSink << value;
   return *this;

@@ -2,6 +2,7 @@
 // never mix, and a completed line is in the kernel's hands before the logging call returns.
 #pragma once
 
+#include <cstring>
 #include <ostream>
 #include <string>
 #include <string_view>
@@ -64,17 +65,19 @@ class QUELLON_EXPORT Logger {
 
   template <typename Value>
   Logger& Append(std::string_view text, Value const& value);
-  void BeginOnConsole(LogType type);
+  void BeginSharedLine(LogType type);
+  bool EndSharedLine();
   void SeparateLines() noexcept;
   static void RecoverInChild() noexcept;
 };
 
-// Always inline, since the compiler knows the length of most texts.
+// Always inline, and with a length of its own, since the compiler knows that of most texts: where
+// it builds for size, it asks for it at run time otherwise.
 [[gnu::always_inline]] inline LogLine& LogLine::operator<<(char const* text) {
   if (text == nullptr) {
     logger << text;
   } else {
-    logger << std::string_view(text);
+    logger << std::string_view(text, std::strlen(text));
   }
   return *this;
 }

@@ -30,7 +30,7 @@ LoggerBase<Policy>::LoggerBase() {
 
 template <typename Policy>
 void LoggerBase<Policy>::WriteHeader(LogType type) {
-  if (!enabled) {
+  if (!IsEnabled()) {
     DropLine();
     return;
   }
@@ -49,13 +49,11 @@ void LoggerBase<Policy>::BeginLine(LogType type) {
   KeepLine(lock);
 }
 
-// Takes part in a line that has begun on the other sink.
+// Takes part in a line that begins on the other sink.
 template <typename Policy>
-void LoggerBase<Policy>::JoinLine(LogType type) {
+void LoggerBase<Policy>::JoinLine() {
   std::unique_lock lock(lineLock);
   lineLock.AssertHeld();
-  if constexpr (requires { policy.WriteHeader(type); }) policy.WriteHeader(type);
-  isShared = true;
   KeepLine(lock);
 }
 
@@ -72,7 +70,7 @@ inline bool LoggerBase<Policy>::GoesOn() noexcept {
   if (!HoldsLine()) return false;
   lineLock.AssertHeld();
   if (isShared) Logger::GetInstance()->SeparateLines();
-  if (enabled) return true;
+  if (IsEnabled()) return true;
   Release();
   return false;
 }
@@ -182,14 +180,19 @@ void LoggerBase<Policy>::CheckEndOfStream() {
   }
 }
 
+template <typename Policy>
+void LoggerBase<Policy>::WriteLine() {
+  if constexpr (requires { Policy::kLongestLine; }) line.Cut(Policy::kLongestLine, " [cut]\n");
+  WriteLine(line.View());
+}
+
 // Signals the line and takes the signal back at once: no other thread writes it. This one holds the
 // lock, which no other may release, and must not go on before the kernel has the line.
 template <typename Policy>
-void LoggerBase<Policy>::WriteLine() {
+void LoggerBase<Policy>::WriteLine(std::string_view text) {
   lineReady.Notify();
   lineReady.Wait();
-  if constexpr (requires { Policy::kLongestLine; }) line.Cut(Policy::kLongestLine, " [cut]\n");
-  if (!policy.Write(line.View(), stampSecond)) enabled = false;
+  if (!policy.Write(text)) enabled = false;
   Release();
 }
 
@@ -216,6 +219,7 @@ void LoggerBase<Policy>::Release() noexcept {
   if (!stream.good()) stream.clear();
   if (isStreamUsed) ForgetFormat();
   isStreamUsed = false;
+  isShared = false;
   lineOwner.store(std::thread::id(), std::memory_order_relaxed);
   lineLock.unlock();
 }
@@ -259,7 +263,7 @@ void LoggerBase<Policy>::RecoverInChild() noexcept {
   if (!taken) lineLock.unlock();
   policy.Close();  // an inherited descriptor shares its position with the parent's
   if (!taken) return;
-  bool const wasEnabled = enabled;
+  bool const wasEnabled = IsEnabled();
   std::construct_at(this);
   enabled = wasEnabled;
 }

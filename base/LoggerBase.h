@@ -94,6 +94,8 @@ class LoggerBase {
   [[nodiscard]] bool HoldsLine() const noexcept {
     return lineOwner.load(std::memory_order_relaxed) == std::this_thread::get_id();
   }
+  // Nothing else hangs on it that a thread must see, too, so that it needs no barriers.
+  [[nodiscard]] bool IsEnabled() const noexcept { return enabled.load(std::memory_order_relaxed); }
   // True when this thread has a line under way, and so holds the lock, on a sink that is enabled.
   // The compiler takes the lock for held after the call: do nothing with the line after false.
   [[nodiscard]] bool GoesOn() noexcept QUELLON_ASSERT_CAPABILITY(lineLock);
@@ -104,19 +106,20 @@ class LoggerBase {
   template <typename Number>
   void AppendNumber(Number number) QUELLON_REQUIRES(lineLock);
   void BeginLine(LogType type);
-  void JoinLine(LogType type);
+  void JoinLine();
   void KeepLine(std::unique_lock<Mutex>& lock) noexcept QUELLON_REQUIRES(lineLock);
   // False, with nothing appended, where the line is this sink's own, or there is no memory.
   [[nodiscard]] bool AppendShared(std::string_view text) noexcept {
     if (!HoldsLine()) return false;
     lineLock.AssertHeld();
-    return isShared && enabled && line.Append(text);
+    return isShared && IsEnabled() && stream.good() && line.Append(text);
   }
   void AppendTime() QUELLON_REQUIRES(lineLock);
   void AppendTemperature() QUELLON_REQUIRES(lineLock);
   void AppendTag(LogType type) QUELLON_REQUIRES(lineLock);
   [[nodiscard]] bool EndsWithNewline() const noexcept QUELLON_REQUIRES(lineLock);
   void WriteLine() QUELLON_RELEASE(lineLock);
+  void WriteLine(std::string_view text) QUELLON_RELEASE(lineLock);
   void DropLine() noexcept;
   void Release() noexcept QUELLON_RELEASE(lineLock);
   // Not checked: it runs in a child's only thread.
@@ -141,7 +144,7 @@ class LoggerBase {
   std::atomic<bool> enabled = true;
 
  private:
-  // The line of both sinks is gathered in the file's `line`; see Logger::SeparateLines.
+  // The line of both sinks is gathered in the console's `line`; see Logger::SeparateLines.
   bool isShared QUELLON_GUARDED_BY(lineLock) = false;
   bool isStreamUsed QUELLON_GUARDED_BY(lineLock) = false;
 };

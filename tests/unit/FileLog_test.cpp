@@ -198,10 +198,16 @@ TEST_F(FileLog, TakesALongLineWholeAndCutsOneThatNoFileCouldHold) {
 }
 
 TEST_F(FileLog, LeavesALongLineWholeOnTheConsole) {
-  LogFile::BeginAnew();
-  std::string const text(kLimit, 'x');
-  EXPECT_TRUE(
-      Capture::Output([&] { Tarvik::Ilog::LogLine(Info) << text; }).ends_with("]" + text + "\n"));
+  for (std::size_t const over : {0, 1}) {
+    LogFile::BeginAnew();
+    std::string const text(kMark - LogFile::kHeaderLength - 1 + over, 'x');
+    auto const console = Capture::Output([&] { Tarvik::Ilog::LogLine(Info) << text; });
+    EXPECT_TRUE(console.ends_with("]" + text + "\n"));
+    EXPECT_EQ(console.size(), kMark + over);
+    EXPECT_EQ(LogFile::Text().size(), kMark);
+    EXPECT_TRUE(LogFile::Text().ends_with(over == 0 ? "xxx\n" : "xxx [cut]\n"));
+    EXPECT_TRUE(LogFile::IsFree());
+  }
 }
 
 TEST_F(FileLog, IsEmptiedWhereItCannotBeRenamed) {
@@ -349,6 +355,50 @@ TEST_F(FileLog, ReplacedByOthersItIsTheirFileASecondLater) {
   Machine::hooks().now = 101;
   EXPECT_TRUE(policy.Write("after\n"));
   EXPECT_EQ(LogFile::Text(), "theirs\nafter\n");
+}
+
+TEST_F(FileLog, DeletedByOthersWithinTheSecondItLosesTwoKilobytesAtMost) {
+  Machine::hooks().now = 100;
+  EXPECT_TRUE(policy.Write(Lines(48)));
+  fs::remove(Machine::Real(kPath));
+  for (int i = 0; i < 20; ++i) EXPECT_TRUE(policy.Write(Lines(100)));
+  EXPECT_FALSE(Exists(kPath));
+  EXPECT_TRUE(policy.Write("there\n"));
+  EXPECT_EQ(LogFile::Text(), "there\n");
+}
+
+TEST_F(FileLog, ReplacedByOthersWithinTheSecondItLosesTwoKilobytesAtMost) {
+  Machine::hooks().now = 100;
+  EXPECT_TRUE(policy.Write(Lines(48)));
+  Machine::MakeFile("/var/log/new", "theirs\n");
+  fs::rename(Machine::Real("/var/log/new"), Machine::Real(kPath));
+  for (int i = 0; i < 20; ++i) EXPECT_TRUE(policy.Write(Lines(100)));
+  EXPECT_TRUE(policy.Write("there\n"));
+  EXPECT_EQ(LogFile::Text(), "theirs\nthere\n");
+}
+
+TEST_F(FileLog, SetAsideTwiceWithinTheSecondByAnotherProcessItLosesTwoKilobytesAtMost) {
+  Machine::hooks().now = 100;
+  EXPECT_TRUE(policy.Write(Lines(48)));
+  for (char const* text : {"newer\n", "newest\n"}) {
+    fs::rename(Machine::Real(kPath), Machine::Real(kOlderPath));
+    Machine::MakeFile(kPath, text);
+  }
+  for (int i = 0; i < 20; ++i) EXPECT_TRUE(policy.Write(Lines(100)));
+  EXPECT_TRUE(policy.Write("there\n"));
+  EXPECT_EQ(LogFile::Text(), "newest\nthere\n");
+}
+
+TEST_F(FileLog, DeletedWhileALineTakesSecondsItIsThereAgainAtTheLinesEnd) {
+  LogFile::FileSink sink;
+  Machine::hooks().now = 100;
+  Log(sink, "lost");
+  sink.WriteHeader(Info);
+  fs::remove(Machine::Real(kPath));
+  Machine::hooks().now = 105;
+  sink << "there";
+  sink.EndLine();
+  EXPECT_THAT(LogFile::Text(), EndsWith("]there\n"));
 }
 
 TEST_F(FileLog, IsAskedForItsPlaceOnceASecond) {
