@@ -79,7 +79,7 @@ int pthread_mutex_unlock(pthread_mutex_t* mutex) noexcept {
 
 int sem_post(sem_t* semaphore) noexcept {
   static auto* const next = TheReal<int(sem_t*)>("sem_post");
-  if (auto const* const hook = InForce(&ThreadHooks::raiseSemaphore)) (*hook)(semaphore);
+  if (auto const& hook = Machine::hooks().raiseSemaphore) hook(semaphore);
   return next(semaphore);
 }
 

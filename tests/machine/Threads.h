@@ -27,8 +27,6 @@ struct ThreadHooks {
   std::function<std::optional<int>(pthread_mutex_t const*)> lock;
   std::function<std::optional<int>(pthread_mutex_t const*)> tryLock;
   std::function<void(pthread_mutex_t const*)> unlock;
-  /// What happens first where a semaphore is raised.
-  std::function<void(sem_t const*)> raiseSemaphore;
   /// The `errno` of a semaphore's waiting or trying; 0 for one that goes on.
   std::function<int()> waitSemaphore;
   /// The same with a limit, which is never waited for: 0 for a semaphore that was raised in time.

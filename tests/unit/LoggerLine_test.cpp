@@ -16,7 +16,6 @@
 
 #include "base/Logger.h"
 #include "tests/machine/Machine.h"
-#include "tests/machine/Threads.h"
 #include "tests/support/Capture.h"
 #include "tests/support/LogFile.h"
 
@@ -39,7 +38,7 @@ class LoggerLine : public testing::Test {
   void SetUp() override {
     LogFile::BeginAnew();
     signals.clear();
-    threads.raiseSemaphore = [](sem_t const* semaphore) {
+    Machine::hooks().raiseSemaphore = [](sem_t const* semaphore) {
       std::lock_guard const lock(signalsMutex);
       signals.push_back(semaphore);
     };
@@ -50,8 +49,6 @@ class LoggerLine : public testing::Test {
     auto const* const begin = reinterpret_cast<char const*>(&sink);
     return semaphore >= begin && semaphore < begin + sizeof(sink);
   }
-
-  Machine::ThreadHooks threads;
 
   static inline Logger& logger = *Logger::GetInstance();
 };

@@ -85,14 +85,14 @@ class LoggerThreads : public testing::Test {
   void SetUp() override {
     LogFile::BeginAnew();
     signals = 0;
-    hooks.lock = [](auto&&) {
+    threads.lock = [](auto&&) {
       ++locksOfThisThread;
       return std::nullopt;
     };
-    hooks.raiseSemaphore = [](auto&&) { ++signals; };
+    Machine::hooks().raiseSemaphore = [](auto&&) { ++signals; };
   }
 
-  Machine::ThreadHooks hooks;
+  Machine::ThreadHooks threads;
   static inline Logger& logger = *Logger::GetInstance();
 };
 
