@@ -105,6 +105,16 @@ def read_log(path: Path) -> list[Write]:
     return writes
 
 
+def entry_of(write: Write) -> bytes:
+    head = struct.pack("<QQQQ", write.sector, len(write.data) // SECTOR, write.flags, 0)
+    return head.ljust(SECTOR, b"\0") + write.data
+
+
+def log_of(entries: bytes) -> bytes:
+    """Returns a log of these entries, as it is read."""
+    return struct.pack("<QQQI", MAGIC, 1, 0, SECTOR).ljust(SECTOR, b"\0") + entries
+
+
 @dataclass
 class Recording:
     """What must be on the card after the cuts from `complete` up to, but not at, `deletion`."""

@@ -49,7 +49,7 @@ def main():
     subprocess.run(["umount", "/mnt/sdcard"], check=True)
     slot.close()
     sys.stdout.flush()
-    os._exit(0)  # the file system and its thread go with the root
+    os._exit(0)  # the file system and its process go with the root
 
 
 main()

@@ -4,6 +4,9 @@ A `LoggedFile` is the only file of a file system of its own, below loop devices.
 write-back cache, so the kernel asks for what must be on the card by flushes. Writes and flushes are
 logged in the format of the kernel's dm-log-writes. A `PlainFile` works on every kernel, and logs
 nothing.
+
+The process that serves that file system does nothing else. One that itself waited for the file
+could not be killed, and every sync(2) on the machine would wait with it.
 """
 
 import contextlib
@@ -14,12 +17,11 @@ import os
 import struct
 import subprocess
 import sys
-import threading
 from pathlib import Path
 
-from board.cuts import FLUSH, MAGIC, MARK, PARTITION, SECTOR
+from board.cuts import FLUSH, MARK, PARTITION, SECTOR, Write, entry_of, log_of
 
-PLACE = Path("/run/card.img")
+PLACE, ENTRIES = Path("/run/card.img"), Path("/run/entries")
 MOST_TAKEN = 50  # loop devices that others take meanwhile
 
 # Requests of the kernel's interface for file systems in user space (linux/fuse.h).
@@ -73,38 +75,43 @@ class LoggedFile:
     """
 
     def __init__(self, content: bytes):
-        self.content = bytearray(content)
-        self._log, self._turns = None, threading.Lock()
-        self._kernel = os.open("/dev/fuse", os.O_RDWR | os.O_CLOEXEC)
+        self.content = mmap.mmap(-1, len(content))  # shared with the process that serves it
+        self.content[:] = content
+        self._entries = open(ENTRIES, "ab+", buffering=0)
+        kernel = os.open("/dev/fuse", os.O_RDWR | os.O_CLOEXEC)
         PLACE.touch()
-        options = f"fd={self._kernel},rootmode=100000,user_id=0,group_id=0".encode()
+        options = f"fd={kernel},rootmode=100000,user_id=0,group_id=0".encode()
         libc = ctypes.CDLL(None, use_errno=True)
         if libc.mount(b"card", bytes(PLACE), b"fuse", 0, options) != 0:
             raise OSError(ctypes.get_errno(), "mount of the card's file")
-        threading.Thread(target=self._serve, daemon=True).start()
+        if os.fork() == 0:
+            try:
+                self._serve(kernel)
+            finally:
+                os._exit(1)
+        os.close(kernel)
 
     @contextlib.contextmanager
     def log(self, path: Path):
         """Logs what is written in the `with` block, in a new file."""
-        with open(path, "wb") as log:
-            log.write(struct.pack("<QQQI", MAGIC, 1, 0, SECTOR).ljust(SECTOR, b"\0"))
-            self._log = log
-            yield
-            with self._turns:
-                self._log = None
+        self._entries.truncate(0)
+        yield
+        log = self._entries.fileno()
+        entries = os.pread(log, os.fstat(log).st_size, 0)
+        path.write_bytes(log_of(entries))
 
     def mark(self, text: str):
         """Tells in the log what has happened by now."""
         self._entry(MARK, text.encode().ljust(SECTOR), 0)
 
-    def _serve(self):
+    def _serve(self, kernel: int):
         while True:
-            request = os.read(self._kernel, MOST_WRITTEN + 4096)
+            request = os.read(kernel, MOST_WRITTEN + 4096)
             _, kind, unique = struct.unpack_from("<IIQ", request)
             if kind in (FORGET, BATCH_FORGET, INTERRUPT):
                 continue
             error, answer = self._answer(kind, request[40:])
-            os.write(self._kernel, struct.pack("<IiQ", 16 + len(answer), -error, unique) + answer)
+            os.write(kernel, struct.pack("<IiQ", 16 + len(answer), -error, unique) + answer)
 
     def _answer(self, kind: int, request: bytes) -> tuple[int, bytes]:
         if kind == INIT:
@@ -135,10 +142,8 @@ class LoggedFile:
         self._entry(offset // SECTOR, data, 0)
 
     def _entry(self, sector: int, data: bytes, flags: int):
-        head = struct.pack("<QQQQ", sector, len(data) // SECTOR, flags, 0)
-        with self._turns:
-            if self._log is not None:
-                self._log.write(head.ljust(SECTOR, b"\0") + data)
+        """Appends to what is logged, in one call, since two processes do so."""
+        self._entries.write(entry_of(Write(sector, data, flags)))
 
 
 def attach(offset: int) -> Path:
@@ -151,6 +156,8 @@ def attach(offset: int) -> Path:
         done = subprocess.run(["losetup", "--offset", str(offset), loop, PLACE],
                               capture_output=True, text=True)
         if done.returncode == 0:
+            # Whoever had the device before may have left it read-only.
+            subprocess.run(["blockdev", "--setrw", loop], check=True)
             return loop
     raise OSError(done.stderr)
 
