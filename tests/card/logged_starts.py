@@ -11,7 +11,6 @@ commits before each step; or `late`, where it does so once the step that flushes
 nothing else.
 """
 
-import ctypes
 import fcntl
 import os
 import subprocess
@@ -25,6 +24,7 @@ HERE = Path(__file__).resolve().parent
 sys.path[:0] = [str(HERE.parent.parent), str(HERE)]
 sys.dont_write_bytecode = True
 
+from alone import call
 from slot import PLACE, LoggedFile, require_log, require_private_root
 
 # No command may be looked for in /root: its storage cannot answer while Python starts a process.
@@ -159,9 +159,7 @@ def shown_elsewhere(program: str) -> str:
 
 def unmount(place: Path):
     """By the system call alone: the command would complain that the loop device is gone, too."""
-    libc = ctypes.CDLL(None, use_errno=True)
-    if libc.umount(bytes(place)) != 0:
-        raise OSError(ctypes.get_errno(), f"unmounting {place}")
+    call("umount", bytes(place))
 
 
 def main():
