@@ -8,6 +8,7 @@
 #include <functional>
 #include <limits>
 #include <optional>
+#include <semaphore>
 #include <string>
 #include <thread>
 #include <utility>
@@ -136,6 +137,33 @@ TEST_F(Date, AForkOfTheThreadThatAsksStopsNeitherParentNorChild) {
   if (child == 0) _exit(right ? 0 : 1);
   alarm(0);
   EXPECT_TRUE(right);
+  EXPECT_EQ(ChildProcess::Wait(child), 0);
+}
+
+// The child would otherwise wait for a thread that it does not have.
+TEST_F(Date, AForkWaitsForTheThreadThatAsks) {
+  std::binary_semaphore asks{0};
+  std::binary_semaphore goesOn{0};
+  Machine::hooks().localTime = [&, asked = false]() mutable {
+    if (std::exchange(asked, true)) return;
+    asks.release();
+    goesOn.acquire();
+  };
+  std::thread thread([] { EXPECT_EQ(Util::Date(0, kFormat), "1970-01-01 00:00:00"); });
+  asks.acquire();
+  int tries = 0;
+  Machine::ThreadHooks threads;
+  threads.tryLock = [&](auto&&...) {
+    if (++tries == 2) goesOn.release();
+    return std::nullopt;
+  };
+  pid_t const child = ChildProcess::Start([] {
+    ChildProcess::EndInTime();
+    return Util::Date(1, kFormat) == "1970-01-01 00:00:01" ? 0 : 1;
+  });
+  if (tries < 2) goesOn.release();
+  thread.join();
+  EXPECT_GE(tries, 2);
   EXPECT_EQ(ChildProcess::Wait(child), 0);
 }
 
