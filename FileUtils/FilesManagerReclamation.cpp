@@ -28,10 +28,9 @@ constexpr useconds_t kFruitlessPauseMicroseconds = 10000;
 // Logs and positions (".gps") outlive the recordings they belong to. Nulls that the application has
 // put into the list stay there.
 bool MayBeDeleted(Ifile const* file) {
-  using namespace std::string_view_literals;  // four bytes each, compared at once
   if (file == nullptr) return false;
-  std::string_view const extension = file->extension;
-  return extension != ".log"sv && extension != ".gps"sv;
+  std::string_view const extension = file->extension;  // a view is compared four bytes at once
+  return extension != ".log" && extension != ".gps";
 }
 
 enum class Removal { Done, Failed, Thrown };

@@ -106,7 +106,7 @@ bool FileLogPolicy::NeedsCheck(std::size_t length) const noexcept {
 // the share, needs no lock.
 bool FileLogPolicy::HasRoomInPlace(std::size_t length, long second) noexcept {
   struct stat opened {};
-  if (length > kUncheckedShare || !file.IsOpen() || fstat(file.Get(), &opened) != 0) return false;
+  if (length > kUncheckedShare || fstat(file.Get(), &opened) != 0) return false;
   bool const isThere = second == checkedAt ? opened.st_nlink > 0 : IsAtPath(opened);
   if (!isThere || !HasRoom(static_cast<std::size_t>(opened.st_size), length, kLowerMark))
     return false;

@@ -412,6 +412,20 @@ TEST_F(FileLog, IsAskedForItsPlaceOnceASecond) {
   EXPECT_EQ(CountLooks(writeMany), 1);
 }
 
+TEST_F(FileLog, IsAskedForItsSizeEveryTwoKilobytes) {
+  Machine::hooks().now = 100;
+  EXPECT_TRUE(policy.Write(Lines(48)));
+  int asked = 0;
+  Machine::hooks().fstat = [&asked](auto&&...) {
+    ++asked;
+    return std::nullopt;
+  };
+  for (int i = 0; i < 20; ++i) EXPECT_TRUE(policy.Write(Lines(100)));
+  EXPECT_EQ(asked, 0);
+  for (int i = 0; i < 60; ++i) EXPECT_TRUE(policy.Write(Lines(100)));
+  EXPECT_EQ(asked, 3);
+}
+
 TEST_F(FileLog, FilledByAnotherProcessWithinTheSecondItMakesWayForANewOne) {
   Machine::hooks().now = 100;
   EXPECT_TRUE(policy.Write("first\n"));
