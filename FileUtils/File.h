@@ -75,8 +75,8 @@ class QUELLON_EXPORT Ifile {
   /// flushes the stream, then the file and the directory it lies in, each by an fsync(2) of its
   /// own. Waits for the card, from some ms to seconds: call it where a recording is complete, and
   /// now and then in a long one. False when one of them fails, or the stream has failed since it
-  /// was opened, also when closing it; the file is not to be counted on then. It does not matter whether the
-  /// stream is open, was closed, or is null.
+  /// was opened, also when closing it; the file is not to be counted on then. It does not matter
+  /// whether the stream is open, was closed, or is null.
   bool Sync();
 
   /// Closes the stream and unlinks the file, in 3 attempts 50 ms apart. False, at once, when the

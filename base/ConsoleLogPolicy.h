@@ -18,8 +18,9 @@ class ConsoleLogPolicy {
 
   /// Flushes the C library's stream, so that the line follows what was printed before it, unless
   /// another thread uses the stream, and hands the line to the kernel. Always true: where it cannot
-  /// be written it is lost, and the next line is tried all the same. On a pipe that nobody reads any
-  /// more, that needs SIGPIPE to be ignored; on one that does not block, a part of it may be lost.
+  /// be written it is lost, and the next line is tried all the same. On a pipe that nobody reads
+  /// any more, that needs SIGPIPE to be ignored; on one that does not block, a part of it may be
+  /// lost.
   bool Write(std::string_view line) noexcept;
 };
 
