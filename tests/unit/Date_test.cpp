@@ -184,6 +184,27 @@ TEST_F(Date, AForkWaitsForTheThreadThatAsks) {
   EXPECT_EQ(ChildProcess::Wait(child), 0);
 }
 
+TEST_F(Date, AForkWaitsForTheThreadThatAsksForASecondAtMost) {
+  Machine::hooks().monotonic = timespec{100, 0};
+  int tries = 0;
+  pthread_mutex_t const* lock = nullptr;
+  bool isUnlocked = false;
+  Machine::ThreadHooks threads;
+  threads.tryLock = [&, parent = getpid()](pthread_mutex_t const* mutex) -> std::optional<int> {
+    if (getpid() != parent) return std::nullopt;
+    ++tries;
+    lock = mutex;
+    timespec& now = *Machine::hooks().monotonic;
+    now = tries == 1 ? timespec{101, 0} : timespec{101, 1};
+    return EBUSY;
+  };
+  threads.unlock = [&](pthread_mutex_t const* mutex) { isUnlocked |= mutex == lock; };
+  pid_t const child = ChildProcess::Start([] { return 0; });
+  EXPECT_EQ(tries, 2);
+  EXPECT_FALSE(isUnlocked) << "which is another thread's";
+  EXPECT_EQ(ChildProcess::Wait(child), 0);
+}
+
 TEST_F(Date, AForkInTheMiddleOfItsOwnThreadsStopsNeitherParentNorChild) {
   static pid_t inner;
   duringFork = [] { inner = ChildProcess::Start(&ExitCodeOfADate); };
