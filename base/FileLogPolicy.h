@@ -16,9 +16,10 @@ namespace Tarvik::Ilog {
 /// Other processes may log into the same file, and anybody may rename or delete it: within a second
 /// or two lines are in the file at the path again, and no more than 2 KiB of each process are lost
 /// with a deleted one. Lines of all processes stay whole, and the limit is kept, for up to 15
-/// processes at a time. Not locked against threads: the sink calls it with its line lock held.
-/// Kernel interface: O_APPEND, and flock(2) on "/var/log" while it opens the file, or begins a new
-/// one, and writes the line that follows.
+/// processes at a time; where the lock cannot be had for 20 ms, a line of more than 2 KiB may pass
+/// it by its length. Not locked against threads: the sink calls it with its line lock held. Kernel
+/// interface: O_APPEND, and flock(2) on "/var/log" while it opens the file, or begins a new one,
+/// and writes the line that follows.
 class QUELLON_EXPORT FileLogPolicy {
  public:
   /// The longest line in bytes that the file takes; the sink cuts longer ones.
