@@ -1,10 +1,13 @@
 #include "Recorder.h"
 
+#include <dirent.h>
 #include <fcntl.h>
+#include <sys/mount.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <cstdlib>
 #include <iomanip>
 #include <set>
@@ -13,6 +16,7 @@
 
 #include "CheckUnlessMountable.h"
 #include "FileUtils/Dir.h"
+#include "base/IException.h"
 #include "base/IThread.h"
 #include "base/Logger.h"
 #include "base/UniqueFd.h"
@@ -99,7 +103,7 @@ void Recorder::Run() {
     if (catalogue == nullptr && CardIsBack() && !StartCard()) return;
     if (catalogue != nullptr && !Record()) GiveUpCard();
   } while (WaitForNextPeriod());
-  if (catalogue != nullptr) GiveUpCard();
+  if (catalogue != nullptr) LeaveCard();
   LogLine(Info) << "[REC] Stopped";
 }
 
@@ -124,25 +128,39 @@ Disk* Recorder::InitDisk() {
   return system.InitDisk();
 }
 
+// The catalogue is loaded while recording begins: that needs but the next number.
 void Recorder::OpenCatalogue(Disk* disk) {
   if (!Idir(kRecordings).Create()) LogLine(Error) << "[REC] No directory for recordings";
-  catalogue =
-      std::make_unique<FilesManager>(disk, kRecordings, settings.minimumFreeBytes, settings.share);
-  if (!catalogue->LoadAndSort()) {
-    LogLine(Error) << "[REC] " << catalogue->GetError();
+  if (!FindLastNumber()) {
+    LogLine(Error) << "[REC] Could not read " << kRecordings;
     GiveUpCard();
     return;
   }
-  number = LastRecordingNumber();
-  LogLine(Info) << "[REC] Catalogue of " << catalogue->GetList().size() << " files, "
-                << catalogue->GetTotalFilesSize() << " bytes";
+  catalogue =
+      std::make_unique<FilesManager>(disk, kRecordings, settings.minimumFreeBytes, settings.share);
+  load = std::make_unique<LoadsMeanwhile>(*catalogue);
 }
 
 // A card that is put back later must not find the old one still mounted.
 void Recorder::GiveUpCard() {
+  if (load != nullptr) {
+    KicksMeanwhile const kicks(watchdog);
+    load.reset();
+  }
   catalogue.reset();
   system.disk->Umount();
   LogLine(Info) << "[REC] Card released";
+}
+
+// A load has the card in use, and nothing ends it but the end of the process: with that the card is
+// unmounted, too.
+void Recorder::LeaveCard() {
+  if (load == nullptr || load->IsOver()) {
+    GiveUpCard();
+    return;
+  }
+  umount2(system.disk->mountPoint.c_str(), MNT_DETACH);
+  LogLine(Info) << "[REC] Card released when the process ends";
 }
 
 // A card that failed is not tried again before it was out of its slot: each try may end in a
@@ -152,11 +170,35 @@ bool Recorder::CardIsBack() {
   return cardWasOut && CardAnswers();
 }
 
+// While the catalogue is loaded, a full card waits for it.
 bool Recorder::Record() {
-  if (!MakeRoom()) return false;
+  if (load != nullptr && load->IsOver() && !FinishLoad()) return false;
+  waitsForLoad = load != nullptr && !HasRoomMeanwhile();
+  if (waitsForLoad) return true;
+  if (load == nullptr && !MakeRoom()) return false;
   number = number % kLastNumber + 1;
   return WriteFile(RecordingName(number, ".dat"), settings.recordingBytes) &&
          WriteFile(RecordingName(number, ".gps"), kPositionsBytes);
+}
+
+bool Recorder::HasRoomMeanwhile() {
+  try {
+    return catalogue->CheckAvailableSpace(true);
+  } catch (Tarvik::IException const&) {
+    return false;  // once the load is over, the catalogue will say why
+  }
+}
+
+bool Recorder::FinishLoad() {
+  bool const complete = load->Finish();
+  load.reset();
+  if (!complete) {
+    LogLine(Error) << "[REC] " << catalogue->GetError();
+    return false;
+  }
+  LogLine(Info) << "[REC] Catalogue of " << catalogue->GetList().size() << " files, "
+                << catalogue->GetTotalFilesSize() << " bytes";
+  return true;
 }
 
 bool Recorder::MakeRoom() {
@@ -195,7 +237,7 @@ bool Recorder::WriteFile(std::string name, std::size_t bytes) {
   for (std::size_t written = 0; written < bytes; written += line.size()) {
     file.Write(line.data(), static_cast<unsigned int>(std::min(line.size(), bytes - written)));
   }
-  if (!file.Sync() || !catalogue->AddFile(name)) {
+  if (!file.Sync() || !AddFile(name)) {
     LogLine(Error) << "[REC] Could not write " << path;
     return false;
   }
@@ -203,14 +245,28 @@ bool Recorder::WriteFile(std::string name, std::size_t bytes) {
   return true;
 }
 
-int Recorder::LastRecordingNumber() {
-  int last = 0;
-  for (Ifile* file : catalogue->GetList()) {
-    if (!file->name.starts_with(kPrefix)) continue;
-    long const found = std::strtol(file->name.c_str() + kPrefix.size(), nullptr, 10);
-    if (found <= kLastNumber) last = std::max(last, static_cast<int>(found));  // else not ours
+bool Recorder::AddFile(std::string name) {
+  if (load == nullptr) return catalogue->AddFile(name);
+  load->Add(name);
+  return true;
+}
+
+// False when the names cannot be read to the last: the next recording might overwrite one.
+bool Recorder::FindLastNumber() {
+  number = 0;
+  std::unique_ptr<DIR, int (*)(DIR*)> const directory(opendir(kRecordings), closedir);
+  if (directory == nullptr) return false;
+  auto const next = [&directory] {
+    errno = 0;
+    return readdir(directory.get());
+  };
+  while (dirent const* entry = next()) {
+    std::string_view const name = entry->d_name;
+    if (!name.starts_with(kPrefix)) continue;
+    long const found = std::strtol(entry->d_name + kPrefix.size(), nullptr, 10);
+    if (found <= kLastNumber) number = std::max(number, static_cast<int>(found));  // else not ours
   }
-  return last;
+  return errno == 0;
 }
 
 // False when the service is to stop.
@@ -219,13 +275,16 @@ bool Recorder::WaitForNextPeriod() {
   while (true) {
     auto const left =
         std::chrono::ceil<std::chrono::milliseconds>(next - std::chrono::steady_clock::now());
-    if (left.count() <= 0) return !stop.TryWait();
+    bool const hasWaited = waitsForLoad && load != nullptr && load->IsOver();
+    if (hasWaited || left.count() <= 0) return !stop.TryWait();
     if (stop.WaitFor(std::min<std::chrono::milliseconds>(left, kShortestKickPeriod))) return false;
     KickWatchdog();
   }
 }
 
+// A load that hangs is the watchdog's to end.
 void Recorder::KickWatchdog() {
+  if (load != nullptr && load->Hangs()) return;
   auto const now = std::chrono::steady_clock::now();
   if (now - lastKick < KickPeriod(watchdog)) return;
   watchdog.Reset();
