@@ -62,6 +62,29 @@ bool CardAnswers() {
   return card.IsOpen() && read(card.Get(), block.data(), kBlock) == kBlock;
 }
 
+// Each file holds its own name again and again, so that anybody can see whether it is intact.
+void Fill(Ifile& file, std::size_t bytes) {
+  std::string line = file.name + "\n";
+  file.Open(false);
+  for (std::size_t written = 0; written < bytes; written += line.size()) {
+    file.Write(line.data(), static_cast<unsigned int>(std::min(line.size(), bytes - written)));
+  }
+}
+
+// Gives what was written its place on the card and writes it there, without a commit of the journal
+// of its own. The kernel tells of a failure once: here, and no more in `Sync`.
+bool WriteBack(Ifile& file) {
+  constexpr unsigned int kAndWait = SYNC_FILE_RANGE_WRITE | SYNC_FILE_RANGE_WAIT_AFTER;
+  file.Close();
+  Tarvik::UniqueFd const fd(open(file.path.c_str(), O_RDONLY | O_CLOEXEC));
+  return fd.IsOpen() && sync_file_range(fd.Get(), 0, 0, kAndWait) == 0;
+}
+
+bool CouldNotWrite(Ifile const& file) {
+  LogLine(Error) << "[REC] Could not write " << file.path;
+  return false;
+}
+
 // Kicks the watchdog while the card is checked, which takes minutes when it is large, but not for
 // ever: a check that hangs is the watchdog's to end.
 class KicksMeanwhile : public Tarvik::Interfaces::IThread {
@@ -177,8 +200,7 @@ bool Recorder::Record() {
   if (waitsForLoad) return true;
   if (load == nullptr && !MakeRoom()) return false;
   number = number % kLastNumber + 1;
-  return WriteFile(RecordingName(number, ".dat"), settings.recordingBytes) &&
-         WriteFile(RecordingName(number, ".gps"), kPositionsBytes);
+  return WriteFiles();
 }
 
 bool Recorder::HasRoomMeanwhile() {
@@ -227,21 +249,22 @@ void Recorder::RemoveOrphanedPositions() {
   }
 }
 
-// Each recording holds its own name again and again, so that anybody can see whether it is intact.
-// What is complete must survive a power cut, so it is on the card before it counts.
-bool Recorder::WriteFile(std::string name, std::size_t bytes) {
-  std::string path = kRecordings + name;
-  std::string line = name + "\n";
-  Ifile file(path, false);
-  file.Open(false);
-  for (std::size_t written = 0; written < bytes; written += line.size()) {
-    file.Write(line.data(), static_cast<unsigned int>(std::min(line.size(), bytes - written)));
-  }
-  if (!file.Sync() || !AddFile(name)) {
-    LogLine(Error) << "[REC] Could not write " << path;
-    return false;
-  }
-  LogLine(Info) << "[REC] Recorded " << name << " " << bytes << " bytes";
+// Both files are on the card before they count, since what is complete must survive a power cut.
+// The first `Sync` brings both there: each would cost the card a commit of the journal.
+bool Recorder::WriteFiles() {
+  std::string path = kRecordings + RecordingName(number, ".dat");
+  std::string positionsPath = kRecordings + RecordingName(number, ".gps");
+  Ifile recording(path, false);
+  Ifile positions(positionsPath, false);
+  Fill(recording, settings.recordingBytes);
+  Fill(positions, kPositionsBytes);
+  if (!WriteBack(positions)) return CouldNotWrite(positions);
+  return Complete(recording, settings.recordingBytes) && Complete(positions, kPositionsBytes);
+}
+
+bool Recorder::Complete(Ifile& file, std::size_t bytes) {
+  if (!file.Sync() || !AddFile(file.name)) return CouldNotWrite(file);
+  LogLine(Info) << "[REC] Recorded " << file.name << " " << bytes << " bytes";
   return true;
 }
 

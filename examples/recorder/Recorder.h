@@ -48,7 +48,8 @@ class Recorder {
   bool FinishLoad();
   bool MakeRoom();
   void RemoveOrphanedPositions();
-  bool WriteFile(std::string name, std::size_t bytes);
+  bool WriteFiles();
+  bool Complete(Quellon::FileUtils::Ifile& file, std::size_t bytes);
   bool AddFile(std::string name);
   bool FindLastNumber();
 

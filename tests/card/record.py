@@ -20,14 +20,19 @@ from slot import LoggedFile, Slot, require_private_root, why_nothing_is_logged
 
 
 def record(card: LoggedFile, recorder: str, files: int):
-    """Runs the recorder until it has recorded so many files, and marks in the log what it tells."""
+    """Runs the recorder until it has recorded so many files, and marks in the log what it tells.
+
+    Files count once the catalogue is complete: nothing is deleted before.
+    """
+    catalogued = False
     service = subprocess.Popen([recorder, "--size", str(SIZE), "--period", "20", "--min-free", "1"],
                                stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, text=True)
     for line in service.stdout:
         print(line, end="")
         if "Recorded" in line or "Deleted" in line:
             card.mark(line.strip())
-            files -= "Recorded" in line
+            files -= catalogued and "Recorded" in line
+        catalogued |= "[REC] Catalogue of" in line
         if files == 0:
             break
     service.kill()

@@ -1,6 +1,7 @@
 // The example recorder records while its catalogue is loaded.
 #include "examples/recorder/Recorder.h"
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/mount.h>
@@ -18,6 +19,20 @@
 #include "tests/support/CatalogueTest.h"
 #include "tests/support/FakeCard.h"
 #include "tests/support/LogFile.h"
+
+namespace {
+
+std::atomic<bool> writesBack = true;
+
+}  // namespace
+
+// The recorder's own call: its source is a part of this program.
+extern "C" int sync_file_range(int /*fd*/, off64_t /*offset*/, off64_t /*count*/,
+                               unsigned int /*flags*/) {
+  if (writesBack) return 0;
+  errno = EIO;
+  return -1;
+}
 
 namespace {
 
@@ -253,6 +268,18 @@ TEST_F(RecorderLoad, ACardThatFailsMeanwhileIsGivenUpWhenTheLoadIsOver) {
   load.LetGo();
   EXPECT_TRUE(Logs("[REC] Card released"));
   EXPECT_THAT(LinesWith("[REC] Catalogue"), IsEmpty());
+}
+
+TEST_F(RecorderLoad, PositionsThatCannotBeWrittenBackAreAFailure) {
+  writesBack = false;
+  load.LetGo();
+  StartRecorder();
+  EXPECT_TRUE(Logs("[REC] Card released"));
+  EXPECT_THAT(LinesWith("Could not write"),
+              ElementsAre("[ERROR][REC] Could not write /mnt/sdcard/cr/rec_000001.gps"));
+  EXPECT_THAT(LinesWith("[REC] Recorded"), IsEmpty());
+  EndRecorder();
+  writesBack = true;
 }
 
 TEST_F(RecorderLoad, StoppingDoesNotWaitForTheLoad) {
