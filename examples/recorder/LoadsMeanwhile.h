@@ -14,6 +14,8 @@
 #include "FileUtils/FilesManager.h"
 #include "base/IThread.h"
 
+inline constexpr std::chrono::minutes kLongestLoad(30);
+
 /// Loads a catalogue on a thread of its own, which takes 1 ms a file and more, from construction
 /// on. Until `Finish`, the owner's thread may ask the catalogue whether there is room
 /// (`CheckAvailableSpace(true)`), which then counts what has been found so far, and uses nothing
@@ -35,7 +37,7 @@ class LoadsMeanwhile : public Tarvik::Interfaces::IThread {
   /// Whether the load has ended. Files that are added may still go into the catalogue.
   [[nodiscard]] bool IsOver() const { return over; }
 
-  /// Whether it has not ended in half an hour: it hangs, or has two million files.
+  /// Whether it has not ended in `kLongestLoad`: it hangs, or has two million files.
   [[nodiscard]] bool Hangs() const { return !over && std::chrono::steady_clock::now() > end; }
 
   /// Completes the catalogue once the load is over: what was added is in it once, as the newest.
@@ -51,8 +53,6 @@ class LoadsMeanwhile : public Tarvik::Interfaces::IThread {
   }
 
  private:
-  static constexpr std::chrono::minutes kLongestLoad{30};
-
   void Run() override {
     succeeded = catalogue.LoadAndSort();
     Cancel();
