@@ -60,12 +60,8 @@ Ifile::Ifile(std::string& filePath, bool open)
   if (open) stream = OpenInPlace(path);
 }
 
-Ifile::~Ifile() {
-  try {
-    Ifile::Close();
-  } catch (...) {  // NOLINT(bugprone-empty-catch): a stream may be set to throw, a destructor not
-  }
-}
+// The stream closes itself, and throws nothing then.
+Ifile::~Ifile() = default;
 
 std::string Ifile::GetName() {
   return name;
@@ -165,8 +161,6 @@ bool Ifile::CopyTo(std::string const& destination) {
     if (!copy.is_open()) throw IException("destination file not open");
     LogLine(Info) << "Copy file " << path << " to " << destination;
     copy << stream->rdbuf();
-    copy.flush();
-    copy.close();
     return true;
   } catch (std::exception const& e) {
     Tarvik::Ilog::LogFailure("Ifile", e.what());

@@ -83,13 +83,13 @@ FilesManager::FilesManager(Disk* card, std::string directory, unsigned long long
 
 // The two short forms keep nothing of their arguments; only the log lines of a short-lived
 // catalogue are seen. Applications rely on such objects refusing to load.
-FilesManager::FilesManager(Disk* card) : FilesManager(nullptr, "", 0, 0.0F) {
-  FilesManager(card, "", 0, 1.0F);  // NOLINT(bugprone-undelegated-constructor)
+FilesManager::FilesManager(Disk* card) : FilesManager(nullptr, {}, {}, {}) {
+  FilesManager(card, {}, 0, 1.0F);  // NOLINT(bugprone-undelegated-constructor)
 }
 
 FilesManager::FilesManager(Disk* card, unsigned long long minimumFree, float share)
-    : FilesManager(nullptr, "", 0, 0.0F) {
-  FilesManager(card, "", minimumFree, share);  // NOLINT(bugprone-undelegated-constructor)
+    : FilesManager(nullptr, {}, {}, {}) {
+  FilesManager(card, {}, minimumFree, share);  // NOLINT(bugprone-undelegated-constructor)
 }
 
 FilesManager::~FilesManager() {

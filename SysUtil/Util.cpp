@@ -81,19 +81,21 @@ void DisplayOpenFilesOf(pid_t process) {
 }  // namespace
 
 bool ClearCache() {
+  constexpr char kAllCaches = '3';
   Tarvik::UniqueFd const control(Tarvik::OpenFile("/proc/sys/vm/drop_caches", O_RDWR));
   if (!control.IsOpen()) return false;
-  int const attempt =
-      Tarvik::Retry(kCacheAttempts, kCachePause, [&] { return write(control.Get(), "3", 1) == 1; });
+  int const attempt = Tarvik::Retry(kCacheAttempts, kCachePause, [&] {
+    return write(control.Get(), &kAllCaches, sizeof kAllCaches) == 1;
+  });
   return attempt >= 1 && attempt < kCacheAttempts;  // success at the last one is not counted
 }
 
 std::string ExecSystemCmdThroughPipe(std::string command) {
-  std::string output;
   UniquePipe const pipe(popen(command.c_str(), "r"));
-  if (pipe == nullptr) return output;
+  if (pipe == nullptr) return {};
   int const end = fileno(pipe.get());
   fcntl(end, F_SETFD, FD_CLOEXEC);
+  std::string output;
   while (AppendPiece(output, end)) {
   }
   return output;

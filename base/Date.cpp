@@ -41,20 +41,21 @@ class CalendarLock {
     return mutex;
   }
 
-  static void LockBeforeFork() {
+  static bool LockInTime() {
     auto const end = std::chrono::steady_clock::now() + kLongestForkWait;
-    isHeldForFork = !isMine && Mutex().try_lock();
-    while (!isMine && !isHeldForFork && std::chrono::steady_clock::now() < end) {
+    while (!Mutex().try_lock()) {
+      if (std::chrono::steady_clock::now() > end) return false;
       std::this_thread::yield();  // so that whoever has the lock can go on
-      isHeldForFork = Mutex().try_lock();
     }
+    return true;
   }
+  static void LockBeforeFork() { isHeldForFork = !isMine && LockInTime(); }
   static void UnlockAfterFork() {
     if (isHeldForFork) Mutex().unlock();
   }
 
-  static inline thread_local bool isMine = false;
-  static inline thread_local bool isHeldForFork = false;
+  static inline thread_local bool isMine;
+  static inline thread_local bool isHeldForFork;
 
   // Done when the library is loaded, since a fork may come at the time of the first date.
   static inline int const registered =
@@ -64,7 +65,7 @@ class CalendarLock {
 std::optional<tm> LocalTime(time_t seconds) {
   CalendarLock const lock;
   tm calendar{};
-  if (localtime_r(&seconds, &calendar) == nullptr) return std::nullopt;
+  if (localtime_r(&seconds, &calendar) == nullptr) return {};
   return calendar;
 }
 

@@ -40,7 +40,7 @@ constexpr std::chrono::milliseconds kFragmentPause(1);
 // and size, and then writes. The process that has it may be stopped, so nobody waits long: one try,
 // and then `attempts` more. Owns nothing when the lock could not be had.
 UniqueFd LockFolder(int attempts) noexcept {
-  UniqueFd folder(OpenFile(kFolder, O_RDONLY | O_DIRECTORY));
+  UniqueFd folder(OpenFile(kFolder, O_RDONLY));
   auto const lock = [&] { return flock(folder.Get(), LOCK_EX | LOCK_NB) == 0; };
   bool const isLocked = folder.IsOpen() && (lock() || Retry(attempts, kLockPause, lock) != 0);
   return isLocked ? std::move(folder) : UniqueFd();
@@ -50,6 +50,14 @@ std::optional<std::size_t> SizeOf(UniqueFd const& file) noexcept {
   struct stat status {};
   if (fstat(file.Get(), &status) != 0) return std::nullopt;
   return static_cast<std::size_t>(status.st_size);
+}
+
+// Nothing where it cannot be read.
+std::optional<char> LastByteOf(UniqueFd const& file) noexcept {
+  char last{};
+  bool const isRead =
+      lseek(file.Get(), -1, SEEK_END) >= 0 && read(file.Get(), &last, sizeof last) == 1;
+  return isRead ? std::optional(last) : std::nullopt;
 }
 
 // An empty file has room for every line.
@@ -85,8 +93,8 @@ bool FileLogPolicy::NeedsCheck(std::size_t length) const noexcept {
 // other's half-written line for a fragment, or the newer file for the older one; and the marks
 // leave no room for a long line.
 bool FileLogPolicy::NeedsLock(std::size_t length) const noexcept {
-  auto const size = SizeOf(file);
-  return length > kUncheckedShare || !size || !HasRoom(*size, length, kUpperMark) || !IsInPlace();
+  std::size_t const size = SizeOf(file).value_or(kLimit);
+  return length > kUncheckedShare || !HasRoom(size, length, kUpperMark) || !IsInPlace();
 }
 
 // Without the lock a process begins no new file below the upper mark, and checks before each line.
@@ -117,13 +125,12 @@ bool FileLogPolicy::Open(int flags) noexcept {
 // What a power cut has left of a line must not become the beginning of another. A line that another
 // process is just writing looks the same, but gets its end in a moment.
 bool FileLogPolicy::EndFragment() noexcept {
-  char last = 0;
-  auto const readLast = [&] {
-    return lseek(file.Get(), -1, SEEK_END) >= 0 && read(file.Get(), &last, 1) == 1;
-  };
-  bool known = true;
-  Retry(kFragmentAttempts, kFragmentPause, [&] { return !(known = readLast()) || last == '\n'; });
-  return known && (last == '\n' || Append("\n"));
+  std::optional<char> last;
+  Retry(kFragmentAttempts, kFragmentPause, [&] {
+    last = LastByteOf(file);
+    return !last || last == '\n';
+  });
+  return last && (last == '\n' || Append("\n"));
 }
 
 // Where the rename fails the file is emptied instead, so that the log never fills the device. After
@@ -147,8 +154,7 @@ bool FileLogPolicy::Append(std::string_view line) noexcept {
 // appended a line to it already.
 void FileLogPolicy::RemoveFragment(std::size_t fragment) noexcept {
   off_t const end = lseek(file.Get(), 0, SEEK_CUR);
-  auto const size = SizeOf(file);
-  if (fragment == 0 || !size || static_cast<off_t>(*size) != end) return;
+  if (fragment == 0 || SizeOf(file) != static_cast<std::size_t>(end)) return;
   static_cast<void>(ftruncate(file.Get(), end - static_cast<off_t>(fragment)));
 }
 

@@ -33,7 +33,7 @@ class QUELLON_EXPORT ISemaphore {
   bool WaitFor(std::chrono::milliseconds limit) noexcept;
 
  private:
-  sem_t semaphore{};
+  sem_t semaphore;
 };
 
 }  // namespace Tarvik::Interfaces

@@ -27,7 +27,7 @@ void LoggingExceptions(Task task) noexcept {
 IThread::IThread() : process(getpid()) {}
 
 IThread::~IThread() {
-  Cancel();
+  Cancel();  // and not by the next Run() alone
   Join();
 }
 

@@ -1,4 +1,5 @@
 // JSON text as values: a recursive descent over the grammar of RFC 8259.
+#include <algorithm>
 #include <charconv>
 #include <limits>
 #include <locale>
@@ -28,8 +29,8 @@ bool IsDigit(char character) {
 
 // The nearest double; for a number beyond the range of doubles that is infinity or zero.
 double ToDouble(std::string_view digits) {
-  double number = 0;
-  auto const result = std::from_chars(digits.data(), digits.data() + digits.size(), number);
+  double number;
+  auto const result = std::from_chars(digits.begin(), digits.end(), number);
   if (result.ec == std::errc()) return number;
   std::istringstream stream{std::string(digits)};
   stream.imbue(std::locale::classic());
@@ -42,7 +43,7 @@ double ToDouble(std::string_view digits) {
 
 class Reader {
  public:
-  explicit Reader(std::string_view json) : text(json) {}
+  explicit Reader(std::string const& json) : text(json) {}
 
   Value ReadDocument() {
     SkipBlanks();
@@ -57,11 +58,12 @@ class Reader {
     throw IException("JSON: " + std::string(reason) + " at byte " + std::to_string(position));
   }
 
-  // A NUL stands for the end: it begins no token, so both fail alike.
-  [[nodiscard]] char Peek() const { return position < text.size() ? text[position] : '\0'; }
+  // At the end that is the NUL behind every string: it begins no token, so both fail alike.
+  [[nodiscard]] char Peek() const { return text[position]; }
+  [[nodiscard]] std::string_view Rest() const { return std::string_view(text).substr(position); }
 
   bool Accept(char expected) {
-    if (position >= text.size() || text[position] != expected) return false;
+    if (Peek() != expected) return false;
     ++position;
     return true;
   }
@@ -71,7 +73,7 @@ class Reader {
   }
 
   void SkipBlanks() {
-    while (position < text.size() && IsBlank(text[position])) ++position;
+    while (IsBlank(Peek())) ++position;
   }
 
   Value ReadValue();
@@ -91,7 +93,7 @@ class Reader {
   void SkipDigits();
   bool SkipFractionAndExponent();
 
-  std::string_view text;
+  std::string const& text;
   std::size_t position = 0;
   int depth = 0;
 };
@@ -116,7 +118,7 @@ Value Reader::ReadValue() {
 }
 
 Value Reader::ReadKeyword(std::string_view keyword, Value value) {
-  if (!text.substr(position).starts_with(keyword)) Fail("unexpected text");
+  if (!Rest().starts_with(keyword)) Fail("unexpected text");
   position += keyword.size();
   return value;
 }
@@ -174,29 +176,27 @@ std::string Reader::ReadString() {
 }
 
 std::string_view Reader::ReadPlainCharacters() {
-  std::size_t const start = position;
+  std::string_view const rest = Rest();
+  std::size_t plain = 0;
   while (true) {
-    position += PlainLength(text.substr(position));
-    if (position == text.size()) break;
-    char const next = text[position];
-    if (next == '"' || next == '\\' || static_cast<unsigned char>(next) < 0x20) break;
-    std::size_t const length = Utf8Length(text.substr(position));
-    if (length == 0) break;
-    position += length;
+    plain += PlainLength(rest.substr(plain));
+    std::size_t const length = Utf8Length(rest.substr(plain));
+    if (length < 2)
+      break;  // the end, bytes that are no character, or an ASCII one that is not plain
+    plain += length;
   }
-  return text.substr(start, position - start);
+  position += plain;
+  return rest.substr(0, plain);
 }
 
 void Reader::ReadEscape(std::string& characters) {
-  constexpr std::string_view kLetters = "\"\\/bfnrt";
-  constexpr std::string_view kMeanings = "\"\\/\b\f\n\r\t";
   if (Accept('u')) {
     AppendUtf8(characters, ReadEscapedCodePoint());
     return;
   }
-  std::size_t const letter = kLetters.find(Peek());
-  if (letter == std::string_view::npos) Fail("unknown escape");
-  characters += kMeanings[letter];
+  auto const* const escape = std::ranges::find(kShortEscapes, Peek(), &ShortEscape::letter);
+  if (escape == kShortEscapes.end()) Fail("unknown escape");
+  characters += escape->character;
   ++position;
 }
 
@@ -207,16 +207,16 @@ unsigned long Reader::ReadEscapedCodePoint() {
   if (unit > 0xDBFF || !Accept('\\') || !Accept('u')) Fail("unpaired surrogate");
   unsigned long const low = ReadFourHexDigits();
   if (low < 0xDC00 || low > 0xDFFF) Fail("unpaired surrogate");
-  return 0x10000 + ((unit - 0xD800) << 10) + (low - 0xDC00);
+  constexpr unsigned long kTenBits = 0x3FF;  // the part of each that is not its mark
+  return 0x10000 + ((unit & kTenBits) << 10) + (low & kTenBits);
 }
 
 unsigned long Reader::ReadFourHexDigits() {
   constexpr std::size_t kCount = 4;
-  std::string_view const digits = text.substr(position, kCount);
+  std::string_view const digits = Rest().substr(0, kCount);
   unsigned long value = 0;
-  auto const [end, error] =
-      std::from_chars(digits.data(), digits.data() + digits.size(), value, 16);
-  if (digits.size() < kCount || end != digits.data() + kCount) Fail("bad hexadecimal digits");
+  auto const [end, error] = std::from_chars(digits.begin(), digits.end(), value, 16);
+  if (digits.size() < kCount || end != digits.end()) Fail("bad hexadecimal digits");
   position += kCount;
   return value;
 }
@@ -241,10 +241,9 @@ Value Reader::ReadNumber() {
   if (!Accept('-') && !IsDigit(Peek())) Fail("missing value");
   if (!Accept('0')) SkipDigits();
   bool const whole = !SkipFractionAndExponent();
-  std::string_view const digits = text.substr(start, position - start);
-  int integer = 0;
-  if (whole &&
-      std::from_chars(digits.data(), digits.data() + digits.size(), integer).ec == std::errc()) {
+  auto const digits = std::string_view(text).substr(start, position - start);
+  int integer;
+  if (whole && std::from_chars(digits.begin(), digits.end(), integer).ec == std::errc()) {
     return integer;
   }
   return ToDouble(digits);

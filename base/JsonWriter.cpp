@@ -1,4 +1,5 @@
 // JSON values as text.
+#include <algorithm>
 #include <array>
 #include <charconv>
 #include <cmath>
@@ -112,12 +113,11 @@ void Writer::AppendCharacters(std::string_view characters, bool& replaced) {
 }
 
 void Writer::AppendEscaped(char character) {
-  constexpr std::string_view kSpecial = "\"\\\b\f\n\r\t";
-  constexpr std::string_view kLetters = "\"\\bfnrt";
   constexpr std::string_view kHexDigits = "0123456789abcdef";
   auto const code = static_cast<unsigned char>(character);
-  if (std::size_t const i = kSpecial.find(character); i != std::string_view::npos) {
-    text += {'\\', kLetters[i]};
+  auto const* const escape = std::ranges::find(kShortEscapes, character, &ShortEscape::character);
+  if (escape != kShortEscapes.end()) {
+    text += {'\\', escape->letter};
   } else {  // only control characters are left
     text += {'\\', 'u', '0', '0', kHexDigits[code >> 4], kHexDigits[code & 0xF]};
   }

@@ -6,7 +6,7 @@ namespace Tarvik::Ilog {
 
 // Here, since applications include the header that are compiled without exceptions.
 bool LineBuffer::Grow(std::size_t count) noexcept try {
-  memory.append(count, '\0');
+  memory.resize(memory.size() + count);
   memory.resize(memory.capacity());
   return true;
 } catch (std::exception const&) {

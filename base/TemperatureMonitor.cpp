@@ -48,7 +48,7 @@ void TemperatureMonitor::Stopping() {
 }
 
 void TemperatureMonitor::Read() {
-  int milliCelsius = 0;
+  int milliCelsius;
   ByteFile<std::ifstream> sensor(kSensor);
   bool const known = static_cast<bool>(sensor >> milliCelsius);
   if (known) temperature = milliCelsius / 1000;

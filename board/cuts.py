@@ -33,7 +33,7 @@ from pathlib import Path
 
 from board.ext4 import File, FileSystem
 from board.image import Image, fill
-from board.tools import Failure
+from board.tools import Failure, at_least
 
 SECTOR, PAGE = 512, 4096
 MAGIC, FLUSH, FUA, DISCARD = 0x6A736677736872, 1, 2, 4
@@ -44,6 +44,7 @@ MEMORY = "/dev/shm" if Path("/dev/shm").is_dir() else "/tmp"  # that of a privat
 SIZE, POSITIONS = 100_000, 1024  # bytes of a recording and of its positions
 OLD = range(1, 221)  # recordings that were there before
 CARD_BYTES = 32 << 20
+AT_A_TIME = 2  # files that the library deletes before it looks for room again
 
 # A line of text in this sector, which no file system has, tells in the log how far the board was.
 MARK = 8
@@ -79,10 +80,17 @@ class Write:
         return self.data.decode(errors="replace").strip(" \0") if self.sector == MARK else None
 
 
+def content_or_failure(path: Path) -> bytes:
+    try:
+        return path.read_bytes()
+    except OSError as error:
+        raise Failure(f"{path}: {error.strerror}") from error
+
+
 def read_log(path: Path) -> list[Write]:
     """Returns the writes and flushes in their order."""
-    log = path.read_bytes()
-    magic, version, count, size = struct.unpack_from("<QQQI", log)
+    log = content_or_failure(path)
+    magic, version, _, size = struct.unpack_from("<QQQI", log.ljust(SECTOR, b"\0"))
     if magic != MAGIC or version != 1:
         raise Failure(f"{path} is no log of writes")
     writes, place = [], size
@@ -116,11 +124,12 @@ def recordings_of(before: dict[str, "Recording"], writes: list[Write]) -> dict[s
     """Returns what must be on the card: what it had before, and what the marks in the log tell.
 
     A deletion is told of afterwards. So what is deleted may be gone since what was told before: the
-    last recording was complete, or room began to be made.
+    last recording was complete, or room began to be made. One recording needs no more room than is
+    made at a time: what else goes is deleted without need, and lost.
     """
     recordings = dict(before)
     oldest = sorted({Path(name).stem for name in recordings})
-    last = 0
+    last, deletable = 0, len(oldest)
     for cut, write in enumerate(writes, 1):
         mark = write.mark or ""
         deleted = []
@@ -129,13 +138,14 @@ def recordings_of(before: dict[str, "Recording"], writes: list[Write]) -> dict[s
             recordings[name] = Recording(content_of(name, int(found[2])), cut)
             if name.endswith(".dat"):
                 oldest.append(Path(name).stem)
-                last = cut
+                last, deletable = cut, AT_A_TIME
         elif mark == MAKING_ROOM:
             last = cut
         elif found := re.search(r"Deleted (\d+)", mark):
-            gone = oldest[:int(found[1])]
+            gone = oldest[:min(int(found[1]), deletable)]
             deleted = [stem + extension for stem in gone for extension in (".dat", ".gps")]
             del oldest[:len(gone)]
+            deletable -= len(gone)
         elif mark.startswith(REMOVED):
             deleted = mark.removeprefix(REMOVED).split()
         for name in deleted:
@@ -188,6 +198,7 @@ class Result:
     confirmed: int = 0
     starts: int = 0  # of the library itself
     deleted: int = 0  # files, by those starts
+    codes: list[int] = field(default_factory=list)  # of the checks by those starts
     then: int = 0  # cuts of those starts
     losses: list[Verdict] = field(default_factory=list)
 
@@ -415,10 +426,12 @@ class Cache:
 
 # What is wrong on purpose in starts that must be found out.
 IGNORING_FLUSHES = "a card that ignores flushes"
-REVERSED = "a library that deletes the newest"  # recovery's, as the next two
+REVERSED = "a library that deletes the newest"  # recovery's, as the next three
 UNCHECKED = "a service that does not check what cannot be mounted"
 BLIND = "a library that overlooks a file"
+GREEDY = "a library that deletes more than it needs"
 TORN = "a superblock of which a cut let one sector be written"
+DAMAGED = "a count of links that is wrong"
 SECRETIVE = "a start that does not tell what it deletes"
 
 
@@ -479,13 +492,21 @@ class Run:
 
     @classmethod
     def of(cls, folder: Path) -> "Run":
-        image, writes = (folder / BEFORE).read_bytes(), read_log(folder / LOG)
+        image, writes = content_or_failure(folder / BEFORE), read_log(folder / LOG)
         return cls(image, writes, recordings_of(files_of(image), writes))
 
     def ignoring_flushes(self) -> "Run":
         """Returns what a card would get that ignores most flushes: it loses recordings."""
         writes = [write for number, write in enumerate(self.writes)
                   if not write.flags & FLUSH or number % 7 == 0]
+        return Run(self.image, writes, recordings_of(files_of(self.image), writes))
+
+    def deleting_at_once(self) -> "Run":
+        """Returns what a recorder would tell that deletes all of it for its last recording."""
+        deletions = [write for write in self.writes if "Deleted" in (write.mark or "")]
+        total = sum(int(re.search(r"Deleted (\d+)", write.mark)[1]) for write in deletions)
+        at_once = Write(MARK, f"Deleted {total}".encode().ljust(SECTOR))
+        writes = [write for write in self.writes if write not in deletions] + [at_once]
         return Run(self.image, writes, recordings_of(files_of(self.image), writes))
 
     def at(self, state: State) -> bytes:
@@ -512,13 +533,14 @@ class Run:
 
     def find(self, name: str, cache: Cache | None) -> State:
         """Returns the state of a name; that of a card with a cache has a dot."""
-        if "." not in name:
+        if name.isdecimal() and int(name) <= len(self.writes):
             return State(int(name), int(name))
         if cache is not None:
             for state in cache.states_of(self.writes):
                 if state.name == name:
                     return state
-        raise Failure(f"there is no state {name}")
+        raise Failure(f"a log of {len(self.writes)} writes has no state {name}"
+                      + (" without a cache" if cache is None and "." in name else ""))
 
     def describe(self, verdict: Verdict) -> str:
         write = self.writes[int(verdict.state.split(".")[0]) - 1]
@@ -584,10 +606,22 @@ def main():
     parser.add_argument("--at", metavar="STATE", help="only the cut after that write")
     parser.add_argument("--then", metavar="STATE",
                         help="the cut after that write of the start that followed")
-    parser.add_argument("--cached", type=int, nargs=3, metavar=("SEED", "STATES", "MOMENTS"),
+    parser.add_argument("--cached", type=at_least(0), nargs=3,
+                        metavar=("SEED", "STATES", "MOMENTS"),
                         help="of a card with a cache: so many states of so many moments between "
                              "two flushes")
     options = parser.parse_args()
+    if options.then is not None and options.at is None:
+        parser.error("--then goes with --at")
+    if options.cached and 0 in options.cached[1:]:
+        parser.error("--cached: there must be a state and a moment")
+    try:
+        sys.exit(judge_as_told(options))
+    except Failure as failure:
+        sys.exit(f"board.cuts: {failure}")
+
+
+def judge_as_told(options: argparse.Namespace) -> int:
     run, name = Run.of(options.folder), options.at
     cache = Cache(*options.cached) if options.cached else None
     if options.then is not None:
@@ -602,7 +636,7 @@ def main():
     for loss in result.losses:
         print(run.describe(loss))
     print(f"{result.cuts} cuts, {result.checks} checks, {len(result.losses)} losses")
-    sys.exit(1 if result.losses else 0)
+    return 1 if result.losses or not result.cuts else 0
 
 
 if __name__ == "__main__":

@@ -1,7 +1,9 @@
-"""Running the host's tools."""
+"""Running the host's tools, and being one."""
 
+import argparse
 import os
 import subprocess
+from collections.abc import Callable
 from pathlib import Path
 
 # The tools that make and read file systems are in the system administrator's folders.
@@ -14,6 +16,23 @@ class Failure(Exception):
 
 class Unavailable(Failure):
     """What the board is made of cannot be had on this machine."""
+
+
+def at_least(least: int) -> Callable[[str], int]:
+    """Returns the type of an argument that is a number, and not less than this."""
+    def number(text: str) -> int:
+        if not text.isdecimal() or int(text) < least:
+            raise argparse.ArgumentTypeError(f"{text!r} is no number of {least} or more")
+        return int(text)
+    return number
+
+
+def existing(name: str) -> Path:
+    """The type of an argument that names a file or a folder."""
+    path = Path(name).resolve()
+    if not path.exists():
+        raise argparse.ArgumentTypeError(f"there is no {name}")
+    return path
 
 
 def run(command: list, cwd: Path | None = None, accept: tuple[int, ...] = (0,)) -> str:

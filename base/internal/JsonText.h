@@ -22,4 +22,20 @@ inline std::size_t PlainLength(std::string_view text) {
   return length;
 }
 
+/// A character that has a short escape, and what stands for it behind the backslash.
+struct ShortEscape {
+  char character;
+  char letter;
+};
+
+/// All of them. The solidus has one, but is plain, so that it is read and never written.
+inline constexpr std::array<ShortEscape, 8> kShortEscapes{{{'"', '"'},
+                                                           {'\\', '\\'},
+                                                           {'/', '/'},
+                                                           {'\b', 'b'},
+                                                           {'\f', 'f'},
+                                                           {'\n', 'n'},
+                                                           {'\r', 'r'},
+                                                           {'\t', 't'}}};
+
 }  // namespace Tarvik::Json

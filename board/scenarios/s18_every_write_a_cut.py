@@ -74,7 +74,8 @@ def start_on_host(board: Board):
                           stdin=subprocess.DEVNULL, capture_output=True, text=True)
     told = done.stdout if done.returncode == 0 else done.stdout + done.stderr
     kept = keep(board) if done.returncode == 1 else board.folder
-    for line in told.replace(str(board.folder), str(kept)).splitlines():
+    names = (str(folder.relative_to(ROOT)) for folder in (board.folder, kept))
+    for line in told.replace(*names).splitlines():
         board.note(line)
     expect(done.returncode in (0, CANNOT_RUN), "losses in starts on this machine")
 

@@ -24,12 +24,13 @@ HERE = Path(__file__).resolve().parent
 sys.path[:0] = [str(HERE.parent.parent), str(HERE)]
 sys.dont_write_bytecode = True
 
-from slot import PLACE, LoggedFile, require_private_root, why_nothing_is_logged
+from slot import PLACE, LoggedFile, require_log, require_private_root
 
 # No command may be looked for in /root: its storage cannot answer while Python starts a process.
 os.environ["PATH"] = "/usr/sbin:/usr/bin:/sbin:/bin"
 
 STORAGE, ROOT = Path("/run/storage"), Path("/root")
+BUILD = Path("/run/build")  # seen here, too, since the project may lie below /root
 COUNTER = ROOT / "system.dat"
 MOST_LOOPS = 64
 LATE = 5  # seconds after which what was written arrives at the latest
@@ -72,8 +73,9 @@ class Device:
         run("mount", "--bind", STORAGE / "root", ROOT)
         self._storage.mark(f"holds {COUNTER.read_text() if COUNTER.exists() else None!r}")
         restarts = found = False
+        environment = {**os.environ, "LD_LIBRARY_PATH": str(BUILD), "GCOV_PREFIX": "/dev/null"}
         with subprocess.Popen(self._program, stdin=subprocess.PIPE, stdout=subprocess.PIPE,
-                              text=True, bufsize=1) as process:
+                              text=True, bufsize=1, env=environment) as process:
             for line in process.stdout:
                 words = line.split()
                 if words[0] == "step":
@@ -145,6 +147,14 @@ def run(*command):
     subprocess.run(command, check=True)
 
 
+def shown_elsewhere(program: str) -> str:
+    """Returns a path of the program, and of the libraries beside it, that stays."""
+    build = Path(program).parents[2]
+    BUILD.mkdir()
+    run("mount", "--bind", build, BUILD)
+    return str(BUILD / Path(program).relative_to(build))
+
+
 def unmount(place: Path):
     """By the system call alone: the command would complain that the loop device is gone, too."""
     libc = ctypes.CDLL(None, use_errno=True)
@@ -155,15 +165,13 @@ def unmount(place: Path):
 def main():
     folder, name, mode, *program = sys.argv[1:]
     require_private_root()
-    if reason := why_nothing_is_logged():
-        print(f"skipped: {reason}")
-        sys.exit(77)
+    require_log()
     for number in range(MOST_LOOPS):
         if not Path(f"/dev/loop{number}").exists():
             os.mknod(f"/dev/loop{number}", 0o60600, os.makedev(7, number))
     STORAGE.mkdir()
     storage = Storage(Path(folder, f"{name}.img").read_bytes())
-    device = Device(storage, mode, program)
+    device = Device(storage, mode, [shown_elsewhere(program[0]), *program[1:]])
     starts = count(1)
     with storage.log(Path(folder, f"{name}.log")):
         while device.start() and next(starts) < MOST_STARTS:

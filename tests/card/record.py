@@ -16,7 +16,7 @@ sys.path[:0] = [str(HERE.parent.parent), str(HERE)]
 sys.dont_write_bytecode = True
 
 from board.cuts import BEFORE, LOG, SIZE
-from slot import LoggedFile, Slot, require_private_root, why_nothing_is_logged
+from slot import LoggedFile, Slot, require_log, require_private_root
 
 
 def record(card: LoggedFile, recorder: str, files: int):
@@ -42,9 +42,7 @@ def record(card: LoggedFile, recorder: str, files: int):
 def main():
     folder, recorder, files = Path(sys.argv[1]), sys.argv[2], int(sys.argv[3])
     require_private_root()
-    if reason := why_nothing_is_logged():
-        print(f"skipped: {reason}")
-        sys.exit(77)
+    require_log()
     card = LoggedFile((folder / BEFORE).read_bytes())
     Path("/root/bin").mkdir(exist_ok=True)
     stand_in = Path("/root/bin/reboot")

@@ -46,6 +46,13 @@ def why_nothing_is_logged() -> str | None:
     return None
 
 
+def require_log():
+    """Ends the program as a skipped test where nothing can be logged."""
+    if reason := why_nothing_is_logged():
+        print(f"skipped: {reason}")
+        sys.exit(77)
+
+
 class PlainFile:
     """A file in memory."""
 

@@ -9,6 +9,7 @@ writes of each start are logged and are cuts, too; the log of a start with a los
 """
 
 import json
+import math
 import os
 import random
 import shutil
@@ -22,13 +23,15 @@ HERE = Path(__file__).resolve().parent
 sys.path[:0] = [str(HERE.parent.parent), str(HERE)]
 sys.dont_write_bytecode = True
 
-from board.cuts import (BLIND, IGNORING_FLUSHES, MAKING_ROOM, REMOVED, REVERSED, SECRETIVE, TORN,
-                        UNCHECKED, Card, Result, Run, Starts, State, Verdict, files_of, judge,
-                        judge_states, start_log)
+from board.cuts import (AT_A_TIME, BLIND, DAMAGED, GREEDY, IGNORING_FLUSHES, MAKING_ROOM, REMOVED,
+                        REVERSED, SECRETIVE, SECTOR, TORN, UNCHECKED, Card, Result, Run, Starts,
+                        State, Verdict, files_of, judge, judge_states, start_log)
+from board.image import Image
 from slot import LoggedFile, PlainFile, Slot, require_private_root, why_nothing_is_logged
 
 FOLDER = Path("/mnt/sdcard/cr")
 ROOM = 250_000  # bytes, more than two recordings have
+RESERVE = 0.055  # of a card, which is not counted as free
 NEVER_DELETED = (".gps", ".log")
 SUPERBLOCK = 1024 + 44  # the time of the last mount, in the first of two sectors
 
@@ -37,11 +40,13 @@ class Recovery:
     """The library's own start; it goes on when it is told to."""
 
     def __init__(self, program: str, control: str):
-        mistakes = {REVERSED: ["reversed"], BLIND: ["blind"], UNCHECKED: ["unchecked"]}
+        mistakes = {REVERSED: ["reversed"], BLIND: ["blind"], GREEDY: ["greedy"],
+                    UNCHECKED: ["unchecked"]}
         command = [program, str(ROOM), *mistakes.get(control, [])]
         self._process = subprocess.Popen(command, stdin=subprocess.PIPE, text=True,
                                          stdout=subprocess.PIPE, stderr=subprocess.DEVNULL)
         self.last = deque(maxlen=10)
+        self.codes = []  # of the checks
 
     def catalogue(self, step: str) -> list[str] | None:
         """Returns the catalogue told before a step's end; None if the program ends before that."""
@@ -50,6 +55,8 @@ class Recovery:
             self.last.append(line.strip())
             if line.startswith("file "):
                 names.append(line.split()[1])
+            if line.startswith("checked "):
+                self.codes.append(int(line.split()[1]))
             if line.strip() == step:
                 return names
         return None
@@ -70,12 +77,34 @@ class Recovery:
         self._process.__exit__(*unused)  # after a failure it gets no further line, and ends
 
 
-def oldest_went(before: list[str], times: dict[str, float], after: list[str]) -> bool:
+def oldest_went(before: list[str], files: dict[str, os.stat_result], after: list[str]) -> bool:
     """Tells whether files are gone, and those are the oldest of what may be deleted."""
     deleted = set(before) - set(after)
-    kept = [times[name] for name in after if not name.endswith(NEVER_DELETED)]
+    kept = [files[name].st_mtime for name in after if not name.endswith(NEVER_DELETED)]
     return (bool(deleted) and not any(name.endswith(NEVER_DELETED) for name in deleted)
-            and max(times[name] for name in deleted) <= min(kept))
+            and max(files[name].st_mtime for name in deleted) <= min(kept, default=math.inf))
+
+
+def most_to_delete(before: list[str], files: dict[str, os.stat_result]) -> int:
+    """Returns how many of the files, from the oldest on, make room on the card as it is now."""
+    card = os.statvfs(FOLDER)
+    missing = ROOM + max(card.f_blocks * RESERVE - card.f_bfree, 0) * card.f_frsize
+    needed = 0
+    for name in before:
+        if missing < 0:
+            break
+        if not name.endswith(NEVER_DELETED):
+            missing -= files[name].st_blocks * SECTOR
+            needed += 1
+    return -(-needed // AT_A_TIME) * AT_A_TIME
+
+
+def damaged(content: bytes) -> bytes:
+    """Returns a card that mounts, and has something that the check repairs."""
+    image = Image(Path("/tmp/damaged.img"), 0)
+    image.path.write_bytes(content)
+    image.debugfs("set_inode_field cr links_count 9", write=True)
+    return image.path.read_bytes()
 
 
 def forget_start():
@@ -94,11 +123,12 @@ def start(recovery: Recovery, run: Run, state: State, mark) -> tuple[int, list[s
     before = recovery.catalogue("loaded")
     if before is None:
         return 0, ["the library refuses the card: " + " | ".join(recovery.last)]
-    times = {file.name: file.stat().st_mtime for file in FOLDER.iterdir()}
-    contents = {name: (FOLDER / name).read_bytes() for name in times}
+    files = {file.name: file.stat() for file in FOLDER.iterdir()}
+    contents = {name: (FOLDER / name).read_bytes() for name in files}
     wrong = [verdict.what for verdict in judge(0, contents, run.recordings, state)]
-    if differing := set(before) ^ set(times):
+    if differing := set(before) ^ set(files):
         wrong.append(f"the catalogue is not what the directory holds: {differing}")
+    most = most_to_delete(before, files)
     mark(MAKING_ROOM)
     recovery.go_on()
     after = recovery.catalogue("room")
@@ -108,8 +138,10 @@ def start(recovery: Recovery, run: Run, state: State, mark) -> tuple[int, list[s
         wrong.append("once room was made, the catalogue is not what the directory holds: "
                      f"{differing}")
     deleted = set(before) - set(after)
-    if not oldest_went(before, times, after):
+    if not oldest_went(before, files, after):
         wrong.append(f"it is not the oldest that went: {deleted}")
+    if len(deleted) > most:
+        wrong.append(f"{len(deleted)} files were deleted, and room needs {most}")
     mark(REMOVED + " ".join(deleted))
     recovery.go_on()
     if not recovery.end():
@@ -158,7 +190,7 @@ class Tests:
             with card.in_state(state, run.writes):
                 if starts.control in (TORN, UNCHECKED):
                     card.now[SUPERBLOCK] ^= 1
-                self._slot.put(card.now)
+                self._slot.put(damaged(card.now) if starts.control == DAMAGED else card.now)
             self._start(run, state, starts, result)
         return result
 
@@ -176,6 +208,7 @@ class Tests:
         if self._logged and losses and not starts.control:
             shutil.copy(log, self._folder / start_log(state.name))
         result.starts += 1
+        result.codes += recovery.codes
         result.deleted += deleted
         result.losses += losses
 

@@ -55,6 +55,12 @@ int pthread_create(pthread_t* thread, pthread_attr_t const* attributes, void* (*
   return error != 0 ? error : next(thread, attributes, start, argument);
 }
 
+int pthread_join(pthread_t thread, void** result) {
+  static auto* const next = TheReal<int(pthread_t, void**)>("pthread_join");
+  if (auto const* const hook = InForce(&ThreadHooks::join)) (*hook)();
+  return next(thread, result);
+}
+
 int pthread_mutex_lock(pthread_mutex_t* mutex) noexcept {
   static auto* const next = TheReal<int(pthread_mutex_t*)>("pthread_mutex_lock");
   return Locked(&ThreadHooks::lock, next, mutex);

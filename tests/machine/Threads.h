@@ -21,6 +21,8 @@ struct ThreadHooks {
 
   /// The error number of a failure to make a thread, or 0 for one that goes on.
   std::function<int()> create;
+  /// What happens first where a thread is joined.
+  std::function<void()> join;
   /// What taking a lock returns.
   std::function<std::optional<int>(pthread_mutex_t const*)> lock;
   std::function<std::optional<int>(pthread_mutex_t const*)> tryLock;

@@ -131,7 +131,7 @@ def other_result(source: str, cursor: Cursor, children: list[Cursor]):
         return
     start, end = span(children[0])
     result, text = children[0].type.get_canonical().kind, source[start:end]
-    if re.fullmatch(r"\w+|\{\}", text) and (text in OPERATORS or text[0] in "0123456789{"):
+    if re.fullmatch(r"true|false|[0-9]\w*|\{\}|std::nullopt", text):
         return  # a literal, or nothing already
     if result == TypeKind.BOOL:
         yield from negated(source, children[0])

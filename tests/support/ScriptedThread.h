@@ -43,6 +43,8 @@ class ScriptedThread : public Tarvik::Interfaces::IThread {
   static int Created() { return created; }
   /// While set, the system has no thread to give.
   static void Fail(int error) { failure = error; }
+  /// What else becomes of threads and locks; `create` is taken.
+  static Machine::ThreadHooks& Hooks() { return creation; }
 
  protected:
   void RunBefore() override {
@@ -79,5 +81,5 @@ class ScriptedThread : public Tarvik::Interfaces::IThread {
       };
     }
   };
-  static inline Creation const creation;
+  static inline Creation creation;
 };

@@ -7,12 +7,14 @@
 #include <ctime>
 #include <functional>
 #include <limits>
+#include <optional>
 #include <string>
 #include <thread>
 #include <utility>
 #include <vector>
 
 #include "tests/machine/Machine.h"
+#include "tests/machine/Threads.h"
 #include "tests/support/ChildProcess.h"
 #include "tests/support/Scoped.h"
 
@@ -113,9 +115,15 @@ TEST_F(Date, ManyThreadsMayAskAtOnce) {
   for (auto& thread : threads) thread.join();
 }
 
-// As a handler of a signal does that interrupts the thread.
+// As a handler of a signal does that interrupts the thread. The fork would wait in vain for a lock
+// that its own thread holds.
 TEST_F(Date, AForkOfTheThreadThatAsksStopsNeitherParentNorChild) {
   pid_t child = -1;
+  Machine::ThreadHooks threads;
+  threads.tryLock = [](auto&&...) {
+    ADD_FAILURE() << "the fork asks for a lock";
+    return std::nullopt;
+  };
   ChildProcess::EndInTime();
   Machine::hooks().localTime = [&, asked = false]() mutable {
     if (std::exchange(asked, true)) return;

@@ -227,6 +227,16 @@ TEST_P(DiskScanInPlaceOfTheTestFile, IsNotOpenedWhenItsRemovalIsOnlyPretended) {
   EXPECT_EQ(opened, 0);
 }
 
+TEST_P(DiskScanInPlaceOfTheTestFile, IsAMalfunctionThoughTheCheckLeavesAFileThere) {
+  Put();
+  hooks().unlink = [](auto&&) { return Answer::Failure(EPERM); };
+  card.duringCheck = [] {
+    Machine::RemoveFile(FakeCard::kTestFile);
+    Machine::MakeFile(FakeCard::kTestFile, "");
+  };
+  EXPECT_EQ(Scan(), "disk malfunction");
+}
+
 TEST_P(DiskScanInPlaceOfTheTestFile, IsNotTakenForItAfterTheCheck) {
   card.duringCheck = [] {
     Machine::RemoveFile(FakeCard::kTestFile);

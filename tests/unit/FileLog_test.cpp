@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <filesystem>
 #include <fstream>
@@ -36,6 +37,7 @@ ssize_t RealWrite(int fd, void const* data, std::size_t length) {
 }
 
 namespace fs = std::filesystem;
+using namespace std::chrono_literals;
 using LogFile::kOlderPath;
 using LogFile::kPath;
 using Tarvik::Ilog::FileLogPolicy;
@@ -258,14 +260,16 @@ TEST_F(FileLog, IsNotTrustedWhenItsSizeCannotBeRead) {
 
 TEST_F(FileLog, ALineThatDoesNotFitOnTheDiskLeavesNoFragment) {
   EXPECT_TRUE(policy.Write("whole\n"));
-  int calls = 0;
-  OnWrite([&](int fd, char const* data, std::size_t) -> std::optional<ssize_t> {
-    if (++calls == 1) return RealWrite(fd, data, 5);
-    errno = ENOSPC;
-    return -1;
-  });
-  EXPECT_FALSE(policy.Write("does not fit\n"));
-  EXPECT_EQ(LogFile::Text(), "whole\n");
+  for (std::size_t const fits : {1, 5}) {
+    int calls = 0;
+    OnWrite([&](int fd, char const* data, std::size_t) -> std::optional<ssize_t> {
+      if (++calls == 1) return RealWrite(fd, data, fits);
+      errno = ENOSPC;
+      return -1;
+    });
+    EXPECT_FALSE(policy.Write("does not fit\n"));
+    EXPECT_EQ(LogFile::Text(), "whole\n");
+  }
   Machine::hooks().write = nullptr;
   EXPECT_TRUE(policy.Write("back\n"));
   EXPECT_EQ(LogFile::Text(), "whole\nback\n");
@@ -291,9 +295,18 @@ TEST_F(FileLog, AFragmentWithAnotherLineBehindItStaysAndTheNextLineBeginsAnew) {
 }
 
 TEST_F(FileLog, WhatAPowerCutLeftOfALineIsEndedBeforeTheNext) {
-  Machine::MakeFile(kPath, "whole\nfragm");
+  for (std::string const left : {"whole\nfragm", "f"}) {
+    Machine::MakeFile(kPath, left);
+    EXPECT_TRUE(FileLogPolicy().Write("next\n"));
+    EXPECT_EQ(LogFile::Text(), left + "\nnext\n");
+  }
+}
+
+TEST_F(FileLog, GivesALineWithoutAnEndThreeMillisecondsToGetIt) {
+  Machine::MakeFile(kPath, "fragm");
   EXPECT_TRUE(policy.Write("next\n"));
-  EXPECT_EQ(LogFile::Text(), "whole\nfragm\nnext\n");
+  EXPECT_THAT(Machine::Traced("sleep"),
+              testing::AllOf(testing::SizeIs(3), testing::Each(Machine::Sleep(1ms))));
 }
 
 TEST_F(FileLog, DeletedByOthersItIsThereAgainASecondLater) {
@@ -327,7 +340,7 @@ TEST_F(FileLog, ReplacedByOthersItIsTheirFileASecondLater) {
 
 TEST_F(FileLog, IsNotAskedForItsPlaceWithEveryLine) {
   Machine::hooks().now = 100;
-  EXPECT_TRUE(policy.Write("first\n"));
+  EXPECT_TRUE(policy.Write(std::string(47, 'x') + "\n"));  // and 20 lines make 2 KiB
   int looks = 0;
   Machine::hooks().lstat = [&](auto const&, struct stat*) {
     ++looks;
@@ -471,6 +484,42 @@ TEST_F(FileLog, WaitsForTheTurnToOpenItAndWithALineTheMarksLeaveNoRoomFor) {
   EXPECT_TRUE(policy.Write(Lines(kMark - 12)));
   EXPECT_FALSE(turn.IsOpen());
   EXPECT_EQ(Older(), "first\nshort\n") << "with its turn it keeps to the mark";
+}
+
+TEST_F(FileLog, WaitsTwentyMillisecondsForTheTurnAndNoLonger) {
+  Tarvik::UniqueFd const turn = TakeTheTurn();
+  EXPECT_TRUE(policy.Write("first\n"));
+  EXPECT_THAT(Machine::Traced("sleep"),
+              testing::AllOf(testing::SizeIs(20), testing::Each(Machine::Sleep(1ms))));
+}
+
+/// Whether a line waits for the turn, which another process has until somebody waits.
+bool WaitsForTheTurn(FileLogPolicy& policy, std::string const& line) {
+  Tarvik::UniqueFd turn = TakeTheTurn();
+  Machine::hooks().sleep = [&](auto&&) { turn = Tarvik::UniqueFd(); };
+  EXPECT_TRUE(policy.Write(line));
+  Machine::hooks().sleep = nullptr;
+  return !turn.IsOpen();
+}
+
+TEST_F(FileLog, WaitsForTheTurnWhereItWasDeletedOrHasNoRoom) {
+  Machine::hooks().now = 100;
+  EXPECT_TRUE(policy.Write("first\n"));
+  Machine::hooks().now = 101;
+  EXPECT_FALSE(WaitsForTheTurn(policy, "there is room\n"));
+  fs::remove(Machine::Real(kPath));
+  EXPECT_TRUE(WaitsForTheTurn(policy, "another file\n"));
+  EXPECT_EQ(LogFile::Text(), "another file\n");
+  fs::resize_file(Machine::Real(kPath), kUpperMark);
+  Machine::hooks().now = 102;
+  EXPECT_TRUE(WaitsForTheTurn(policy, "a new file\n"));
+  EXPECT_EQ(LogFile::Text(), "a new file\n");
+}
+
+TEST_F(FileLog, WaitsForTheTurnWithALineLongerThanAProcessMayWriteUnchecked) {
+  EXPECT_TRUE(policy.Write("first\n"));
+  EXPECT_FALSE(WaitsForTheTurn(policy, Lines(2048)));
+  EXPECT_TRUE(WaitsForTheTurn(policy, Lines(2049)));
 }
 
 TEST_F(FileLog, KeepsTheOlderOneThoughALineFillsANewFileAlone) {

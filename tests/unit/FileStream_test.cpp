@@ -163,11 +163,12 @@ TEST_F(FileStream, CloseWithoutAStreamDoesNothing) {
   EXPECT_EQ(file->stream, nullptr);
 }
 
-TEST_F(FileStream, CloseThatCannotFlushSetsTheFailFlag) {
+TEST_F(FileStream, CloseThatCannotFlushSetsTheFlagsOfThat) {
   auto const file = FileAt("/dev/full", true);
   Put(*file, "lost");
   file->Close();
   EXPECT_TRUE(file->stream->fail());
+  EXPECT_TRUE(file->stream->bad()) << "as after a flush that fails";
   EXPECT_FALSE(file->stream->is_open());
 }
 
@@ -430,6 +431,7 @@ TEST(FileStreamOfTheCLibrary, WritesBytes) {
   char bytes[] = {'a', '\0', 'b', 'c'};
   EXPECT_EQ(Written([&](FILE* file) { EXPECT_TRUE(Ifile::Write(bytes, 3, file)); }),
             std::string("a\0b", 3));
+  EXPECT_EQ(Written([&](FILE* file) { EXPECT_TRUE(Ifile::Write(bytes, 1, file)); }), "a");
   EXPECT_EQ(Written([&](FILE* file) { EXPECT_TRUE(Ifile::Write(bytes, 0, file)); }), "");
 }
 

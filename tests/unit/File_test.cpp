@@ -9,6 +9,7 @@
 #include <chrono>
 #include <filesystem>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -287,6 +288,17 @@ TEST_F(File, RemoveIfBiggerThanWorksOnAPathToo) {
   Ifile::RemoveIfBiggerThan(path, 100);
   EXPECT_TRUE(Exists());
   MakeOfSize(100);
+  Ifile::RemoveIfBiggerThan(path, 100);
+  EXPECT_FALSE(Exists());
+}
+
+TEST_F(File, RemoveIfBiggerThanDoesNotOpenTheFile) {
+  MakeOfSize(100);
+  Machine::hooks().fault = [](Machine::Call const& call) -> std::optional<int> {
+    EXPECT_THAT(call.function, testing::Not(testing::HasSubstr("open")));
+    return std::nullopt;
+  };
+  std::string path = kPath;
   Ifile::RemoveIfBiggerThan(path, 100);
   EXPECT_FALSE(Exists());
 }

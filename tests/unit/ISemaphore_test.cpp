@@ -4,11 +4,15 @@
 #include <gtest/gtest.h>
 #include <semaphore.h>
 
+#include <array>
 #include <atomic>
 #include <cerrno>
 #include <chrono>
+#include <cstddef>
 #include <ctime>
 #include <functional>
+#include <memory>
+#include <new>
 #include <optional>
 #include <thread>
 #include <vector>
@@ -51,6 +55,18 @@ class ISemaphore : public testing::Test {
 
 TEST_F(ISemaphore, BeginsAtZero) {
   EXPECT_FALSE(semaphore.TryWait());
+}
+
+TEST_F(ISemaphore, BeginsAtZeroWhateverItsMemoryHeldBefore) {
+  using Semaphore = Tarvik::Interfaces::ISemaphore;
+  alignas(Semaphore) std::array<std::byte, sizeof(Semaphore)> memory;
+  memory.fill(std::byte{0xFF});
+  auto* const made = new (memory.data()) Semaphore;
+  EXPECT_FALSE(made->TryWait());
+  made->Notify();
+  EXPECT_TRUE(made->TryWait());
+  EXPECT_FALSE(made->TryWait());
+  std::destroy_at(made);
 }
 
 TEST_F(ISemaphore, CountsItsNotifications) {
@@ -167,6 +183,19 @@ TEST_F(ISemaphore, ALimitBelowZeroIsOneOfZero) {
        {-1ms, std::chrono::milliseconds(-1h), std::chrono::milliseconds::min()}) {
     timespec const deadline = Deadline({100, 5}, limit);
     EXPECT_EQ(deadline.tv_sec, 100);
+    EXPECT_EQ(deadline.tv_nsec, 5);
+  }
+}
+
+TEST_F(ISemaphore, ALimitIsAYearAtMost) {
+  constexpr std::chrono::hours kYear(24 * 365);
+  for (auto const limit : {kYear - 1ms, kYear + 0ms}) {
+    timespec const deadline = Deadline({100, 0}, limit);
+    EXPECT_EQ(deadline.tv_sec * 1s + deadline.tv_nsec * 1ns, 100s + limit);
+  }
+  for (auto const limit : {kYear + 1ms, std::chrono::milliseconds::max()}) {
+    timespec const deadline = Deadline({100, 5}, limit);
+    EXPECT_EQ(deadline.tv_sec * 1s, 100s + kYear);
     EXPECT_EQ(deadline.tv_nsec, 5);
   }
 }

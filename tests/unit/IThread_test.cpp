@@ -3,17 +3,21 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <pthread.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <memory>
+#include <optional>
 #include <semaphore>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "tests/support/ChildProcess.h"
 #include "tests/support/LogFile.h"
+#include "tests/support/Scoped.h"
 #include "tests/support/ScriptedThread.h"
 
 namespace {
@@ -268,6 +272,96 @@ TEST(IThread, ThatRunsMayBeDestroyedInAChildOfItsProcess) {
     thread.reset();
   });
   end.release();
+}
+
+TEST(IThread, OfItsParentIsNotJoinedByAChild) {
+  ScriptedThread thread;
+  std::binary_semaphore running(0);
+  std::binary_semaphore end(0);
+  thread.run = [&] {
+    running.release();
+    end.acquire();
+    thread.Cancel();
+  };
+  int joined = 0;
+  Scoped::AtEnd const none([] { ScriptedThread::Hooks().join = nullptr; });
+  ScriptedThread::Hooks().join = [&] { ++joined; };
+  thread.Start();
+  running.acquire();
+  ChildProcess::Run([&] {
+    ChildProcess::EndInTime();
+    thread.Join();
+    EXPECT_EQ(joined, 0);
+  });
+  end.release();
+  thread.Join();
+  EXPECT_EQ(joined, 1);
+}
+
+TEST(IThread, ThatAnotherThreadUsesAtAForkMayBeUsedInTheChild) {
+#if defined(__SANITIZE_THREAD__)
+  GTEST_SKIP() << "the race detector takes the lock for the other thread's in the child, too";
+#endif
+  ScriptedThread thread;
+  thread.run = [&] { thread.Cancel(); };
+  static thread_local bool isUser = false;
+  std::binary_semaphore locked(0);
+  std::binary_semaphore end(0);
+  Scoped::AtEnd const none([] { ScriptedThread::Hooks().unlock = nullptr; });
+  ScriptedThread::Hooks().unlock = [&](auto&&...) {
+    if (!std::exchange(isUser, false)) return;
+    locked.release();
+    end.acquire();
+  };
+  std::thread user([&] {
+    isUser = true;
+    thread.Cancel();
+  });
+  locked.acquire();
+  for (auto const use : {&IThread::Start, &IThread::Cancel, &IThread::Join}) {
+    ChildProcess::Run([&] {
+      ChildProcess::EndInTime();
+      (thread.*use)();
+      thread.Join();
+      EXPECT_EQ(thread.Count("run"), use == &IThread::Start ? 1 : 0);
+    });
+  }
+  end.release();
+  user.join();
+}
+
+TEST(IThread, ThatAnotherThreadWaitsForAtAForkMayBeDestroyedInTheChild) {
+  auto thread = std::make_unique<ScriptedThread>();
+  std::binary_semaphore running(0);
+  std::binary_semaphore end(0);
+  thread->run = [&] {
+    running.release();
+    end.acquire();
+    thread->Cancel();
+  };
+  static thread_local bool isJoiner = false;
+  std::binary_semaphore locked(0);
+  Scoped::AtEnd const none([] { ScriptedThread::Hooks().lock = nullptr; });
+  ScriptedThread::Hooks().lock = [&](pthread_mutex_t const* mutex) -> std::optional<int> {
+    if (!std::exchange(isJoiner, false)) return std::nullopt;
+    int const result = pthread_mutex_lock(const_cast<pthread_mutex_t*>(mutex));
+    locked.release();
+    return result;
+  };
+  thread->Start();
+  running.acquire();
+  std::thread joiner([&] {
+    isJoiner = true;
+    thread->Join();
+  });
+  locked.acquire();
+  thread->Start();  // does nothing, but has the lock only once the joiner waits
+  ChildProcess::Run([&] {
+    ChildProcess::EndInTime();
+    thread.reset();
+  });
+  end.release();
+  joiner.join();
 }
 
 TEST(IThread, SeveralThreadsMayJoin) {

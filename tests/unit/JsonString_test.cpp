@@ -5,9 +5,11 @@
 #include <cmath>
 #include <limits>
 #include <string>
+#include <string_view>
 
 #include "base/IException.h"
 #include "base/Json.h"
+#include "tests/machine/Allocation.h"
 #include "tests/support/GroupedNumbers.h"
 
 namespace {
@@ -87,6 +89,14 @@ TEST(JsonString, BadEscapesAreRefused) {
   for (auto const& [characters, fault] : table) EXPECT_EQ(Fault(characters), fault) << characters;
 }
 
+TEST(JsonString, NoOtherCharacterIsEscaped) {
+  for (int code = 0; code < 0x100; ++code) {
+    char const character = static_cast<char>(code);
+    if (std::string_view("\"\\/bfnrtu").find(character) != std::string_view::npos) continue;
+    EXPECT_EQ(Fault({'\\', character}), "unknown escape at byte 2") << code;
+  }
+}
+
 TEST(JsonString, SurrogatesComeInPairsOnly) {
   struct {
     char const* characters;
@@ -102,6 +112,7 @@ TEST(JsonString, SurrogatesComeInPairsOnly) {
       {R"(\uD800\u00)", "bad hexadecimal digits at byte 9"},
       {R"(\uDC00)", "unpaired surrogate at byte 7"},
       {R"(\uDFFF\uD800)", "unpaired surrogate at byte 7"},
+      {R"(\uDC00\uDC00)", "unpaired surrogate at byte 7"},
   };
   for (auto const& [characters, fault] : table) EXPECT_EQ(Fault(characters), fault) << characters;
 }
@@ -243,6 +254,19 @@ TEST(JsonString, ValuesAreWrittenOnOneLineWithoutBlanksKeysAscending) {
   object["empty"] = Object();
   EXPECT_EQ(Serialize(Value(object)),
             R"({"empty":{},"f":"30.4|B140","list":[null,true,false,[]],"zf":0,"zs":29.8125})");
+}
+
+// The text's memory is all that it takes.
+TEST(JsonString, ValuesAreWrittenWithoutACopyOfThem) {
+  Object object;
+  object["a key too long to be held in a string itself"] = "and so is its text, that takes memory";
+  object["number"] = 29.8125;
+  Machine::FailingAllocation const second(2);
+  std::string const text = object.ToText();
+  EXPECT_FALSE(Machine::FailingAllocation::Happened());
+  EXPECT_EQ(text,
+            R"({"a key too long to be held in a string itself":"and so is its text, that takes )"
+            R"(memory","number":29.8125})");
 }
 
 TEST(JsonString, IntegersAreWrittenInDecimal) {

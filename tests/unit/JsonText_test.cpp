@@ -61,6 +61,7 @@ TEST(JsonText, AllThatIsJsonIsTakenAndMeansTheSameInShort) {
       {" [ 1 , [ ] , { } ] ", "[1,[],{}]"},
       {"{\"b\":1,\"a\":2}", "{\"a\":2,\"b\":1}"},
       {"{ \"a\" : { \"b\" : [ null , true ] } }", "{\"a\":{\"b\":[null,true]}}"},
+      {"{ \"a\" : 1 , \"b\" : 2 }", "{\"a\":1,\"b\":2}"},
       {"{\"a\":1,\"a\":2}", "{\"a\":2}"},
       {"{\"\":0}", "{\"\":0}"},
       {"{\n  \"sdcard-status-conter\": 2\n}\n", "{\"sdcard-status-conter\":2}"},

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <chrono>
 #include <functional>
 #include <mutex>
 #include <semaphore>
@@ -120,6 +121,17 @@ TEST_F(LoggerLine, TakesTextFromItsOwnThreadOnly) {
   sink.EndLine();
   EXPECT_THAT(LogFile::Text(), EndsWith("]own\n"));
   EXPECT_EQ(LogFile::SplitLines(LogFile::Text()).size(), 1U);
+}
+
+TEST_F(LoggerLine, IsCompletedByItsOwnThreadOnly) {
+  FileSink sink;
+  sink.WriteHeader(Info);
+  sink << "own\n";
+  std::thread([&] { sink.CheckEndOfStream(); }).join();
+  EXPECT_THAT(signals, IsEmpty());
+  EXPECT_EQ(LogFile::Text(), "");
+  sink.CheckEndOfStream();
+  EXPECT_THAT(LogFile::Text(), EndsWith("]own\n"));
 }
 
 TEST_F(LoggerLine, IsOverAfterItsEnd) {
@@ -389,6 +401,20 @@ TEST_F(LoggerLine, FlushWaitsForTheLinesUnderWay) {
     logger.Flush();
     EXPECT_THAT(LogFile::Text(), EndsWith("]flushed\n"));
     owner.join();
+  });
+}
+
+TEST_F(LoggerLine, FlushWaitsForALineOnOneSinkAlone) {
+  auto const waitsFor = [](auto& sink) {
+    sink.WriteHeader(Info);
+    bool const through =
+        LogFile::AnotherThreadGetsThrough([] { logger.Flush(); }, std::chrono::milliseconds(50));
+    sink.EndLine();
+    return !through;
+  };
+  Capture::Output([&] {
+    EXPECT_TRUE(waitsFor(*logger.fileSink));
+    EXPECT_TRUE(waitsFor(*logger.consoleSink));
   });
 }
 

@@ -82,6 +82,20 @@ TEST_F(LoggerLock, ThatFailsForTheConsoleLeavesTheFileFreeAndWithoutTheLine) {
   ExpectNextLineAlone();
 }
 
+TEST_F(LoggerLock, IsNotAskedForByASecondLineOfItsThread) {
+  logger.fileSink->WriteHeader(Info);
+  Fail(*logger.fileSink);
+  try {
+    logger.BeginLine(Info);
+    ADD_FAILURE() << "a line within a line";
+  } catch (std::system_error const& e) {
+    EXPECT_EQ(e.code(), std::errc::resource_deadlock_would_occur);
+  }
+  failing = {};
+  logger.fileSink->EndLine();
+  EXPECT_TRUE(LogFile::IsFree());
+}
+
 TEST_F(LoggerLock, IsNotAskedForWhileTheSinkIsDisabled) {
   FileSink sink;
   sink.enabled = false;

@@ -48,6 +48,25 @@ TEST_F(LoggerMemory, ALineWithoutMemoryForItsEndIsLostAndItsSinkIsFree) {
   EXPECT_GT(lost, 0);
 }
 
+TEST_F(LoggerMemory, ATextThatThereIsNoMemoryForSpoilsTheRestOfItsLineOnly) {
+  FileSink sink;
+  std::string const text(5000, 'x');
+  sink.WriteHeader(Info);
+  sink << "kept";
+  {
+    Machine::FailingAllocation const failing(1);
+    sink << text;
+    EXPECT_TRUE(Machine::FailingAllocation::Happened());
+  }
+  sink << "would look like what follows";
+  sink.EndLine();
+  EXPECT_THAT(LogFile::Text(), EndsWith("]kept\n"));
+  sink.WriteHeader(Info);
+  sink << text;
+  sink.EndLine();
+  EXPECT_THAT(LogFile::Text(), EndsWith("]" + text + "\n"));
+}
+
 TEST_F(LoggerMemory, TheMemoryOfAUsualLineIsKeptAndThatOfALongOneGivenBack) {
   FileSink sink;
   auto const needsMemory = [&sink](std::size_t length) {

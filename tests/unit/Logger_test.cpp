@@ -6,6 +6,7 @@
 
 #include <iomanip>
 #include <limits>
+#include <sstream>
 #include <string>
 
 #include "base/TemperatureMonitor.h"
@@ -252,7 +253,7 @@ TEST_F(Logger, HowOneLineShowsNumbersDoesNotReachTheNext) {
   BoardHas(41);
   EXPECT_EQ(Logged([] {
               LogLine(Info) << std::hex << 255 << std::setprecision(2) << std::fixed << 0.125
-                            << std::setfill('0') << std::setw(4) << 1;
+                            << std::setfill('0') << std::setw(4) << 1 << std::setw(40);
             }),
             "[2021-03-04 17:05:09][41C]ff0.120001\n");
   EXPECT_EQ(Logged([] { LogLine(Info) << 255 << " " << 0.125 << std::setw(3) << 1; }),
@@ -277,6 +278,19 @@ struct Strict {
   int number;
 };
 
+/// A value that looks at its stream's flags.
+struct Looking {
+  friend std::ostream& operator<<(std::ostream& stream, Looking const&) {
+    return stream << (stream.flags() == std::ostringstream().flags() ? "standard" : "other");
+  }
+};
+
+TEST_F(Logger, EveryLineBeginsWithTheFlagsOfAStandardStream) {
+  for (int line = 0; line < 2; ++line) {
+    EXPECT_EQ(Line(Looking{}), std::string(kHeader) + "standard\n");
+  }
+}
+
 TEST_F(Logger, TheLocaleThatAValueSetDoesNotReachTheNextLine) {
   BoardHas(41);
   GroupedNumbers const locale;
@@ -299,9 +313,11 @@ TEST_F(Logger, TextsAndNumbersAreFilledUpToTheWidthAskedForOnce) {
   EXPECT_EQ(Logged([] {
               LogLine(Info) << std::setw(5) << "ab"
                             << "c" << std::left << std::setw(4) << std::string("de") << std::right
-                            << std::setw(4) << -7 << 18ULL << std::showpos << 2;
+                            << std::setw(4) << -7 << 18ULL << std::showpos << 2 << std::setw(1)
+                            << ""
+                            << ".";
             }),
-            "[2021-03-04 17:05:09][41C]   abcde    -718+2\n");
+            "[2021-03-04 17:05:09][41C]   abcde    -718+2 .\n");
 }
 
 TEST_F(Logger, TheLocaleOfTheApplicationChangesNothing) {

@@ -183,6 +183,15 @@ TEST_F(MakeRoom, DeletesTwoFilesAtATimeAndMeasuresAfterEachStepWithoutPauses) {
   EXPECT_THAT(Names(*catalogue), ElementsAre("b.log", "f.dat", "g.dat"));
 }
 
+TEST_F(MakeRoom, GoesOnWithoutAPauseWhereOneFileAloneWasLeftToDelete) {
+  auto const catalogue = NewCatalogue(kDirectory, 100, 1.0F);
+  Keep(*catalogue, {"a.dat"});
+  freeBytes = 95;
+  RemovalFrees(10);
+  EXPECT_TRUE(catalogue->MakeRoom());
+  EXPECT_THAT(Machine::Trace(), ElementsAre("unlink /mnt/sdcard/cr/a.dat"));
+}
+
 TEST_F(MakeRoom, LeavesProtectedFilesWhereverTheyStandBetweenItsAttempts) {
   auto const catalogue = NewCatalogue(kDirectory, 60, 1.0F);
   Keep(*catalogue, {"a.log", "b.gps", "c.dat", "d.dat", "e.gps", "f.dat", "g.log", "h.dat"});

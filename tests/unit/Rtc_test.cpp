@@ -4,12 +4,14 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/ioctl.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstdlib>
 #include <ctime>
+#include <limits>
 #include <string>
 #include <vector>
 
@@ -221,6 +223,13 @@ TEST_F(Rtc, NormalisesItsTimeInPlace) {
   EXPECT_EQ(Fields(rtc.rtcTime), Fields({15, 0, 0, 1, 0, 121, 5, 0, 0}));
 }
 
+TEST_F(Rtc, KeepsATimeThatNoCalendarHas) {
+  constexpr int kNever = std::numeric_limits<int>::max();
+  rtc_time const never{9, 5, 17, 4, kNever, kNever, 4, 62, 0};
+  SecondsOf(never);
+  EXPECT_EQ(Fields(rtc.rtcTime), Fields(never));
+}
+
 TEST_F(Rtc, MovesATimeOfTheSpringGapOutOfIt) {
   auto const berlin = Scoped::TimeZone(kCentralEurope);
   rtc_time const skipped{0, 30, 2, 28, 2, 121, 0, 0, 0};  // 2:30 winter time is 3:30 summer time
@@ -260,6 +269,16 @@ TEST_F(Rtc, PrintsItsTimeAndTheSystemsAsMonthDayYear) {
   int printed = 0;
   EXPECT_EQ(Capture::Output([&] { printed = rtc.Print(); }), expected);
   EXPECT_EQ(printed, static_cast<int>(expected.size()));
+}
+
+TEST_F(Rtc, HasPrintedItsTimeThoughTheProcessEndsRightAfterIt) {
+  hooks().now = 0;
+  auto const [output, status] = ChildProcess::ThroughPipe([this] {
+    rtc.Print();
+    _exit(0);
+  });
+  EXPECT_EQ(status, 0);
+  EXPECT_EQ(output, "RTC: 1/0/1900 00:00:00\nSystem: 1/1/1970 00:00:00\n");
 }
 
 TEST_F(Rtc, PrintsTheSystemsTimeInAZoneThatWasJustChosen) {

@@ -55,6 +55,12 @@ struct Content {
   int counter;
 };
 
+/// A count of 2, with blanks up to that length.
+std::string OfLength(std::size_t length) {
+  std::string const text = CounterFile::Text(2);
+  return "{" + std::string(length - text.size(), ' ') + text.substr(1);
+}
+
 class StatusCounterStored : public StatusCounter, public testing::WithParamInterface<Content> {};
 
 TEST_P(StatusCounterStored, IsReadAndTheFileLeftAsItWas) {
@@ -86,6 +92,7 @@ INSTANTIATE_TEST_SUITE_P(
         Content{"TextForTheNumber", CounterFile::Text("\"2\""), -1},
         Content{"NullForTheNumber", CounterFile::Text("null"), -1},
         Content{"AnObjectForTheNumber", CounterFile::Text("{}"), -1},
+        Content{"OfTheGreatestLength", OfLength(65536), 2}, Content{"TooLong", OfLength(65537), -1},
         Content{"LongerThanAnyCount",
                 R"({"sdcard-status-conter":2,"x":")" + std::string(1000000, 'x') + "\"}", -1},
         Content{"BehindALotOfLines", std::string(1000000, '\n') + CounterFile::Text(2), 2},

@@ -10,6 +10,7 @@
 #include <semaphore>
 #include <string>
 #include <thread>
+#include <typeinfo>
 #include <vector>
 
 #include "tests/machine/Machine.h"
@@ -173,7 +174,12 @@ TEST_F(TemperatureMonitor, AMonitorMayBeDestroyedWhileItRuns) {
     Tarvik::Util::TemperatureMonitor running;
     running.Start();
     pauses.acquire();
+    // The thread may still use what the monitor has, and its base has not.
+    threads.join = [&thread = static_cast<Tarvik::Interfaces::IThread&>(running)] {
+      EXPECT_EQ(typeid(thread), typeid(Tarvik::Util::TemperatureMonitor));
+    };
   }
+  threads.join = nullptr;
   EXPECT_EQ(lengths.size(), 1U);
 }
 

@@ -4,6 +4,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <linux/watchdog.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstdint>
@@ -240,6 +241,7 @@ TEST_F(Watchdog, StaysOpenSilentlyWhenTheDriverRefusesTheTimeout) {
     EXPECT_EQ(watchdog.timeout, 5);
     EXPECT_THAT(descriptors.Opened(), testing::Contains(watchdog.fd));
   });
+  Capture::Output([] { EXPECT_FALSE(Quellon::Watchdog().Init()); });
   EXPECT_EQ(log, "");
   EXPECT_THAT(descriptors.Opened(), IsEmpty());
 }
@@ -290,6 +292,21 @@ TEST_F(Watchdog, ClosesOnlyADescriptorAboveZero) {
   watchdog.fd = 0;
   EXPECT_FALSE(watchdog.Close());
   EXPECT_GE(fcntl(0, F_GETFD), 0);
+}
+
+TEST_F(Watchdog, KicksThroughAndClosesADescriptorOfOneToo) {
+  Machine::MakeFile(kDevice, "");
+  ChildProcess::Run([] {
+    Quellon::Watchdog watchdog;
+    ASSERT_TRUE(watchdog.Open());
+    Machine::RemoveFile(kDevice);  // so that it cannot be opened again
+    dup2(watchdog.fd, 1);
+    watchdog.Close();
+    watchdog.fd = 1;
+    EXPECT_TRUE(watchdog.Reset());
+    EXPECT_EQ(watchdog.fd, 0);
+    EXPECT_LT(fcntl(1, F_GETFD), 0);
+  });
 }
 
 TEST_F(Watchdog, ArmsAgainWithoutKeepingTheDescriptorThatWasLeftOpen) {
