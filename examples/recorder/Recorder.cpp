@@ -124,7 +124,7 @@ void Recorder::Run() {
   do {
     KickWatchdog();
     if (catalogue == nullptr && CardIsBack() && !StartCard()) return;
-    if (catalogue != nullptr && !Record()) GiveUpCard();
+    if (catalogue != nullptr && !Record() && WaitForLoad()) GiveUpCard();
   } while (WaitForNextPeriod());
   if (catalogue != nullptr) LeaveCard();
   LogLine(Info) << "[REC] Stopped";
@@ -164,12 +164,9 @@ void Recorder::OpenCatalogue(Disk* disk) {
   load = std::make_unique<LoadsMeanwhile>(*catalogue);
 }
 
-// A card that is put back later must not find the old one still mounted.
+// A card that is put back later must not find the old one still mounted. No load may be running.
 void Recorder::GiveUpCard() {
-  if (load != nullptr) {
-    KicksMeanwhile const kicks(watchdog);
-    load.reset();
-  }
+  load.reset();
   catalogue.reset();
   system.disk->Umount();
   LogLine(Info) << "[REC] Card released";
@@ -178,7 +175,7 @@ void Recorder::GiveUpCard() {
 // A load has the card in use, and nothing ends it but the end of the process: with that the card is
 // unmounted, too.
 void Recorder::LeaveCard() {
-  if (load == nullptr || load->IsOver()) {
+  if (!IsLoading()) {
     GiveUpCard();
     return;
   }
@@ -195,12 +192,8 @@ bool Recorder::CardIsBack() {
 
 // While the catalogue is loaded, a full card waits for it.
 bool Recorder::Record() {
-  if (load != nullptr && load->IsOver() && !FinishLoad()) return false;
-  waitsForLoad = load != nullptr && !HasRoomMeanwhile();
-  if (waitsForLoad) return true;
-  if (load == nullptr && !MakeRoom()) return false;
-  number = number % kLastNumber + 1;
-  return WriteFiles();
+  if (IsLoading() && HasRoomMeanwhile()) return WriteFiles();
+  return WaitForLoad() && FinishLoad() && MakeRoom() && WriteFiles();
 }
 
 bool Recorder::HasRoomMeanwhile() {
@@ -211,7 +204,20 @@ bool Recorder::HasRoomMeanwhile() {
   }
 }
 
+// False when the service is to stop before the load is over, which the next wait then finds, too.
+bool Recorder::WaitForLoad() {
+  while (IsLoading()) {
+    if (stop.WaitFor(kShortestKickPeriod)) {
+      stop.Notify();
+      return false;
+    }
+    KickWatchdog();
+  }
+  return true;
+}
+
 bool Recorder::FinishLoad() {
+  if (load == nullptr) return true;
   bool const complete = load->Finish();
   load.reset();
   if (!complete) {
@@ -252,6 +258,7 @@ void Recorder::RemoveOrphanedPositions() {
 // Both files are on the card before they count, since what is complete must survive a power cut.
 // The first `Sync` brings both there: each would cost the card a commit of the journal.
 bool Recorder::WriteFiles() {
+  number = number % kLastNumber + 1;
   std::string path = kRecordings + RecordingName(number, ".dat");
   std::string positionsPath = kRecordings + RecordingName(number, ".gps");
   Ifile recording(path, false);
@@ -298,8 +305,7 @@ bool Recorder::WaitForNextPeriod() {
   while (true) {
     auto const left =
         std::chrono::ceil<std::chrono::milliseconds>(next - std::chrono::steady_clock::now());
-    bool const hasWaited = waitsForLoad && load != nullptr && load->IsOver();
-    if (hasWaited || left.count() <= 0) return !stop.TryWait();
+    if (left.count() <= 0) return !stop.TryWait();
     if (stop.WaitFor(std::min<std::chrono::milliseconds>(left, kShortestKickPeriod))) return false;
     KickWatchdog();
   }

@@ -44,7 +44,9 @@ class Recorder {
   bool CardIsBack();
 
   bool Record();
+  [[nodiscard]] bool IsLoading() const { return load != nullptr && !load->IsOver(); }
   bool HasRoomMeanwhile();
+  bool WaitForLoad();
   bool FinishLoad();
   bool MakeRoom();
   void RemoveOrphanedPositions();
@@ -62,7 +64,6 @@ class Recorder {
   std::chrono::steady_clock::time_point lastKick;
   std::unique_ptr<Quellon::FileUtils::FilesManager> catalogue;  // null while there is no card
   std::unique_ptr<LoadsMeanwhile> load;  // null when the catalogue is complete
-  bool waitsForLoad = false;             // to make room
   int number = 0;
   bool cardWasOut = false;
   Tarvik::Interfaces::ISemaphore stop;
