@@ -1,6 +1,5 @@
 // The card's properties in sysfs.
-#include <locale>
-#include <sstream>
+#include <string>
 
 #include "DiskUtils/Disk.h"
 #include "DiskUtils/internal/SysFs.h"
@@ -19,10 +18,7 @@ unsigned long long Disk::StringToULong(std::string text) {
 }
 
 std::string Disk::ULongToString(unsigned long long value) {
-  std::ostringstream text;
-  text.imbue(std::locale::classic());  // not the application's, which may group digits
-  text << value;
-  return text.str();
+  return std::to_string(value);
 }
 
 unsigned long long Disk::getSDCardLifetimeWrites(std::string partition) {

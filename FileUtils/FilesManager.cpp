@@ -96,7 +96,6 @@ FilesManager::~FilesManager() {
   Join();
   MutexLock const lock(filesMutex);
   for (Ifile* file : files) delete file;
-  files.clear();
 }
 
 bool FilesManager::HasCard() const {

@@ -57,14 +57,13 @@ class Writer {
   void AppendHeld(int number) { AppendNumber(number); }
   void AppendHeld(double number);
   void AppendHeld(std::string_view characters) {
-    bool ignored = false;
-    AppendCharacters(characters, ignored);
+    static_cast<void>(AppendCharacters(characters));
   }
   void AppendHeld(Object const& object);
   void AppendHeld(std::shared_ptr<Object const> const& object) { AppendHeld(*object); }
   void AppendHeld(std::shared_ptr<Array const> const& array);
   void AppendMembers(Object const& object);
-  void AppendCharacters(std::string_view characters, bool& replaced);
+  bool AppendCharacters(std::string_view characters);
   void AppendEscaped(char character);
 
   template <typename Number>
@@ -90,8 +89,9 @@ void Writer::AppendHeld(double number) {
   if (AppendNumber(number).find_first_of(".e") == std::string_view::npos) text += ".0";
 }
 
-// Sets `replaced` where bytes are replaced.
-void Writer::AppendCharacters(std::string_view characters, bool& replaced) {
+// Returns whether bytes were replaced.
+bool Writer::AppendCharacters(std::string_view characters) {
+  bool replaced = false;
   text += '"';
   while (!characters.empty()) {
     std::size_t const plain = PlainLength(characters);
@@ -110,6 +110,7 @@ void Writer::AppendCharacters(std::string_view characters, bool& replaced) {
     characters.remove_prefix(length == 0 ? 1 : length);
   }
   text += '"';
+  return replaced;
 }
 
 void Writer::AppendEscaped(char character) {
@@ -138,7 +139,7 @@ void Writer::AppendMembers(Object const& object) {
   for (auto const& [key, value] : object) {
     text += separator;
     separator = ',';
-    AppendCharacters(key, keysWereReplaced);
+    keysWereReplaced |= AppendCharacters(key);
     text += ':';
     Append(value);
   }

@@ -18,13 +18,13 @@ import contextlib
 import itertools
 import json
 import mmap
+import os
 import random
 import re
 import statistics
 import struct
 import subprocess
 import sys
-import tempfile
 import time
 from collections.abc import Iterable, Iterator
 from concurrent.futures import ProcessPoolExecutor
@@ -39,8 +39,6 @@ SECTOR, PAGE = 512, 4096
 MAGIC, FLUSH, FUA, DISCARD = 0x6A736677736872, 1, 2, 4
 PARTITION = 1 << 20  # bytes before the card's file system
 
-MEMORY = "/dev/shm" if Path("/dev/shm").is_dir() else "/tmp"  # that of a private root
-
 SIZE, POSITIONS = 100_000, 1024  # bytes of a recording and of its positions
 OLD = range(1, 221)  # recordings that were there before
 CARD_BYTES = 32 << 20
@@ -49,6 +47,7 @@ AT_A_TIME = 2  # files that the library deletes before it looks for room again
 # A line of text in this sector, which no file system has, tells in the log how far the board was.
 MARK = 8
 MAKING_ROOM, REMOVED = "Making room", "Removed "
+BUSY = "Something else commits"  # to the card, from here on
 MARKING = f"""
 mark() {{
     printf '%-512s' "$1" | dd of=/dev/mmcblk1 bs=512 seek={MARK} conv=notrunc,fsync 2>/dev/null
@@ -103,6 +102,16 @@ def read_log(path: Path) -> list[Write]:
         writes.append(Write(sector * size // SECTOR, log[place:place + length], flags))
         place += length
     return writes
+
+
+def entry_of(write: Write) -> bytes:
+    head = struct.pack("<QQQQ", write.sector, len(write.data) // SECTOR, write.flags, 0)
+    return head.ljust(SECTOR, b"\0") + write.data
+
+
+def log_of(entries: bytes) -> bytes:
+    """Returns a log of these entries, as it is read."""
+    return struct.pack("<QQQI", MAGIC, 1, 0, SECTOR).ljust(SECTOR, b"\0") + entries
 
 
 @dataclass
@@ -196,6 +205,7 @@ class Result:
     checks: int = 0
     repaired: int = 0
     confirmed: int = 0
+    unfinished: int = 0  # cards with a part of a recording
     starts: int = 0  # of the library itself
     deleted: int = 0  # files, by those starts
     codes: list[int] = field(default_factory=list)  # of the checks by those starts
@@ -216,6 +226,12 @@ class Result:
         return cls(**values)
 
 
+def has_parts(contents: dict[str, bytes]) -> bool:
+    """Tells whether a part of a recording is on the card, which nothing promised yet."""
+    return any(content != content_of(name, POSITIONS if name.endswith(".gps") else SIZE)
+               for name, content in contents.items())
+
+
 def is_content(sector: bytes) -> bool:
     return TEXT.fullmatch(sector) is not None
 
@@ -225,7 +241,7 @@ class Card:
 
     def __init__(self, image: bytes):
         self.now = bytearray(image[PARTITION:])
-        self._file = tempfile.NamedTemporaryFile(dir=MEMORY, prefix="cuts-")
+        self._file = open(os.memfd_create("card"), "r+b")
         self._file.write(self.now)
         self._file.flush()
         self._copy = mmap.mmap(self._file.fileno(), len(self.now))
@@ -272,8 +288,10 @@ class Card:
 
     def check(self) -> tuple[int, dict[str, File], dict[str, bytes]]:
         """Checks the copy as the library would, and returns fsck's code and what the folder has."""
-        code = subprocess.run(["e2fsck", "-f", "-y", self._file.name], stdin=subprocess.DEVNULL,
-                              stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL).returncode
+        copy = self._file.fileno()
+        code = subprocess.run(["e2fsck", "-f", "-y", f"/dev/fd/{copy}"], stdin=subprocess.DEVNULL,
+                              stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
+                              pass_fds=[copy]).returncode
         system = FileSystem(self._copy)
         if not system.clean:
             code |= 8
@@ -458,6 +476,7 @@ def judge_states(run: "Run", states: Iterable[State]) -> Result:
         result.cuts += 1
         result.checks += 1
         result.repaired += code == 1
+        result.unfinished += has_parts(contents)
         result.losses += judge(code, contents, run.recordings, state)
     return result
 
@@ -574,6 +593,11 @@ def judge_all_caches(run: Run, cache: Cache, workers: int = 2) -> Result:
         for done in [pool.submit(judge_caches, run, cache, part, len(parts)) for part in parts]:
             result.add(done.result())
     return result
+
+
+def before_busy(writes: list[Write]) -> list[Write]:
+    """Returns what the recorder alone had written."""
+    return list(itertools.takewhile(lambda write: write.mark != BUSY, writes))
 
 
 def flushes(writes: list[Write]) -> float:

@@ -11,7 +11,7 @@ commits before each step; or `late`, where it does so once the step that flushes
 nothing else.
 """
 
-import ctypes
+import fcntl
 import os
 import subprocess
 import sys
@@ -24,6 +24,7 @@ HERE = Path(__file__).resolve().parent
 sys.path[:0] = [str(HERE.parent.parent), str(HERE)]
 sys.dont_write_bytecode = True
 
+from alone import call
 from slot import PLACE, LoggedFile, require_log, require_private_root
 
 # No command may be looked for in /root: its storage cannot answer while Python starts a process.
@@ -32,6 +33,7 @@ os.environ["PATH"] = "/usr/sbin:/usr/bin:/sbin:/bin"
 STORAGE, ROOT = Path("/run/storage"), Path("/root")
 BUILD = Path("/run/build")  # seen here, too, since the project may lie below /root
 COUNTER = ROOT / "system.dat"
+GATE = Path("/run/gate")  # locked while the storage holds what is written
 MOST_LOOPS = 64
 LATE = 5  # seconds after which what was written arrives at the latest
 MOST_STARTS = 6  # two more than there may be
@@ -44,21 +46,21 @@ class Storage(LoggedFile):
     """The fixed storage, which can be slow with what is written."""
 
     def __init__(self, content: bytes):
-        self._goes_on = threading.Event()
-        self._goes_on.set()
+        self._gate = open(GATE, "wb")
+        self.is_held = False
         super().__init__(content)
 
-    def is_held(self) -> bool:
-        return not self._goes_on.is_set()
-
     def hold(self):
-        self._goes_on.clear()
+        fcntl.flock(self._gate, fcntl.LOCK_EX)
+        self.is_held = True
 
     def go_on(self):
-        self._goes_on.set()
+        fcntl.flock(self._gate, fcntl.LOCK_UN)
+        self.is_held = False
 
     def _write(self, offset: int, data: bytes):
-        self._goes_on.wait()
+        with open(GATE, "rb") as gate:
+            fcntl.flock(gate, fcntl.LOCK_SH)
         super()._write(offset, data)
 
 
@@ -95,7 +97,7 @@ class Device:
         return restarts
 
     def _step(self, step: str, restarts: bool):
-        is_late = self._mode == "late" and self._storage.is_held()
+        is_late = self._mode == "late" and self._storage.is_held
         if self._mode in ("busy", "late") and not is_late:
             self._commit_meanwhile()
         if step == "restart" or not restarts:
@@ -117,7 +119,7 @@ class Device:
         """
         commit = threading.Thread(target=commit_elsewhere)
         commit.start()
-        if self._storage.is_held():
+        if self._storage.is_held:
             wait_for_two_writes()
             self._storage.go_on()
         commit.join()
@@ -157,9 +159,7 @@ def shown_elsewhere(program: str) -> str:
 
 def unmount(place: Path):
     """By the system call alone: the command would complain that the loop device is gone, too."""
-    libc = ctypes.CDLL(None, use_errno=True)
-    if libc.umount(bytes(place)) != 0:
-        raise OSError(ctypes.get_errno(), f"unmounting {place}")
+    call("umount", bytes(place))
 
 
 def main():
@@ -176,7 +176,7 @@ def main():
     with storage.log(Path(folder, f"{name}.log")):
         while device.start() and next(starts) < MOST_STARTS:
             pass
-    os._exit(0)  # the file system and its thread go with the root
+    os._exit(0)  # the file system and its process go with the root
 
 
 if __name__ == "__main__":

@@ -3,9 +3,11 @@
 
     private_root --writable FOLDER record.py FOLDER RECORDER FILES
 
-The card is FOLDER/before.img, and stays as it was; the log is FOLDER/writes.log.
+The card is FOLDER/before.img, and stays as it was; the log is FOLDER/writes.log. While the
+last files are recorded something else flushes the card, so there are cuts with half a recording.
 """
 
+import contextlib
 import os
 import subprocess
 import sys
@@ -15,8 +17,12 @@ HERE = Path(__file__).resolve().parent
 sys.path[:0] = [str(HERE.parent.parent), str(HERE)]
 sys.dont_write_bytecode = True
 
-from board.cuts import BEFORE, LOG, SIZE
+from alone import call
+from board.cuts import BEFORE, BUSY, LOG, SIZE
 from slot import LoggedFile, Slot, require_log, require_private_root
+
+CARD = "/mnt/sdcard"
+BUSY_PART = 8  # one file of so many is the last
 
 
 def record(card: LoggedFile, recorder: str, files: int):
@@ -24,19 +30,47 @@ def record(card: LoggedFile, recorder: str, files: int):
 
     Files count once the catalogue is complete: nothing is deleted before.
     """
-    catalogued = False
     service = subprocess.Popen([recorder, "--size", str(SIZE), "--period", "20", "--min-free", "1"],
                                stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, text=True)
-    for line in service.stdout:
-        print(line, end="")
-        if "Recorded" in line or "Deleted" in line:
-            card.mark(line.strip())
-            files -= catalogued and "Recorded" in line
-        catalogued |= "[REC] Catalogue of" in line
-        if files == 0:
-            break
-    service.kill()
-    service.wait()
+    busy_at, catalogued = files // BUSY_PART, False
+    with contextlib.ExitStack() as until_the_end:
+        for line in service.stdout:
+            print(line, end="")
+            if "Recorded" in line or "Deleted" in line:
+                card.mark(line.strip())
+            catalogued |= "[REC] Catalogue of" in line
+            if not catalogued or "Recorded" not in line:
+                continue
+            files -= 1
+            if files == busy_at:
+                card.mark(BUSY)
+                until_the_end.enter_context(something_else_commits())
+            if files == 0:
+                break
+        service.kill()
+        service.wait()
+
+
+@contextlib.contextmanager
+def something_else_commits():
+    """Has another process flush the card again and again in the `with` block."""
+    going_on = Path("/run/busy")
+    going_on.touch()
+    process = os.fork()
+    if process == 0:
+        flush_while_there_is(going_on)
+    try:
+        yield
+    finally:
+        going_on.unlink()
+        os.waitpid(process, 0)
+
+
+def flush_while_there_is(going_on: Path):
+    card = os.open(CARD, os.O_RDONLY)
+    while going_on.exists():
+        call("syncfs", card)
+    os._exit(0)
 
 
 def main():
@@ -51,10 +85,10 @@ def main():
     slot = Slot(card)
     with card.log(folder / LOG):
         record(card, recorder, files)
-    subprocess.run(["umount", "/mnt/sdcard"], check=True)
+    subprocess.run(["umount", CARD], check=True)
     slot.close()
     sys.stdout.flush()
-    os._exit(0)  # the file system and its thread go with the root
+    os._exit(0)  # the file system and its process go with the root
 
 
 main()

@@ -4,22 +4,25 @@ A `LoggedFile` is the only file of a file system of its own, below loop devices.
 write-back cache, so the kernel asks for what must be on the card by flushes. Writes and flushes are
 logged in the format of the kernel's dm-log-writes. A `PlainFile` works on every kernel, and logs
 nothing.
+
+The process that serves that file system does nothing else, and has its own view of what is mounted.
+One that waited for the file itself, or whose end unmounted the card, could not be killed, and every
+sync(2) on the machine would wait with it.
 """
 
 import contextlib
-import ctypes
 import errno
+import fcntl
 import mmap
 import os
 import struct
-import subprocess
 import sys
-import threading
 from pathlib import Path
 
-from board.cuts import FLUSH, MAGIC, MARK, PARTITION, SECTOR
+from alone import CANNOT_RUN, NEW_MOUNTS, call
+from board.cuts import FLUSH, MARK, PARTITION, SECTOR, Write, entry_of, log_of
 
-PLACE = Path("/run/card.img")
+PLACE, ENTRIES = Path("/run/card.img"), Path("/run/entries")
 MOST_TAKEN = 50  # loop devices that others take meanwhile
 
 # Requests of the kernel's interface for file systems in user space (linux/fuse.h).
@@ -27,6 +30,10 @@ FORGET, GETATTR, SETATTR, OPEN, READ, WRITE, RELEASE, FSYNC = 2, 3, 4, 14, 15, 1
 FLUSH_FILE, INIT, INTERRUPT, BATCH_FORGET = 25, 26, 36, 42
 DIRECT_IO, BIG_WRITES = 1, 1 << 5
 MOST_WRITTEN = 1 << 17
+
+# And of that for loop devices (linux/loop.h, linux/fs.h).
+CONTROL = "/dev/loop-control"
+LOOP_CONFIGURE, LOOP_CTL_GET_FREE, AUTOCLEAR, BLKROSET = 0x4C0A, 0x4C82, 4, 0x125D
 
 
 def require_private_root():
@@ -50,7 +57,7 @@ def require_log():
     """Ends the program as a skipped test where nothing can be logged."""
     if reason := why_nothing_is_logged():
         print(f"skipped: {reason}")
-        sys.exit(77)
+        sys.exit(CANNOT_RUN)
 
 
 class PlainFile:
@@ -73,38 +80,42 @@ class LoggedFile:
     """
 
     def __init__(self, content: bytes):
-        self.content = bytearray(content)
-        self._log, self._turns = None, threading.Lock()
-        self._kernel = os.open("/dev/fuse", os.O_RDWR | os.O_CLOEXEC)
+        self.content = mmap.mmap(-1, len(content))  # shared with the process that serves it
+        self.content[:] = content
+        self._entries = open(ENTRIES, "ab+", buffering=0)
+        kernel = os.open("/dev/fuse", os.O_RDWR | os.O_CLOEXEC)
         PLACE.touch()
-        options = f"fd={self._kernel},rootmode=100000,user_id=0,group_id=0".encode()
-        libc = ctypes.CDLL(None, use_errno=True)
-        if libc.mount(b"card", bytes(PLACE), b"fuse", 0, options) != 0:
-            raise OSError(ctypes.get_errno(), "mount of the card's file")
-        threading.Thread(target=self._serve, daemon=True).start()
+        options = f"fd={kernel},rootmode=100000,user_id=0,group_id=0".encode()
+        call("mount", b"card", bytes(PLACE), b"fuse", 0, options)
+        if os.fork() == 0:
+            try:
+                self._serve(kernel)
+            finally:
+                os._exit(1)
+        os.close(kernel)
 
     @contextlib.contextmanager
     def log(self, path: Path):
         """Logs what is written in the `with` block, in a new file."""
-        with open(path, "wb") as log:
-            log.write(struct.pack("<QQQI", MAGIC, 1, 0, SECTOR).ljust(SECTOR, b"\0"))
-            self._log = log
-            yield
-            with self._turns:
-                self._log = None
+        self._entries.truncate(0)
+        yield
+        log = self._entries.fileno()
+        entries = os.pread(log, os.fstat(log).st_size, 0)
+        path.write_bytes(log_of(entries))
 
     def mark(self, text: str):
         """Tells in the log what has happened by now."""
         self._entry(MARK, text.encode().ljust(SECTOR), 0)
 
-    def _serve(self):
+    def _serve(self, kernel: int):
+        call("unshare", NEW_MOUNTS)
         while True:
-            request = os.read(self._kernel, MOST_WRITTEN + 4096)
+            request = os.read(kernel, MOST_WRITTEN + 4096)
             _, kind, unique = struct.unpack_from("<IIQ", request)
             if kind in (FORGET, BATCH_FORGET, INTERRUPT):
                 continue
             error, answer = self._answer(kind, request[40:])
-            os.write(self._kernel, struct.pack("<IiQ", 16 + len(answer), -error, unique) + answer)
+            os.write(kernel, struct.pack("<IiQ", 16 + len(answer), -error, unique) + answer)
 
     def _answer(self, kind: int, request: bytes) -> tuple[int, bytes]:
         if kind == INIT:
@@ -135,24 +146,37 @@ class LoggedFile:
         self._entry(offset // SECTOR, data, 0)
 
     def _entry(self, sector: int, data: bytes, flags: int):
-        head = struct.pack("<QQQQ", sector, len(data) // SECTOR, flags, 0)
-        with self._turns:
-            if self._log is not None:
-                self._log.write(head.ljust(SECTOR, b"\0") + data)
+        """Appends to what is logged, in one call, since two processes do so."""
+        self._entries.write(entry_of(Write(sector, data, flags)))
 
 
-def attach(offset: int) -> Path:
-    """Makes a loop device of the file. Another process may take a free one first: then the next."""
-    for _ in range(MOST_TAKEN):
-        free = subprocess.run(["losetup", "--find"], capture_output=True, text=True, check=True)
-        loop = Path(free.stdout.strip())
-        if not loop.exists():
-            os.mknod(loop, 0o60600, os.makedev(7, int(loop.name[4:])))
-        done = subprocess.run(["losetup", "--offset", str(offset), loop, PLACE],
-                              capture_output=True, text=True)
-        if done.returncode == 0:
-            return loop
-    raise OSError(done.stderr)
+def attach(offset: int) -> int:
+    """Makes a loop device of the file, which is one as long as the returned descriptor or what is
+    mounted from it uses it. Another process may take a free device first: then the next.
+    """
+    file, control = (os.open(path, os.O_RDWR | os.O_CLOEXEC) for path in (PLACE, CONTROL))
+    info = struct.pack("<QQQQQIIII64s64s32sQQ", 0, 0, 0, offset, 0, 0, 0, 0, AUTOCLEAR, b"", b"",
+                       b"", 0, 0)
+    try:
+        for _ in range(MOST_TAKEN):
+            number = fcntl.ioctl(control, LOOP_CTL_GET_FREE)
+            loop = Path(f"/dev/loop{number}")
+            if not loop.exists():
+                os.mknod(loop, 0o60600, os.makedev(7, number))
+            device = os.open(loop, os.O_RDWR | os.O_CLOEXEC)
+            try:
+                fcntl.ioctl(device, LOOP_CONFIGURE, struct.pack("<II232s64x", file, 0, info))
+                # Whoever had the device before may have left it read-only.
+                fcntl.ioctl(device, BLKROSET, struct.pack("i", 0))
+                return device
+            except OSError as error:
+                os.close(device)
+                if error.errno != errno.EBUSY:
+                    raise
+    finally:
+        os.close(file)
+        os.close(control)
+    raise OSError(errno.EBUSY, "no loop device is free")
 
 
 class Slot:
@@ -166,10 +190,8 @@ class Slot:
         self._file = file
         self._held = []
         for name, offset in (("mmcblk1", 0), ("mmcblk1p1", PARTITION)):
-            loop = attach(offset)
-            os.mknod(f"/dev/{name}", 0o60600, os.stat(loop).st_rdev)
-            self._held.append(os.open(loop, os.O_RDWR | os.O_CLOEXEC))
-            subprocess.run(["losetup", "--detach", loop], check=True)  # once it is no longer used
+            self._held.append(attach(offset))
+            os.mknod(f"/dev/{name}", 0o60600, os.fstat(self._held[-1]).st_rdev)
         entry = Path("/sys/block/mmcblk1")
         entry.mkdir(parents=True)
         (entry / "size").write_text(f"{PLACE.stat().st_size // SECTOR}\n")

@@ -220,7 +220,7 @@ def main():
     for job in jobs:
         print(tests.make(job).to_json())
     sys.stdout.flush()
-    os._exit(0)  # the file system, its thread and the loop devices go with the root
+    os._exit(0)  # the file system, its process and the loop devices go with the root
 
 
 if __name__ == "__main__":

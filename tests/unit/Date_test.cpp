@@ -16,6 +16,7 @@
 #include "tests/machine/Machine.h"
 #include "tests/machine/Threads.h"
 #include "tests/support/ChildProcess.h"
+#include "tests/support/Gate.h"
 #include "tests/support/Scoped.h"
 
 namespace {
@@ -136,6 +137,31 @@ TEST_F(Date, AForkOfTheThreadThatAsksStopsNeitherParentNorChild) {
   if (child == 0) _exit(right ? 0 : 1);
   alarm(0);
   EXPECT_TRUE(right);
+  EXPECT_EQ(ChildProcess::Wait(child), 0);
+}
+
+// The child would otherwise wait for a thread that it does not have.
+TEST_F(Date, AForkWaitsForTheThreadThatAsks) {
+  Gate gate;
+  Machine::hooks().localTime = [&, asked = false]() mutable {
+    if (std::exchange(asked, true)) return;
+    gate.Wait();
+  };
+  std::thread thread([] { EXPECT_EQ(Util::Date(0, kFormat), "1970-01-01 00:00:00"); });
+  gate.AwaitThread();
+  int tries = 0;
+  Machine::ThreadHooks threads;
+  threads.tryLock = [&](auto&&...) {
+    if (++tries == 2) gate.Open();
+    return std::nullopt;
+  };
+  pid_t const child = ChildProcess::Start([] {
+    ChildProcess::EndInTime();
+    return Util::Date(1, kFormat) == "1970-01-01 00:00:01" ? 0 : 1;
+  });
+  if (tries < 2) gate.Open();
+  thread.join();
+  EXPECT_GE(tries, 2);
   EXPECT_EQ(ChildProcess::Wait(child), 0);
 }
 

@@ -13,6 +13,7 @@
 #include "tests/support/Capture.h"
 #include "tests/support/Descriptors.h"
 #include "tests/support/FakeCard.h"
+#include "tests/support/GroupedNumbers.h"
 
 namespace {
 
@@ -87,6 +88,11 @@ TEST(DiskPropertiesNumbers, AreTheBaseTenNumberThatATextBeginsWith) {
   EXPECT_EQ(Disk::StringToULong("0x10"), 0U);
   EXPECT_EQ(Disk::StringToULong("010"), 10U);
   EXPECT_EQ(Disk::StringToULong("31116288"), 31116288U);
+}
+
+TEST(DiskPropertiesNumbers, AreWrittenWithoutTheApplicationsGroupsOfDigits) {
+  GroupedNumbers const locale;
+  EXPECT_EQ(Disk::ULongToString(31116288U), "31116288");
 }
 
 TEST(DiskPropertiesNumbers, AreSigned64BitOnesAsTheirUnsignedPattern) {

@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
-#include <semaphore>
 #include <stdexcept>
 #include <string>
 #include <system_error>
@@ -11,6 +10,7 @@
 #include "base/IException.h"
 #include "base/Logger.h"
 #include "tests/support/Capture.h"
+#include "tests/support/Gate.h"
 #include "tests/support/LogFile.h"
 #include "tests/support/ScriptedThread.h"
 
@@ -77,22 +77,20 @@ TEST_F(IThreadFailure, StartsAgainAfterAnException) {
 }
 
 TEST_F(IThreadFailure, AStartAfterAnExceptionIsNotLostWhileTheThreadEnds) {
-  std::binary_semaphore failed(0);
-  std::binary_semaphore started(0);
+  Gate gate;
   thread.run = [this] {
     if (thread.Count("run") == 1) throw std::runtime_error("once");
     thread.Cancel();
   };
   thread.runAfter = [&] {
     if (thread.Count("after") > 1) return;
-    failed.release();
-    started.acquire();
+    gate.Wait();
   };
   Capture::Output([&] {
     thread.Start();
-    failed.acquire();
+    gate.AwaitThread();
     thread.Start();
-    started.release();
+    gate.Open();
     thread.Join();
   });
   EXPECT_EQ(thread.Count("run"), 2);

@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "tests/support/ChildProcess.h"
+#include "tests/support/Gate.h"
 #include "tests/support/LogFile.h"
 #include "tests/support/Scoped.h"
 #include "tests/support/ScriptedThread.h"
@@ -122,17 +123,15 @@ TEST(IThread, StartsAgainWithoutAJoin) {
 
 TEST(IThread, AStartWhileItRunsDoesNothing) {
   ScriptedThread thread;
-  std::binary_semaphore running(0);
-  std::binary_semaphore go(0);
+  Gate gate;
   thread.run = [&] {
-    running.release();
-    go.acquire();
+    gate.Wait();
     thread.Cancel();
   };
   thread.Start();
-  running.acquire();
+  gate.AwaitThread();
   for (int i = 0; i < 10; ++i) thread.Start();
-  go.release();
+  gate.Open();
   thread.Join();
   EXPECT_THAT(thread.Events(), testing::ElementsAreArray(kFrame));
   EXPECT_EQ(ScriptedThread::Created(), 1);
@@ -140,19 +139,17 @@ TEST(IThread, AStartWhileItRunsDoesNothing) {
 
 TEST(IThread, AStartInTheLastPassIsNotLost) {
   ScriptedThread thread;
-  std::binary_semaphore cancelled(0);
-  std::binary_semaphore started(0);
+  Gate gate;
   thread.run = [&] {
     thread.Cancel();
     if (thread.Count("run") > 1) return;
-    cancelled.release();
-    started.acquire();
+    gate.Wait();
   };
   thread.Start();
-  cancelled.acquire();
+  gate.AwaitThread();
   thread.Start();
   thread.Start();
-  started.release();
+  gate.Open();
   thread.Join();
   EXPECT_THAT(thread.Events(), ElementsAre("before", "run", "after", "before", "run", "after"));
 }
@@ -193,15 +190,11 @@ TEST(IThread, CancelCallsStoppingOnTheCancellingThread) {
 
 TEST(IThread, StoppingWakesARunThatWaits) {
   ScriptedThread thread;
-  std::binary_semaphore running(0);
-  std::binary_semaphore wake(0);
-  thread.run = [&] {
-    running.release();
-    wake.acquire();
-  };
-  thread.stopping = [&] { wake.release(); };
+  Gate gate;
+  thread.run = [&] { gate.Wait(); };
+  thread.stopping = [&] { gate.Open(); };
   thread.Start();
-  running.acquire();
+  gate.AwaitThread();
   thread.Cancel();
   thread.Join();
   EXPECT_EQ(thread.Count("run"), 1);
@@ -234,66 +227,60 @@ TEST(IThread, HasNoThreadInAChildOfItsProcessButMayBeStartedThere) {
   GTEST_SKIP() << "the race detector starts no threads in a child of a process that has some";
 #endif
   ScriptedThread thread;
-  std::binary_semaphore running(0);
-  std::binary_semaphore end(0);
+  Gate gate;
   thread.run = [&] {
-    running.release();
-    end.acquire();
+    gate.Wait();
     thread.Cancel();
   };
   thread.Start();
-  running.acquire();
+  gate.AwaitThread();
   ChildProcess::Run([&] {
     ChildProcess::EndInTime();  // should it wait for a thread of its parent
     thread.Join();
-    end.release();
+    gate.Open();
     thread.Start();
     thread.Join();
     EXPECT_EQ(thread.Count("run"), 2);
   });
-  end.release();
+  gate.Open();
   thread.Join();
   EXPECT_EQ(thread.Count("run"), 1);
 }
 
 TEST(IThread, ThatRunsMayBeDestroyedInAChildOfItsProcess) {
   auto thread = std::make_unique<ScriptedThread>();
-  std::binary_semaphore running(0);
-  std::binary_semaphore end(0);
+  Gate gate;
   thread->run = [&] {
-    running.release();
-    end.acquire();
+    gate.Wait();
     thread->Cancel();
   };
   thread->Start();
-  running.acquire();
+  gate.AwaitThread();
   ChildProcess::Run([&] {
     ChildProcess::EndInTime();
     thread.reset();
   });
-  end.release();
+  gate.Open();
 }
 
 TEST(IThread, OfItsParentIsNotJoinedByAChild) {
   ScriptedThread thread;
-  std::binary_semaphore running(0);
-  std::binary_semaphore end(0);
+  Gate gate;
   thread.run = [&] {
-    running.release();
-    end.acquire();
+    gate.Wait();
     thread.Cancel();
   };
   int joined = 0;
   Scoped::AtEnd const none([] { ScriptedThread::Hooks().join = nullptr; });
   ScriptedThread::Hooks().join = [&] { ++joined; };
   thread.Start();
-  running.acquire();
+  gate.AwaitThread();
   ChildProcess::Run([&] {
     ChildProcess::EndInTime();
     thread.Join();
     EXPECT_EQ(joined, 0);
   });
-  end.release();
+  gate.Open();
   thread.Join();
   EXPECT_EQ(joined, 1);
 }
@@ -305,19 +292,17 @@ TEST(IThread, ThatAnotherThreadUsesAtAForkMayBeUsedInTheChild) {
   ScriptedThread thread;
   thread.run = [&] { thread.Cancel(); };
   static thread_local bool isUser = false;
-  std::binary_semaphore locked(0);
-  std::binary_semaphore end(0);
+  Gate gate;
   Scoped::AtEnd const none([] { ScriptedThread::Hooks().unlock = nullptr; });
   ScriptedThread::Hooks().unlock = [&](auto&&...) {
     if (!std::exchange(isUser, false)) return;
-    locked.release();
-    end.acquire();
+    gate.Wait();
   };
   std::thread user([&] {
     isUser = true;
     thread.Cancel();
   });
-  locked.acquire();
+  gate.AwaitThread();
   for (auto const use : {&IThread::Start, &IThread::Cancel, &IThread::Join}) {
     ChildProcess::Run([&] {
       ChildProcess::EndInTime();
@@ -326,17 +311,15 @@ TEST(IThread, ThatAnotherThreadUsesAtAForkMayBeUsedInTheChild) {
       EXPECT_EQ(thread.Count("run"), use == &IThread::Start ? 1 : 0);
     });
   }
-  end.release();
+  gate.Open();
   user.join();
 }
 
 TEST(IThread, ThatAnotherThreadWaitsForAtAForkMayBeDestroyedInTheChild) {
   auto thread = std::make_unique<ScriptedThread>();
-  std::binary_semaphore running(0);
-  std::binary_semaphore end(0);
+  Gate gate;
   thread->run = [&] {
-    running.release();
-    end.acquire();
+    gate.Wait();
     thread->Cancel();
   };
   static thread_local bool isJoiner = false;
@@ -349,7 +332,7 @@ TEST(IThread, ThatAnotherThreadWaitsForAtAForkMayBeDestroyedInTheChild) {
     return result;
   };
   thread->Start();
-  running.acquire();
+  gate.AwaitThread();
   std::thread joiner([&] {
     isJoiner = true;
     thread->Join();
@@ -360,7 +343,7 @@ TEST(IThread, ThatAnotherThreadWaitsForAtAForkMayBeDestroyedInTheChild) {
     ChildProcess::EndInTime();
     thread.reset();
   });
-  end.release();
+  gate.Open();
   joiner.join();
 }
 

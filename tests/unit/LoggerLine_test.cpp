@@ -8,7 +8,6 @@
 #include <chrono>
 #include <functional>
 #include <mutex>
-#include <semaphore>
 #include <system_error>
 #include <thread>
 #include <vector>
@@ -17,6 +16,7 @@
 #include "base/Logger.h"
 #include "tests/machine/Machine.h"
 #include "tests/support/Capture.h"
+#include "tests/support/Gate.h"
 #include "tests/support/LogFile.h"
 
 namespace {
@@ -386,18 +386,16 @@ TEST_F(LoggerLine, TheFileIsTakenBeforeTheConsole) {
 
 TEST_F(LoggerLine, FlushWaitsForTheLinesUnderWay) {
   Capture::Output([] {
-    std::binary_semaphore begun(0);
-    std::binary_semaphore flushing(0);
+    Gate gate;
     std::thread owner([&] {
       logger.BeginLine(Info);
-      begun.release();
-      flushing.acquire();
+      gate.Wait();
       for (int i = 0; i < 1000; ++i) std::this_thread::yield();
       logger << "flushed";
       logger.EndLine();
     });
-    begun.acquire();
-    flushing.release();
+    gate.AwaitThread();
+    gate.Open();
     logger.Flush();
     EXPECT_THAT(LogFile::Text(), EndsWith("]flushed\n"));
     owner.join();

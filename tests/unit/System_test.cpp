@@ -13,7 +13,6 @@
 #include <chrono>
 #include <filesystem>
 #include <optional>
-#include <semaphore>
 #include <string>
 #include <thread>
 #include <vector>
@@ -23,6 +22,7 @@
 #include "tests/support/Capture.h"
 #include "tests/support/ChildProcess.h"
 #include "tests/support/Descriptors.h"
+#include "tests/support/Gate.h"
 #include "tests/support/LogFile.h"
 #include "tests/support/Scoped.h"
 
@@ -146,17 +146,15 @@ TEST_F(System, WaitsForNoLineOfTheLog) {
   EveryUnmountSucceeds();
   auto& logger = *Tarvik::Ilog::Logger::GetInstance();
   Capture::Output([&] {
-    std::binary_semaphore begun(0);
-    std::binary_semaphore end(0);
+    Gate gate;
     std::thread other([&] {
       LogLine line(Tarvik::Ilog::Info);
-      begun.release();
-      end.acquire();
+      gate.Wait();
     });
-    begun.acquire();
+    gate.AwaitThread();
     EXPECT_TRUE(LogFile::AnotherThreadGetsThrough([this] { system.UnmountAll(); }));
     EXPECT_FALSE(logger.Close());
-    end.release();
+    gate.Open();
     other.join();
     EXPECT_TRUE(logger.Close());
     LogLine const own(Tarvik::Ilog::Info);
