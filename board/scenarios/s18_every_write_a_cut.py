@@ -23,7 +23,7 @@ SHOWN = 10
 RECORD = f"""{MARKING}
 recorder --size {SIZE} --period 200 --min-free 1 | while read -r line; do
     echo "$line"
-    case $line in *Recorded* | *Deleted*) mark "$line" ;; esac
+    case $line in *Catalogue* | *Recorded* | *Deleted*) mark "$line" ;; esac
 done
 """
 

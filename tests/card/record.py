@@ -18,7 +18,7 @@ sys.path[:0] = [str(HERE.parent.parent), str(HERE)]
 sys.dont_write_bytecode = True
 
 from alone import call
-from board.cuts import BEFORE, BUSY, LOG, SIZE
+from board.cuts import BEFORE, BUSY, CATALOGUED, LOG, SIZE
 from slot import LoggedFile, Slot, require_log, require_private_root
 
 CARD = "/mnt/sdcard"
@@ -36,9 +36,9 @@ def record(card: LoggedFile, recorder: str, files: int):
     with contextlib.ExitStack() as until_the_end:
         for line in service.stdout:
             print(line, end="")
-            if "Recorded" in line or "Deleted" in line:
+            if any(told in line for told in (CATALOGUED, "Recorded", "Deleted")):
                 card.mark(line.strip())
-            catalogued |= "[REC] Catalogue of" in line
+            catalogued |= CATALOGUED in line
             if not catalogued or "Recorded" not in line:
                 continue
             files -= 1
