@@ -24,8 +24,8 @@ class Use:
 
 
 # The recorder's own size and period; then the same stream in recordings of a second each. Each of
-# these costs a commit of the journal, of ten blocks and more; they last longer than the half minute
-# after which the kernel writes to its place what was journalled.
+# these costs a commit of the journal, of ten blocks and more. The runs last longer than half a
+# minute, after which the kernel writes to its place what was journalled.
 USES = [
     Use(8 * MiB, 60_000, 4096, most=1.02, old=12, new=8),
     Use(150_000, 1000, 2048, most=1.25, old=200, new=160),
