@@ -23,6 +23,7 @@
 #include "tests/support/Capture.h"
 #include "tests/support/ChildProcess.h"
 #include "tests/support/Descriptors.h"
+#include "tests/support/Gate.h"
 #include "tests/support/LogFile.h"
 
 namespace {
@@ -108,22 +109,20 @@ TEST_F(LoggerProcess, StaticObjectsMayLogWhileTheProgramEnds) {
 /// Another thread in the middle of a line on both sinks, as long as the object lives.
 class LineUnderWay {
  public:
-  LineUnderWay() { begun.acquire(); }
+  LineUnderWay() { gate.AwaitThread(); }
   LineUnderWay(LineUnderWay const&) = delete;
   LineUnderWay& operator=(LineUnderWay const&) = delete;
   ~LineUnderWay() {
-    end.release();
+    gate.Open();
     thread.join();
   }
 
  private:
-  std::binary_semaphore begun{0};
-  std::binary_semaphore end{0};
+  Gate gate;
   std::thread thread{[this] {
     LogLine line(Info);
     line << "the parent's " << std::string(1000, 'x');
-    begun.release();
-    end.acquire();
+    gate.Wait();
     line << " line";
   }};
 };
