@@ -74,9 +74,9 @@ class QUELLON_EXPORT Ifile {
   /// Brings the file to the card, so that it is whole after a power cut or when the card is pulled:
   /// flushes the stream, then the file and the directory it lies in, each by an fsync(2) of its
   /// own. Waits for the card, from some ms to seconds: call it where a recording is complete, and
-  /// now and then in a long one. False when one of them fails, or the stream has failed before,
-  /// also when closing it; the file is not to be counted on then. It does not matter whether the
-  /// stream is open, was closed, or is null.
+  /// now and then in a long one. False when one of them fails, or the stream has failed since it
+  /// was opened, also when closing it; the file is not to be counted on then. It does not matter
+  /// whether the stream is open, was closed, or is null.
   bool Sync();
 
   /// Closes the stream and unlinks the file, in 3 attempts 50 ms apart. False, at once, when the
@@ -99,7 +99,8 @@ class QUELLON_EXPORT Ifile {
   /// False, with an error line in the log, when the destination has no name, cannot be made, or is
   /// the file itself, be it through a link, which then stays as it is. A source that cannot be
   /// opened is copied as an empty file, and failures while copying are not detected. The copy may
-  /// still be in memory alone, as what `Write` writes. Never throws.
+  /// still be in memory alone, as what `Write` writes. Waits for ever for the other end of a pipe,
+  /// be it one or the other. Never throws.
   bool CopyTo(std::string const& destination);
 
   /// Writes the bytes of `value`, as they lie in memory, to a C stream. False when `file` is null,

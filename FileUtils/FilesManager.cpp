@@ -94,8 +94,12 @@ FilesManager::FilesManager(Disk* card, unsigned long long minimumFree, float sha
 
 FilesManager::~FilesManager() {
   Join();
-  MutexLock const lock(filesMutex);
-  for (Ifile* file : files) delete file;
+  std::list<Ifile*> owned;
+  {
+    MutexLock const lock(filesMutex);
+    owned.swap(files);
+  }
+  for (Ifile* file : owned) delete file;  // the destructor of an application's own may use the list
 }
 
 bool FilesManager::HasCard() const {

@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "base/UniqueFd.h"
+#include "base/internal/CalendarLock.h"
 #include "base/internal/OpenFile.h"
 #include "base/internal/SystemClock.h"
 
@@ -36,10 +37,17 @@ rtc_time ToRtcTime(tm const& calendar) {
 }
 
 tm LocalTime(time_t seconds) {
+  Tarvik::CalendarLock const lock;
   tm calendar{};
   tzset();  // mktime looks for a new time zone, localtime_r does not
   localtime_r(&seconds, &calendar);
   return calendar;
+}
+
+// Puts right what the fields say, as mktime(3) does.
+time_t SecondsOf(tm& calendar) {
+  Tarvik::CalendarLock const lock;
+  return mktime(&calendar);
 }
 
 }  // namespace
@@ -66,7 +74,7 @@ bool Rtc::Set(long& seconds) {
 
 bool Rtc::SetSystemClock() {
   tm calendar = ToCalendar(rtcTime);
-  time_t const seconds = mktime(&calendar);
+  time_t const seconds = SecondsOf(calendar);
   rtcTime = ToRtcTime(calendar);
   return Tarvik::SetSystemClock(seconds);
 }

@@ -22,8 +22,14 @@ constexpr int kDefaultTimeoutSeconds = 90;
 
 Watchdog::Watchdog() : Watchdog(kDefaultTimeoutSeconds) {}
 
+// The line of the log may throw, and then nobody is there to close the device.
 Watchdog::Watchdog(int timeoutSeconds) : timeout(timeoutSeconds) {
-  Init();
+  try {
+    Init();
+  } catch (...) {
+    Watchdog::Close();
+    throw;
+  }
 }
 
 Watchdog::~Watchdog() {

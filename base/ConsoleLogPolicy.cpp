@@ -6,9 +6,14 @@
 
 namespace Tarvik::Ilog {
 
-// By write(2): in the stream's buffer the line would only be copied, and flushed at once.
+// By write(2): in the stream's buffer the line would only be copied, and flushed at once. What the
+// application left in that buffer comes first, unless another thread has the stream: that may wait
+// for this line.
 bool ConsoleLogPolicy::Write(std::string_view line) noexcept {
-  static_cast<void>(std::fflush(stdout));
+  if (ftrylockfile(stdout) == 0) {
+    static_cast<void>(std::fflush(stdout));
+    funlockfile(stdout);
+  }
   static_cast<void>(WriteAll(fileno(stdout), line));
   return true;
 }

@@ -1,72 +1,25 @@
 #include "base/Date.h"
 
-#include <pthread.h>
-
-#include <chrono>
+#include <cerrno>
 #include <cstring>
 #include <ctime>
-#include <mutex>
 #include <optional>
-#include <thread>
+#include <utility>
+
+#include "base/internal/CalendarLock.h"
 
 namespace Tarvik::Util {
 
 namespace {
 
-constexpr std::chrono::seconds kLongestForkWait(1);
-
-// The C library locks the time zone while it makes a calendar date. When a process forks meanwhile,
-// that lock stays locked in the child, where nobody unlocks it, and the child's first line of the
-// log would wait for ever. So this lock is held around each date, and fork(2) takes it first: no
-// process forks while one of its threads makes a date. A signal handler may fork, too. In the
-// middle of its own thread's date, fork does not take the lock, since that thread goes on in both
-// processes. In the middle of its own thread's fork it cannot have the lock, and goes on without it
-// after `kLongestForkWait`.
-class CalendarLock {
- public:
-  CalendarLock() {
-    Mutex().lock();
-    isMine = true;
-  }
-  CalendarLock(CalendarLock const&) = delete;
-  CalendarLock& operator=(CalendarLock const&) = delete;
-  ~CalendarLock() {
-    isMine = false;
-    Mutex().unlock();
-  }
-
- private:
-  static std::mutex& Mutex() {
-    static std::mutex mutex;
-    return mutex;
-  }
-
-  static bool LockInTime() {
-    auto const end = std::chrono::steady_clock::now() + kLongestForkWait;
-    while (!Mutex().try_lock()) {
-      if (std::chrono::steady_clock::now() > end) return false;
-      std::this_thread::yield();  // so that whoever has the lock can go on
-    }
-    return true;
-  }
-  static void LockBeforeFork() { isHeldForFork = !isMine && LockInTime(); }
-  static void UnlockAfterFork() {
-    if (isHeldForFork) Mutex().unlock();
-  }
-
-  static inline thread_local bool isMine;
-  static inline thread_local bool isHeldForFork;
-
-  // Done when the library is loaded, since a fork may come at the time of the first date.
-  static inline int const registered =
-      pthread_atfork(&LockBeforeFork, &UnlockAfterFork, &UnlockAfterFork);
-};
-
+// What a line of the log tells of an error must not be that the time zone has no file.
 std::optional<tm> LocalTime(time_t seconds) {
+  int const error = errno;
   CalendarLock const lock;
   tm calendar{};
-  if (localtime_r(&seconds, &calendar) == nullptr) return {};
-  return calendar;
+  bool const exists = localtime_r(&seconds, &calendar) != nullptr;
+  errno = error;
+  return exists ? std::optional(calendar) : std::nullopt;
 }
 
 }  // namespace

@@ -15,7 +15,8 @@ namespace Tarvik::Ilog {
 ///
 /// Other processes may log into the same file, and anybody may rename or delete it: within a second
 /// or two lines are in the file at the path again. Lines of all processes stay whole, and the limit
-/// is kept, for up to 15 processes at a time. Not locked against threads: the sink calls it with
+/// is kept, for up to 15 processes at a time; where the lock cannot be had for 20 ms, a line of
+/// more than 2 KiB may pass it by its length. Not locked against threads: the sink calls it with
 /// its line lock held. Kernel interface: O_APPEND, and flock(2) on "/var/log" while it checks the
 /// file's place and size and writes the line that follows.
 class QUELLON_EXPORT FileLogPolicy {

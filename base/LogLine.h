@@ -11,7 +11,10 @@ namespace Tarvik::Ilog {
 class Logger;
 
 /// One line, from its header to its end: `LogLine(Info) << "size " << size;`. The line ends with
-/// the object. Keep it short-lived: other threads that log wait for it.
+/// the object. Keep it short-lived: other threads that log wait for it. Call nothing in the same
+/// expression that logs, too, such as `Ifile::CopyTo` or `Watchdog::Reset`: this thread cannot
+/// begin a second line, so that call fails in the middle of its work. errno is left as it was, for
+/// what the line tells of it.
 class QUELLON_EXPORT LogLine {
  public:
   /// Begins the line; throws as `Logger::BeginLine` does.

@@ -21,6 +21,10 @@ Logger* Logger::GetInstance() {
   return instance.Get();
 }
 
+// Built when the library is loaded: a child of a fork(2) in the middle of building it would wait
+// for ever, and so would one whose own handlers for forks log before those of the logger.
+[[maybe_unused]] static Logger* const built = Logger::GetInstance();
+
 Logger::Logger() : fileSink(Sink<FileLogPolicy>()), consoleSink(Sink<ConsoleLogPolicy>()) {
   static int const registered = pthread_atfork(nullptr, nullptr, &Logger::RecoverInChild);
   static_cast<void>(registered);

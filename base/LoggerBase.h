@@ -27,7 +27,9 @@ namespace Tarvik::Ilog {
 ///
 /// Never log in a signal handler: one that interrupts a line of its own thread ends the program.
 /// Set a flag there, or call write(2). A child made by fork(2) may log; a line that another thread
-/// had under way is the parent's alone.
+/// had under way is the parent's alone. It may wait for ever if another thread of the parent was
+/// in a function of the C library that uses the time zone, called by the application itself: use
+/// `Util::Date`.
 template <typename Policy>
 class LoggerBase {
  public:

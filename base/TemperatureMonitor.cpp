@@ -20,6 +20,10 @@ TemperatureMonitor* TemperatureMonitor::GetInstance() {
   return instance.Get();
 }
 
+// Built when the library is loaded: a child of a fork(2) in the middle of building it would wait
+// for ever. It reads nothing before it is started.
+[[maybe_unused]] static TemperatureMonitor* const built = TemperatureMonitor::GetInstance();
+
 TemperatureMonitor::TemperatureMonitor() = default;
 
 TemperatureMonitor::~TemperatureMonitor() {

@@ -2,8 +2,10 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <pthread.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <ctime>
 #include <functional>
 #include <limits>
@@ -22,6 +24,21 @@
 namespace {
 
 namespace Util = Tarvik::Util;
+
+// What a test has done in the middle of a fork, as by the handler of a signal.
+void (*duringFork)();
+
+void RunDuringFork() {
+  if (auto const work = std::exchange(duringFork, nullptr)) work();
+}
+
+// The first handler that is registered is the last before the fork: this is so early that all of
+// the library's have been called.
+void RegisterFirst(int, char**, char**) {
+  pthread_atfork(&RunDuringFork, nullptr, nullptr);
+}
+[[gnu::section(".preinit_array"), gnu::used]] void (*const registerFirst)(int, char**,
+                                                                          char**) = &RegisterFirst;
 
 constexpr char const* kFormat = "%Y-%m-%d %H:%M:%S";
 
@@ -121,8 +138,8 @@ TEST_F(Date, ManyThreadsMayAskAtOnce) {
 TEST_F(Date, AForkOfTheThreadThatAsksStopsNeitherParentNorChild) {
   pid_t child = -1;
   Machine::ThreadHooks threads;
-  threads.tryLock = [](auto&&...) {
-    ADD_FAILURE() << "the fork asks for a lock";
+  threads.tryLock = [parent = getpid()](auto&&...) {
+    if (getpid() == parent) ADD_FAILURE() << "the fork asks for a lock";
     return std::nullopt;
   };
   ChildProcess::EndInTime();
@@ -140,6 +157,11 @@ TEST_F(Date, AForkOfTheThreadThatAsksStopsNeitherParentNorChild) {
   EXPECT_EQ(ChildProcess::Wait(child), 0);
 }
 
+int ExitCodeOfADate() {
+  ChildProcess::EndInTime();
+  return Util::Date(1, kFormat) == "1970-01-01 00:00:01" ? 0 : 1;
+}
+
 // The child would otherwise wait for a thread that it does not have.
 TEST_F(Date, AForkWaitsForTheThreadThatAsks) {
   Gate gate;
@@ -155,14 +177,58 @@ TEST_F(Date, AForkWaitsForTheThreadThatAsks) {
     if (++tries == 2) gate.Open();
     return std::nullopt;
   };
-  pid_t const child = ChildProcess::Start([] {
-    ChildProcess::EndInTime();
-    return Util::Date(1, kFormat) == "1970-01-01 00:00:01" ? 0 : 1;
-  });
+  pid_t const child = ChildProcess::Start(&ExitCodeOfADate);
   if (tries < 2) gate.Open();
   thread.join();
   EXPECT_GE(tries, 2);
   EXPECT_EQ(ChildProcess::Wait(child), 0);
+}
+
+TEST_F(Date, AForkWaitsForTheThreadThatAsksForASecondAtMost) {
+  Machine::hooks().monotonic = timespec{100, 0};
+  int tries = 0;
+  pthread_mutex_t const* lock = nullptr;
+  bool isUnlocked = false;
+  Machine::ThreadHooks threads;
+  threads.tryLock = [&, parent = getpid()](pthread_mutex_t const* mutex) -> std::optional<int> {
+    if (getpid() != parent) return std::nullopt;
+    ++tries;
+    lock = mutex;
+    timespec& now = *Machine::hooks().monotonic;
+    now = tries == 1 ? timespec{101, 0} : timespec{101, 1};
+    return EBUSY;
+  };
+  threads.unlock = [&](pthread_mutex_t const* mutex) { isUnlocked |= mutex == lock; };
+  pid_t const child = ChildProcess::Start([] { return 0; });
+  EXPECT_EQ(tries, 2);
+  EXPECT_FALSE(isUnlocked) << "which is another thread's";
+  EXPECT_EQ(ChildProcess::Wait(child), 0);
+}
+
+TEST_F(Date, AForkInTheMiddleOfItsOwnThreadsStopsNeitherParentNorChild) {
+  static pid_t inner;
+  duringFork = [] { inner = ChildProcess::Start(&ExitCodeOfADate); };
+  pid_t const outer = ChildProcess::Start(&ExitCodeOfADate);
+  EXPECT_EQ(ChildProcess::Wait(inner), 0);
+  EXPECT_EQ(ChildProcess::Wait(outer), 0);
+  ChildProcess::EndInTime();
+  EXPECT_EQ(Util::Date(0, kFormat), "1970-01-01 00:00:00");
+  std::thread([] { EXPECT_EQ(Util::Date(0, kFormat), "1970-01-01 00:00:00"); }).join();
+  alarm(0);
+}
+
+TEST_F(Date, CanBeAskedForInTheMiddleOfAFork) {
+  duringFork = [] { EXPECT_EQ(Util::Date(0, kFormat), "1970-01-01 00:00:00"); };
+  ChildProcess::EndInTime();
+  EXPECT_EQ(ChildProcess::Wait(ChildProcess::Start(&ExitCodeOfADate)), 0);
+  alarm(0);
+}
+
+TEST_F(Date, LeavesErrnoAsItWas) {
+  Machine::hooks().localTime = [] { errno = ENOENT; };  // as where a time zone has no file
+  errno = EACCES;
+  std::string const date = Util::Date(0, kFormat);
+  EXPECT_EQ(errno, EACCES);
 }
 
 }  // namespace

@@ -4,6 +4,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <poll.h>
+#include <pthread.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -25,6 +26,7 @@
 #include "tests/support/Descriptors.h"
 #include "tests/support/Gate.h"
 #include "tests/support/LogFile.h"
+#include "tests/support/Scoped.h"
 
 namespace {
 
@@ -37,6 +39,15 @@ using Tarvik::Ilog::Info;
 using Tarvik::Ilog::LogLine;
 using testing::EndsWith;
 using testing::MatchesRegex;
+
+// What a child does first. Applications register such handlers before they log for the first time.
+void (*firstInChild)();
+
+void DoFirstInChild() {
+  if (firstInChild != nullptr) firstInChild();
+}
+
+[[maybe_unused]] int const registered = pthread_atfork(nullptr, nullptr, &DoFirstInChild);
 
 class LoggerProcess : public testing::Test {
  protected:
@@ -141,6 +152,37 @@ TEST_F(LoggerProcess, AChildLogsWhileAnotherThreadOfItsParentIsInTheMiddleOfALin
   EXPECT_THAT(outcome.output, MatchesRegex(kHeader + "one\n" + kHeader + "\\[ERROR\\]two\n"));
   EXPECT_TRUE(std::regex_match(parents, std::regex(kHeader + "the parent's x{1000} line\n")));
   EXPECT_EQ(LogFile::Text(), outcome.output + parents);
+}
+
+TEST_F(LoggerProcess, AHandlerForForksLogsWhileAnotherThreadIsInTheMiddleOfALine) {
+  Scoped::AtEnd const none([] { firstInChild = nullptr; });
+  Outcome outcome;
+  Capture::Output([&] {
+    LineUnderWay const line;
+    firstInChild = [] {
+      EndInTime();
+      LogLine(Info) << "forked";
+    };
+    outcome = ThroughPipe([] {});
+  });
+  EXPECT_EQ(outcome.status, 0);
+  EXPECT_THAT(LogFile::Text(), testing::ContainsRegex(kHeader + "forked\n"));
+}
+
+TEST_F(LoggerProcess, ALineDoesNotWaitForAThreadThatHasTheStreamOfStandardOutput) {
+  Gate gate;
+  std::thread thread([&] {
+    flockfile(stdout);
+    gate.Wait();
+    funlockfile(stdout);
+  });
+  gate.AwaitThread();
+  EndInTime();
+  LogLine(Info) << "one";
+  alarm(0);
+  gate.Open();
+  thread.join();
+  EXPECT_THAT(LogFile::Text(), MatchesRegex(kHeader + "one\n"));
 }
 
 TEST_F(LoggerProcess, AChildKeepsASinkSwitchedOffThatAnotherThreadOfItsParentHas) {

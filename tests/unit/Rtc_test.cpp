@@ -12,13 +12,18 @@
 #include <cstdlib>
 #include <ctime>
 #include <limits>
+#include <optional>
 #include <string>
+#include <thread>
+#include <utility>
 #include <vector>
 
 #include "tests/machine/Machine.h"
+#include "tests/machine/Threads.h"
 #include "tests/support/Capture.h"
 #include "tests/support/ChildProcess.h"
 #include "tests/support/Descriptors.h"
+#include "tests/support/Gate.h"
 #include "tests/support/Scoped.h"
 
 namespace {
@@ -293,6 +298,27 @@ TEST_F(Rtc, PrintsTheSystemsTimeInLocalTime) {
   hooks().now = 1625068800;
   EXPECT_EQ(Capture::Output([this] { rtc.Print(); }),
             "RTC: 1/0/1900 00:00:00\nSystem: 6/30/2021 18:00:00\n");
+}
+
+// A date that is made meanwhile would keep the child's first one waiting for ever.
+TEST_F(Rtc, AForkWaitsForTheThreadThatPrints) {
+  int tries = 0;
+  Gate gate;
+  hooks().localTime = [&, isFirst = true]() mutable {
+    if (std::exchange(isFirst, false)) gate.Wait();
+  };
+  std::thread thread([this] { Capture::Output([this] { rtc.Print(); }); });
+  gate.AwaitThread();
+  Machine::ThreadHooks threads;
+  threads.tryLock = [&](auto&&...) {
+    if (++tries == 2) gate.Open();
+    return std::nullopt;
+  };
+  pid_t const child = ChildProcess::Start([] { return 0; });
+  if (tries < 2) gate.Open();
+  thread.join();
+  EXPECT_GE(tries, 2);
+  EXPECT_EQ(ChildProcess::Wait(child), 0);
 }
 
 }  // namespace

@@ -1,3 +1,4 @@
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -47,6 +48,25 @@ TEST_F(StatusCounter, IsZeroWithoutAFileAndLeavesAnEmptyOneBehind) {
   ASSERT_TRUE(FileExists());
   EXPECT_EQ(ReadFile(kFile), "");
   EXPECT_THAT(descriptors.Opened(), IsEmpty());
+}
+
+// Nor does the file become the standard output of a process without one, while it is open.
+TEST_F(StatusCounter, IsReadAndSavedWithTheStandardDescriptorsOpen) {
+  auto const areOpen = [] { return fcntl(STDIN_FILENO, F_GETFD) >= 0; };
+  bool openOnceRead;
+  bool openOnceSaved;
+  {
+    Descriptors::NoStandardOnes const none;
+    system.ReadSDCardStatusCounter();
+    openOnceRead = areOpen();
+  }
+  {
+    Descriptors::NoStandardOnes const none;
+    system.SaveSDCardStatusCounter(1);
+    openOnceSaved = areOpen();
+  }
+  EXPECT_TRUE(openOnceRead);
+  EXPECT_TRUE(openOnceSaved);
 }
 
 struct Content {

@@ -11,6 +11,7 @@
 #include <cstring>
 #include <optional>
 #include <string>
+#include <system_error>
 #include <vector>
 
 #include "base/Logger.h"
@@ -129,6 +130,15 @@ TEST_F(Watchdog, SetsTheTimeoutFirstAndLogsTheOneItReadsBack) {
   std::string const log = Capture::Output([] { EXPECT_EQ(Quellon::Watchdog(60).timeout, 60); });
   EXPECT_THAT(requests, ElementsAre(WDIOC_SETTIMEOUT, WDIOC_GETTIMEOUT));
   EXPECT_THAT(log, IsLogLine("Watchdog timeout have been set to 64 seconds"));
+}
+
+TEST_F(Watchdog, ClosesTheDeviceWhereItsLineCannotBeLogged) {
+  DriverApplies(60);
+  Capture::Output([] {
+    LogLine const line(Info);  // this thread cannot begin another one
+    EXPECT_THROW(Quellon::Watchdog(60), std::system_error);
+  });
+  EXPECT_THAT(descriptors.Opened(), IsEmpty());
 }
 
 TEST_F(Watchdog, LogsZeroSecondsWhenTheTimeoutCannotBeReadBack) {
