@@ -50,21 +50,23 @@ using testing::SizeIs;
 constexpr auto kEntryPause = 1ms;
 constexpr char const* kRecordings = "/mnt/sdcard/cr/";
 
-/// Holds the load at its first entry until it is let go.
+/// Holds the load, at its first entry if not before, until it is let go.
 class HeldLoad {
  public:
   HeldLoad() {
     hooks().sleep = [this](std::chrono::nanoseconds pause) {
-      if (pause != kEntryPause) return;
-      isLoading = true;
-      isLoading.notify_all();
-      isOpen.wait(false);
+      if (pause == kEntryPause) Hold();
     };
   }
   HeldLoad(HeldLoad const&) = delete;
   HeldLoad& operator=(HeldLoad const&) = delete;
   ~HeldLoad() { LetGo(); }
 
+  void Hold() {
+    isLoading = true;
+    isLoading.notify_all();
+    isOpen.wait(false);
+  }
   void Await() { isLoading.wait(false); }
   bool IsHeld() { return !isOpen; }
   void LetGo() {
@@ -154,6 +156,20 @@ class RecorderLoad : public testing::Test {
     return found;
   }
 
+  /// Expects the three recordings there were and what was recorded meanwhile in the catalogue.
+  void ExpectEachFileOnce() {
+    ASSERT_TRUE(Logs("[REC] Catalogue"));
+    StopRecorder();
+    std::size_t meanwhile = 0;
+    for (auto const& line : LinesWith("[REC] ")) {
+      if (line.starts_with("[REC] Catalogue")) break;
+      meanwhile += line.starts_with("[REC] Recorded");
+    }
+    EXPECT_THAT(LinesWith("[REC] Catalogue"),
+                ElementsAre("[REC] Catalogue of " + std::to_string(6 + meanwhile) + " files, " +
+                            std::to_string(3 * 15 + meanwhile / 2 * (100 + 1024)) + " bytes"));
+  }
+
   static constexpr fsblkcnt_t kEnough = 1000000;
   std::atomic<fsblkcnt_t> freeBlocks = kEnough;
   std::atomic<int> measured = 0;  // how often, for room, before the load is let go
@@ -166,6 +182,7 @@ class RecorderLoad : public testing::Test {
   std::unique_ptr<Recorder> recorder;
   std::thread service;
   std::function<void()> duringPause;  // of the service, on its thread
+  static thread_local bool isService;
 
  private:
   /// The service's pauses are over at once. Those of who kicks the watchdog meanwhile never are.
@@ -176,7 +193,6 @@ class RecorderLoad : public testing::Test {
     return ETIMEDOUT;
   }
 
-  static thread_local bool isService;
   Machine::ThreadHooks threads;
 };
 
@@ -195,22 +211,26 @@ TEST_F(RecorderLoad, RecordsWhileTheCatalogueIsLoaded) {
   StopRecorder();
 }
 
-TEST_F(RecorderLoad, CataloguesEachFileOnce) {
+TEST_F(RecorderLoad, CataloguesOnceWhatTheLoadDoesNotFind) {
   MakeRecordings(3);
+  StartRecorder();
+  load.Await();  // it has read the names by then
+  ASSERT_TRUE(Logs("Recorded rec_000006.gps"));
+  load.LetGo();
+  ExpectEachFileOnce();
+}
+
+TEST_F(RecorderLoad, CataloguesOnceWhatTheLoadFindsToo) {
+  MakeRecordings(3);
+  hooks().fault = [this](Machine::Call const& call) -> std::optional<Machine::Failure> {
+    if (call.function == "readdir" && !isService) load.Hold();
+    return {};
+  };
   StartRecorder();
   load.Await();
   ASSERT_TRUE(Logs("Recorded rec_000006.gps"));
   load.LetGo();
-  ASSERT_TRUE(Logs("[REC] Catalogue"));
-  StopRecorder();
-  std::size_t meanwhile = 0;
-  for (auto const& line : LinesWith("[REC] ")) {
-    if (line.starts_with("[REC] Catalogue")) break;
-    meanwhile += line.starts_with("[REC] Recorded");
-  }
-  EXPECT_THAT(LinesWith("[REC] Catalogue"),
-              ElementsAre("[REC] Catalogue of " + std::to_string(6 + meanwhile) + " files, " +
-                          std::to_string(3 * 15 + meanwhile / 2 * (100 + 1024)) + " bytes"));
+  ExpectEachFileOnce();
 }
 
 TEST_F(RecorderLoad, AFullCardWaitsForTheCatalogueAndNothingIsDeletedMeanwhile) {
