@@ -4,7 +4,6 @@
 #include <algorithm>
 #include <exception>
 #include <limits>
-#include <list>
 #include <mutex>
 #include <string_view>
 #include <typeinfo>
@@ -77,32 +76,25 @@ bool FilesManager::MakeRoom() {
   }
 }
 
-// Objects go once the lock is released: the destructor of an application's own kind of file may use
-// the catalogue.
 unsigned int FilesManager::DeleteOldFiles(unsigned int count) {
-  std::list<Ifile*> const deleted = TakeDeleted(std::min(count, CountFiles()));
-  for (Ifile* file : deleted) delete file;
-  return static_cast<unsigned int>(deleted.size());
-}
-
-// Deletes up to so many files and returns their objects.
-std::list<Ifile*> FilesManager::TakeDeleted(unsigned int wanted) {
-  std::list<Ifile*> deleted;
-  if (wanted == 0) return deleted;
+  unsigned int const wanted = std::min(count, CountFiles());
+  if (wanted == 0) return 0;
   MutexLock const lock(filesMutex);
-  for (auto next = files.begin(); next != files.end() && deleted.size() < wanted;) {
+  unsigned int deleted = 0;
+  for (auto next = files.begin(); next != files.end() && deleted < wanted;) {
     auto const position = next++;
     Ifile* const file = *position;
     if (!MayBeDeleted(file)) continue;
     Removal const removal = Remove(*file);
     if (removal == Removal::Thrown) continue;  // stays in the catalogue, to be tried again
+    files.erase(position);
     if (removal == Removal::Failed) {
-      files.erase(position);
       Abandon(file);
       continue;
     }
+    ++deleted;
     SubtractSize(*file);
-    deleted.splice(deleted.end(), files, position);
+    delete file;
   }
   return deleted;
 }
