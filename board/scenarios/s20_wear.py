@@ -28,8 +28,8 @@ class Use:
 # minute, after which the kernel writes to its place what was journalled.
 USES = [
     Use(8 * MiB, 60_000, 4096, most=1.02, old=12, new=8),
-    Use(150_000, 1000, 2048, most=1.25, old=200, new=160),
-    Use(150_000, 1000, 4096, most=1.43, old=200, new=160),
+    Use(150_000, 1000, 2048, most=1.25, old=200, new=110),
+    Use(150_000, 1000, 4096, most=1.43, old=200, new=110),
 ]
 
 # The minimum leaves room for one recording more.
