@@ -24,7 +24,9 @@ Logger* Logger::GetInstance() {
 
 // Built when the library is loaded: a child of a fork(2) in the middle of building it would wait
 // for ever, and so would one whose own handlers for forks log before those of the logger.
-[[maybe_unused]] static Logger* const built = Logger::GetInstance();
+[[gnu::constructor]] static void Build() {
+  Logger::GetInstance();
+}
 
 Logger::Logger() : fileSink(Sink<FileLogPolicy>()), consoleSink(Sink<ConsoleLogPolicy>()) {
   static int const registered = pthread_atfork(nullptr, nullptr, &Logger::RecoverInChild);
