@@ -204,12 +204,40 @@ TEST_F(Date, AForkWaitsForTheThreadThatAsksForASecondAtMost) {
   EXPECT_EQ(ChildProcess::Wait(child), 0);
 }
 
+/// Counts how often a fork tries to take its lock in this process, and how often that is given
+/// back.
+class ForksLock {
+ public:
+  ForksLock() {
+    threads.tryLock = [this](pthread_mutex_t const* mutex) -> std::optional<int> {
+      if (getpid() != parent) return std::nullopt;
+      ++tries;
+      lock = mutex;
+      return std::nullopt;
+    };
+    threads.unlock = [this](pthread_mutex_t const* mutex) { unlocks += mutex == lock; };
+  }
+
+  int tries = 0;
+  int unlocks = 0;
+
+ private:
+  pid_t const parent = getpid();
+  pthread_mutex_t const* lock = nullptr;
+  Machine::ThreadHooks threads;
+};
+
 TEST_F(Date, AForkInTheMiddleOfItsOwnThreadsStopsNeitherParentNorChild) {
   static pid_t inner;
   duringFork = [] { inner = ChildProcess::Start(&ExitCodeOfADate); };
-  pid_t const outer = ChildProcess::Start(&ExitCodeOfADate);
+  {
+    ForksLock const lock;
+    pid_t const outer = ChildProcess::Start(&ExitCodeOfADate);
+    EXPECT_EQ(lock.tries, 1);
+    EXPECT_EQ(lock.unlocks, 1);
+    EXPECT_EQ(ChildProcess::Wait(outer), 0);
+  }
   EXPECT_EQ(ChildProcess::Wait(inner), 0);
-  EXPECT_EQ(ChildProcess::Wait(outer), 0);
   ChildProcess::EndInTime();
   EXPECT_EQ(Util::Date(0, kFormat), "1970-01-01 00:00:00");
   std::thread([] { EXPECT_EQ(Util::Date(0, kFormat), "1970-01-01 00:00:00"); }).join();
@@ -219,7 +247,10 @@ TEST_F(Date, AForkInTheMiddleOfItsOwnThreadsStopsNeitherParentNorChild) {
 TEST_F(Date, CanBeAskedForInTheMiddleOfAFork) {
   duringFork = [] { EXPECT_EQ(Util::Date(0, kFormat), "1970-01-01 00:00:00"); };
   ChildProcess::EndInTime();
-  EXPECT_EQ(ChildProcess::Wait(ChildProcess::Start(&ExitCodeOfADate)), 0);
+  ForksLock const lock;
+  pid_t const child = ChildProcess::Start(&ExitCodeOfADate);
+  EXPECT_EQ(lock.unlocks, 1) << "the fork has the lock, and keeps it";
+  EXPECT_EQ(ChildProcess::Wait(child), 0);
   alarm(0);
 }
 

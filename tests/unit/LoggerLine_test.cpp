@@ -496,6 +496,27 @@ TEST_F(LoggerLine, FlushWithoutALineReturnsAtOnce) {
   EXPECT_TRUE(LogFile::IsFree());
 }
 
+TEST_F(LoggerLine, OnOneSinkAloneHasNothingOfAnotherThreadsOnTheOtherAfterALineOnBoth) {
+  std::string const output = Capture::Output([] {
+    LogLine(Info) << "on both";
+    Gate gate;
+    std::thread thread([&] {
+      logger.consoleSink->WriteHeader(Info);
+      *logger.consoleSink << "the console's";
+      gate.Wait();
+      logger.consoleSink->EndLine();
+    });
+    gate.AwaitThread();
+    logger.fileSink->WriteHeader(Info);
+    *logger.fileSink << "the file's";
+    logger.fileSink->EndLine();
+    gate.Open();
+    thread.join();
+  });
+  EXPECT_THAT(output, MatchesRegex(kHeader + "on both\n" + kHeader + "the console's\n"));
+  EXPECT_THAT(LogFile::Text(), MatchesRegex(kHeader + "on both\n" + kHeader + "the file's\n"));
+}
+
 TEST_F(LoggerLine, AConsoleThatCannotBeWrittenLosesItsLineOnly) {
   std::string const console = Capture::Output([] {
     {
