@@ -517,6 +517,16 @@ TEST_F(LoggerLine, OnOneSinkAloneHasNothingOfAnotherThreadsOnTheOtherAfterALineO
   EXPECT_THAT(LogFile::Text(), MatchesRegex(kHeader + "on both\n" + kHeader + "the file's\n"));
 }
 
+TEST_F(LoggerLine, ValuesAndManipulatorsWithoutALineAreDropped) {
+  std::string const output = Capture::Output([] {
+    *logger.fileSink << 1.5 << std::hex << true;
+    logger << 2.5;
+    LogLine(Info) << 255;
+  });
+  EXPECT_THAT(output, MatchesRegex(kHeader + "255\n"));
+  EXPECT_EQ(LogFile::Text(), output);
+}
+
 TEST_F(LoggerLine, AConsoleThatCannotBeWrittenLosesItsLineOnly) {
   std::string const console = Capture::Output([] {
     {
