@@ -49,11 +49,14 @@ void LoggerBase<Policy>::BeginLine(LogType type) {
   KeepLine(lock);
 }
 
-// Takes part in a line that begins on the other sink.
+// Takes part in a line that begins on the other sink. Should the line become this sink's own, a
+// usual one needs no memory any more: the line may tell that there is none.
 template <typename Policy>
 void LoggerBase<Policy>::JoinLine() {
+  constexpr std::size_t kUsualLine = 512;
   std::unique_lock lock(lineLock);
   lineLock.AssertHeld();
+  line.Reserve(kUsualLine);
   KeepLine(lock);
 }
 

@@ -30,7 +30,8 @@ namespace Tarvik::Ilog {
 /// Set a flag there, or call write(2). A child made by fork(2) may log; a line that another thread
 /// had under way is the parent's alone. It may wait for ever if another thread of the parent was
 /// in a function of the C library that uses the time zone, called by the application itself: use
-/// `Util::Date`.
+/// `Util::Date`. A handler of pthread_atfork(3) that runs before a fork may log only if it was
+/// registered after the library was loaded.
 template <typename Policy>
 class LoggerBase {
  public:

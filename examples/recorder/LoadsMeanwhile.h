@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <chrono>
 #include <future>
+#include <iterator>
 #include <list>
 #include <memory>
 #include <set>
@@ -22,34 +23,38 @@ inline constexpr std::chrono::minutes kLongestLoad(30);
 /// destructor waits for the load: nothing ends one before it has come to the last name.
 class LoadsMeanwhile {
  public:
-  /// Throws std::system_error when the system has no thread to give.
+  /// Where the system has no thread to give, `Finish` loads it.
   explicit LoadsMeanwhile(Quellon::FileUtils::FilesManager& loaded)
-      : catalogue(loaded),
-        load(std::async(std::launch::async, [&loaded] { return loaded.LoadAndSort(); })) {}
+      : catalogue(loaded), load(std::async(std::launch::async | std::launch::deferred, [&loaded] {
+          return loaded.LoadAndSort();
+        })) {}
 
   /// A file that was completed meanwhile, in the place of `FilesManager::AddFile`.
   void Add(std::string name) { added.push_back(std::move(name)); }
 
   /// Whether the load has ended. Files that are added may still go into the catalogue.
   [[nodiscard]] bool IsOver() const {
-    return load.wait_for(std::chrono::seconds::zero()) == std::future_status::ready;
+    return load.wait_for(std::chrono::seconds::zero()) != std::future_status::timeout;
   }
 
   /// Whether it has not ended in `kLongestLoad`: it hangs, or has two million files.
   [[nodiscard]] bool Hangs() const { return !IsOver() && std::chrono::steady_clock::now() > end; }
 
   /// Completes the catalogue once the load is over: what was added is in it once, as the newest.
-  /// Call it once, while none of its files is being written, and nothing else after it. False when
-  /// the load has failed, or when a file is gone; the catalogue has the reason. Throws what the
-  /// load threw, such as std::bad_alloc.
+  /// Call it once, while none of its files is being written, and nothing but `GetGone` after it.
+  /// False when the load has failed; the catalogue has the reason. Throws what the load threw, such
+  /// as std::bad_alloc.
   bool Finish() {
     if (!load.get()) return false;
     TakeOutAdded();
-    bool const complete =
-        std::ranges::all_of(added, [this](std::string& name) { return catalogue.AddFile(name); });
+    std::ranges::copy_if(added, std::back_inserter(gone),
+                         [this](std::string& name) { return !catalogue.AddFile(name); });
     catalogue.GetTotalFilesSize(true);
-    return complete;
+    return true;
   }
+
+  /// Of the files that were added, those that were gone by then.
+  [[nodiscard]] std::vector<std::string> const& GetGone() const { return gone; }
 
  private:
   // The load may have found a file that was completed meanwhile, with the size it had then.
@@ -64,6 +69,7 @@ class LoadsMeanwhile {
 
   Quellon::FileUtils::FilesManager& catalogue;
   std::vector<std::string> added;
+  std::vector<std::string> gone;
   std::chrono::steady_clock::time_point end = std::chrono::steady_clock::now() + kLongestLoad;
   std::future<bool> load;
 };

@@ -218,11 +218,14 @@ bool Recorder::WaitForLoad() {
 
 bool Recorder::FinishLoad() {
   if (load == nullptr) return true;
-  bool const complete = load->Finish();
-  load.reset();
-  if (!complete) {
+  std::unique_ptr<LoadsMeanwhile> const over = std::move(load);
+  if (!over->Finish()) {
     LogLine(Error) << "[REC] " << catalogue->GetError();
     return false;
+  }
+  // Somebody has deleted them meanwhile; the card is none the worse for it.
+  for (auto const& name : over->GetGone()) {
+    LogLine(Error) << "[REC] Could not write " << kRecordings << name;
   }
   LogLine(Info) << "[REC] Catalogue of " << catalogue->GetList().size() << " files, "
                 << catalogue->GetTotalFilesSize() << " bytes";

@@ -178,4 +178,21 @@ TEST_F(LoggerMemory, ALineWithoutMemoryForItsHeaderIsOnNeitherSink) {
   EXPECT_TRUE(LogFile::IsFree());
 }
 
+TEST_F(LoggerMemory, AUsualLineNeedsNoneOnEitherSink) {
+  Machine::hooks().now = 1;
+  LogFile::Enable(true, true);
+  Capture::Output([] {
+    LogLine(Info) << std::string(100'000, 'x');  // no memory of that length is kept
+    LogLine(Info) << std::string(100, 'u');
+  });
+  LogFile::BeginAnew();
+  std::string const console = Capture::Output([] {
+    Machine::FailingAllocation const failing(1);
+    LogLine(Info) << "no memory for " << 1.5 << " MB";
+    EXPECT_FALSE(Machine::FailingAllocation::Happened());
+  });
+  EXPECT_THAT(console, EndsWith("]no memory for 1.5 MB\n"));
+  EXPECT_EQ(LogFile::Text(), console);
+}
+
 }  // namespace

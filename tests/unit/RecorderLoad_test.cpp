@@ -410,9 +410,25 @@ TEST_F(LoadsMeanwhileTest, WhatWasAddedKeepsItsOrder) {
   EXPECT_THAT(Names(*catalogue), ElementsAre("z.dat", "z.gps", "a.dat"));
 }
 
-TEST_F(LoadsMeanwhileTest, AFileThatIsGoneIsAFailure) {
-  EXPECT_FALSE(LoadWith({"a.dat"}));
-  EXPECT_EQ(catalogue->GetError(), "File not found");
+TEST_F(LoadsMeanwhileTest, AFileThatIsGoneDoesNotKeepTheOthersOut) {
+  MakeRecording("b.dat");
+  LoadsMeanwhile load(*catalogue);
+  load.Add("a.dat");
+  load.Add("b.dat");
+  EXPECT_TRUE(load.Finish());
+  EXPECT_THAT(load.GetGone(), ElementsAre("a.dat"));
+  EXPECT_THAT(Names(*catalogue), ElementsAre("b.dat"));
+}
+
+TEST_F(LoadsMeanwhileTest, IsDoneAtItsEndWhereThereIsNoThread) {
+  MakeRecording("a.dat");
+  Machine::ThreadHooks threads;
+  threads.create = [] { return EAGAIN; };
+  LoadsMeanwhile load(*catalogue);
+  EXPECT_TRUE(load.IsOver());
+  EXPECT_FALSE(load.Hangs());
+  EXPECT_TRUE(load.Finish());
+  EXPECT_THAT(Names(*catalogue), ElementsAre("a.dat"));
 }
 
 TEST_F(LoadsMeanwhileTest, AFailedLoadIsAFailure) {
