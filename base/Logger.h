@@ -73,12 +73,9 @@ class QUELLON_EXPORT Logger {
 
 // Always inline, and with a length of its own, since the compiler knows that of most texts: where
 // it builds for size, it asks for it at run time otherwise.
-[[gnu::always_inline]] inline LogLine& LogLine::operator<<(char const* text) {
-  if (text == nullptr) {
-    logger << text;
-  } else {
-    logger << std::string_view(text, std::strlen(text));
-  }
+template <std::size_t kSize>
+[[gnu::always_inline]] inline LogLine& LogLine::operator<<(char const (&text)[kSize]) {
+  logger << std::string_view(text, std::strlen(text));
   return *this;
 }
 
