@@ -23,13 +23,14 @@ class Use:
     new: int  # files recorded, at the least
 
 
-# The recorder's own stream in recordings of a second each. Each costs a commit of the journal, of ten
-# blocks and more. The runs last longer than half a minute, after which the kernel writes to its place
-# what was journalled.
+# The recorder's own stream in recordings of a second each. Each costs a commit of the journal, of
+# ten blocks and more. The runs last longer than half a minute, after which the kernel writes to its
+# place what was journalled.
 USES = [
     Use(150_000, 1000, 4096, most=1.43, old=200, new=80),
 ]
-# Also its own size and period, and smaller blocks, where more files are asked for than the tests have.
+# Also its own size and period, and smaller blocks: where more files are asked for than the tests
+# have.
 AT_LENGTH = [
     Use(8 * MiB, 60_000, 4096, most=1.02, old=12, new=8),
     Use(150_000, 1000, 2048, most=1.25, old=200, new=160),
