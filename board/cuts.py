@@ -230,10 +230,10 @@ class Result:
         return cls(**values)
 
 
-def has_parts(contents: dict[str, bytes]) -> bool:
-    """Tells whether a part of a recording is on the card, which nothing promised yet."""
+def has_parts(contents: dict[str, bytes], promised: dict[str, bytes]) -> bool:
+    """Tells whether a part of a recording is on the card. What is promised is judged elsewhere."""
     return any(content != content_of(name, POSITIONS if name.endswith(".gps") else SIZE)
-               for name, content in contents.items())
+               for name, content in contents.items() if name not in promised)
 
 
 def is_content(sector: bytes) -> bool:
@@ -480,7 +480,7 @@ def judge_states(run: "Run", states: Iterable[State]) -> Result:
         result.cuts += 1
         result.checks += 1
         result.repaired += code == 1
-        result.unfinished += has_parts(contents)
+        result.unfinished += has_parts(contents, required(run.recordings, state.cut))
         result.losses += judge(code, contents, run.recordings, state)
     return result
 
