@@ -70,7 +70,9 @@ Value::Value(Object members) : held(std::make_shared<Object const>(std::move(mem
 Value::Value(Array elements) : held(std::make_shared<Array const>(std::move(elements))) {}
 Value::Value(Value const&) = default;
 // The other becomes null: a moved-from pointer in it would still pass for an object.
-Value::Value(Value&& other) noexcept : held(std::exchange(other.held, {})) {}
+Value::Value(Value&& other) noexcept : held(std::move(other.held)) {
+  other.held.emplace<std::monostate>();
+}
 Value& Value::operator=(Value const&) = default;
 Value& Value::operator=(Value&& other) noexcept {
   held = std::exchange(other.held, {});

@@ -42,15 +42,17 @@ void Logger::RecoverInChild() noexcept {
 // console alone, begun while the file was disabled, it must not wait for the file, since the thread
 // that has the file may wait for the console. A line on a sink disabled since is dropped first.
 void Logger::BeginLine(LogType type) {
-  if (!fileSink->IsEnabled()) fileSink->DropLine();
-  if (!consoleSink->IsEnabled()) consoleSink->DropLine();
+  bool const toFile = fileSink->IsEnabled();
+  bool const toConsole = consoleSink->IsEnabled();
+  if (!toFile) fileSink->DropLine();
+  if (!toConsole) consoleSink->DropLine();
   fileSink->RequireNoLine();
   consoleSink->RequireNoLine();
-  if (fileSink->IsEnabled() && consoleSink->IsEnabled()) {
+  if (toFile && toConsole) {
     BeginSharedLine(type);
-  } else if (fileSink->IsEnabled()) {
+  } else if (toFile) {
     fileSink->BeginLine(type);
-  } else if (consoleSink->IsEnabled()) {
+  } else if (toConsole) {
     consoleSink->BeginLine(type);
   }
 }

@@ -86,8 +86,7 @@ bool LoggerBase<Policy>::TakesPart() noexcept {
 }
 
 template <typename Policy>
-void LoggerBase<Policy>::RequireNoLine() const {
-  if (!HoldsLine()) return;
+void LoggerBase<Policy>::RefuseLine() {
   throw std::system_error(std::make_error_code(std::errc::resource_deadlock_would_occur));
 }
 

@@ -104,7 +104,10 @@ class LoggerBase {
   [[nodiscard]] bool GoesOn() noexcept QUELLON_ASSERT_CAPABILITY(lineLock);
   // The same; `stream` may be used then, and its format is forgotten at the line's end.
   [[nodiscard]] bool TakesPart() noexcept QUELLON_ASSERT_CAPABILITY(lineLock);
-  void RequireNoLine() const;
+  void RequireNoLine() const {
+    if (HoldsLine()) RefuseLine();
+  }
+  [[noreturn]] static void RefuseLine();
   void AppendText(std::string_view text) QUELLON_REQUIRES(lineLock);
   template <typename Number>
   void AppendNumber(Number number) QUELLON_REQUIRES(lineLock);
