@@ -54,9 +54,9 @@ bool IsUnknownRequest(int error) noexcept {
 
 bool IsKeptFromStopping() noexcept {
   UniqueFd const file = OpenFile(kNoWayOut, O_RDONLY);
-  char flag = '0';
+  char flag;
   auto const readFlag = [&] { return read(file.Get(), &flag, 1); };
-  return file.IsOpen() && Tarvik::RestartWhileInterrupted(readFlag) == 1 && flag == '1';
+  return Tarvik::RestartWhileInterrupted(readFlag) == 1 && flag == '1';
 }
 
 }  // namespace

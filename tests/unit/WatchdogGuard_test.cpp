@@ -189,10 +189,12 @@ class SharedDevice {
     hooks().ioctl = [](unsigned long, void*) { return Answer::Success(); };
   }
 
-  /// Whether a process has it open. False also where something was written to it.
-  [[nodiscard]] bool IsOpen() const {
-    char byte;
-    return read(reader.Get(), &byte, 1) < 0 && errno == EAGAIN;
+  /// What was written to it since this was asked last, and then "open" or "closed".
+  [[nodiscard]] std::string State() const {
+    std::string text;
+    ssize_t n;
+    for (char byte; (n = read(reader.Get(), &byte, 1)) > 0;) text += byte;
+    return text + (n < 0 && errno == EAGAIN ? "open" : "closed");
   }
 
  private:
@@ -627,10 +629,10 @@ TEST_F(WatchdogGuard, StaysOpenWhenAChildHasEndedItsCopy) {
     return 0;
   });
   EXPECT_EQ(ChildProcess::Wait(child), 0);
-  EXPECT_TRUE(device.IsOpen());
+  EXPECT_EQ(device.State(), "open");
   EXPECT_EQ(guard->Kick(), Result::Done);
   guard.reset();
-  EXPECT_FALSE(device.IsOpen());
+  EXPECT_EQ(device.State(), "closed");
 }
 
 TEST_F(WatchdogGuard, IsKeptOpenByAChildThatOutlivesItsProcess) {
@@ -648,10 +650,10 @@ TEST_F(WatchdogGuard, IsKeptOpenByAChildThatOutlivesItsProcess) {
     return static_cast<int>(read(reader.Get(), &byte, 1));  // until the parent closes its end
   });
   guard.reset();
-  EXPECT_TRUE(device.IsOpen());
+  EXPECT_EQ(device.State(), "open");
   writer = Tarvik::UniqueFd();
   EXPECT_EQ(ChildProcess::Wait(child), 0);
-  EXPECT_FALSE(device.IsOpen());
+  EXPECT_EQ(device.State(), "closed");
 }
 
 TEST_F(WatchdogGuard, LeavesNothingMagicBehindWhenItsProcessIsKilled) {
@@ -663,7 +665,7 @@ TEST_F(WatchdogGuard, LeavesNothingMagicBehindWhenItsProcessIsKilled) {
   });
   int const status = ChildProcess::Wait(child);
   EXPECT_TRUE(WIFSIGNALED(status));
-  EXPECT_FALSE(device.IsOpen());
+  EXPECT_EQ(device.State(), "closed");
 }
 
 TEST_F(WatchdogGuard, DoesNotHoldUpAChildThatWasMadeInTheMiddleOfAKick) {
