@@ -24,7 +24,7 @@ namespace {
 
 constexpr char const* kNoWayOut = "/sys/class/watchdog/watchdog0/nowayout";
 
-constexpr std::string_view kKick("", 1);  // any byte but the next
+constexpr std::string_view kKick = " ";  // any byte but the next
 constexpr std::string_view kMagicClose = "V";
 
 UniqueFd OpenFile(char const* path, int flags) noexcept {

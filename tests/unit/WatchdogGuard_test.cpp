@@ -156,7 +156,7 @@ class Driver {
   std::optional<ssize_t> Write(int fd, std::string const& text) {
     if (Machine::DevicePath(fd) != kDevice) return std::nullopt;
     EXPECT_TRUE(isOpen);
-    Note("write " + (text == std::string(1, '\0') ? "0" : text));
+    Note("write '" + text + "'");
     if (failingWrites > 0) {
       --failingWrites;
       errno = EIO;
@@ -411,7 +411,7 @@ TEST_F(WatchdogGuard, KicksByAByteWhereTheDriverTakesNoRequestForIt) {
   guard.Open(60);
   driver.Asked();
   EXPECT_EQ(guard.Kick(), Result::Done);
-  EXPECT_THAT(driver.Asked(), ElementsAre("kick", "write 0"));
+  EXPECT_THAT(driver.Asked(), ElementsAre("kick", "write ' '"));
 }
 
 TEST_F(WatchdogGuard, TellsAKickThatFailedAndStaysOpenForTheNext) {
@@ -433,7 +433,7 @@ TEST_F(WatchdogGuard, DisarmsByARequestAndTheMagicClose) {
   guard.Open(60);
   driver.Asked();
   EXPECT_EQ(guard.Disarm(), Result::Done);
-  EXPECT_THAT(driver.Asked(), ElementsAre("stop", "write V", "close"));
+  EXPECT_THAT(driver.Asked(), ElementsAre("stop", "write 'V'", "close"));
   EXPECT_FALSE(driver.isRunning);
   EXPECT_EQ(driver.complaints, 0);
   EXPECT_FALSE(guard.IsOpen());
@@ -460,7 +460,7 @@ TEST_F(WatchdogGuard, DisarmsByTheMagicCloseAloneADriverThatCannotBeAskedToStop)
     guard.Open(60);
     driver.Asked();
     EXPECT_EQ(guard.Disarm(), Result::Done);
-    EXPECT_THAT(driver.Asked(), ElementsAre("stop", "write V", "close"));
+    EXPECT_THAT(driver.Asked(), ElementsAre("stop", "write 'V'", "close"));
     EXPECT_FALSE(driver.isRunning);
     EXPECT_EQ(driver.complaints, 0);
   }
@@ -712,7 +712,7 @@ TEST_F(WatchdogGuard, IsDisarmedByOneThreadAfterTheKickOfAnother) {
     std::call_once(once, [&] { gate.Open(); });
     EXPECT_EQ(kicking.get(), Result::Done);
   }
-  EXPECT_THAT(driver.Asked(), ElementsAre("kick", "stop", "write V", "close"));
+  EXPECT_THAT(driver.Asked(), ElementsAre("kick", "stop", "write 'V'", "close"));
 }
 
 TEST_F(WatchdogGuard, IsKickedOnlyWhileItIsOpenWhateverOtherThreadsDo) {
