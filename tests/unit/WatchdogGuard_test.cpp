@@ -66,6 +66,8 @@ class Driver {
   }
   Driver(Driver const&) = delete;
   Driver& operator=(Driver const&) = delete;
+  /// A guard may end later.
+  ~Driver() { hooks() = Machine::Hooks(); }
 
   /// What was asked of it since this was asked last.
   Events Asked() {
