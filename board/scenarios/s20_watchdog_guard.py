@@ -1,11 +1,12 @@
 """A watchdog that is held open keeps a board up without a line of the kernel, resets one whose
-service is stopped or killed, and lets itself be disarmed on purpose."""
+service is stopped or killed or whose kernel panics, and lets itself be disarmed on purpose."""
 
 from board.board import Board, expect, expect_equal
 
 LIMIT = 400
 
 TIMEOUT = 12  # seconds
+SHORT = 2  # a kernel that has panicked does not sleep, and so takes its time here
 LONG = 40  # three timeouts
 MARGIN = 3
 
@@ -47,6 +48,13 @@ if [ $start = 3 ]; then
     tell "refusals $(dmesg | grep -c 'nowayout prevents watchdog being stopped')"
     until_reset
 fi
+if [ $start = 4 ]; then
+    driver guard {SHORT} 1000 &
+    sleep 5
+    tell "panic, and the kernel waits for somebody to come"
+    echo 0 >/proc/sys/kernel/panic
+    echo c >/proc/sysrq-trigger
+fi
 driver disarm {TIMEOUT}
 sleep {LONG}
 tell "complaints $(complaints)"
@@ -55,10 +63,10 @@ tell "not reset"
 
 
 def run(board: Board):
-    machine = board.run(SCRIPT, starts=4)
+    machine = board.run(SCRIPT, starts=5)
     lines = machine.lines
 
-    expect_equal(machine.resets, 3, "resets")
+    expect_equal(machine.resets, 4, "resets")
     expect(f"guard by imx2+ watchdog, {TIMEOUT} s, not stopped by a close" in lines,
            "the driver is another one than expected")
     expect("open the watchdog is held by another process" in lines, "a second guard was not refused")
@@ -69,8 +77,9 @@ def run(board: Board):
     expect("disarm the watchdog cannot be stopped" in lines, "the driver could be stopped")
     expect_equal(value(lines, "3: refusals "), 1, "lines of the kernel that refuse a stop")
     expect("disarm done" in lines, "the watchdog could not be disarmed")
-    expect_equal(value(lines, "4: complaints "), 0, "lines of the kernel of a disarmed watchdog")
-    expect("4: not reset" in lines, "a disarmed watchdog reset the board")
+    expect_equal(value(lines, "5: complaints "), 0, "lines of the kernel of a disarmed watchdog")
+    expect("5: not reset" in lines, "a disarmed watchdog reset the board")
+    expect(any("Kernel panic" in line for line in lines), "the kernel did not panic")
     board.note(f"{LONG} s lived through with kicks, and with a watchdog that was disarmed")
     for start, death in ((1, "stopped"), (2, "killed"), (3, "not disarmed")):
         survived = value(lines, f"{start}: alive at ") - value(lines, f"{start}: last kick before ")

@@ -573,6 +573,63 @@ TEST_F(WatchdogGuard, TellsThatItsEndWouldNotStopADriverThatIsKeptFromStopping) 
   EXPECT_TRUE(driver.isRunning);
 }
 
+struct Kind {
+  char const* name;
+  unsigned options;
+  void (*change)(Driver&);
+};
+void PrintTo(Kind const& kind, std::ostream* stream) {
+  *stream << kind.name;
+}
+class WatchdogGuardOfAnyKind : public WatchdogGuard, public testing::WithParamInterface<Kind> {};
+
+// Whatever the driver: it is held, kicked and not complained of; and it goes on at the guard's end,
+// or that was told.
+TEST_P(WatchdogGuardOfAnyKind, GuardsOrTellsThatItsEndWillNot) {
+  Driver driver(GetParam().options);
+  GetParam().change(driver);
+  std::optional<Guard> guard(std::in_place);
+  EXPECT_EQ(guard->Open(60), Result::Done);
+  for (int kick = 0; kick < 3; ++kick) EXPECT_EQ(guard->Kick(), Result::Done);
+  EXPECT_TRUE(driver.isRunning);
+  EXPECT_EQ(driver.complaints, 0);
+  EXPECT_EQ(guard->GetTimeout(), driver.timeout);
+  bool const isStopped = guard->IsStoppedByClose();
+  guard.reset();
+  EXPECT_NE(driver.isRunning, isStopped);
+}
+
+TEST_P(WatchdogGuardOfAnyKind, IsDisarmedOrTellsThatItIsNot) {
+  Driver driver(GetParam().options);
+  GetParam().change(driver);
+  Guard guard;
+  EXPECT_EQ(guard.Open(60), Result::Done);
+  Result const disarmed = guard.Disarm();
+  EXPECT_EQ(disarmed, driver.isRunning ? Result::Unstoppable : Result::Done);
+  EXPECT_EQ(guard.IsOpen(), driver.isRunning);
+  EXPECT_EQ(driver.complaints, 0);
+}
+
+void BeKept(Driver& driver) {
+  driver.isKept = true;
+  Machine::MakeFile(kNoWayOut, "1\n");
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    SixDrivers, WatchdogGuardOfAnyKind,
+    testing::Values(Kind{"usual", kUsual, [](Driver&) {}},
+                    Kind{"without the magic close", WDIOF_SETTIMEOUT | WDIOF_KEEPALIVEPING,
+                         [](Driver&) {}},
+                    Kind{"never stopped", kUsual, BeKept},
+                    Kind{"never stopped, without the magic close", WDIOF_SETTIMEOUT, BeKept},
+                    Kind{"with a timeout of its own, kicked by writing", WDIOF_MAGICCLOSE,
+                         [](Driver& driver) {
+                           driver.unknown = {WDIOC_SETTIMEOUT, WDIOC_KEEPALIVE};
+                           driver.answerToUnknown = EOPNOTSUPP;
+                         }},
+                    Kind{"without a request to stop", kUsual,
+                         [](Driver& driver) { driver.unknown = {WDIOC_SETOPTIONS}; }}));
+
 TEST_F(WatchdogGuard, LogsNothingAndPrintsNothing) {
   LogFile::BeginAnew();
   Driver driver;
