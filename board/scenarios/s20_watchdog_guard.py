@@ -1,5 +1,4 @@
-"""A watchdog that is held open keeps a board up without a line of the kernel, resets one whose
-service is stopped or killed or whose kernel panics, and lets itself be disarmed on purpose."""
+"""A watchdog held open guards a board without a line of the kernel, and is disarmed on purpose."""
 
 from board.board import Board, expect, expect_equal
 
@@ -69,9 +68,11 @@ def run(board: Board):
     expect_equal(machine.resets, 4, "resets")
     expect(f"guard by imx2+ watchdog, {TIMEOUT} s, not stopped by a close" in lines,
            "the driver is another one than expected")
-    expect("open the watchdog is held by another process" in lines, "a second guard was not refused")
+    expect("open the watchdog is held by another process" in lines,
+           "a second guard was not refused")
     expect_equal(value(lines, "1: timeout "), TIMEOUT, "the driver's timeout")
-    expect_equal(value(lines, "1: complaints "), 0, "lines of the kernel while the board was kicked")
+    expect_equal(value(lines, "1: complaints "), 0,
+                 "lines of the kernel while the board was kicked")
     expect_equal(value(lines, "2: complaints "), 1, "lines of the kernel after the service's death")
     expect_equal([value(lines, f"{start}: nowayout ") for start in (1, 3)], [0, 1], "nowayout")
     expect("disarm the watchdog cannot be stopped" in lines, "the driver could be stopped")
