@@ -94,12 +94,8 @@ FilesManager::FilesManager(Disk* card, unsigned long long minimumFree, float sha
 
 FilesManager::~FilesManager() {
   Join();
-  std::list<Ifile*> owned;
-  {
-    MutexLock const lock(filesMutex);
-    owned.swap(files);
-  }
-  for (Ifile* file : owned) delete file;  // the destructor of an application's own may use the list
+  MutexLock const lock(filesMutex);
+  for (Ifile* file : files) delete file;
 }
 
 bool FilesManager::HasCard() const {

@@ -127,8 +127,8 @@ class QUELLON_EXPORT FilesManager : public Tarvik::Interfaces::IThread,
   bool MakeRoom();
 
   /// Deletes up to `count` of the oldest files and returns how many it deleted. A file that cannot
-  /// be removed leaves the catalogue, unless its removal throws. Holds the lock throughout; objects
-  /// are destroyed once it is released, so their destructors may use the catalogue.
+  /// be removed leaves the catalogue, unless its removal throws. Holds the lock throughout, also
+  /// while objects are destroyed: destructors of your own kinds of file must not use the catalogue.
   unsigned int DeleteOldFiles(unsigned int count);
 
   /// Deletes the first catalogued file of that name that can be removed; whoever holds its object
@@ -156,7 +156,6 @@ class QUELLON_EXPORT FilesManager : public Tarvik::Interfaces::IThread,
   static std::unique_ptr<Ifile> MakeEntry(std::string filePath, std::string fileName);
   void Append(std::unique_ptr<Ifile> file);
   unsigned int CountFiles();
-  std::list<Ifile*> TakeDeleted(unsigned int wanted);
   void SubtractSize(Ifile const& file);
 
   // Binary interface: these fields keep their order.

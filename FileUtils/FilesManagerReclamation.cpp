@@ -4,8 +4,8 @@
 #include <algorithm>
 #include <exception>
 #include <limits>
-#include <list>
 #include <mutex>
+#include <string_view>
 #include <typeinfo>
 
 #include "FileUtils/FilesManager.h"
@@ -28,7 +28,9 @@ constexpr useconds_t kFruitlessPauseMicroseconds = 10000;
 // Logs and positions (".gps") outlive the recordings they belong to. Nulls that the application has
 // put into the list stay there.
 bool MayBeDeleted(Ifile const* file) {
-  return file != nullptr && file->extension != ".log" && file->extension != ".gps";
+  if (file == nullptr) return false;
+  std::string_view const extension = file->extension;  // a view is compared four bytes at once
+  return extension != ".log" && extension != ".gps";
 }
 
 enum class Removal { Done, Failed, Thrown };
@@ -74,32 +76,25 @@ bool FilesManager::MakeRoom() {
   }
 }
 
-// Objects go once the lock is released: the destructor of an application's own kind of file may use
-// the catalogue.
 unsigned int FilesManager::DeleteOldFiles(unsigned int count) {
-  std::list<Ifile*> const deleted = TakeDeleted(std::min(count, CountFiles()));
-  for (Ifile* file : deleted) delete file;
-  return static_cast<unsigned int>(deleted.size());
-}
-
-// Deletes up to so many files and returns their objects.
-std::list<Ifile*> FilesManager::TakeDeleted(unsigned int wanted) {
-  std::list<Ifile*> deleted;
-  if (wanted == 0) return deleted;
+  unsigned int const wanted = std::min(count, CountFiles());
+  if (wanted == 0) return 0;
   MutexLock const lock(filesMutex);
-  for (auto next = files.begin(); next != files.end() && deleted.size() < wanted;) {
+  unsigned int deleted = 0;
+  for (auto next = files.begin(); next != files.end() && deleted < wanted;) {
     auto const position = next++;
     Ifile* const file = *position;
     if (!MayBeDeleted(file)) continue;
     Removal const removal = Remove(*file);
     if (removal == Removal::Thrown) continue;  // stays in the catalogue, to be tried again
+    files.erase(position);
     if (removal == Removal::Failed) {
-      files.erase(position);
       Abandon(file);
       continue;
     }
+    ++deleted;
     SubtractSize(*file);
-    deleted.splice(deleted.end(), files, position);
+    delete file;
   }
   return deleted;
 }

@@ -12,7 +12,7 @@ namespace {
 
 constexpr std::chrono::seconds kLongestForkWait(1);
 
-std::mutex mutex;
+std::mutex calendarMutex;
 
 thread_local bool makesDate;    // and has the lock for that
 thread_local int forks;         // under way: a signal handler may fork in the middle of a fork
@@ -20,7 +20,7 @@ thread_local int forkWithLock;  // which of them has the lock, from 1; 0 for non
 
 bool LockInTime() {
   auto const end = std::chrono::steady_clock::now() + kLongestForkWait;
-  while (!mutex.try_lock()) {
+  while (!calendarMutex.try_lock()) {
     if (std::chrono::steady_clock::now() > end) return false;
     std::this_thread::yield();  // so that whoever has the lock can go on
   }
@@ -35,7 +35,7 @@ void LockBeforeFork() {
 void UnlockAfterFork() {
   if (forkWithLock == forks) {
     forkWithLock = 0;
-    mutex.unlock();
+    calendarMutex.unlock();
   }
   --forks;
 }
@@ -48,14 +48,14 @@ void UnlockAfterFork() {
 
 CalendarLock::CalendarLock() : isTaken(forkWithLock == 0) {
   if (!isTaken) return;
-  mutex.lock();
+  calendarMutex.lock();
   makesDate = true;
 }
 
 CalendarLock::~CalendarLock() {
   if (!isTaken) return;
   makesDate = false;
-  mutex.unlock();
+  calendarMutex.unlock();
 }
 
 }  // namespace Tarvik

@@ -1,5 +1,7 @@
 #include "base/ConsoleLogPolicy.h"
 
+#include <stdio_ext.h>
+
 #include <cstdio>
 
 #include "base/internal/WriteAll.h"
@@ -11,7 +13,7 @@ namespace Tarvik::Ilog {
 // for this line.
 bool ConsoleLogPolicy::Write(std::string_view line) noexcept {
   if (ftrylockfile(stdout) == 0) {
-    static_cast<void>(std::fflush(stdout));
+    if (__fpending(stdout) > 0) static_cast<void>(std::fflush(stdout));
     funlockfile(stdout);
   }
   static_cast<void>(WriteAll(fileno(stdout), line));

@@ -23,8 +23,9 @@ constexpr char const* kPath = "/var/log/quellon.log";
 constexpr char const* kOlderPath = "/var/log/quellon.log.1";
 
 // A process checks the file's size before it has written more than `kUncheckedShare` since the last
-// check. With the lock it begins a new file at the lower mark, without it at the upper one. What 15
-// processes may write after their checks, that much each, fits between that mark and the limit.
+// check. At the lower mark it asks for the lock: with it, it begins a new file there, without it at
+// the upper mark. What 15 processes may write after their checks, that much each, fits between that
+// mark and the limit.
 constexpr std::size_t kLimit = std::size_t{1} << 20;
 constexpr std::size_t kUncheckedShare = 2048;
 constexpr std::size_t kUpperMark = kLimit - 16 * kUncheckedShare;
@@ -52,6 +53,12 @@ std::optional<std::size_t> SizeOf(UniqueFd const& file) noexcept {
   return static_cast<std::size_t>(status.st_size);
 }
 
+bool IsAtPath(struct stat const& opened) noexcept {
+  struct stat named {};
+  return lstat(kPath, &named) == 0 && opened.st_dev == named.st_dev &&
+         opened.st_ino == named.st_ino;
+}
+
 // Nothing where it cannot be read.
 std::optional<char> LastByteOf(UniqueFd const& file) noexcept {
   char last{};
@@ -68,11 +75,15 @@ bool HasRoom(std::size_t size, std::size_t length, std::size_t limit) noexcept {
 }  // namespace
 
 bool FileLogPolicy::Write(std::string_view line) noexcept {
+  long const second = time(nullptr);
   UniqueFd lock;
   bool ready = true;
-  if (NeedsCheck(line.size())) {
+  bool const isDue = second != checkedAt || NeedsCheck(line.size());
+  if (isDue && !HasRoomInPlace(line.size(), second)) {
     lock = LockFolder(0);
     if (!lock.IsOpen() && NeedsLock(line.size())) lock = LockFolder(kLockAttempts);
+    // Without the lock the next line is checked, too.
+    checkedAt = lock.IsOpen() ? second : -1;
     ready = CheckPlaceAndSize(line.size(), lock.IsOpen());
   }
   bool const written = ready && Append(line);
@@ -86,7 +97,22 @@ void FileLogPolicy::Close() noexcept {
 }
 
 bool FileLogPolicy::NeedsCheck(std::size_t length) const noexcept {
-  return !file.IsOpen() || uncheckedBytes + length > kUncheckedShare || time(nullptr) != checkedAt;
+  return !file.IsOpen() || uncheckedBytes + length > kUncheckedShare;
+}
+
+// The usual check. A second after the last one the file must be at its path; until then it is
+// enough that it has a name, for what is written into a renamed file can be found. Below the lower
+// mark no process begins a new file, with the lock or without it, so a line that fits there, and in
+// the share, needs no lock.
+bool FileLogPolicy::HasRoomInPlace(std::size_t length, long second) noexcept {
+  struct stat opened {};
+  if (length > kUncheckedShare || fstat(file.Get(), &opened) != 0) return false;
+  bool const isThere = second == checkedAt ? opened.st_nlink > 0 : IsAtPath(opened);
+  if (!isThere || !HasRoom(static_cast<std::size_t>(opened.st_size), length, kLowerMark))
+    return false;
+  checkedAt = second;
+  uncheckedBytes = 0;
+  return true;
 }
 
 // Without the lock two processes that open or rename the file at the same time could take each
@@ -97,18 +123,15 @@ bool FileLogPolicy::NeedsLock(std::size_t length) const noexcept {
   return length > kUncheckedShare || !HasRoom(size, length, kUpperMark) || !IsInPlace();
 }
 
-// Without the lock a process begins no new file below the upper mark, and checks before each line.
+// Without the lock a process begins no new file below the upper mark.
 bool FileLogPolicy::CheckPlaceAndSize(std::size_t length, bool isLocked) noexcept {
-  checkedAt = time(nullptr);
-  uncheckedBytes = isLocked ? 0 : kUncheckedShare;
+  uncheckedBytes = 0;
   return (IsInPlace() || Open(0)) && RotateIfFull(length, isLocked ? kLowerMark : kUpperMark);
 }
 
 bool FileLogPolicy::IsInPlace() const noexcept {
   struct stat opened {};
-  struct stat named {};
-  return file.IsOpen() && fstat(file.Get(), &opened) == 0 && lstat(kPath, &named) == 0 &&
-         opened.st_dev == named.st_dev && opened.st_ino == named.st_ino;
+  return file.IsOpen() && fstat(file.Get(), &opened) == 0 && IsAtPath(opened);
 }
 
 // O_NONBLOCK: a pipe somebody left under this name must not stop the caller; a regular file does

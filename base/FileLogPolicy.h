@@ -14,11 +14,12 @@ namespace Tarvik::Ilog {
 /// the first line, never through a symbolic link, and readable by all (mode 0644).
 ///
 /// Other processes may log into the same file, and anybody may rename or delete it: within a second
-/// or two lines are in the file at the path again. Lines of all processes stay whole, and the limit
-/// is kept, for up to 15 processes at a time; where the lock cannot be had for 20 ms, a line of
-/// more than 2 KiB may pass it by its length. Not locked against threads: the sink calls it with
-/// its line lock held. Kernel interface: O_APPEND, and flock(2) on "/var/log" while it checks the
-/// file's place and size and writes the line that follows.
+/// or two lines are in the file at the path again, and no more than 2 KiB of each process are lost
+/// with a deleted one. Lines of all processes stay whole, and the limit is kept, for up to 15
+/// processes at a time; where the lock cannot be had for 20 ms, a line of more than 2 KiB may pass
+/// it by its length. Not locked against threads: the sink calls it with its line lock held. Kernel
+/// interface: O_APPEND, and flock(2) on "/var/log" while it opens the file, or begins a new one,
+/// and writes the line that follows.
 class QUELLON_EXPORT FileLogPolicy {
  public:
   /// The longest line in bytes that the file takes; the sink cuts longer ones.
@@ -34,6 +35,7 @@ class QUELLON_EXPORT FileLogPolicy {
 
  private:
   [[nodiscard]] bool NeedsCheck(std::size_t length) const noexcept;
+  bool HasRoomInPlace(std::size_t length, long second) noexcept;
   [[nodiscard]] bool NeedsLock(std::size_t length) const noexcept;
   bool CheckPlaceAndSize(std::size_t length, bool isLocked) noexcept;
   [[nodiscard]] bool IsInPlace() const noexcept;
@@ -44,8 +46,8 @@ class QUELLON_EXPORT FileLogPolicy {
   void RemoveFragment(std::size_t fragment) noexcept;
 
   UniqueFd file;
-  std::size_t uncheckedBytes = 0;  // written since the last check of place and size
-  long checkedAt = -1;             // second of that check
+  std::size_t uncheckedBytes = 0;  // written since the last check of the size
+  long checkedAt = -1;             // second of the last check of the place
 };
 
 }  // namespace Tarvik::Ilog

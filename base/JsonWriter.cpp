@@ -56,9 +56,7 @@ class Writer {
   void AppendHeld(bool truth) { text += truth ? "true" : "false"; }
   void AppendHeld(int number) { AppendNumber(number); }
   void AppendHeld(double number);
-  void AppendHeld(std::string_view characters) {
-    static_cast<void>(AppendCharacters(characters));
-  }
+  void AppendHeld(std::string_view characters) { static_cast<void>(AppendCharacters(characters)); }
   void AppendHeld(Object const& object);
   void AppendHeld(std::shared_ptr<Object const> const& object) { AppendHeld(*object); }
   void AppendHeld(std::shared_ptr<Array const> const& array);

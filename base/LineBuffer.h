@@ -25,6 +25,11 @@ class LineBuffer : public std::streambuf {
     return true;
   }
 
+  /// Has room for that many characters in all, if there is memory.
+  void Reserve(std::size_t count) noexcept {
+    if (memory.size() < count) static_cast<void>(Grow(count - memory.size()));
+  }
+
   /// Cuts a text of more than `limit` bytes to that length, with `ending` as its end.
   void Cut(std::size_t limit, std::string_view ending) noexcept {
     if (length <= limit) return;

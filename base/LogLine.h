@@ -1,6 +1,7 @@
 // One line of the log. Include "base/Logger.h", which brings this and what it writes to.
 #pragma once
 
+#include <cstddef>
 #include <ostream>
 
 #include "base/Export.h"
@@ -30,6 +31,8 @@ class QUELLON_EXPORT LogLine {
     logger << value;
     return *this;
   }
+  template <std::size_t kSize>
+  LogLine& operator<<(char const (&text)[kSize]);
   LogLine& operator<<(std::ostream& (*manipulator)(std::ostream&));
   /// @}
 

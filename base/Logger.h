@@ -2,6 +2,7 @@
 // never mix, and a completed line is in the kernel's hands before the logging call returns.
 #pragma once
 
+#include <cstring>
 #include <ostream>
 #include <string>
 #include <string_view>
@@ -46,6 +47,8 @@ class QUELLON_EXPORT Logger {
   Logger& operator<<(char const* text);
   Logger& operator<<(std::string_view text);
   Logger& operator<<(std::string const& text) { return *this << std::string_view(text); }
+  Logger& operator<<(int number);
+  Logger& operator<<(unsigned long long number);
   Logger& operator<<(long const& t);
   template <typename Value>
   Logger& operator<<(Value const& value) {
@@ -57,7 +60,23 @@ class QUELLON_EXPORT Logger {
   /// @}
 
  private:
+  template <typename Policy>
+  friend class LoggerBase;
+
+  template <typename Value>
+  Logger& Append(std::string_view text, Value const& value);
+  void BeginSharedLine(LogType type);
+  bool EndSharedLine();
+  void SeparateLines() noexcept;
   static void RecoverInChild() noexcept;
 };
+
+// Always inline, and with a length of its own, since the compiler knows that of most texts: where
+// it builds for size, it asks for it at run time otherwise.
+template <std::size_t kSize>
+[[gnu::always_inline]] inline LogLine& LogLine::operator<<(char const (&text)[kSize]) {
+  logger << std::string_view(text, std::strlen(text));
+  return *this;
+}
 
 }  // namespace Tarvik::Ilog

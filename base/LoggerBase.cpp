@@ -1,9 +1,6 @@
 #include "base/LoggerBase.h"
 
-#include <array>
-#include <charconv>
 #include <ctime>
-#include <limits>
 #include <locale>
 #include <memory>
 #include <mutex>
@@ -11,7 +8,9 @@
 #include <system_error>
 
 #include "base/Date.h"
+#include "base/Logger.h"
 #include "base/TemperatureMonitor.h"
+#include "base/internal/Decimal.h"
 
 namespace Tarvik::Ilog {
 
@@ -31,7 +30,7 @@ LoggerBase<Policy>::LoggerBase() {
 
 template <typename Policy>
 void LoggerBase<Policy>::WriteHeader(LogType type) {
-  if (!enabled) {
+  if (!IsEnabled()) {
     DropLine();
     return;
   }
@@ -47,24 +46,43 @@ void LoggerBase<Policy>::BeginLine(LogType type) {
   AppendTime();
   AppendTemperature();
   AppendTag(type);
-  lineOwner.store(std::this_thread::get_id(), std::memory_order_relaxed);
-  lock.release();  // kept until the line is written: see Release()
+  KeepLine(lock);
 }
 
-// Only the owner finds its own id here, so the answer never depends on another thread's store.
+// Takes part in a line that begins on the other sink. Should the line become this sink's own, a
+// usual one needs no memory any more: the line may tell that there is none.
 template <typename Policy>
-bool LoggerBase<Policy>::HoldsLine() const noexcept {
-  return lineOwner.load(std::memory_order_relaxed) == std::this_thread::get_id();
+void LoggerBase<Policy>::JoinLine() {
+  constexpr std::size_t kUsualLine = 512;
+  std::unique_lock lock(lineLock);
+  lineLock.AssertHeld();
+  line.Reserve(kUsualLine);
+  KeepLine(lock);
+}
+
+// The lock is kept until the line is written: see Release().
+template <typename Policy>
+void LoggerBase<Policy>::KeepLine(std::unique_lock<Mutex>& lock) noexcept {
+  lineOwner.store(std::this_thread::get_id(), std::memory_order_relaxed);
+  lock.release();
 }
 
 // A disabled sink ignores everything, the beginning of the line under way included.
 template <typename Policy>
-bool LoggerBase<Policy>::TakesPart() noexcept {
+inline bool LoggerBase<Policy>::GoesOn() noexcept {
   if (!HoldsLine()) return false;
-  if (enabled) return true;
   lineLock.AssertHeld();
+  if (isShared) Logger::GetInstance()->SeparateLines();
+  if (IsEnabled()) return true;
   Release();
   return false;
+}
+
+template <typename Policy>
+bool LoggerBase<Policy>::TakesPart() noexcept {
+  if (!GoesOn()) return false;
+  isStreamUsed = true;
+  return true;
 }
 
 template <typename Policy>
@@ -101,13 +119,13 @@ void LoggerBase<Policy>::AppendTag(LogType type) {
 
 template <typename Policy>
 LoggerBase<Policy>& LoggerBase<Policy>::operator<<(long const& t) {
-  if (TakesPart()) stream << Util::Date(t, kTimeFormat);
+  if (GoesOn()) stream << Util::Date(t, kTimeFormat);
   return *this;
 }
 
 template <typename Policy>
 LoggerBase<Policy>& LoggerBase<Policy>::operator<<(char const* text) {
-  if (!TakesPart()) return *this;
+  if (!GoesOn()) return *this;
   if (text != nullptr) {
     AppendText(text);
   } else {
@@ -118,7 +136,7 @@ LoggerBase<Policy>& LoggerBase<Policy>::operator<<(char const* text) {
 
 template <typename Policy>
 LoggerBase<Policy>& LoggerBase<Policy>::operator<<(std::string_view text) {
-  if (TakesPart()) AppendText(text);
+  if (GoesOn()) AppendText(text);
   return *this;
 }
 
@@ -139,9 +157,7 @@ void LoggerBase<Policy>::AppendNumber(Number number) {
     stream << number;
     return;
   }
-  std::array<char, std::numeric_limits<Number>::digits10 + 2> digits;
-  char* const end = std::to_chars(digits.begin(), digits.end(), number).ptr;
-  AppendText({digits.begin(), end});
+  AppendText(Decimal(number).View());
 }
 
 template <typename Policy>
@@ -159,7 +175,7 @@ bool LoggerBase<Policy>::EndsWithNewline() const noexcept {
 
 template <typename Policy>
 void LoggerBase<Policy>::CheckEndOfStream() {
-  if (!TakesPart()) return;
+  if (!GoesOn()) return;
   if (EndsWithNewline()) {
     WriteLine();
   } else if (!stream.good()) {
@@ -167,20 +183,25 @@ void LoggerBase<Policy>::CheckEndOfStream() {
   }
 }
 
+template <typename Policy>
+void LoggerBase<Policy>::WriteLine() {
+  if constexpr (requires { Policy::kLongestLine; }) line.Cut(Policy::kLongestLine, " [cut]\n");
+  WriteLine(line.View());
+}
+
 // Signals the line and takes the signal back at once: no other thread writes it. This one holds the
 // lock, which no other may release, and must not go on before the kernel has the line.
 template <typename Policy>
-void LoggerBase<Policy>::WriteLine() {
+void LoggerBase<Policy>::WriteLine(std::string_view text) {
   lineReady.Notify();
   lineReady.Wait();
-  if constexpr (requires { Policy::kLongestLine; }) line.Cut(Policy::kLongestLine, " [cut]\n");
-  if (!policy.Write(line.View())) enabled = false;
+  if (!policy.Write(text)) enabled = false;
   Release();
 }
 
 template <typename Policy>
 void LoggerBase<Policy>::EndLine() {
-  if (!TakesPart()) return;
+  if (!GoesOn()) return;
   bool const ended = line.View().size() == manipulatedLength;
   if (ended || line.Append("\n")) {
     WriteLine();
@@ -191,9 +212,7 @@ void LoggerBase<Policy>::EndLine() {
 
 template <typename Policy>
 void LoggerBase<Policy>::DropLine() noexcept {
-  if (!HoldsLine()) return;
-  lineLock.AssertHeld();
-  Release();
+  if (GoesOn()) Release();
 }
 
 template <typename Policy>
@@ -201,7 +220,9 @@ void LoggerBase<Policy>::Release() noexcept {
   line.Clear();
   manipulatedLength = 0;
   if (!stream.good()) stream.clear();
-  ForgetFormat();
+  if (isStreamUsed) ForgetFormat();
+  isStreamUsed = false;
+  isShared = false;
   lineOwner.store(std::thread::id(), std::memory_order_relaxed);
   lineLock.unlock();
 }
@@ -245,20 +266,20 @@ void LoggerBase<Policy>::RecoverInChild() noexcept {
   if (!taken) lineLock.unlock();
   policy.Close();  // an inherited descriptor shares its position with the parent's
   if (!taken) return;
-  bool const wasEnabled = enabled;
+  bool const wasEnabled = IsEnabled();
   std::construct_at(this);
   enabled = wasEnabled;
 }
 
 template <typename Policy>
 LoggerBase<Policy>& LoggerBase<Policy>::operator<<(int number) {
-  if (TakesPart()) AppendNumber(number);
+  if (GoesOn()) AppendNumber(number);
   return *this;
 }
 
 template <typename Policy>
 LoggerBase<Policy>& LoggerBase<Policy>::operator<<(unsigned long long number) {
-  if (TakesPart()) AppendNumber(number);
+  if (GoesOn()) AppendNumber(number);
   return *this;
 }
 

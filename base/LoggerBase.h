@@ -3,6 +3,7 @@
 
 #include <atomic>
 #include <cstddef>
+#include <mutex>
 #include <ostream>
 #include <string>
 #include <string_view>
@@ -29,7 +30,8 @@ namespace Tarvik::Ilog {
 /// Set a flag there, or call write(2). A child made by fork(2) may log; a line that another thread
 /// had under way is the parent's alone. It may wait for ever if another thread of the parent was
 /// in a function of the C library that uses the time zone, called by the application itself: use
-/// `Util::Date`.
+/// `Util::Date`. A handler of pthread_atfork(3) that runs before a fork may log only if it was
+/// registered after the library was loaded.
 template <typename Policy>
 class LoggerBase {
  public:
@@ -91,20 +93,36 @@ class LoggerBase {
  private:
   friend class Logger;
 
-  [[nodiscard]] bool HoldsLine() const noexcept;
+  // Only the owner finds its own id here, so the answer never depends on another thread's store.
+  [[nodiscard]] bool HoldsLine() const noexcept {
+    return lineOwner.load(std::memory_order_relaxed) == std::this_thread::get_id();
+  }
+  // Nothing else hangs on it that a thread must see, too, so that it needs no barriers.
+  [[nodiscard]] bool IsEnabled() const noexcept { return enabled.load(std::memory_order_relaxed); }
   // True when this thread has a line under way, and so holds the lock, on a sink that is enabled.
   // The compiler takes the lock for held after the call: do nothing with the line after false.
+  [[nodiscard]] bool GoesOn() noexcept QUELLON_ASSERT_CAPABILITY(lineLock);
+  // The same; `stream` may be used then, and its format is forgotten at the line's end.
   [[nodiscard]] bool TakesPart() noexcept QUELLON_ASSERT_CAPABILITY(lineLock);
   void RequireNoLine() const;
   void AppendText(std::string_view text) QUELLON_REQUIRES(lineLock);
   template <typename Number>
   void AppendNumber(Number number) QUELLON_REQUIRES(lineLock);
   void BeginLine(LogType type);
+  void JoinLine();
+  void KeepLine(std::unique_lock<Mutex>& lock) noexcept QUELLON_REQUIRES(lineLock);
+  // False, with nothing appended, where the line is this sink's own, or there is no memory.
+  [[nodiscard]] bool AppendShared(std::string_view text) noexcept {
+    if (!HoldsLine()) return false;
+    lineLock.AssertHeld();
+    return isShared && IsEnabled() && stream.good() && line.Append(text);
+  }
   void AppendTime() QUELLON_REQUIRES(lineLock);
   void AppendTemperature() QUELLON_REQUIRES(lineLock);
   void AppendTag(LogType type) QUELLON_REQUIRES(lineLock);
   [[nodiscard]] bool EndsWithNewline() const noexcept QUELLON_REQUIRES(lineLock);
   void WriteLine() QUELLON_RELEASE(lineLock);
+  void WriteLine(std::string_view text) QUELLON_RELEASE(lineLock);
   void DropLine() noexcept;
   void Release() noexcept QUELLON_RELEASE(lineLock);
   // Not checked: it runs in a child's only thread.
@@ -127,6 +145,11 @@ class LoggerBase {
   /// False: the sink ignores everything. Any thread may switch it. The library switches a sink off
   /// whose line could not be written, and leaves it to the application to switch it on.
   std::atomic<bool> enabled = true;
+
+ private:
+  // The line of both sinks is gathered in the console's `line`; see Logger::SeparateLines.
+  bool isShared QUELLON_GUARDED_BY(lineLock) = false;
+  bool isStreamUsed QUELLON_GUARDED_BY(lineLock) = false;
 };
 
 extern template class QUELLON_EXPORT LoggerBase<FileLogPolicy>;

@@ -22,7 +22,9 @@ TemperatureMonitor* TemperatureMonitor::GetInstance() {
 
 // Built when the library is loaded: a child of a fork(2) in the middle of building it would wait
 // for ever. It reads nothing before it is started.
-[[maybe_unused]] static TemperatureMonitor* const built = TemperatureMonitor::GetInstance();
+[[gnu::constructor]] static void Build() {
+  TemperatureMonitor::GetInstance();
+}
 
 TemperatureMonitor::TemperatureMonitor() = default;
 

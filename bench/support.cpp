@@ -13,7 +13,6 @@
 #include <system_error>
 
 #include "base/UniqueFd.h"
-#include "tests/machine/Machine.h"
 
 namespace Bench {
 
@@ -25,28 +24,7 @@ void Require(bool succeeded, std::string const& what) {
   if (!succeeded) throw std::system_error(errno, std::generic_category(), what);
 }
 
-// Before anything can be logged.
-bool const isPrepared = (PassOn(), true);
-
 }  // namespace
-
-void PassOn() {
-  Machine::Reset(Machine::PassOn());
-  fs::create_directories(Folder());
-}
-
-fs::path const& Folder() {
-  static fs::path const folder = Machine::Real("/var/log/");
-  return folder;
-}
-
-WithoutPauses::WithoutPauses() {
-  Machine::hooks().sleep = [](auto) {};
-}
-
-WithoutPauses::~WithoutPauses() {
-  Machine::hooks().sleep = nullptr;
-}
 
 void Redirect(int descriptor, fs::path const& file) {
   Tarvik::UniqueFd const opened(

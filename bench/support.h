@@ -28,6 +28,10 @@ class WithoutPauses {
   ~WithoutPauses();
 };
 
+/// From now on it is the same second, where the clock can be stopped: a second that ends has the
+/// next line's date formatted.
+void StopClock();
+
 /// Points a descriptor to a file, which is made or appended to.
 void Redirect(int descriptor, std::filesystem::path const& file);
 

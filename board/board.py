@@ -61,15 +61,16 @@ class Board:
     """One scenario's board, in a folder of its own that starts empty."""
 
     def __init__(self, folder: Path, limit: float, programs: dict[Path, str], echo: bool = False,
-                 cuts: int = 0, seed: int = 0):
+                 cuts: int = 0, seed: int = 0, files: int = 0):
         """`programs` maps files of the host to folders of the board.
 
         `cuts` is how often a scenario of power cuts cuts the power, `seed` that of what scenarios
-        choose by chance.
+        choose by chance, `files` how many files one with many of them has.
         """
         self.folder = folder
         self.cuts = cuts
         self.seed = seed
+        self.files = files
         self.notes: list[str] = []
         self._programs = programs
         self._echo = echo

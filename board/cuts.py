@@ -46,7 +46,7 @@ AT_A_TIME = 2  # files that the library deletes before it looks for room again
 
 # A line of text in this sector, which no file system has, tells in the log how far the board was.
 MARK = 8
-MAKING_ROOM, REMOVED = "Making room", "Removed "
+CATALOGUED, MAKING_ROOM, REMOVED = "Catalogue of", "Making room", "Removed "
 BUSY = "Something else commits"  # to the card, from here on
 MARKING = f"""
 mark() {{
@@ -134,11 +134,12 @@ def recordings_of(before: dict[str, "Recording"], writes: list[Write]) -> dict[s
 
     A deletion is told of afterwards. So what is deleted may be gone since what was told before: the
     last recording was complete, or room began to be made. One recording needs no more room than is
-    made at a time: what else goes is deleted without need, and lost.
+    made at a time: what else goes is deleted without need, and lost. The first deletion makes room
+    for all that was recorded before the catalogue was complete.
     """
     recordings = dict(before)
     oldest = sorted({Path(name).stem for name in recordings})
-    last, deletable = 0, len(oldest)
+    last, deletable, meanwhile, catalogued = 0, len(oldest), 0, False
     for cut, write in enumerate(writes, 1):
         mark = write.mark or ""
         deleted = []
@@ -147,7 +148,10 @@ def recordings_of(before: dict[str, "Recording"], writes: list[Write]) -> dict[s
             recordings[name] = Recording(content_of(name, int(found[2])), cut)
             if name.endswith(".dat"):
                 oldest.append(Path(name).stem)
-                last, deletable = cut, AT_A_TIME
+                meanwhile = 0 if catalogued else meanwhile + 1
+                last, deletable = cut, meanwhile + AT_A_TIME
+        elif CATALOGUED in mark:
+            catalogued = True
         elif mark == MAKING_ROOM:
             last = cut
         elif found := re.search(r"Deleted (\d+)", mark):
@@ -226,10 +230,10 @@ class Result:
         return cls(**values)
 
 
-def has_parts(contents: dict[str, bytes]) -> bool:
-    """Tells whether a part of a recording is on the card, which nothing promised yet."""
+def has_parts(contents: dict[str, bytes], promised: dict[str, bytes]) -> bool:
+    """Tells whether a part of a recording is on the card. What is promised is judged elsewhere."""
     return any(content != content_of(name, POSITIONS if name.endswith(".gps") else SIZE)
-               for name, content in contents.items())
+               for name, content in contents.items() if name not in promised)
 
 
 def is_content(sector: bytes) -> bool:
@@ -476,7 +480,7 @@ def judge_states(run: "Run", states: Iterable[State]) -> Result:
         result.cuts += 1
         result.checks += 1
         result.repaired += code == 1
-        result.unfinished += has_parts(contents)
+        result.unfinished += has_parts(contents, required(run.recordings, state.cut))
         result.losses += judge(code, contents, run.recordings, state)
     return result
 

@@ -32,7 +32,7 @@ def main() -> int:
 
 def fill_card(board: Board, card: Image) -> Machine:
     with board.start(service(period=500), card) as machine:
-        machine.wait("[REC] Catalogue of 0 files")
+        machine.wait("[REC] Catalogue of 2 files")
         for _ in range(3):
             machine.wait("[REC] Deleted")
         machine.wait(".gps")

@@ -13,7 +13,8 @@ namespace Tarvik {
 /// date. A signal handler may fork, too. In the middle of its own thread's date, fork does not take
 /// the lock, since that thread goes on in both processes. In the middle of its own thread's fork it
 /// uses the one that this has, and so do dates then; where this has none yet, it waits for it on
-/// its own, a second at most.
+/// its own, a second at most. That holds among the handlers of pthread_atfork(3); a signal in the C
+/// library's own part of a fork finds that library's locks taken, and nobody can help it.
 class QUELLON_EXPORT CalendarLock {
  public:
   CalendarLock();

@@ -16,7 +16,7 @@ def run(board: Board):
     card = Image.card(board.folder / "card.img", folder)
 
     with board.start(service(), card) as machine:
-        machine.wait("[REC] Catalogue of 10 files")
+        machine.wait("[REC] Catalogue of 12 files")  # with the first that was recorded meanwhile
         machine.wait("[REC] Recorded rec_000008.gps")
         stop(machine)
 

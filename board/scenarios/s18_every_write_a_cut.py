@@ -23,7 +23,7 @@ SHOWN = 10
 RECORD = f"""{MARKING}
 recorder --size {SIZE} --period 200 --min-free 1 | while read -r line; do
     echo "$line"
-    case $line in *Recorded* | *Deleted*) mark "$line" ;; esac
+    case $line in *Catalogue* | *Recorded* | *Deleted*) mark "$line" ;; esac
 done
 """
 
@@ -41,6 +41,7 @@ def run(board: Board):
     image = full_card(board.folder)
     shutil.copy(image.path, board.folder / BEFORE)
     with board.start(RECORD, board.logging_writes(image, board.folder / LOG)) as machine:
+        machine.wait("[REC] Catalogue of")
         for _ in range(2 * RECORDINGS_PER_CUT * max(board.cuts, 1)):
             machine.wait("[REC] Recorded")
         machine.cut_power()

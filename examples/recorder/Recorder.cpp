@@ -1,10 +1,13 @@
 #include "Recorder.h"
 
+#include <dirent.h>
 #include <fcntl.h>
+#include <sys/mount.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <cstdlib>
 #include <iomanip>
 #include <set>
@@ -13,6 +16,7 @@
 
 #include "CheckUnlessMountable.h"
 #include "FileUtils/Dir.h"
+#include "base/IException.h"
 #include "base/IThread.h"
 #include "base/Logger.h"
 #include "base/UniqueFd.h"
@@ -58,6 +62,29 @@ bool CardAnswers() {
   return card.IsOpen() && read(card.Get(), block.data(), kBlock) == kBlock;
 }
 
+// Each file holds its own name again and again, so that anybody can see whether it is intact.
+void Fill(Ifile& file, std::size_t bytes) {
+  std::string line = file.name + "\n";
+  file.Open(false);
+  for (std::size_t written = 0; written < bytes; written += line.size()) {
+    file.Write(line.data(), static_cast<unsigned int>(std::min(line.size(), bytes - written)));
+  }
+}
+
+// Gives what was written its place on the card and writes it there, without a commit of the journal
+// of its own. The kernel tells of a failure once: here, and no more in `Sync`.
+bool WriteBack(Ifile& file) {
+  constexpr unsigned int kAndWait = SYNC_FILE_RANGE_WRITE | SYNC_FILE_RANGE_WAIT_AFTER;
+  file.Close();
+  Tarvik::UniqueFd const fd(open(file.path.c_str(), O_RDONLY | O_CLOEXEC));
+  return fd.IsOpen() && sync_file_range(fd.Get(), 0, 0, kAndWait) == 0;
+}
+
+bool CouldNotWrite(Ifile const& file) {
+  LogLine(Error) << "[REC] Could not write " << file.path;
+  return false;
+}
+
 // Kicks the watchdog while the card is checked, which takes minutes when it is large, but not for
 // ever: a check that hangs is the watchdog's to end.
 class KicksMeanwhile : public Tarvik::Interfaces::IThread {
@@ -97,9 +124,9 @@ void Recorder::Run() {
   do {
     KickWatchdog();
     if (catalogue == nullptr && CardIsBack() && !StartCard()) return;
-    if (catalogue != nullptr && !Record()) GiveUpCard();
+    if (catalogue != nullptr && !Record() && WaitForLoad()) GiveUpCard();
   } while (WaitForNextPeriod());
-  if (catalogue != nullptr) GiveUpCard();
+  if (catalogue != nullptr) LeaveCard();
   LogLine(Info) << "[REC] Stopped";
 }
 
@@ -124,25 +151,36 @@ Disk* Recorder::InitDisk() {
   return system.InitDisk();
 }
 
+// The catalogue is loaded while recording begins: that needs but the next number.
 void Recorder::OpenCatalogue(Disk* disk) {
   if (!Idir(kRecordings).Create()) LogLine(Error) << "[REC] No directory for recordings";
-  catalogue =
-      std::make_unique<FilesManager>(disk, kRecordings, settings.minimumFreeBytes, settings.share);
-  if (!catalogue->LoadAndSort()) {
-    LogLine(Error) << "[REC] " << catalogue->GetError();
+  if (!FindLastNumber()) {
+    LogLine(Error) << "[REC] Could not read " << kRecordings;
     GiveUpCard();
     return;
   }
-  number = LastRecordingNumber();
-  LogLine(Info) << "[REC] Catalogue of " << catalogue->GetList().size() << " files, "
-                << catalogue->GetTotalFilesSize() << " bytes";
+  catalogue =
+      std::make_unique<FilesManager>(disk, kRecordings, settings.minimumFreeBytes, settings.share);
+  load = std::make_unique<LoadsMeanwhile>(*catalogue);
 }
 
-// A card that is put back later must not find the old one still mounted.
+// A card that is put back later must not find the old one still mounted. No load may be running.
 void Recorder::GiveUpCard() {
+  load.reset();
   catalogue.reset();
   system.disk->Umount();
   LogLine(Info) << "[REC] Card released";
+}
+
+// A load has the card in use, and nothing ends it but the end of the process: with that the card is
+// unmounted, too.
+void Recorder::LeaveCard() {
+  if (!IsLoading()) {
+    GiveUpCard();
+    return;
+  }
+  umount2(system.disk->mountPoint.c_str(), MNT_DETACH);
+  LogLine(Info) << "[REC] Card released when the process ends";
 }
 
 // A card that failed is not tried again before it was out of its slot: each try may end in a
@@ -152,11 +190,46 @@ bool Recorder::CardIsBack() {
   return cardWasOut && CardAnswers();
 }
 
+// While the catalogue is loaded, a full card waits for it.
 bool Recorder::Record() {
-  if (!MakeRoom()) return false;
-  number = number % kLastNumber + 1;
-  return WriteFile(RecordingName(number, ".dat"), settings.recordingBytes) &&
-         WriteFile(RecordingName(number, ".gps"), kPositionsBytes);
+  if (IsLoading() && HasRoomMeanwhile()) return WriteFiles();
+  return WaitForLoad() && FinishLoad() && MakeRoom() && WriteFiles();
+}
+
+bool Recorder::HasRoomMeanwhile() {
+  try {
+    return catalogue->CheckAvailableSpace(true);
+  } catch (Tarvik::IException const&) {
+    return false;  // once the load is over, the catalogue will say why
+  }
+}
+
+// False when the service is to stop before the load is over, which the next wait then finds, too.
+bool Recorder::WaitForLoad() {
+  while (IsLoading()) {
+    if (stop.WaitFor(kShortestKickPeriod)) {
+      stop.Notify();
+      return false;
+    }
+    KickWatchdog();
+  }
+  return true;
+}
+
+bool Recorder::FinishLoad() {
+  if (load == nullptr) return true;
+  std::unique_ptr<LoadsMeanwhile> const over = std::move(load);
+  if (!over->Finish()) {
+    LogLine(Error) << "[REC] " << catalogue->GetError();
+    return false;
+  }
+  // Somebody has deleted them meanwhile; the card is none the worse for it.
+  for (auto const& name : over->GetGone()) {
+    LogLine(Error) << "[REC] Could not write " << kRecordings << name;
+  }
+  LogLine(Info) << "[REC] Catalogue of " << catalogue->GetList().size() << " files, "
+                << catalogue->GetTotalFilesSize() << " bytes";
+  return true;
 }
 
 bool Recorder::MakeRoom() {
@@ -185,32 +258,48 @@ void Recorder::RemoveOrphanedPositions() {
   }
 }
 
-// Each recording holds its own name again and again, so that anybody can see whether it is intact.
-// What is complete must survive a power cut, so it is on the card before it counts.
-bool Recorder::WriteFile(std::string name, std::size_t bytes) {
-  std::string path = kRecordings + name;
-  std::string line = name + "\n";
-  Ifile file(path, false);
-  file.Open(false);
-  for (std::size_t written = 0; written < bytes; written += line.size()) {
-    file.Write(line.data(), static_cast<unsigned int>(std::min(line.size(), bytes - written)));
-  }
-  if (!file.Sync() || !catalogue->AddFile(name)) {
-    LogLine(Error) << "[REC] Could not write " << path;
-    return false;
-  }
-  LogLine(Info) << "[REC] Recorded " << name << " " << bytes << " bytes";
+// Both files are on the card before they count, since what is complete must survive a power cut.
+// The first `Sync` brings both there: each would cost the card a commit of the journal.
+bool Recorder::WriteFiles() {
+  number = number % kLastNumber + 1;
+  std::string path = kRecordings + RecordingName(number, ".dat");
+  std::string positionsPath = kRecordings + RecordingName(number, ".gps");
+  Ifile recording(path, false);
+  Ifile positions(positionsPath, false);
+  Fill(recording, settings.recordingBytes);
+  Fill(positions, kPositionsBytes);
+  if (!WriteBack(positions)) return CouldNotWrite(positions);
+  return Complete(recording, settings.recordingBytes) && Complete(positions, kPositionsBytes);
+}
+
+bool Recorder::Complete(Ifile& file, std::size_t bytes) {
+  if (!file.Sync() || !AddFile(file.name)) return CouldNotWrite(file);
+  LogLine(Info) << "[REC] Recorded " << file.name << " " << bytes << " bytes";
   return true;
 }
 
-int Recorder::LastRecordingNumber() {
-  int last = 0;
-  for (Ifile* file : catalogue->GetList()) {
-    if (!file->name.starts_with(kPrefix)) continue;
-    long const found = std::strtol(file->name.c_str() + kPrefix.size(), nullptr, 10);
-    if (found <= kLastNumber) last = std::max(last, static_cast<int>(found));  // else not ours
+bool Recorder::AddFile(std::string name) {
+  if (load == nullptr) return catalogue->AddFile(name);
+  load->Add(name);
+  return true;
+}
+
+// False when the names cannot be read to the last: the next recording might overwrite one.
+bool Recorder::FindLastNumber() {
+  number = 0;
+  std::unique_ptr<DIR, int (*)(DIR*)> const directory(opendir(kRecordings), closedir);
+  if (directory == nullptr) return false;
+  auto const next = [&directory] {
+    errno = 0;
+    return readdir(directory.get());
+  };
+  while (dirent const* entry = next()) {
+    std::string_view const name = entry->d_name;
+    if (!name.starts_with(kPrefix)) continue;
+    long const found = std::strtol(entry->d_name + kPrefix.size(), nullptr, 10);
+    if (found <= kLastNumber) number = std::max(number, static_cast<int>(found));  // else not ours
   }
-  return last;
+  return errno == 0;
 }
 
 // False when the service is to stop.
@@ -225,7 +314,9 @@ bool Recorder::WaitForNextPeriod() {
   }
 }
 
+// A load that hangs is the watchdog's to end.
 void Recorder::KickWatchdog() {
+  if (load != nullptr && load->Hangs()) return;
   auto const now = std::chrono::steady_clock::now();
   if (now - lastKick < KickPeriod(watchdog)) return;
   watchdog.Reset();

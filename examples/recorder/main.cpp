@@ -103,5 +103,5 @@ int main(int count, char** arguments) {
   sigaction(SIGTERM, &stop, nullptr);
   sigaction(SIGINT, &stop, nullptr);
   recorder.Run();
-  return EXIT_SUCCESS;
+  std::quick_exit(EXIT_SUCCESS);  // without waiting for a catalogue that is still being loaded
 }

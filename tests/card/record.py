@@ -18,7 +18,7 @@ sys.path[:0] = [str(HERE.parent.parent), str(HERE)]
 sys.dont_write_bytecode = True
 
 from alone import call
-from board.cuts import BEFORE, BUSY, LOG, SIZE
+from board.cuts import BEFORE, BUSY, CATALOGUED, LOG, SIZE
 from slot import LoggedFile, Slot, require_log, require_private_root
 
 CARD = "/mnt/sdcard"
@@ -26,16 +26,20 @@ BUSY_PART = 8  # one file of so many is the last
 
 
 def record(card: LoggedFile, recorder: str, files: int):
-    """Runs the recorder until it has recorded so many files, and marks in the log what it tells."""
+    """Runs the recorder until it has recorded so many files, and marks in the log what it tells.
+
+    Files count once the catalogue is complete: nothing is deleted before.
+    """
     service = subprocess.Popen([recorder, "--size", str(SIZE), "--period", "20", "--min-free", "1"],
                                stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, text=True)
-    busy_at = files // BUSY_PART
+    busy_at, catalogued = files // BUSY_PART, False
     with contextlib.ExitStack() as until_the_end:
         for line in service.stdout:
             print(line, end="")
-            if "Recorded" in line or "Deleted" in line:
+            if any(told in line for told in (CATALOGUED, "Recorded", "Deleted")):
                 card.mark(line.strip())
-            if "Recorded" not in line:
+            catalogued |= CATALOGUED in line
+            if not catalogued or "Recorded" not in line:
                 continue
             files -= 1
             if files == busy_at:

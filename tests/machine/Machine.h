@@ -11,6 +11,7 @@
 //   Failures.h      every call and every allocation of a scenario failing in turn
 #pragma once
 
+#include <semaphore.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 #include <sys/types.h>
@@ -140,11 +141,8 @@ struct Hooks {
   std::function<bool(int counter)> saveStatusCounter;
   std::function<void()> scanDisk;
   /// @}
-  /// @{ What happens first where a log line is signalled, and where its header asks for the
-  /// temperature.
-  std::function<void(void const* semaphore)> notify;
-  std::function<void()> temperature;
-  /// @}
+  /// What happens first where a semaphore is raised, as each line of the log raises two.
+  std::function<void(sem_t const*)> raiseSemaphore;
 };
 
 /// The hooks in force. Set them in a test; `Reset` takes them back.

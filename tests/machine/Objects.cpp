@@ -7,15 +7,11 @@
 
 #include "DiskUtils/Disk.h"
 #include "DiskUtils/System.h"
-#include "base/ISemaphore.h"
-#include "base/TemperatureMonitor.h"
 #include "tests/machine/Machine.h"
 #include "tests/machine/TheReal.h"
 
 using Machine::Ifile;
 using Quellon::DiskUtils::Disk;
-using Tarvik::Interfaces::ISemaphore;
-using Tarvik::Util::TemperatureMonitor;
 
 namespace {
 
@@ -90,20 +86,6 @@ void Disk::ScanDisk() {
   static auto* const next = TheReal<void(Disk*)>("_ZN7Quellon9DiskUtils4Disk8ScanDiskEv");
   auto const& hook = Machine::hooks().scanDisk;
   hook ? hook() : next(this);
-}
-
-void ISemaphore::Notify() noexcept {
-  static auto* const next =
-      TheReal<void(ISemaphore*)>("_ZN6Tarvik10Interfaces10ISemaphore6NotifyEv");
-  if (auto const& hook = Machine::hooks().notify) hook(this);
-  next(this);
-}
-
-TemperatureMonitor* TemperatureMonitor::GetInstance() {
-  static auto* const next =
-      TheReal<TemperatureMonitor*()>("_ZN6Tarvik4Util18TemperatureMonitor11GetInstanceEv");
-  if (auto const& hook = Machine::hooks().temperature) hook();
-  return next();
 }
 
 // On some machines constructors and destructors return their object, on the others nobody looks.

@@ -77,6 +77,12 @@ int pthread_mutex_unlock(pthread_mutex_t* mutex) noexcept {
   return next(mutex);
 }
 
+int sem_post(sem_t* semaphore) noexcept {
+  static auto* const next = TheReal<int(sem_t*)>("sem_post");
+  if (auto const& hook = Machine::hooks().raiseSemaphore) hook(semaphore);
+  return next(semaphore);
+}
+
 int sem_wait(sem_t* semaphore) {
   static auto* const next = TheReal<int(sem_t*)>("sem_wait");
   return Waited(next, semaphore);

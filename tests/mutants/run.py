@@ -322,16 +322,26 @@ def judged(changes: list[Change], known: dict, options: argparse.Namespace) -> C
     """What came of the changes. Survivors without a reason, and reasons without one, are shown."""
     libraries = Libraries(options.jobs)
     judge = Judge(libraries, deadline=time.monotonic() + 60 * options.minutes)
-    outcomes = Counter()
+    outcomes, slow = Counter(), []
+
+    def note(change: Change, outcome: str):
+        if change.key in known and outcome != "not tried":
+            outcome = "survived as expected" if outcome == "survived" else "no survivor"
+        outcomes[outcome] += 1
+        if outcome in ("survived", "no survivor"):
+            show(outcome, change)
+
     with ThreadPoolExecutor(options.jobs) as pool:
         for number, (change, outcome) in enumerate(zip(changes, pool.map(judge, changes)), 1):
             if sys.stderr.isatty():
                 print(f"{number} of {len(changes)}", end="\r", file=sys.stderr)
-            if change.key in known and outcome != "not tried":
-                outcome = "survived as expected" if outcome == "survived" else "no survivor"
-            outcomes[outcome] += 1
-            if outcome in ("survived", "no survivor"):
-                show(outcome, change)
+            if outcome == "too slow":
+                slow.append(change)
+            else:
+                note(change, outcome)
+    for change in slow:  # once more, alone: others may have kept it waiting
+        outcome = judge(change)
+        note(change, "hangs" if outcome == "too slow" else outcome)
     return outcomes
 
 

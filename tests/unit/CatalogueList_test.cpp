@@ -20,16 +20,15 @@ class CatalogueList : public RemovalTest {
  protected:
   /// Makes recordings and puts them at the end of the list, as its owner may.
   void Push(std::vector<std::string> const& names) {
-    for (auto const& name : names) Push(std::make_unique<Ifile>(), name);
-  }
-
-  void Push(std::unique_ptr<Ifile> file, std::string const& name) {
-    MakeRecording(name, 10);
-    file->path = kDirectory + name;
-    file->name = name;
-    file->extension = name.substr(name.rfind('.'));
-    EXPECT_TRUE(file->Stat());
-    list.push_back(file.release());
+    for (auto const& name : names) {
+      MakeRecording(name, 10);
+      auto file = std::make_unique<Ifile>();
+      file->path = kDirectory + name;
+      file->name = name;
+      file->extension = name.substr(name.rfind('.'));
+      EXPECT_TRUE(file->Stat());
+      list.push_back(file.release());
+    }
   }
 
   void EraseFirst() {
@@ -87,43 +86,6 @@ TEST_F(CatalogueList, ItsAdditionsTakeTheTotalToZeroAtMostAndNoMoreIsDeletedThan
   std::string name = "e.dat";
   EXPECT_TRUE(catalogue->RemoveFileByName(name));
   EXPECT_EQ(catalogue->GetTotalFilesSize(), 0U);
-}
-
-/// An application's own kind of file, which takes its positions with it.
-class WithPositions : public Quellon::FileUtils::Ifile {
- public:
-  explicit WithPositions(Quellon::FileUtils::FilesManager& filesManager)
-      : catalogue(filesManager) {}
-  ~WithPositions() override {
-    auto& list = catalogue.GetList();
-    auto const positions = std::ranges::find(list, ".gps", &Ifile::extension);
-    if (positions != list.end()) {
-      delete *positions;
-      list.erase(positions);
-    }
-    total = catalogue.GetTotalFilesSize(true);
-  }
-
-  static inline unsigned long long total;
-
- private:
-  Quellon::FileUtils::FilesManager& catalogue;
-};
-
-TEST_F(CatalogueList, MayBeUsedByTheDestructorsOfItsObjects) {
-  Push(std::make_unique<WithPositions>(*catalogue), "a.dat");
-  Push({"a.gps", "b.dat"});
-  EXPECT_EQ(catalogue->DeleteOldFiles(1), 1U);
-  EXPECT_THAT(Names(*catalogue), ElementsAre("b.dat"));
-  EXPECT_EQ(WithPositions::total, 10U);
-}
-
-TEST_F(CatalogueList, MayBeUsedByTheDestructorsOfItsObjectsWhenItGoes) {
-  auto manager = NewCatalogue();
-  manager->GetList().push_back(new WithPositions(*manager));
-  WithPositions::total = 1;
-  manager.reset();
-  EXPECT_EQ(WithPositions::total, 0U);
 }
 
 TEST_F(CatalogueList, OnceItIsEmptiedNoPassIsStarted) {

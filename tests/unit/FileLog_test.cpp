@@ -93,6 +93,19 @@ class FileLog : public testing::Test {
     });
   }
 
+  /// How often the file's place is looked at meanwhile.
+  template <typename Work>
+  static int CountLooks(Work work) {
+    int looks = 0;
+    Machine::hooks().lstat = [&looks](auto&&...) {
+      ++looks;
+      return std::nullopt;
+    };
+    work();
+    Machine::hooks().lstat = nullptr;
+    return looks;
+  }
+
   FileLogPolicy policy;
 };
 
@@ -185,10 +198,16 @@ TEST_F(FileLog, TakesALongLineWholeAndCutsOneThatNoFileCouldHold) {
 }
 
 TEST_F(FileLog, LeavesALongLineWholeOnTheConsole) {
-  LogFile::BeginAnew();
-  std::string const text(kLimit, 'x');
-  EXPECT_TRUE(
-      Capture::Output([&] { Tarvik::Ilog::LogLine(Info) << text; }).ends_with("]" + text + "\n"));
+  for (std::size_t const over : {0, 1}) {
+    LogFile::BeginAnew();
+    std::string const text(kMark - LogFile::kHeaderLength - 1 + over, 'x');
+    auto const console = Capture::Output([&] { Tarvik::Ilog::LogLine(Info) << text; });
+    EXPECT_TRUE(console.ends_with("]" + text + "\n"));
+    EXPECT_EQ(console.size(), kMark + over);
+    EXPECT_EQ(LogFile::Text().size(), kMark);
+    EXPECT_TRUE(LogFile::Text().ends_with(over == 0 ? "xxx\n" : "xxx [cut]\n"));
+    EXPECT_TRUE(LogFile::IsFree());
+  }
 }
 
 TEST_F(FileLog, IsEmptiedWhereItCannotBeRenamed) {
@@ -338,18 +357,96 @@ TEST_F(FileLog, ReplacedByOthersItIsTheirFileASecondLater) {
   EXPECT_EQ(LogFile::Text(), "theirs\nafter\n");
 }
 
-TEST_F(FileLog, IsNotAskedForItsPlaceWithEveryLine) {
+TEST_F(FileLog, DeletedByOthersWithinTheSecondItLosesTwoKilobytesAtMost) {
   Machine::hooks().now = 100;
-  EXPECT_TRUE(policy.Write(std::string(47, 'x') + "\n"));  // and 20 lines make 2 KiB
-  int looks = 0;
-  Machine::hooks().lstat = [&](auto const&, struct stat*) {
-    ++looks;
-    return Machine::Answer::Failure(ENOENT);
+  EXPECT_TRUE(policy.Write(Lines(48)));
+  fs::remove(Machine::Real(kPath));
+  for (int i = 0; i < 20; ++i) EXPECT_TRUE(policy.Write(Lines(100)));
+  EXPECT_FALSE(Exists(kPath));
+  EXPECT_TRUE(policy.Write("there\n"));
+  EXPECT_EQ(LogFile::Text(), "there\n");
+}
+
+TEST_F(FileLog, ReplacedByOthersWithinTheSecondItLosesTwoKilobytesAtMost) {
+  Machine::hooks().now = 100;
+  EXPECT_TRUE(policy.Write(Lines(48)));
+  Machine::MakeFile("/var/log/new", "theirs\n");
+  fs::rename(Machine::Real("/var/log/new"), Machine::Real(kPath));
+  for (int i = 0; i < 20; ++i) EXPECT_TRUE(policy.Write(Lines(100)));
+  EXPECT_TRUE(policy.Write("there\n"));
+  EXPECT_EQ(LogFile::Text(), "theirs\nthere\n");
+}
+
+TEST_F(FileLog, SetAsideTwiceWithinTheSecondByAnotherProcessItLosesTwoKilobytesAtMost) {
+  Machine::hooks().now = 100;
+  EXPECT_TRUE(policy.Write(Lines(48)));
+  for (char const* text : {"newer\n", "newest\n"}) {
+    fs::rename(Machine::Real(kPath), Machine::Real(kOlderPath));
+    Machine::MakeFile(kPath, text);
+  }
+  for (int i = 0; i < 20; ++i) EXPECT_TRUE(policy.Write(Lines(100)));
+  EXPECT_TRUE(policy.Write("there\n"));
+  EXPECT_EQ(LogFile::Text(), "newest\nthere\n");
+}
+
+TEST_F(FileLog, DeletedWhileALineTakesSecondsItIsThereAgainAtTheLinesEnd) {
+  LogFile::FileSink sink;
+  Machine::hooks().now = 100;
+  Log(sink, "lost");
+  sink.WriteHeader(Info);
+  fs::remove(Machine::Real(kPath));
+  Machine::hooks().now = 105;
+  sink << "there";
+  sink.EndLine();
+  EXPECT_THAT(LogFile::Text(), EndsWith("]there\n"));
+}
+
+TEST_F(FileLog, IsAskedForItsPlaceOnceASecond) {
+  Machine::hooks().now = 100;
+  EXPECT_TRUE(policy.Write("first\n"));
+  auto const writeMany = [this] {
+    for (int i = 0; i < 100; ++i) EXPECT_TRUE(policy.Write(Lines(100)));
   };
-  for (int i = 0; i < 20; ++i) EXPECT_TRUE(policy.Write(std::string(99, 'x') + "\n"));
-  EXPECT_EQ(looks, 0);
-  EXPECT_TRUE(policy.Write(std::string(99, 'x') + "\n"));
-  EXPECT_EQ(looks, 1);
+  EXPECT_EQ(CountLooks(writeMany), 0);
+  Machine::hooks().now = 101;
+  EXPECT_EQ(CountLooks(writeMany), 1);
+}
+
+TEST_F(FileLog, IsAskedForItsSizeEveryTwoKilobytes) {
+  Machine::hooks().now = 100;
+  EXPECT_TRUE(policy.Write(Lines(48)));
+  int asked = 0;
+  Machine::hooks().fstat = [&asked](auto&&...) {
+    ++asked;
+    return std::nullopt;
+  };
+  for (int i = 0; i < 20; ++i) EXPECT_TRUE(policy.Write(Lines(100)));
+  EXPECT_EQ(asked, 0);
+  for (int i = 0; i < 60; ++i) EXPECT_TRUE(policy.Write(Lines(100)));
+  EXPECT_EQ(asked, 3);
+}
+
+TEST_F(FileLog, FilledByAnotherProcessWithinTheSecondItMakesWayForANewOne) {
+  Machine::hooks().now = 100;
+  EXPECT_TRUE(policy.Write("first\n"));
+  FileLogPolicy other;
+  EXPECT_TRUE(other.Write(Lines(kMark - 10)));
+  for (int i = 0; i < 21; ++i) EXPECT_TRUE(policy.Write(Lines(100)));
+  EXPECT_LT(Older().size(), kMark + 2'048);
+  EXPECT_EQ(Older().size() + LogFile::Text().size(), 6 + (kMark - 10) + 21 * 100);
+  EXPECT_GT(LogFile::Text().size(), 0U);
+}
+
+TEST_F(FileLog, RenamedByAnotherProcessItIsNotFilledBeyondTheMarkWithinTheSecond) {
+  Machine::hooks().now = 100;
+  EXPECT_TRUE(policy.Write("first\n"));
+  fs::rename(Machine::Real(kPath), Machine::Real(kOlderPath));
+  for (std::size_t i = 0; i < kMark / 1'000; ++i) EXPECT_TRUE(policy.Write(Lines(1'000)));
+  EXPECT_LT(Older().size(), kMark);
+  EXPECT_TRUE(policy.Write(Lines(2'000)));
+  EXPECT_TRUE(policy.Write(Lines(2'000)));
+  EXPECT_LT(Older().size(), kMark + 2'048);
+  EXPECT_GT(LogFile::Text().size(), 0U);
 }
 
 /// Processes that meet at the file get out of each other's way only when their pauses are real.
@@ -471,6 +568,18 @@ TEST_F(FileLog, IsLookedAtWithEachLineWithoutTheTurn) {
   EXPECT_EQ(LogFile::Text(), "second\n");
 }
 
+TEST_F(FileLog, IsLookedAtNoMoreOftenWithoutTheTurnWhereThereIsRoomInPlace) {
+  Machine::hooks().now = 100;
+  EXPECT_TRUE(policy.Write("first\n"));
+  Tarvik::UniqueFd const turn = TakeTheTurn();
+  Machine::hooks().now = 101;
+  int const looks = CountLooks([this] {
+    for (int i = 0; i < 20; ++i) EXPECT_TRUE(policy.Write(Lines(100)));
+  });
+  EXPECT_EQ(looks, 1);
+  EXPECT_EQ(LogFile::Text().size(), 6U + 20 * 100);
+}
+
 TEST_F(FileLog, WaitsForTheTurnToOpenItAndWithALineTheMarksLeaveNoRoomFor) {
   Machine::hooks().now = 100;
   Tarvik::UniqueFd turn = TakeTheTurn();
@@ -508,18 +617,23 @@ TEST_F(FileLog, WaitsForTheTurnWhereItWasDeletedOrHasNoRoom) {
   Machine::hooks().now = 101;
   EXPECT_FALSE(WaitsForTheTurn(policy, "there is room\n"));
   fs::remove(Machine::Real(kPath));
+  Machine::hooks().now = 102;
   EXPECT_TRUE(WaitsForTheTurn(policy, "another file\n"));
   EXPECT_EQ(LogFile::Text(), "another file\n");
   fs::resize_file(Machine::Real(kPath), kUpperMark);
-  Machine::hooks().now = 102;
+  Machine::hooks().now = 103;
   EXPECT_TRUE(WaitsForTheTurn(policy, "a new file\n"));
   EXPECT_EQ(LogFile::Text(), "a new file\n");
 }
 
 TEST_F(FileLog, WaitsForTheTurnWithALineLongerThanAProcessMayWriteUnchecked) {
   EXPECT_TRUE(policy.Write("first\n"));
-  EXPECT_FALSE(WaitsForTheTurn(policy, Lines(2048)));
-  EXPECT_TRUE(WaitsForTheTurn(policy, Lines(2049)));
+  for (std::size_t const size :
+       {std::size_t{6}, kMark}) {  // where the turn is not asked for, and is
+    fs::resize_file(Machine::Real(kPath), size);
+    EXPECT_FALSE(WaitsForTheTurn(policy, Lines(2048)));
+    EXPECT_TRUE(WaitsForTheTurn(policy, Lines(2049)));
+  }
 }
 
 TEST_F(FileLog, KeepsTheOlderOneThoughALineFillsANewFileAlone) {
@@ -530,19 +644,21 @@ TEST_F(FileLog, KeepsTheOlderOneThoughALineFillsANewFileAlone) {
 }
 
 TEST_F(FileLog, AChildForkedWhileItIsLookedAtDoesNotKeepTheTurn) {
-  pid_t child = -1;
+  std::vector<pid_t> children;
   Machine::hooks().lstat = [&](auto const&, struct stat*) {
-    child = ChildProcess::Start(pause);
+    children.push_back(ChildProcess::Start(pause));
     return Machine::Answer::Failure(ENOENT);
   };
   EXPECT_TRUE(policy.Write("first\n"));
   Machine::hooks().now = 1;
   EXPECT_TRUE(policy.Write("looks\n"));
-  ASSERT_GT(child, 0);
+  EXPECT_GE(children.size(), 2U) << "before it had its turn, and with it";
   Tarvik::UniqueFd const folder(open("/var/log/", O_RDONLY | O_CLOEXEC));
   EXPECT_EQ(flock(folder.Get(), LOCK_EX | LOCK_NB), 0);
-  kill(child, SIGKILL);
-  ChildProcess::Wait(child);
+  for (pid_t const child : children) {
+    kill(child, SIGKILL);
+    ChildProcess::Wait(child);
+  }
 }
 
 TEST_F(FileLog, IsNeverAStandardStream) {

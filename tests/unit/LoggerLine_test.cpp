@@ -2,6 +2,7 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <semaphore.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -12,7 +13,6 @@
 #include <thread>
 #include <vector>
 
-#include "base/ISemaphore.h"
 #include "base/Logger.h"
 #include "tests/machine/Machine.h"
 #include "tests/support/Capture.h"
@@ -26,20 +26,19 @@ using LogFile::kHeader;
 using Tarvik::Ilog::Info;
 using Tarvik::Ilog::Logger;
 using Tarvik::Ilog::LogLine;
-using Tarvik::Interfaces::ISemaphore;
 using testing::EndsWith;
 using testing::IsEmpty;
 using testing::MatchesRegex;
 
 std::mutex signalsMutex;
-std::vector<void const*> signals;  // the semaphores signalled, in order
+std::vector<sem_t const*> signals;  // the semaphores signalled, in order
 
 class LoggerLine : public testing::Test {
  protected:
   void SetUp() override {
     LogFile::BeginAnew();
     signals.clear();
-    Machine::hooks().notify = [](void const* semaphore) {
+    Machine::hooks().raiseSemaphore = [](sem_t const* semaphore) {
       std::lock_guard const lock(signalsMutex);
       signals.push_back(semaphore);
     };
@@ -64,8 +63,10 @@ TEST_F(LoggerLine, SignalsEachSinkOnceTheFileFirst) {
 TEST_F(LoggerLine, TheWriterTakesEverySignal) {
   Capture::Output([] { LogLine(Info) << "text"; });
   ASSERT_EQ(signals.size(), 2U);
-  for (void const* const signal : signals) {
-    EXPECT_FALSE(static_cast<ISemaphore*>(const_cast<void*>(signal))->TryWait());
+  for (sem_t const* const signal : signals) {
+    int count = -1;
+    EXPECT_EQ(sem_getvalue(const_cast<sem_t*>(signal), &count), 0);
+    EXPECT_EQ(count, 0);
   }
 }
 
@@ -225,6 +226,69 @@ TEST_F(LoggerLine, EachSinkIsEnabledForItself) {
   EXPECT_EQ(Capture::Output([] { LogLine(Info) << "file" << 1 << std::string("!"); }), "");
   EXPECT_THAT(LogFile::Text(), EndsWith("]file1!\n"));
   EXPECT_EQ(signals.size(), 2U);
+}
+
+TEST_F(LoggerLine, ASinkWrittenToByItselfBetweenTwoPiecesHasThemAllInTheirOrder) {
+  std::string const console = Capture::Output([] {
+    logger.BeginLine(Info);
+    logger << "one " << 2;
+    *logger.fileSink << " file";
+    logger << " three " << 4ULL;
+    *logger.consoleSink << " console";
+    logger << " five";
+    logger.EndLine();
+  });
+  EXPECT_THAT(LogFile::Text(), MatchesRegex(kHeader + "one 2 file three 4 five\n"));
+  EXPECT_THAT(console, MatchesRegex(kHeader + "one 2 three 4 console five\n"));
+}
+
+TEST_F(LoggerLine, EndedOnOneSinkItGoesOnOnTheOther) {
+  std::string const console = Capture::Output([] {
+    logger.BeginLine(Info);
+    logger << "both";
+    logger.fileSink->EndLine();
+    logger << " console";
+    logger.consoleSink->EndLine();
+    logger.BeginLine(Info);
+    logger << "both";
+    logger.consoleSink->EndLine();
+    logger << " file";
+    logger.fileSink->EndLine();
+  });
+  EXPECT_THAT(LogFile::Text(), MatchesRegex(kHeader + "both\n" + kHeader + "both file\n"));
+  EXPECT_THAT(console, MatchesRegex(kHeader + "both console\n" + kHeader + "both\n"));
+  EXPECT_TRUE(LogFile::IsFree());
+}
+
+TEST_F(LoggerLine, ASinkDisabledInTheMiddleLeavesTheOtherTheWholeLine) {
+  EXPECT_THAT(Capture::Output([] {
+                LogLine line(Info);
+                line << "one ";
+                LogFile::Enable(false, true);
+                line << "two";
+              }),
+              MatchesRegex(kHeader + "one two\n"));
+  EXPECT_EQ(LogFile::Text(), "");
+  EXPECT_EQ(Capture::Output([] {
+              LogFile::Enable(true, true);
+              LogLine line(Info);
+              line << "one ";
+              LogFile::Enable(true, false);
+              line << "two";
+            }),
+            "");
+  EXPECT_THAT(LogFile::Text(), MatchesRegex(kHeader + "one two\n"));
+  EXPECT_TRUE(LogFile::IsFree());
+}
+
+TEST_F(LoggerLine, ItsTextIsOfTheLinesOwnThreadOnlyOnBothSinks) {
+  std::string const console = Capture::Output([] {
+    LogLine line(Info);
+    line << "own";
+    std::thread([] { logger << "another's" << 7; }).join();
+  });
+  EXPECT_THAT(console, MatchesRegex(kHeader + "own\n"));
+  EXPECT_EQ(console, LogFile::Text());
 }
 
 TEST_F(LoggerLine, ADisabledSinkTakesNoLock) {
@@ -430,6 +494,37 @@ TEST_F(LoggerLine, FlushWithoutALineReturnsAtOnce) {
   logger.fileSink->enabled = false;
   logger.Flush();
   EXPECT_TRUE(LogFile::IsFree());
+}
+
+TEST_F(LoggerLine, OnOneSinkAloneHasNothingOfAnotherThreadsOnTheOtherAfterALineOnBoth) {
+  std::string const output = Capture::Output([] {
+    LogLine(Info) << "on both";
+    Gate gate;
+    std::thread thread([&] {
+      logger.consoleSink->WriteHeader(Info);
+      *logger.consoleSink << "the console's";
+      gate.Wait();
+      logger.consoleSink->EndLine();
+    });
+    gate.AwaitThread();
+    logger.fileSink->WriteHeader(Info);
+    *logger.fileSink << "the file's";
+    logger.fileSink->EndLine();
+    gate.Open();
+    thread.join();
+  });
+  EXPECT_THAT(output, MatchesRegex(kHeader + "on both\n" + kHeader + "the console's\n"));
+  EXPECT_THAT(LogFile::Text(), MatchesRegex(kHeader + "on both\n" + kHeader + "the file's\n"));
+}
+
+TEST_F(LoggerLine, ValuesAndManipulatorsWithoutALineAreDropped) {
+  std::string const output = Capture::Output([] {
+    *logger.fileSink << 1.5 << std::hex << true;
+    logger << 2.5;
+    LogLine(Info) << 255;
+  });
+  EXPECT_THAT(output, MatchesRegex(kHeader + "255\n"));
+  EXPECT_EQ(LogFile::Text(), output);
 }
 
 TEST_F(LoggerLine, AConsoleThatCannotBeWrittenLosesItsLineOnly) {

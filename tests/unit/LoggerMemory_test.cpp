@@ -134,4 +134,65 @@ TEST_F(LoggerMemory, AConsoleWithoutMemoryForItsHeaderLeavesNothingInTheFile) {
   EXPECT_GE(refused, 2);
 }
 
+TEST_F(LoggerMemory, WhereTheFileHasNoneForALineOfItsOwnTheConsoleHasItWholeAndBothAreFree) {
+  auto& logger = *Logger::GetInstance();
+  int lost = 0;
+  Capture::Output([] { LogLine(Info) << "the header's"; });
+  for (int number = 1; number < kMoreThanALineNeeds; ++number) {
+    LogFile::Enable(true, true);
+    LogFile::BeginAnew();
+    std::string const text(100'000, 'x');  // no line's memory of that length is kept
+    bool failed = false;
+    std::string const console = Capture::Output([&] {
+      logger.BeginLine(Info);
+      logger << text;
+      {
+        Machine::FailingAllocation const failing(number);
+        logger.fileSink->EndLine();
+        failed = Machine::FailingAllocation::Happened();
+      }
+      logger.consoleSink->EndLine();
+    });
+    lost += failed ? 1 : 0;
+    EXPECT_TRUE(LogFile::IsFree());
+    EXPECT_THAT(console, EndsWith(text + "\n"));
+    EXPECT_EQ(LogFile::Text(), failed ? "" : console);
+    EXPECT_EQ(Capture::Output([] { LogLine(Info) << "next"; }).substr(21), "next\n");
+  }
+  EXPECT_GT(lost, 0);
+}
+
+TEST_F(LoggerMemory, ALineWithoutMemoryForItsHeaderIsOnNeitherSink) {
+  Machine::hooks().now = 1;
+  LogFile::Enable(true, true);
+  std::string const text(100'000, 'x');
+  Capture::Output([&] { LogLine(Info) << text; });
+  LogFile::BeginAnew();
+  std::string const console = Capture::Output([] {
+    Machine::FailingAllocation const failing(1);
+    LogLine(Info) << "without a header" << 1 << 2ULL;
+    EXPECT_TRUE(Machine::FailingAllocation::Happened());
+  });
+  EXPECT_EQ(console, "");
+  EXPECT_EQ(LogFile::Text(), "");
+  EXPECT_TRUE(LogFile::IsFree());
+}
+
+TEST_F(LoggerMemory, AUsualLineNeedsNoneOnEitherSink) {
+  Machine::hooks().now = 1;
+  LogFile::Enable(true, true);
+  Capture::Output([] {
+    LogLine(Info) << std::string(100'000, 'x');  // no memory of that length is kept
+    LogLine(Info) << std::string(100, 'u');
+  });
+  LogFile::BeginAnew();
+  std::string const console = Capture::Output([] {
+    Machine::FailingAllocation const failing(1);
+    LogLine(Info) << "no memory for " << 1.5 << " MB";
+    EXPECT_FALSE(Machine::FailingAllocation::Happened());
+  });
+  EXPECT_THAT(console, EndsWith("]no memory for 1.5 MB\n"));
+  EXPECT_EQ(LogFile::Text(), console);
+}
+
 }  // namespace

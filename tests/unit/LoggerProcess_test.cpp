@@ -76,6 +76,15 @@ TEST_F(LoggerProcess, APipeHasAllLinesInTheOrderOfTheProgram) {
             "*10 log\n");
 }
 
+TEST_F(LoggerProcess, OneByteThatWasPrintedComesBeforeTheNextLine) {
+  auto const [output, status] = ThroughPipe([] {
+    std::putchar('x');
+    LogLine(Info) << "log";
+  });
+  EXPECT_EQ(status, 0);
+  EXPECT_THAT(output, MatchesRegex("x" + kHeader + "log\n"));
+}
+
 TEST_F(LoggerProcess, ACompletedLineSurvivesAKillRightAfterIt) {
   auto const [output, status] = ThroughPipe([] {
     std::puts("before");

@@ -5,15 +5,15 @@
 #include <atomic>
 #include <map>
 #include <mutex>
+#include <optional>
 #include <regex>
 #include <set>
 #include <string>
 #include <thread>
 #include <vector>
 
-#include "base/ISemaphore.h"
 #include "base/Logger.h"
-#include "base/TemperatureMonitor.h"
+#include "tests/machine/Threads.h"
 #include "tests/support/Capture.h"
 #include "tests/support/LogFile.h"
 
@@ -23,11 +23,9 @@ using LogFile::FileSink;
 using Tarvik::Ilog::Info;
 using Tarvik::Ilog::Logger;
 using Tarvik::Ilog::LogLine;
-using Tarvik::Interfaces::ISemaphore;
-using Tarvik::Util::TemperatureMonitor;
 
-// Every header asks for the temperature once, every completed line signals once.
-thread_local int headersOfThisThread = 0;
+// Every header takes a lock, every completed line signals once.
+thread_local int locksOfThisThread = 0;
 std::atomic<int> signals = 0;
 
 constexpr int kThreads = 8;
@@ -87,10 +85,14 @@ class LoggerThreads : public testing::Test {
   void SetUp() override {
     LogFile::BeginAnew();
     signals = 0;
-    Machine::hooks().temperature = [] { ++headersOfThisThread; };
-    Machine::hooks().notify = [](auto&&) { ++signals; };
+    threads.lock = [](auto&&) {
+      ++locksOfThisThread;
+      return std::nullopt;
+    };
+    Machine::hooks().raiseSemaphore = [](auto&&) { ++signals; };
   }
 
+  Machine::ThreadHooks threads;
   static inline Logger& logger = *Logger::GetInstance();
 };
 
@@ -128,9 +130,9 @@ TEST_F(LoggerThreads, ASinkSwitchedAtAnyMomentHasOnlyWholeLinesThatWereBegun) {
     OnAllThreads([&](int thread) {
       std::set<std::string> mine;
       for (int i = 0; i < kLines; ++i) {
-        int const headers = headersOfThisThread;
+        int const locks = locksOfThisThread;
         sink.WriteHeader(Info);
-        if (headersOfThisThread > headers) mine.insert(Message(thread, i));
+        if (locksOfThisThread > locks) mine.insert(Message(thread, i));
         sink << thread << " " << i << Message(thread, i).substr(Message(thread, i).rfind(' '));
         sink.EndLine();
       }

@@ -162,6 +162,20 @@ TEST_F(Logger, OtherValuesLookAsOnAStandardStream) {
   EXPECT_EQ(Line('c'), std::string(kHeader) + "c\n");
 }
 
+TEST_F(Logger, NumbersOfAnyLengthLookAsOnAStandardStream) {
+  using Limits = std::numeric_limits<int>;
+  for (int const number : {Limits::min(), -10, -1, 0, 9, 10, Limits::max()}) {
+    EXPECT_EQ(Line(number), kHeader + std::to_string(number) + "\n");
+  }
+  for (unsigned long long number = 1; number <= 1'000'000'000'000'000'000; number *= 10) {
+    EXPECT_EQ(Line(number), kHeader + std::to_string(number) + "\n");
+    EXPECT_EQ(Line(number - 1), kHeader + std::to_string(number - 1) + "\n");
+  }
+  for (unsigned long long const number : {0xFFFF'FFFFULL, 0x1'0000'0000ULL}) {
+    EXPECT_EQ(Line(number), kHeader + std::to_string(number) + "\n");
+  }
+}
+
 TEST_F(Logger, PiecesFollowEachOtherWithoutSeparator) {
   EXPECT_EQ(Logged([] {
               LogLine(Info) << "[SYSTEM] free " << 524288000ULL << "B"
