@@ -19,9 +19,11 @@
 #include "RTC/Rtc.h"
 #include "SysUtil/Util.h"
 #include "Watchdog/Watchdog.h"
+#include "Watchdog/WatchdogGuard.h"
 #include "examples/recorder/CheckUnlessMountable.h"
 
 using Quellon::System;
+using Quellon::WatchdogGuard;
 using Quellon::DiskUtils::Disk;
 using Quellon::FileUtils::FilesManager;
 using Quellon::FileUtils::Ifile;
@@ -138,6 +140,33 @@ bool KickWatchdog(Arguments const& arguments) {
   return alive;
 }
 
+bool OpenGuard(WatchdogGuard& guard, std::string const& timeout) {
+  auto const opened = guard.Open(std::atoi(timeout.c_str()));
+  std::cout << "open " << WatchdogGuard::Describe(opened) << std::endl;
+  return opened == WatchdogGuard::Result::Done;
+}
+
+// Holds the watchdog and kicks it so often, four times in a timeout; ends without disarming it.
+bool Guard(Arguments const& arguments) {
+  WatchdogGuard guard;
+  bool alive = OpenGuard(guard, arguments[0]);
+  std::cout << "guard by " << guard.GetDriver() << ", " << guard.GetTimeout() << " s, "
+            << (guard.IsStoppedByClose() ? "stopped" : "not stopped") << " by a close" << std::endl;
+  for (int kicks = std::atoi(arguments[1].c_str()); alive && kicks > 0; --kicks) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(guard.GetTimeout() * 250));
+    alive = guard.Kick() == WatchdogGuard::Result::Done;
+  }
+  return alive;
+}
+
+bool Disarm(Arguments const& arguments) {
+  WatchdogGuard guard;
+  if (!OpenGuard(guard, arguments[0])) return false;
+  auto const disarmed = guard.Disarm();
+  std::cout << "disarm " << WatchdogGuard::Describe(disarmed) << std::endl;
+  return disarmed == WatchdogGuard::Result::Done;
+}
+
 bool ClearCache(Arguments const& /*none*/) {
   return Quellon::SysUtil::ClearCache();
 }
@@ -173,6 +202,8 @@ constexpr std::array kCommands = {
     Command{"set-rtc", "SECONDS", SetRtc},
     Command{"load-rtc", "", LoadRtc},
     Command{"watchdog", "TIMEOUT KICKS", KickWatchdog},
+    Command{"guard", "TIMEOUT KICKS", Guard},
+    Command{"disarm", "TIMEOUT", Disarm},
     Command{"clear-cache", "", ClearCache},
     Command{"find-process", "NAME", FindProcess},
     Command{"ramdisk", "", MountRamdisk},

@@ -32,6 +32,7 @@
 #include "SysUtil/Util.h"
 #include "Testing/main.h"
 #include "Watchdog/Watchdog.h"
+#include "Watchdog/WatchdogGuard.h"
 #include "base/Buffer.h"
 #include "base/Date.h"
 #include "base/IError.h"
@@ -364,6 +365,25 @@ static_assert(is_same_v<decltype(&Watchdog::Open), bool (Watchdog::*)()>);
 static_assert(is_same_v<decltype(&Watchdog::Close), bool (Watchdog::*)()>);
 static_assert(is_same_v<decltype(Watchdog::fd), std::int32_t>);
 static_assert(is_same_v<decltype(Watchdog::timeout), std::int32_t>);
+
+using Quellon::WatchdogGuard;
+using WatchdogResult = WatchdogGuard::Result;
+static_assert(std::is_nothrow_destructible_v<WatchdogGuard>);
+static_assert(!std::is_polymorphic_v<WatchdogGuard>);
+static_assert(std::is_default_constructible_v<WatchdogGuard>);
+static_assert(!std::is_copy_constructible_v<WatchdogGuard>);
+static_assert(!std::is_move_constructible_v<WatchdogGuard>, "a lock stays where it is");
+static_assert(is_same_v<decltype(&WatchdogGuard::Open), WatchdogResult (WatchdogGuard::*)(int)>);
+static_assert(is_same_v<decltype(&WatchdogGuard::Kick), WatchdogResult (WatchdogGuard::*)()>);
+static_assert(is_same_v<decltype(&WatchdogGuard::Disarm), WatchdogResult (WatchdogGuard::*)()>);
+static_assert(is_same_v<decltype(&WatchdogGuard::IsOpen), bool (WatchdogGuard::*)() const>);
+static_assert(is_same_v<decltype(&WatchdogGuard::GetDriver), string (WatchdogGuard::*)() const>);
+static_assert(is_same_v<decltype(&WatchdogGuard::GetOptions), unsigned (WatchdogGuard::*)() const>);
+static_assert(is_same_v<decltype(&WatchdogGuard::GetTimeout), int (WatchdogGuard::*)() const>);
+static_assert(
+    is_same_v<decltype(&WatchdogGuard::IsStoppedByClose), bool (WatchdogGuard::*)() const>);
+static_assert(
+    is_same_v<decltype(&WatchdogGuard::Describe), char const* (*)(WatchdogResult) noexcept>);
 
 using Quellon::RTC::Rtc;
 static_assert(is_constructible_v<Rtc, string>);
