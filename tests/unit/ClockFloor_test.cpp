@@ -205,6 +205,12 @@ TEST_F(ClockFloorApplied, LooksAtNoRecordingWhereTheFileConfirmsTheClock) {
   EXPECT_EQ(Apply(kPast + 1, kRecordings), Kept(kPast + 1));
 }
 
+TEST_F(ClockFloorApplied, BelievesRecordingsWhereTheClockIsNotLaterThanTheFile) {
+  Machine::MakeFile(kFile, Line(kPast));
+  MakeRecording("newest.dat", kPast + kYear);
+  EXPECT_EQ(Apply(kPast, kRecordings), Raised(kPast, kPast + kYear + 1));
+}
+
 TEST_F(ClockFloorApplied, BelievesRecordingsWhereThereIsNoFile) {
   MakeRecording("newest.dat", kPast + kYear);
   EXPECT_EQ(Apply(kPast, kRecordings), Raised(kPast, kPast + kYear + 1));
@@ -214,8 +220,10 @@ TEST_F(ClockFloorApplied, BelievesRecordingsOfACardThatComesAfterTheClockWasSet)
   Machine::MakeFile(kFile, Line(kPast));
   MakeRecording("newest.dat", kPast + 500);
   EXPECT_EQ(Told(clockFloor.Apply()), Raised(0, kPast + 1));
-  ClockSays(kPast + 60);
-  EXPECT_EQ(Told(clockFloor.Apply(kRecordings)), Raised(kPast + 60, kPast + 501));
+  EXPECT_EQ(Told(clockFloor.Apply(kRecordings)), Raised(kPast + 1, kPast + 501));
+  MakeRecording("anothers.dat", kPast + 900);
+  ClockSays(kPast + 560);
+  EXPECT_EQ(Told(clockFloor.Apply(kRecordings)), Raised(kPast + 560, kPast + 901));
 }
 
 TEST_F(ClockFloorApplied, BelievesWhoeverSetsTheClockBackAfterIt) {
@@ -262,6 +270,10 @@ TEST_F(ClockFloorApplied, TakesAReleaseBeforeTheEpochForTheEpoch) {
   EXPECT_EQ(Told(ClockFloor(kFile, std::numeric_limits<time_t>::min()).Apply()), Raised(0, 1));
   ClockSays(2);
   EXPECT_EQ(Told(ClockFloor(kFile, -1).Apply()), Kept(2));
+  for (char const* const empty : {kRecordings, "/mnt/sdcard/nothing/"}) {
+    ClockSays(0);
+    EXPECT_EQ(Told(ClockFloor(kFile, -1).Apply(empty)), Raised(0, 1));
+  }
 }
 
 TEST_F(ClockFloorApplied, NeverSetsTheClockBackHoweverLongItLooked) {
@@ -562,10 +574,10 @@ TEST(ClockFloorResult, HasATextForEach) {
 // The day of the last release, from the changelog, unless the build was told a later time.
 TEST(ClockFloorReleaseTime, IsThatOfTheSourcesAndNotOfTheBuild) {
   std::ifstream changelog(QUELLON_CHANGELOG);
+  std::regex const header(R"(## \[[0-9.]+\] - (\d{4})-(\d\d)-(\d\d))");
   std::smatch found;
   for (std::string line; std::getline(changelog, line);) {
-    std::string const header = R"(## \[[0-9.]+\] - (\d{4})-(\d\d)-(\d\d))";
-    if (std::regex_match(line, found, std::regex(header))) {
+    if (std::regex_match(line, found, header)) {
       using namespace std::chrono;
       auto const number = [&found](int group) { return std::stoi(found[group]); };
       sys_days const day = year(number(1)) / number(2) / number(3);

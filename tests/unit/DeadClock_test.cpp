@@ -88,7 +88,7 @@ class DeadClock : public CatalogueTest {
     if (means.floor) floor.Apply(means.recordings ? kDirectory : "");
     auto const catalogue = NewCatalogue();
     EXPECT_TRUE(catalogue->LoadAndSort());
-    for (long left = Any(0, 40); left > 0; --left) {
+    for (long left = Any(0, 30); left > 0; --left) {
       MakeRoomInOrder(*catalogue);
       bool const isCut = left == 1;
       Record(*catalogue, isCut);
