@@ -581,7 +581,7 @@ TEST(ClockFloorReleaseTime, IsThatOfTheSourcesAndNotOfTheBuild) {
       using namespace std::chrono;
       auto const number = [&found](int group) { return std::stoi(found[group]); };
       sys_days const day = year(number(1)) / number(2) / number(3);
-      long const released = duration_cast<seconds>(day.time_since_epoch()).count();
+      auto const released = static_cast<long>(sys_seconds(day).time_since_epoch().count());
       long const told = std::strtol(QUELLON_SOURCE_DATE_EPOCH, nullptr, 10);
       EXPECT_EQ(ClockFloor::ReleaseTime(), std::max(released, told));
       return;
