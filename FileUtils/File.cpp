@@ -10,16 +10,14 @@
 
 #include "base/IException.h"
 #include "base/Logger.h"
-#include "base/UniqueFd.h"
-#include "base/internal/OpenFile.h"
-#include "base/internal/Restart.h"
+#include "base/internal/BringToStorage.h"
 #include "base/internal/Retry.h"
 #include "base/internal/StandardDescriptors.h"
 
 namespace Quellon::FileUtils {
 
+using Tarvik::BringToStorage;
 using Tarvik::IException;
-using Tarvik::RestartWhileInterrupted;
 using Tarvik::Ilog::Info;
 using Tarvik::Ilog::LogLine;
 
@@ -32,15 +30,6 @@ constexpr std::chrono::milliseconds kRemovalPause(50);
 std::unique_ptr<std::fstream> OpenInPlace(std::string const& path) {
   Tarvik::OccupyStandardDescriptors();
   return std::make_unique<std::fstream>(path, kReadWrite);
-}
-
-// O_NONBLOCK: a pipe of that name must not stop the caller; files and directories do not mind.
-// O_LARGEFILE: a 32-bit board's streams write recordings of 2 GiB and more, too.
-bool BringToCard(std::string const& path) {
-  constexpr int kFlags = O_RDONLY | O_NONBLOCK | O_LARGEFILE;
-  Tarvik::UniqueFd const fd(
-      RestartWhileInterrupted([&path] { return Tarvik::OpenFile(path.c_str(), kFlags); }));
-  return fd.IsOpen() && RestartWhileInterrupted([&fd] { return fsync(fd.Get()); }) == 0;
 }
 
 // Follows links. The standard library's own calls have sizes of 64 bits, so a recording of 2 GiB
@@ -118,7 +107,8 @@ bool Ifile::Write(Iubuffer& buffer) {
 
 bool Ifile::Sync() {
   if (stream != nullptr && !stream->flush()) return false;
-  return BringToCard(path) && BringToCard(path.substr(0, path.rfind('/') + 1) + ".");
+  std::string const directory = path.substr(0, path.rfind('/') + 1) + ".";
+  return BringToStorage(path.c_str()) && BringToStorage(directory.c_str());
 }
 
 bool Ifile::Remove() {

@@ -16,6 +16,7 @@
 
 #include "DiskUtils/System.h"
 #include "FileUtils/FilesManager.h"
+#include "RTC/ClockFloor.h"
 #include "RTC/Rtc.h"
 #include "SysUtil/Util.h"
 #include "Watchdog/Watchdog.h"
@@ -27,6 +28,7 @@ using Quellon::WatchdogGuard;
 using Quellon::DiskUtils::Disk;
 using Quellon::FileUtils::FilesManager;
 using Quellon::FileUtils::Ifile;
+using Quellon::RTC::ClockFloor;
 
 namespace {
 
@@ -129,6 +131,17 @@ bool LoadRtc(Arguments const& /*none*/) {
   return loaded;
 }
 
+bool RaiseClock(Arguments const& arguments) {
+  auto const [result, from, to] = ClockFloor().Apply(arguments[0]);
+  std::cout << "clock " << from << " to " << to << ", " << ClockFloor::Describe(result)
+            << std::endl;
+  return result == ClockFloor::Result::Raised;
+}
+
+bool SaveClock(Arguments const& /*none*/) {
+  return ClockFloor().Save() == ClockFloor::Result::Saved;
+}
+
 // Arms the watchdog and kicks it so often, four times in a timeout.
 bool KickWatchdog(Arguments const& arguments) {
   Quellon::Watchdog watchdog(std::atoi(arguments[0].c_str()));
@@ -201,6 +214,8 @@ constexpr std::array kCommands = {
     Command{"set-date", "SECONDS", SetDate},
     Command{"set-rtc", "SECONDS", SetRtc},
     Command{"load-rtc", "", LoadRtc},
+    Command{"raise-clock", "RECORDINGS", RaiseClock},
+    Command{"save-clock", "", SaveClock},
     Command{"watchdog", "TIMEOUT KICKS", KickWatchdog},
     Command{"guard", "TIMEOUT KICKS", Guard},
     Command{"disarm", "TIMEOUT", Disarm},

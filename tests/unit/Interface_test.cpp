@@ -28,6 +28,7 @@
 #include "FileUtils/Dir.h"
 #include "FileUtils/File.h"
 #include "FileUtils/FilesManager.h"
+#include "RTC/ClockFloor.h"
 #include "RTC/Rtc.h"
 #include "SysUtil/Util.h"
 #include "Testing/main.h"
@@ -393,6 +394,19 @@ static_assert(is_same_v<decltype(&Rtc::SetSystemClock), bool (Rtc::*)()>);
 static_assert(is_same_v<decltype(&Rtc::Print), int (Rtc::*)()>);
 static_assert(is_same_v<decltype(Rtc::devicePath), string>);
 static_assert(is_same_v<decltype(Rtc::rtcTime), rtc_time> && sizeof(rtc_time) == 9 * 4);
+
+using Quellon::RTC::ClockFloor;
+static_assert(!std::is_polymorphic_v<ClockFloor>);
+static_assert(std::is_default_constructible_v<ClockFloor>);
+static_assert(is_constructible_v<ClockFloor, string>);
+static_assert(is_constructible_v<ClockFloor, string, time_t>);
+static_assert(
+    is_same_v<decltype(&ClockFloor::Apply), ClockFloor::Outcome (ClockFloor::*)(string const&)>);
+static_assert(is_same_v<decltype(&ClockFloor::Save), ClockFloor::Result (ClockFloor::*)()>);
+static_assert(is_same_v<decltype(&ClockFloor::SaveHourly), ClockFloor::Result (ClockFloor::*)()>);
+static_assert(is_same_v<decltype(&ClockFloor::ReleaseTime), time_t (*)() noexcept>);
+static_assert(
+    is_same_v<decltype(&ClockFloor::Describe), char const* (*)(ClockFloor::Result) noexcept>);
 
 static_assert(is_same_v<decltype(&Quellon::SysUtil::ClearCache), bool (*)()>);
 static_assert(is_same_v<decltype(&Quellon::SysUtil::ExecSystemCmdThroughPipe), string (*)(string)>);
