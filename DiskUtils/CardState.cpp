@@ -28,7 +28,7 @@ using Tarvik::UniqueFd;
 
 namespace {
 
-constexpr std::chrono::seconds kLongestWait(3);  // what Linux waits for a card's write at most
+constexpr std::chrono::seconds kLongestSilence(3);  // what Linux waits for a card's write at most
 
 UniqueFd Open(std::string const& path) noexcept {
   return UniqueFd(
@@ -54,23 +54,23 @@ std::string ReadWhole(UniqueFd const& file) {
   return text;
 }
 
-// Calls `use` with each of the parts of `text` between these characters.
+// Calls `use` with each of the parts of `text` that this character separates.
 template <typename Use>
-void ForEach(std::string_view text, char const* separators, Use use) {
+void ForEach(std::string_view text, char separator, Use use) {
   while (!text.empty()) {
-    std::size_t const end = std::min(text.find_first_of(separators), text.size());
-    if (end > 0) use(text.substr(0, end));
+    std::size_t const end = std::min(text.find(separator), text.size());
+    use(text.substr(0, end));
     text.remove_prefix(std::min(end + 1, text.size()));
   }
 }
 
-// The words of a text that are numbers; others explain them.
+// The numbers in a text, each after a blank or at its beginning; other words explain them.
 std::vector<std::uint64_t> Numbers(std::string_view text) {
   std::vector<std::uint64_t> numbers;
-  ForEach(text, " \t\n", [&numbers](std::string_view word) {
+  ForEach(text, ' ', [&numbers](std::string_view word) {
     std::uint64_t number = 0;
     auto const [end, error] = std::from_chars(word.begin(), word.end(), number);
-    if (error == std::errc() && end == word.end()) numbers.push_back(number);
+    if (error == std::errc()) numbers.push_back(number);
   });
   return numbers;
 }
@@ -107,7 +107,7 @@ std::string_view LastWord(std::string_view line) {
 // for an emergency.
 bool IsReadOnlyMount(std::string_view options) {
   bool isReadOnly = false;
-  ForEach(options, ",", [&isReadOnly](std::string_view option) {
+  ForEach(options, ',', [&isReadOnly](std::string_view option) {
     isReadOnly |= option == "ro" || option == "emergency_ro" || option == "shutdown";
   });
   return isReadOnly;
@@ -168,7 +168,7 @@ CardState::Report CardState::Look() {
     report.finding = Finding::Errors;
   }
   if (IsReadOnly()) report.finding = Finding::ReadOnly;
-  if (report.waiting >= kLongestWait) report.finding = Finding::Stuck;
+  if (report.waiting >= kLongestSilence) report.finding = Finding::Stuck;
   return report;
 }
 
@@ -220,11 +220,11 @@ bool CardState::IsMounted() const {
 
 bool CardState::IsReadOnly() const {
   if (ReadSum(readOnlyFlag).value_or(0) > 0) return true;
-  std::string device;  // as the table of mounts has it, between blanks
-  device.append(" ").append(Decimal(major(card)).View());
-  device.append(":").append(Decimal(minor(card)).View()).append(" ");
+  std::string device(1, ' ');  // as the table of mounts has it, between blanks
+  device.append(Decimal(major(card)).View()) += ':';
+  device.append(Decimal(minor(card)).View()) += ' ';
   bool isReadOnly = false;
-  ForEach(ReadWhole(mounts), "\n", [&](std::string_view line) {
+  ForEach(ReadWhole(mounts), '\n', [&](std::string_view line) {
     isReadOnly |= line.find(device) != line.npos && IsReadOnlyMount(LastWord(line));
   });
   return isReadOnly;

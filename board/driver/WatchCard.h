@@ -17,8 +17,9 @@ inline double Seconds(std::chrono::steady_clock::duration time) {
   return std::chrono::duration<double>(time).count();
 }
 
-/// Records one file of 100,000 bytes after the other, and gives up where one cannot be made.
-inline void RecordOnTheCard(std::string const& partition, std::atomic<bool> const& isOver) {
+/// Records a file of 100,000 bytes in each period, and gives up where one cannot be made.
+inline void RecordOnTheCard(std::string const& partition, std::chrono::milliseconds period,
+                            std::atomic<bool> const& isOver) {
   std::string text(100'000, 'r');
   for (int number = 1; !isOver; ++number) {
     Quellon::DiskUtils::CardDirectory const directory("/mnt/sdcard/cr/", partition);
@@ -27,20 +28,22 @@ inline void RecordOnTheCard(std::string const& partition, std::atomic<bool> cons
     file.Open(false);
     file.Write(text.data(), static_cast<unsigned int>(text.size()));
     if (!file.Sync()) break;
-    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    std::this_thread::sleep_for(period);
   }
 }
 
 /// Records for that time and looks at the card ten times a second, on another thread. Each new
-/// finding is a line "card SECOND FINDING: FIGURES"; then "look" tells how long the looks took.
+/// finding is a line "card SECONDS FINDING: FIGURES", in seconds since the machine's start; then
+/// "look" tells how long the looks took.
 /// Whether the card was good at the end.
-inline bool WatchCard(std::string const& partition, std::chrono::seconds time) {
+inline bool WatchCard(std::string const& partition, std::chrono::seconds time,
+                      std::chrono::milliseconds period) {
   using Clock = std::chrono::steady_clock;
   using Quellon::DiskUtils::CardState;
   auto const begin = Clock::now();
   CardState state("/mnt/sdcard/", partition, "mmcblk1");
   std::atomic<bool> isOver = false;
-  std::thread recorder([&] { RecordOnTheCard(partition, isOver); });
+  std::thread recorder([&] { RecordOnTheCard(partition, period, isOver); });
   auto longest = Clock::duration::zero();
   auto all = Clock::duration::zero();
   int looks = 0;
@@ -52,9 +55,10 @@ inline bool WatchCard(std::string const& partition, std::chrono::seconds time) {
     longest = std::max(longest, taken);
     ++looks;
     if (report.finding != std::exchange(told, report.finding)) {
-      std::cout << "card " << Seconds(now - begin) << ' ' << CardState::Describe(report.finding)
-                << ": " << report.errors << " errors, " << report.warnings << " warnings, "
-                << report.controllerErrors << " of the controller" << std::endl;
+      std::cout << "card " << Seconds(now.time_since_epoch()) << ' '
+                << CardState::Describe(report.finding) << ": " << report.errors << " errors, "
+                << report.warnings << " warnings, " << report.controllerErrors
+                << " of the controller" << std::endl;
     }
     std::this_thread::sleep_for(std::chrono::milliseconds(100));
   }

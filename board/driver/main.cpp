@@ -169,7 +169,8 @@ bool Disarm(Arguments const& arguments) {
 }
 
 bool Watch(Arguments const& arguments) {
-  return WatchCard(arguments[0], std::chrono::seconds(std::atoi(arguments[1].c_str())));
+  return WatchCard(arguments[0], std::chrono::seconds(std::atoi(arguments[1].c_str())),
+                   std::chrono::milliseconds(std::atoi(arguments[2].c_str())));
 }
 
 bool ClearCache(Arguments const& /*none*/) {
@@ -209,7 +210,7 @@ constexpr std::array kCommands = {
     Command{"watchdog", "TIMEOUT KICKS", KickWatchdog},
     Command{"guard", "TIMEOUT KICKS", Guard},
     Command{"disarm", "TIMEOUT", Disarm},
-    Command{"watch-card", "PARTITION SECONDS", Watch},
+    Command{"watch-card", "PARTITION SECONDS PERIOD", Watch},
     Command{"clear-cache", "", ClearCache},
     Command{"find-process", "NAME", FindProcess},
     Command{"ramdisk", "", MountRamdisk},
