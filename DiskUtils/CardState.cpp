@@ -2,7 +2,6 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
-#include <sys/sysmacros.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -16,13 +15,11 @@
 #include <utility>
 #include <vector>
 
-#include "base/internal/Decimal.h"
 #include "base/internal/OpenFile.h"
 #include "base/internal/Restart.h"
 
 namespace Quellon::DiskUtils {
 
-using Tarvik::Decimal;
 using Tarvik::RestartWhileInterrupted;
 using Tarvik::UniqueFd;
 
@@ -36,22 +33,13 @@ UniqueFd Open(std::string const& path) noexcept {
 }
 
 // What a file of the kernel's says now; nothing, with `errno` set, when it cannot be read. Once the
-// object that it describes has gone, that is ENODEV.
-std::optional<std::string> Read(UniqueFd const& file, std::size_t offset = 0) {
-  std::array<char, 4096> part;
-  ssize_t const size = RestartWhileInterrupted(
-      [&] { return pread(file.Get(), part.data(), part.size(), static_cast<off_t>(offset)); });
+// object that it describes has gone, that is ENODEV. None is longer.
+std::optional<std::string> Read(UniqueFd const& file) {
+  std::array<char, 4096> text;
+  ssize_t const size =
+      RestartWhileInterrupted([&] { return pread(file.Get(), text.data(), text.size(), 0); });
   if (size < 0) return std::nullopt;
-  return std::string(part.data(), static_cast<std::size_t>(size));
-}
-
-// Tables come in parts.
-std::string ReadWhole(UniqueFd const& file) {
-  std::string text;
-  for (auto part = Read(file); part && !part->empty(); part = Read(file, text.size())) {
-    text += *part;
-  }
-  return text;
+  return std::string(text.data(), static_cast<std::size_t>(size));
 }
 
 // Calls `use` with each of the parts of `text` that this character separates.
@@ -99,16 +87,13 @@ std::optional<dev_t> DeviceOf(std::string const& path) noexcept {
   return directory.st_dev;
 }
 
-std::string_view LastWord(std::string_view line) {
-  return line.substr(line.rfind(' ') + 1);
-}
-
-// Of one that met an error, kernels before 6.15 say that it is read-only, later ones that it is so
-// for an emergency.
-bool IsReadOnlyMount(std::string_view options) {
+// By the options of an ext4 file system. What an error does to one whose option that is, kernels
+// tell in different ways, and some not at all: as "ro", from 6.15 on as "emergency_ro".
+bool IsReadOnlyBy(std::string_view options, bool hasMetErrors) {
   bool isReadOnly = false;
-  ForEach(options, ',', [&isReadOnly](std::string_view option) {
-    isReadOnly |= option == "ro" || option == "emergency_ro" || option == "shutdown";
+  ForEach(options, '\n', [&](std::string_view option) {
+    isReadOnly |= option == "ro" || option == "emergency_ro" || option == "shutdown" ||
+                  (option == "errors=remount-ro" && hasMetErrors);
   });
   return isReadOnly;
 }
@@ -143,7 +128,7 @@ CardState::CardState(std::string mountPoint, std::string const& partition,
       card(DeviceBehind(partition)),
       statistics(Open("/sys/block/" + device + "/stat")),
       readOnlyFlag(Open("/sys/class/block/" + NameIn(partition) + "/ro")),
-      mounts(Open("/proc/self/mountinfo")),
+      options(Open("/proc/fs/ext4/" + NameIn(partition) + "/options")),
       errors("/sys/fs/ext4/" + NameIn(partition) + "/errors_count"),
       warnings("/sys/fs/ext4/" + NameIn(partition) + "/warning_count"),
       controllerErrors("/sys/kernel/debug/" + ControllerOf(device) + "/err_stats") {
@@ -167,7 +152,7 @@ CardState::Report CardState::Look() {
   if (report.errors + report.warnings + report.controllerErrors > 0) {
     report.finding = Finding::Errors;
   }
-  if (IsReadOnly()) report.finding = Finding::ReadOnly;
+  if (IsReadOnly(report.errors > 0)) report.finding = Finding::ReadOnly;
   if (report.waiting >= kLongestSilence) report.finding = Finding::Stuck;
   return report;
 }
@@ -218,16 +203,9 @@ bool CardState::IsMounted() const {
   return Read(errors.file) || errno != ENODEV;
 }
 
-bool CardState::IsReadOnly() const {
-  if (ReadSum(readOnlyFlag).value_or(0) > 0) return true;
-  std::string device(1, ' ');  // as the table of mounts has it, between blanks
-  device.append(Decimal(major(card)).View()) += ':';
-  device.append(Decimal(minor(card)).View()) += ' ';
-  bool isReadOnly = false;
-  ForEach(ReadWhole(mounts), '\n', [&](std::string_view line) {
-    isReadOnly |= line.find(device) != line.npos && IsReadOnlyMount(LastWord(line));
-  });
-  return isReadOnly;
+bool CardState::IsReadOnly(bool hasMetErrors) const {
+  return ReadSum(readOnlyFlag).value_or(0) > 0 ||
+         IsReadOnlyBy(Read(options).value_or(std::string()), hasMetErrors);
 }
 
 }  // namespace Quellon::DiskUtils

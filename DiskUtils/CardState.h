@@ -24,7 +24,7 @@ namespace Quellon::DiskUtils {
 ///
 /// What the kernel does not tell, for it is old or has no debugfs, counts as good. Logs nothing.
 /// Not locked: one thread at a time, but it need not be the one that writes. Throws only where
-/// memory runs out. Kernel interface: sysfs, "/proc/self/mountinfo", debugfs.
+/// memory runs out. Kernel interface: sysfs, "/proc/fs/ext4", debugfs.
 class QUELLON_EXPORT CardState {
  public:
   /// The worst that is known, each worse than the one before it.
@@ -72,13 +72,13 @@ class QUELLON_EXPORT CardState {
 
   bool LookAtRequests(Report& report);
   [[nodiscard]] bool IsMounted() const;
-  [[nodiscard]] bool IsReadOnly() const;
+  [[nodiscard]] bool IsReadOnly(bool hasMetErrors) const;
 
   std::string place;
   dev_t card;  ///< the number of the partition, which its file system has, too
   Tarvik::UniqueFd statistics;
   Tarvik::UniqueFd readOnlyFlag;
-  Tarvik::UniqueFd mounts;
+  Tarvik::UniqueFd options;
   Counter errors;
   Counter warnings;
   Counter controllerErrors;

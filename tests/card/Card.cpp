@@ -28,6 +28,7 @@ fs::path const kBlockEntry = "/sys/block/mmcblk1";
 fs::path const kClassEntry = "/sys/class/block/mmcblk1";
 fs::path const kPartitionEntry = "/sys/class/block/mmcblk1p1";
 fs::path const kExt4Entry = "/sys/fs/ext4/mmcblk1p1";
+fs::path const kOptionsEntry = "/proc/fs/ext4/mmcblk1p1";
 
 [[noreturn]] void ThrowSystemError(std::string const& what) {
   throw std::system_error(errno, std::generic_category(), what);
@@ -118,8 +119,8 @@ void Card::Insert() {
 
 void Card::Remove() {
   std::error_code ignored;
-  for (auto const& entry :
-       {kExt4Entry, kPartitionEntry, kClassEntry, kBlockEntry, kPartitionNode, kBlockNode}) {
+  for (auto const& entry : {kOptionsEntry, kExt4Entry, kPartitionEntry, kClassEntry, kBlockEntry,
+                            kPartitionNode, kBlockNode}) {
     fs::remove_all(entry, ignored);
   }
   slot.reset();
@@ -139,6 +140,7 @@ void Card::MakeSysfsEntries(std::string const& loopName) const {
   fs::create_directory_symlink(kBlockEntry, kClassEntry);
   fs::create_directory_symlink("/sys/kernel/block/" + loopName, kPartitionEntry);
   fs::create_directory_symlink("/sys/kernel/ext4/" + loopName, kExt4Entry);
+  fs::create_directory_symlink("/sys/kernel/ext4-options/" + loopName, kOptionsEntry);
 }
 
 void Card::ReportReadOnly(bool on) {

@@ -200,7 +200,8 @@ class Slot:
         # What the kernel counts of the partition's device and its file system.
         loop = f"loop{os.minor(os.fstat(self._held[-1]).st_rdev)}"
         (entry / "stat").symlink_to(f"/sys/kernel/block/{loop}/stat")
-        for name, place in (("block", "/sys/class/block"), ("ext4", "/sys/fs/ext4")):
+        for name, place in (("block", "/sys/class/block"), ("ext4", "/sys/fs/ext4"),
+                            ("ext4-options", "/proc/fs/ext4")):
             Path(place, "mmcblk1p1").symlink_to(f"/sys/kernel/{name}/{loop}")
 
     def put(self, content: bytes | bytearray):

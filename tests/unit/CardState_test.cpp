@@ -33,13 +33,10 @@ using Finding = State::Finding;
 
 constexpr char const* kStatistics = "/sys/block/mmcblk1/stat";
 constexpr char const* kReadOnlyFlag = "/sys/class/block/mmcblk1p1/ro";
-constexpr char const* kMounts = "/proc/self/mountinfo";
+constexpr char const* kOptions = "/proc/fs/ext4/mmcblk1p1/options";
 constexpr char const* kErrors = "/sys/fs/ext4/mmcblk1p1/errors_count";
 constexpr char const* kWarnings = "/sys/fs/ext4/mmcblk1p1/warning_count";
 constexpr char const* kController = "/sys/kernel/debug/mmc1/err_stats";
-
-constexpr char const* kRoot = "21 1 179:24 / / rw,relatime shared:1 - ext4 /dev/root rw\n";
-constexpr char const* kBoot = "22 21 179:12 / /boot rw,relatime - ext4 /dev/mmcblk1p12 ro\n";
 
 dev_t Card() {
   return makedev(179, 1);
@@ -54,7 +51,7 @@ class Kernel {
     Set(kErrors, "2\n");
     Set(kWarnings, "1\n");
     Set(kController, "# Command Timeout Occurred:\t 4\n# Data CRC Errors Occurred:\t 0\n");
-    Mount("rw,errors=remount-ro,data=writeback");
+    Set(kOptions, "rw\nbarrier\nerrors=continue\ndata=writeback\n");
     hooks().stat = [this](std::string const& path, struct stat* status) {
       return Stat(path, *status);
     };
@@ -71,14 +68,6 @@ class Kernel {
   static void SetRequests(int answered, int waiting) {
     Set(kStatistics, " " + std::to_string(answered) + " 0 80 5 0 0 0 0 " + std::to_string(waiting) +
                          " 11 14 0 0 0 0 0 0\n");
-  }
-
-  /// The card's line in the table of mounts, after that of the root and of a partition whose number
-  /// begins with the card's.
-  static void Mount(std::string const& options) {
-    Set(kMounts, kRoot + std::string(kBoot) +
-                     "35 21 179:1 / /mnt/sdcard rw,noatime shared:2 - ext4 /dev/mmcblk1p1 " +
-                     options + "\n36 21 0:30 / /tmp rw - tmpfs tmpfs ro\n");
   }
 
   static void SetTime(milliseconds time) {
@@ -234,7 +223,7 @@ TEST_F(CardState, KnowsTheControllerByTheNumberOfItsDevice) {
 }
 
 TEST_F(CardState, IsGoodWhereTheKernelHasNoFurtherFigures) {
-  for (char const* path : {kReadOnlyFlag, kErrors, kWarnings, kController, kMounts}) {
+  for (char const* path : {kReadOnlyFlag, kErrors, kWarnings, kController, kOptions}) {
     Machine::RemoveFile(path);
   }
   Kernel::Set(kStatistics, "1 0 8 5 0 0 0 0 0 11 14\n");  // of older kernels, which say no more
@@ -255,21 +244,23 @@ class CardStateOptions : public CardState, public testing::WithParamInterface<ch
 TEST_P(CardStateOptions, MakeTheCardReadOnly) {
   State state = MakeState();
   EXPECT_EQ(state.Look().finding, Finding::Good);
-  Kernel::Mount(GetParam());
+  Kernel::Set(kOptions, GetParam());
   EXPECT_EQ(state.Look().finding, Finding::ReadOnly);
 }
 
 INSTANTIATE_TEST_SUITE_P(OfTheFileSystem, CardStateOptions,
-                         testing::Values("ro", "ro,errors=remount-ro", "rw,emergency_ro,data=x",
-                                         "rw,emergency_ro", "rw,data=writeback,shutdown"));
+                         testing::Values("ro\nbarrier\n", "rw\nbarrier\nemergency_ro\n",
+                                         "rw\nbarrier\nemergency_ro\nshutdown\n", "rw\nshutdown\n",
+                                         "ro"));
 
-TEST_F(CardState, FindsTheCardInALongTableOfMounts) {
-  Kernel::Mount("ro");
-  std::string table = Machine::ReadFile(kMounts);
-  for (int other = 0; other < 200; ++other) table.insert(0, kRoot);
-  Kernel::Set(kMounts, table);
-  EXPECT_GT(table.size(), 2 * 4096U);
-  EXPECT_EQ(MakeState().Look().finding, Finding::ReadOnly);
+TEST_F(CardState, IsReadOnlyAfterAnErrorWhereErrorsMakeItSoAndTheKernelDoesNotSay) {
+  Kernel::Set(kOptions, "rw\nbarrier\nerrors=remount-ro\ndata=writeback\n");
+  State state = MakeState();
+  EXPECT_EQ(state.Look().finding, Finding::Good);
+  Kernel::Set(kWarnings, "2\n");
+  EXPECT_EQ(state.Look().finding, Finding::Errors);
+  Kernel::Set(kErrors, "3\n");
+  EXPECT_EQ(state.Look().finding, Finding::ReadOnly);
 }
 
 TEST_F(CardState, IsStuckWhenRequestsHaveWaitedForThreeSeconds) {
@@ -345,7 +336,7 @@ TEST_F(CardState, TellsTheWorstOfAll) {
   State state = MakeState();
   Kernel::Set(kErrors, "3\n");
   EXPECT_EQ(state.Look().finding, Finding::Errors);
-  Kernel::Mount("ro");
+  Kernel::Set(kOptions, "ro\n");
   EXPECT_EQ(state.Look().finding, Finding::ReadOnly);
   EXPECT_EQ(state.Look().errors, 1U);
   Kernel::SetTime(milliseconds(3000));
@@ -356,14 +347,14 @@ TEST_F(CardState, TellsTheWorstOfAll) {
   EXPECT_EQ(state.Look().finding, Finding::Gone);
 }
 
-TEST_F(CardState, AsksTheKernelNineTimesALookAndNothingOfTheCard) {
+TEST_F(CardState, AsksTheKernelEightTimesALookAndNothingOfTheCard) {
   State state = MakeState();
   kernel.Calls();
   state.Look();
   auto const asked = [](char const* path) { return std::string("pread ") + path; };
   EXPECT_THAT(kernel.Calls(), ElementsAre(asked(kStatistics), "stat /mnt/sdcard/", asked(kErrors),
                                           asked(kErrors), asked(kWarnings), asked(kController),
-                                          asked(kReadOnlyFlag), asked(kMounts), asked(kMounts)));
+                                          asked(kReadOnlyFlag), asked(kOptions)));
 }
 
 TEST_F(CardState, HoldsItsFilesFromCommandsAndClosesThemAtItsEnd) {
