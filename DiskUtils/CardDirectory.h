@@ -23,9 +23,9 @@ namespace Quellon::DiskUtils {
 /// Logs nothing. Kernel interface: procfs.
 class QUELLON_EXPORT CardDirectory {
  public:
-  /// Opens `directory`, which must be on the file system of the device node `partition`. `errno`
-  /// tells why it is not open then: it is missing (ENOENT), it or the card's node is elsewhere
-  /// (EXDEV), or as open(2) and fstat(2) say.
+  /// Opens `directory`, which must be on the file system of the device node `partition`. If that
+  /// fails, `errno` tells why: it or the node is missing (ENOENT), it is on another file system
+  /// (EXDEV), or as open(2), stat(2) and fstat(2) say.
   CardDirectory(std::string const& directory, std::string const& partition) noexcept;
 
   /// Whether it is open, and therefore on the card.

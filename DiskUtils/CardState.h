@@ -30,7 +30,7 @@ class QUELLON_EXPORT CardState {
   /// The worst that is known, each worse than the one before it.
   enum class Finding {
     Good,        ///< as it was at the start
-    Errors,      ///< the file system or the card's controller has met errors; writing goes on
+    Errors,      ///< the file system or the controller has met some; writing may go on
     ReadOnly,    ///< nothing can be written: the file system or the card was made read-only
     Stuck,       ///< requests wait, and for 3 seconds none was answered; it may recover
     NotMounted,  ///< the mount point leads elsewhere, or the card was unmounted in between

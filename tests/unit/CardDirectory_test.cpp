@@ -4,10 +4,10 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
-#include <sys/statfs.h>
 
 #include <cerrno>
 #include <filesystem>
+#include <optional>
 #include <string>
 
 #include "FileUtils/File.h"
@@ -109,8 +109,16 @@ TEST_F(CardDirectory, IsNotOpenWhereThereIsNone) {
   EXPECT_FALSE(Directory(kRecordings, kPartition).IsOpen());
   EXPECT_EQ(errno, ENOENT);
   Machine::MakeFile("/mnt/sdcard/cr", "");
-  EXPECT_FALSE(Directory(kRecordings, kPartition).IsOpen());
+  EXPECT_FALSE(Directory("/mnt/sdcard/cr", kPartition).IsOpen());
   EXPECT_EQ(errno, ENOTDIR);
+}
+
+TEST_F(CardDirectory, IsNotOpenWhereThereIsNoCard) {
+  hooks().stat = nullptr;
+  Machine::RemoveFile(kPartition);
+  EXPECT_FALSE(Directory(kRecordings, kPartition).IsOpen());
+  EXPECT_EQ(errno, ENOENT);
+  EXPECT_THAT(descriptors.Opened(), IsEmpty());
 }
 
 TEST_F(CardDirectory, IsHeldFromCommandsAndClosedAtItsEnd) {

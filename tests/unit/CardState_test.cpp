@@ -176,6 +176,8 @@ TEST_F(CardState, IsNotMountedWhereTheNodeWasMissingAtTheStart) {
   State state = MakeState();
   kernel.node = Card();
   EXPECT_EQ(state.Look().finding, Finding::NotMounted);
+  kernel.place = std::nullopt;
+  EXPECT_EQ(state.Look().finding, Finding::NotMounted);
 }
 
 TEST_F(CardState, TellsErrorsOfTheFileSystem) {
@@ -320,6 +322,16 @@ TEST_F(CardState, IsNotStuckByARequestThatHasJustBegun) {
   Kernel::SetTime(milliseconds(60000));
   Kernel::SetRequests(100, 1);
   EXPECT_EQ(state.Look().finding, Finding::Good);
+}
+
+TEST_F(CardState, IsNotStuckOnceNothingWaitsAnyMore) {
+  Kernel::SetRequests(100, 2);
+  State state = MakeState();
+  Kernel::SetRequests(100, 0);
+  Kernel::SetTime(milliseconds(5000));
+  State::Report const report = state.Look();
+  EXPECT_EQ(report.finding, Finding::Good);
+  EXPECT_EQ(report.waiting.count(), 0);
 }
 
 TEST_F(CardState, IsGoodAgainOnceTheCardAnswers) {
