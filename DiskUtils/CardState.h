@@ -23,8 +23,8 @@ namespace Quellon::DiskUtils {
 /// object after each start of the card. Nothing that it holds keeps the card from being unmounted.
 ///
 /// What the kernel does not tell, for it is old or has no debugfs, counts as good. Logs nothing.
-/// Not locked: one thread at a time, but it need not be the one that writes. Throws only where
-/// memory runs out. Kernel interface: sysfs, "/proc/fs/ext4", debugfs.
+/// Not locked: one thread at a time; not the one that writes, which a card that hangs keeps. Throws
+/// only where memory runs out. Kernel interface: sysfs, "/proc/fs/ext4", debugfs.
 class QUELLON_EXPORT CardState {
  public:
   /// The worst that is known, each worse than the one before it.
