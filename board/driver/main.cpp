@@ -21,6 +21,7 @@
 #include "SysUtil/Util.h"
 #include "Watchdog/Watchdog.h"
 #include "Watchdog/WatchdogGuard.h"
+#include "board/driver/WatchCard.h"
 #include "examples/recorder/CheckUnlessMountable.h"
 
 using Quellon::System;
@@ -180,6 +181,11 @@ bool Disarm(Arguments const& arguments) {
   return disarmed == WatchdogGuard::Result::Done;
 }
 
+bool Watch(Arguments const& arguments) {
+  return WatchCard(arguments[0], std::chrono::seconds(std::atoi(arguments[1].c_str())),
+                   std::chrono::milliseconds(std::atoi(arguments[2].c_str())));
+}
+
 bool ClearCache(Arguments const& /*none*/) {
   return Quellon::SysUtil::ClearCache();
 }
@@ -219,6 +225,7 @@ constexpr std::array kCommands = {
     Command{"watchdog", "TIMEOUT KICKS", KickWatchdog},
     Command{"guard", "TIMEOUT KICKS", Guard},
     Command{"disarm", "TIMEOUT", Disarm},
+    Command{"watch-card", "PARTITION SECONDS PERIOD", Watch},
     Command{"clear-cache", "", ClearCache},
     Command{"find-process", "NAME", FindProcess},
     Command{"ramdisk", "", MountRamdisk},

@@ -26,7 +26,9 @@ fs::path const kBlockNode = "/dev/mmcblk1";
 fs::path const kPartitionNode = "/dev/mmcblk1p1";
 fs::path const kBlockEntry = "/sys/block/mmcblk1";
 fs::path const kClassEntry = "/sys/class/block/mmcblk1";
+fs::path const kPartitionEntry = "/sys/class/block/mmcblk1p1";
 fs::path const kExt4Entry = "/sys/fs/ext4/mmcblk1p1";
+fs::path const kOptionsEntry = "/proc/fs/ext4/mmcblk1p1";
 
 [[noreturn]] void ThrowSystemError(std::string const& what) {
   throw std::system_error(errno, std::generic_category(), what);
@@ -42,7 +44,7 @@ UniqueFd OpenFile(fs::path const& path, int flags) {
 }
 
 UniqueFd MakeMemoryFile() {
-  return UniqueFd(Checked(memfd_create("card", MFD_CLOEXEC), "memfd"));
+  return UniqueFd(Checked(memfd_create("card", MFD_CLOEXEC | MFD_ALLOW_SEALING), "memfd"));
 }
 
 std::string PathOf(UniqueFd const& file) {
@@ -117,7 +119,8 @@ void Card::Insert() {
 
 void Card::Remove() {
   std::error_code ignored;
-  for (auto const& entry : {kExt4Entry, kClassEntry, kBlockEntry, kPartitionNode, kBlockNode}) {
+  for (auto const& entry : {kOptionsEntry, kExt4Entry, kPartitionEntry, kClassEntry, kBlockEntry,
+                            kPartitionNode, kBlockNode}) {
     fs::remove_all(entry, ignored);
   }
   slot.reset();
@@ -133,13 +136,29 @@ void Card::MakeSysfsEntries(std::string const& loopName) const {
   WriteLine(kBlockEntry / "device/name", identity.name);
   fs::create_symlink("/sys/kernel/block/" + loopName + "/size", kBlockEntry / "size");
   fs::create_symlink("/sys/kernel/block/" + loopName + "/ro", kBlockEntry / "ro");
+  fs::create_symlink("/sys/kernel/block/" + loopName + "/stat", kBlockEntry / "stat");
   fs::create_directory_symlink(kBlockEntry, kClassEntry);
+  fs::create_directory_symlink("/sys/kernel/block/" + loopName, kPartitionEntry);
   fs::create_directory_symlink("/sys/kernel/ext4/" + loopName, kExt4Entry);
+  fs::create_directory_symlink("/sys/kernel/ext4-options/" + loopName, kOptionsEntry);
 }
 
 void Card::ReportReadOnly(bool on) {
   fs::remove(kBlockEntry / "ro");
   WriteLine(kBlockEntry / "ro", on ? "1" : "0");
+}
+
+void Card::MeetError() {
+  fs::path const kernel = "/tmp/kernel";
+  fs::create_directories(kernel);
+  Checked(mount("sysfs", kernel.c_str(), "sysfs", 0, nullptr), "mount sysfs");
+  std::ofstream(kernel / "fs/ext4" / slot->Name() / "trigger_fs_error")
+      << "on purpose" << std::endl;
+  umount2(kernel.c_str(), 0);
+}
+
+void Card::FailWrites() {
+  Checked(fcntl(image.Get(), F_ADD_SEALS, F_SEAL_WRITE), "seal the card");
 }
 
 void Card::Format(std::string const& options) {

@@ -71,6 +71,13 @@ class Card {
   /// Makes the kernel's read-only flag of an inserted card read `on`, whatever the device is.
   void ReportReadOnly(bool on);
 
+  /// Makes the kernel meet an error in the mounted file system, which then does as it was told to
+  /// when it was formatted or mounted.
+  void MeetError();
+
+  /// From now on, every write to the card is an error. There is no way back.
+  void FailWrites();
+
   /// Formats the card as ext4 with further options of mkfs.ext4, such as "-O ^has_journal".
   void Format(std::string const& options = "");
 

@@ -87,7 +87,8 @@ class LoggedFile:
         PLACE.touch()
         options = f"fd={kernel},rootmode=100000,user_id=0,group_id=0".encode()
         call("mount", b"card", bytes(PLACE), b"fuse", 0, options)
-        if os.fork() == 0:
+        self.server = os.fork()  # the process that answers
+        if self.server == 0:
             try:
                 self._serve(kernel)
             finally:
@@ -196,6 +197,12 @@ class Slot:
         entry.mkdir(parents=True)
         (entry / "size").write_text(f"{PLACE.stat().st_size // SECTOR}\n")
         (entry / "ro").write_text("0\n")
+        # What the kernel counts of the partition's device and its file system.
+        loop = f"loop{os.minor(os.fstat(self._held[-1]).st_rdev)}"
+        (entry / "stat").symlink_to(f"/sys/kernel/block/{loop}/stat")
+        for name, place in (("block", "/sys/class/block"), ("ext4", "/sys/fs/ext4"),
+                            ("ext4-options", "/proc/fs/ext4")):
+            Path(place, "mmcblk1p1").symlink_to(f"/sys/kernel/{name}/{loop}")
 
     def put(self, content: bytes | bytearray):
         """Makes this the content of the partition's file system, which must not be mounted.

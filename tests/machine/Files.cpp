@@ -87,6 +87,12 @@ ssize_t read(int fd, void* data, std::size_t length) {
   return Transferred("read", hooks().read, transfer, fd, data, length);
 }
 
+ssize_t pread(int fd, void* data, std::size_t length, off_t offset) {
+  static auto* const next = TheReal<ssize_t(int, void*, std::size_t, off_t)>("pread");
+  auto const transfer = [=](bool isShort) { return next(fd, data, isShort ? 1 : length, offset); };
+  return Transferred("pread", hooks().pread, transfer, fd, data, length, offset);
+}
+
 ssize_t write(int fd, void const* data, std::size_t length) {
   static auto* const next = TheReal<decltype(write)>("write");
   auto const transfer = [=](bool isShort) { return next(fd, data, isShort ? length / 2 : length); };

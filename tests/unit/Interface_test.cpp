@@ -20,6 +20,8 @@
 #include <string>
 #include <type_traits>
 
+#include "DiskUtils/CardDirectory.h"
+#include "DiskUtils/CardState.h"
 #include "DiskUtils/CheckDisk.h"
 #include "DiskUtils/Disk.h"
 #include "DiskUtils/HealthStatus.h"
@@ -366,6 +368,27 @@ static_assert(is_same_v<decltype(&Watchdog::Open), bool (Watchdog::*)()>);
 static_assert(is_same_v<decltype(&Watchdog::Close), bool (Watchdog::*)()>);
 static_assert(is_same_v<decltype(Watchdog::fd), std::int32_t>);
 static_assert(is_same_v<decltype(Watchdog::timeout), std::int32_t>);
+
+using Quellon::DiskUtils::CardDirectory;
+using Quellon::DiskUtils::CardState;
+static_assert(!std::is_polymorphic_v<CardState> && !std::is_polymorphic_v<CardDirectory>);
+static_assert(std::is_nothrow_destructible_v<CardState>);
+static_assert(!std::is_copy_constructible_v<CardState>, "it owns descriptors");
+static_assert(!std::is_copy_constructible_v<CardDirectory>, "as does this");
+static_assert(is_constructible_v<CardState, Quellon::DiskUtils::Disk const&>);
+static_assert(is_constructible_v<CardState, string, string, string>);
+static_assert(is_same_v<decltype(&CardState::Look), CardState::Report (CardState::*)()>);
+static_assert(
+    is_same_v<decltype(&CardState::Describe), char const* (*)(CardState::Finding) noexcept>);
+static_assert(CardState::Finding::Good < CardState::Finding::Errors);
+static_assert(CardState::Finding::Errors < CardState::Finding::ReadOnly);
+static_assert(CardState::Finding::ReadOnly < CardState::Finding::Stuck);
+static_assert(CardState::Finding::Stuck < CardState::Finding::NotMounted);
+static_assert(CardState::Finding::NotMounted < CardState::Finding::Gone);
+static_assert(std::is_nothrow_constructible_v<CardDirectory, string const&, string const&>);
+static_assert(
+    is_same_v<decltype(&CardDirectory::IsOpen), bool (CardDirectory::*)() const noexcept>);
+static_assert(is_same_v<decltype(&CardDirectory::Path), string (CardDirectory::*)() const>);
 
 using Quellon::WatchdogGuard;
 using WatchdogResult = WatchdogGuard::Result;
