@@ -2,6 +2,7 @@
 
 #include <poll.h>
 #include <stdio_ext.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <array>
@@ -10,6 +11,7 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdio>
+#include <iterator>
 
 #include "base/internal/Decimal.h"
 #include "base/internal/Restart.h"
@@ -22,9 +24,9 @@ namespace {
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
-// A serial line of 115,200 baud, whose driver holds 4 KiB and says no word until nearly all of that
-// is sent, needs a third of a second for it.
-constexpr milliseconds kPatience(500);
+// A serial line of 115,200 baud needs a third of a second for the 4 KiB that its driver holds, and
+// takes nothing more until nearly all of them are sent.
+constexpr std::chrono::milliseconds kPatience(500);
 
 enum class Flow {
   Free,    // took the last text, and has been told all
@@ -34,8 +36,18 @@ enum class Flow {
 
 constinit std::atomic<Flow> flow = Flow::Free;
 constinit std::atomic<unsigned> dropped = 0;
-constinit std::atomic<bool> isLineOpen =
-    false;  // a part of a line is out that nobody will complete
+constinit std::atomic<bool> isLineOpen = false;  // a part is out that nobody will complete
+
+void BeBehind() noexcept {
+  Flow free = Flow::Free;
+  flow.compare_exchange_strong(free, Flow::Behind);
+}
+
+// Another thread may drop a text meanwhile: it counts it first, and this one looks last.
+void BeFree() noexcept {
+  flow = Flow::Free;
+  if (dropped != 0) BeBehind();
+}
 
 /// What one caller waits in all.
 class Patience {
@@ -67,16 +79,17 @@ class Patience {
   bool isOver = false;
 };
 
-bool IsFull(int error) noexcept {
+constexpr bool IsFull(int error) noexcept {
   return error == EAGAIN;
 }
 
-// False where a text was lost since standard output is full. What was printed before is left alone
+// False where a text is lost since standard output is full. What was printed before is left alone
 // while another thread uses the stream: that may wait for this line.
-bool FlushStream() noexcept {
+inline bool FlushStream() noexcept {
   if (ftrylockfile(stdout) != 0) return true;
   bool const isLost = __fpending(stdout) > 0 && std::fflush(stdout) != 0 && IsFull(errno);
   funlockfile(stdout);
+  if (isLost) Drop();
   return !isLost;
 }
 
@@ -111,52 +124,53 @@ bool Settle(Patience& patience) noexcept {
   return false;
 }
 
+// True where nothing of the line is left to be tried: it is out, or fails for another reason than
+// that standard output is full, and is lost.
 bool WriteRest(std::string_view line, std::size_t& done) noexcept {
   done += WriteAll(fileno(stdout), line.substr(done));
-  return done == line.size() || !IsFull(errno);  // a line that fails otherwise is lost, and no more
+  return done == line.size() || !IsFull(errno);
 }
 
 // A line of which `done` bytes are out.
 void WriteInTime(std::string_view line, std::size_t done) noexcept {
   Patience patience;
   while (done > 0 ? patience.AwaitRoom() : Settle(patience)) {
-    if (done == 0 && !FlushStream()) {
-      Drop();
-    } else if (WriteRest(line, done)) {
-      flow = Flow::Free;
-      return;
-    }
+    if (done == 0 && !FlushStream()) continue;
+    if (WriteRest(line, done)) return BeFree();
   }
   flow = Flow::Stuck;
   ++dropped;
   if (done > 0) isLineOpen = true;
 }
 
+// What nearly no line needs, so that the others need not make room for it.
+[[gnu::noinline, gnu::cold]] void WriteOtherwise(std::string_view line, ssize_t begun) noexcept {
+  auto done = static_cast<std::size_t>(std::max<ssize_t>(begun, 0));
+  if (flow != Flow::Free || !WriteRest(line, done)) WriteInTime(line, done);
+}
+
 }  // namespace
 
 // By write(2): in the stream's buffer the line would only be copied, and flushed at once.
 void Write(std::string_view line) noexcept {
-  std::size_t done = 0;
-  if (flow.load(std::memory_order_relaxed) == Flow::Free) [[likely]] {
-    if (!FlushStream()) {
-      Drop();
-    } else if (WriteRest(line, done)) {
+  ssize_t written = 0;
+  if (flow.load(std::memory_order_relaxed) == Flow::Free && FlushStream()) [[likely]] {
+    written = write(fileno(stdout), line.data(), line.size());
+    if (written == std::ssize(line)) [[likely]]
       return;
-    }
   }
-  WriteInTime(line, done);
+  WriteOtherwise(line, written);
 }
 
 void AwaitRoom() noexcept {
   Patience patience;
-  if (Settle(patience)) flow = Flow::Free;
+  if (Settle(patience)) BeFree();
 }
 
 void Drop() noexcept {
   ++dropped;
   isLineOpen = true;
-  Flow free = Flow::Free;
-  flow.compare_exchange_strong(free, Flow::Behind);
+  BeBehind();
 }
 
 void ForgetDropped() noexcept {

@@ -5,14 +5,14 @@
 
 namespace Tarvik::Console {
 
-/// @{ Standard output as lines go to it. What blocks is waited for. One that does not block, and
-/// takes no more, is waited for during a bounded moment; where it is still full then, lines are
-/// dropped and counted, without waiting, until it takes something again. That is told it before the
-/// next line: "[CONSOLE] 12 lines dropped". Until a write fails nothing more is asked of the kernel
-/// than the write itself. Any thread may use them; nothing is allocated or thrown.
+/// @{ Standard output as lines go to it. One that blocks is waited for without end. One that does
+/// not, and is full, is waited for during a bounded moment; after that lines are dropped and
+/// counted without waiting, until it takes something again. It is told that first: "[CONSOLE] 12
+/// lines dropped". Any thread may use them; nothing is allocated or thrown, and `errno` may change.
 
 /// Hands a line to the kernel, after what the C library's stream holds, unless another thread has
-/// that. One line at a time: the caller has the lock of the console's sink.
+/// that. Asks nothing else of the kernel until a write fails. One line at a time: the caller has
+/// the lock of the console's sink.
 void Write(std::string_view line) noexcept;
 
 /// To be called before a text is printed by other means: waits, and tells what was dropped, as
