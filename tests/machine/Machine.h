@@ -114,7 +114,7 @@ struct Hooks {
   Hook<std::string const& /*path*/> chdir;
   Hook<int /*fd*/> fsync;
   TransferHook<void* /*data*/, std::size_t> read;
-  TransferHook<void const* /*data*/, std::size_t> write;  ///< not asked for what the console gets
+  TransferHook<void const* /*data*/, std::size_t> write;    ///< not asked for what the console gets
   TransferHook<void const* /*data*/, std::size_t> console;  ///< asked for what that gets
   TransferHook<iovec const* /*parts*/, int /*count*/> writev;
 

@@ -294,18 +294,20 @@ TEST_F(ConsoleGuard, LeavesNoDescriptorBehind) {
 }
 
 TEST_F(ConsoleGuard, LeavesWhatTheApplicationPutsThereLater) {
-  Ends const ends;
-  Ends const later;
-  bool isLaters = false;
-  {
-    Placed const placed(ends.writer.Get());
+  for (int const flags : {0, O_NONBLOCK}) {
+    Ends const ends;
+    Ends const later(flags);
+    bool isLaters = false;
     {
-      Guard const guard;
-      dup2(later.writer.Get(), STDOUT_FILENO);
+      Placed const placed(ends.writer.Get());
+      {
+        Guard const guard;
+        dup2(later.writer.Get(), STDOUT_FILENO);
+      }
+      isLaters = IsSame(STDOUT_FILENO, later.writer.Get());
     }
-    isLaters = IsSame(STDOUT_FILENO, later.writer.Get());
+    EXPECT_TRUE(isLaters);
   }
-  EXPECT_TRUE(isLaters);
 }
 
 TEST_F(ConsoleGuard, DropsLinesOnAHaltedTerminalAndTellsHowMany) {
@@ -391,6 +393,58 @@ TEST_F(ConsoleGuard, KeepsTheStreamGoodAndCountsWhatItLoses) {
   }
   EXPECT_TRUE(isGood);
   EXPECT_THAT(shown, testing::EndsWith("\n[CONSOLE] 1 lines dropped\nprinted\n"));
+}
+
+TEST_F(ConsoleGuard, TellsOfATextThatIsCutThoughTheConsoleFlows) {
+  std::string shown;
+  {
+    Pipe const pipe;
+    Waiting const waiting;
+    Guard const guard;
+    std::cout << std::string(10'000, 'a') << std::flush;
+    pipe.Read();
+    Log("after");
+    shown = pipe.Read();
+  }
+  EXPECT_EQ(shown, "\n[CONSOLE] 1 lines dropped\n" + Line("after"));
+}
+
+TEST_F(ConsoleGuard, AsksNothingForALineOnceTheStreamHasFlowedAgain) {
+  std::vector<int> asked;
+  {
+    Full console;
+    Log("dropped");
+    console.pipe.Read();
+    console.waiting.during = [&] { console.pipe.Read(); };
+    std::cout << "text" << std::endl;
+    console.waiting.Asked();
+    Log("log");
+    asked = console.waiting.Asked();
+  }
+  EXPECT_THAT(asked, IsEmpty());
+}
+
+TEST_F(ConsoleGuard, TellsOfATextThatIsLostWhileALineGoesOutAtLast) {
+  std::string shown;
+  {
+    Full console;
+    Log("dropped");
+    console.pipe.Read();
+    int calls = 0;  // the count, then the line
+    Machine::hooks().console = [&](int, void const*, std::size_t) -> std::optional<ssize_t> {
+      if (++calls != 2) return std::nullopt;
+      console.pipe.Fill();
+      std::cout << std::string(10'000, 'a') << std::flush;
+      console.pipe.Read();
+      return std::nullopt;
+    };
+    Log("log");
+    Machine::hooks().console = nullptr;
+    console.pipe.Read();
+    Log("after");
+    shown = console.pipe.Read();
+  }
+  EXPECT_EQ(shown, "\n[CONSOLE] 1 lines dropped\n" + Line("after"));
 }
 
 TEST_F(ConsoleGuard, LetsTheLibraryPrintItsPlainLinesAfterTheConsoleWasFull) {

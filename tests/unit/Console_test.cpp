@@ -269,6 +269,21 @@ TEST_F(ConsoleSink, EndsACountOfWhichAPartIsOutAndTellsItAgain) {
   EXPECT_EQ(shown, "[CONSOLE] 1 \n[CONSOLE] 2 lines dropped\n" + Line("after"));
 }
 
+TEST_F(ConsoleSink, EndsALineThatWasCutAlsoWhereThatFailsAtFirst) {
+  std::string shown;
+  {
+    Unread console;
+    Log(std::string(10'000, 'a'));
+    console.waiting.answer = [](int) { return Answer{1, 0}; };
+    Log("dropped");  // it says that it would take the end
+    console.waiting.answer = nullptr;
+    console.pipe.Read();
+    Log("after");
+    shown = console.pipe.Read();
+  }
+  EXPECT_EQ(shown, "\n[CONSOLE] 2 lines dropped\n" + Line("after"));
+}
+
 TEST_F(ConsoleSink, WaitsNoLongerForSignals) {
   std::vector<int> asked;
   {
@@ -314,6 +329,35 @@ TEST_F(ConsoleSink, CountsWhatWasPrintedAndNotTaken) {
     shown = console.pipe.Read();
   }
   EXPECT_EQ(shown, "\n[CONSOLE] 2 lines dropped\nprinted " + Line("two"));
+}
+
+TEST_F(ConsoleSink, TellsOfALostTextBeforeALineThatWouldStillFit) {
+  std::string shown;
+  {
+    Unread console;
+    console.waiting.during = [&] { shown += console.pipe.ReadPrinted(); };
+    std::string const filling(3000, 'x');
+    ASSERT_EQ(write(STDOUT_FILENO, filling.data(), filling.size()), 3000);
+    std::printf("%s", std::string(2000, 'a').c_str());
+    Log("fits");
+    shown += console.pipe.Read();
+  }
+  EXPECT_EQ(shown, "\n[CONSOLE] 1 lines dropped\n" + Line("fits"));
+}
+
+TEST_F(ConsoleSink, KeepsWhatIsPrintedMeanwhileOutOfALineThatGoesOutInParts) {
+  std::string const text(10'000, 'a');
+  std::string shown;
+  {
+    Unread console;
+    console.waiting.during = [&] {
+      std::printf(".");
+      shown += console.pipe.Read();
+    };
+    Log(text);
+    shown += console.pipe.Read();
+  }
+  EXPECT_EQ(shown, Line(text));
 }
 
 TEST_F(ConsoleSink, IsNotWaitedForWhereItsReaderHasGone) {
@@ -364,8 +408,7 @@ TEST_F(ConsoleSink, LeavesTheParentsCountToTheParent) {
   std::string parents;
   {
     Unread console;
-    console.pipe.Fill();
-    Log("dropped");
+    Log(std::string(10'000, 'a'));
     console.pipe.Read();
     pid_t const child = ChildProcess::Start([] {
       Log("child");
@@ -377,7 +420,7 @@ TEST_F(ConsoleSink, LeavesTheParentsCountToTheParent) {
     parents = console.pipe.Read();
   }
   EXPECT_EQ(childs, Line("child"));
-  EXPECT_EQ(parents, "[CONSOLE] 1 lines dropped\n" + Line("parent"));
+  EXPECT_EQ(parents, "\n[CONSOLE] 1 lines dropped\n" + Line("parent"));
 }
 
 }  // namespace
