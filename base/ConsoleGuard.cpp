@@ -56,7 +56,7 @@ class NonBlocking {
     if (owner != getpid()) return;  // what a child changed would be the parent's, too
     if (result == Result::Shared) {
       fcntl(original.Get(), F_SETFL, FlagsOf(original.Get()) & ~O_NONBLOCK);
-    } else if (result == Result::Done && IsMine() && TakesMore(number)) {
+    } else if (result == Result::Done && IsSameFile(number, original.Get()) && TakesMore(number)) {
       static_cast<void>(Place(original.Get()));
     }
   }
@@ -88,11 +88,6 @@ class NonBlocking {
     return RestartWhileInterrupted([&] { return dup2(fd, number); }) >= 0;
   }
 
-  /// Whether the application has put nothing else there.
-  [[nodiscard]] bool IsMine() const noexcept {
-    return IsNonBlocking(number) && IsSameFile(number, original.Get());
-  }
-
   int const number;
   pid_t const owner = getpid();
   UniqueFd original;
@@ -121,7 +116,6 @@ class Forgiving : public std::streambuf {
   }
 
   int_type overflow(int_type character) override {
-    if (traits_type::eq_int_type(character, traits_type::eof())) return 0;
     char const printed = traits_type::to_char_type(character);
     return xsputn(&printed, 1) == 1 ? character : traits_type::eof();
   }

@@ -480,22 +480,36 @@ TEST_F(ConsoleGuard, WaitsForALineOfTheStreamOnceAndThenNoMore) {
   EXPECT_EQ(shown, "\n[CONSOLE] 4 lines dropped\nplain\n");
 }
 
-TEST_F(ConsoleGuard, LosesNoLineOfTheStreamOnASlowConsole) {
+/// Whether a slow console shows all of a text that is printed again and again.
+template <typename Print>
+bool ShowsAll(Print print, std::string const& printed) {
   std::string shown;
   std::string expected;
-  {
-    Pipe const pipe;
-    Waiting waiting;
-    Guard const guard;
-    waiting.during = [&] { shown += pipe.Read(); };
-    for (int line = 0; line < 300; ++line) {
-      Log("log");
-      OutputLine() << "plain";
-      expected += Line("log") + "plain\n";
-    }
-    shown += pipe.Read();
+  Pipe const pipe;
+  Waiting waiting;
+  Guard const guard;
+  waiting.during = [&] { shown += pipe.Read(); };
+  for (int line = 0; line < 300; ++line) {
+    Log("log");
+    print();
+    expected += Line("log") + printed;
   }
-  EXPECT_TRUE(shown == expected);
+  shown += pipe.Read();
+  return shown == expected;
+}
+
+TEST_F(ConsoleGuard, LosesNoLineOfTheStreamOnASlowConsole) {
+  EXPECT_TRUE(ShowsAll([] { OutputLine() << "plain"; }, "plain\n"));
+}
+
+TEST_F(ConsoleGuard, LosesNoTextThatIsFlushedOnASlowConsole) {
+  EXPECT_TRUE(ShowsAll([] { std::cout << "text" << std::flush; }, "text"));
+}
+
+TEST_F(ConsoleGuard, LosesNoLineOfTheStreamWhereTheCLibraryFlushesEach) {
+  std::setvbuf(stdout, nullptr, _IOLBF, 0);
+  Scoped::AtEnd const fully([] { std::setvbuf(stdout, nullptr, _IOFBF, 0); });
+  EXPECT_TRUE(ShowsAll([] { std::cout << "line\n"; }, "line\n"));
 }
 
 TEST_F(ConsoleGuard, PrintsAllInTheOrderOfTheProgram) {
@@ -517,10 +531,14 @@ TEST_F(ConsoleGuard, PrintsAllInTheOrderOfTheProgram) {
 
 TEST_F(ConsoleGuard, KeepsTheStreamsOfStandardErrorGood) {
   std::string shown;
+  std::string output;
   bool isGood = false;
+  std::vector<int> asked;
   {
     Ends const ends;
+    Pipe const pipe;
     Placed const placed(ends.writer.Get(), STDERR_FILENO);
+    Waiting waiting;
     Guard const guard;
     Console::Fill(ends.writer.Get());
     std::cerr << "lost" << 1 << std::endl;
@@ -528,11 +546,17 @@ TEST_F(ConsoleGuard, KeepsTheStreamsOfStandardErrorGood) {
     isGood = std::cerr.good() && std::clog.good();
     Console::ReadNow(ends.reader.Get());
     std::cerr << "error" << std::endl;
+    waiting.Asked();  // std::cerr flushes std::cout first
     std::clog << "log" << std::endl;
     shown = Console::ReadNow(ends.reader.Get());
+    Log("log");
+    output = pipe.Read();
+    asked = waiting.Asked();
   }
   EXPECT_TRUE(isGood);
   EXPECT_EQ(shown, "error\nlog\n");
+  EXPECT_EQ(output, Line("log"));
+  EXPECT_THAT(asked, IsEmpty());
 }
 
 TEST_F(ConsoleGuard, LetsAStreamThatThrowsGoOn) {
