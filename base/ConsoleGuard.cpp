@@ -161,11 +161,8 @@ struct ConsoleGuard::Parts {
   }
   Parts(Parts const&) = delete;
   Parts& operator=(Parts const&) = delete;
-  /// What is still in a buffer must not stop the process when it ends.
-  ~Parts() {
-    if (out) out->pubsync();
-    static_cast<void>(std::fflush(stdout));
-  }
+  /// What the C library still holds must not wait for the console when the process ends.
+  ~Parts() { static_cast<void>(std::fflush(stdout)); }
 
   static void Forgive(std::optional<Forgiving>& buffer, std::ostream& stream, int descriptor) {
     if (!IsNonBlocking(descriptor) || stream.rdbuf() == nullptr) return;

@@ -1,4 +1,4 @@
-"""An hour with a console that nobody reads costs lines of the console, and not the board a restart."""
+"""An hour with a console that nobody reads costs lines of the console, and no restart."""
 
 from board.board import Board, expect, expect_equal
 
@@ -9,8 +9,8 @@ HOUR = 3600
 LINES = HOUR // (TIMEOUT // 2) + 5  # the last of them are read again
 ALMOST = 56 * 1024  # bytes, of the 64 KiB that a pipe holds
 
-# The first start is the control: without a guard the console stops the thread that kicks. An hour of
-# looking into an empty slot each second would take the host a minute.
+# The first start is the control: without a guard the console stops the thread that kicks. To look
+# into an empty slot each second of an hour would take the host a minute.
 SCRIPT = f"""
 start=$(cat /root/start || echo 1)
 echo $((start + 1)) >/root/start; sync

@@ -24,6 +24,7 @@
 #include "base/Logger.h"
 #include "base/internal/OutputLine.h"
 #include "tests/machine/Machine.h"
+#include "tests/support/Capture.h"
 #include "tests/support/ChildProcess.h"
 #include "tests/support/Console.h"
 #include "tests/support/Descriptors.h"
@@ -672,6 +673,33 @@ TEST_F(ConsoleGuard, LetsAProcessEndWhoseConsoleIsFull) {
     return IsNonBlocking(STDOUT_FILENO) ? 0 : 1;
   });
   EXPECT_EQ(ChildProcess::Wait(child), 0);
+}
+
+TEST_F(ConsoleGuard, LeavesNothingThatWouldWaitForAFullSocketAtTheEndOfTheProcess) {
+  Sockets const sockets;
+  pid_t const child = ChildProcess::Start([&] {
+    ChildProcess::EndInTime();
+    dup2(sockets.writer.Get(), STDOUT_FILENO);
+    std::setvbuf(stdout, nullptr, _IOFBF, 0);
+    {
+      Guard const guard;
+      Console::Fill(sockets.writer.Get());
+      std::printf("left in the buffer");
+    }
+    return std::fflush(stdout);
+  });
+  EXPECT_EQ(ChildProcess::Wait(child), 0);
+}
+
+TEST_F(ConsoleGuard, LeavesTheStreamsOfFilesAlone) {
+  bool isLeft = false;
+  Capture::AllOutput([&] {
+    auto const* const output = std::cout.rdbuf();
+    auto const* const errors = std::cerr.rdbuf();
+    Guard const guard;
+    isLeft = std::cout.rdbuf() == output && std::cerr.rdbuf() == errors;
+  });
+  EXPECT_TRUE(isLeft);
 }
 
 TEST_F(ConsoleGuard, PutsNothingBackInAChild) {
