@@ -2,6 +2,7 @@
 
 #include <pthread.h>
 
+#include "base/internal/Console.h"
 #include "base/internal/Decimal.h"
 #include "base/internal/NoDestructor.h"
 
@@ -36,6 +37,7 @@ Logger::Logger() : fileSink(Sink<FileLogPolicy>()), consoleSink(Sink<ConsoleLogP
 void Logger::RecoverInChild() noexcept {
   Sink<FileLogPolicy>()->RecoverInChild();
   Sink<ConsoleLogPolicy>()->RecoverInChild();
+  Console::ForgetDropped();
 }
 
 // Looks for a line of this thread on both sinks before it waits for either: with a line on the

@@ -20,6 +20,7 @@
 #include <vector>
 
 #include "FileUtils/FilesManager.h"
+#include "base/ConsoleGuard.h"
 #include "base/Logger.h"
 #include "base/UniqueFd.h"
 #include "base/internal/UniqueDir.h"
@@ -90,6 +91,20 @@ void CountLogLines() {
   Count(LogLines);
 }
 
+// The same where a guard keeps the console from stopping the program. A pipe takes them all.
+void CountGuardedLogLines() {
+  constexpr int kRoom = 1 << 20;
+  std::array<int, 2> ends;
+  Require(pipe2(ends.data(), O_CLOEXEC) == 0);
+  Tarvik::UniqueFd const reader(ends[0]);
+  Tarvik::UniqueFd const writer(ends[1]);
+  Require(fcntl(writer.Get(), F_SETPIPE_SZ, kRoom) >= kRoom);
+  Require(dup2(writer.Get(), STDOUT_FILENO) >= 0);
+  Tarvik::ConsoleGuard const guard;
+  Require(guard.GetOutput() == Tarvik::ConsoleGuard::Result::Done);
+  CountLogLines();
+}
+
 void CountCataloguedFiles() {
   FullCatalogue catalogue;
   Count([&] { catalogue.Load(); });
@@ -148,6 +163,7 @@ struct Work {
 
 constexpr std::array kWork = {
     Work{"log_line", CountLogLines},
+    Work{"guarded_log_line", CountGuardedLogLines},
     Work{"catalogued_file", CountCataloguedFiles},
     Work{"deleted_file", CountDeletedFiles},
     Work{"bare_log_line", CountBareLines},

@@ -9,6 +9,7 @@
 #include <chrono>
 #include <cstdlib>
 #include <iostream>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <thread>
@@ -21,7 +22,8 @@
 #include "SysUtil/Util.h"
 #include "Watchdog/Watchdog.h"
 #include "Watchdog/WatchdogGuard.h"
-#include "board/driver/WatchCard.h"
+#include "base/ConsoleGuard.h"
+#include "base/Logger.h"
 #include "examples/recorder/CheckUnlessMountable.h"
 
 using Quellon::System;
@@ -29,7 +31,7 @@ using Quellon::WatchdogGuard;
 using Quellon::DiskUtils::Disk;
 using Quellon::FileUtils::FilesManager;
 using Quellon::FileUtils::Ifile;
-using Quellon::RTC::ClockFloor;
+using Tarvik::Ilog::LogLine;
 
 namespace {
 
@@ -181,9 +183,18 @@ bool Disarm(Arguments const& arguments) {
   return disarmed == WatchdogGuard::Result::Done;
 }
 
-bool Watch(Arguments const& arguments) {
-  return WatchCard(arguments[0], std::chrono::seconds(std::atoi(arguments[1].c_str())),
-                   std::chrono::milliseconds(std::atoi(arguments[2].c_str())));
+// Logs lines of 3000 characters, and kicks the watchdog after each, twice in a timeout.
+bool LogAndKick(Arguments const& arguments) {
+  std::optional<Tarvik::ConsoleGuard> console;
+  if (arguments[2] == "guarded") console.emplace();
+  WatchdogGuard guard;
+  if (guard.Open(std::atoi(arguments[0].c_str())) != WatchdogGuard::Result::Done) return false;
+  for (int line = 1; line <= std::atoi(arguments[1].c_str()); ++line) {
+    LogLine(Tarvik::Ilog::Info) << "line " << line << std::string(3000, ' ') << '.';
+    guard.Kick();
+    std::this_thread::sleep_for(std::chrono::milliseconds(guard.GetTimeout() * 500));
+  }
+  return guard.Disarm() == WatchdogGuard::Result::Done;
 }
 
 bool ClearCache(Arguments const& /*none*/) {
@@ -225,7 +236,7 @@ constexpr std::array kCommands = {
     Command{"watchdog", "TIMEOUT KICKS", KickWatchdog},
     Command{"guard", "TIMEOUT KICKS", Guard},
     Command{"disarm", "TIMEOUT", Disarm},
-    Command{"watch-card", "PARTITION SECONDS PERIOD", Watch},
+    Command{"log-and-kick", "TIMEOUT LINES guarded|plain", LogAndKick},
     Command{"clear-cache", "", ClearCache},
     Command{"find-process", "NAME", FindProcess},
     Command{"ramdisk", "", MountRamdisk},

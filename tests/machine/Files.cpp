@@ -96,7 +96,10 @@ ssize_t pread(int fd, void* data, std::size_t length, off_t offset) {
 ssize_t write(int fd, void const* data, std::size_t length) {
   static auto* const next = TheReal<decltype(write)>("write");
   auto const transfer = [=](bool isShort) { return next(fd, data, isShort ? length / 2 : length); };
-  if (fd <= STDERR_FILENO) return transfer(false);
+  if (fd <= STDERR_FILENO) {
+    auto const result = hooks().console ? hooks().console(fd, data, length) : std::nullopt;
+    return result ? *result : transfer(false);
+  }
   return Transferred("write", hooks().write, transfer, fd, data, length);
 }
 
@@ -104,6 +107,12 @@ ssize_t writev(int fd, iovec const* parts, int count) {
   static auto* const next = TheReal<decltype(writev)>("writev");
   auto const transfer = [=](bool isShort) { return next(fd, parts, isShort ? 1 : count); };
   return Transferred("writev", hooks().writev, transfer, fd, parts, count);
+}
+
+int poll(pollfd* asked, nfds_t count, int milliseconds) {
+  static auto* const next = TheReal<decltype(poll)>("poll");
+  auto const call = [=] { return next(asked, count, milliseconds); };
+  return Answered(hooks().poll, call, asked, count, milliseconds);
 }
 
 int fsync(int fd) {

@@ -11,6 +11,7 @@
 //   Failures.h      every call and every allocation of a scenario failing in turn
 #pragma once
 
+#include <poll.h>
 #include <semaphore.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
@@ -113,9 +114,12 @@ struct Hooks {
   Hook<std::string const& /*path*/> chdir;
   Hook<int /*fd*/> fsync;
   TransferHook<void* /*data*/, std::size_t> read;
-  TransferHook<void* /*data*/, std::size_t, off_t> pread;
-  TransferHook<void const* /*data*/, std::size_t> write;  ///< not asked for what the console gets
+  TransferHook<void const* /*data*/, std::size_t> write;    ///< not asked for what the console gets
+  TransferHook<void const* /*data*/, std::size_t> console;  ///< asked for what that gets
   TransferHook<iovec const* /*parts*/, int /*count*/> writev;
+
+  /// Asked before anything is waited for.
+  Hook<pollfd* /*asked*/, nfds_t /*count*/, int /*milliseconds*/> poll;
 
   Hook<std::string const& /*source*/, std::string const& /*target*/, std::string const& /*type*/,
        unsigned long /*flags*/, std::string const& /*data*/>
