@@ -48,6 +48,8 @@ std::vector<Failure> const& FailuresOf(std::string const& function) {
       {"opendir", {EACCES, EBADF, EIO, EMFILE, ENFILE, ENOENT, ENOMEM, ENOTDIR}},
       {"readdir", {EBADF, EIO}},
       {"read", With({Failure::Short, 0}, {EAGAIN, EBADF, EFAULT, EINTR, EINVAL, EIO, EISDIR})},
+      {"pread64",
+       With({Failure::Short, 0}, {EBADF, EFAULT, EINTR, EINVAL, EIO, EISDIR, ENXIO, ESPIPE})},
       {"write", writing},
       {"writev", writing},
       {"fsync", {EBADF, EDQUOT, EINTR, EINVAL, EIO, ENOSPC, EROFS}},

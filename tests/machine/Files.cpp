@@ -87,6 +87,12 @@ ssize_t read(int fd, void* data, std::size_t length) {
   return Transferred("read", hooks().read, transfer, fd, data, length);
 }
 
+ssize_t pread64(int fd, void* data, std::size_t length, off64_t place) {
+  static auto* const next = TheReal<decltype(pread64)>("pread64");
+  auto const transfer = [=](bool isShort) { return next(fd, data, isShort ? 1 : length, place); };
+  return Transferred("pread64", hooks().pread, transfer, fd, data, length, place);
+}
+
 ssize_t write(int fd, void const* data, std::size_t length) {
   static auto* const next = TheReal<decltype(write)>("write");
   auto const transfer = [=](bool isShort) { return next(fd, data, isShort ? length / 2 : length); };

@@ -113,6 +113,7 @@ struct Hooks {
   Hook<std::string const& /*path*/> chdir;
   Hook<int /*fd*/> fsync;
   TransferHook<void* /*data*/, std::size_t> read;
+  TransferHook<void* /*data*/, std::size_t, off64_t /*place*/> pread;
   TransferHook<void const* /*data*/, std::size_t> write;  ///< not asked for what the console gets
   TransferHook<iovec const* /*parts*/, int /*count*/> writev;
 
