@@ -9,7 +9,6 @@
 #include <chrono>
 #include <cstdint>
 #include <fstream>
-#include <iterator>
 #include <string>
 
 #include "DiskUtils/CheckDisk.h"
@@ -144,8 +143,10 @@ void WriteTestFile(std::string const& path) {
 }
 
 bool HasTestFile(std::string const& path) {
+  std::string found;
   Tarvik::ByteFile<std::ifstream> file(path);
-  return std::string(std::istreambuf_iterator<char>(file), {}) == TestText();
+  std::getline(file, found, '\0');  // all of it; an error ends it and throws nothing
+  return file.eof() && found == TestText();
 }
 
 // Only after an unmount and a check does the file come from the card itself.

@@ -28,7 +28,7 @@ class QUELLON_EXPORT CardPreparation {
 
   /// What came of it.
   enum class Result {
-    Done,               ///< prepared, and not mounted
+    Done,               ///< prepared; not mounted, unless somebody uses it already
     Missing,            ///< there is no card in the slot
     WriteProtected,     ///< the kernel holds the card read-only
     InUse,              ///< mounted, used for swapping or claimed otherwise, or a partition of it
