@@ -9,13 +9,13 @@
 
 namespace FoundCards {
 
-constexpr std::uint64_t kBytes = 64U << 20U;
+constexpr std::uint64_t kBytes = 32U << 20U;
 constexpr std::uint64_t kSector = 512;
 
 /// Where the partitions of these cards begin, in sectors.
 constexpr std::uint32_t kFirst = 2048;
-constexpr std::uint32_t kSecond = 65536;
-constexpr std::uint32_t kThird = 98304;
+constexpr std::uint32_t kSecond = 32768;
+constexpr std::uint32_t kThird = 49152;
 constexpr std::uint32_t kBeyond = 1U << 26U;
 
 struct Piece {
@@ -47,7 +47,7 @@ inline std::string Number(std::uint64_t number, std::size_t length) {
 struct Entry {
   unsigned type;
   std::uint32_t start;
-  std::uint32_t sectors = 32768;
+  std::uint32_t sectors = 16384;
 };
 
 /// A table of up to four partitions, at a place of its own if it is one of logical partitions.
@@ -114,11 +114,11 @@ inline std::vector<Card> All() {
       {"exFAT", Together({Mbr({{0x07, kFirst}})}, Boot(kFirst, 3, "EXFAT   ")), "MBR: exFAT"},
       {"FAT without a table", Boot(0, 54, "FAT16   "), "FAT"},
       {"GPT with FAT", Together(Gpt({kFirst}), fat), "GPT: FAT", false,
-       "label: gpt\nstart=2048,size=32768\n"},
+       "label: gpt\nstart=2048,size=16384\n"},
       {"GPT with several",
        Together(Gpt({kFirst, kSecond, kThird}), fat, Boot(kThird, 3, "NTFS    ")),
        "GPT: FAT, nothing, NTFS", false,
-       "label: gpt\nstart=2048,size=32768\nstart=65536,size=16384\nstart=98304,size=16384\n"},
+       "label: gpt\nstart=2048,size=16384\nstart=32768,size=16384\nstart=49152,size=8192\n"},
       {"old system",
        Together({Mbr({{0x0C, kFirst}, {0x83, kSecond}}), Ext(kSecond)}, fat),
        "MBR: FAT, ext",
@@ -134,7 +134,7 @@ inline std::vector<Card> All() {
        {kFirst},
        "-O ^has_journal"},
       {"ext4 as a logical partition",
-       {Mbr({{0x05, kFirst, 96000}}), Mbr({{0x82, 64, 32}, {0x05, 63488}}, kFirst),
+       {Mbr({{0x05, kFirst, 60000}}), Mbr({{0x82, 64, 32}, {0x05, kSecond - kFirst}}, kFirst),
         Mbr({{0x83, 2048}}, kSecond), Ext(kSecond + 2048)},
        "MBR: nothing, ext",
        true,
@@ -144,7 +144,7 @@ inline std::vector<Card> All() {
        Together(Gpt({kSecond}), std::vector{Ext(kSecond)}),
        "GPT: ext",
        true,
-       "label: gpt\nstart=65536,size=32768\n",
+       "label: gpt\nstart=32768,size=16384\n",
        {kSecond}},
       {"partition without a file system", plain, "MBR: nothing"},
       {"swap", Together(plain, std::vector{Piece{kFirst * kSector + 4086, "SWAPSPACE2"}}),
