@@ -42,7 +42,7 @@ struct QUELLON_EXPORT CardContents {
   /// For a person, such as "MBR: FAT, ext" or "exFAT".
   [[nodiscard]] std::string Describe() const;
 
-  Table table = Table::None;
+  Table table = Table::None;     ///< `None` also where the table has no entries
   Kind whole = Kind::Nothing;    ///< of the card as a whole, from its first byte
   std::vector<Kind> partitions;  ///< in the order of the table, logical ones in that of their chain
   bool isUnreadable = false;     ///< an error kept something from being read; the rest is told

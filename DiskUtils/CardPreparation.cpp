@@ -9,6 +9,7 @@
 #include <chrono>
 #include <cstdint>
 #include <fstream>
+#include <optional>
 #include <string>
 
 #include "DiskUtils/CheckDisk.h"
@@ -33,12 +34,12 @@ namespace {
 constexpr int kPartitionAttempts = 50;
 constexpr std::chrono::milliseconds kPartitionPause(100);
 
-std::string Card() {
+std::string CardNode() {
   return std::string("/dev/") + kCardDevice;
 }
 
 // With O_EXCL nobody else may have the device mounted or claimed, nor a partition of it.
-UniqueFd Open(std::string const& path, int exclusively) {
+UniqueFd OpenCard(std::string const& path, int exclusively) {
   return UniqueFd(Tarvik::RestartWhileInterrupted(
       [&] { return Tarvik::OpenFile(path.c_str(), O_RDONLY | exclusively); }));
 }
@@ -51,7 +52,7 @@ Result WhyNotOpened(int error) {
 }
 
 Result WhetherAllowed(CardPreparation::Permission permission) {
-  UniqueFd const card = Open(Card(), O_EXCL);
+  UniqueFd const card = OpenCard(CardNode(), O_EXCL);
   if (!card.IsOpen()) return WhyNotOpened(errno);
   if (Disk::getSDCardReadOnlyFlag(kCardDevice)) return Result::WriteProtected;
   bool const isAllowed = permission == CardPreparation::Permission::EraseRecordings ||
@@ -59,7 +60,7 @@ Result WhetherAllowed(CardPreparation::Permission permission) {
   return isAllowed ? Result::Done : Result::MayHoldRecordings;
 }
 
-bool Succeeds(std::string const& command) {
+bool IsDone(std::string const& command) {
   return Tarvik::RunCommand(command.c_str()) == 0;
 }
 
@@ -82,35 +83,37 @@ std::uint64_t StartMebibyte() {
   return CardMebibytes() / kLargestPart >= start ? start : 1;
 }
 
+// What the one partition of the card holds, as the next start will find it; nothing where the card
+// is another than was made.
+std::optional<CardContents::Kind> OnlyPartition() {
+  CardContents card;
+  bool const isSeen = CardPreparation::Look(card) == Result::Done && !card.MayHoldRecordings();
+  bool const isAsMade = card.table == CardContents::Table::Mbr && card.partitions.size() == 1;
+  if (!isSeen || !isAsMade) return std::nullopt;
+  return card.partitions.front();
+}
+
+// The card is looked at once more: another may be in the slot by now.
 bool MakePartition() {
-  bool const isMade = Succeeds("echo start=" + std::to_string(StartMebibyte()) +
-                               "MiB,type=83 | sfdisk --quiet --label dos --wipe always "
-                               "--wipe-partitions always " +
-                               Card());
-  return isMade && Tarvik::Retry(kPartitionAttempts, kPartitionPause,
-                                 [] { return Open(kCardPartition, O_EXCL).IsOpen(); }) != 0;
+  bool const isMade = IsDone("echo start=" + std::to_string(StartMebibyte()) +
+                             "MiB,type=83 | sfdisk --quiet --label dos --wipe always "
+                             "--wipe-partitions always " +
+                             CardNode());
+  return isMade && Tarvik::Retry(kPartitionAttempts, kPartitionPause, [] {
+                     return OnlyPartition() && OpenCard(kCardPartition, O_EXCL).IsOpen();
+                   }) != 0;
 }
 
 // The inode tables are left to the kernel, which clears them in the background: of a card of 128 GB
 // they are 2 GiB. What would take as long is not left to it: an old journal must not be taken for
-// the new one, so it is cleared here, and kept small. Nothing is discarded, since some cards take
-// minutes for that, or never answer.
+// the new one, so it is cleared here, and kept small. Nothing is discarded, since nobody promises
+// how long a card takes for that.
 bool MakeFileSystem() {
   constexpr std::uint64_t kLargeMebibytes = 4096;  // smaller ones get no longer a journal anyway
   std::string const journal = CardMebibytes() >= kLargeMebibytes ? "-J size=64 " : "";
-  return Succeeds("mkfs.ext4 -q -F -O has_journal " + journal +
-                  "-E lazy_itable_init=1,lazy_journal_init=0,nodiscard -M " + kNewMark +
-                  " -L storage " + kCardPartition);
-}
-
-// Whether the card itself holds what was made: the kernel may have gone on with an old table, and
-// the file system lie where the next start does not find it.
-bool IsAsMade() {
-  using Kind = CardContents::Kind;
-  CardContents contents;
-  bool const isSeen = CardPreparation::Look(contents) == Result::Done && !contents.isUnreadable;
-  return isSeen && contents.table == CardContents::Table::Mbr &&
-         contents.partitions == std::vector{Kind::NewExt};
+  return IsDone("mkfs.ext4 -q -F -O has_journal " + journal +
+                "-E lazy_itable_init=1,lazy_journal_init=0,nodiscard -M " + kNewMark +
+                " -L storage " + kCardPartition);
 }
 
 // Unmounts at its end what is mounted then.
@@ -150,7 +153,7 @@ bool HasTestFile(std::string const& path) {
 }
 
 // Only after an unmount and a check does the file come from the card itself.
-Result Test() {
+Result TestCard() {
   Mounted const card;
   if (!card.isMounted) return Result::NotMounted;
   std::string place = kCardMountPoint;
@@ -166,7 +169,7 @@ Result Test() {
 }  // namespace
 
 Result CardPreparation::Look(CardContents& contents) {
-  UniqueFd const card = Open(Card(), 0);
+  UniqueFd const card = OpenCard(CardNode(), 0);
   if (!card.IsOpen()) return WhyNotOpened(errno);
   contents = CardContents::Read(card.Get());
   return Result::Done;
@@ -183,9 +186,10 @@ Result CardPreparation::Prepare(Permission permission, Progress const& progress)
   if (!MakePartition()) return Result::NotPartitioned;
   begin("making the file system");
   if (!MakeFileSystem()) return Result::NotFormatted;
-  if (!IsAsMade()) return Result::NotPartitioned;
+  // The kernel may have gone on with an old table, and the file system lie elsewhere.
+  if (OnlyPartition() != CardContents::Kind::NewExt) return Result::NotPartitioned;
   begin("testing the card");
-  return Test();
+  return TestCard();
 }
 
 char const* CardPreparation::Describe(Result result) noexcept {

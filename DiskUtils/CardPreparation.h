@@ -51,13 +51,14 @@ class QUELLON_EXPORT CardPreparation {
   static Result Look(CardContents& contents);
 
   /// Prepares the card. Nothing is changed when the result is `Missing`, `WriteProtected`, `InUse`,
-  /// `MayHoldRecordings` or `Failed`; after any other the card's contents are gone, and it may be
-  /// asked for again, as after a power cut: what was begun counts as no recordings. From the test
-  /// on the card is one that `System::InitDisk` takes.
+  /// `MayHoldRecordings` or `Failed`; after any other the card's contents may be gone, and it may
+  /// be asked for again, as after a power cut: what was begun counts as no recordings. From the
+  /// test on the card is one that `System::InitDisk` takes.
   ///
-  /// A card that the library has mounted is in use: `Disk::Umount` comes first. Takes seconds, none
-  /// of the steps longer than the card takes to write 64 MiB, and some seconds where a command
-  /// fails. A partition whose device node comes late is waited for, 5 s at most.
+  /// A card that takes the place of the one that was looked at is not formatted. One that the
+  /// library has mounted is in use: `Disk::Umount` comes first. Takes seconds, none of the steps
+  /// longer than the card takes to write 64 MiB, and some seconds where a command fails. A
+  /// partition whose device node comes late is waited for, 5 s at most.
   static Result Prepare(Permission permission, Progress const& progress = {});
 
   /// A result as a text, for a log or a person. Never null; lives as long as the library.

@@ -184,6 +184,26 @@ TEST_F(CardPreparation, TellsAFileSystemThatWasOnlyMadeFromOneThatWasUsed) {
   EXPECT_THAT(seen, testing::ElementsAre("MBR: new ext", "MBR: ext"));
 }
 
+// As after a power cut with the file system mounted: the superblock is what counts, whatever the
+// journal still holds.
+TEST_F(CardPreparation, TellsAFileSystemThatIsInUseFromTheMomentItIsMounted) {
+  BareCard card;
+  card.Insert();
+  std::vector<char> cut;
+  CardTests::CommandInFront const late("fsck", "exit 4\n");
+  Prepare(Permission::KeepRecordings, [&](std::string const& step) {
+    if (step != "testing the card") return;
+    RunQuietly("mount /dev/mmcblk1p1 /mnt/sdcard");
+    cut = card.Bytes();
+    RunQuietly("umount /mnt/sdcard");
+  });
+  card.Remove();
+  card.SetBytes(cut);
+  card.Insert();
+  EXPECT_EQ(Contents(), "MBR: ext");
+  EXPECT_EQ(Prepare(), "the card may hold recordings");
+}
+
 // A card with a cache has any of the blocks written before a cut. Whatever a cut leaves while the
 // card is partitioned and the file system made, it is enough to ask again.
 TEST_F(CardPreparation, IsDoneByAskingAgainAfterAPowerCut) {

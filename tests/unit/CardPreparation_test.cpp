@@ -99,11 +99,14 @@ class Slot {
     }
   }
 
+  static void Clear() { std::ofstream(Machine::Real(kCard), std::ios::binary | std::ios::trunc); }
+
   /// Commands that begin so end with that, and do nothing else.
   std::string failing = "none";
   int code = 1;
-  bool isTaken = true;                 ///< the new table, by the kernel
-  std::string onCard;                  ///< of the test file, while it is not mounted
+  std::function<void()> partitioned = [] {};  ///< what happens then
+  unsigned long shift = 0;  ///< sectors by which the kernel mistakes the partition's place
+  std::string onCard;       ///< of the test file, while it is not mounted
   std::function<void()> lose = [] {};  ///< what becomes of that meanwhile
   bool mounts = true;
   bool isMounted = false;
@@ -121,12 +124,13 @@ class Slot {
 
   void Partition(unsigned long mebibytes) {
     start = mebibytes * 2048;
-    std::ofstream(Machine::Real(kCard), std::ios::binary | std::ios::trunc);
-    if (isTaken) Put({Found::Mbr({{0x83, static_cast<std::uint32_t>(start)}})});
+    Clear();
+    Put({Found::Mbr({{0x83, static_cast<std::uint32_t>(start)}})});
     Machine::MakeFile(kPartition, "");
+    partitioned();
   }
   void Format() const {
-    std::uint64_t const superblock = start * 512 + 1024;
+    std::uint64_t const superblock = (start + shift) * 512 + 1024;
     Put({{superblock + 56, "\x53\xEF"},
          {superblock + 136, "being-prepared"},
          {superblock + 3072, "-"}});
@@ -294,7 +298,7 @@ TEST_F(CardPreparation, IsRefusedForACardThatCannotBeReadUnlessRecordingsMayBeEr
   EXPECT_EQ(Prepare(), Result::MayHoldRecordings);
   EXPECT_THAT(Machine::Trace(), IsEmpty());
   EXPECT_EQ(Prepare(Permission::EraseRecordings), Result::NotPartitioned);
-  EXPECT_THAT(Machine::Traced("system"), ElementsAre(Sfdisk(4), Mkfs("-J size=64 ")));
+  EXPECT_THAT(Machine::Traced("system"), ElementsAre(Sfdisk(4)));
 }
 
 TEST_F(CardPreparation, IsDoneAgainAfterItWasLeftInTheMiddle) {
@@ -325,10 +329,31 @@ TEST_F(CardPreparation, DoesNotWaitForThePartitionsNodeForEver) {
   EXPECT_THAT(Machine::Traced("system"), ElementsAre(Sfdisk(4)));
 }
 
-TEST_F(CardPreparation, FailsWhereTheKernelGoesOnWithTheOldTable) {
-  slot.isTaken = false;
+TEST_F(CardPreparation, FailsWhereTheTableDoesNotBecomeTheCards) {
+  slot.partitioned = [] { Slot::Clear(); };
   EXPECT_EQ(Prepare(), Result::NotPartitioned);
+  EXPECT_EQ(Machine::Slept(), 5s);
+  EXPECT_THAT(Machine::Traced("system"), ElementsAre(Sfdisk(4)));
+}
+
+TEST_F(CardPreparation, FailsWhereTheKernelGoesOnWithTheOldTable) {
+  slot.shift = 2048;
+  EXPECT_EQ(Prepare(), Result::NotPartitioned);
+  EXPECT_THAT(Machine::Traced("system"), ElementsAre(Sfdisk(4), Mkfs("-J size=64 ")));
   EXPECT_THAT(Machine::Traced("mount"), IsEmpty());
+}
+
+TEST_F(CardPreparation, FormatsNoOtherCardThatIsPutInMeanwhile) {
+  for (auto const& other : Found::All()) {
+    if (!other.mayHoldRecordings) continue;
+    slot.partitioned = [&] {
+      Slot::Clear();
+      Slot::Put(other.pieces);
+    };
+    EXPECT_EQ(Prepare(), Result::NotPartitioned) << other.name;
+    EXPECT_THAT(Machine::Traced("system mkfs"), IsEmpty());
+    Slot::Clear();
+  }
 }
 
 struct Fault {
@@ -444,8 +469,9 @@ class Preparing {
   std::string outcome;
 };
 
-// A card that cannot be read may hold recordings; one of which it cannot be seen afterwards what is
-// on it was not partitioned. What comes after the test does not matter.
+// A card that cannot be read may hold recordings. One that was partitioned is read until that is
+// seen; one whose file system is not seen counts as not partitioned. What comes after the test does
+// not matter.
 TEST(CardPreparationWithEveryCallFailing, TellsTheStepAtWhichItEnded) {
   auto const text = [](Result result) { return std::string(Preparation::Describe(result)); };
   FaultTable::Try<Preparing>("done", {{"open *: EINTR", kNoHarm},
@@ -460,7 +486,9 @@ TEST(CardPreparationWithEveryCallFailing, TellsTheStepAtWhichItEnded) {
                                       {"system echo *", text(Result::NotPartitioned)},
                                       {"open /dev/mmcblk1p1 *", kNoHarm},
                                       {"system mkfs.ext4 *", text(Result::NotFormatted)},
-                                      {"open /dev/mmcblk1 (2): *", text(Result::NotPartitioned)},
+                                      {"open /dev/mmcblk1 (2): *", kNoHarm},
+                                      {"open /dev/mmcblk1 (3): *", text(Result::NotPartitioned)},
+                                      {"pread64 * ([4-7]): *", kNoHarm},
                                       {"pread64 *", text(Result::NotPartitioned)},
                                       {"mount *", text(Result::NotMounted)},
                                       {"writev *: EINTR", kNoHarm},
