@@ -126,6 +126,20 @@ TEST(CardContents, OfAFileThatEndsInTheMiddleAreWhatIsThere) {
   EXPECT_EQ(CardContents::Read(card.Get()).Describe(), "MBR: nothing, beyond the end of the card");
 }
 
+TEST(CardContents, HaveLogicalPartitionsRelativeToTheirOwnTableAndTablesToTheFirst) {
+  EXPECT_EQ(DescriptionOf({Mbr({{0x0C, 1}, {0x85, 1000}}), Mbr({{0x0C, 8}, {0x05, 100}}, 1000),
+                           Mbr({{0x0C, 8}, {0x05, 200}}, 1100), Mbr({{0x83, 9}}, 1200),
+                           Found::Ext(1209)}),
+            "MBR: nothing, nothing, nothing, ext");
+}
+
+TEST(CardContents, HaveAGptAlsoWithPartitionsInFrontOfItAndBehind) {
+  auto const pieces = Together(
+      Gpt({Found::kSecond}),
+      Pieces{Mbr({{0x0C, Found::kFirst}, {0xEE, 1}, {0x83, 9}}), Found::Ext(Found::kSecond)});
+  EXPECT_EQ(DescriptionOf(pieces), "GPT: nothing, ext, nothing");
+}
+
 TEST(CardContents, EndWithAChainOfTablesThatLeadsInACircle) {
   auto const contents =
       ContentsOf({Mbr({{0x0F, Found::kFirst}}), Mbr({{0x82, 1}, {0x85, 0}}, Found::kFirst)});
