@@ -70,6 +70,14 @@ TEST_P(CardContentsAsFound, AreDescribedAndTellWhetherThereMayBeRecordings) {
 
 INSTANTIATE_TEST_SUITE_P(InManyWays, CardContentsAsFound, testing::ValuesIn(Found::All()));
 
+TEST(CardContents, AreFatOfAnyWidth) {
+  EXPECT_EQ(DescriptionOf(Found::Boot(0, 82, "FAT32   ")), "FAT");
+  for (char const* const name : {"FAT12   ", "FAT16   ", "FAT     "}) {
+    EXPECT_EQ(DescriptionOf(Found::Boot(0, 54, name)), "FAT");
+  }
+  EXPECT_EQ(DescriptionOf(Found::Boot(0, 54, "FAT64   ")), "unknown data");
+}
+
 TEST(CardContents, HaveATableOnlyIfThatHasPartitions) {
   EXPECT_EQ(ContentsOf({Mbr({})}).table, CardContents::Table::None);
   EXPECT_EQ(ContentsOf({Mbr({{0x83, Found::kFirst}})}).table, CardContents::Table::Mbr);
