@@ -52,10 +52,12 @@ std::string DescriptionOf(Pieces const& pieces) {
 
 /// A superblock of a file system that was just made for a card; `kFirst` is its sector.
 Pieces NewExt() {
-  std::uint64_t const start = Found::kFirst * Found::kSector;
+  std::uint64_t const superblock = Found::kFirst * Found::kSector + 1024;
   return {Mbr({{0x83, Found::kFirst}}),
           Found::Ext(Found::kFirst),
-          {start + 1024 + 136, "being-prepared"}};
+          {superblock + 48, "\x66\x55\x44\x33"},  // when it was made
+          {superblock + 54, "\xFF\xFF"},          // after how many mounts it is checked
+          {superblock + 136, "being-prepared"}};
 }
 
 class CardContentsAsFound : public testing::TestWithParam<Found::Card> {};
