@@ -82,9 +82,9 @@ inline std::vector<Piece> Gpt(std::vector<std::uint64_t> const& starts, std::uin
   return pieces;
 }
 
-/// The two bytes by which ext is known, in a file system at that sector.
+/// The two bytes by which ext is known, and its state, in a file system at that sector.
 inline Piece Ext(std::uint64_t sector) {
-  return {sector * kSector + 1024 + 56, "\x53\xEF"};
+  return {sector * kSector + 1024 + 56, "\x53\xEF\x01"};
 }
 
 template <typename... Others>
