@@ -23,10 +23,10 @@ KERNEL = "linux-image-armmp"
 DEVICE_TREE = "imx6ul-14x14-evk.dtb"
 
 USER_SPACE = """
-    busybox-static dash mount util-linux e2fsprogs dmsetup
+    busybox-static dash mount util-linux fdisk e2fsprogs dmsetup
     libc6 libgcc-s1 libstdc++6 libext2fs2 libcom-err2 libss2 libblkid1 libuuid1 libmount1
     libselinux1 libpcre2-8-0 libsmartcols1 libtinfo6 logsave
-    libdevmapper1.02.1 libudev1
+    libdevmapper1.02.1 libudev1 libfdisk1 libreadline8
 """.split()
 
 # Loaded by the board's init in this order, each after what it depends on. crc32c_generic is not

@@ -15,6 +15,7 @@
 #include <thread>
 #include <vector>
 
+#include "DiskUtils/CardPreparation.h"
 #include "DiskUtils/System.h"
 #include "FileUtils/FilesManager.h"
 #include "RTC/ClockFloor.h"
@@ -28,6 +29,8 @@
 
 using Quellon::System;
 using Quellon::WatchdogGuard;
+using Quellon::DiskUtils::CardContents;
+using Quellon::DiskUtils::CardPreparation;
 using Quellon::DiskUtils::Disk;
 using Quellon::FileUtils::FilesManager;
 using Quellon::FileUtils::Ifile;
@@ -111,6 +114,25 @@ bool RemoveIfBigger(Arguments const& arguments) {
 
 bool Format(Arguments const& arguments) {
   return MountedCard().Fromat(arguments[0] == "scan");
+}
+
+bool ShowCard(Arguments const& /*none*/) {
+  CardContents card;
+  auto const result = CardPreparation::Look(card);
+  bool const isSeen = result == CardPreparation::Result::Done;
+  std::cout << "card " << (isSeen ? card.Describe() : CardPreparation::Describe(result))
+            << std::endl;
+  return isSeen;
+}
+
+bool Prepare(Arguments const& arguments) {
+  using Permission = CardPreparation::Permission;
+  bool const erases = arguments[0] == "erase";
+  auto const permission = erases ? Permission::EraseRecordings : Permission::KeepRecordings;
+  auto const result = CardPreparation::Prepare(
+      permission, [](char const* step) { std::cout << "step " << step << std::endl; });
+  std::cout << "prepare " << CardPreparation::Describe(result) << std::endl;
+  return result == CardPreparation::Result::Done;
 }
 
 bool Reboot(Arguments const& /*none*/) {
@@ -227,6 +249,8 @@ constexpr std::array kCommands = {
     Command{"stat", "PATH", Stat},
     Command{"remove-if-bigger", "PATH LIMIT", RemoveIfBigger},
     Command{"format", "scan|plain", Format},
+    Command{"card", "", ShowCard},
+    Command{"prepare", "keep|erase", Prepare},
     Command{"reboot", "", Reboot},
     Command{"set-date", "SECONDS", SetDate},
     Command{"set-rtc", "SECONDS", SetRtc},

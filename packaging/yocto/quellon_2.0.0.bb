@@ -26,8 +26,8 @@ COMPATIBLE_HOST:libc-musl = "null"
 PACKAGES =+ "${PN}-recorder"
 FILES:${PN}-recorder = "${bindir}/recorder ${systemd_system_unitdir}/quellon-recorder.service"
 
-# The library calls fsck.ext4 and mkfs.ext4.
-RRECOMMENDS:${PN} = "e2fsprogs-e2fsck e2fsprogs-mke2fs"
+# The library calls fsck.ext4, mkfs.ext4 and sfdisk.
+RRECOMMENDS:${PN} = "e2fsprogs-e2fsck e2fsprogs-mke2fs util-linux-sfdisk"
 
 # It arms the watchdog and may restart the machine: whether it runs is the image's choice.
 SYSTEMD_PACKAGES = "${PN}-recorder"

@@ -79,12 +79,11 @@ void RunQuietly(std::string const& command) {
 }
 
 // Another process may take the free device first: then the next one is tried.
-LoopDevice::LoopDevice(UniqueFd const& file, bool readOnly) {
+LoopDevice::LoopDevice(UniqueFd const& file, unsigned flags) {
   UniqueFd const control = OpenFile("/dev/loop-control", O_RDWR);
   loop_config config{};
   config.fd = static_cast<unsigned>(file.Get());
-  config.info.lo_flags = LO_FLAGS_AUTOCLEAR;
-  if (readOnly) config.info.lo_flags |= LO_FLAGS_READ_ONLY;
+  config.info.lo_flags = LO_FLAGS_AUTOCLEAR | flags;
   do {
     number = Checked(ioctl(control.Get(), LOOP_CTL_GET_FREE), "find a free loop device");
     if (!fs::exists(Node())) MakeNode(Node());
@@ -111,7 +110,7 @@ Card::~Card() {
 }
 
 void Card::Insert() {
-  slot.emplace(image, writeProtected);
+  slot.emplace(image, writeProtected ? LO_FLAGS_READ_ONLY : 0);
   slot->MakeNode(kBlockNode);
   slot->MakeNode(kPartitionNode);
   MakeSysfsEntries(slot->Name());

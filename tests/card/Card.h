@@ -29,7 +29,8 @@ void RunQuietly(std::string const& command);
 /// any more, however its user ended.
 class LoopDevice {
  public:
-  explicit LoopDevice(Tarvik::UniqueFd const& file, bool readOnly = false);
+  /// `flags` are further ones of loop devices, such as `LO_FLAGS_READ_ONLY`.
+  explicit LoopDevice(Tarvik::UniqueFd const& file, unsigned flags = 0);
 
   /// The kernel's name of the device, such as "loop3".
   [[nodiscard]] std::string Name() const { return "loop" + std::to_string(number); }

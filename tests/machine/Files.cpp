@@ -87,10 +87,10 @@ ssize_t read(int fd, void* data, std::size_t length) {
   return Transferred("read", hooks().read, transfer, fd, data, length);
 }
 
-ssize_t pread(int fd, void* data, std::size_t length, off_t offset) {
-  static auto* const next = TheReal<ssize_t(int, void*, std::size_t, off_t)>("pread");
-  auto const transfer = [=](bool isShort) { return next(fd, data, isShort ? 1 : length, offset); };
-  return Transferred("pread", hooks().pread, transfer, fd, data, length, offset);
+ssize_t pread64(int fd, void* data, std::size_t length, off64_t place) {
+  static auto* const next = TheReal<decltype(pread64)>("pread64");
+  auto const transfer = [=](bool isShort) { return next(fd, data, isShort ? 1 : length, place); };
+  return Transferred("pread64", hooks().pread, transfer, fd, data, length, place);
 }
 
 ssize_t write(int fd, void const* data, std::size_t length) {

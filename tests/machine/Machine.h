@@ -114,8 +114,8 @@ struct Hooks {
   Hook<std::string const& /*path*/> chdir;
   Hook<int /*fd*/> fsync;
   TransferHook<void* /*data*/, std::size_t> read;
-  TransferHook<void const* /*data*/, std::size_t> write;    ///< not asked for what the console gets
-  TransferHook<void const* /*data*/, std::size_t> console;  ///< asked for what that gets
+  TransferHook<void* /*data*/, std::size_t, off64_t /*place*/> pread;
+  TransferHook<void const* /*data*/, std::size_t> write;  ///< not asked for what the console gets
   TransferHook<iovec const* /*parts*/, int /*count*/> writev;
 
   /// Asked before anything is waited for.

@@ -1,0 +1,244 @@
+#include "DiskUtils/CardContents.h"
+
+#include <linux/fs.h>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <limits>
+#include <span>
+#include <string_view>
+
+#include "DiskUtils/internal/NewCard.h"
+#include "base/internal/Restart.h"
+
+namespace Quellon::DiskUtils {
+
+namespace {
+
+using Kind = CardContents::Kind;
+using Table = CardContents::Table;
+using Bytes = std::span<unsigned char const>;
+
+constexpr std::size_t kSectorBytes = 512;
+using Sector = std::array<unsigned char, kSectorBytes>;
+using Beginning = std::array<unsigned char, 4096>;  // all signatures lie within
+
+std::uint64_t NumberAt(Bytes bytes, std::size_t place, std::size_t length) {
+  std::uint64_t number = 0;
+  for (std::size_t i = length; i-- > 0;) number = number << 8 | bytes[place + i];
+  return number;
+}
+
+bool HasText(Bytes bytes, std::size_t place, std::string_view text) {
+  return std::ranges::equal(
+      bytes.subspan(place, text.size()), text,
+      [](unsigned char byte, char c) { return static_cast<char>(byte) == c; });
+}
+
+class Device {
+ public:
+  explicit Device(int descriptor) : fd(descriptor) {}
+
+  // How many bytes there are; the rest of `into` stays as it is.
+  std::size_t Read(std::uint64_t sector, std::uint64_t offset, std::span<unsigned char> into) {
+    constexpr std::uint64_t kLast = std::numeric_limits<off64_t>::max() / kSectorBytes / 2;
+    if (sector > kLast) return 0;
+    auto const place = static_cast<off64_t>(sector * kSectorBytes + offset);
+    std::size_t done = 0;
+    while (done < into.size()) {
+      ssize_t const found = Tarvik::RestartWhileInterrupted([&] {
+        return pread64(fd, &into[done], into.size() - done, place + static_cast<off64_t>(done));
+      });
+      if (found < 0) isUnreadable = true;
+      if (found <= 0) break;
+      done += static_cast<std::size_t>(found);
+    }
+    return done;
+  }
+
+  bool isUnreadable = false;
+
+ private:
+  int fd;
+};
+
+// Places in the superblock of ext, from the beginning of the file system.
+constexpr std::size_t kSuperblock = 1024;
+constexpr std::size_t kMountTime = kSuperblock + 44;
+constexpr std::size_t kMountCount = kSuperblock + 52;
+constexpr std::size_t kMagic = kSuperblock + 56;
+constexpr std::size_t kLastMounted = kSuperblock + 136;
+constexpr std::uint64_t kExtMagic = 0xEF53;
+
+// A mount writes its time and count to the card before anything else, and past the journal.
+bool IsNew(Bytes bytes) {
+  bool const isMarked = HasText(bytes, kLastMounted, kNewMark);
+  return isMarked && NumberAt(bytes, kMountTime, 4) == 0 && NumberAt(bytes, kMountCount, 2) == 0;
+}
+
+constexpr struct {
+  std::size_t place;
+  std::string_view text;
+  Kind kind;
+} kSignatures[] = {{3, "EXFAT   ", Kind::ExFat},     {3, "NTFS    ", Kind::Ntfs},
+                   {82, "FAT32   ", Kind::Fat},      {54, "FAT12   ", Kind::Fat},
+                   {54, "FAT16   ", Kind::Fat},      {54, "FAT     ", Kind::Fat},
+                   {4086, "SWAPSPACE2", Kind::Swap}, {512, "LABELONE", Kind::Lvm}};
+
+// Ext comes first: who formats a card that held it may leave its superblock where it was.
+Kind KindOf(Bytes bytes) {
+  if (NumberAt(bytes, kMagic, 2) == kExtMagic) return IsNew(bytes) ? Kind::NewExt : Kind::Ext;
+  for (auto const& signature : kSignatures) {
+    if (HasText(bytes, signature.place, signature.text)) return signature.kind;
+  }
+  bool const isUniform = std::ranges::all_of(bytes, [&](auto byte) { return byte == bytes[0]; });
+  return isUniform ? Kind::Nothing : Kind::Unknown;
+}
+
+Kind KindAt(Device& device, std::uint64_t sector) {
+  Beginning bytes{};
+  bool const isThere = device.Read(sector, 0, bytes) > 0;
+  return isThere || device.isUnreadable ? KindOf(bytes) : Kind::BeyondEnd;
+}
+
+struct Entry {
+  std::uint64_t type;
+  std::uint64_t start;  // a sector, counted from what the entry says
+};
+using Entries = std::array<Entry, 4>;
+
+constexpr std::uint64_t kUnused = 0;
+constexpr std::uint64_t kProtective = 0xEE;  // a GPT follows
+
+bool IsExtended(Entry const& entry) {
+  return entry.type == 0x05 || entry.type == 0x0F || entry.type == 0x85;
+}
+
+// The entries of a sector; unused ones if it is no table. A boot sector of FAT has the same two
+// bytes at its end, and a program where a table has its entries.
+Entries EntriesAt(Device& device, std::uint64_t sector) {
+  constexpr std::size_t kFirst = 446;
+  constexpr std::size_t kLength = 16;
+  Sector bytes{};
+  device.Read(sector, 0, bytes);
+  Entries entries{};
+  bool isTable = NumberAt(bytes, 510, 2) == 0xAA55;
+  for (std::size_t i = 0; i < entries.size(); ++i) {
+    Bytes const entry = Bytes(bytes).subspan(kFirst + i * kLength, kLength);
+    isTable = isTable && (entry[0] & 0x7F) == 0;  // bootable or not
+    entries[i] = {entry[4], NumberAt(entry, 8, 4)};
+  }
+  return isTable ? entries : Entries{};
+}
+
+constexpr unsigned kMostPartitions = 128;  // of a GPT, and logical ones
+
+// Each logical partition has a table of its own, with a place relative to that, and with the place
+// of the next table, relative to the first.
+void ReadLogical(Device& device, std::uint64_t first, std::vector<Kind>& partitions) {
+  std::uint64_t sector = first;
+  for (unsigned tables = 0; tables < kMostPartitions && sector != 0; ++tables) {
+    std::uint64_t next = 0;
+    for (Entry const& entry : EntriesAt(device, sector)) {
+      if (entry.type == kUnused) continue;
+      if (IsExtended(entry)) {
+        next = first + entry.start;
+      } else {
+        partitions.push_back(KindAt(device, sector + entry.start));
+      }
+    }
+    sector = next;
+  }
+}
+
+bool ReadGpt(Device& device, std::vector<Kind>& partitions) {
+  Sector header{};
+  device.Read(1, 0, header);
+  if (!HasText(header, 0, "EFI PART")) return false;
+  std::uint64_t const first = NumberAt(header, 72, 8);
+  std::uint64_t const length = NumberAt(header, 84, 4);
+  auto const count = std::min<std::uint64_t>(NumberAt(header, 80, 4), kMostPartitions);
+  for (std::uint64_t i = 0; i < count; ++i) {
+    std::array<unsigned char, 40> entry{};
+    device.Read(first, i * length, entry);
+    bool const isUsed = NumberAt(entry, 0, 8) != 0 || NumberAt(entry, 8, 8) != 0;  // has a type
+    if (isUsed) partitions.push_back(KindAt(device, NumberAt(entry, 32, 8)));
+  }
+  return true;
+}
+
+char const* NameOf(Kind kind) {
+  switch (kind) {
+    case Kind::Nothing:
+      return "nothing";
+    case Kind::Unknown:
+      return "unknown data";
+    case Kind::Fat:
+      return "FAT";
+    case Kind::ExFat:
+      return "exFAT";
+    case Kind::Ntfs:
+      return "NTFS";
+    case Kind::Swap:
+      return "swap";
+    case Kind::Lvm:
+      return "LVM";
+    case Kind::Ext:
+      return "ext";
+    case Kind::NewExt:
+      return "new ext";
+    case Kind::BeyondEnd:
+      break;
+  }
+  return "beyond the end of the card";
+}
+
+bool IsNamed(Kind kind) {
+  return kind != Kind::Nothing && kind != Kind::Unknown;
+}
+
+}  // namespace
+
+CardContents CardContents::Read(int device) {
+  ioctl(device, BLKFLSBUF, 0);  // a partition is another device, with a memory of its own
+  Device card(device);
+  CardContents contents;
+  contents.whole = KindAt(card, 0);
+  for (Entry const& entry : EntriesAt(card, 0)) {
+    if (entry.type == kUnused) continue;
+    contents.table = std::max(contents.table, Table::Mbr);
+    if (entry.type == kProtective) {
+      if (ReadGpt(card, contents.partitions)) contents.table = Table::Gpt;
+    } else if (IsExtended(entry)) {
+      ReadLogical(card, entry.start, contents.partitions);
+    } else {
+      contents.partitions.push_back(KindAt(card, entry.start));
+    }
+  }
+  contents.isUnreadable = card.isUnreadable;
+  return contents;
+}
+
+bool CardContents::MayHoldRecordings() const {
+  return isUnreadable || whole == Kind::Ext ||
+         std::ranges::find(partitions, Kind::Ext) != partitions.end();
+}
+
+std::string CardContents::Describe() const {
+  std::string text = isUnreadable ? "not all of it readable: " : "";
+  if (table == Table::None) return text + NameOf(whole);
+  if (IsNamed(whole)) text += std::string(NameOf(whole)) + "; ";
+  text += table == Table::Gpt ? "GPT:" : "MBR:";
+  char const* separator = " ";
+  for (Kind const partition : partitions) {
+    text += std::string(separator) + NameOf(partition);
+    separator = ", ";
+  }
+  return text;
+}
+
+}  // namespace Quellon::DiskUtils

@@ -1,0 +1,510 @@
+#include "DiskUtils/CardPreparation.h"
+
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <chrono>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "tests/machine/FaultTable.h"
+#include "tests/machine/Machine.h"
+#include "tests/support/Capture.h"
+#include "tests/support/CardText.h"
+#include "tests/support/Descriptors.h"
+#include "tests/support/FoundCards.h"
+#include "tests/support/LogFile.h"
+
+namespace {
+
+namespace Found = FoundCards;
+using namespace std::chrono_literals;
+using CardText::kFsck;
+using CardText::kMount;
+using CardText::kMountCall;
+using CardText::kUmount;
+using FaultTable::kNoHarm;
+using Machine::Answer;
+using Machine::hooks;
+using Quellon::DiskUtils::CardContents;
+using Preparation = Quellon::DiskUtils::CardPreparation;
+using Permission = Preparation::Permission;
+using Result = Preparation::Result;
+using testing::ElementsAre;
+using testing::ElementsAreArray;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::StartsWith;
+using Texts = std::vector<std::string>;
+
+constexpr char const* kCard = "/dev/mmcblk1";
+constexpr char const* kPartition = "/dev/mmcblk1p1";
+constexpr char const* kTestFile = "/mnt/sdcard/check.tmp";
+constexpr char const* kUnmountCall = "umount /mnt/sdcard/";
+constexpr char const* kUnlink = "unlink /mnt/sdcard/check.tmp";
+constexpr std::uint64_t kGibibyte = 1ULL << 30;
+
+std::string Sfdisk(int start) {
+  return "system echo start=" + std::to_string(start) +
+         "MiB,type=83 | sfdisk --quiet --label dos --wipe always --wipe-partitions always "
+         "/dev/mmcblk1";
+}
+
+std::string Mkfs(std::string const& journal) {
+  return "system mkfs.ext4 -q -F -O has_journal " + journal +
+         "-E lazy_itable_init=1,lazy_journal_init=0,nodiscard -M being-prepared -L storage "
+         "/dev/mmcblk1p1";
+}
+
+/// A slot with a card as it was bought, of 32 GB, and what the commands and calls make of it. What
+/// is on a file system is there while that is mounted.
+class Slot {
+ public:
+  Slot() {
+    Machine::MakeFile(kCard, "");
+    SetProperty("device/preferred_erase_size", "4194304");
+    SetProperty("ro", "0");
+    SetSize(32 * kGibibyte);
+    std::filesystem::create_directories(Machine::Real("/mnt/sdcard/"));
+    hooks().system = [this](std::string const& command) { return Run(command); };
+    hooks().mount = [this](auto&&...) { return Answer{Mount() ? 0 : -1, EINVAL}; };
+    hooks().umount = [this](auto&&) {
+      Unmount();
+      return Answer::Success();
+    };
+  }
+  Slot(Slot const&) = delete;
+  Slot& operator=(Slot const&) = delete;
+  ~Slot() { hooks() = Machine::Hooks(); }
+
+  static void SetProperty(std::string const& name, std::string const& text) {
+    Machine::MakeFile("/sys/block/mmcblk1/" + name, text + "\n");
+    Machine::MakeFile("/sys/class/block/mmcblk1/" + name, text + "\n");
+  }
+  static void SetSize(std::uint64_t bytes) { SetProperty("size", std::to_string(bytes / 512)); }
+
+  /// The bytes are put on what is there already.
+  static void Put(std::vector<Found::Piece> const& pieces) {
+    std::fstream card(Machine::Real(kCard), std::ios::in | std::ios::out | std::ios::binary);
+    for (auto const& [place, bytes] : pieces) {
+      card.seekp(static_cast<std::streamoff>(place));
+      card << bytes;
+    }
+  }
+
+  static void Clear() { std::ofstream(Machine::Real(kCard), std::ios::binary | std::ios::trunc); }
+
+  /// Commands that begin so end with that, and do nothing else.
+  std::string failing = "none";
+  int code = 1;
+  std::function<void()> partitioned = [] {};  ///< what happens then
+  unsigned long shift = 0;  ///< sectors by which the kernel mistakes the partition's place
+  std::string onCard;       ///< of the test file, while it is not mounted
+  std::function<void()> lose = [] {};  ///< what becomes of that meanwhile
+  bool mounts = true;
+  bool isMounted = false;
+
+ private:
+  Answer Run(std::string const& command) {
+    if (command.starts_with(failing)) return {code << 8, 0};
+    if (command.starts_with("echo")) Partition(std::stoul(command.substr(command.find('=') + 1)));
+    if (command.starts_with("mkfs")) Format();
+    if (command.starts_with("umount")) Unmount();
+    if (command.starts_with("fsck")) lose();
+    if (command.starts_with("mount")) Mount();
+    return Answer::Success();
+  }
+
+  void Partition(unsigned long mebibytes) {
+    start = mebibytes * 2048;
+    Clear();
+    Put({Found::Mbr({{0x83, static_cast<std::uint32_t>(start)}})});
+    Machine::MakeFile(kPartition, "");
+    partitioned();
+  }
+  void Format() const {
+    std::uint64_t const superblock = (start + shift) * 512 + 1024;
+    Put({{superblock + 56, "\x53\xEF"},
+         {superblock + 136, "being-prepared"},
+         {superblock + 3072, "-"}});
+  }
+  bool Mount() {
+    if (!mounts) return false;
+    isMounted = true;
+    if (!onCard.empty()) Machine::MakeFile(kTestFile, onCard);
+    return true;
+  }
+  void Unmount() {
+    if (!isMounted) return;
+    isMounted = false;
+    bool const isThere = std::filesystem::exists(Machine::Real(kTestFile));
+    onCard = isThere ? Machine::ReadFile(kTestFile) : "";
+    Machine::RemoveFile(kTestFile);
+  }
+
+  unsigned long start = 0;
+};
+
+class CardPreparation : public testing::Test {
+ protected:
+  /// What is printed is hidden, and goes to `output`.
+  Result Prepare(Permission permission = Permission::KeepRecordings) {
+    Result result{};
+    output = Capture::AllOutput([&] {
+      result = Preparation::Prepare(permission, [&](char const* step) { steps.push_back(step); });
+    });
+    return result;
+  }
+
+  Slot slot;
+  std::string output;
+  Texts steps;
+  Descriptors::Watch descriptors;
+};
+
+Texts const kSteps = {"looking at the card", "making the partition", "making the file system",
+                      "testing the card"};
+
+TEST_F(CardPreparation, PartitionsFormatsAndTestsANewCardAndLeavesItUnmounted) {
+  EXPECT_EQ(Prepare(), Result::Done);
+  EXPECT_THAT(Machine::Trace(), ElementsAre(Sfdisk(4), Mkfs("-J size=64 "), kMountCall, kUmount,
+                                            kFsck, kMount, kUnlink, kUnmountCall));
+  EXPECT_THAT(steps, ElementsAreArray(kSteps));
+  EXPECT_FALSE(slot.isMounted);
+  EXPECT_EQ(slot.onCard, "");
+  EXPECT_THAT(descriptors.Opened(), IsEmpty());
+}
+
+TEST_F(CardPreparation, PrintsWhatTheCheckPrintsAndLogsNothing) {
+  LogFile::BeginAnew();
+  Prepare();
+  EXPECT_EQ(output, CardText::kChecked);
+  EXPECT_EQ(LogFile::Text(), "");
+  Tarvik::Ilog::Logger::GetInstance()->Close();
+}
+
+TEST_F(CardPreparation, NeedsNobodyWhoIsToldOfItsSteps) {
+  Capture::AllOutput(
+      [] { EXPECT_EQ(Preparation::Prepare(Permission::KeepRecordings), Result::Done); });
+}
+
+struct Size {
+  std::uint64_t bytes;
+  std::string eraseUnit;
+  int start;
+  std::string journal;
+};
+void PrintTo(Size const& size, std::ostream* stream) {
+  *stream << size.bytes << " bytes, erased by " << size.eraseUnit;
+}
+class CardPreparationOfACard : public CardPreparation, public testing::WithParamInterface<Size> {};
+
+TEST_P(CardPreparationOfACard, BeginsAtAMultipleOfWhatItErasesAndHasAShortJournal) {
+  Slot::SetSize(GetParam().bytes);
+  Slot::SetProperty("device/preferred_erase_size", GetParam().eraseUnit);
+  EXPECT_EQ(Prepare(), Result::Done);
+  EXPECT_THAT(Machine::Traced("system echo"), ElementsAre(Sfdisk(GetParam().start)));
+  EXPECT_THAT(Machine::Traced("system mkfs"), ElementsAre(Mkfs(GetParam().journal)));
+}
+
+INSTANTIATE_TEST_SUITE_P(OfSeveralSizes, CardPreparationOfACard,
+                         testing::Values(Size{32 * kGibibyte, "4194304", 4, "-J size=64 "},
+                                         Size{32 * kGibibyte, "524288", 4, "-J size=64 "},
+                                         Size{32 * kGibibyte, "3145728", 6, "-J size=64 "},
+                                         Size{32 * kGibibyte, "unknown", 4, "-J size=64 "},
+                                         Size{128 * kGibibyte, "16777216", 16, "-J size=64 "},
+                                         Size{4 * kGibibyte, "4194304", 4, "-J size=64 "},
+                                         Size{4 * kGibibyte - 512, "4194304", 4, ""},
+                                         Size{256ULL << 20, "4194304", 4, ""},
+                                         Size{255ULL << 20, "4194304", 1, ""},
+                                         Size{16ULL << 20, "4194304", 1, ""}));
+
+class CardPreparationOfAnyCard : public CardPreparation,
+                                 public testing::WithParamInterface<Found::Card> {};
+
+TEST_P(CardPreparationOfAnyCard, ErasesRecordingsOnlyWithTheSecondPermission) {
+  Slot::Put(GetParam().pieces);
+  if (GetParam().mayHoldRecordings) {
+    EXPECT_EQ(Prepare(), Result::MayHoldRecordings);
+    EXPECT_THAT(Machine::Trace(), IsEmpty());
+    EXPECT_THAT(steps, ElementsAre("looking at the card"));
+    EXPECT_EQ(Prepare(Permission::EraseRecordings), Result::Done);
+  } else {
+    EXPECT_EQ(Prepare(), Result::Done);
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(AsFound, CardPreparationOfAnyCard, testing::ValuesIn(Found::All()));
+
+TEST_F(CardPreparation, TellsWhatACardHoldsAndChangesNothing) {
+  Slot::Put(Found::Boot(0, 3, "EXFAT   "));
+  std::string const before = Machine::ReadFile(kCard);
+  CardContents contents;
+  EXPECT_EQ(Preparation::Look(contents), Result::Done);
+  EXPECT_EQ(contents.Describe(), "exFAT");
+  EXPECT_THAT(Machine::Trace(), IsEmpty());
+  EXPECT_EQ(Machine::ReadFile(kCard), before);
+  EXPECT_THAT(descriptors.Opened(), IsEmpty());
+}
+
+struct Refusal {
+  int error;
+  Result result;
+};
+void PrintTo(Refusal const& refusal, std::ostream* stream) {
+  *stream << strerrorname_np(refusal.error);
+}
+class CardPreparationIsRefused : public CardPreparation,
+                                 public testing::WithParamInterface<Refusal> {};
+
+TEST_P(CardPreparationIsRefused, ForACardThatCannotBeOpened) {
+  hooks().fault = [](Machine::Call const& call) -> std::optional<Machine::Failure> {
+    if (call.function != "open" || call.subject != kCard) return std::nullopt;
+    return GetParam().error;
+  };
+  EXPECT_EQ(Prepare(), GetParam().result);
+  EXPECT_EQ(Prepare(Permission::EraseRecordings), GetParam().result);
+  EXPECT_EQ(errno, GetParam().error);
+  EXPECT_THAT(Machine::Trace(), IsEmpty());
+  CardContents contents;
+  EXPECT_EQ(Preparation::Look(contents), GetParam().result);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    ByTheKernel, CardPreparationIsRefused,
+    testing::Values(Refusal{ENOENT, Result::Missing}, Refusal{ENODEV, Result::Missing},
+                    Refusal{ENXIO, Result::Missing}, Refusal{ENOMEDIUM, Result::Missing},
+                    Refusal{EBUSY, Result::InUse}, Refusal{EACCES, Result::Failed},
+                    Refusal{EMFILE, Result::Failed}));
+
+TEST_F(CardPreparation, IsRefusedForAWriteProtectedCard) {
+  Slot::SetProperty("ro", "1");
+  EXPECT_EQ(Prepare(Permission::EraseRecordings), Result::WriteProtected);
+  EXPECT_THAT(Machine::Trace(), IsEmpty());
+}
+
+TEST_F(CardPreparation, IsRefusedForACardThatCannotBeReadUnlessRecordingsMayBeErased) {
+  hooks().pread = [](auto&&...) -> std::optional<ssize_t> {
+    errno = EIO;
+    return -1;
+  };
+  EXPECT_EQ(Prepare(), Result::MayHoldRecordings);
+  EXPECT_THAT(Machine::Trace(), IsEmpty());
+  EXPECT_EQ(Prepare(Permission::EraseRecordings), Result::NotPartitioned);
+  EXPECT_THAT(Machine::Traced("system"), ElementsAre(Sfdisk(4)));
+}
+
+TEST_F(CardPreparation, IsDoneAgainAfterItWasLeftInTheMiddle) {
+  slot.mounts = false;
+  EXPECT_EQ(Prepare(), Result::NotMounted);
+  slot.mounts = true;
+  EXPECT_EQ(Prepare(), Result::Done);
+}
+
+TEST_F(CardPreparation, WaitsForThePartitionsNode) {
+  int pauses = 0;
+  hooks().fault = [&](Machine::Call const& call) -> std::optional<Machine::Failure> {
+    if (call.function == "nanosleep") ++pauses;
+    if (call.function == "open" && call.subject == kPartition && pauses < 3) return ENOENT;
+    return std::nullopt;
+  };
+  EXPECT_EQ(Prepare(), Result::Done);
+  EXPECT_EQ(Machine::Slept(), 300ms);
+}
+
+TEST_F(CardPreparation, DoesNotWaitForThePartitionsNodeForEver) {
+  hooks().fault = [&](Machine::Call const& call) -> std::optional<Machine::Failure> {
+    if (call.function == "open" && call.subject == kPartition) return EBUSY;
+    return std::nullopt;
+  };
+  EXPECT_EQ(Prepare(), Result::NotPartitioned);
+  EXPECT_EQ(Machine::Slept(), 5s);
+  EXPECT_THAT(Machine::Traced("system"), ElementsAre(Sfdisk(4)));
+}
+
+TEST_F(CardPreparation, FailsWhereTheTableDoesNotBecomeTheCards) {
+  slot.partitioned = [] { Slot::Clear(); };
+  EXPECT_EQ(Prepare(), Result::NotPartitioned);
+  EXPECT_EQ(Machine::Slept(), 5s);
+  EXPECT_THAT(Machine::Traced("system"), ElementsAre(Sfdisk(4)));
+}
+
+TEST_F(CardPreparation, FailsWhereTheKernelGoesOnWithTheOldTable) {
+  slot.shift = 2048;
+  EXPECT_EQ(Prepare(), Result::NotPartitioned);
+  EXPECT_THAT(Machine::Traced("system"), ElementsAre(Sfdisk(4), Mkfs("-J size=64 ")));
+  EXPECT_THAT(Machine::Traced("mount"), IsEmpty());
+}
+
+TEST_F(CardPreparation, FormatsNoOtherCardThatIsPutInMeanwhile) {
+  for (auto const& other : Found::All()) {
+    bool const hasOnePartition = other.description.find(',') == std::string::npos;
+    bool const isAlike = other.description.starts_with("MBR") && hasOnePartition;
+    if (isAlike && !other.mayHoldRecordings) continue;  // it has nothing to lose
+    slot.partitioned = [&] {
+      Slot::Clear();
+      Slot::Put(other.pieces);
+    };
+    EXPECT_EQ(Prepare(), Result::NotPartitioned) << other.name;
+    EXPECT_THAT(Machine::Traced("system mkfs"), IsEmpty());
+    Slot::Clear();
+  }
+}
+
+struct Fault {
+  char const* command;
+  int code;
+  Result result;
+  std::size_t steps;
+};
+void PrintTo(Fault const& fault, std::ostream* stream) {
+  *stream << fault.command << fault.code;
+}
+class CardPreparationFails : public CardPreparation, public testing::WithParamInterface<Fault> {};
+
+TEST_P(CardPreparationFails, WithTheFirstCommandThatFailsAndMayBeTriedAgain) {
+  slot.failing = GetParam().command;
+  slot.code = GetParam().code;
+  EXPECT_EQ(Prepare(), GetParam().result);
+  EXPECT_THAT(steps, ElementsAreArray(Texts(kSteps.begin(),
+                                            kSteps.begin() + static_cast<int>(GetParam().steps))));
+  EXPECT_FALSE(slot.isMounted);
+  EXPECT_THAT(descriptors.Opened(), IsEmpty());
+  slot.failing = "none";
+  EXPECT_EQ(Prepare(), Result::Done);
+}
+
+INSTANTIATE_TEST_SUITE_P(AtAnyStep, CardPreparationFails,
+                         testing::Values(Fault{"echo", 1, Result::NotPartitioned, 2},
+                                         Fault{"echo", 127, Result::NotPartitioned, 2},
+                                         Fault{"mkfs", 1, Result::NotFormatted, 3},
+                                         Fault{"mkfs", 127, Result::NotFormatted, 3},
+                                         Fault{"fsck", 1, Result::CheckFailed, 4},
+                                         Fault{"fsck", 8, Result::CheckFailed, 4},
+                                         Fault{"mount", 32, Result::NotKept, 4}));
+
+TEST_F(CardPreparation, FailsWithACommandThatASignalEnded) {
+  hooks().system = [](std::string const&) { return Answer{9, 0}; };
+  EXPECT_EQ(Prepare(), Result::NotPartitioned);
+}
+
+TEST_F(CardPreparation, FailsForAFileSystemThatTheKernelRefuses) {
+  slot.mounts = false;
+  EXPECT_EQ(Prepare(), Result::NotMounted);
+  EXPECT_THAT(Machine::Trace().back(), StartsWith("mount "));
+}
+
+TEST_F(CardPreparation, FailsForACardThatLosesTheTestFile) {
+  slot.lose = [this] { slot.onCard.clear(); };
+  EXPECT_EQ(Prepare(), Result::NotKept);
+  EXPECT_EQ(Machine::Trace().back(), kUnmountCall);
+}
+
+TEST_F(CardPreparation, FailsForACardThatReturnsOtherBytes) {
+  for (auto const& change : std::vector<std::function<void()>>{
+           [this] { slot.onCard.back() ^= 1; }, [this] { slot.onCard.pop_back(); },
+           [this] { slot.onCard += '\0'; }, [this] { slot.onCard[0] = '1'; }}) {
+    slot.lose = change;
+    EXPECT_EQ(Prepare(), Result::NotKept);
+    EXPECT_FALSE(slot.isMounted);
+    slot.onCard.clear();
+  }
+}
+
+TEST_F(CardPreparation, WritesATestFileOfManyBlocks) {
+  std::size_t length = 0;
+  slot.lose = [&] { length = slot.onCard.size(); };
+  Prepare();
+  EXPECT_EQ(length, 48890U);
+}
+
+TEST_F(CardPreparation, EndsWithWhatTheCallersOwnFunctionThrows) {
+  for (std::size_t last = 0; last < kSteps.size(); ++last) {
+    std::size_t step = 0;
+    Capture::AllOutput([&] {
+      auto const prepare = [&] {
+        Preparation::Prepare(Permission::KeepRecordings, [&](char const*) {
+          if (step++ == last) throw std::runtime_error("stop");
+        });
+      };
+      EXPECT_THROW(prepare(), std::runtime_error);
+    });
+    EXPECT_FALSE(slot.isMounted);
+    EXPECT_THAT(descriptors.Opened(), IsEmpty());
+  }
+}
+
+TEST_F(CardPreparation, HasATextForEachResult) {
+  EXPECT_STREQ(Preparation::Describe(Result::Done), "done");
+  EXPECT_STREQ(Preparation::Describe(Result::Missing), "there is no card");
+  EXPECT_STREQ(Preparation::Describe(Result::WriteProtected), "the card is write-protected");
+  EXPECT_STREQ(Preparation::Describe(Result::InUse), "the card is in use");
+  EXPECT_STREQ(Preparation::Describe(Result::MayHoldRecordings), "the card may hold recordings");
+  EXPECT_STREQ(Preparation::Describe(Result::NotPartitioned), "the card could not be partitioned");
+  EXPECT_STREQ(Preparation::Describe(Result::NotFormatted), "the file system could not be made");
+  EXPECT_STREQ(Preparation::Describe(Result::NotMounted), "the file system cannot be mounted");
+  EXPECT_STREQ(Preparation::Describe(Result::CheckFailed), "the check of the file system failed");
+  EXPECT_STREQ(Preparation::Describe(Result::NotKept), "the card does not keep what is written");
+  EXPECT_STREQ(Preparation::Describe(Result::Failed), "the card cannot be opened");
+}
+
+/// A card of FAT that is prepared.
+class Preparing {
+ public:
+  Preparing() { Slot::Put(Found::Boot(0, 54, "FAT16   ")); }
+
+  void Run() {
+    Capture::AllOutput(
+        [&] { outcome = Preparation::Describe(Preparation::Prepare(Permission::KeepRecordings)); });
+  }
+  std::string Outcome() { return outcome + (slot.isMounted ? ", mounted" : ""); }
+
+ private:
+  Slot slot;
+  std::string outcome;
+};
+
+// A card that cannot be read may hold recordings. One that was partitioned is read until that is
+// seen; one whose file system is not seen counts as not partitioned. What comes after the test does
+// not matter.
+TEST(CardPreparationWithEveryCallFailing, TellsTheStepAtWhichItEnded) {
+  auto const text = [](Result result) { return std::string(Preparation::Describe(result)); };
+  FaultTable::Try<Preparing>("done", {{"open *: EINTR", kNoHarm},
+                                      {"pread64 *: EINTR", kNoHarm},
+                                      {"pread64 *: short", kNoHarm},
+                                      {"open /dev/mmcblk1 (1): EBUSY", text(Result::InUse)},
+                                      {"open /dev/mmcblk1 (1): ENOENT", text(Result::Missing)},
+                                      {"open /dev/mmcblk1 (1): ENODEV", text(Result::Missing)},
+                                      {"open /dev/mmcblk1 (1): ENXIO", text(Result::Missing)},
+                                      {"open /dev/mmcblk1 (1): *", text(Result::Failed)},
+                                      {"pread64 * ([1-3]): *", text(Result::MayHoldRecordings)},
+                                      {"system echo *", text(Result::NotPartitioned)},
+                                      {"open /dev/mmcblk1p1 *", kNoHarm},
+                                      {"system mkfs.ext4 *", text(Result::NotFormatted)},
+                                      {"open /dev/mmcblk1 (2): *", kNoHarm},
+                                      {"open /dev/mmcblk1 (3): *", text(Result::NotPartitioned)},
+                                      {"pread64 * ([4-7]): *", kNoHarm},
+                                      {"pread64 *", text(Result::NotPartitioned)},
+                                      {"mount *", text(Result::NotMounted)},
+                                      {"writev *: EINTR", kNoHarm},
+                                      {"writev *: short", kNoHarm},
+                                      {"writev *", text(Result::NotKept)},
+                                      {"system fsck *", text(Result::CheckFailed)},
+                                      {"fopen /mnt/*", text(Result::NotKept)},
+                                      {"read /mnt/*: EINTR", kNoHarm},
+                                      {"read /mnt/*: short", kNoHarm},
+                                      {"read /mnt/*", text(Result::NotKept)},
+                                      {"umount *", "done, mounted"},
+                                      {"ioctl *", kNoHarm},
+                                      {"access /sys/*", kNoHarm},
+                                      {"unlink *", kNoHarm}});
+}
+
+}  // namespace
