@@ -9,6 +9,7 @@ from pathlib import Path
 
 from board.image import Image
 from board.machine import STARTED, Hardware, Machine
+from board.own import OwnFile
 from board.parts import get_parts, pack
 from board.tools import Failure, Unavailable, run
 
@@ -73,6 +74,7 @@ class Board:
         self.files = files
         self.notes: list[str] = []
         self._programs = programs
+        self._own: list[OwnFile] = []
         self._echo = echo
         self._deadline = time.monotonic() + limit
         shutil.rmtree(folder, ignore_errors=True)
@@ -88,11 +90,16 @@ class Board:
         `files` are further files of the board by their absolute names, `options` are QEMU's. The
         storage persists from one machine to the next.
         """
+        hardware = self.hardware(script, card, clock, files, options)
+        return Machine(hardware, self.log, self._deadline - time.monotonic(), self._echo)
+
+    def hardware(self, script: str, card: Image | str | None = None, clock: str = "utc",
+                 files: dict[str, str] | None = None, options: tuple[str, ...] = ()) -> Hardware:
+        """Makes what `start` powers on."""
         initramfs = self._make_initramfs({**(files or {}), "/etc/board/run": "#!/bin/sh\n" + script,
                                           **({} if card else {"/etc/board/no-card": ""})})
-        hardware = Hardware(get_parts(), initramfs, self.storage.path,
-                            card.path if isinstance(card, Image) else card, clock, list(options))
-        return Machine(hardware, self.log, self._deadline - time.monotonic(), self._echo)
+        return Hardware(get_parts(), initramfs, self.storage.path,
+                        card.path if isinstance(card, Image) else card, clock, list(options))
 
     def run(self, script: str, card: Image | str | None = None, starts: int = 1,
             **options) -> Machine:
@@ -102,13 +109,9 @@ class Board:
         expect_equal(machine.boots, starts, "starts")
         return machine
 
-    def shell(self):
-        """Gives the terminal a shell on the board; Ctrl-A X ends it."""
-        initramfs = self._make_initramfs({
-            "/etc/board/run": "#!/bin/sh\nstty echo onlcr\nexec setsid cttyhack sh -i\n"})
-        card = Image.card(self.folder / "card.img")
-        hardware = Hardware(get_parts(), initramfs, self.storage.path, card.path)
-        subprocess.run([*hardware.command(), "-serial", "mon:stdio"])
+    def add(self, own: str):
+        """Puts FILE[:FOLDER], a file of one's own, on the board when it is powered on next."""
+        self._own.append(OwnFile(own))
 
     def losing_writes(self, image: Image) -> str:
         """Returns the image as a drive that loses whatever is written, and does not tell.
@@ -147,6 +150,10 @@ class Board:
             path.chmod(0o755)
         for program, place in self._programs.items():
             _install(program, overlay / place)
+        for own in self._own:
+            place = overlay / own.folder.relative_to("/")
+            place.mkdir(parents=True, exist_ok=True)
+            shutil.copy(own.file, place)
         initramfs = self.folder / "initramfs"
         initramfs.write_bytes(get_parts().user_space.read_bytes() + pack(overlay))
         shutil.rmtree(overlay)

@@ -6,7 +6,9 @@ import subprocess
 import sys
 import threading
 import time
+from contextlib import contextmanager
 from dataclasses import dataclass, field
+from functools import cache
 from pathlib import Path
 
 from board.parts import Parts
@@ -28,6 +30,71 @@ WAKING = 0.5
 STARTED = "board: started after "
 
 
+@cache
+def drive_options() -> str:
+    """Returns the options of all drives.
+
+    An emulated card has one sector after the other read and written, which costs two threads that
+    wake each other for each. By io_uring, where the host lets QEMU have it, the asking one does it.
+    """
+    options = "format=raw,cache=unsafe,aio=io_uring"
+    tried = subprocess.run(["qemu-system-arm", "-M", "none", "-nodefaults", "-display", "none",
+                            "-monitor", "stdio", "-drive", f"if=none,{options},file=/dev/null"],
+                           input=b"quit\n", capture_output=True)
+    return options if tried.returncode == 0 else "format=raw,cache=unsafe"
+
+
+class Ended(Failure):
+    """The machine has ended before it did what it was asked."""
+
+
+class Control:
+    """One connection with QEMU's control protocol."""
+
+    def __init__(self, connection: socket.socket):
+        self.events: list[str] = []
+        self._socket = connection
+        self._answers = connection.makefile("r")
+
+    def greet(self):
+        """Takes what QEMU says first, after which it takes commands."""
+        self._answers.readline()
+        self.run("qmp_capabilities")
+
+    def run(self, command: str, **arguments):
+        """Runs one command and returns its result."""
+        try:
+            request = json.dumps({"execute": command, "arguments": arguments})
+            self._socket.sendall(request.encode())
+            for line in self._answers:
+                answer = json.loads(line)
+                if "return" in answer:
+                    return answer["return"]
+                if "error" in answer:
+                    raise Failure(f"{command}: {answer['error']['desc']}")
+                self.events.append(answer["event"])
+        except OSError:
+            pass
+        raise Ended(f"the machine has ended before {command}")
+
+    def pull_card(self):
+        self.run("eject", device="card", force=True)
+
+    def insert_card(self, image: Path):
+        self.run("blockdev-change-medium", device="card", filename=str(image), format="raw")
+
+    def close(self):
+        """Reads the events up to the machine's end, which must be near."""
+        if self._answers.closed:
+            return
+        try:
+            self.events += [json.loads(line).get("event") for line in self._answers]
+        except OSError:
+            pass
+        self._answers.close()
+        self._socket.close()
+
+
 @dataclass
 class Hardware:
     """What a machine consists of. A drive is the path of an image, or a QEMU file name such as
@@ -42,7 +109,7 @@ class Hardware:
     options: list[str] = field(default_factory=list)
 
     def command(self) -> list[str]:
-        card = f",format=raw,cache=unsafe,file={self.card}" if self.card else ""
+        card = f",{drive_options()},file={self.card}" if self.card else ""
         return [
             # The machine dies with its owner, however that ends.
             "setpriv", "--pdeathsig", "KILL",
@@ -50,7 +117,7 @@ class Hardware:
             "-display", "none",
             "-kernel", str(self.parts.kernel), "-dtb", str(self.parts.device_tree),
             "-initrd", str(self.initramfs), "-append", KERNEL_ARGUMENTS,
-            "-drive", f"if=sd,index=0,format=raw,cache=unsafe,id=storage,file={self.storage}",
+            "-drive", f"if=sd,index=0,{drive_options()},id=storage,file={self.storage}",
             "-drive", f"if=sd,index=1,id=card{card}",
             "-device", "ds1338,bus=i2c-bus.0,address=0x68",
             "-rtc", f"base={self.clock},clock=vm",
@@ -67,7 +134,6 @@ class Machine:
         The console is appended to `log` and, if `echo`, also shown.
         """
         self.lines: list[str] = []
-        self.events: list[str] = []
         self._log, self._echo = log, echo
         self._read = 0  # lines already looked at by wait()
         self._ended = False
@@ -81,15 +147,14 @@ class Machine:
                 [*hardware.command(), *TIME, "-serial", "stdio",
                  "-chardev", f"socket,id=control,fd={fd}", "-mon", "chardev=control,mode=control"],
                 stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=complaints, pass_fds=[fd])
-        self._control = ours
-        self._answers = ours.makefile("r")
+        self._control = Control(ours)
         self._console = threading.Thread(target=self._read_console)
         self._console.start()
         self._timer = threading.Timer(limit, self._out_of_time)
         self._timer.start()
         try:
-            self._answers.readline()  # the greeting
-            self.control("qmp_capabilities")
+            with self._until_ended():
+                self._control.greet()
         except BaseException:
             self.cut_power()
             raise
@@ -108,7 +173,7 @@ class Machine:
     @property
     def resets(self) -> int:
         """How often the board itself has asked for a reset; known when the machine has ended."""
-        return self.events.count("RESET")
+        return self._control.events.count("RESET")
 
     def wait(self, text: str) -> str:
         """Returns the first line with this text after the line found before."""
@@ -166,26 +231,20 @@ class Machine:
         self._close()
 
     def pull_card(self):
-        self.control("eject", device="card", force=True)
+        with self._until_ended():
+            self._control.pull_card()
 
     def insert_card(self, image: Path):
-        self.control("blockdev-change-medium", device="card", filename=str(image), format="raw")
+        with self._until_ended():
+            self._control.insert_card(image)
 
-    def control(self, command: str, **arguments):
-        """Runs one command of QEMU's control protocol and returns its result."""
+    @contextmanager
+    def _until_ended(self):
+        """Tells how the machine ended if it does before what is asked of it."""
         try:
-            request = json.dumps({"execute": command, "arguments": arguments})
-            self._control.sendall(request.encode())
-            for line in self._answers:
-                answer = json.loads(line)
-                if "return" in answer:
-                    return answer["return"]
-                if "error" in answer:
-                    raise Failure(f"{command}: {answer['error']['desc']}")
-                self.events.append(answer["event"])
-        except OSError:
-            pass
-        raise Failure(f"{self._end()} before {command}")
+            yield
+        except Ended:
+            raise Failure(f"{self._end()} meanwhile") from None
 
     def _type(self, text: str):
         try:
@@ -196,9 +255,9 @@ class Machine:
 
     def _wake(self):
         try:
-            self.control("query-status")
-        except Failure:
-            pass  # it has ended meanwhile
+            self._control.run("query-status")
+        except Ended:
+            pass
 
     def _read_console(self):
         with open(self._log, "a") as log:
@@ -227,11 +286,5 @@ class Machine:
     def _close(self):
         self._timer.cancel()
         self._console.join()
-        if not self._answers.closed:
-            try:
-                self.events += [json.loads(line).get("event") for line in self._answers]
-            except OSError:
-                pass
-            self._answers.close()
-            self._control.close()
-            self._process.stdin.close()
+        self._control.close()
+        self._process.stdin.close()

@@ -1,6 +1,7 @@
 #!/usr/bin/env python3
 """Tests of the comfort of the commands that a person types."""
 
+import struct
 import subprocess
 import tempfile
 import unittest
@@ -81,6 +82,41 @@ class Scripts(unittest.TestCase):
             program.chmod(0o755)
             self.assertIn("***Failed", self.output(f"cd {folder}; PATH=.:$PATH; run_tests a"))
 
+    def test_the_board_takes_no_file_that_it_has_no_use_for(self):
+        with tempfile.TemporaryDirectory() as folder:
+            for name, complaint in {
+                    "missing": "there is no", ".": "is no file", "text:etc": "slash",
+                    "text:/root/x": "hides it", "text:/mnt/sdcard": "hides it",
+                    **{"64-bit x86": "is for 64-bit x86", "64-bit ARM": "is for 64-bit ARM",
+                       "strange": "(number 999)", "big-endian ARM": "is for big-endian ARM",
+                       "soft": "is for ARM with soft float"}}.items():
+                self.make_programs(Path(folder))
+                result = self.run_script(ROOT / "scripts/board", "--add", f"{folder}/{name}")
+                self.assertEqual(result.returncode, 1, name)
+                self.assertIn(complaint, result.stderr, name)
+                if "is for" in complaint:
+                    self.assertIn("cmake --preset armhf", result.stderr)
+
+    def test_the_board_takes_programs_of_its_own_and_what_is_none(self):
+        with tempfile.TemporaryDirectory() as folder:
+            self.make_programs(Path(folder))
+            for name in ("hard", "text", "text:/opt", "cut short"):
+                result = self.run_script(ROOT / "scripts/board", "--list", "--add",
+                                         f"{folder}/{name}")
+                self.assertEqual((result.returncode, result.stderr), (0, ""), name)
+
+    def make_programs(self, folder: Path):
+        """Makes heads of programs, which is what is looked at, and files that are none."""
+        for name, bits, order, machine, flags in (
+                ("64-bit x86", 2, 1, 62, 0), ("64-bit ARM", 2, 1, 183, 0),
+                ("strange", 1, 1, 999, 0), ("big-endian ARM", 1, 2, 40, 0x5000400),
+                ("soft", 1, 1, 40, 0x5000200), ("hard", 1, 1, 40, 0x5000400)):
+            byte_order = "<" if order == 1 else ">"
+            (folder / name).write_bytes(b"\x7fELF" + bytes([bits, order]) + bytes(10) + struct.pack(
+                f"{byte_order}HHIIIIIHHHHHH", 2, machine, 1, 0, 0, 0, flags, 52, 0, 0, 0, 0, 0))
+        (folder / "text").write_text("text" * 20)
+        (folder / "cut short").write_bytes(b"\x7fELF")
+
     def results_of_tests(self, **tests) -> str:
         """What is said of tests, each a command of the shell and its properties."""
         lines = []
@@ -105,8 +141,8 @@ class Scripts(unittest.TestCase):
         return subprocess.run(arguments, capture_output=True, text=True, timeout=60,
                               stdin=subprocess.DEVNULL, check=True).stdout
 
-    def run_script(self, script: Path, argument: str):
-        return subprocess.run([script, argument], capture_output=True, text=True, timeout=60,
+    def run_script(self, script: Path, *arguments: str):
+        return subprocess.run([script, *arguments], capture_output=True, text=True, timeout=60,
                               stdin=subprocess.DEVNULL)
 
 
