@@ -14,6 +14,7 @@
 #include <thread>
 #include <vector>
 
+#include "DiskUtils/CapacityProof.h"
 #include "DiskUtils/System.h"
 #include "FileUtils/FilesManager.h"
 #include "RTC/Rtc.h"
@@ -24,6 +25,7 @@
 
 using Quellon::System;
 using Quellon::WatchdogGuard;
+using Quellon::DiskUtils::CapacityProof;
 using Quellon::DiskUtils::Disk;
 using Quellon::FileUtils::FilesManager;
 using Quellon::FileUtils::Ifile;
@@ -106,6 +108,21 @@ bool RemoveIfBigger(Arguments const& arguments) {
 
 bool Format(Arguments const& arguments) {
   return MountedCard().Fromat(arguments[0] == "scan");
+}
+
+// Of the mounted card. Positions are -1 where there is none.
+bool ProveCapacity(Arguments const& arguments) {
+  CapacityProof const proof("/mnt/sdcard/", std::strtoull(arguments[1].c_str(), nullptr, 10));
+  auto const report = arguments[0] == "all" ? proof.ProveAll() : proof.ProveSamples();
+  auto const position = [](auto const& bytes) {
+    return bytes ? static_cast<long long>(*bytes) : -1LL;
+  };
+  std::cout << "proof " << CapacityProof::Describe(report.result) << ", error " << report.error
+            << "\nroom " << report.roomBytes << "\nproved " << report.provedBytes << "\nwrong "
+            << report.wrongBytes << "\nfirst " << position(report.firstWrong) << "\norigin "
+            << position(report.origin) << "\nrates " << report.writtenPerSecond << ' '
+            << report.readPerSecond << std::endl;
+  return report.result == CapacityProof::Result::Proved;
 }
 
 bool Reboot(Arguments const& /*none*/) {
@@ -197,6 +214,7 @@ constexpr std::array kCommands = {
     Command{"stat", "PATH", Stat},
     Command{"remove-if-bigger", "PATH LIMIT", RemoveIfBigger},
     Command{"format", "scan|plain", Format},
+    Command{"prove-capacity", "all|samples BYTES-TO-LEAVE", ProveCapacity},
     Command{"reboot", "", Reboot},
     Command{"set-date", "SECONDS", SetDate},
     Command{"set-rtc", "SECONDS", SetRtc},
