@@ -215,7 +215,7 @@ class Run {
     Result const written = Write(room);
     if (written != Result::Proved) return written;
     Result const read = Read(room);
-    return report.wrongBytes > 0 ? Result::Wrong : read;
+    return report.firstWrong ? Result::Wrong : read;
   }
 
  private:
@@ -293,8 +293,8 @@ Result Measure(std::string const& directory, std::uint64_t bytesToLeave,
   std::uint64_t const free = space.f_bfree * unit;
   std::uint64_t const left =
       std::max(bytesToLeave, std::min(space.f_blocks * unit / 32, kMostKept));
-  report.roomBytes = free > left ? (free - left) / kBlockBytes * kBlockBytes : 0;
-  return report.roomBytes > 0 ? Result::Proved : Result::NoRoom;
+  report.roomBytes = (free - std::min(free, left)) / kBlockBytes * kBlockBytes;
+  return report.roomBytes == 0 ? Result::NoRoom : Result::Proved;
 }
 
 CapacityProof::Report Prove(std::string const& directory, std::uint64_t bytesToLeave,

@@ -181,6 +181,18 @@ TEST_F(CapacityProof, TellsHowFastTheCardIs) {
   EXPECT_EQ(report.writtenPerSecond, 0);
 }
 
+TEST_F(CapacityProof, TellsHowFastACardIsThatLies) {
+  Medium medium;
+  medium.place = Medium::Loses(kMiB);
+  hooks().monotonic = timespec{100, 0};
+  auto const report = Proof(FakeCard::kMountPoint).ProveAll([](auto&&...) {
+    hooks().monotonic->tv_sec += 1;
+    return true;
+  });
+  EXPECT_EQ(report.result, Result::Wrong);
+  EXPECT_EQ(report.readPerSecond, kRoom / 4);
+}
+
 TEST_F(CapacityProof, ReadsOnlyWhenAllIsWrittenAndFlushed) {
   Medium medium;
   RoomyCard::Prove();
@@ -338,6 +350,14 @@ TEST_F(CapacityProof, TellsHowFarItIs) {
                                 std::pair(3 * kMiB, all), std::pair(kRoom, all),
                                 std::pair(kRoom + kMiB, all), std::pair(kRoom + 2 * kMiB, all),
                                 std::pair(kRoom + 3 * kMiB, all), std::pair(all, all)));
+}
+
+TEST(CapacityProofOfWholePieces, HasNoEmptyOne) {
+  RoomyCard const card(2 * kMiB);
+  int told = 0;
+  auto const report = Proof(FakeCard::kMountPoint).ProveAll([&](auto&&...) { return ++told > 0; });
+  EXPECT_EQ(report.result, Result::Proved);
+  EXPECT_EQ(told, 4);
 }
 
 /// A report of a proof that is cancelled when so much is done.
