@@ -15,7 +15,7 @@
 #include <thread>
 #include <vector>
 
-#include "DiskUtils/CardPreparation.h"
+#include "DiskUtils/CapacityProof.h"
 #include "DiskUtils/System.h"
 #include "FileUtils/FilesManager.h"
 #include "RTC/ClockFloor.h"
@@ -29,8 +29,7 @@
 
 using Quellon::System;
 using Quellon::WatchdogGuard;
-using Quellon::DiskUtils::CardContents;
-using Quellon::DiskUtils::CardPreparation;
+using Quellon::DiskUtils::CapacityProof;
 using Quellon::DiskUtils::Disk;
 using Quellon::FileUtils::FilesManager;
 using Quellon::FileUtils::Ifile;
@@ -116,23 +115,19 @@ bool Format(Arguments const& arguments) {
   return MountedCard().Fromat(arguments[0] == "scan");
 }
 
-bool ShowCard(Arguments const& /*none*/) {
-  CardContents card;
-  auto const result = CardPreparation::Look(card);
-  bool const isSeen = result == CardPreparation::Result::Done;
-  std::cout << "card " << (isSeen ? card.Describe() : CardPreparation::Describe(result))
-            << std::endl;
-  return isSeen;
-}
-
-bool Prepare(Arguments const& arguments) {
-  using Permission = CardPreparation::Permission;
-  bool const erases = arguments[0] == "erase";
-  auto const permission = erases ? Permission::EraseRecordings : Permission::KeepRecordings;
-  auto const result = CardPreparation::Prepare(
-      permission, [](char const* step) { std::cout << "step " << step << std::endl; });
-  std::cout << "prepare " << CardPreparation::Describe(result) << std::endl;
-  return result == CardPreparation::Result::Done;
+// Of the mounted card. Positions are -1 where there is none.
+bool ProveCapacity(Arguments const& arguments) {
+  CapacityProof const proof("/mnt/sdcard/", std::strtoull(arguments[1].c_str(), nullptr, 10));
+  auto const report = arguments[0] == "all" ? proof.ProveAll() : proof.ProveSamples();
+  auto const position = [](auto const& bytes) {
+    return bytes ? static_cast<long long>(*bytes) : -1LL;
+  };
+  std::cout << "proof " << CapacityProof::Describe(report.result) << ", error " << report.error
+            << "\nroom " << report.roomBytes << "\nproved " << report.provedBytes << "\nwrong "
+            << report.wrongBytes << "\nfirst " << position(report.firstWrong) << "\norigin "
+            << position(report.origin) << "\nrates " << report.writtenPerSecond << ' '
+            << report.readPerSecond << std::endl;
+  return report.result == CapacityProof::Result::Proved;
 }
 
 bool Reboot(Arguments const& /*none*/) {
@@ -249,8 +244,7 @@ constexpr std::array kCommands = {
     Command{"stat", "PATH", Stat},
     Command{"remove-if-bigger", "PATH LIMIT", RemoveIfBigger},
     Command{"format", "scan|plain", Format},
-    Command{"card", "", ShowCard},
-    Command{"prepare", "keep|erase", Prepare},
+    Command{"prove-capacity", "all|samples BYTES-TO-LEAVE", ProveCapacity},
     Command{"reboot", "", Reboot},
     Command{"set-date", "SECONDS", SetDate},
     Command{"set-rtc", "SECONDS", SetRtc},

@@ -128,7 +128,7 @@ class LoggedFile:
             return 0, struct.pack("<QII", 0, DIRECT_IO, 0)
         if kind == READ:
             offset, size = struct.unpack_from("<QI", request, 8)
-            return 0, bytes(self.content[offset:offset + size])
+            return 0, self._read(offset, size)
         if kind == WRITE:
             offset, size = struct.unpack_from("<QI", request, 8)
             self._write(offset, request[40:40 + size])
@@ -141,6 +141,9 @@ class LoggedFile:
         size = len(self.content)
         return struct.pack("<QII" "QQQ" "QQQ" "III" "IIIIIII", 0, 0, 0, 1, size, size // SECTOR,
                            0, 0, 0, 0, 0, 0, 0o100600, 1, 0, 0, 0, 4096, 0)
+
+    def _read(self, offset: int, size: int) -> bytes:
+        return bytes(self.content[offset:offset + size])
 
     def _write(self, offset: int, data: bytes):
         self.content[offset:offset + len(data)] = data

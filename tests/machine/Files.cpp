@@ -41,7 +41,7 @@ extern "C" {
 
 int open(char const* path, int flags, ...) {
   mode_t mode = 0;
-  if ((flags & O_CREAT) != 0) {
+  if ((flags & O_CREAT) != 0 || (flags & O_TMPFILE) == O_TMPFILE) {
     va_list arguments;
     va_start(arguments, flags);
     mode = va_arg(arguments, mode_t);
@@ -51,7 +51,10 @@ int open(char const* path, int flags, ...) {
   Place const place(path);
   if (IsTooLarge(place, flags)) return Fail(EOVERFLOW);
   static auto* const next = TheReal<int(char const*, int, ...)>("open");
-  return next(place, flags, mode);
+  int const opened = next(place, flags, mode);
+  // Older kernels have no direct I/O for what is in memory, as the private folder is.
+  bool const isRefused = opened < 0 && errno == EINVAL && (flags & O_DIRECT) != 0;
+  return isRefused && Real(path) != path ? next(place, flags & ~O_DIRECT, mode) : opened;
 }
 
 FILE* fopen64(char const* path, char const* mode) {
@@ -119,6 +122,18 @@ int fsync(int fd) {
   static auto* const next = TheReal<decltype(fsync)>("fsync");
   auto const call = [=] { return next(fd); };
   return DoAndDeny("fsync", fd, -1, [=] { return Answered(hooks().fsync, call, fd); });
+}
+
+// The private folder may be in memory, all of which a mistake must not take.
+int fallocate(int fd, int mode, off_t offset, off_t length) {
+  constexpr off_t kMost = 64 << 20;
+  static auto* const next = TheReal<decltype(fallocate)>("fallocate");
+  if (auto const failure = FailureOn("fallocate", fd)) return Fail(failure->value);
+  auto const call = [=] {
+    bool const isRefused = !profile().isReached && length > kMost;
+    return isRefused ? Fail(ENOSPC) : next(fd, mode, offset, length);
+  };
+  return Answered(hooks().fallocate, call, fd, mode, offset, length);
 }
 
 int fstat(int fd, struct stat* status) noexcept {

@@ -113,6 +113,7 @@ struct Hooks {
   Hook<std::string const& /*from*/, std::string const& /*to*/> rename;
   Hook<std::string const& /*path*/> chdir;
   Hook<int /*fd*/> fsync;
+  Hook<int /*fd*/, int /*mode*/, off_t /*offset*/, off_t /*length*/> fallocate;
   TransferHook<void* /*data*/, std::size_t> read;
   TransferHook<void* /*data*/, std::size_t, off64_t /*place*/> pread;
   TransferHook<void const* /*data*/, std::size_t> write;  ///< not asked for what the console gets

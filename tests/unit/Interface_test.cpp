@@ -14,14 +14,14 @@
 #include <ctime>
 #include <exception>
 #include <fstream>
+#include <functional>
 #include <list>
 #include <map>
 #include <memory>
 #include <string>
 #include <type_traits>
 
-#include "DiskUtils/CardDirectory.h"
-#include "DiskUtils/CardState.h"
+#include "DiskUtils/CapacityProof.h"
 #include "DiskUtils/CheckDisk.h"
 #include "DiskUtils/Disk.h"
 #include "DiskUtils/HealthStatus.h"
@@ -408,6 +408,21 @@ static_assert(
     is_same_v<decltype(&WatchdogGuard::IsStoppedByClose), bool (WatchdogGuard::*)() const>);
 static_assert(
     is_same_v<decltype(&WatchdogGuard::Describe), char const* (*)(WatchdogResult) noexcept>);
+
+using Quellon::DiskUtils::CapacityProof;
+static_assert(!std::is_polymorphic_v<CapacityProof>);
+static_assert(is_constructible_v<CapacityProof, string>);
+static_assert(is_constructible_v<CapacityProof, string, std::uint64_t>);
+static_assert(
+    is_same_v<decltype(&CapacityProof::ProveAll),
+              CapacityProof::Report (CapacityProof::*)(CapacityProof::Progress const&) const>);
+static_assert(
+    is_same_v<decltype(&CapacityProof::ProveSamples),
+              CapacityProof::Report (CapacityProof::*)(CapacityProof::Progress const&) const>);
+static_assert(
+    is_same_v<CapacityProof::Progress, std::function<bool(std::uint64_t, std::uint64_t)>>);
+static_assert(
+    is_same_v<decltype(&CapacityProof::Describe), char const* (*)(CapacityProof::Result) noexcept>);
 
 using Quellon::RTC::Rtc;
 static_assert(is_constructible_v<Rtc, string>);
