@@ -23,8 +23,9 @@ INSANE_SKIP:append = " 32bit-time"
 # Other C libraries have wider ones always.
 COMPATIBLE_HOST:libc-musl = "null"
 
-PACKAGES =+ "${PN}-recorder"
+PACKAGES =+ "${PN}-recorder ${PN}-tools"
 FILES:${PN}-recorder = "${bindir}/recorder ${systemd_system_unitdir}/quellon-recorder.service"
+FILES:${PN}-tools = "${bindir}/quellon ${datadir}/bash-completion ${datadir}/quellon/monitoring"
 
 # The library calls fsck.ext4, mkfs.ext4 and sfdisk.
 RRECOMMENDS:${PN} = "e2fsprogs-e2fsck e2fsprogs-mke2fs util-linux-sfdisk"

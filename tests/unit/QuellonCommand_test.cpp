@@ -1,0 +1,659 @@
+// The technician's command: its command line, the forms of its output, and what it must not do.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <linux/rtc.h>
+#include <pty.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <filesystem>
+#include <fstream>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "base/Json.h"
+#include "base/UniqueFd.h"
+#include "tests/machine/Failures.h"
+#include "tests/machine/Machine.h"
+#include "tests/support/ChildProcess.h"
+#include "tests/support/CounterFile.h"
+#include "tests/support/Descriptors.h"
+#include "tests/support/FakeDevice.h"
+#include "tests/support/ToolRun.h"
+#include "tools/quellon/Progress.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+namespace Json = Tarvik::Json;
+using Machine::Answer;
+using Machine::Call;
+using Machine::hooks;
+using Quellon::Tool::Fine;
+using Quellon::Tool::Refused;
+using Quellon::Tool::Unknown;
+using Quellon::Tool::Usage;
+using Quellon::Tool::Wrong;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::Not;
+using testing::StartsWith;
+
+class QuellonCommand : public testing::Test {
+ protected:
+  /// The processes of others cannot be looked at, as without root.
+  static void LoseRoot() {
+    hooks().fault = [](Call const& call) -> std::optional<Machine::Failure> {
+      bool const isOthers = call.function == "opendir" && call.subject.starts_with("/proc/812/fd");
+      bool const isRoots = call.subject.starts_with("/root/");
+      return isOthers || isRoots ? std::optional<Machine::Failure>(EACCES) : std::nullopt;
+    };
+  }
+
+  FakeDevice device;
+};
+
+TEST_F(QuellonCommand, HasHelpForItselfAndForEachCommand) {
+  ToolRun const all({"--help"});
+  EXPECT_EQ(all.status, Fine);
+  EXPECT_THAT(all.output, StartsWith("usage: quellon COMMAND [ARGUMENT...]\n"));
+  for (auto const& command : Quellon::Tool::Commands()) {
+    std::string const name(command.name);
+    EXPECT_TRUE(all.Shows("  " + name, std::string(command.summary))) << all.output;
+    for (char const* option : {"--help", "-h"}) {
+      ToolRun const one({name, option});
+      EXPECT_EQ(one.status, Fine);
+      EXPECT_THAT(one.output, StartsWith("usage: quellon " + name));
+    }
+  }
+}
+
+TEST_F(QuellonCommand, TellsItsVersion) {
+  EXPECT_EQ(ToolRun({"--version"}).output, "quellon " QUELLON_VERSION "\n");
+}
+
+TEST_F(QuellonCommand, RefusesWhatItDoesNotKnow) {
+  std::vector<Quellon::Tool::Arguments> const unknown = {
+      {},
+      {"nothing"},
+      {"health", "--xml"},
+      {"health", "--json", "--prometheus"},
+      {"health", "--json", "file"},
+      {"health", "--prometheus", "a", "b"},
+      {"card", "eject"},
+      {"card", "check", "--samples"},
+      {"card", "prove", "all"},
+      {"card", "prepare", "--repair"},
+      {"catalogue", "a", "b"},
+      {"catalogue", "--all"},
+      {"watchdog", "--disarm"},
+      {"clock", "2023-11-14 22:13:20"},
+      {"clock", "--set", "yesterday"},
+      {"clock", "--set", "2023-11-14 22:13:20 UTC"},
+      {"clock", "--set", "2023-11-14 22:13:20", "UTC"},
+      {"counter", "3"},
+      {"log", "-n"},
+      {"log", "-n", "many"},
+      {"log", "-n", "3x"},
+      {"log", "3"},
+  };
+  for (auto const& arguments : unknown) {
+    ToolRun const run(arguments);
+    EXPECT_EQ(run.status, Usage) << testing::PrintToString(arguments);
+    EXPECT_THAT(run.output, HasSubstr("quellon"));
+  }
+  EXPECT_THAT(Machine::Trace(), IsEmpty());
+}
+
+TEST_F(QuellonCommand, ShowsHealthALineForEachSubject) {
+  EXPECT_EQ(ToolRun({"health"}).output,
+            "board          up for 1 d 0 h, 41 C\n"
+            "card           in service\n"
+            "catalogue      6, 3.0 KiB, 0.0 % of the card\n"
+            "clock          2023-11-14 22:13:20, plausible\n"
+            "watchdog       armed, held by recorder (812, quellon-recorder.service)\n"
+            "restarts       0, no card has failed since the last good start\n");
+}
+
+TEST_F(QuellonCommand, ShowsTheCard) {
+  EXPECT_EQ(ToolRun({"card"}).output,
+            "name           SD32G\n"
+            "manufacturer   0x000027\n"
+            "OEM            0x5048\n"
+            "serial         0xe0e7f40f\n"
+            "CID            275048534433324760e0e7f40f012a01\n"
+            "size           14.8 GiB\n"
+            "mounted        /dev/mmcblk1p1, ext4\n"
+            "file system    11.4 GiB\n"
+            "free           3.8 GiB, 33.3 %\n"
+            "written        716.8 MiB in its life\n"
+            "errors         0\n"
+            "used by        recorder (812, quellon-recorder.service)\n"
+            "state          in service\n");
+}
+
+TEST_F(QuellonCommand, ShowsTheCatalogue) {
+  EXPECT_EQ(ToolRun({"catalogue"}).output,
+            "files          6, 3.0 KiB, 0.0 % of the card\n"
+            "bytes          3030\n"
+            "protected      3, 30 B, 0.0 % of the card\n"
+            "  *.dat        3, 2.9 KiB, 0.0 % of the card\n"
+            "  *.gps        3, 30 B, 0.0 % of the card\n"
+            "oldest         2023-11-14 19:13:20, rec_000001.dat\n"
+            "newest         2023-11-14 21:13:20, rec_000003.dat\n"
+            "kept           2 h 0 min\n"
+            "longest pause  1 h 0 min, before rec_000002.dat\n");
+}
+
+TEST_F(QuellonCommand, ShowsTheWatchdogWithoutOpeningIt) {
+  hooks().fault = [](Call const& call) -> std::optional<Machine::Failure> {
+    bool const isOpened = call.function == "open" && call.subject.starts_with("/dev/");
+    EXPECT_FALSE(isOpened) << call.subject;
+    return std::nullopt;
+  };
+  EXPECT_EQ(ToolRun({"watchdog"}).output,
+            "driver         imx2+ watchdog\n"
+            "armed          yes\n"
+            "held by        recorder (812, quellon-recorder.service)\n"
+            "timeout        1 min 30 s\n"
+            "left           1 min 25 s\n"
+            "may be stopped yes\n"
+            "last start by  not the watchdog, as far as its driver tells\n");
+}
+
+TEST_F(QuellonCommand, ShowsTheClocks) {
+  EXPECT_EQ(ToolRun({"clock"}).output,
+            "system         2023-11-14 22:13:20\n"
+            "battery-backed 2023-11-14 22:13:20\n"
+            "difference     0 s\n"
+            "verdict        plausible\n");
+}
+
+// The battery-backed clock holds local time.
+TEST_F(QuellonCommand, ComparesTheClocksInTheZoneOfTheDevice) {
+  auto const zone = Scoped::TimeZone("EAST-3");
+  Machine::MakeFile("/sys/class/rtc/rtc0/since_epoch",
+                    std::to_string(FakeDevice::kNow + 3 * 3600 - 30) + "\n");
+  ToolRun const run({"clock"});
+  EXPECT_TRUE(run.Shows("difference", "-30 s")) << run.output;
+  EXPECT_EQ(run.status, Fine);
+}
+
+TEST_F(QuellonCommand, TakesAClockBefore2020ForOneThatWasReset) {
+  Machine::RemoveFile("/var/log/quellon.log");
+  hooks().now = 1577836799;
+  EXPECT_TRUE(ToolRun({"clock"}).Shows("verdict", "reset"));
+  hooks().now = 1577836800;
+  EXPECT_TRUE(ToolRun({"clock"}).Shows("verdict", "plausible"));
+}
+
+TEST_F(QuellonCommand, ComplainsOfClocksThatDiffer) {
+  Machine::MakeFile("/sys/class/rtc/rtc0/since_epoch", std::to_string(FakeDevice::kNow + 60));
+  EXPECT_EQ(ToolRun({"clock"}).status, Fine);
+  Machine::MakeFile("/sys/class/rtc/rtc0/since_epoch", std::to_string(FakeDevice::kNow + 61));
+  EXPECT_TRUE(ToolRun({"clock"}).Shows("wrong", "the clocks differ"));
+  Machine::MakeFile("/sys/class/rtc/rtc0/since_epoch", "946684800\n");
+  EXPECT_TRUE(ToolRun({"clock"}).Shows("wrong", "the battery-backed clock was reset"));
+}
+
+TEST_F(QuellonCommand, ComplainsOfAClockThatIsBehindTheLog) {
+  hooks().now = FakeDevice::kNow - 61;
+  EXPECT_TRUE(ToolRun({"clock"}).Shows("wrong", "the system clock is behind the log"));
+}
+
+TEST_F(QuellonCommand, KnowsWhatTheCounterHolds) {
+  struct {
+    std::string text;
+    char const* shown;
+    Quellon::Tool::Status status;
+  } const cases[] = {{"", "0", Fine},
+                     {"[3]", "0", Fine},
+                     {R"({"sdcard-status-counter":3})", "0", Fine},
+                     {CounterFile::Text(1), "1", Wrong},
+                     {CounterFile::Text(4), "4", Wrong},
+                     {"no JSON", "-1", Wrong},
+                     {CounterFile::Text("\"3\""), "-1", Wrong}};
+  for (auto const& [text, shown, status] : cases) {
+    Machine::MakeFile(CounterFile::kPath, text);
+    ToolRun const run({"counter"});
+    EXPECT_TRUE(run.Shows("restarts", shown)) << text << "\n" << run.output;
+    EXPECT_EQ(run.status, status) << text;
+  }
+}
+
+TEST_F(QuellonCommand, LooksForTheCounterWithoutMakingIt) {
+  EXPECT_EQ(ToolRun({"counter"}).status, Fine);
+  EXPECT_FALSE(fs::exists(Machine::Real(CounterFile::kPath)));
+}
+
+TEST_F(QuellonCommand, ClearsTheCounter) {
+  Machine::MakeFile(CounterFile::kPath, CounterFile::Text(3));
+  ToolRun const run({"counter", "--clear"});
+  EXPECT_EQ(run.status, Fine);
+  EXPECT_TRUE(run.Shows("restarts", "0")) << run.output;
+  EXPECT_FALSE(fs::exists(Machine::Real(CounterFile::kPath)));
+  EXPECT_EQ(ToolRun({"counter", "--clear"}).status, Fine) << "there is none";
+}
+
+TEST_F(QuellonCommand, TellsThatTheCounterCannotBeCleared) {
+  Machine::MakeFile(CounterFile::kPath, CounterFile::Text(3));
+  hooks().unlink = [](auto&&) { return Answer::Failure(EROFS); };
+  ToolRun const run({"counter", "--clear"});
+  EXPECT_EQ(run.status, Wrong);
+  EXPECT_EQ(run.output, "quellon: /root/system.dat: Read-only file system\n");
+}
+
+class QuellonCommandSet : public QuellonCommand {
+ protected:
+  QuellonCommandSet() {
+    FakeDevice::StopService();
+    Machine::MakeFile("/dev/rtc0", "");
+    hooks().setClock = [this](long seconds) {
+      system = seconds;
+      return Answer::Success();
+    };
+    hooks().ioctl = [this](unsigned long request, void* argument) -> std::optional<Answer> {
+      if (request != RTC_SET_TIME) return std::nullopt;
+      hour = static_cast<rtc_time*>(argument)->tm_hour;
+      return Answer::Success();
+    };
+  }
+
+  long system = 0;  ///< what the system clock was set to
+  int hour = -1;    ///< what the battery-backed clock was set to
+};
+
+TEST_F(QuellonCommandSet, SetsBothClocksToATime) {
+  EXPECT_EQ(ToolRun({"clock", "--set", "2023-11-14 23:13:20"}).status, Fine);
+  EXPECT_EQ(system, FakeDevice::kNow + 3600);
+  EXPECT_EQ(hour, 23);
+}
+
+TEST_F(QuellonCommandSet, SetsTheBatteryBackedClockFromTheSystemClock) {
+  EXPECT_EQ(ToolRun({"clock", "--set"}).status, Fine);
+  EXPECT_EQ(hour, 22);
+}
+
+TEST_F(QuellonCommandSet, TellsThatAClockCannotBeSet) {
+  Machine::RemoveFile("/dev/rtc0");
+  ToolRun const run({"clock", "--set"});
+  EXPECT_EQ(run.status, Wrong);
+  EXPECT_EQ(run.output, "quellon: /dev/rtc0: No such file or directory\n");
+  EXPECT_EQ(system, 0);
+}
+
+TEST_F(QuellonCommandSet, RefusesWhileAServiceRuns) {
+  FakeDevice::Start("813", "recorder", "quellon-recorder.service");
+  FakeDevice::Open("813", 3, "/var/log/quellon.log");
+  ToolRun const run({"clock", "--set"});
+  EXPECT_EQ(run.status, Refused);
+  EXPECT_TRUE(run.Shows("refused",
+                        "in use by recorder (813, quellon-recorder.service): the times "
+                        "of recordings would be out of order"))
+      << run.output;
+  EXPECT_TRUE(run.Shows("to do", "systemctl stop quellon-recorder.service"));
+  EXPECT_EQ(hour, -1);
+}
+
+TEST_F(QuellonCommandSet, RefusesWhileSomebodyIsOnTheCard) {
+  FakeDevice::Start("99", "sh", "");
+  fs::create_symlink("/mnt/sdcard", Machine::Real("/proc/99/cwd"));
+  ToolRun const run({"clock", "--set"});
+  EXPECT_EQ(run.status, Refused);
+  EXPECT_TRUE(run.Shows("to do", "kill 99")) << run.output;
+}
+
+TEST_F(QuellonCommandSet, RefusesWhereItCannotBeKnown) {
+  FakeDevice::Start("812", "recorder", "quellon-recorder.service");
+  LoseRoot();
+  ToolRun const run({"clock", "--set"});
+  EXPECT_EQ(run.status, Refused);
+  EXPECT_TRUE(run.Shows("to do", "run it as root")) << run.output;
+}
+
+class QuellonCommandProve : public QuellonCommand {
+ protected:
+  QuellonCommandProve() {
+    FakeDevice::StopService();
+    device.card.space.f_blocks = 4096;  // 16 MiB, of which a 32nd is left free
+    device.card.space.f_bfree = 4096;
+  }
+};
+
+TEST_F(QuellonCommandProve, TellsHowFarItIsAndHowFastTheCardIs) {
+  ToolRun const run({"card", "prove", "--erase"});
+  EXPECT_EQ(run.status, Fine) << run.output;
+  EXPECT_TRUE(run.Shows("room", "15.5 MiB")) << run.output;
+  EXPECT_TRUE(run.Shows("as written", "15.5 MiB"));
+  EXPECT_TRUE(run.Shows("verdict", "the card holds what was written"));
+  EXPECT_TRUE(run.Shows("proved", "100 %, 0 s left"));
+  std::size_t lines = 0;
+  for (std::size_t at = 0; (at = run.output.find("proved ", at)) != std::string::npos; ++at)
+    ++lines;
+  EXPECT_EQ(lines, 10U) << run.output;
+  EXPECT_THAT(Machine::Traced("mount"), IsEmpty()) << "it was mounted";
+}
+
+TEST_F(QuellonCommandProve, TakesSamplesWhenItIsAskedTo) {
+  ToolRun const run({"card", "prove", "--samples", "--erase"});
+  EXPECT_EQ(run.status, Fine) << run.output;
+}
+
+TEST_F(QuellonCommandProve, RefusesToRiskRecordings) {
+  ToolRun const run({"card", "prove"});
+  EXPECT_EQ(run.status, Refused);
+  EXPECT_TRUE(run.Shows("to do", "copy them; quellon card prove --erase")) << run.output;
+}
+
+TEST_F(QuellonCommandProve, RefusesWhileSomebodyUsesTheCard) {
+  FakeDevice::Start("813", "recorder", "quellon-recorder.service");
+  FakeDevice::Open("813", 3, "/mnt/sdcard/cr/rec_000001.dat");
+  for (char const* work : {"check", "prove", "prepare"}) {
+    ToolRun const run({"card", work});
+    EXPECT_EQ(run.status, Refused) << work;
+    EXPECT_TRUE(run.Shows("to do", "systemctl stop quellon-recorder.service")) << run.output;
+  }
+  EXPECT_THAT(Machine::Trace(), IsEmpty());
+}
+
+TEST_F(QuellonCommandProve, MountsACardMeanwhileThatIsNotMounted) {
+  FakeDevice::Mount("tmpfs /tmp tmpfs rw");
+  hooks().mount = [](auto&&...) {
+    FakeDevice::Mount("/dev/mmcblk1p1 /mnt/sdcard ext4 rw");
+    return Answer::Success();
+  };
+  EXPECT_EQ(ToolRun({"card", "prove", "--erase"}).status, Fine);
+  EXPECT_THAT(Machine::Traced("mount"),
+              ElementsAre("mount /dev/mmcblk1p1 /mnt/sdcard/ ext4 3080 "));
+  EXPECT_THAT(Machine::Traced("umount"), ElementsAre("umount /mnt/sdcard/"));
+}
+
+TEST_F(QuellonCommandProve, TellsWhatACardIsThatCannotBeMounted) {
+  FakeDevice::Mount("tmpfs /tmp tmpfs rw");
+  hooks().mount = [](auto&&...) { return Answer::Failure(EINVAL); };
+  ToolRun const run({"card", "prove"});
+  EXPECT_EQ(run.status, Wrong);
+  EXPECT_TRUE(run.Shows("wrong", "the card holds no ext4")) << run.output;
+  EXPECT_THAT(Machine::Traced("umount"), IsEmpty());
+}
+
+TEST_F(QuellonCommandProve, TellsWhyACardCouldNotBeProved) {
+  device.card.space.f_bfree = 0;
+  ToolRun const full({"card", "prove", "--erase"});
+  EXPECT_TRUE(full.Shows("to do", "make room, or quellon card prepare --erase")) << full.output;
+  device.card.space.f_bfree = 4096;
+  hooks().fsync = [](int) { return Answer::Failure(EIO); };
+  ToolRun const failed({"card", "prove", "--erase"});
+  EXPECT_TRUE(failed.Shows("wrong", "the card failed: Input/output error")) << failed.output;
+}
+
+TEST_F(QuellonCommandProve, RefusesToPrepareWhatMayHoldRecordings) {
+  Machine::MakeFile("/dev/mmcblk1", std::string(1080, '\0') + "\x53\xEF" + std::string(9000, '\0'));
+  ToolRun const run({"card", "prepare"});
+  EXPECT_EQ(run.status, Refused);
+  EXPECT_TRUE(run.Shows("to do", "copy them; quellon card prepare --erase")) << run.output;
+}
+
+TEST_F(QuellonCommandProve, TellsWhyACardCouldNotBePrepared) {
+  hooks().system = [](auto&&) { return Answer{1 << 8, 0}; };
+  ToolRun const unpartitioned({"card", "prepare"});
+  EXPECT_EQ(unpartitioned.status, Wrong);
+  EXPECT_TRUE(unpartitioned.Shows("to do", "dmesg; once more; replace the card if it comes again"))
+      << unpartitioned.output;
+  Machine::MakeFile("/sys/class/block/mmcblk1/ro", "1\n");
+  EXPECT_TRUE(ToolRun({"card", "prepare"})
+                  .Shows("to do", "release its switch; without one it is worn out: replace it"));
+  hooks().fault = [](Call const& call) -> std::optional<Machine::Failure> {
+    bool const isCard = call.function == "open" && call.subject == "/dev/mmcblk1";
+    return isCard ? std::optional<Machine::Failure>(EIO) : std::nullopt;
+  };
+  EXPECT_THAT(ToolRun({"card", "prepare"}).output, HasSubstr(": Input/output error\n"));
+  hooks().fault = nullptr;
+  Machine::RemoveFile("/dev/mmcblk1");
+  EXPECT_TRUE(ToolRun({"card", "prepare"}).Shows("to do", "put a card in"));
+}
+
+// On a terminal one line, written anew each second.
+TEST(QuellonCommandProgress, IsOneLineOnATerminal) {
+  int terminal = -1;
+  int output = -1;
+  ASSERT_EQ(openpty(&terminal, &output, nullptr, nullptr, nullptr), 0);
+  Tarvik::UniqueFd const reader(terminal);
+  Tarvik::UniqueFd writer(output);
+  {
+    auto const restore = Scoped::Descriptor(STDOUT_FILENO);
+    dup2(output, STDOUT_FILENO);
+    hooks().monotonic = timespec{100, 0};
+    Quellon::Tool::Progress progress("proved");
+    progress.Show(1, 4);  // too early
+    hooks().monotonic = timespec{110, 0};
+    progress.Show(1, 4);
+    progress.Show(2, 4);  // in the same second
+    hooks().monotonic = timespec{120, 0};
+    progress.Show(2, 4);
+  }
+  hooks().monotonic.reset();
+  writer = Tarvik::UniqueFd();  // ends what can be read
+  EXPECT_EQ(ChildProcess::ReadAll(reader),
+            "\rproved         25 %, 30 s left\x1b[K\rproved         50 %, 20 s left\x1b[K\r\n");
+}
+
+TEST_F(QuellonCommand, SaysWithoutRootWhatItCouldNotRead) {
+  LoseRoot();
+  ToolRun const run({"health"});
+  EXPECT_EQ(run.status, Unknown);
+  EXPECT_TRUE(run.Shows("not read", "/root/system.dat: Permission denied")) << run.output;
+  EXPECT_TRUE(run.Shows("not read", "/proc/*/fd: who holds the watchdog; needs root"));
+  EXPECT_TRUE(run.Shows("card", "in service"));
+}
+
+// Of two files the older one first, of each the last lines.
+TEST_F(QuellonCommand, ShowsTheLastLinesOfTheLog) {
+  Machine::MakeFile("/var/log/quellon.log.1",
+                    "[2023-11-14 00:00:01]one\n[2023-11-14 00:00:02]two\n");
+  Machine::MakeFile("/var/log/quellon.log",
+                    "[2023-11-14 00:00:03][41C][ERROR]three\n"
+                    "[2023-11-14 00:00:04][WARNING]four\n"
+                    "[2023-11-14 00:00:05]no [ERROR]\n");
+  std::string const writer = "written by     recorder (812, quellon-recorder.service)\n";
+  EXPECT_EQ(ToolRun({"log", "-n", "4"}).output,
+            "[2023-11-14 00:00:02]two\n"
+            "[2023-11-14 00:00:03][41C][ERROR]three\n"
+            "[2023-11-14 00:00:04][WARNING]four\n"
+            "[2023-11-14 00:00:05]no [ERROR]\n" +
+                writer);
+  EXPECT_EQ(ToolRun({"log", "--errors"}).output,
+            "[2023-11-14 00:00:03][41C][ERROR]three\n"
+            "[2023-11-14 00:00:04][WARNING]four\n" +
+                writer);
+  EXPECT_EQ(ToolRun({"log", "--errors", "-n", "1"}).output,
+            "[2023-11-14 00:00:04][WARNING]four\n" + writer);
+}
+
+TEST_F(QuellonCommand, ShowsTwentyLinesUnlessTold) {
+  std::string text;
+  for (int i = 1; i <= 30; ++i) text += "line " + std::to_string(i) + "\n";
+  Machine::MakeFile("/var/log/quellon.log", text);
+  EXPECT_THAT(ToolRun({"log"}).output, StartsWith("line 11\n"));
+}
+
+TEST_F(QuellonCommand, CountsWithoutAPauseAndDeletesNothing) {
+  for (int i = 0; i < 2000; ++i) {
+    Machine::MakeFile("/mnt/sdcard/cr/more_" + std::to_string(i) + ".dat", "x");
+  }
+  Machine::ForgetTrace();
+  ToolRun const run({"catalogue", "/mnt/sdcard/cr"});
+  EXPECT_THAT(run.output, StartsWith("files          2006, 4.9 KiB"));
+  EXPECT_THAT(Machine::Trace(), IsEmpty());
+}
+
+TEST_F(QuellonCommand, TakesRecordingsOfTheSameSecondForOrdered) {
+  FakeDevice::Record("rec_000004", FakeDevice::kNow - 3600);
+  EXPECT_EQ(ToolRun({"catalogue"}).status, Fine);
+}
+
+TEST_F(QuellonCommand, IsNoUserOfTheCardItself) {
+  std::string const own = std::to_string(getpid());
+  FakeDevice::Start(own, "quellon", "");
+  FakeDevice::Open(own, 3, "/mnt/sdcard/cr/rec_000001.dat");
+  EXPECT_TRUE(ToolRun({"card"}).Shows("used by", "recorder (812, quellon-recorder.service)"));
+}
+
+TEST_F(QuellonCommand, KnowsThatNowayoutKeepsAWatchdogFromBeingStopped) {
+  FakeDevice::SetWatchdog("options", "0x8080");
+  FakeDevice::SetWatchdog("nowayout", "1");
+  ToolRun const run({"watchdog"});
+  EXPECT_EQ(run.status, Fine) << run.output;
+  EXPECT_TRUE(run.Shows("may be stopped", "no")) << run.output;
+}
+
+TEST_F(QuellonCommand, LeavesFoldersOutOfTheCatalogueAndKeepsLinks) {
+  fs::create_directory(Machine::Real("/mnt/sdcard/cr/folder.dat"));
+  fs::create_symlink("/nowhere", Machine::Real("/mnt/sdcard/cr/link"));
+  EXPECT_THAT(ToolRun({"catalogue"}).output, StartsWith("files          7, "));
+}
+
+TEST_F(QuellonCommand, TellsOfFilesThatAreTooLargeForTheBoard) {
+  hooks().lstat = [](std::string const& path, struct stat*) -> std::optional<Answer> {
+    if (!path.ends_with("rec_000001.dat")) return std::nullopt;
+    return Answer::Failure(EOVERFLOW);
+  };
+  ToolRun const run({"catalogue"});
+  EXPECT_TRUE(run.Shows("wrong", "1 files are too large to be counted")) << run.output;
+}
+
+TEST_F(QuellonCommand, TellsOfRecordingsFromBeforeTheClockWasSet) {
+  FakeDevice::Record("rec_000000", 100);
+  EXPECT_TRUE(ToolRun({"catalogue"})
+                  .Shows("wrong", "1 recordings are dated before 2020: the clock was reset"));
+}
+
+TEST_F(QuellonCommand, TellsOfACardWithoutRecordings) {
+  Machine::RemoveFile("/mnt/sdcard/cr");
+  EXPECT_EQ(ToolRun({"catalogue"}).status, Unknown);
+  fs::create_directory(Machine::Real("/mnt/sdcard/cr"));
+  EXPECT_TRUE(ToolRun({"catalogue"}).Shows("wrong", "no recordings"));
+}
+
+TEST_F(QuellonCommand, TellsWhatIsOnACardThatIsNotMounted) {
+  FakeDevice::Mount("tmpfs /tmp tmpfs rw");
+  EXPECT_TRUE(ToolRun({"card"}).Shows("wrong", "the card holds no ext4"));
+  Machine::MakeFile("/dev/mmcblk1", std::string(1080, '\0') + "\x53\xEF" + std::string(9000, '\0'));
+  EXPECT_TRUE(ToolRun({"card"}).Shows("wrong", "the card is not mounted"));
+  Machine::RemoveFile("/dev/mmcblk1p1");
+  EXPECT_TRUE(ToolRun({"card"}).Shows("wrong", "the card has no partition"));
+}
+
+TEST_F(QuellonCommand, DoesNotReadTheCardForItsHealth) {
+  FakeDevice::Mount("tmpfs /tmp tmpfs rw");
+  hooks().fault = [](Call const& call) -> std::optional<Machine::Failure> {
+    EXPECT_THAT(call.subject, Not(StartsWith("/dev/mmcblk1")));
+    return std::nullopt;
+  };
+  EXPECT_TRUE(ToolRun({"health"}).Shows("to do", "quellon card"));
+}
+
+TEST_F(QuellonCommand, TellsOfAFileSystemThatHasBecomeReadOnly) {
+  for (char const* options : {"ro,noatime", "rw,emergency_ro", "rw,shutdown"}) {
+    FakeDevice::Mount(std::string("/dev/mmcblk1p1 /mnt/sdcard ext4 ") + options);
+    EXPECT_TRUE(ToolRun({"card"}).Shows("wrong", "the file system is read-only, the card is not"))
+        << options;
+    EXPECT_TRUE(ToolRun({"card"}).Shows("state", "failing")) << options;
+  }
+}
+
+TEST_F(QuellonCommand, WritesJsonOfAllSubjects) {
+  Machine::MakeFile(CounterFile::kPath, CounterFile::Text(3));
+  ToolRun const run({"health", "--json"});
+  EXPECT_EQ(run.status, Wrong);
+  Json::Object health = Json::Deserialize(run.output).ToObject();
+  Json::Object card = health["card"].ToObject();
+  EXPECT_EQ(card["state"], 0);
+  EXPECT_EQ(card["cid"], FakeCard::kCid);
+  EXPECT_EQ(card["size_bytes"], 15931539456ULL);
+  Json::Object watchdog = health["watchdog"].ToObject();
+  EXPECT_EQ(watchdog["active"], true);
+  Json::Object problem = health["problems"].ToArray()[0].ToObject();
+  EXPECT_EQ(problem["subject"], "restarts");
+  EXPECT_EQ(health["unread"].ToArray().Size(), 0U);
+}
+
+TEST_F(QuellonCommand, WritesMetricsOfAllSubjects) {
+  std::string const metrics = ToolRun({"health", "--prometheus"}).output;
+  for (char const* line :
+       {"quellon_card_state 0\n", "quellon_watchdog_active 1\n", "quellon_clock_reset 0\n",
+        "quellon_restarts_counted 0\n", "quellon_catalogue_newest_seconds 1699996400\n",
+        "quellon_problems 0\n", "quellon_watchdog_info{driver=\"imx2+ watchdog\"} 1\n",
+        "# TYPE quellon_card_state gauge\n"}) {
+    EXPECT_THAT(metrics, HasSubstr(line));
+  }
+}
+
+class QuellonCommandFile : public QuellonCommand {
+ protected:
+  QuellonCommandFile() { Machine::MakeFile("/mnt/metrics/quellon.prom", "old\n"); }
+
+  static std::set<std::string> Names() {
+    std::set<std::string> names;
+    for (auto const& entry : fs::directory_iterator(Machine::Real("/mnt/metrics"))) {
+      names.insert(entry.path().filename());
+    }
+    return names;
+  }
+
+  static ToolRun Write() {
+    return ToolRun({"health", "--prometheus", "/mnt/metrics/quellon.prom"});
+  }
+};
+
+TEST_F(QuellonCommandFile, IsReplacedAsAWhole) {
+  std::string before;
+  hooks().rename = [&before](auto&&...) -> std::optional<Answer> {
+    before = Machine::ReadFile("/mnt/metrics/quellon.prom");
+    return std::nullopt;
+  };
+  ToolRun const run = Write();
+  EXPECT_EQ(run.output, "");
+  EXPECT_EQ(run.status, Fine);
+  EXPECT_EQ(before, "old\n");
+  EXPECT_THAT(Machine::ReadFile("/mnt/metrics/quellon.prom"), HasSubstr("quellon_card_state 0\n"));
+  EXPECT_THAT(Names(), ElementsAre("quellon.prom"));
+  EXPECT_EQ(fs::status(Machine::Real("/mnt/metrics/quellon.prom")).permissions(), fs::perms(0644));
+}
+
+TEST_F(QuellonCommandFile, StaysAsItIsWhereTheNextCannotBeWritten) {
+  for (char const* function : {"write", "fsync", "rename"}) {
+    hooks().fault = [function](Call const& call) -> std::optional<Machine::Failure> {
+      bool const fails = call.function == function && call.subject.starts_with("/mnt/metrics/");
+      return fails ? std::optional<Machine::Failure>(ENOSPC) : std::nullopt;
+    };
+    ToolRun const run = Write();
+    hooks().fault = nullptr;
+    EXPECT_EQ(run.status, Wrong);
+    EXPECT_EQ(run.output, "quellon: /mnt/metrics/quellon.prom: No space left on device\n");
+    EXPECT_EQ(Machine::ReadFile("/mnt/metrics/quellon.prom"), "old\n") << function;
+    EXPECT_THAT(Names(), ElementsAre("quellon.prom")) << function;
+  }
+}
+
+// What fails is told or makes no difference; nothing is changed, and nothing stays open.
+TEST(QuellonCommandFaults, ChangeNothingWhateverCallFails) {
+  FakeDevice const device;
+  Machine::Hooks const undisturbed = hooks();
+  Descriptors::Watch const descriptors;
+  Machine::ForEachFailure([&](Machine::Point const& point) {
+    hooks() = undisturbed;
+    Machine::FailingCalls const failing({point});
+    ToolRun const run({"health", "--json"});
+    EXPECT_NO_THROW(Json::Deserialize(run.output)) << failing.Text();
+    EXPECT_TRUE(run.status == Fine || run.status == Wrong || run.status == Unknown);
+    EXPECT_THAT(Machine::Trace(), IsEmpty()) << failing.Text();
+    EXPECT_THAT(descriptors.Opened(), IsEmpty()) << failing.Text();
+    return Machine::Strike(failing.Result().happened);  // one way each
+  });
+}
+
+}  // namespace

@@ -1,0 +1,89 @@
+// All subjects in one, for people and for programs.
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <iostream>
+
+#include "Command.h"
+#include "Device.h"
+#include "Reading.h"
+#include "Report.h"
+#include "base/UniqueFd.h"
+#include "base/internal/OpenFile.h"
+#include "base/internal/WriteAll.h"
+
+namespace Quellon::Tool {
+
+namespace {
+
+void LookAtBoard(Report& report) {
+  report.Begin("board");
+  auto const uptime = ReadNumber("/proc/uptime");
+  auto const millidegrees = ReadNumber("/sys/class/thermal/thermal_zone0/temp");
+  std::string summary = "running";
+  if (uptime) {
+    report.Add("uptime_seconds", "uptime", *uptime, ShowDuration(*uptime));
+    summary = "up for " + ShowDuration(*uptime);
+  }
+  if (millidegrees) {
+    auto const degrees = *millidegrees / 1000;
+    report.Add("temperature_celsius", "temperature", degrees, std::to_string(degrees) + " C");
+    summary += ", " + std::to_string(degrees) + " C";
+  }
+  report.Summarize(summary);
+}
+
+Report LookAtAll() {
+  Report report;
+  LookAtBoard(report);
+  LookAtCard(report, false);
+  LookAtCatalogue(report, kRecordings);
+  LookAtClock(report);
+  LookAtWatchdog(report);
+  LookAtCounter(report);
+  return report;
+}
+
+// Who reads the file sees the old text or the new one, also after a power cut.
+bool Replace(std::string const& path, std::string const& text) {
+  std::string const next = path + ".new";
+  constexpr mode_t kReadableByAll = 0644;
+  Tarvik::UniqueFd const file(
+      Tarvik::OpenFile(next.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW, kReadableByAll));
+  if (!file.IsOpen()) return false;
+  bool const isWritten =
+      Tarvik::WriteAll(file.Get(), text) == text.size() && fsync(file.Get()) == 0;
+  if (isWritten && rename(next.c_str(), path.c_str()) == 0) return true;
+  int const error = errno;
+  unlink(next.c_str());
+  errno = error;
+  return false;
+}
+
+Status Export(Report const& report, std::string const& path) {
+  if (Replace(path, report.ToPrometheus())) return report.GetStatus();
+  std::cerr << "quellon: " << path << ": " << std::strerror(errno) << std::endl;
+  return Wrong;
+}
+
+}  // namespace
+
+Status RunHealth(Arguments const& given) {
+  Arguments arguments = given;
+  bool const asJson = Take(arguments, "--json");
+  bool const asMetrics = Take(arguments, "--prometheus");
+  bool const hasFile = asMetrics && arguments.size() == 1 && !arguments[0].starts_with('-');
+  if ((asJson && asMetrics) || (!arguments.empty() && !hasFile)) return ComplainOfUsage("health");
+  Report const report = LookAtAll();
+  if (hasFile) return Export(report, arguments[0]);
+  std::cout << (asJson      ? report.ToJson()
+                : asMetrics ? report.ToPrometheus()
+                            : report.ToSummary())
+            << std::flush;
+  return report.GetStatus();
+}
+
+}  // namespace Quellon::Tool
