@@ -24,6 +24,8 @@ namespace {
 
 constexpr char const* kNoWayOut = "/sys/class/watchdog/watchdog0/nowayout";
 
+constexpr std::chrono::seconds kShortestKickPeriod(1);
+
 constexpr std::string_view kKick = " ";  // any byte but the next
 constexpr std::string_view kMagicClose = "V";
 
@@ -121,6 +123,10 @@ unsigned WatchdogGuard::GetOptions() const {
 
 int WatchdogGuard::GetTimeout() const {
   return timeout;
+}
+
+std::chrono::seconds WatchdogGuard::GetKickPeriod() const {
+  return std::max(kShortestKickPeriod, std::chrono::seconds(timeout / 4));
 }
 
 bool WatchdogGuard::IsStoppedByClose() const {

@@ -5,6 +5,7 @@
 #include <sys/types.h>
 
 #include <atomic>
+#include <chrono>
 #include <string>
 
 #include "base/Export.h"
@@ -82,6 +83,9 @@ class QUELLON_EXPORT WatchdogGuard {
   /// The timeout that it applied, in seconds, which may differ from what was asked for; 0 when
   /// unknown.
   [[nodiscard]] int GetTimeout() const;
+  /// How often to kick it: each quarter of the timeout, where half would do, which leaves time for
+  /// a card that keeps its writer waiting. A second at least, also when the timeout is unknown.
+  [[nodiscard]] std::chrono::seconds GetKickPeriod() const;
   /// Whether the end of this process, however it comes, would stop the timer: it has no magic
   /// close, and the kernel does not say "nowayout" of it in "/sys/class/watchdog/watchdog0/". Reads
   /// that file.

@@ -1,5 +1,5 @@
-// What the recorder does with a card before the library takes it into service.
-#include "examples/recorder/CheckUnlessMountable.h"
+// What a service does with a card before it is taken into service.
+#include "DiskUtils/CheckUnlessMountable.h"
 
 #include <gmock/gmock.h>
 
@@ -29,7 +29,7 @@ class CheckUnlessMountable : public CardTests::CardTest {
   static bool Checks() {
     fs::remove("/tmp/checked");
     CardTests::CommandInFront const fsck("fsck", "touch /tmp/checked\nexec /sbin/fsck \"$@\"\n");
-    Capture::Output([] { ::CheckUnlessMountable(); });
+    Capture::Output([] { Quellon::DiskUtils::CheckUnlessMountable(); });
     return fs::exists("/tmp/checked");
   }
 

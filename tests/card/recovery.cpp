@@ -18,11 +18,11 @@
 #include <iostream>
 #include <string>
 
+#include "DiskUtils/CheckUnlessMountable.h"
 #include "DiskUtils/System.h"
 #include "FileUtils/FilesManager.h"
 #include "base/Logger.h"
 #include "base/UniqueFd.h"
-#include "examples/recorder/CheckUnlessMountable.h"
 #include "tests/card/PrivateRoot.h"
 #include "tests/machine/Machine.h"
 
@@ -45,7 +45,7 @@ void Tell(FilesManager& catalogue, char const* step) {
 }
 
 bool Recover(unsigned long long room, std::string const& mistake) {
-  if (mistake != "unchecked") CheckUnlessMountable();
+  if (mistake != "unchecked") Quellon::DiskUtils::CheckUnlessMountable();
   Disk* const disk = Quellon::System::GetInstance()->InitDisk();
   std::cout << "checked " << Disk::deviceStatusList["/mnt/sdcard/"].fsckStatus << std::endl;
   if (disk == nullptr || !disk->available) return false;

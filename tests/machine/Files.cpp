@@ -93,7 +93,13 @@ ssize_t read(int fd, void* data, std::size_t length) {
 ssize_t pread64(int fd, void* data, std::size_t length, off64_t place) {
   static auto* const next = TheReal<decltype(pread64)>("pread64");
   auto const transfer = [=](bool isShort) { return next(fd, data, isShort ? 1 : length, place); };
-  return Transferred("pread64", hooks().pread, transfer, fd, data, length, place);
+  return Transferred("pread64", hooks().pread64, transfer, fd, data, length, place);
+}
+
+ssize_t pread(int fd, void* data, std::size_t length, off_t offset) {
+  static auto* const next = TheReal<ssize_t(int, void*, std::size_t, off_t)>("pread");
+  auto const transfer = [=](bool isShort) { return next(fd, data, isShort ? 1 : length, offset); };
+  return Transferred("pread", hooks().pread, transfer, fd, data, length, offset);
 }
 
 ssize_t write(int fd, void const* data, std::size_t length) {
@@ -190,6 +196,12 @@ int chdir(char const* path) noexcept {
   static auto* const next = TheReal<int(char const*)>("chdir");
   return Outcome(
       "chdir", hooks().chdir, [&] { return profile().isReached ? next(path) : 0; }, path);
+}
+
+ssize_t readlink(char const* path, char* target, std::size_t size) noexcept {
+  static auto* const next = TheReal<ssize_t(char const*, char*, std::size_t)>("readlink");
+  if (auto const failure = FailureOf("readlink", path)) return Fail(failure->value);
+  return next(Place(path), target, size);
 }
 
 }  // extern "C"

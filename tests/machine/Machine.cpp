@@ -82,6 +82,7 @@ bool IsBelow(std::string_view path, std::string_view root) {
 }
 
 bool IsRedirected(std::string_view path) {
+  if (path.starts_with("/proc/self/fd/")) return false;  // leads to what is open, wherever that is
   for (auto const& root : profile().redirected) {
     if (!IsBelow(path, root)) continue;
     // The machine's own processes are the device's, too, until a test makes one.
@@ -201,7 +202,8 @@ std::optional<std::string> DevicePath(int fd) {
   if (profile().redirected.empty()) return std::nullopt;
   std::array<char, 4096> path{};
   std::string const link = "/proc/self/fd/" + std::to_string(fd);
-  ssize_t const length = readlink(link.c_str(), path.data(), path.size());
+  static auto* const next = TheReal<ssize_t(char const*, char*, std::size_t)>("readlink");
+  ssize_t const length = next(link.c_str(), path.data(), path.size());
   std::string const found(path.data(), static_cast<std::size_t>(std::max<ssize_t>(length, 0)));
   std::string const folder = Folder().path;
   if (!found.starts_with(folder)) return std::nullopt;

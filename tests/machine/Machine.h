@@ -115,8 +115,10 @@ struct Hooks {
   Hook<int /*fd*/> fsync;
   Hook<int /*fd*/, int /*mode*/, off_t /*offset*/, off_t /*length*/> fallocate;
   TransferHook<void* /*data*/, std::size_t> read;
-  TransferHook<void* /*data*/, std::size_t, off64_t /*place*/> pread;
-  TransferHook<void const* /*data*/, std::size_t> write;  ///< not asked for what the console gets
+  TransferHook<void* /*data*/, std::size_t, off_t /*place*/> pread;
+  TransferHook<void* /*data*/, std::size_t, off64_t /*place*/> pread64;
+  TransferHook<void const* /*data*/, std::size_t> write;    ///< not asked for what the console gets
+  TransferHook<void const* /*data*/, std::size_t> console;  ///< asked for what that gets
   TransferHook<iovec const* /*parts*/, int /*count*/> writev;
 
   /// Asked before anything is waited for.
@@ -136,7 +138,9 @@ struct Hooks {
   Hook<long /*seconds*/> setClock;
   std::optional<long> now;            ///< what time(2) says
   std::optional<timespec> monotonic;  ///< what the clock says that nobody sets
-  std::function<void()> localTime;    ///< what happens while a calendar date is asked for
+  /// The same, since it began, where one thread asks while another makes time go by.
+  std::function<std::chrono::nanoseconds()> steady;
+  std::function<void()> localTime;  ///< what happens while a calendar date is asked for
   std::function<void(std::chrono::nanoseconds)> sleep;  ///< instead of sleeping
   /// Asked with the length of a pause: what is left of it when a signal arrives, nothing if none
   /// does.

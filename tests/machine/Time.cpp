@@ -56,8 +56,9 @@ time_t time(time_t* result) noexcept {
 
 int clock_gettime(clockid_t clock, timespec* time) noexcept {
   static auto* const next = TheReal<int(clockid_t, timespec*)>("clock_gettime");
-  if (clock != CLOCK_MONOTONIC || !hooks().monotonic) return next(clock, time);
-  *time = *hooks().monotonic;
+  bool const isTold = hooks().steady || hooks().monotonic;
+  if (clock != CLOCK_MONOTONIC || !isTold) return next(clock, time);
+  *time = hooks().steady ? ToTimespec(hooks().steady()) : *hooks().monotonic;
   return 0;
 }
 

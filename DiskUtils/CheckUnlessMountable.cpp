@@ -1,0 +1,50 @@
+#include "DiskUtils/CheckUnlessMountable.h"
+
+#include <fcntl.h>
+#include <sys/mount.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <string>
+
+#include "DiskUtils/CheckDisk.h"
+#include "DiskUtils/internal/CardSlot.h"
+#include "base/UniqueFd.h"
+#include "base/internal/OpenFile.h"
+
+namespace Quellon::DiskUtils {
+
+namespace {
+
+// Whether the first superblock of a partition is that of ext2, ext3 or ext4. A card of anything
+// else is not to be checked: where it was ext4 once, the check would find an older superblock
+// further behind, and bring that file system back over whatever is there now.
+bool HasExtSuperblock(char const* partition) {
+  constexpr off_t kPlaceOfMagic = 1024 + 56;
+  constexpr std::array<unsigned char, 2> kMagicBytes = {0x53, 0xEF};
+  std::array<unsigned char, 2> found{};  // stays so where less can be read
+  Tarvik::UniqueFd const card(Tarvik::OpenFile(partition, O_RDONLY));
+  return card.IsOpen() && pread(card.Get(), found.data(), found.size(), kPlaceOfMagic) >= 0 &&
+         found == kMagicBytes;
+}
+
+}  // namespace
+
+void CheckUnlessMountable() {
+  if (!HasExtSuperblock(kCardPartition)) return;
+  unsigned long const flags = MS_NOEXEC | MS_NOATIME;
+  if (mount(kCardPartition, kCardMountPoint, "ext4", flags, nullptr) == 0) {
+    umount(kCardMountPoint);
+    return;
+  }
+  bool const isMounted = errno == EBUSY;
+  bool const isWriteProtected = errno == EACCES || errno == EROFS;
+  if (isMounted || isWriteProtected) return;
+  std::string place = kCardMountPoint;
+  std::string partition = kCardPartition;
+  CheckDisk(place.data(), partition.data()).DiskCheck();
+  umount(kCardMountPoint);
+}
+
+}  // namespace Quellon::DiskUtils
