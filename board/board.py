@@ -19,7 +19,8 @@ GUEST = ROOT / "board/guest"
 # What the board runs: the files of the packages, and programs that are in none.
 BUILD = ROOT / "build/armhf"
 PACKAGES = BUILD / "root"
-PACKAGED = ("usr/lib/*/libTarvik.so.2", "usr/lib/*/libQuellon.so.2", "usr/bin/recorder")
+PACKAGED = ("usr/lib/*/libTarvik.so.2", "usr/lib/*/libQuellon.so.2", "usr/bin/recorder",
+            "usr/bin/quellon")
 PROGRAMS = {
     "examples/bench-driver/bench-driver": "usr/bin",
     "board/driver/driver": "usr/bin",
@@ -53,7 +54,7 @@ def cross_build():
     run(["cmake", "--preset", "armhf", "-DQUELLON_DEBIAN_PACKAGES=ON"], cwd=ROOT)
     run(["cmake", "--build", "--preset", "armhf"], cwd=ROOT)
     shutil.rmtree(PACKAGES, ignore_errors=True)
-    for component in ("runtime", "recorder"):
+    for component in ("runtime", "recorder", "tools"):
         run(["cmake", "--install", BUILD, "--strip", "--component", component,
              "--prefix", PACKAGES / "usr"], cwd=ROOT)
 

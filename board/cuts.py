@@ -62,7 +62,7 @@ MOST_FLUSHES = 2  # of a card with a cache, for most files
 CONFIRMED = 50  # one in so many cuts is checked although it shares another's check
 
 # What the check says of a card that comes into service. One that cannot be mounted is checked, too:
-# see examples/recorder/CheckUnlessMountable.h.
+# see DiskUtils/CheckUnlessMountable.h.
 MOUNTABLE = (0, 1)
 
 TEXT = re.compile(rb"(?:[^\n]{0,14}\n)?(?:rec_\d{6}\.(?:dat|gps)\n)+[^\n\0]{0,14}\0*")

@@ -16,6 +16,8 @@
 #include <vector>
 
 #include "DiskUtils/CapacityProof.h"
+#include "DiskUtils/CardPreparation.h"
+#include "DiskUtils/CheckUnlessMountable.h"
 #include "DiskUtils/System.h"
 #include "FileUtils/FilesManager.h"
 #include "RTC/ClockFloor.h"
@@ -25,14 +27,17 @@
 #include "Watchdog/WatchdogGuard.h"
 #include "base/ConsoleGuard.h"
 #include "base/Logger.h"
-#include "examples/recorder/CheckUnlessMountable.h"
+#include "board/driver/WatchCard.h"
 
 using Quellon::System;
 using Quellon::WatchdogGuard;
 using Quellon::DiskUtils::CapacityProof;
+using Quellon::DiskUtils::CardContents;
+using Quellon::DiskUtils::CardPreparation;
 using Quellon::DiskUtils::Disk;
 using Quellon::FileUtils::FilesManager;
 using Quellon::FileUtils::Ifile;
+using Quellon::RTC::ClockFloor;
 using Tarvik::Ilog::LogLine;
 
 namespace {
@@ -52,7 +57,7 @@ Disk MountedCard() {
 }
 
 bool CheckUnlessMounted(Arguments const& /*none*/) {
-  CheckUnlessMountable();
+  Quellon::DiskUtils::CheckUnlessMountable();
   return true;
 }
 
@@ -113,6 +118,25 @@ bool RemoveIfBigger(Arguments const& arguments) {
 
 bool Format(Arguments const& arguments) {
   return MountedCard().Fromat(arguments[0] == "scan");
+}
+
+bool ShowCard(Arguments const& /*none*/) {
+  CardContents card;
+  auto const result = CardPreparation::Look(card);
+  bool const isSeen = result == CardPreparation::Result::Done;
+  std::cout << "card " << (isSeen ? card.Describe() : CardPreparation::Describe(result))
+            << std::endl;
+  return isSeen;
+}
+
+bool Prepare(Arguments const& arguments) {
+  using Permission = CardPreparation::Permission;
+  bool const erases = arguments[0] == "erase";
+  auto const permission = erases ? Permission::EraseRecordings : Permission::KeepRecordings;
+  auto const result = CardPreparation::Prepare(
+      permission, [](char const* step) { std::cout << "step " << step << std::endl; });
+  std::cout << "prepare " << CardPreparation::Describe(result) << std::endl;
+  return result == CardPreparation::Result::Done;
 }
 
 // Of the mounted card. Positions are -1 where there is none.
@@ -200,6 +224,11 @@ bool Disarm(Arguments const& arguments) {
   return disarmed == WatchdogGuard::Result::Done;
 }
 
+bool Watch(Arguments const& arguments) {
+  return WatchCard(arguments[0], std::chrono::seconds(std::atoi(arguments[1].c_str())),
+                   std::chrono::milliseconds(std::atoi(arguments[2].c_str())));
+}
+
 // Logs lines of 3000 characters, and kicks the watchdog after each, twice in a timeout.
 bool LogAndKick(Arguments const& arguments) {
   std::optional<Tarvik::ConsoleGuard> console;
@@ -244,6 +273,8 @@ constexpr std::array kCommands = {
     Command{"stat", "PATH", Stat},
     Command{"remove-if-bigger", "PATH LIMIT", RemoveIfBigger},
     Command{"format", "scan|plain", Format},
+    Command{"card", "", ShowCard},
+    Command{"prepare", "keep|erase", Prepare},
     Command{"prove-capacity", "all|samples BYTES-TO-LEAVE", ProveCapacity},
     Command{"reboot", "", Reboot},
     Command{"set-date", "SECONDS", SetDate},
@@ -254,6 +285,7 @@ constexpr std::array kCommands = {
     Command{"watchdog", "TIMEOUT KICKS", KickWatchdog},
     Command{"guard", "TIMEOUT KICKS", Guard},
     Command{"disarm", "TIMEOUT", Disarm},
+    Command{"watch-card", "PARTITION SECONDS PERIOD", Watch},
     Command{"log-and-kick", "TIMEOUT LINES guarded|plain", LogAndKick},
     Command{"clear-cache", "", ClearCache},
     Command{"find-process", "NAME", FindProcess},

@@ -32,7 +32,7 @@ fail-card off
 
 
 def run(board: Board):
-    fails_from_the_start(board, "writes", state=3, counted=0)
+    fails_from_the_start(board, "writes", state=3, counted=2)
     fails_from_the_start(board, "all", state=3, counted=2)
     fails_from_the_start(board, "lost", state=1, counted=2)
     catalogue_cannot_be_read(board)

@@ -9,66 +9,69 @@
 #include <array>
 #include <cerrno>
 #include <cstdlib>
-#include <iomanip>
 #include <set>
-#include <sstream>
+#include <string>
 #include <string_view>
+#include <utility>
 
-#include "CheckUnlessMountable.h"
+#include "DiskUtils/CardDirectory.h"
+#include "DiskUtils/CheckUnlessMountable.h"
 #include "FileUtils/Dir.h"
+#include "Watchdog/BackgroundKicks.h"
 #include "base/IException.h"
-#include "base/IThread.h"
 #include "base/Logger.h"
 #include "base/UniqueFd.h"
 
+using Quellon::WatchdogGuard;
+using Quellon::DiskUtils::CardState;
 using Quellon::DiskUtils::Disk;
+using Quellon::FileUtils::BackgroundLoad;
 using Quellon::FileUtils::FilesManager;
 using Quellon::FileUtils::Idir;
 using Quellon::FileUtils::Ifile;
+using Quellon::RTC::ClockFloor;
+using std::chrono::steady_clock;
 using Tarvik::Ilog::Error;
 using Tarvik::Ilog::Info;
 using Tarvik::Ilog::LogLine;
+using Tarvik::Ilog::Warning;
 
 namespace {
 
+constexpr char const* kPartition = "/dev/mmcblk1p1";
 constexpr char const* kRecordings = "/mnt/sdcard/cr/";
 constexpr std::string_view kPrefix = "rec_";
 constexpr int kLastNumber = 999999;  // six digits; then they begin anew
 constexpr std::size_t kPositionsBytes = 1024;
-constexpr std::chrono::seconds kShortestKickPeriod(1);
+constexpr std::size_t kSlice = std::size_t{64} << 10;
 constexpr std::chrono::minutes kLongestCheck(30);
+constexpr std::chrono::milliseconds kLongestPause(1000);  // between two kicks, where they are due
 
-// Half the timeout would do; a quarter leaves time for a card that keeps its writer waiting. Each
-// kick is a line of the log.
-std::chrono::seconds KickPeriod(Quellon::Watchdog const& watchdog) {
-  return std::max(kShortestKickPeriod, std::chrono::seconds(watchdog.timeout / 4));
-}
+// A little less than the second that a power cut may cost: it takes a moment until what was
+// recorded is on the card.
+constexpr std::chrono::milliseconds kLongestUnsafe(900);
 
 std::string RecordingName(int number, char const* extension) {
-  std::ostringstream name;
-  name << kPrefix << std::setw(6) << std::setfill('0') << number << extension;
-  return name.str();
-}
-
-std::string Stem(std::string const& name) {
-  return name.substr(0, name.rfind('.'));
+  return std::string(kPrefix) + std::to_string(kLastNumber + 1 + number).substr(1) + extension;
 }
 
 // Whether the card itself, and not the kernel's memory of it, can be read.
 bool CardAnswers() {
   constexpr std::size_t kBlock = 4096;  // direct reads go by whole, aligned blocks
   alignas(kBlock) std::array<char, kBlock> block;
-  Tarvik::UniqueFd const card(open("/dev/mmcblk1p1", O_RDONLY | O_DIRECT | O_CLOEXEC));
+  Tarvik::UniqueFd const card(open(kPartition, O_RDONLY | O_DIRECT | O_CLOEXEC));
   return card.IsOpen() && read(card.Get(), block.data(), kBlock) == kBlock;
 }
 
 // Each file holds its own name again and again, so that anybody can see whether it is intact.
-void Fill(Ifile& file, std::size_t bytes) {
-  std::string line = file.name + "\n";
-  file.Open(false);
-  for (std::size_t written = 0; written < bytes; written += line.size()) {
-    file.Write(line.data(), static_cast<unsigned int>(std::min(line.size(), bytes - written)));
-  }
+std::string Slice(Ifile const& file) {
+  std::string slice;
+  while (slice.size() < kSlice) slice += file.name + "\n";
+  return slice;
+}
+
+void Write(Ifile& file, std::string& slice, std::size_t most) {
+  file.Write(slice.data(), static_cast<unsigned int>(std::min(slice.size(), most)));
 }
 
 // Gives what was written its place on the card and writes it there, without a commit of the journal
@@ -81,52 +84,36 @@ bool WriteBack(Ifile& file) {
 }
 
 bool CouldNotWrite(Ifile const& file) {
-  LogLine(Error) << "[REC] Could not write " << file.path;
+  LogLine(Error) << "[REC] Could not write " << kRecordings << file.name;
   return false;
 }
 
-// Kicks the watchdog while the card is checked, which takes minutes when it is large, but not for
-// ever: a check that hangs is the watchdog's to end.
-class KicksMeanwhile : public Tarvik::Interfaces::IThread {
- public:
-  explicit KicksMeanwhile(Quellon::Watchdog& kicked) : watchdog(kicked) { Start(); }
-  ~KicksMeanwhile() override {
-    Cancel();
-    Join();
-  }
-  KicksMeanwhile(KicksMeanwhile const&) = delete;
-  KicksMeanwhile& operator=(KicksMeanwhile const&) = delete;
-
-  void Run() override {
-    if (over.WaitFor(KickPeriod(watchdog))) return;
-    watchdog.Reset();
-    if (std::chrono::steady_clock::now() > end) Cancel();
-  }
-
- private:
-  void Stopping() override { over.Notify(); }
-
-  Quellon::Watchdog& watchdog;
-  std::chrono::steady_clock::time_point end = std::chrono::steady_clock::now() + kLongestCheck;
-  Tarvik::Interfaces::ISemaphore over;
-};
+// A look finds nothing new in most cases, so this is called for what is new alone.
+void TellOfCard(CardState::Report const& report) {
+  bool const isGood = report.finding == CardState::Finding::Good;
+  LogLine(isGood ? Info : Error) << "[REC] Card: " << CardState::Describe(report.finding) << ", "
+                                 << report.errors << " errors, " << report.warnings << " warnings, "
+                                 << report.controllerErrors << " of the controller";
+}
 
 }  // namespace
 
 Recorder::Recorder(Settings const& chosen)
-    : settings(chosen),
-      system(*Quellon::System::GetInstance()),
-      watchdog(chosen.watchdogSeconds),
-      lastKick(std::chrono::steady_clock::now()) {}
+    : settings(chosen), system(*Quellon::System::GetInstance()) {}
 
 void Recorder::Run() {
+  KickWatchdog();
   if (!StartCard()) return;
-  do {
-    KickWatchdog();
+  auto next = steady_clock::now();
+  while (WaitUntil(catalogue == nullptr ? steady_clock::now() + kLongestPause : next)) {
+    auto const begin = steady_clock::now();
     if (catalogue == nullptr && CardIsBack() && !StartCard()) return;
+    clockFloor.SaveHourly();
     if (catalogue != nullptr && !Record() && WaitForLoad()) GiveUpCard();
-  } while (WaitForNextPeriod());
+    next = (settings.bytesPerSecond > 0 ? begin : steady_clock::now()) + settings.period;
+  }
   if (catalogue != nullptr) LeaveCard();
+  clockFloor.Save();
   LogLine(Info) << "[REC] Stopped";
 }
 
@@ -136,6 +123,7 @@ bool Recorder::StartCard() {
   Disk* const disk = InitDisk();
   if (disk == nullptr) return false;
   LogLine(Info) << "[REC] Health " << system.GetHealthReport();
+  RaiseClock(disk->available);
   if (disk->available) {
     system.SaveSDCardStatusCounter(0);
     OpenCatalogue(disk);
@@ -146,9 +134,17 @@ bool Recorder::StartCard() {
 }
 
 Disk* Recorder::InitDisk() {
-  KicksMeanwhile const kicks(watchdog);
-  CheckUnlessMountable();
+  Quellon::BackgroundKicks const kicks(watchdog, kLongestCheck);
+  Quellon::DiskUtils::CheckUnlessMountable();
   return system.InitDisk();
+}
+
+// After the health report, which tells of a clock that begins anew.
+void Recorder::RaiseClock(bool hasCard) {
+  auto const outcome = clockFloor.Apply(hasCard ? kRecordings : "");
+  if (outcome.result == ClockFloor::Result::Kept) return;
+  LogLine(Warning) << "[REC] Clock at " << outcome.from << ", at least " << outcome.to << ": "
+                   << ClockFloor::Describe(outcome.result);
 }
 
 // The catalogue is loaded while recording begins: that needs but the next number.
@@ -161,11 +157,17 @@ void Recorder::OpenCatalogue(Disk* disk) {
   }
   catalogue =
       std::make_unique<FilesManager>(disk, kRecordings, settings.minimumFreeBytes, settings.share);
-  load = std::make_unique<LoadsMeanwhile>(*catalogue);
+  load = std::make_unique<BackgroundLoad>(*catalogue);
+  watch = std::make_unique<Quellon::DiskUtils::CardWatch>(
+      *disk, [this](CardState::Report const& report) {
+        if (report.finding == CardState::Finding::Gone) cardWasOut = true;
+        TellOfCard(report);
+      });
 }
 
 // A card that is put back later must not find the old one still mounted. No load may be running.
 void Recorder::GiveUpCard() {
+  watch.reset();
   load.reset();
   catalogue.reset();
   system.disk->Umount();
@@ -175,10 +177,8 @@ void Recorder::GiveUpCard() {
 // A load has the card in use, and nothing ends it but the end of the process: with that the card is
 // unmounted, too.
 void Recorder::LeaveCard() {
-  if (!IsLoading()) {
-    GiveUpCard();
-    return;
-  }
+  if (!IsLoading()) return GiveUpCard();
+  watch.reset();
   umount2(system.disk->mountPoint.c_str(), MNT_DETACH);
   LogLine(Info) << "[REC] Card released when the process ends";
 }
@@ -186,12 +186,14 @@ void Recorder::LeaveCard() {
 // A card that failed is not tried again before it was out of its slot: each try may end in a
 // reboot.
 bool Recorder::CardIsBack() {
-  if (!CardAnswers()) cardWasOut = true;
-  return cardWasOut && CardAnswers();
+  bool const answers = CardAnswers();
+  if (!answers) cardWasOut = true;
+  return cardWasOut && answers;
 }
 
 // While the catalogue is loaded, a full card waits for it.
 bool Recorder::Record() {
+  if (!watch->IsUsable()) return false;
   if (IsLoading() && HasRoomMeanwhile()) return WriteFiles();
   return WaitForLoad() && FinishLoad() && MakeRoom() && WriteFiles();
 }
@@ -204,21 +206,17 @@ bool Recorder::HasRoomMeanwhile() {
   }
 }
 
-// False when the service is to stop before the load is over, which the next wait then finds, too.
+// False when the service is to stop before the load is over.
 bool Recorder::WaitForLoad() {
   while (IsLoading()) {
-    if (stop.WaitFor(kShortestKickPeriod)) {
-      stop.Notify();
-      return false;
-    }
-    KickWatchdog();
+    if (!Pause(kLongestPause)) return false;
   }
   return true;
 }
 
 bool Recorder::FinishLoad() {
   if (load == nullptr) return true;
-  std::unique_ptr<LoadsMeanwhile> const over = std::move(load);
+  std::unique_ptr<BackgroundLoad> const over = std::move(load);
   if (!over->Finish()) {
     LogLine(Error) << "[REC] " << catalogue->GetError();
     return false;
@@ -250,7 +248,8 @@ void Recorder::RemoveOrphanedPositions() {
   std::set<std::string> recordings;
   std::set<std::string> positions;
   for (Ifile* file : catalogue->GetList()) {
-    (file->extension == ".gps" ? positions : recordings).insert(Stem(file->GetName()));
+    std::string const stem = file->name.substr(0, file->name.rfind('.'));
+    (file->extension == ".gps" ? positions : recordings).insert(stem);
   }
   for (auto const& stem : positions) {
     std::string name = stem + ".gps";
@@ -261,15 +260,43 @@ void Recorder::RemoveOrphanedPositions() {
 // Both files are on the card before they count, since what is complete must survive a power cut.
 // The first `Sync` brings both there: each would cost the card a commit of the journal.
 bool Recorder::WriteFiles() {
-  number = number % kLastNumber + 1;
-  std::string path = kRecordings + RecordingName(number, ".dat");
-  std::string positionsPath = kRecordings + RecordingName(number, ".gps");
+  Quellon::DiskUtils::CardDirectory const directory(kRecordings, kPartition);
+  std::string path;
+  do {  // numbers that began anew may meet old recordings
+    number = number % kLastNumber + 1;
+    path = directory.Path() + RecordingName(number, ".dat");
+  } while (access(path.c_str(), F_OK) == 0);
+  std::string positionsPath = directory.Path() + RecordingName(number, ".gps");
   Ifile recording(path, false);
   Ifile positions(positionsPath, false);
-  Fill(recording, settings.recordingBytes);
-  Fill(positions, kPositionsBytes);
+  std::size_t bytes = 0;
+  if (!WriteSteadily(recording, bytes)) return CouldNotWrite(recording);
+  std::string slice = Slice(positions);
+  positions.Open(false);
+  Write(positions, slice, kPositionsBytes);
   if (!WriteBack(positions)) return CouldNotWrite(positions);
-  return Complete(recording, settings.recordingBytes) && Complete(positions, kPositionsBytes);
+  return Complete(recording, bytes) && Complete(positions, kPositionsBytes);
+}
+
+// Writes until the recording is whole, or ends it where the service is to stop. What was written is
+// brought to the card every second, so that a power cut costs no more than that.
+bool Recorder::WriteSteadily(Ifile& file, std::size_t& written) {
+  std::string slice = Slice(file);
+  auto const rate = settings.bytesPerSecond;
+  auto const begin = steady_clock::now();
+  auto safe = begin;
+  file.Open(false);
+  while (written < settings.recordingBytes) {
+    std::chrono::microseconds const due(rate == 0 ? 0 : 1'000'000ULL * written / rate);
+    if (written > 0 && !WaitUntil(begin + due)) return true;
+    Write(file, slice, settings.recordingBytes - written);
+    written += std::min(slice.size(), settings.recordingBytes - written);
+    if (steady_clock::now() - safe < kLongestUnsafe) continue;
+    if (!watch->IsUsable() || !file.Sync()) return false;
+    safe = steady_clock::now();  // a card may take longer than that
+    KickWatchdog();
+  }
+  return true;
 }
 
 bool Recorder::Complete(Ifile& file, std::size_t bytes) {
@@ -302,23 +329,41 @@ bool Recorder::FindLastNumber() {
   return errno == 0;
 }
 
-// False when the service is to stop.
-bool Recorder::WaitForNextPeriod() {
-  auto const next = std::chrono::steady_clock::now() + settings.period;
+// Ends early when the card is lost. False when the service is to stop.
+bool Recorder::WaitUntil(steady_clock::time_point end) {
   while (true) {
-    auto const left =
-        std::chrono::ceil<std::chrono::milliseconds>(next - std::chrono::steady_clock::now());
-    if (left.count() <= 0) return !stop.TryWait();
-    if (stop.WaitFor(std::min<std::chrono::milliseconds>(left, kShortestKickPeriod))) return false;
-    KickWatchdog();
+    auto const left = std::chrono::ceil<std::chrono::milliseconds>(end - steady_clock::now());
+    if (!Pause(std::clamp<std::chrono::milliseconds>(left, {}, kLongestPause))) return false;
+    if (left <= kLongestPause || (watch != nullptr && !watch->IsUsable())) return true;
   }
 }
 
-// A load that hangs is the watchdog's to end.
+// Looks after what must not wait. False when the service is to stop.
+bool Recorder::Pause(std::chrono::milliseconds length) {
+  KickWatchdog();
+  isStopping = isStopping || stop.WaitFor(length);
+  return !isStopping;
+}
+
+// A load that hangs is the watchdog's to end. A watchdog that is not there, or that somebody else
+// has, may come.
 void Recorder::KickWatchdog() {
   if (load != nullptr && load->Hangs()) return;
-  auto const now = std::chrono::steady_clock::now();
-  if (now - lastKick < KickPeriod(watchdog)) return;
-  watchdog.Reset();
-  lastKick = now;
+  auto const now = steady_clock::now();
+  if (now < nextKick) return;
+  auto const result = watchdog.IsOpen() ? watchdog.Kick() : watchdog.Open(settings.watchdogSeconds);
+  nextKick = now + watchdog.GetKickPeriod();
+  if (std::exchange(watchdogState, result) != result) TellOfWatchdog();
+}
+
+void Recorder::TellOfWatchdog() const {
+  if (watchdogState != WatchdogGuard::Result::Done) {
+    LogLine(Error) << "[REC] Watchdog: " << WatchdogGuard::Describe(watchdogState);
+    return;
+  }
+  LogLine(Info) << "[REC] Watchdog " << watchdog.GetDriver() << ", " << watchdog.GetTimeout()
+                << " s";
+  if (watchdog.IsStoppedByClose()) {
+    LogLine(Warning) << "[REC] The watchdog stops when the service ends";
+  }
 }

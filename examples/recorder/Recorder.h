@@ -1,20 +1,24 @@
 // A small recording service on top of the library, as a device maker would write it.
 #pragma once
 
+#include <atomic>
 #include <chrono>
-#include <cstddef>
 #include <memory>
 #include <string>
 
+#include "DiskUtils/CardWatch.h"
 #include "DiskUtils/System.h"
+#include "FileUtils/BackgroundLoad.h"
 #include "FileUtils/FilesManager.h"
-#include "LoadsMeanwhile.h"
-#include "Watchdog/Watchdog.h"
+#include "RTC/ClockFloor.h"
+#include "Watchdog/WatchdogGuard.h"
 #include "base/ISemaphore.h"
 
 struct Settings {
   std::size_t recordingBytes = std::size_t{8} << 20;
-  std::chrono::milliseconds period{60000};  ///< from recording to recording
+  std::size_t bytesPerSecond = 0;  ///< that come in; 0: as fast as the card takes them
+  std::chrono::milliseconds period{
+      60000};  ///< to the next; with a rate, from beginning to beginning
   unsigned long long minimumFreeBytes = 128ULL << 20;
   float share = 0.8F;  ///< of the card, for recordings
   int watchdogSeconds = 90;
@@ -38,6 +42,7 @@ class Recorder {
  private:
   bool StartCard();
   Quellon::DiskUtils::Disk* InitDisk();
+  void RaiseClock(bool hasCard);
   void OpenCatalogue(Quellon::DiskUtils::Disk* disk);
   void GiveUpCard();
   void LeaveCard();
@@ -51,20 +56,27 @@ class Recorder {
   bool MakeRoom();
   void RemoveOrphanedPositions();
   bool WriteFiles();
+  bool WriteSteadily(Quellon::FileUtils::Ifile& file, std::size_t& written);
   bool Complete(Quellon::FileUtils::Ifile& file, std::size_t bytes);
   bool AddFile(std::string name);
   bool FindLastNumber();
 
-  bool WaitForNextPeriod();
+  bool WaitUntil(std::chrono::steady_clock::time_point end);
+  bool Pause(std::chrono::milliseconds length);
   void KickWatchdog();
+  void TellOfWatchdog() const;
 
   Settings settings;
   Quellon::System& system;
-  Quellon::Watchdog watchdog;
-  std::chrono::steady_clock::time_point lastKick;
+  Quellon::WatchdogGuard watchdog;
+  Quellon::WatchdogGuard::Result watchdogState = Quellon::WatchdogGuard::Result::NotOpen;
+  std::chrono::steady_clock::time_point nextKick;
   std::unique_ptr<Quellon::FileUtils::FilesManager> catalogue;  // null while there is no card
-  std::unique_ptr<LoadsMeanwhile> load;  // null when the catalogue is complete
+  std::unique_ptr<Quellon::FileUtils::BackgroundLoad> load;  // null when the catalogue is complete
+  std::unique_ptr<Quellon::DiskUtils::CardWatch> watch;      // null with the catalogue
+  Quellon::RTC::ClockFloor clockFloor;
   int number = 0;
-  bool cardWasOut = false;
+  std::atomic<bool> cardWasOut = false;  // of its slot; the watch may say so
+  bool isStopping = false;
   Tarvik::Interfaces::ISemaphore stop;
 };

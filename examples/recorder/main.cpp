@@ -5,21 +5,22 @@
 #include <charconv>
 #include <chrono>
 #include <csignal>
-#include <cstdint>
 #include <cstdlib>
 #include <iostream>
+#include <optional>
 #include <string_view>
 
 #include "RTC/Rtc.h"
 #include "Recorder.h"
+#include "base/ConsoleGuard.h"
 #include "base/Logger.h"
 #include "base/TemperatureMonitor.h"
 
 namespace {
 
 constexpr char const* kUsage =
-    "usage: recorder [--size BYTES] [--period MILLISECONDS] [--min-free BYTES]\n"
-    "                [--share 0..1] [--watchdog SECONDS]\n";
+    "usage: recorder [--size BYTES] [--rate BYTES-PER-SECOND] [--period MILLISECONDS]\n"
+    "                [--min-free BYTES] [--share 0..1] [--watchdog SECONDS]\n";
 
 Recorder* running = nullptr;
 
@@ -35,43 +36,35 @@ bool Read(std::string_view text, Number& number) {
   return error == std::errc() && end == text.end();
 }
 
-bool Read(std::string_view text, std::chrono::milliseconds& time) {
-  std::uint32_t count = 0;
-  if (!Read(text, count) || count == 0) return false;
-  time = std::chrono::milliseconds(count);
+bool Choose(std::string_view option, std::string_view value, Settings& settings) {
+  unsigned milliseconds = 0;
+  auto& [size, rate, period, minimum, share, watchdog] = settings;
+  if (option == "size") return Read(value, size) && size > 0;
+  if (option == "rate") return Read(value, rate) && rate > 0;
+  if (option == "min-free") return Read(value, minimum);
+  if (option == "share") return Read(value, share) && share > 0 && share <= 1;
+  if (option == "watchdog") return Read(value, watchdog) && watchdog > 0;
+  if (!Read(value, milliseconds) || milliseconds == 0) return false;
+  period = std::chrono::milliseconds(milliseconds);
   return true;
-}
-
-bool Choose(int choice, std::string_view value, Settings& settings) {
-  switch (choice) {
-    case 's':
-      return Read(value, settings.recordingBytes) && settings.recordingBytes > 0;
-    case 'p':
-      return Read(value, settings.period);
-    case 'm':
-      return Read(value, settings.minimumFreeBytes);
-    case 'f':
-      return Read(value, settings.share) && settings.share > 0 && settings.share <= 1;
-    case 'w':
-      return Read(value, settings.watchdogSeconds) && settings.watchdogSeconds > 0;
-    default:
-      return false;
-  }
 }
 
 // False when the command line is not understood.
 bool Parse(int count, char** arguments, Settings& settings) {
-  static constexpr std::array<option, 6> kOptions = {{
-      {"size", required_argument, nullptr, 's'},
-      {"period", required_argument, nullptr, 'p'},
-      {"min-free", required_argument, nullptr, 'm'},
-      {"share", required_argument, nullptr, 'f'},
-      {"watchdog", required_argument, nullptr, 'w'},
+  static constexpr std::array<option, 7> kOptions = {{
+      {"size", required_argument, nullptr, 0},
+      {"rate", required_argument, nullptr, 0},
+      {"period", required_argument, nullptr, 0},
+      {"min-free", required_argument, nullptr, 0},
+      {"share", required_argument, nullptr, 0},
+      {"watchdog", required_argument, nullptr, 0},
       {nullptr, 0, nullptr, 0},
   }};
+  int index = 0;
   int choice;
-  while ((choice = getopt_long(count, arguments, "", kOptions.data(), nullptr)) != -1) {
-    if (optarg == nullptr || !Choose(choice, optarg, settings)) return false;
+  while ((choice = getopt_long(count, arguments, "", kOptions.data(), &index)) != -1) {
+    if (choice != 0 || !Choose(kOptions[static_cast<std::size_t>(index)].name, optarg, settings))
+      return false;
   }
   return optind == count;
 }
@@ -89,6 +82,7 @@ void RestoreClock() {
 }  // namespace
 
 int main(int count, char** arguments) {
+  std::optional<Tarvik::ConsoleGuard> console(std::in_place);
   Settings settings;
   if (!Parse(count, arguments, settings)) {
     std::cerr << kUsage;
@@ -98,10 +92,8 @@ int main(int count, char** arguments) {
   Tarvik::Util::TemperatureMonitor::GetInstance()->Start();
   static Recorder recorder(settings);  // the signal handler knows it
   running = &recorder;
-  struct sigaction stop {};
-  stop.sa_handler = StopRunning;
-  sigaction(SIGTERM, &stop, nullptr);
-  sigaction(SIGINT, &stop, nullptr);
+  for (int const signal : {SIGTERM, SIGINT}) static_cast<void>(std::signal(signal, StopRunning));
   recorder.Run();
+  console.reset();
   std::quick_exit(EXIT_SUCCESS);  // without waiting for a catalogue that is still being loaded
 }

@@ -69,6 +69,8 @@ class FakeCard {
     SetProperty("device/name", "SD32G\n");
     SetProperty("ro", "0\n");
     SetProperty("size", "31116288\n");
+    SetProperty("stat", " 10 0 80 5 20 0 160 9 0 11 14 0 0 0 0 0 0\n");
+    Machine::MakeFile("/sys/class/block/mmcblk1p1/ro", "0\n");
     Machine::MakeFile("/sys/fs/ext4/mmcblk1p1/lifetime_write_kbytes", "734003\n");
     space.f_bsize = 65536;
     space.f_frsize = 4096;
@@ -106,10 +108,11 @@ class FakeCard {
     return {fsckCode << 8, 0};
   }
 
-  // The parent lies on device 1, what is mounted on device 2.
+  // The number of the card is that of what really holds its files; the parent lies on device 1.
   [[nodiscard]] Machine::Answer Stat(std::string const& path, struct stat* status) const {
     int const result = fstatat(AT_FDCWD, Machine::Real(path).c_str(), status, 0);
-    if (path.starts_with(kMountPoint)) status->st_dev = path == kMountPoint && mounted ? 2 : 1;
+    if (path == kPartition) status->st_rdev = status->st_dev;
+    if (path.starts_with(kMountPoint) && !(path == kMountPoint && mounted)) status->st_dev = 1;
     return {result, errno};
   }
 };

@@ -1,42 +1,16 @@
 // The example recorder records while its catalogue is loaded.
-#include "examples/recorder/Recorder.h"
-
-#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <semaphore.h>
 #include <sys/mount.h>
 
 #include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <filesystem>
-#include <functional>
-#include <memory>
-#include <new>
 #include <optional>
 #include <string>
-#include <thread>
-#include <vector>
 
-#include "tests/machine/Threads.h"
-#include "tests/support/CatalogueTest.h"
-#include "tests/support/FakeCard.h"
-#include "tests/support/LogFile.h"
-
-namespace {
-
-std::atomic<bool> writesBack = true;
-
-}  // namespace
-
-// The recorder's own call: its source is a part of this program.
-extern "C" int sync_file_range(int /*fd*/, off64_t /*offset*/, off64_t /*count*/,
-                               unsigned int /*flags*/) {
-  if (writesBack) return 0;
-  errno = EIO;
-  return -1;
-}
+#include "tests/support/RecorderTest.h"
 
 namespace {
 
@@ -47,156 +21,7 @@ using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::SizeIs;
 
-constexpr auto kEntryPause = 1ms;
-constexpr char const* kRecordings = "/mnt/sdcard/cr/";
-
-/// Holds the load, at its first entry if not before, until it is let go.
-class HeldLoad {
- public:
-  HeldLoad() {
-    hooks().sleep = [this](std::chrono::nanoseconds pause) {
-      if (pause == kEntryPause) Hold();
-    };
-  }
-  HeldLoad(HeldLoad const&) = delete;
-  HeldLoad& operator=(HeldLoad const&) = delete;
-  ~HeldLoad() { LetGo(); }
-
-  void Hold() {
-    isLoading = true;
-    isLoading.notify_all();
-    isOpen.wait(false);
-  }
-  void Await() { isLoading.wait(false); }
-  bool IsHeld() { return !isOpen; }
-  void LetGo() {
-    isOpen = true;
-    isOpen.notify_all();
-  }
-
- private:
-  std::atomic<bool> isLoading = false;
-  std::atomic<bool> isOpen = false;
-};
-
-/// Whether `holds` becomes true before long, by the clock that no test here changes.
-template <typename Condition>
-bool ComesTrue(Condition holds) {
-  auto const deadline = std::chrono::system_clock::now() + LogFile::kPatience;
-  while (!holds() && std::chrono::system_clock::now() < deadline) std::this_thread::yield();
-  return holds();
-}
-
-class RecorderLoad : public testing::Test {
- protected:
-  RecorderLoad() {
-    LogFile::BeginAnew();
-    settings.recordingBytes = 100;
-    settings.period = 1ms;
-    settings.minimumFreeBytes = 0;
-    threads.waitSemaphoreUntil = [this](sem_t* semaphore, auto&&...) { return Wait(semaphore); };
-    hooks().statvfs = [this](auto&&, struct statvfs* space) {
-      *space = card.space;
-      space->f_bfree = freeBlocks;
-      bool const hasCatalogue = LogFile::Text().find("Allocated disk space") != std::string::npos;
-      if (hasCatalogue && load.IsHeld()) ++measured;
-      return isMeasurable ? Machine::Answer::Success() : Machine::Answer::Failure(EIO);
-    };
-    hooks().fsync = [this](int) -> std::optional<Machine::Answer> {
-      if (isWritable) return std::nullopt;
-      return Machine::Answer::Failure(EIO);
-    };
-    hooks().unlink = [this](std::string const& path) -> std::optional<Machine::Answer> {
-      if (path.starts_with(kRecordings)) freeBlocks += kEnough;
-      return std::nullopt;
-    };
-  }
-
-  ~RecorderLoad() override { EndRecorder(); }
-
-  static void MakeRecordings(int count) {
-    for (int number = 1; number <= count; ++number) {
-      std::string const stem = kRecordings + ("rec_00000" + std::to_string(number));
-      Machine::MakeFile(stem + ".dat", "1234567890");
-      Machine::MakeFile(stem + ".gps", "12345");
-    }
-  }
-
-  /// Runs the recorder on a thread of its own, as the service's first.
-  void StartRecorder() {
-    recorder = std::make_unique<Recorder>(settings);
-    service = std::thread([this] {
-      isService = true;
-      recorder->Run();
-    });
-  }
-
-  /// Waits for the recorder's thread, but not for a load that is held.
-  void StopRecorder() {
-    recorder->Stop();
-    service.join();
-  }
-
-  void EndRecorder() {
-    if (service.joinable()) StopRecorder();
-    load.LetGo();
-    recorder.reset();
-  }
-
-  static bool Logs(std::string const& text) {
-    return ComesTrue([&text] { return LogFile::Text().find(text) != std::string::npos; });
-  }
-
-  static std::vector<std::string> LinesWith(std::string const& text) {
-    std::vector<std::string> found;
-    for (auto const& line : LogFile::SplitLines(LogFile::Text())) {
-      if (line.find(text) != std::string::npos)
-        found.push_back(line.substr(LogFile::kHeaderLength));
-    }
-    return found;
-  }
-
-  /// Expects the three recordings there were and what was recorded meanwhile in the catalogue.
-  void ExpectEachFileOnce() {
-    ASSERT_TRUE(Logs("[REC] Catalogue"));
-    StopRecorder();
-    std::size_t meanwhile = 0;
-    for (auto const& line : LinesWith("[REC] ")) {
-      if (line.starts_with("[REC] Catalogue")) break;
-      meanwhile += line.starts_with("[REC] Recorded");
-    }
-    EXPECT_THAT(LinesWith("[REC] Catalogue"),
-                ElementsAre("[REC] Catalogue of " + std::to_string(6 + meanwhile) + " files, " +
-                            std::to_string(3 * 15 + meanwhile / 2 * (100 + 1024)) + " bytes"));
-  }
-
-  static constexpr fsblkcnt_t kEnough = 1000000;
-  std::atomic<fsblkcnt_t> freeBlocks = kEnough;
-  std::atomic<int> measured = 0;  // how often, for room, before the load is let go
-  std::atomic<bool> isMeasurable = true;
-  std::atomic<bool> isWritable = true;
-  Settings settings;
-  Capture::Descriptor console{1};
-  FakeCard card;
-  HeldLoad load;
-  std::unique_ptr<Recorder> recorder;
-  std::thread service;
-  std::function<void()> duringPause;  // of the service, on its thread
-  static thread_local bool isService;
-
- private:
-  /// The service's pauses are over at once. Those of who kicks the watchdog meanwhile never are.
-  int Wait(sem_t* semaphore) {
-    if (!isService) return sem_wait(semaphore) == 0 ? 0 : errno;
-    if (sem_trywait(semaphore) == 0) return 0;
-    if (duringPause) duringPause();
-    return ETIMEDOUT;
-  }
-
-  Machine::ThreadHooks threads;
-};
-
-thread_local bool RecorderLoad::isService = false;
+class RecorderLoad : public RecorderTest {};
 
 TEST_F(RecorderLoad, RecordsWhileTheCatalogueIsLoaded) {
   MakeRecordings(3);
@@ -245,8 +70,8 @@ TEST_F(RecorderLoad, AFullCardWaitsForTheCatalogueAndNothingIsDeletedMeanwhile) 
   ASSERT_TRUE(Logs("Recorded rec_000004.gps"));
   StopRecorder();
   auto const lines = LinesWith("[REC] ");
-  EXPECT_THAT(lines[1], HasSubstr("Catalogue of 6 files"));
-  EXPECT_THAT(lines[2], HasSubstr("Deleted 2 oldest"));
+  EXPECT_THAT(lines[2], HasSubstr("Catalogue of 6 files"));
+  EXPECT_THAT(lines[3], HasSubstr("Deleted 2 oldest"));
 }
 
 TEST_F(RecorderLoad, AFullCardWaitsNoLongerThanForTheCatalogue) {
@@ -357,17 +182,18 @@ TEST_F(RecorderLoad, StoppingDoesNotWaitForTheLoadWhereACardThatFailedDoes) {
 }
 
 TEST_F(RecorderLoad, WhileAFullCardWaitsTheWatchdogIsKickedButNotForALoadThatHangs) {
-  Machine::MakeFile("/dev/watchdog", "");
-  hooks().monotonic = timespec{1000, 0};
   std::atomic<int> waited = 0;  // seconds
-  duringPause = [&waited] { hooks().monotonic->tv_sec = 1000 + ++waited; };
+  hooks().steady = [&waited] { return std::chrono::seconds(1000 + waited); };
+  duringPause = [&waited](timespec const&) { ++waited; };
   freeBlocks = 0;
   StartRecorder();
   load.Await();
   ASSERT_TRUE(ComesTrue([&waited] { return waited > 4000; }));
   StopRecorder();
   // Each 22 seconds, a quarter of the timeout, for half an hour.
-  EXPECT_THAT(LinesWith("Watchdog have been reset"), SizeIs(1800 / 22));
+  // By the service alone; the first kick is that of the opening.
+  EXPECT_EQ(kicks, 1 + 1800 / 22);
+  EXPECT_THAT(LinesWith("[REC] Watchdog"), ElementsAre("[REC] Watchdog , 90 s"));
 }
 
 TEST_F(RecorderLoad, StoppingUnmountsOnceTheLoadIsOver) {
@@ -376,86 +202,6 @@ TEST_F(RecorderLoad, StoppingUnmountsOnceTheLoadIsOver) {
   ASSERT_TRUE(Logs("[REC] Catalogue"));
   StopRecorder();
   EXPECT_THAT(Machine::Traced("umount"), ElementsAre("umount /mnt/sdcard/"));
-}
-
-class LoadsMeanwhileTest : public CatalogueTest {
- protected:
-  std::unique_ptr<FilesManager> catalogue = NewCatalogue();
-
-  /// Loads, adds these meanwhile and finishes.
-  bool LoadWith(std::vector<std::string> const& added) {
-    LoadsMeanwhile load(*catalogue);
-    for (auto const& name : added) load.Add(name);
-    EXPECT_TRUE(ComesTrue([&load] { return load.IsOver(); }));
-    return load.Finish();
-  }
-};
-
-TEST_F(LoadsMeanwhileTest, WhatTheLoadFoundTooIsCataloguedOnceAsTheNewestWithTheSizeItHasThen) {
-  for (auto const* name : {"a.dat", "b.dat", "c.dat"}) MakeRecording(name, 10, 1'600'000'000);
-  LoadsMeanwhile load(*catalogue);
-  load.Add("b.dat");
-  ASSERT_TRUE(ComesTrue([&load] { return load.IsOver(); }));
-  ASSERT_THAT(Names(*catalogue), testing::UnorderedElementsAre("a.dat", "b.dat", "c.dat"));
-  MakeRecording("b.dat", 25, 1'600'000'000);
-  EXPECT_TRUE(load.Finish());
-  EXPECT_THAT(Names(*catalogue), testing::UnorderedElementsAre("a.dat", "b.dat", "c.dat"));
-  EXPECT_EQ(Names(*catalogue).back(), "b.dat");
-  EXPECT_EQ(catalogue->GetTotalFilesSize(), 45U);
-}
-
-TEST_F(LoadsMeanwhileTest, WhatWasAddedKeepsItsOrder) {
-  for (auto const* name : {"z.dat", "z.gps", "a.dat"}) MakeRecording(name, 10);
-  EXPECT_TRUE(LoadWith({"z.dat", "z.gps", "a.dat"}));
-  EXPECT_THAT(Names(*catalogue), ElementsAre("z.dat", "z.gps", "a.dat"));
-}
-
-TEST_F(LoadsMeanwhileTest, AFileThatIsGoneDoesNotKeepTheOthersOut) {
-  MakeRecording("b.dat");
-  LoadsMeanwhile load(*catalogue);
-  load.Add("a.dat");
-  load.Add("b.dat");
-  EXPECT_TRUE(load.Finish());
-  EXPECT_THAT(load.GetGone(), ElementsAre("a.dat"));
-  EXPECT_THAT(Names(*catalogue), ElementsAre("b.dat"));
-}
-
-TEST_F(LoadsMeanwhileTest, IsDoneAtItsEndWhereThereIsNoThread) {
-  MakeRecording("a.dat");
-  Machine::ThreadHooks threads;
-  threads.create = [] { return EAGAIN; };
-  LoadsMeanwhile load(*catalogue);
-  EXPECT_TRUE(load.IsOver());
-  EXPECT_FALSE(load.Hangs());
-  EXPECT_TRUE(load.Finish());
-  EXPECT_THAT(Names(*catalogue), ElementsAre("a.dat"));
-}
-
-TEST_F(LoadsMeanwhileTest, AFailedLoadIsAFailure) {
-  card.available = false;
-  EXPECT_FALSE(LoadWith({}));
-  EXPECT_EQ(catalogue->GetError(), "The disk is not available");
-}
-
-TEST_F(LoadsMeanwhileTest, WhatTheLoadThrewIsThrownToItsOwner) {
-  hooks().sleep = [](auto) { throw std::bad_alloc(); };
-  LoadsMeanwhile load(*catalogue);
-  EXPECT_THROW(load.Finish(), std::bad_alloc);
-}
-
-TEST_F(LoadsMeanwhileTest, HangsWhenItHasNotEndedAfterHalfAnHour) {
-  HeldLoad held;
-  MakeRecording("a.dat");
-  hooks().monotonic = timespec{1000, 0};
-  LoadsMeanwhile load(*catalogue);
-  held.Await();
-  hooks().monotonic = timespec{1000 + 1800, 0};
-  EXPECT_FALSE(load.Hangs());
-  hooks().monotonic = timespec{1000 + 1801, 0};
-  EXPECT_TRUE(load.Hangs());
-  held.LetGo();
-  hooks().monotonic.reset();
-  ASSERT_TRUE(ComesTrue([&load] { return load.IsOver(); }));
 }
 
 }  // namespace

@@ -1,0 +1,207 @@
+// What the example recorder does for each recording, and with its watchdog.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <linux/watchdog.h>
+
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <filesystem>
+#include <string>
+
+#include "tests/support/RecorderTest.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using Machine::hooks;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+
+constexpr std::size_t kSlice = 64 << 10;
+
+// The service's time goes by in its pauses alone.
+class Recorder : public RecorderTest {
+ protected:
+  Recorder() {
+    load.LetGo();
+    settings.recordingBytes = 8 * kSlice;
+    settings.bytesPerSecond = 2 * kSlice;
+    settings.period = 1h;
+    hooks().steady = [this] { return now.load(); };
+    duringPause = [this](timespec const& deadline) {
+      if (isHeld) return;
+      now = std::chrono::seconds(deadline.tv_sec) + std::chrono::nanoseconds(deadline.tv_nsec);
+      if (Written() >= pauseAt) isHeld = true;
+    };
+    hooks().fsync = [this](int) -> std::optional<Machine::Answer> {
+      if (!isHeld) ++syncs;
+      return std::nullopt;
+    };
+  }
+
+  static std::uintmax_t Written() {
+    std::error_code none;
+    auto const bytes =
+        std::filesystem::file_size(Machine::Real("/mnt/sdcard/cr/rec_000001.dat"), none);
+    return none ? 0 : bytes;
+  }
+
+  std::atomic<std::uintmax_t> pauseAt = SIZE_MAX;  // bytes of the recording where time stands still
+  std::atomic<std::chrono::nanoseconds> now{1000s};
+  std::atomic<bool> isHeld = false;
+  std::atomic<int> syncs = 0;
+};
+
+TEST_F(Recorder, BringsWhatItWritesToTheCardEachSecond) {
+  StartRecorder();
+  ASSERT_TRUE(Logs("Recorded rec_000001.gps"));
+  StopRecorder();
+  EXPECT_EQ(Written(), 8 * kSlice);
+  // A file and its folder each time: after 1, 2 and 3 s, and where both files are complete.
+  EXPECT_EQ(syncs, 2 * (3 + 2));
+}
+
+TEST_F(Recorder, WritesOnThoughACardTakesLongerThanASecondToBeSafe) {
+  hooks().fsync = [this](int) -> std::optional<Machine::Answer> {
+    now = now.load() + 2s;
+    ++syncs;
+    return std::nullopt;
+  };
+  StartRecorder();
+  ASSERT_TRUE(Logs("Recorded rec_000001.gps"));
+  StopRecorder();
+  EXPECT_LE(syncs, 2 * (3 + 2));
+}
+
+TEST_F(Recorder, BeginsARecordingThatIsStoppedAtOnceWithWhatThereIs) {
+  pauseAt = 1;
+  StartRecorder();
+  ASSERT_TRUE(ComesTrue([this] { return isHeld.load(); }));
+  StopRecorder();
+  EXPECT_GE(Written(), kSlice);
+}
+
+TEST_F(Recorder, TakesACardBackThatWasSwappedBetweenTwoLooks) {
+  hasOthers = true;
+  Machine::MakeFile(FakeCard::kPartition, std::string(4096, ' '));
+  std::atomic<bool> isGone = false;
+  hooks().fault = [&isGone](Machine::Call const& call) -> std::optional<Machine::Failure> {
+    if (call.function != "pread" || !isGone) return {};
+    return ENODEV;
+  };
+  StartRecorder();
+  ASSERT_TRUE(Logs("Recorded rec_000001.gps"));
+  isGone = true;  // while the partition can be read: another card is there by now
+  ASSERT_TRUE(Logs("[REC] Card released"));
+  isGone = false;
+  ASSERT_TRUE(ComesTrue([] { return LinesWith("[REC] Health").size() > 1; }));
+  StopRecorder();
+}
+
+TEST_F(Recorder, EndsARecordingWhereItIsStopped) {
+  pauseAt = 3 * kSlice;
+  StartRecorder();
+  ASSERT_TRUE(ComesTrue([this] { return isHeld.load(); }));
+  StopRecorder();
+  EXPECT_THAT(LinesWith("[REC] Recorded"),
+              ElementsAre("[REC] Recorded rec_000001.dat " + std::to_string(Written()) + " bytes",
+                          "[REC] Recorded rec_000001.gps 1024 bytes"));
+  EXPECT_GE(Written(), 3 * kSlice);
+  EXPECT_LT(Written(), 8 * kSlice);
+}
+
+TEST_F(Recorder, GivesACardUpThatFailsInTheMiddleOfARecording) {
+  hooks().fsync = [](int) -> std::optional<Machine::Answer> {
+    return Machine::Answer::Failure(EIO);
+  };
+  StartRecorder();
+  ASSERT_TRUE(Logs("[REC] Card released"));
+  EXPECT_THAT(LinesWith("Could not write"),
+              ElementsAre("[ERROR][REC] Could not write /mnt/sdcard/cr/rec_000001.dat"));
+  EXPECT_LT(Written(), 8 * kSlice);
+}
+
+TEST_F(Recorder, RecordsWithoutAPauseWhatHasNoRate) {
+  settings.bytesPerSecond = 0;
+  StartRecorder();
+  ASSERT_TRUE(Logs("Recorded rec_000001.gps"));
+  StopRecorder();
+  EXPECT_EQ(Written(), 8 * kSlice);
+  EXPECT_EQ(syncs, 2 * 2);
+}
+
+TEST_F(Recorder, WritesOverNoRecordingWhereNumbersBeginAnew) {
+  Machine::MakeFile("/mnt/sdcard/cr/rec_999999.dat", "newer");
+  Machine::MakeFile("/mnt/sdcard/cr/rec_000001.dat", "newest");
+  StartRecorder();
+  ASSERT_TRUE(Logs("Recorded rec_000002.gps"));
+  StopRecorder();
+  EXPECT_EQ(Machine::ReadFile("/mnt/sdcard/cr/rec_000001.dat"), "newest");
+}
+
+TEST_F(Recorder, ReleasesACardThatIsLostBetweenTwoRecordings) {
+  hasOthers = true;
+  StartRecorder();
+  ASSERT_TRUE(Logs("Recorded rec_000001.gps"));
+  pauseAt = 0;
+  Machine::MakeFile("/sys/class/block/mmcblk1p1/ro", "1\n");
+  ASSERT_TRUE(Logs("[REC] Card released"));
+  EXPECT_THAT(
+      LinesWith("[REC] Card:"),
+      ElementsAre("[ERROR][REC] Card: the card is read-only, 0 errors, 0 warnings, 0 of the "
+                  "controller"));
+}
+
+class RecorderWatchdog : public Recorder {
+ protected:
+  RecorderWatchdog() {
+    hooks().ioctl = [this](unsigned long request, void* argument) {
+      if (request == WDIOC_GETSUPPORT) {
+        auto& driver = *static_cast<watchdog_info*>(argument);
+        driver.options = options;
+        std::strcpy(reinterpret_cast<char*>(driver.identity), "tester");
+      }
+      if (request == WDIOC_GETTIMEOUT) *static_cast<int*>(argument) = 90;
+      return Machine::Answer::Success();
+    };
+  }
+
+  unsigned options = WDIOF_MAGICCLOSE;
+};
+
+TEST_F(RecorderWatchdog, IsToldOnce) {
+  StartRecorder();
+  ASSERT_TRUE(Logs("Recorded rec_000001.gps"));
+  StopRecorder();
+  EXPECT_THAT(LinesWith("atchdog"), ElementsAre("[REC] Watchdog tester, 90 s"));
+}
+
+TEST_F(RecorderWatchdog, ThatEndsWithTheServiceIsWarnedOf) {
+  options = 0;
+  StartRecorder();
+  ASSERT_TRUE(Logs("Recorded rec_000001.gps"));
+  StopRecorder();
+  EXPECT_THAT(LinesWith("atchdog"),
+              ElementsAre("[REC] Watchdog tester, 90 s",
+                          "[WARNING][REC] The watchdog stops when the service ends"));
+}
+
+TEST_F(RecorderWatchdog, ThatComesLaterIsOpenedThen) {
+  std::atomic<int> attempts = 0;
+  hooks().fault = [&attempts](Machine::Call const& call) -> std::optional<Machine::Failure> {
+    if (call.function != "open" || call.subject != "/dev/watchdog") return {};
+    if (++attempts > 2) return {};
+    return EBUSY;
+  };
+  StartRecorder();
+  ASSERT_TRUE(Logs("[REC] Watchdog tester, 90 s"));
+  StopRecorder();
+  EXPECT_THAT(LinesWith("atchdog"),
+              ElementsAre("[ERROR][REC] Watchdog: the watchdog is held by another process",
+                          "[REC] Watchdog tester, 90 s"));
+}
+
+}  // namespace
