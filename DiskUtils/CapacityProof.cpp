@@ -25,7 +25,7 @@
 namespace Quellon::DiskUtils {
 
 using Tarvik::UniqueFd;
-using Result = CapacityProof::Result;
+using ProofResult = CapacityProof::Result;
 
 namespace {
 
@@ -140,12 +140,12 @@ struct Plan {
   /// Calls `visit` with position and size of each piece, until one is not `Proved`. For the same
   /// seed the samples are the same.
   template <typename Visit>
-  Result ForEachPiece(std::uint64_t seed, Visit visit) const {
+  ProofResult ForEachPiece(std::uint64_t seed, Visit visit) const {
     std::mt19937_64 chance(seed);
-    Result result = Result::Proved;
+    ProofResult result = ProofResult::Proved;
     auto const go = [&](std::uint64_t position, std::uint64_t size) {
       result = visit(position, static_cast<std::size_t>(size));
-      return result == Result::Proved;
+      return result == ProofResult::Proved;
     };
     for (std::uint64_t next = 0; next < beginning; next += kPieceBytes) {
       if (!go(next, std::min(kPieceBytes, beginning - next))) return result;
@@ -159,28 +159,28 @@ struct Plan {
   }
 };
 
-Result WhyFailed(int error) noexcept {
+ProofResult WhyFailed(int error) noexcept {
   switch (error) {
     case ENOSPC:
     case EDQUOT:
-      return Result::NoRoom;
+      return ProofResult::NoRoom;
     case EROFS:
-      return Result::ReadOnly;
+      return ProofResult::ReadOnly;
     case ENOENT:
     case ENOTDIR:
     case ENODEV:
     case ENXIO:
-      return Result::Missing;
+      return ProofResult::Missing;
     case EINVAL:
     case EOPNOTSUPP:
     case EISDIR:  // of kernels that do not know files without names
-      return Result::Unsupported;
+      return ProofResult::Unsupported;
     default:
-      return Result::Failed;
+      return ProofResult::Failed;
   }
 }
 
-Result Fail(CapacityProof::Report& report) noexcept {
+ProofResult Fail(CapacityProof::Report& report) noexcept {
   report.error = errno;
   return WhyFailed(report.error);
 }
@@ -207,19 +207,19 @@ class Run {
       : plan(planned), progress(told), report(filled) {
     plan.ForEachPiece(seed, [this](std::uint64_t /*position*/, std::size_t size) {
       all += 2 * size;
-      return Result::Proved;
+      return ProofResult::Proved;
     });
   }
 
-  Result In(Room& room) {
-    Result const written = Write(room);
-    if (written != Result::Proved) return written;
-    Result const read = Read(room);
-    return report.firstWrong ? Result::Wrong : read;
+  ProofResult In(Room& room) {
+    ProofResult const written = Write(room);
+    if (written != ProofResult::Proved) return written;
+    ProofResult const read = Read(room);
+    return report.firstWrong ? ProofResult::Wrong : read;
   }
 
  private:
-  Result Write(Room& room) {
+  ProofResult Write(Room& room) {
     auto const start = Clock::now();
     auto const write = [&](std::uint64_t position, std::size_t size) {
       for (std::size_t i = 0; i < size / kSectorBytes; ++i) {
@@ -229,13 +229,13 @@ class Run {
       report.writtenBytes += size;
       return GoOn(size);
     };
-    Result result = plan.ForEachPiece(seed, write);
-    if (result == Result::Proved && !room.Flush()) result = Fail(report);
+    ProofResult result = plan.ForEachPiece(seed, write);
+    if (result == ProofResult::Proved && !room.Flush()) result = Fail(report);
     report.writtenPerSecond = Rate(report.writtenBytes, start);
     return result;
   }
 
-  Result Read(Room& room) {
+  ProofResult Read(Room& room) {
     auto const start = Clock::now();
     auto const read = [&](std::uint64_t position, std::size_t size) {
       if (!room.Read(position, *piece, size)) return Fail(report);
@@ -244,7 +244,7 @@ class Run {
       }
       return GoOn(size);
     };
-    Result const result = plan.ForEachPiece(seed, read);
+    ProofResult const result = plan.ForEachPiece(seed, read);
     report.readPerSecond = Rate(report.provedBytes + report.wrongBytes, start);
     return result;
   }
@@ -262,9 +262,9 @@ class Run {
     report.wrongBytes += kSectorBytes;
   }
 
-  Result GoOn(std::size_t size) {
+  ProofResult GoOn(std::size_t size) {
     done += size;
-    return !progress || progress(done, all) ? Result::Proved : Result::Cancelled;
+    return !progress || progress(done, all) ? ProofResult::Proved : ProofResult::Cancelled;
   }
 
   Plan plan;
@@ -277,14 +277,14 @@ class Run {
   std::uint64_t all = 0;
 };
 
-Result Measure(std::string const& directory, std::uint64_t bytesToLeave,
-               CapacityProof::Report& report) {
+ProofResult Measure(std::string const& directory, std::uint64_t bytesToLeave,
+                    CapacityProof::Report& report) {
   struct stat here {};
   struct stat above {};
   bool const found =
       stat(directory.c_str(), &here) == 0 && stat((directory + '/' + "..").c_str(), &above) == 0;
   if (!found) return Fail(report);
-  if (here.st_dev == above.st_dev) return Result::Missing;  // nothing is mounted
+  if (here.st_dev == above.st_dev) return ProofResult::Missing;  // nothing is mounted
   struct statvfs space {};
   auto const measure = [&] { return statvfs(directory.c_str(), &space); };
   if (Tarvik::RestartWhileInterrupted(measure) != 0) return Fail(report);
@@ -294,7 +294,7 @@ Result Measure(std::string const& directory, std::uint64_t bytesToLeave,
   std::uint64_t const left =
       std::max(bytesToLeave, std::min(space.f_blocks * unit / 32, kMostKept));
   report.roomBytes = (free - std::min(free, left)) / kBlockBytes * kBlockBytes;
-  return report.roomBytes == 0 ? Result::NoRoom : Result::Proved;
+  return report.roomBytes == 0 ? ProofResult::NoRoom : ProofResult::Proved;
 }
 
 CapacityProof::Report Prove(std::string const& directory, std::uint64_t bytesToLeave,
@@ -302,7 +302,7 @@ CapacityProof::Report Prove(std::string const& directory, std::uint64_t bytesToL
                             CapacityProof::Progress const& progress) {
   CapacityProof::Report report;
   report.result = Measure(directory, bytesToLeave, report);
-  if (report.result != Result::Proved) return report;
+  if (report.result != ProofResult::Proved) return report;
   Room room;
   report.result = room.Take(directory, report.roomBytes)
                       ? Run(planOf(report.roomBytes), progress, report).In(room)

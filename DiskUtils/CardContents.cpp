@@ -23,8 +23,8 @@ using Kind = CardContents::Kind;
 using Table = CardContents::Table;
 using Bytes = std::span<unsigned char const>;
 
-constexpr std::size_t kSectorBytes = 512;
-using Sector = std::array<unsigned char, kSectorBytes>;
+constexpr std::size_t kTableSectorBytes = 512;
+using TableSector = std::array<unsigned char, kTableSectorBytes>;
 using Beginning = std::array<unsigned char, 4096>;  // all signatures lie within
 
 std::uint64_t NumberAt(Bytes bytes, std::size_t place, std::size_t length) {
@@ -45,9 +45,9 @@ class Device {
 
   // How many bytes there are; the rest of `into` stays as it is.
   std::size_t Read(std::uint64_t sector, std::uint64_t offset, std::span<unsigned char> into) {
-    constexpr std::uint64_t kLast = std::numeric_limits<off64_t>::max() / kSectorBytes / 2;
+    constexpr std::uint64_t kLast = std::numeric_limits<off64_t>::max() / kTableSectorBytes / 2;
     if (sector > kLast) return 0;
-    auto const place = static_cast<off64_t>(sector * kSectorBytes + offset);
+    auto const place = static_cast<off64_t>(sector * kTableSectorBytes + offset);
     std::size_t done = 0;
     while (done < into.size()) {
       ssize_t const found = Tarvik::RestartWhileInterrupted([&] {
@@ -123,7 +123,7 @@ bool IsExtended(Entry const& entry) {
 Entries EntriesAt(Device& device, std::uint64_t sector) {
   constexpr std::size_t kFirst = 446;
   constexpr std::size_t kLength = 16;
-  Sector bytes{};
+  TableSector bytes{};
   device.Read(sector, 0, bytes);
   Entries entries{};
   bool isTable = NumberAt(bytes, 510, 2) == 0xAA55;
@@ -156,7 +156,7 @@ void ReadLogical(Device& device, std::uint64_t first, std::vector<Kind>& partiti
 }
 
 bool ReadGpt(Device& device, std::vector<Kind>& partitions) {
-  Sector header{};
+  TableSector header{};
   device.Read(1, 0, header);
   if (!HasText(header, 0, "EFI PART")) return false;
   std::uint64_t const first = NumberAt(header, 72, 8);

@@ -41,6 +41,7 @@ bool AreOneFile(std::string const& path, std::string const& other) {
 
 }  // namespace
 
+// NOLINTNEXTLINE(modernize-use-equals-default): a stream is more than a default
 Ifile::Ifile() : stream(std::make_unique<std::fstream>()) {}
 
 Ifile::Ifile(std::string& filePath, bool open)

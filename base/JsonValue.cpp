@@ -71,7 +71,7 @@ Value::Value(Array elements) : held(std::make_shared<Array const>(std::move(elem
 Value::Value(Value const&) = default;
 // The other becomes null: a moved-from pointer in it would still pass for an object.
 Value::Value(Value&& other) noexcept : held(std::move(other.held)) {
-  other.held.emplace<std::monostate>();
+  other.held = {};
 }
 Value& Value::operator=(Value const&) = default;
 Value& Value::operator=(Value&& other) noexcept {

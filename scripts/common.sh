@@ -60,7 +60,8 @@ Install them as root: apt-get install ${missing[*]}"
 
 # Packages to build the libraries on this machine, and to build and run their tests.
 build_packages=(g++ cmake ninja-build)
-test_packages=(libgtest-dev libgmock-dev e2fsprogs util-linux mount fdisk gcovr python3)
+test_packages=(libgtest-dev libgmock-dev e2fsprogs util-linux mount fdisk gcovr groff-base
+  prometheus python3)
 
 check_packages=(clang-14 clang-format-14 clang-tidy-14 cppcheck)
 bench_packages=(libbenchmark-dev libspdlog-dev nlohmann-json3-dev rapidjson-dev)

@@ -39,6 +39,7 @@ SURVIVORS = Path(__file__).with_name("survivors.txt")
 VERY_LONG = 20  # seconds of a program, for each change that nothing else notices
 # The longest that a program may take: so many times what it takes on the library as it is, and some.
 SLOWER, SECONDS = 5, 5
+SHOWN = 4000  # characters of what a program said that failed
 FILE_SIZE = 5 << 30  # bytes that a program may write
 # Fewer pairs of failures and sequences than usual, and the same for each change.
 ENVIRONMENT = {"ASAN_OPTIONS": "max_allocation_size_mb=512", "QUELLON_PAIRS": "20",
@@ -142,8 +143,11 @@ class Libraries:
         start = time.monotonic()
         environment = {"GCOV_PREFIX": str(counts), "GCOV_PREFIX_STRIP": str(len(TREE.parts) - 1)}
         try:
-            if run(program, TREE, counts, VERY_LONG, environment) != 0:
-                raise RuntimeError(f"{program.name} fails on the libraries as they are")
+            with open(counts / "output", "w+", errors="replace") as output:
+                if run(program, TREE, counts, VERY_LONG, environment, output) != 0:
+                    output.seek(0)
+                    raise RuntimeError(f"{program.name} fails on the libraries as they are:\n"
+                                       f"{output.read()[-SHOWN:]}")
         except subprocess.TimeoutExpired:
             return VERY_LONG, []
         seconds = time.monotonic() - start
@@ -169,14 +173,13 @@ def limit_program():
 
 
 def run(program: Path, libraries: Path, folder: Path, seconds: float,
-        environment: dict[str, str]) -> int:
+        environment: dict[str, str], output=subprocess.DEVNULL) -> int:
     """How a program ends with these libraries. Leaves no process behind."""
     environment = {**os.environ, **ENVIRONMENT, **environment, "TMPDIR": str(folder),
                    "LD_LIBRARY_PATH": str(libraries)}
     with subprocess.Popen([program, "--gtest_brief=1", "--gtest_fail_fast"], cwd=folder,
-                          env=environment, stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
-                          stderr=subprocess.DEVNULL, start_new_session=True,
-                          preexec_fn=limit_program) as process:
+                          env=environment, stdin=subprocess.DEVNULL, stdout=output, stderr=output,
+                          start_new_session=True, preexec_fn=limit_program) as process:
         try:
             return process.wait(seconds)
         finally:

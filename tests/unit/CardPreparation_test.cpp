@@ -291,7 +291,7 @@ TEST_F(CardPreparation, IsRefusedForAWriteProtectedCard) {
 }
 
 TEST_F(CardPreparation, IsRefusedForACardThatCannotBeReadUnlessRecordingsMayBeErased) {
-  hooks().pread = [](auto&&...) -> std::optional<ssize_t> {
+  hooks().pread64 = [](auto&&...) -> std::optional<ssize_t> {
     errno = EIO;
     return -1;
   };

@@ -22,6 +22,8 @@
 #include <type_traits>
 
 #include "DiskUtils/CapacityProof.h"
+#include "DiskUtils/CardDirectory.h"
+#include "DiskUtils/CardState.h"
 #include "DiskUtils/CheckDisk.h"
 #include "DiskUtils/Disk.h"
 #include "DiskUtils/HealthStatus.h"
