@@ -151,7 +151,8 @@ class Libraries:
         except subprocess.TimeoutExpired:
             return VERY_LONG, []
         seconds = time.monotonic() - start
-        data = sorted(str(path) for path in counts.rglob("*.gcda"))
+        data = sorted(str(path) for path in counts.rglob("*.gcda")
+                      if path.with_suffix(".gcno").exists())  # of the libraries alone
         lines = set()
         if data:
             texts = subprocess.run(["gcov", "--json-format", "--stdout", *data], text=True,
