@@ -5,7 +5,7 @@
 ################################################################################
 
 # Not built by those who wrote it.
-QUELLON_VERSION = 2.0.0
+QUELLON_VERSION = 2.1.0
 # Where your archive of the sources is; this repository has no public address.
 QUELLON_SITE = https://download.example.org/quellon
 QUELLON_SOURCE = quellon-$(QUELLON_VERSION).tar.gz
