@@ -19,7 +19,7 @@ GUEST = ROOT / "board/guest"
 # What the board runs: the files of the packages, and programs that are in none.
 BUILD = ROOT / "build/armhf"
 PACKAGES = BUILD / "root"
-PACKAGED = ("usr/lib/*/libTarvik.so.2", "usr/lib/*/libQuellon.so.2", "usr/bin/recorder",
+PACKAGED = ("usr/lib/*/libTarvik.so.2", "usr/lib/*/libQuellon.so.2", "usr/bin/quellon-recorder",
             "usr/bin/quellon")
 PROGRAMS = {
     "examples/bench-driver/bench-driver": "usr/bin",

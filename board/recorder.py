@@ -19,7 +19,7 @@ def service(meanwhile: str = "", period: int = 1000) -> str:
     `meanwhile` is done before that, while the recorder runs.
     """
     return f"""
-recorder --size {RECORDING_BYTES} --period {period} --min-free 1 &
+quellon-recorder --size {RECORDING_BYTES} --period {period} --min-free 1 &
 {meanwhile}
 await stop
 kill -0 $! && grep VmHWM /proc/$!/status

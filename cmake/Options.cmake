@@ -18,6 +18,11 @@ foreach(options Quellon_options Quellon_test_options)
   target_compile_options(${options} INTERFACE -U_FILE_OFFSET_BITS -U_TIME_BITS -U_GLIBCXX_DEBUG)
 endforeach()
 
+# Packages are the same in whatever folder they are built.
+if(QUELLON_DEBIAN_PACKAGES)
+  target_compile_options(Quellon_options INTERFACE -ffile-prefix-map=${PROJECT_SOURCE_DIR}=.)
+endif()
+
 if(QUELLON_SANITIZE)
   set(sanitize -fsanitize=${QUELLON_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
   target_compile_options(Quellon_options INTERFACE ${sanitize})

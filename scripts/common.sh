@@ -69,7 +69,7 @@ mutate_packages=(python3-clang-14)
 fuzz_packages=(clang-14 libclang-rt-14-dev)
 board_packages=(g++-arm-linux-gnueabihf qemu-user-static googletest)
 package_packages=(g++-arm-linux-gnueabihf qemu-user-static dpkg-dev fakeroot file gzip lintian make
-  pkg-config python3-kconfiglib)
+  pkg-config python3-jsonschema python3-kconfiglib)
 docs_packages=(doxygen graphviz)
 
 minutes=()  # where they went: a step and its seconds, each

@@ -21,7 +21,7 @@ SHOWN = 10
 
 # What is told of a recording stands in the log of the writes, too, at the moment it was told.
 RECORD = f"""{MARKING}
-recorder --size {SIZE} --period 200 --min-free 1 | while read -r line; do
+quellon-recorder --size {SIZE} --period 200 --min-free 1 | while read -r line; do
     echo "$line"
     case $line in *Catalogue* | *Recorded* | *Deleted*) mark "$line" ;; esac
 done

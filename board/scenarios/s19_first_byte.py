@@ -60,7 +60,7 @@ record() {{
     tell &
     [ -z "$4" ] || mount -o {mount} /dev/mmcblk1p1 /mnt/sdcard
     say "service"
-    recorder --size {size} --period "$2" --min-free "$3" >/run/told &
+    quellon-recorder --size {size} --period "$2" --min-free "$3" >/run/told &
     service=$!
     until grep -q "$1" /var/log/quellon.log; do usleep 200000; done
     grep VmHWM /proc/$service/status

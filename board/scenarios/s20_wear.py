@@ -44,7 +44,7 @@ mount -o data=writeback /dev/mmcblk1p1 /mnt/sdcard
 set -- $(stat -f -c '%b %f %S' /mnt/sdcard)
 umount /mnt/sdcard
 minimum=$(($3 * ($2 - $1 * 55 / 1000) / 10 * 8 - {size}))
-recorder --size {size} --period {period} --min-free $minimum | while read -r line; do
+quellon-recorder --size {size} --period {period} --min-free $minimum | while read -r line; do
     echo "$line"
     case $line in *Recorded* | *Deleted*) mark "$line" ;; esac
 done

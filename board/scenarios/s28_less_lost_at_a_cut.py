@@ -19,7 +19,7 @@ MOST_WEAR = 1.05  # bytes written to the card per byte recorded
 
 # What the recorder has written stands in the log of the card's writes, at the moment it was so.
 RECORD = f"""
-recorder --size {{size}} --rate {RATE} --min-free 1 --share 0.98 &
+quellon-recorder --size {{size}} --rate {RATE} --min-free 1 --share 0.98 &
 while usleep 100000; do
     mark "written $(stat -c %s /mnt/sdcard/cr/{NAME} 2>/dev/null || echo 0)"
 done

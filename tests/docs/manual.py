@@ -1,10 +1,12 @@
 #!/usr/bin/env python3
-"""Compares the manual of the technician's command with the program's own help.
+"""Compares the pages of the manual with the programs' own help and with the interface.
 
   manual.py QUELLON
 
-groff has nothing to say of the pages' form; each command stands in the synopsis with the arguments
-that its usage line shows, has an entry, and so has each of its options and each exit status.
+groff has nothing to say of the pages' form. Of the technician's command each sub-command stands in
+the synopsis with the arguments that its usage line shows, has an entry, and so has each of its options
+and each exit status. The recorder's page has each of its options, the library's each class that the
+first page of the reference begins with.
 """
 
 import re
@@ -14,7 +16,7 @@ import sys
 from pathlib import Path
 
 ROOT = Path(__file__).resolve().parents[2]
-PAGES = sorted((ROOT / "packaging/debian").glob("*.8"))
+PAGES = sorted((ROOT / "packaging/debian").glob("*.[1-9]"))
 SKIPPED = 77
 
 
@@ -27,6 +29,7 @@ def main(quellon: str) -> int:
     found += [f"not complained of: {text}" for text in (".TH A 8\n.SH NAME\n.NOSUCH x\n",)
               if not form(text)]
     found += contents(quellon, rendered((ROOT / "packaging/debian/quellon.8").read_text()))
+    found += recorder() + interface()
     print("\n".join(found) or f"{len(PAGES)} pages, nothing to complain of")
     return 1 if found else 0
 
@@ -66,6 +69,23 @@ def contents(quellon: str, text: str) -> list[str]:
     found += [f"quellon.8: no exit status {code}" for code in codes
               if not re.search(rf"^ +{code} ", sections["EXIT STATUS"], re.M)]
     return found if len(names) >= 7 and len(codes) == 5 else [*found, "the help shows too little"]
+
+
+def recorder() -> list[str]:
+    usage = re.search(r"kUsage =\s*(.*?);", (ROOT / "examples/recorder/main.cpp").read_text(), re.S)[1]
+    options = re.findall(r"--[a-z-]+", usage)
+    page = rendered((ROOT / "packaging/debian/quellon-recorder.8").read_text())
+    found = [f"quellon-recorder.8: {option} is not in the synopsis and among the options"
+             for option in options if page.count(f"{option} ") < 2]
+    return found if options else ["the recorder's usage shows no options"]
+
+
+def interface() -> list[str]:
+    names = re.findall(r"(?:Quellon|Tarvik)::\w+(?:::\w+)*", (ROOT / "docs/api.md").read_text())
+    page = rendered((ROOT / "packaging/debian/libquellon.3").read_text())
+    found = [f"libquellon.3: no word of {name}" for name in names
+             if name.replace("System::InitDisk", "System") not in page]
+    return found if len(names) > 15 else [*found, "docs/api.md names too little"]
 
 
 def output(*command: str) -> str:

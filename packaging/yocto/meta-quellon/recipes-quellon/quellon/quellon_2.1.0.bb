@@ -1,16 +1,17 @@
-# A recipe for Yocto, from release 4.0 on. It was not built by those who wrote it.
 SUMMARY = "System services of an embedded recording device"
 DESCRIPTION = "Brings an SD card into service, keeps recordings within their share of it, feeds the \
 hardware watchdog, sets the clock and keeps a log."
 SECTION = "libs"
-# A license has not been chosen yet.
-LICENSE = "CLOSED"
 
-# Where your copy of the sources is; this repository has no public address.
-SRC_URI = "git://git.example.org/quellon.git;protocol=https;branch=main"
-# The commit of the release.
-SRCREV = "INVALID"
-S = "${WORKDIR}/git"
+# No licence has been chosen yet: all rights are reserved. Releases differ in whether the flag has
+# the prefix.
+LICENSE = "LicenseRef-Quellon"
+NO_GENERIC_LICENSE[LicenseRef-Quellon] = "LICENSE"
+NO_GENERIC_LICENSE[Quellon] = "LICENSE"
+LIC_FILES_CHKSUM = "file://LICENSE;md5=d8b25412b293a78d8c0dd681c2671aee"
+
+# An archive on a server of your own: SRC_URI = "https://...;sha256sum=...".
+SRC_URI = "file://${QUELLON_ARCHIVES}/${BP}.tar.gz"
 
 inherit cmake pkgconfig systemd
 
@@ -24,11 +25,12 @@ INSANE_SKIP:append = " 32bit-time"
 COMPATIBLE_HOST:libc-musl = "null"
 
 PACKAGES =+ "${PN}-recorder ${PN}-tools"
-FILES:${PN}-recorder = "${bindir}/recorder ${systemd_system_unitdir}/quellon-recorder.service"
+FILES:${PN}-dev += "${datadir}/quellon/armhf.cmake"
+FILES:${PN}-recorder = "${bindir}/quellon-recorder ${systemd_system_unitdir}/quellon-recorder.service"
 FILES:${PN}-tools = "${bindir}/quellon ${datadir}/bash-completion ${datadir}/quellon/monitoring"
 
-# The library calls fsck.ext4, mkfs.ext4 and sfdisk.
-RRECOMMENDS:${PN} = "e2fsprogs-e2fsck e2fsprogs-mke2fs util-linux-sfdisk"
+# The library calls fsck, which calls fsck.ext4, and mkfs.ext4 and sfdisk.
+RRECOMMENDS:${PN} = "e2fsprogs-e2fsck e2fsprogs-mke2fs util-linux-fsck util-linux-sfdisk"
 
 # It arms the watchdog and may restart the machine: whether it runs is the image's choice.
 SYSTEMD_PACKAGES = "${PN}-recorder"

@@ -4,13 +4,13 @@
 #
 ################################################################################
 
-# Not built by those who wrote it.
 QUELLON_VERSION = 2.1.0
-# Where your archive of the sources is; this repository has no public address.
-QUELLON_SITE = https://download.example.org/quellon
-QUELLON_SOURCE = quellon-$(QUELLON_VERSION).tar.gz
-# A license has not been chosen yet.
-QUELLON_LICENSE = PROPRIETARY
+# Where `scripts/package --source` leaves the archive of the sources.
+QUELLON_SITE = file://$(realpath $(BR2_EXTERNAL_QUELLON_PATH)/../..)/build/packages
+BR_NO_CHECK_HASH_FOR += $(QUELLON_SOURCE)
+# A licence has not been chosen yet: all rights are reserved.
+QUELLON_LICENSE = LicenseRef-Quellon
+QUELLON_LICENSE_FILES = LICENSE
 QUELLON_REDISTRIBUTE = NO
 QUELLON_INSTALL_STAGING = YES
 QUELLON_CONF_OPTS = -DQUELLON_BUILD_TESTS=OFF
