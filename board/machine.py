@@ -14,10 +14,11 @@ from pathlib import Path
 from board.parts import Parts
 from board.tools import Failure
 
-# The kernel's tests of its own cryptography would be most of what it computes until it has started.
+# The kernel's tests of its own cryptography would be most of what it computes until it has started,
+# and what it traces itself with a sixth of the rest.
 # Programs and libraries at fixed addresses are translated once, not for every process anew.
 KERNEL_ARGUMENTS = ("console=ttymxc0,115200 rdinit=/init panic=-1 quiet loglevel=3 "
-                    "cryptomgr.notests norandmaps")
+                    "cryptomgr.notests initcall_blacklist=tracer_init_tracefs norandmaps")
 
 # The board's time follows its instructions, a nanosecond each, and jumps over what it would sleep.
 # So its pauses cost nothing, and a busy host does not make it late.

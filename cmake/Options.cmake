@@ -11,6 +11,9 @@ foreach(options Quellon_options Quellon_test_options)
     -Wall -Wextra -Wpedantic -Wconversion -Wshadow
     $<$<CXX_COMPILER_ID:Clang>:-Wthread-safety>
     $<$<AND:$<CXX_COMPILER_ID:GNU>,$<STREQUAL:${CMAKE_SYSTEM_PROCESSOR},arm>>:-Wno-psabi>)
+  # g++ need not look for garbage in its first gigabyte, which is a tenth of its time.
+  target_compile_options(${options} INTERFACE
+    $<$<CXX_COMPILER_ID:GNU>:--param=ggc-min-heapsize=1000000>)
   target_compile_features(${options} INTERFACE cxx_std_20)
   # Sizes and times are part of the interface, 32 bits wide on the board, and so are the standard
   # library's plain containers: this takes back the wider ones that the builds of whole systems ask

@@ -60,7 +60,8 @@ Install them as root: apt-get install ${missing[*]}"
 
 # Packages to build the libraries on this machine, and to build and run their tests.
 build_packages=(g++ cmake ninja-build)
-test_packages=(libgtest-dev libgmock-dev e2fsprogs util-linux mount fdisk gcovr groff-base
+framework_packages=(libgtest-dev libgmock-dev)
+test_packages=("${framework_packages[@]}" e2fsprogs util-linux mount fdisk gcovr groff-base
   prometheus python3)
 
 check_packages=(clang-14 clang-format-14 clang-tidy-14 cppcheck)
