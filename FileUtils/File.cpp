@@ -74,7 +74,7 @@ void Ifile::PrintStat() {
   LogLine(Info) << "File: " << name;
   LogLine(Info) << "Ext: " << extension;
   LogLine(Info) << "Size: " << static_cast<unsigned long long>(size);
-  LogLine(Info) << "Time: " << static_cast<long>(time);
+  LogLine(Info) << "Time: " << time;
 }
 
 bool Ifile::Open(bool append) {

@@ -3,6 +3,8 @@
 
 #include <atomic>
 #include <cstddef>
+#include <cstdint>
+#include <ctime>
 #include <mutex>
 #include <ostream>
 #include <string>
@@ -47,8 +49,13 @@ class LoggerBase {
   void WriteHeader(LogType type);
 
   /// Appends `t`, seconds since the epoch, as a date and time in local time, never as a number.
-  /// Where `long` has 64 bits, std::int64_t is one, too: pass numbers as `long long`.
+  /// A std::int64_t is such a time, too, where `long` or times have 64 bits: as that may be `long`
+  /// or `long long`, pass signed numbers of 64 bits as text.
   LoggerBase& operator<<(long const& t);
+#if QUELLON_TIME64
+  /// The same beyond the times of a `long`.
+  LoggerBase& operator<<(std::int64_t const& t);
+#endif
 
   /// Appends a text. After a null `text` no more of the line is taken, as on a standard output
   /// stream; the line still ends at its end.
@@ -141,7 +148,7 @@ class LoggerBase {
   std::atomic<std::thread::id> lineOwner;
   // The line's length when a manipulator such as std::endl last appended a newline.
   std::size_t manipulatedLength QUELLON_GUARDED_BY(lineLock) = 0;
-  long stampSecond QUELLON_GUARDED_BY(lineLock) = -1;
+  std::time_t stampSecond QUELLON_GUARDED_BY(lineLock) = -1;
   std::string stamp QUELLON_GUARDED_BY(lineLock);
 
  public:

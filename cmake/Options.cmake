@@ -12,10 +12,9 @@ foreach(options Quellon_options Quellon_test_options)
     $<$<CXX_COMPILER_ID:Clang>:-Wthread-safety>
     $<$<AND:$<CXX_COMPILER_ID:GNU>,$<STREQUAL:${CMAKE_SYSTEM_PROCESSOR},arm>>:-Wno-psabi>)
   target_compile_features(${options} INTERFACE cxx_std_20)
-  # Sizes and times are part of the interface, 32 bits wide on the board, and so are the standard
-  # library's plain containers: this takes back the wider ones that the builds of whole systems ask
-  # for, whose flags come first, and the checking ones.
-  target_compile_options(${options} INTERFACE -U_FILE_OFFSET_BITS -U_TIME_BITS -U_GLIBCXX_DEBUG)
+  # The widths and the standard library's plain containers are part of the interface, whatever the
+  # builds of whole systems ask for.
+  target_compile_options(${options} INTERFACE ${width_options} -U_GLIBCXX_DEBUG)
 endforeach()
 
 if(QUELLON_SANITIZE)

@@ -135,8 +135,8 @@ struct Hooks {
   Hook<unsigned long /*request*/, void* /*argument*/> ioctl;
   std::function<void()> sync;
 
-  Hook<long /*seconds*/> setClock;
-  std::optional<long> now;            ///< what time(2) says
+  Hook<std::int64_t /*seconds*/> setClock;
+  std::optional<std::int64_t> now;            ///< what time(2) says
   std::optional<timespec> monotonic;  ///< what the clock says that nobody sets
   /// The same, since it began, where one thread asks while another makes time go by.
   std::function<std::chrono::nanoseconds()> steady;

@@ -68,7 +68,7 @@ int clock_settime(clockid_t clock, timespec const* time) noexcept {
   return Outcome(
       "clock_settime", hooks().setClock,
       [=] { return profile().isReached ? next(clock, time) : Refuse(); },
-      static_cast<long>(time->tv_sec));
+      std::int64_t{time->tv_sec});
 }
 
 tm* localtime_r(time_t const* seconds, tm* calendar) noexcept {
