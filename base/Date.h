@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <string>
+#include <utility>
 
 #include "base/Export.h"
 
@@ -18,6 +19,10 @@ QUELLON_EXPORT std::string Date(long const& t, std::string format);
 #if QUELLON_TIME64
 /// The same beyond the times of a `long`.
 QUELLON_EXPORT std::string Date(std::int64_t const& t, std::string format);
+/// The same; a number that is written down may be either.
+inline std::string Date(int t, std::string format) {
+  return Date(std::int64_t{t}, std::move(format));
+}
 #endif
 
 }  // namespace Tarvik::Util

@@ -152,14 +152,6 @@ Logger& Logger::operator<<(long const& t) {
   return *this;
 }
 
-#if QUELLON_TIME64
-Logger& Logger::operator<<(std::int64_t const& t) {
-  *fileSink << t;
-  *consoleSink << t;
-  return *this;
-}
-#endif
-
 Logger& Logger::operator<<(std::ostream& (*manipulator)(std::ostream&)) {
   *fileSink << manipulator;
   *consoleSink << manipulator;

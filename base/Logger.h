@@ -2,7 +2,6 @@
 // never mix, and a completed line is in the kernel's hands before the logging call returns.
 #pragma once
 
-#include <cstdint>
 #include <cstring>
 #include <ostream>
 #include <string>
@@ -51,9 +50,6 @@ class QUELLON_EXPORT Logger {
   Logger& operator<<(int number);
   Logger& operator<<(unsigned long long number);
   Logger& operator<<(long const& t);
-#if QUELLON_TIME64
-  Logger& operator<<(std::int64_t const& t);
-#endif
   template <typename Value>
   Logger& operator<<(Value const& value) {
     *fileSink << value;

@@ -122,14 +122,6 @@ LoggerBase<Policy>& LoggerBase<Policy>::operator<<(long const& t) {
   return *this;
 }
 
-#if QUELLON_TIME64
-template <typename Policy>
-LoggerBase<Policy>& LoggerBase<Policy>::operator<<(std::int64_t const& t) {
-  if (GoesOn()) stream << Util::Date(t, kTimeFormat);
-  return *this;
-}
-#endif
-
 template <typename Policy>
 LoggerBase<Policy>& LoggerBase<Policy>::operator<<(char const* text) {
   if (!GoesOn()) return *this;

@@ -3,7 +3,6 @@
 
 #include <atomic>
 #include <cstddef>
-#include <cstdint>
 #include <ctime>
 #include <mutex>
 #include <ostream>
@@ -49,13 +48,9 @@ class LoggerBase {
   void WriteHeader(LogType type);
 
   /// Appends `t`, seconds since the epoch, as a date and time in local time, never as a number.
-  /// A std::int64_t is such a time, too, where `long` or times have 64 bits: as that may be `long`
-  /// or `long long`, pass signed numbers of 64 bits as text.
+  /// Where `long` has 64 bits, std::int64_t is one, too: pass numbers as `long long`. Where it has
+  /// 32 and times have 64, pass a time as `Util::Date` makes it.
   LoggerBase& operator<<(long const& t);
-#if QUELLON_TIME64
-  /// The same beyond the times of a `long`.
-  LoggerBase& operator<<(std::int64_t const& t);
-#endif
 
   /// Appends a text. After a null `text` no more of the line is taken, as on a standard output
   /// stream; the line still ends at its end.

@@ -115,8 +115,7 @@ struct Hooks {
   Hook<int /*fd*/> fsync;
   Hook<int /*fd*/, int /*mode*/, off_t /*offset*/, off_t /*length*/> fallocate;
   TransferHook<void* /*data*/, std::size_t> read;
-  TransferHook<void* /*data*/, std::size_t, off_t /*place*/> pread;
-  TransferHook<void* /*data*/, std::size_t, off64_t /*place*/> pread64;
+  TransferHook<void* /*data*/, std::size_t, off64_t /*place*/> pread;  ///< and pread64
   TransferHook<void const* /*data*/, std::size_t> write;    ///< not asked for what the console gets
   TransferHook<void const* /*data*/, std::size_t> console;  ///< asked for what that gets
   TransferHook<iovec const* /*parts*/, int /*count*/> writev;

@@ -25,7 +25,6 @@
 namespace {
 
 using testing::ElementsAre;
-using testing::EndsWith;
 
 static_assert(sizeof(long) == 4 && sizeof(time_t) == 8 && sizeof(off_t) == 8);
 
@@ -95,7 +94,8 @@ TEST_F(WideTimes, AFileOf3GiBIsRemovedForItsSize) {
 TEST_F(WideTimes, AStreamWritesBeyond2GiB) {
   std::string path = MakeHuge("huge.dat", 3 * kGiB);
   Ifile file(path, false);
-  ASSERT_TRUE(file.Open(true));  // appends
+  ASSERT_TRUE(file.Open(true));
+  ASSERT_TRUE(file.stream->seekp(0, std::ios::end));
   std::string text = "the end";
   file.Write(text.data(), static_cast<unsigned>(text.size()));
   EXPECT_TRUE(file.Sync());
@@ -121,15 +121,19 @@ TEST_F(WideTimes, DatesGoOnAfterTheLastSecondOf32Bits) {
   EXPECT_EQ(Tarvik::Util::NewDate(kFormat), "2060-01-01 00:00:00");
 }
 
-TEST_F(WideTimes, ATimeInTheLogIsADateOfEitherWidth) {
+TEST_F(WideTimes, TheLogTellsTheTimeOfALineAndOfAFile) {
   LogFile::BeginAnew();
   LogFile::Enable(true, false);
   Machine::hooks().now = kIn2060 + 1;
-  Tarvik::Ilog::LogLine(Tarvik::Ilog::Info) << kIn2060 << ", " << 86400L;
+  std::string path = std::string(kDirectory) + "a.gps";
+  Ifile file(path, false);
+  file.size = 5'000'000'000;
+  file.time = kIn2060;
+  file.PrintStat();
   auto const lines = LogFile::SplitLines(LogFile::Text());
-  ASSERT_EQ(lines.size(), 1U);
-  EXPECT_THAT(lines[0], testing::StartsWith("[2060-01-01 00:00:01]"));
-  EXPECT_THAT(lines[0], EndsWith("2060-01-01 00:00:00, 1970-01-02 00:00:00"));
+  ASSERT_EQ(lines.size(), 5U);
+  EXPECT_EQ(lines[3], "[2060-01-01 00:00:01]Size: 5000000000");
+  EXPECT_EQ(lines[4], "[2060-01-01 00:00:01]Time: 2060-01-01 00:00:00");
 }
 
 TEST_F(WideTimes, ClocksAreSetBeyondTheLastSecondOf32Bits) {
