@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <ctime>
 #include <thread>
 
 #include "DiskUtils/internal/CardSlot.h"
@@ -61,11 +62,23 @@ int System::Reboot() {
   return reboot(RB_AUTOBOOT);
 }
 
+#if QUELLON_TIME64
 bool System::SetDate(long& seconds) {
-  return Tarvik::SetSystemClock(seconds);
+  std::int64_t wide = seconds;
+  return SetDate(wide);
 }
 
 bool System::SetRTC(long& seconds) {
+  std::int64_t wide = seconds;
+  return SetRTC(wide);
+}
+#endif
+
+bool System::SetDate(time_t& seconds) {
+  return Tarvik::SetSystemClock(seconds);
+}
+
+bool System::SetRTC(time_t& seconds) {
   RTC::Rtc clock("/dev/rtc0");
   // Set() has set the system clock already; setting it again is harmless, and kept.
   return clock.Set(seconds) && clock.SetSystemClock();

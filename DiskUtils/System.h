@@ -1,6 +1,7 @@
 // What brings the SD card into service and takes the machine down.
 #pragma once
 
+#include <cstdint>
 #include <string>
 
 #include "DiskUtils/Disk.h"
@@ -71,9 +72,17 @@ class QUELLON_EXPORT System {
 
   /// Sets the system clock to `seconds` since the epoch. True when it was set.
   bool SetDate(long& seconds);
+#if QUELLON_TIME64
+  /// The same beyond the times of a `long`.
+  bool SetDate(std::int64_t& seconds);
+#endif
 
   /// Sets the real-time clock "/dev/rtc0" and the system clock. True when both were set.
   bool SetRTC(long& seconds);
+#if QUELLON_TIME64
+  /// The same beyond the times of a `long`.
+  bool SetRTC(std::int64_t& seconds);
+#endif
 
   // Binary interface: these fields keep their order.
   HealthStatus healthStatus;        ///< as the last report recorded it

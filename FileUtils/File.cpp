@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <system_error>
 
+#include "base/Date.h"
 #include "base/IException.h"
 #include "base/Logger.h"
 #include "base/internal/BringToStorage.h"
@@ -74,7 +75,7 @@ void Ifile::PrintStat() {
   LogLine(Info) << "File: " << name;
   LogLine(Info) << "Ext: " << extension;
   LogLine(Info) << "Size: " << static_cast<unsigned long long>(size);
-  LogLine(Info) << "Time: " << static_cast<long>(time);
+  LogLine(Info) << "Time: " << Tarvik::Util::Date(time, "%Y-%m-%d %H:%M:%S");
 }
 
 bool Ifile::Open(bool append) {

@@ -63,7 +63,14 @@ bool Rtc::Load() {
   return ioctl(device.Get(), RTC_RD_TIME, &rtcTime) == 0;
 }
 
+#if QUELLON_TIME64
 bool Rtc::Set(long& seconds) {
+  std::int64_t wide = seconds;
+  return Set(wide);
+}
+#endif
+
+bool Rtc::Set(time_t& seconds) {
   rtcTime = ToRtcTime(LocalTime(seconds));
   {
     Tarvik::UniqueFd const device(Tarvik::OpenFile(devicePath.c_str(), O_RDWR));

@@ -3,6 +3,7 @@
 
 #include <linux/rtc.h>
 
+#include <cstdint>
 #include <string>
 
 #include "base/Export.h"
@@ -27,6 +28,10 @@ class QUELLON_EXPORT Rtc {
   /// Sets the clock to `seconds` since the epoch, and then the system clock to the clock's time.
   /// False when either could not be set. Setting needs CAP_SYS_TIME.
   bool Set(long& seconds);
+#if QUELLON_TIME64
+  /// The same beyond the times of a `long`.
+  bool Set(std::int64_t& seconds);
+#endif
 
   /// Sets the system clock from `rtcTime`, which is normalised by that. Its daylight-saving flag
   /// counts: `Load` leaves it 0, winter time; set it to -1 in a zone with summer time. False when

@@ -38,8 +38,8 @@ void TestRtc() {
   Quellon::RTC::Rtc clock("/dev/rtc0");
   clock.Load();
   clock.Print();
-  long now = time(nullptr);
-  long yesterday = now - kSecondsPerDay;
+  time_t now = time(nullptr);
+  time_t yesterday = now - kSecondsPerDay;
   clock.Set(yesterday);
   clock.Print();
   clock.Set(now);

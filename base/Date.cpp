@@ -1,6 +1,7 @@
 #include "base/Date.h"
 
 #include <cerrno>
+#include <cstdint>
 #include <cstring>
 #include <ctime>
 #include <optional>
@@ -28,7 +29,13 @@ std::string NewDate(std::string format) {
   return Date(time(nullptr), std::move(format));
 }
 
+#if QUELLON_TIME64
 std::string Date(long const& t, std::string format) {
+  return Date(std::int64_t{t}, std::move(format));
+}
+#endif
+
+std::string Date(time_t const& t, std::string format) {
   auto const calendar = LocalTime(t);
   if (!calendar) return std::to_string(t);
   format.resize(std::strlen(format.c_str()));  // strftime sees nothing behind a NUL

@@ -1,7 +1,9 @@
 // Dates as text, in local time.
 #pragma once
 
+#include <cstdint>
 #include <string>
+#include <utility>
 
 #include "base/Export.h"
 
@@ -14,5 +16,13 @@ QUELLON_EXPORT std::string NewDate(std::string format);
 /// The time `t`, in seconds since the epoch, formatted the same way; the plain number where `t`
 /// has no calendar date. Any thread.
 QUELLON_EXPORT std::string Date(long const& t, std::string format);
+#if QUELLON_TIME64
+/// The same beyond the times of a `long`.
+QUELLON_EXPORT std::string Date(std::int64_t const& t, std::string format);
+/// The same; a number that is written down may be either.
+inline std::string Date(int t, std::string format) {
+  return Date(std::int64_t{t}, std::move(format));
+}
+#endif
 
 }  // namespace Tarvik::Util

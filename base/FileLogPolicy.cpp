@@ -75,7 +75,7 @@ bool HasRoom(std::size_t size, std::size_t length, std::size_t limit) noexcept {
 }  // namespace
 
 bool FileLogPolicy::Write(std::string_view line) noexcept {
-  long const second = time(nullptr);
+  time_t const second = time(nullptr);
   UniqueFd lock;
   bool ready = true;
   bool const isDue = second != checkedAt || NeedsCheck(line.size());
@@ -104,7 +104,7 @@ bool FileLogPolicy::NeedsCheck(std::size_t length) const noexcept {
 // enough that it has a name, for what is written into a renamed file can be found. Below the lower
 // mark no process begins a new file, with the lock or without it, so a line that fits there, and in
 // the share, needs no lock.
-bool FileLogPolicy::HasRoomInPlace(std::size_t length, long second) noexcept {
+bool FileLogPolicy::HasRoomInPlace(std::size_t length, time_t second) noexcept {
   struct stat opened {};
   if (length > kUncheckedShare || fstat(file.Get(), &opened) != 0) return false;
   bool const isThere = second == checkedAt ? opened.st_nlink > 0 : IsAtPath(opened);

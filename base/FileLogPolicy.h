@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstddef>
+#include <ctime>
 #include <string_view>
 
 #include "base/Export.h"
@@ -35,7 +36,7 @@ class QUELLON_EXPORT FileLogPolicy {
 
  private:
   [[nodiscard]] bool NeedsCheck(std::size_t length) const noexcept;
-  bool HasRoomInPlace(std::size_t length, long second) noexcept;
+  bool HasRoomInPlace(std::size_t length, std::time_t second) noexcept;
   [[nodiscard]] bool NeedsLock(std::size_t length) const noexcept;
   bool CheckPlaceAndSize(std::size_t length, bool isLocked) noexcept;
   [[nodiscard]] bool IsInPlace() const noexcept;
@@ -47,7 +48,7 @@ class QUELLON_EXPORT FileLogPolicy {
 
   UniqueFd file;
   std::size_t uncheckedBytes = 0;  // written since the last check of the size
-  long checkedAt = -1;             // second of the last check of the place
+  std::time_t checkedAt = -1;       // second of the last check of the place
 };
 
 }  // namespace Tarvik::Ilog

@@ -93,7 +93,7 @@ void LoggerBase<Policy>::RefuseLine() {
 // Formatting a calendar date costs more than all the rest of a line, so it is done once a second.
 template <typename Policy>
 void LoggerBase<Policy>::AppendTime() {
-  long const now = time(nullptr);
+  time_t const now = time(nullptr);
   if (now != stampSecond || stamp.empty()) {
     stamp = "[" + Util::NewDate(kTimeFormat) + "]";
     stampSecond = now;

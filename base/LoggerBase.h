@@ -3,6 +3,7 @@
 
 #include <atomic>
 #include <cstddef>
+#include <ctime>
 #include <mutex>
 #include <ostream>
 #include <string>
@@ -47,7 +48,8 @@ class LoggerBase {
   void WriteHeader(LogType type);
 
   /// Appends `t`, seconds since the epoch, as a date and time in local time, never as a number.
-  /// Where `long` has 64 bits, std::int64_t is one, too: pass numbers as `long long`.
+  /// Where `long` has 64 bits, std::int64_t is one, too: pass numbers as `long long`. Where it has
+  /// 32 and times have 64, pass a time as `Util::Date` makes it.
   LoggerBase& operator<<(long const& t);
 
   /// Appends a text. After a null `text` no more of the line is taken, as on a standard output
@@ -141,7 +143,7 @@ class LoggerBase {
   std::atomic<std::thread::id> lineOwner;
   // The line's length when a manipulator such as std::endl last appended a newline.
   std::size_t manipulatedLength QUELLON_GUARDED_BY(lineLock) = 0;
-  long stampSecond QUELLON_GUARDED_BY(lineLock) = -1;
+  std::time_t stampSecond QUELLON_GUARDED_BY(lineLock) = -1;
   std::string stamp QUELLON_GUARDED_BY(lineLock);
 
  public:

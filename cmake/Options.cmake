@@ -15,10 +15,9 @@ foreach(options Quellon_options Quellon_test_options)
   target_compile_options(${options} INTERFACE
     $<$<CXX_COMPILER_ID:GNU>:--param=ggc-min-heapsize=1000000>)
   target_compile_features(${options} INTERFACE cxx_std_20)
-  # Sizes and times are part of the interface, 32 bits wide on the board, and so are the standard
-  # library's plain containers: this takes back the wider ones that the builds of whole systems ask
-  # for, whose flags come first, and the checking ones.
-  target_compile_options(${options} INTERFACE -U_FILE_OFFSET_BITS -U_TIME_BITS -U_GLIBCXX_DEBUG)
+  # The widths and the standard library's plain containers are part of the interface, whatever the
+  # builds of whole systems ask for.
+  target_compile_options(${options} INTERFACE ${width_options} -U_GLIBCXX_DEBUG)
 endforeach()
 
 # Packages are the same in whatever folder they are built.

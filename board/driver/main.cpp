@@ -8,6 +8,7 @@
 #include <array>
 #include <chrono>
 #include <cstdlib>
+#include <ctime>
 #include <iostream>
 #include <optional>
 #include <string>
@@ -159,12 +160,12 @@ bool Reboot(Arguments const& /*none*/) {
 }
 
 bool SetDate(Arguments const& arguments) {
-  long seconds = std::atol(arguments[0].c_str());
+  std::time_t seconds = std::atoll(arguments[0].c_str());
   return System::GetInstance()->SetDate(seconds);
 }
 
 bool SetRtc(Arguments const& arguments) {
-  long seconds = std::atol(arguments[0].c_str());
+  std::time_t seconds = std::atoll(arguments[0].c_str());
   return System::GetInstance()->SetRTC(seconds);
 }
 

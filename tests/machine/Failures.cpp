@@ -48,7 +48,7 @@ std::vector<Failure> const& FailuresOf(std::string const& function) {
       {"opendir", {EACCES, EBADF, EIO, EMFILE, ENFILE, ENOENT, ENOMEM, ENOTDIR}},
       {"readdir", {EBADF, EIO}},
       {"read", With({Failure::Short, 0}, {EAGAIN, EBADF, EFAULT, EINTR, EINVAL, EIO, EISDIR})},
-      {"pread64",
+      {"pread",
        With({Failure::Short, 0}, {EBADF, EFAULT, EINTR, EINVAL, EIO, EISDIR, ENXIO, ESPIPE})},
       {"pread", With({Failure::Short, 0}, {EAGAIN, EBADF, EFAULT, EINTR, EIO, ENODEV, ENOMEM})},
       {"write", writing},

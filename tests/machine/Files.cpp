@@ -93,14 +93,16 @@ ssize_t read(int fd, void* data, std::size_t length) {
 ssize_t pread64(int fd, void* data, std::size_t length, off64_t place) {
   static auto* const next = TheReal<decltype(pread64)>("pread64");
   auto const transfer = [=](bool isShort) { return next(fd, data, isShort ? 1 : length, place); };
-  return Transferred("pread64", hooks().pread64, transfer, fd, data, length, place);
+  return Transferred("pread", hooks().pread, transfer, fd, data, length, place);
 }
 
+#if !QUELLON_TIME64  // else the two are one
 ssize_t pread(int fd, void* data, std::size_t length, off_t offset) {
   static auto* const next = TheReal<ssize_t(int, void*, std::size_t, off_t)>("pread");
   auto const transfer = [=](bool isShort) { return next(fd, data, isShort ? 1 : length, offset); };
-  return Transferred("pread", hooks().pread, transfer, fd, data, length, offset);
+  return Transferred("pread", hooks().pread, transfer, fd, data, length, off64_t{offset});
 }
+#endif
 
 ssize_t write(int fd, void const* data, std::size_t length) {
   static auto* const next = TheReal<decltype(write)>("write");

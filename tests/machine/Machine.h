@@ -115,8 +115,7 @@ struct Hooks {
   Hook<int /*fd*/> fsync;
   Hook<int /*fd*/, int /*mode*/, off_t /*offset*/, off_t /*length*/> fallocate;
   TransferHook<void* /*data*/, std::size_t> read;
-  TransferHook<void* /*data*/, std::size_t, off_t /*place*/> pread;
-  TransferHook<void* /*data*/, std::size_t, off64_t /*place*/> pread64;
+  TransferHook<void* /*data*/, std::size_t, off64_t /*place*/> pread;  ///< and pread64
   TransferHook<void const* /*data*/, std::size_t> write;    ///< not asked for what the console gets
   TransferHook<void const* /*data*/, std::size_t> console;  ///< asked for what that gets
   TransferHook<iovec const* /*parts*/, int /*count*/> writev;
@@ -135,8 +134,8 @@ struct Hooks {
   Hook<unsigned long /*request*/, void* /*argument*/> ioctl;
   std::function<void()> sync;
 
-  Hook<long /*seconds*/> setClock;
-  std::optional<long> now;            ///< what time(2) says
+  Hook<std::int64_t /*seconds*/> setClock;
+  std::optional<std::int64_t> now;            ///< what time(2) says
   std::optional<timespec> monotonic;  ///< what the clock says that nobody sets
   /// The same, since it began, where one thread asks while another makes time go by.
   std::function<std::chrono::nanoseconds()> steady;

@@ -62,13 +62,30 @@ int clock_gettime(clockid_t clock, timespec* time) noexcept {
   return 0;
 }
 
+#if QUELLON_TIME64
+// What the standard library calls, which was built with the plain widths.
+struct PlainTime {
+  std::int32_t seconds;
+  std::int32_t nanoseconds;
+};
+
+int PlainClockTime(clockid_t clock, PlainTime* time) __asm__("clock_gettime");
+
+int PlainClockTime(clockid_t clock, PlainTime* time) {
+  timespec wide{};
+  int const result = clock_gettime(clock, &wide);
+  *time = {static_cast<std::int32_t>(wide.tv_sec), static_cast<std::int32_t>(wide.tv_nsec)};
+  return result;
+}
+#endif
+
 int clock_settime(clockid_t clock, timespec const* time) noexcept {
   Record("clock", time->tv_sec);
   static auto* const next = TheReal<int(clockid_t, timespec const*)>("clock_settime");
   return Outcome(
       "clock_settime", hooks().setClock,
       [=] { return profile().isReached ? next(clock, time) : Refuse(); },
-      static_cast<long>(time->tv_sec));
+      std::int64_t{time->tv_sec});
 }
 
 tm* localtime_r(time_t const* seconds, tm* calendar) noexcept {

@@ -206,7 +206,7 @@ TEST(CardContents, AreThoseOfTheNewTableWhereAnOldGptIsLeftBehindIt) {
 
 TEST(CardContents, MayBeRecordingsWhereSomethingCannotBeRead) {
   auto const card = MakeCard({Mbr({{0x0C, Found::kFirst}, {0x0C, Found::kSecond}})});
-  hooks().pread64 = [](int, void*, std::size_t, off64_t place) -> std::optional<ssize_t> {
+  hooks().pread = [](int, void*, std::size_t, off64_t place) -> std::optional<ssize_t> {
     if (place != Found::kFirst * Found::kSector) return std::nullopt;
     errno = EIO;
     return -1;
@@ -220,7 +220,7 @@ TEST(CardContents, MayBeRecordingsWhereSomethingCannotBeRead) {
 TEST(CardContents, AreReadByteByByteIfNeedBeAndThoughSignalsArrive) {
   auto const card = MakeCard({Mbr({{0x83, Found::kFirst}}), Found::Ext(Found::kFirst)});
   bool isInterrupted = false;
-  hooks().pread64 = [&](int fd, void* into, std::size_t, off64_t place) -> std::optional<ssize_t> {
+  hooks().pread = [&](int fd, void* into, std::size_t, off64_t place) -> std::optional<ssize_t> {
     isInterrupted = !isInterrupted;
     iovec const one{into, 1};  // by another call than the one that asks
     if (!isInterrupted) return preadv(fd, &one, 1, static_cast<off_t>(place));

@@ -291,7 +291,7 @@ TEST_F(CardPreparation, IsRefusedForAWriteProtectedCard) {
 }
 
 TEST_F(CardPreparation, IsRefusedForACardThatCannotBeReadUnlessRecordingsMayBeErased) {
-  hooks().pread64 = [](auto&&...) -> std::optional<ssize_t> {
+  hooks().pread = [](auto&&...) -> std::optional<ssize_t> {
     errno = EIO;
     return -1;
   };
@@ -477,21 +477,21 @@ class Preparing {
 TEST(CardPreparationWithEveryCallFailing, TellsTheStepAtWhichItEnded) {
   auto const text = [](Result result) { return std::string(Preparation::Describe(result)); };
   FaultTable::Try<Preparing>("done", {{"open *: EINTR", kNoHarm},
-                                      {"pread64 *: EINTR", kNoHarm},
-                                      {"pread64 *: short", kNoHarm},
+                                      {"pread *: EINTR", kNoHarm},
+                                      {"pread *: short", kNoHarm},
                                       {"open /dev/mmcblk1 (1): EBUSY", text(Result::InUse)},
                                       {"open /dev/mmcblk1 (1): ENOENT", text(Result::Missing)},
                                       {"open /dev/mmcblk1 (1): ENODEV", text(Result::Missing)},
                                       {"open /dev/mmcblk1 (1): ENXIO", text(Result::Missing)},
                                       {"open /dev/mmcblk1 (1): *", text(Result::Failed)},
-                                      {"pread64 * ([1-3]): *", text(Result::MayHoldRecordings)},
+                                      {"pread * ([1-3]): *", text(Result::MayHoldRecordings)},
                                       {"system echo *", text(Result::NotPartitioned)},
                                       {"open /dev/mmcblk1p1 *", kNoHarm},
                                       {"system mkfs.ext4 *", text(Result::NotFormatted)},
                                       {"open /dev/mmcblk1 (2): *", kNoHarm},
                                       {"open /dev/mmcblk1 (3): *", text(Result::NotPartitioned)},
-                                      {"pread64 * ([4-7]): *", kNoHarm},
-                                      {"pread64 *", text(Result::NotPartitioned)},
+                                      {"pread * ([4-7]): *", kNoHarm},
+                                      {"pread *", text(Result::NotPartitioned)},
                                       {"mount *", text(Result::NotMounted)},
                                       {"writev *: EINTR", kNoHarm},
                                       {"writev *: short", kNoHarm},

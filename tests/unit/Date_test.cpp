@@ -101,9 +101,9 @@ TEST_F(Date, HasNoLongestFormat) {
 }
 
 TEST_F(Date, ATimeWithoutADateIsShownAsItsNumber) {
-  if (sizeof(long) == 4) GTEST_SKIP() << "every 32-bit time has a date";
-  constexpr long kLast = std::numeric_limits<long>::max();
-  constexpr long kFirst = std::numeric_limits<long>::min();
+  if (sizeof(time_t) == 4) GTEST_SKIP() << "every 32-bit time has a date";
+  constexpr time_t kLast = std::numeric_limits<time_t>::max();
+  constexpr time_t kFirst = std::numeric_limits<time_t>::min();
   EXPECT_EQ(Util::Date(kLast, kFormat), std::to_string(kLast));
   EXPECT_EQ(Util::Date(kFirst, kFormat), std::to_string(kFirst));
 }

@@ -68,7 +68,7 @@ std::optional<std::time_t> ParseTime(std::string const& text) {
   return mktime(&calendar);
 }
 
-Status SetClocks(long seconds) {
+Status SetClocks(std::time_t seconds) {
   if (auto const refused = RefuseWhileCardIsUsed("the times of recordings would be out of order")) {
     return *refused;
   }

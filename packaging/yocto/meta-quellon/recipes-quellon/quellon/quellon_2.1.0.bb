@@ -17,13 +17,6 @@ inherit cmake pkgconfig systemd
 
 EXTRA_OECMAKE = "-DQUELLON_BUILD_TESTS=OFF -DQUELLON_UNIT_DIR=${systemd_system_unitdir}"
 
-# Sizes and times are part of the interface, 32 bits wide on 32-bit machines: the build takes flags
-# for wider ones back. The recipe of an application on such a machine needs the first line, too.
-GLIBC_64BIT_TIME_FLAGS = ""
-INSANE_SKIP:append = " 32bit-time"
-# Other C libraries have wider ones always.
-COMPATIBLE_HOST:libc-musl = "null"
-
 PACKAGES =+ "${PN}-recorder ${PN}-tools"
 FILES:${PN}-dev += "${datadir}/quellon/armhf.cmake"
 FILES:${PN}-recorder = "${bindir}/quellon-recorder ${systemd_system_unitdir}/quellon-recorder.service"
