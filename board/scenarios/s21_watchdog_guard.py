@@ -1,4 +1,4 @@
-"""A watchdog held open restarts the board whatever the service dies of, and is disarmed on purpose."""
+"""A watchdog held open restarts the board whatever the service dies of, until it is disarmed."""
 
 from itertools import takewhile
 
@@ -11,8 +11,8 @@ SHORT = 1  # a kernel that has panicked does not sleep, and so takes its time he
 LONG = 25  # three timeouts
 MARGIN = 2
 
-# Deaths of a service, how each is done, and the state of the process then, if there is one. It hangs
-# while it writes its log on a file system that is frozen.
+# Deaths of a service, how each is done, and the state of the process then, if there is one. It
+# hangs while it writes its log on a file system that is frozen.
 DEATHS = {
     "stopped": ("kill -STOP", "T"),
     "killed": ("kill -KILL", ""),

@@ -112,6 +112,7 @@ class Driver : public Timer {
   std::function<int(unsigned long)> failing = [](unsigned long) { return 0; };
   int failingWrites = 0;                 ///< how many
   std::function<void()> kicked = [] {};  ///< what happens in the middle of a kick
+  std::function<void()> closed = [] {};  ///< and after a close
 
  private:
   std::optional<Machine::Failure> OpenOrClose(Machine::Call const& call) {
@@ -125,6 +126,7 @@ class Driver : public Timer {
     if (call.function == "close") {
       Close();
       Note("close");
+      closed();
     }
     return std::nullopt;
   }
@@ -218,6 +220,12 @@ class SharedDevice {
     hooks().ioctl = [](unsigned long, void*) { return Answer::Success(); };
   }
 
+  /// Waits until nobody has it open.
+  void AwaitClose() const {
+    pollfd writers{reader.Get(), 0, {}};
+    EXPECT_EQ(poll(&writers, 1, -1), 1);
+  }
+
   /// What was written to it since this was asked last, and then "open" or "closed".
   [[nodiscard]] std::string State() const {
     std::string text;
@@ -243,48 +251,49 @@ struct Pipe {
   Tarvik::UniqueFd writer;
 };
 
-/// Keepers become children of this process, and are ended with the object.
+/// Tells of keepers, and ends them with itself. They are children of this process, where an
+/// emulator lets it adopt them.
 class Keepers {
  public:
   Keepers() {
     prctl(PR_SET_CHILD_SUBREAPER, 1);
-    fcntl(made.reader.Get(), F_SETFL, O_NONBLOCK);
+    fcntl(told.reader.Get(), F_SETFL, O_NONBLOCK);
     hooks().chdir = [this](std::string const& path) {
       EXPECT_EQ(path, "/");
       pid_t const keeper = getpid();
-      EXPECT_EQ(write(made.writer.Get(), &keeper, sizeof keeper), ssize_t{sizeof keeper});
+      EXPECT_EQ(write(told.writer.Get(), &keeper, sizeof keeper), ssize_t{sizeof keeper});
       return Answer::Success();
     };
   }
   Keepers(Keepers const&) = delete;
   Keepers& operator=(Keepers const&) = delete;
   ~Keepers() {
-    hooks().chdir = nullptr;
-    while (Next() > 0) {
+    while (Next() != 0) {
     }
-    for (pid_t const keeper : all) {
-      kill(keeper, SIGKILL);
-      ChildProcess::Wait(keeper);
-    }
+    while (!made.empty()) Kill(*made.begin());
     prctl(PR_SET_CHILD_SUBREAPER, 0);
-  }
-
-  /// Waits until one has ended, and returns how.
-  int Await(pid_t keeper) {
-    std::erase(all, keeper);
-    return ChildProcess::Wait(keeper);
   }
 
   /// The one that was made after the one before; 0 if none was.
   pid_t Next() {
     pid_t keeper = 0;
-    if (read(made.reader.Get(), &keeper, sizeof keeper) > 0) all.push_back(keeper);
+    if (read(told.reader.Get(), &keeper, sizeof keeper) > 0) made.insert(keeper);
     return keeper;
   }
 
+  void Kill(pid_t keeper) {
+    kill(keeper, SIGKILL);
+    AwaitEnd(keeper);
+  }
+
+  void AwaitEnd(pid_t keeper) {
+    made.erase(keeper);
+    ChildProcess::Wait(keeper);
+  }
+
  private:
-  Pipe made;
-  std::vector<pid_t> all;
+  Pipe told;
+  std::set<pid_t> made;
 };
 
 class WatchdogGuard : public testing::Test {
@@ -699,20 +708,21 @@ void BeKept(Driver& driver) {
   Machine::MakeFile(kNoWayOut, "1\n");
 }
 
-auto const kSixKinds =
-    testing::Values(Kind{"usual", kUsual, [](Driver&) {}},
-                    Kind{"without the magic close", kWithoutMagic, [](Driver&) {}},
-                    Kind{"never stopped", kUsual, BeKept},
-                    Kind{"never stopped, without the magic close", WDIOF_SETTIMEOUT, BeKept},
-                    Kind{"with a timeout of its own, kicked by writing", WDIOF_MAGICCLOSE,
-                         [](Driver& driver) {
-                           driver.unknown = {WDIOC_SETTIMEOUT, WDIOC_KEEPALIVE};
-                           driver.answerToUnknown = EOPNOTSUPP;
-                         }},
-                    Kind{"without a request to stop", kUsual,
-                         [](Driver& driver) { driver.unknown = {WDIOC_SETOPTIONS}; }});
+auto SixKinds() {
+  return testing::Values(Kind{"usual", kUsual, [](Driver&) {}},
+                         Kind{"without the magic close", kWithoutMagic, [](Driver&) {}},
+                         Kind{"never stopped", kUsual, BeKept},
+                         Kind{"never stopped, without the magic close", WDIOF_SETTIMEOUT, BeKept},
+                         Kind{"with a timeout of its own, kicked by writing", WDIOF_MAGICCLOSE,
+                              [](Driver& driver) {
+                                driver.unknown = {WDIOC_SETTIMEOUT, WDIOC_KEEPALIVE};
+                                driver.answerToUnknown = EOPNOTSUPP;
+                              }},
+                         Kind{"without a request to stop", kUsual,
+                              [](Driver& driver) { driver.unknown = {WDIOC_SETOPTIONS}; }});
+}
 
-INSTANTIATE_TEST_SUITE_P(SixDrivers, WatchdogGuardOfAnyKind, kSixKinds);
+INSTANTIATE_TEST_SUITE_P(SixDrivers, WatchdogGuardOfAnyKind, SixKinds());
 
 /// How a service ends: what it does last. Nothing of it runs after that.
 struct Death {
@@ -819,7 +829,7 @@ TEST_P(WatchdogGuardAtADeath, HasAKeeperOnlyWhereTheDriverWouldStop) {
 
 INSTANTIATE_TEST_SUITE_P(
     SixDriversAndFiveDeaths, WatchdogGuardAtADeath,
-    testing::Combine(kSixKinds,
+    testing::Combine(SixKinds(),
                      testing::Values(Death{"killed", BeKilled}, Death{"stopped", BeStopped},
                                      Death{"crashed", Crash}, Death{"hung", Hang},
                                      Death{"panic", BeStopped, true})));
@@ -834,6 +844,11 @@ TEST_F(WatchdogGuard, IsNoGuardAnyMoreWithoutAKeeperWhereTheDriverIsStoppedByACl
 class Kept {
  public:
   Kept() {
+    // A keeper has nothing else to write to.
+    driver.closed = [test = getpid()] {
+      if (getpid() == test) return;
+      EXPECT_EQ(write(0, "told", 4), 4);
+    };
     guard->Open(60);
     EXPECT_EQ(guard->KeepOpenAfterEnd(), Result::Done);
     keeper = keepers.Next();
@@ -852,8 +867,8 @@ class Kept {
 TEST_F(WatchdogGuard, EndsItsKeeperBeforeItClosesTheDevice) {
   Kept kept;
   EXPECT_EQ(kept.guard->Disarm(), Result::Done);
-  EXPECT_EQ(kept.device.State(), "closed");
-  EXPECT_EQ(kept.keepers.Await(kept.keeper), 0);
+  EXPECT_EQ(kept.device.State(), "toldclosed");
+  kept.keepers.AwaitEnd(kept.keeper);
   EXPECT_THAT(kept.driver.Asked(), ElementsAre("stop", "close"));
   EXPECT_THAT(kept.before.Opened(), IsEmpty());
 }
@@ -862,9 +877,8 @@ TEST_F(WatchdogGuard, LeavesItsKeeperBehindAtItsEnd) {
   Kept kept;
   kept.guard.reset();
   EXPECT_EQ(kept.device.State(), "open");
-  kill(kept.keeper, SIGKILL);
-  kept.keepers.Await(kept.keeper);
-  EXPECT_EQ(kept.device.State(), "closed");
+  kept.keepers.Kill(kept.keeper);
+  kept.device.AwaitClose();
 }
 
 TEST_F(WatchdogGuard, HasAKeeperWithASessionANameAndNothingElse) {
@@ -886,7 +900,8 @@ TEST_F(WatchdogGuard, HasAKeeperThatNoSignalEndsButOne) {
   Kept kept;
   for (int const signal : {SIGHUP, SIGINT, SIGTERM, SIGUSR1}) kill(kept.keeper, signal);
   kept.guard->Disarm();
-  EXPECT_EQ(kept.keepers.Await(kept.keeper), 0);
+  EXPECT_EQ(kept.device.State(), "toldclosed");
+  kept.keepers.AwaitEnd(kept.keeper);
 }
 
 TEST_F(WatchdogGuard, MakesOneKeeper) {
@@ -898,6 +913,7 @@ TEST_F(WatchdogGuard, MakesOneKeeper) {
 TEST_F(WatchdogGuard, MakesAnotherKeeperOnceItIsOpenedAnew) {
   Kept kept;
   kept.guard->Disarm();
+  kept.keepers.AwaitEnd(kept.keeper);
   kept.guard->Open(60);
   EXPECT_EQ(kept.guard->KeepOpenAfterEnd(), Result::Done);
   EXPECT_GT(kept.keepers.Next(), 0);
@@ -905,7 +921,7 @@ TEST_F(WatchdogGuard, MakesAnotherKeeperOnceItIsOpenedAnew) {
 
 TEST_F(WatchdogGuard, MakesAnotherKeeperWhereTheDeviceWasFree) {
   Kept kept;
-  kill(kept.keeper, SIGKILL);
+  kept.keepers.Kill(kept.keeper);
   kept.guard.emplace();
   kept.guard->Open(60);
   EXPECT_EQ(kept.guard->KeepOpenAfterEnd(), Result::Done);
@@ -914,8 +930,7 @@ TEST_F(WatchdogGuard, MakesAnotherKeeperWhereTheDeviceWasFree) {
 
 TEST_F(WatchdogGuard, IsDisarmedThoughItsKeeperWasKilled) {
   Kept kept;
-  kill(kept.keeper, SIGKILL);
-  kept.keepers.Await(kept.keeper);
+  kept.keepers.Kill(kept.keeper);
   EXPECT_EQ(kept.guard->Disarm(), Result::Done);
   EXPECT_EQ(kept.device.State(), "closed");
 }
