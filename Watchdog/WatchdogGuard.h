@@ -24,7 +24,7 @@ namespace Quellon {
 /// whatever that ends by: the timer goes on, the kernel says once "watchdog did not stop!", and the
 /// machine restarts when the timeout is over, unless somebody opens the device anew and kicks it.
 /// A driver that `IsStoppedByClose` is stopped by it instead, and nothing guards the machine then:
-/// load it with its parameter "nowayout".
+/// load it with its parameter "nowayout", or have it held by `KeepOpenAfterEnd`.
 ///
 /// The device is close-on-exec and never becomes standard input, output or error. A child made by
 /// fork(2) shares it: there the guard counts as not open, and neither kicks nor disarms. Nothing
@@ -64,6 +64,22 @@ class QUELLON_EXPORT WatchdogGuard {
   /// byte written to it. Results: `Done`, `NotOpen`, `Failed`; after the last the device is still
   /// open, for the next kick.
   Result Kick();
+
+  /// Has the device held open when this process has ended, by another one, "watchdog-keeper", where
+  /// that end would stop the timer: see `IsStoppedByClose`. Then whatever the service dies of, the
+  /// machine restarts when the timeout is over. That is the price, too: a service that is started
+  /// again finds the device `Busy`, and cannot prevent it. `Disarm` ends the keeper, and waits for
+  /// that; the guard's destructor does not end it.
+  ///
+  /// Call it once the guard is open, and early: the keeper is a copy of this process, made by
+  /// fork(2), and keeps the memory that the process changes later as it was. It runs none of its
+  /// code, and has nothing open but the device. It is in a session of its own, is no child to be
+  /// waited for, and takes no signal but SIGKILL. Who kills a whole control group, as systemd does,
+  /// ends it as well: see docs/operations.md.
+  ///
+  /// Results: `Done`, also where such a process is not needed or is there already; `NotOpen`;
+  /// `Failed`, where the system has no process or descriptor for it: open and kicked as before.
+  Result KeepOpenAfterEnd();
 
   /// Stops the timer and closes the device, so that the machine may go on without a guard. The
   /// driver is asked to stop, and if it has the magic close, is told "V". Results: `Done`,

@@ -36,6 +36,9 @@ MODULES = ["crc32c_generic", "ext4", "sdhci-esdhc-imx", "imx2_wdt", "i2c-imx"]
 # Loaded by fail-card.
 FAULT_MODULES = ["dm-flakey"]
 
+# Loaded by scenarios: a watchdog of the kernel's own.
+SPARE_MODULES = ["softdog"]
+
 # Where this kernel wants to be: the start of memory, and the room its Amlogic support asks for.
 LOAD_ADDRESS = 0x80000000 + 0x208000
 LINUX, ARM, KERNEL_IMAGE, NOT_COMPRESSED = 5, 2, 2, 0  # numbers of the U-Boot image header
@@ -137,6 +140,7 @@ def _make(packages: Path, folder: Path):
     (kernel / "lib/modules" / version / "modules.softdep").unlink()
     _add_modules(kernel, MODULES, root / "lib/modules/board")
     _add_modules(kernel, FAULT_MODULES, root / "lib/modules/faults")
+    _add_modules(kernel, SPARE_MODULES, root / "lib/modules/spare")
     (folder / "user-space.cpio").write_bytes(pack(root))
     shutil.rmtree(kernel)
     shutil.rmtree(root)

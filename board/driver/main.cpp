@@ -208,6 +208,7 @@ bool OpenGuard(WatchdogGuard& guard, std::string const& timeout) {
 bool Guard(Arguments const& arguments) {
   WatchdogGuard guard;
   bool alive = OpenGuard(guard, arguments[0]);
+  guard.KeepOpenAfterEnd();
   std::cout << "guard by " << guard.GetDriver() << ", " << guard.GetTimeout() << " s, "
             << (guard.IsStoppedByClose() ? "stopped" : "not stopped") << " by a close" << std::endl;
   for (int kicks = std::atoi(arguments[1].c_str()); alive && kicks > 0; --kicks) {

@@ -2,6 +2,7 @@
 #include <sys/ioctl.h>
 #include <sys/mount.h>
 #include <sys/reboot.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <cstdarg>
@@ -74,6 +75,18 @@ FILE* popen(char const* command, char const* mode) {
   if (hooks().popen) return hooks().popen(command, mode);
   static auto* const next = TheReal<decltype(popen)>("popen");
   return profile().isReached ? next(command, mode) : Fail<FILE*>(EPERM, nullptr);
+}
+
+pid_t fork() noexcept {
+  static auto* const next = TheReal<pid_t()>("fork");
+  if (auto const failure = FailureOf("fork", "")) return Fail(failure->value);
+  return next();
+}
+
+int socketpair(int family, int type, int protocol, int* ends) noexcept {
+  static auto* const next = TheReal<int(int, int, int, int*)>("socketpair");
+  if (auto const failure = FailureOf("socketpair", "")) return Fail(failure->value);
+  return next(family, type, protocol, ends);
 }
 
 void sync() noexcept {

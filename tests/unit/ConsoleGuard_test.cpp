@@ -499,18 +499,23 @@ bool ShowsAll(Print print, std::string const& printed) {
   return shown == expected;
 }
 
+// So long that it is what finds the console full, and not the line of the log before it.
+std::string Long() {
+  return std::string(500, 'p');
+}
+
 TEST_F(ConsoleGuard, LosesNoLineOfTheStreamOnASlowConsole) {
-  EXPECT_TRUE(ShowsAll([] { OutputLine() << "plain"; }, "plain\n"));
+  EXPECT_TRUE(ShowsAll([] { OutputLine() << Long(); }, Long() + "\n"));
 }
 
 TEST_F(ConsoleGuard, LosesNoTextThatIsFlushedOnASlowConsole) {
-  EXPECT_TRUE(ShowsAll([] { std::cout << "text" << std::flush; }, "text"));
+  EXPECT_TRUE(ShowsAll([] { std::cout << Long() << std::flush; }, Long()));
 }
 
 TEST_F(ConsoleGuard, LosesNoLineOfTheStreamWhereTheCLibraryFlushesEach) {
   std::setvbuf(stdout, nullptr, _IOLBF, 0);
   Scoped::AtEnd const fully([] { std::setvbuf(stdout, nullptr, _IOFBF, 0); });
-  EXPECT_TRUE(ShowsAll([] { std::cout << "line\n"; }, "line\n"));
+  EXPECT_TRUE(ShowsAll([] { std::cout << Long() + "\n"; }, Long() + "\n"));
 }
 
 TEST_F(ConsoleGuard, PrintsAllInTheOrderOfTheProgram) {

@@ -4,6 +4,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <linux/watchdog.h>
+#include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -13,6 +15,8 @@
 #include <cerrno>
 #include <csignal>
 #include <cstring>
+#include <filesystem>
+#include <fstream>
 #include <functional>
 #include <future>
 #include <mutex>
@@ -21,6 +25,7 @@
 #include <string>
 #include <system_error>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include "base/UniqueFd.h"
@@ -32,6 +37,7 @@
 #include "tests/support/Descriptors.h"
 #include "tests/support/Gate.h"
 #include "tests/support/LogFile.h"
+#include "tests/support/Scoped.h"
 
 namespace {
 
@@ -45,13 +51,24 @@ using Result = Guard::Result;
 
 constexpr char const* kDevice = "/dev/watchdog";
 constexpr char const* kNoWayOut = "/sys/class/watchdog/watchdog0/nowayout";
-constexpr unsigned kUsual = WDIOF_SETTIMEOUT | WDIOF_KEEPALIVEPING | WDIOF_MAGICCLOSE;
+constexpr unsigned kWithoutMagic = WDIOF_SETTIMEOUT | WDIOF_KEEPALIVEPING;
+constexpr unsigned kUsual = kWithoutMagic | WDIOF_MAGICCLOSE;
 
 using Events = std::vector<std::string>;
 
+/// The timer of a driver, as it is at one moment.
+struct Timer {
+  bool isRunning = false;
+  int timeout = 15;  ///< seconds, until another one is set
+  int left = 0;      ///< seconds until it restarts the machine
+  bool hasRestarted = false;
+  int complaints = 0;     ///< of a close that did not stop it
+  bool isToStop = false;  ///< when it is closed, by the magic character
+};
+
 /// A driver as the kernel makes one: armed when it is opened, stopped by a request, by a close
 /// after the magic character, and without knowing that, by any close.
-class Driver {
+class Driver : public Timer {
  public:
   explicit Driver(unsigned canDo = kUsual, std::string name = "imx2+ watchdog")
       : options(canDo), identity(std::move(name)) {
@@ -75,10 +92,19 @@ class Driver {
     return std::exchange(events, {});
   }
 
-  bool isRunning = false;
+  /// Time goes by.
+  void Pass(int seconds) {
+    left -= seconds;
+    if (isRunning && left <= 0) hasRestarted = true;
+  }
+
+  /// What the kernel does when the last descriptor has gone, whoever had it.
+  void Close() {
+    isOpen = false;
+    if (isRunning && !Stops()) ++complaints;
+  }
+
   bool isOpen = false;
-  int complaints = 0;               ///< of a close that did not stop it
-  int timeout = 15;                 ///< seconds, until another one is set
   int longest = 128;                ///< seconds
   bool isKept = false;              ///< "nowayout"
   std::set<unsigned long> unknown;  ///< requests it does not know
@@ -86,6 +112,7 @@ class Driver {
   std::function<int(unsigned long)> failing = [](unsigned long) { return 0; };
   int failingWrites = 0;                 ///< how many
   std::function<void()> kicked = [] {};  ///< what happens in the middle of a kick
+  std::function<void()> closed = [] {};  ///< and after a close
 
  private:
   std::optional<Machine::Failure> OpenOrClose(Machine::Call const& call) {
@@ -93,12 +120,13 @@ class Driver {
     if (call.function == "open") {
       if (isOpen) return EBUSY;
       isOpen = isRunning = true;
+      left = timeout;
       Note("open");
     }
     if (call.function == "close") {
-      isOpen = false;
-      if (isRunning && !Stops()) ++complaints;
+      Close();
       Note("close");
+      closed();
     }
     return std::nullopt;
   }
@@ -119,6 +147,7 @@ class Driver {
     if (request == WDIOC_GETSUPPORT) Describe(*static_cast<watchdog_info*>(argument));
     if (request == WDIOC_GETTIMEOUT) value = timeout;
     if (request == WDIOC_SETTIMEOUT) return Set(value);
+    if (request == WDIOC_KEEPALIVE) left = timeout;
     if (request == WDIOC_SETOPTIONS) {
       EXPECT_EQ(value, WDIOS_DISABLECARD);
       if (isKept) return Answer::Failure(EBUSY);
@@ -151,7 +180,7 @@ class Driver {
 
   Answer Set(int seconds) {
     if (seconds > longest) return Answer::Failure(EINVAL);
-    timeout = seconds;
+    left = timeout = seconds;
     return Answer::Success();
   }
 
@@ -165,6 +194,7 @@ class Driver {
       return -1;
     }
     isToStop = text.find('V') != std::string::npos;
+    left = timeout;
     return static_cast<ssize_t>(text.size());
   }
 
@@ -175,7 +205,6 @@ class Driver {
 
   unsigned options;
   std::string identity;
-  bool isToStop = false;
   std::mutex mutex;
   Events events;
 };
@@ -191,6 +220,12 @@ class SharedDevice {
     hooks().ioctl = [](unsigned long, void*) { return Answer::Success(); };
   }
 
+  /// Waits until nobody has it open.
+  void AwaitClose() const {
+    pollfd writers{reader.Get(), 0, {}};
+    EXPECT_EQ(poll(&writers, 1, -1), 1);
+  }
+
   /// What was written to it since this was asked last, and then "open" or "closed".
   [[nodiscard]] std::string State() const {
     std::string text;
@@ -201,6 +236,64 @@ class SharedDevice {
 
  private:
   Tarvik::UniqueFd reader;
+};
+
+/// The two ends of a pipe.
+struct Pipe {
+  Pipe() {
+    std::array<int, 2> ends;
+    EXPECT_EQ(pipe2(ends.data(), O_CLOEXEC), 0);
+    reader = Tarvik::UniqueFd(ends[0]);
+    writer = Tarvik::UniqueFd(ends[1]);
+  }
+
+  Tarvik::UniqueFd reader;
+  Tarvik::UniqueFd writer;
+};
+
+/// Tells of keepers, and ends them with itself. They are children of this process, where an
+/// emulator lets it adopt them.
+class Keepers {
+ public:
+  Keepers() {
+    prctl(PR_SET_CHILD_SUBREAPER, 1);
+    fcntl(told.reader.Get(), F_SETFL, O_NONBLOCK);
+    hooks().chdir = [this](std::string const& path) {
+      EXPECT_EQ(path, "/");
+      pid_t const keeper = getpid();
+      EXPECT_EQ(write(told.writer.Get(), &keeper, sizeof keeper), ssize_t{sizeof keeper});
+      return Answer::Success();
+    };
+  }
+  Keepers(Keepers const&) = delete;
+  Keepers& operator=(Keepers const&) = delete;
+  ~Keepers() {
+    while (Next() != 0) {
+    }
+    while (!made.empty()) Kill(*made.begin());
+    prctl(PR_SET_CHILD_SUBREAPER, 0);
+  }
+
+  /// The one that was made after the one before; 0 if none was.
+  pid_t Next() {
+    pid_t keeper = 0;
+    if (read(told.reader.Get(), &keeper, sizeof keeper) > 0) made.insert(keeper);
+    return keeper;
+  }
+
+  void Kill(pid_t keeper) {
+    kill(keeper, SIGKILL);
+    AwaitEnd(keeper);
+  }
+
+  void AwaitEnd(pid_t keeper) {
+    made.erase(keeper);
+    ChildProcess::Wait(keeper);
+  }
+
+ private:
+  Pipe told;
+  std::set<pid_t> made;
 };
 
 class WatchdogGuard : public testing::Test {
@@ -445,7 +538,7 @@ TEST_F(WatchdogGuard, DisarmsByARequestAndTheMagicClose) {
 }
 
 TEST_F(WatchdogGuard, SaysNothingMagicToADriverThatDoesNotKnowIt) {
-  Driver driver(WDIOF_SETTIMEOUT | WDIOF_KEEPALIVEPING);
+  Driver driver(kWithoutMagic);
   Guard guard;
   guard.Open(60);
   driver.Asked();
@@ -615,20 +708,326 @@ void BeKept(Driver& driver) {
   Machine::MakeFile(kNoWayOut, "1\n");
 }
 
+auto SixKinds() {
+  return testing::Values(Kind{"usual", kUsual, [](Driver&) {}},
+                         Kind{"without the magic close", kWithoutMagic, [](Driver&) {}},
+                         Kind{"never stopped", kUsual, BeKept},
+                         Kind{"never stopped, without the magic close", WDIOF_SETTIMEOUT, BeKept},
+                         Kind{"with a timeout of its own, kicked by writing", WDIOF_MAGICCLOSE,
+                              [](Driver& driver) {
+                                driver.unknown = {WDIOC_SETTIMEOUT, WDIOC_KEEPALIVE};
+                                driver.answerToUnknown = EOPNOTSUPP;
+                              }},
+                         Kind{"without a request to stop", kUsual,
+                              [](Driver& driver) { driver.unknown = {WDIOC_SETOPTIONS}; }});
+}
+
+INSTANTIATE_TEST_SUITE_P(SixDrivers, WatchdogGuardOfAnyKind, SixKinds());
+
+/// How a service ends: what it does last. Nothing of it runs after that.
+struct Death {
+  char const* name;
+  void (*die)();
+  bool isOfAll = false;  ///< the machine's with it
+};
+void PrintTo(Death const& death, std::ostream* stream) {
+  *stream << death.name;
+}
+
+void BeKilled() {
+  raise(SIGKILL);
+}
+
+void BeStopped() {
+  raise(SIGSTOP);
+}
+
+void Crash() {
+  rlimit const none{0, 0};
+  setrlimit(RLIMIT_CORE, &none);
+  signal(SIGSEGV, SIG_DFL);
+  raise(SIGSEGV);
+}
+
+void Hang() {
+  Pipe const pipe;
+  char byte;
+  EXPECT_EQ(read(pipe.reader.Get(), &byte, 1), 0);  // never
+}
+
+/// A service in a process of its own, which guards a machine for three timeouts and then dies. Time
+/// goes by for the driver alone.
+class Service {
+ public:
+  Service(Kind const& kind, Death const& death, bool hasKeeper) : driver(kind.options) {
+    kind.change(driver);
+    Pipe const last;
+    process = ChildProcess::Start([&] {
+      Guard guard;
+      guard.Open(60);
+      if (hasKeeper) guard.KeepOpenAfterEnd();
+      for (int kick = 0; kick < 12; ++kick) {
+        driver.Pass(static_cast<int>(guard.GetKickPeriod().count()));
+        guard.Kick();
+      }
+      Timer const timer = driver;
+      EXPECT_EQ(write(last.writer.Get(), &timer, sizeof timer), ssize_t{sizeof timer});
+      death.die();
+      return 0;
+    });
+    EXPECT_EQ(read(last.reader.Get(), &static_cast<Timer&>(driver), sizeof(Timer)),
+              ssize_t{sizeof(Timer)});
+    siginfo_t info;
+    if (death.die != Hang) waitid(P_PID, id_t(process), &info, WEXITED | WSTOPPED | WNOWAIT);
+    keeper = keepers.Next();
+    if (death.isOfAll && keeper > 0) kill(keeper, SIGSTOP);
+    complaintsInLife = driver.complaints;
+    if (device.State() == "closed") driver.Close();
+  }
+  Service(Service const&) = delete;
+  Service& operator=(Service const&) = delete;
+  ~Service() {
+    kill(process, SIGKILL);
+    ChildProcess::Wait(process);
+  }
+
+  int complaintsInLife = 0;
+  pid_t keeper = 0;
+
+ private:
+  SharedDevice const device;
+
+ public:
+  Driver driver;  ///< as the service left it
+
+ private:
+  Keepers keepers;
+  pid_t process = 0;
+};
+
+class WatchdogGuardAtADeath : public WatchdogGuard,
+                              public testing::WithParamInterface<std::tuple<Kind, Death>> {};
+
+TEST_P(WatchdogGuardAtADeath, RestartsTheMachineInTime) {
+  auto const& [kind, death] = GetParam();
+  Service service(kind, death, true);
+  auto& driver = service.driver;
+  EXPECT_EQ(service.complaintsInLife, 0);
+  EXPECT_FALSE(driver.hasRestarted);
+  driver.Pass(driver.timeout - 1);
+  EXPECT_FALSE(driver.hasRestarted);
+  driver.Pass(1);
+  EXPECT_TRUE(driver.hasRestarted);
+}
+
+TEST_P(WatchdogGuardAtADeath, HasAKeeperOnlyWhereTheDriverWouldStop) {
+  auto const& [kind, death] = GetParam();
+  Service const service(kind, death, true);
+  bool const stops = (kind.options & WDIOF_MAGICCLOSE) == 0 && !service.driver.isKept;
+  EXPECT_EQ(service.keeper > 0, stops);
+}
+
 INSTANTIATE_TEST_SUITE_P(
-    SixDrivers, WatchdogGuardOfAnyKind,
-    testing::Values(Kind{"usual", kUsual, [](Driver&) {}},
-                    Kind{"without the magic close", WDIOF_SETTIMEOUT | WDIOF_KEEPALIVEPING,
-                         [](Driver&) {}},
-                    Kind{"never stopped", kUsual, BeKept},
-                    Kind{"never stopped, without the magic close", WDIOF_SETTIMEOUT, BeKept},
-                    Kind{"with a timeout of its own, kicked by writing", WDIOF_MAGICCLOSE,
-                         [](Driver& driver) {
-                           driver.unknown = {WDIOC_SETTIMEOUT, WDIOC_KEEPALIVE};
-                           driver.answerToUnknown = EOPNOTSUPP;
-                         }},
-                    Kind{"without a request to stop", kUsual,
-                         [](Driver& driver) { driver.unknown = {WDIOC_SETOPTIONS}; }}));
+    SixDriversAndFiveDeaths, WatchdogGuardAtADeath,
+    testing::Combine(SixKinds(),
+                     testing::Values(Death{"killed", BeKilled}, Death{"stopped", BeStopped},
+                                     Death{"crashed", Crash}, Death{"hung", Hang},
+                                     Death{"panic", BeStopped, true})));
+
+TEST_F(WatchdogGuard, IsNoGuardAnyMoreWithoutAKeeperWhereTheDriverIsStoppedByAClose) {
+  Service service({"", kWithoutMagic, [](Driver&) {}}, {"killed", BeKilled}, false);
+  service.driver.Pass(1000);
+  EXPECT_FALSE(service.driver.hasRestarted);
+}
+
+/// A guard whose driver is stopped by a close, and which has a keeper.
+class Kept {
+ public:
+  Kept() {
+    // A keeper has nothing else to write to.
+    driver.closed = [test = getpid()] {
+      if (getpid() == test) return;
+      EXPECT_EQ(write(0, "told", 4), 4);
+    };
+    guard->Open(60);
+    EXPECT_EQ(guard->KeepOpenAfterEnd(), Result::Done);
+    keeper = keepers.Next();
+    EXPECT_GT(keeper, 0);
+    driver.Asked();
+  }
+
+  SharedDevice const device;
+  Driver driver{kWithoutMagic};
+  Keepers keepers;
+  Descriptors::Watch const before;
+  std::optional<Guard> guard{std::in_place};
+  pid_t keeper = 0;
+};
+
+TEST_F(WatchdogGuard, EndsItsKeeperBeforeItClosesTheDevice) {
+  Kept kept;
+  EXPECT_EQ(kept.guard->Disarm(), Result::Done);
+  EXPECT_EQ(kept.device.State(), "toldclosed");
+  kept.keepers.AwaitEnd(kept.keeper);
+  EXPECT_THAT(kept.driver.Asked(), ElementsAre("stop", "close"));
+  EXPECT_THAT(kept.before.Opened(), IsEmpty());
+}
+
+TEST_F(WatchdogGuard, LeavesItsKeeperBehindAtItsEnd) {
+  Kept kept;
+  kept.guard.reset();
+  EXPECT_EQ(kept.device.State(), "open");
+  kept.keepers.Kill(kept.keeper);
+  kept.device.AwaitClose();
+}
+
+TEST_F(WatchdogGuard, HasAKeeperWithASessionANameAndNothingElse) {
+  Kept const kept;
+  std::string const process = "/proc/" + std::to_string(kept.keeper);
+  std::set<std::string> open;
+  for (auto const& entry : std::filesystem::directory_iterator(process + "/fd")) {
+    open.insert(entry.path().filename());
+  }
+  EXPECT_THAT(open, ElementsAre("0", "1", "2"));
+  EXPECT_EQ(std::filesystem::read_symlink(process + "/fd/0"), Machine::Real(kDevice));
+  EXPECT_EQ(getsid(kept.keeper), kept.keeper);
+  std::string name;
+  std::getline(std::ifstream(process + "/comm"), name);
+  EXPECT_EQ(name, "watchdog-keeper");
+}
+
+TEST_F(WatchdogGuard, HasAKeeperThatNoSignalEndsButOne) {
+  Kept kept;
+  for (int const signal : {SIGHUP, SIGINT, SIGTERM, SIGUSR1}) kill(kept.keeper, signal);
+  kept.guard->Disarm();
+  EXPECT_EQ(kept.device.State(), "toldclosed");
+  kept.keepers.AwaitEnd(kept.keeper);
+}
+
+TEST_F(WatchdogGuard, MakesOneKeeper) {
+  Kept kept;
+  EXPECT_EQ(kept.guard->KeepOpenAfterEnd(), Result::Done);
+  EXPECT_EQ(kept.keepers.Next(), 0);
+}
+
+TEST_F(WatchdogGuard, MakesAnotherKeeperOnceItIsOpenedAnew) {
+  Kept kept;
+  kept.guard->Disarm();
+  kept.keepers.AwaitEnd(kept.keeper);
+  kept.guard->Open(60);
+  EXPECT_EQ(kept.guard->KeepOpenAfterEnd(), Result::Done);
+  EXPECT_GT(kept.keepers.Next(), 0);
+}
+
+TEST_F(WatchdogGuard, MakesAnotherKeeperWhereTheDeviceWasFree) {
+  Kept kept;
+  kept.keepers.Kill(kept.keeper);
+  kept.guard.emplace();
+  kept.guard->Open(60);
+  EXPECT_EQ(kept.guard->KeepOpenAfterEnd(), Result::Done);
+  EXPECT_GT(kept.keepers.Next(), 0);
+}
+
+TEST_F(WatchdogGuard, IsDisarmedThoughItsKeeperWasKilled) {
+  Kept kept;
+  kept.keepers.Kill(kept.keeper);
+  EXPECT_EQ(kept.guard->Disarm(), Result::Done);
+  EXPECT_EQ(kept.device.State(), "closed");
+}
+
+TEST_F(WatchdogGuard, KeepsItsKeeperWhereTheDriverDoesNotStop) {
+  Kept kept;
+  kept.driver.isKept = true;
+  EXPECT_EQ(kept.guard->Disarm(), Result::Unstoppable);
+  EXPECT_EQ(kill(kept.keeper, 0), 0);
+  kept.guard.reset();
+  EXPECT_EQ(kept.device.State(), "open");
+}
+
+TEST_F(WatchdogGuard, HasNoKeeperThatWouldHaveToBeWaitedFor) {
+  Driver const driver(kWithoutMagic);
+  Guard guard;
+  guard.Open(60);
+  EXPECT_EQ(guard.KeepOpenAfterEnd(), Result::Done);
+  EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1);
+  EXPECT_EQ(errno, ECHILD);
+  guard.Disarm();
+}
+
+TEST_F(WatchdogGuard, HasAKeeperInAProcessThatIgnoresItsChildren) {
+  struct sigaction ignored {};
+  ignored.sa_handler = SIG_IGN;
+  auto const children = Scoped::SignalAction(SIGCHLD, ignored);
+  Driver const driver(kWithoutMagic);
+  Guard guard;
+  guard.Open(60);
+  EXPECT_EQ(guard.KeepOpenAfterEnd(), Result::Done);
+  EXPECT_EQ(guard.Disarm(), Result::Done);
+}
+
+TEST_F(WatchdogGuard, HasAKeeperThatNothingIsPrintedTo) {
+  ChildProcess::Run([] {
+    std::vector<int> opened;
+    {
+      Descriptors::NoStandardOnes const none;
+      Descriptors::Watch const watch;
+      Machine::MakeFile(kDevice, "");
+      hooks().ioctl = [](unsigned long, void*) { return Answer::Success(); };
+      Guard guard;
+      guard.Open(60);
+      guard.KeepOpenAfterEnd();
+      opened = watch.Opened();
+      guard.Disarm();
+    }
+    EXPECT_THAT(opened, ElementsAre(0, 1, 2, testing::Gt(2), testing::Gt(2)));
+  });
+}
+
+TEST_F(WatchdogGuard, HasNoKeeperWhereItIsNotOpen) {
+  Driver const driver(kWithoutMagic);
+  Keepers keepers;
+  Guard guard;
+  EXPECT_EQ(guard.KeepOpenAfterEnd(), Result::NotOpen);
+  guard.Open(60);
+  ChildProcess::Run([&] { EXPECT_EQ(guard.KeepOpenAfterEnd(), Result::NotOpen); });
+  EXPECT_EQ(keepers.Next(), 0);
+}
+
+struct Lacking {
+  char const* call;
+  bool isChilds;
+  int error;
+};
+class WatchdogGuardLacking : public WatchdogGuard, public testing::WithParamInterface<Lacking> {};
+
+TEST_P(WatchdogGuardLacking, TellsThatThereIsNoKeeperAndGoesOn) {
+  auto const lacking = GetParam();
+  Driver const driver(kWithoutMagic);
+  Keepers keepers;
+  Guard guard;
+  guard.Open(60);
+  Descriptors::Watch const before;
+  auto const faults = std::exchange(
+      hooks().fault, [=, parent = getpid()](auto const& call) -> std::optional<Machine::Failure> {
+        bool const isMeant =
+            call.function == lacking.call && (getpid() != parent) == lacking.isChilds;
+        if (isMeant) return EMFILE;
+        return std::nullopt;
+      });
+  EXPECT_EQ(guard.KeepOpenAfterEnd(), Result::Failed);
+  EXPECT_EQ(errno, lacking.error);
+  EXPECT_EQ(keepers.Next(), 0);
+  EXPECT_THAT(before.Opened(), IsEmpty());
+  EXPECT_EQ(guard.Kick(), Result::Done);
+  hooks().fault = faults;
+  EXPECT_EQ(guard.KeepOpenAfterEnd(), Result::Done);
+  EXPECT_GT(keepers.Next(), 0);
+}
+
+INSTANTIATE_TEST_SUITE_P(InTurn, WatchdogGuardLacking,
+                         testing::Values(Lacking{"socketpair", false, EMFILE},
+                                         Lacking{"fork", false, EAGAIN},
+                                         Lacking{"fork", true, EAGAIN}));
 
 TEST_F(WatchdogGuard, LogsNothingAndPrintsNothing) {
   LogFile::BeginAnew();
