@@ -141,18 +141,22 @@ TEST_F(Recorder, GivesACardUpThatFailsInTheMiddleOfTwoRecordingsInARow) {
   EXPECT_LT(Written(), 8 * kSlice);
 }
 
-TEST_F(Recorder, GoesOnAfterARecordingThatSomebodyHasDeletedMeanwhile) {
+TEST_F(Recorder, GoesOnWhereSomebodyDeletesEverySecondRecordingWhileItIsWritten) {
   settings.periodMilliseconds = 1;
   duringPause = [this](timespec const& deadline) {
     now = std::chrono::seconds(deadline.tv_sec) + std::chrono::nanoseconds(deadline.tv_nsec);
-    if (Written() > 0) Machine::RemoveFile("/mnt/sdcard/cr/rec_000001.dat");
+    for (auto const* name : {"rec_000001.dat", "rec_000003.dat"}) {
+      Machine::RemoveFile(kRecordings + std::string(name));
+    }
   };
   StartRecorder();
-  ASSERT_TRUE(Logs("Recorded rec_000002.gps"));
+  ASSERT_TRUE(Logs("Recorded rec_000004.gps"));
   StopRecorder();
   EXPECT_THAT(
       LinesWith("Could not write"),
       ElementsAre("[ERROR][REC] Could not write /mnt/sdcard/cr/rec_000001.dat: No such file "
+                  "or directory",
+                  "[ERROR][REC] Could not write /mnt/sdcard/cr/rec_000003.dat: No such file "
                   "or directory"));
 }
 
