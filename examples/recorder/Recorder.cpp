@@ -186,7 +186,7 @@ bool Recorder::CardIsBack() {
 // What somebody has done to a recording, or to the room for it, costs that one alone.
 void Recorder::RecordOrGiveUp() {
   failures = Record() ? 0 : failures + 1;
-  if ((failures >= kFailureLimit || !watch->IsUsable()) && WaitForLoad()) GiveUpCard();
+  if (failures >= kFailureLimit && WaitForLoad()) GiveUpCard();
 }
 
 // While the catalogue is loaded, a full card waits for it.
@@ -301,12 +301,12 @@ bool Recorder::WriteSteadily(Ifile& file, std::size_t& written) {
   return true;
 }
 
-// What there is of it is deleted with the oldest.
+// What there is of it, if anything, is deleted with the oldest.
 bool Recorder::CouldNotWrite(Ifile& file) {
   int const error = errno;
   LogLine(Error) << "[REC] Could not write " << kRecordings << file.name << ": "
                  << std::strerror(error);
-  if (file.FileExists()) AddFile(file.name);
+  AddFile(file.name);
   return false;
 }
 

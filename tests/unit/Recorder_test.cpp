@@ -23,6 +23,7 @@ using Machine::hooks;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
+using testing::SizeIs;
 
 constexpr std::size_t kSlice = 64 << 10;
 
@@ -97,7 +98,7 @@ TEST_F(Recorder, BeginsARecordingThatIsStoppedAtOnceWithWhatThereIs) {
   EXPECT_GE(Written(), kSlice);
 }
 
-TEST_F(Recorder, TakesACardBackThatWasSwappedBetweenTwoLooks) {
+TEST_F(Recorder, TakesACardBackThatWasSwappedBetweenTwoLooksAndGivesItTwoTries) {
   hasOthers = true;
   Machine::MakeFile(FakeCard::kPartition, std::string(4096, ' '));
   std::atomic<bool> isGone = false;
@@ -105,12 +106,17 @@ TEST_F(Recorder, TakesACardBackThatWasSwappedBetweenTwoLooks) {
     if (call.function != "pread" || !isGone) return {};
     return ENODEV;
   };
+  duringPause = [this, &isGone](timespec const& deadline) {
+    now = std::chrono::seconds(deadline.tv_sec) + std::chrono::nanoseconds(deadline.tv_nsec);
+    Machine::RemoveFile("/mnt/sdcard/cr/rec_000002.dat");
+    if (isGone && !LinesWith("[REC] Card released").empty()) isGone = false;
+  };
   StartRecorder();
   ASSERT_TRUE(Logs("Recorded rec_000001.gps"));
   isGone = true;  // while the partition can be read: another card is there by now
-  ASSERT_TRUE(Logs("[REC] Card released"));
-  isGone = false;
   ASSERT_TRUE(ComesTrue([] { return LinesWith("[REC] Health").size() > 1; }));
+  ASSERT_TRUE(Logs("Recorded rec_000003.gps"));
+  EXPECT_THAT(LinesWith("[REC] Card released"), SizeIs(1));
   StopRecorder();
 }
 
@@ -153,7 +159,7 @@ TEST_F(Recorder, GoesOnWhereSomebodyDeletesEverySecondRecordingWhileItIsWritten)
   ASSERT_TRUE(Logs("Recorded rec_000004.gps"));
   StopRecorder();
   EXPECT_THAT(
-      LinesWith("Could not write"),
+      LinesWith("[ERROR]"),
       ElementsAre("[ERROR][REC] Could not write /mnt/sdcard/cr/rec_000001.dat: No such file "
                   "or directory",
                   "[ERROR][REC] Could not write /mnt/sdcard/cr/rec_000003.dat: No such file "
@@ -174,6 +180,41 @@ TEST_F(Recorder, TellsWhyARecordingCannotBeWritten) {
   EXPECT_THAT(LinesWith("Could not write"),
               ElementsAre("[ERROR][REC] Could not write /mnt/sdcard/cr/rec_000001.dat: No space "
                           "left on device"));
+}
+
+TEST_F(Recorder, TellsWhyPositionsCannotBeWritten) {
+  hooks().writev = [](int fd, iovec const*, int) -> std::optional<ssize_t> {
+    auto const path = Machine::DevicePath(fd);
+    if (!path || !path->ends_with("rec_000001.gps")) return std::nullopt;
+    errno = ENOSPC;
+    return -1;
+  };
+  hooks().fsync = [](int) -> std::optional<Machine::Answer> {
+    errno = EAGAIN;  // which says nothing after a success
+    return std::nullopt;
+  };
+  StartRecorder();
+  ASSERT_TRUE(Logs("Recorded rec_000001.dat"));
+  StopRecorder();
+  EXPECT_THAT(LinesWith("Could not write"),
+              ElementsAre("[ERROR][REC] Could not write /mnt/sdcard/cr/rec_000001.gps: No space "
+                          "left on device"));
+}
+
+TEST_F(Recorder, EndsARecordingAtOnceOnACardThatIsLostMeanwhile) {
+  hasOthers = true;
+  duringPause = [this](timespec const& deadline) {
+    now = std::chrono::seconds(deadline.tv_sec) + std::chrono::nanoseconds(deadline.tv_nsec);
+    if (Written() < kSlice || Written() > 3 * kSlice) return;
+    Machine::MakeFile("/sys/class/block/mmcblk1p1/ro", "1\n");
+    EXPECT_TRUE(Logs("[REC] Card: the card is read-only"));
+  };
+  StartRecorder();
+  ASSERT_TRUE(Logs("[REC] Card released"));
+  EXPECT_THAT(LinesWith("Could not write"),
+              ElementsAre("[ERROR][REC] Could not write /mnt/sdcard/cr/rec_000001.dat: Operation "
+                          "canceled"));
+  EXPECT_LT(Written(), 8 * kSlice);
 }
 
 TEST_F(Recorder, DeletesWithTheOldestWhatThereIsOfARecordingThatFailed) {
@@ -263,11 +304,13 @@ class RecorderOfAFullCard : public Recorder {
 TEST_F(RecorderOfAFullCard, KeepsThePositionsOfWhatCannotBeDeletedAndDoesNotCountIt) {
   OnUnlink(
       "rec_000001.dat", [] {}, EPERM);
+  Machine::MakeFile("/mnt/sdcard/cr/theirs.gps", "somebody's");
   StartRecorder();
   ASSERT_TRUE(Logs("Recorded rec_000004.gps"));
   StopRecorder();
   EXPECT_TRUE(std::filesystem::exists(Machine::Real("/mnt/sdcard/cr/rec_000001.gps")));
   EXPECT_FALSE(std::filesystem::exists(Machine::Real("/mnt/sdcard/cr/rec_000002.gps")));
+  EXPECT_TRUE(std::filesystem::exists(Machine::Real("/mnt/sdcard/cr/theirs.gps")));
   EXPECT_THAT(LinesWith("Deleted"), ElementsAre("[REC] Deleted 2 oldest recordings"));
 }
 
