@@ -40,6 +40,9 @@ class Recorder {
   /// end it by std::quick_exit.
   void Run();
 
+  /// Whether a load is running, which may print.
+  [[nodiscard]] bool IsLoading() const { return load != nullptr && !load->IsOver(); }
+
   /// Ends `Run`. May be called from a signal handler.
   void Stop() { stop.Notify(); }
 
@@ -52,7 +55,6 @@ class Recorder {
 
   void RecordOrGiveUp();
   bool Record();
-  [[nodiscard]] bool IsLoading() const { return load != nullptr && !load->IsOver(); }
   bool HasRoomMeanwhile();
   bool WaitForLoad();
   bool FinishLoad();

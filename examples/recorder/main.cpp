@@ -91,6 +91,6 @@ int main(int count, char** arguments) {
   running = &recorder;
   for (int const signal : {SIGTERM, SIGINT}) static_cast<void>(std::signal(signal, StopRunning));
   recorder.Run();
-  console.reset();
+  if (!recorder.IsLoading()) console.reset();  // a load must not print by what is gone
   std::quick_exit(EXIT_SUCCESS);  // without waiting for a catalogue that is still being loaded
 }
