@@ -29,6 +29,14 @@ bool HasExtSuperblock(char const* partition) {
          found == kMagicBytes;
 }
 
+// What mount(2) says of ext4 that a check may put right: of checksums that are wrong EBADMSG, of
+// what contradicts itself EUCLEAN, of either in older kernels EINVAL, and of blocks that cannot be
+// read EIO. Any other reason is not the card's contents: it is in use, write-protected, gone, or
+// the system lacks memory, rights or the mount point.
+bool IsDamage(int error) {
+  return error == EBADMSG || error == EUCLEAN || error == EINVAL || error == EIO;
+}
+
 }  // namespace
 
 void CheckUnlessMountable() {
@@ -38,9 +46,7 @@ void CheckUnlessMountable() {
     umount(kCardMountPoint);
     return;
   }
-  bool const isMounted = errno == EBUSY;
-  bool const isWriteProtected = errno == EACCES || errno == EROFS;
-  if (isMounted || isWriteProtected) return;
+  if (!IsDamage(errno)) return;
   std::string place = kCardMountPoint;
   std::string partition = kCardPartition;
   CheckDisk(place.data(), partition.data()).DiskCheck();

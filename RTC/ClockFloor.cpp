@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <charconv>
 #include <cstdio>
+#include <cstdlib>
 #include <limits>
 #include <string_view>
 #include <utility>
@@ -34,6 +35,15 @@ constexpr time_t kYear = 31'556'952;
 constexpr time_t kTrust = 20 * kYear;  // longer than a device lives without a new release
 // A clock that is set leaves a year before times are over, on 32 bits in 2038.
 constexpr time_t kLatest = std::numeric_limits<time_t>::max() - kYear;
+
+constexpr time_t kSlack = 2;  // that two clocks of whole seconds, read in turn, may differ by
+
+// By the clock that nobody sets. Whoever corrects the other one little by little corrects both.
+time_t SteadySeconds() noexcept {
+  timespec now{};
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return now.tv_sec;
+}
 
 // Twice, so that a damaged number is not taken for another one.
 std::string TextOf(time_t seconds) {
@@ -71,15 +81,17 @@ ClockFloor::Outcome ClockFloor::Apply(std::string const& recordings) {
   time_t const now = time(nullptr);  // a look at many recordings takes its time
   if (now > known) return {Result::Kept, now, now};
   if (!Tarvik::SetSystemClock(known + 1)) return {Result::Refused, now, known + 1};
-  raisedTo = known + 1;
-  return {Result::Raised, now, raisedTo};
+  origin = known + 1 - SteadySeconds();
+  return {Result::Raised, now, known + 1};
 }
 
 time_t ClockFloor::LatestKnown(std::string const& recordings) {
   lastSaved = ReadFile();
   time_t const known = std::max(earliest, lastSaved);
   time_t const now = time(nullptr);
-  bool const isOurs = raisedTo != 0 && now >= raisedTo;
+  bool const wasRaised = origin != 0;
+  bool const isOurs = wasRaised && std::abs(now - SteadySeconds() - origin) <= kSlack;
+  if (wasRaised && !isOurs && now > earliest) return earliest;  // somebody knew better
   bool const isConfirmed = lastSaved != 0 && now > known && !isOurs;
   return isConfirmed || recordings.empty() ? known : std::max(known, NewestOf(recordings));
 }

@@ -27,9 +27,12 @@ namespace Quellon::RTC {
 ///   in January 2037.
 /// - A clock that is later than the file was set by somebody who knew, and recordings do not move
 ///   it. They count where there is no file, or none to be believed, where the clock is not later
-///   than the file, and where this object has set it.
+///   than the file, and where this object has set it, and nobody since.
+/// - Whoever sets the clock after this object has, such as an NTP client, is believed at once, to a
+///   later time or to an earlier one: neither the file nor recordings move it any more, unless it
+///   is not later than `earliest`. A change of 2 seconds or less is not noticed.
 /// - The file keeps the time that was saved last, also where that is an earlier one: whoever sets
-///   the clock back, while the service runs, is believed from the next `SaveHourly` on.
+///   back a clock that this object has not set is believed from the next `SaveHourly` on.
 ///
 /// The real-time clock is not set: what is known is no more than a time that has passed, and the
 /// next start is to see, and to tell, that the clock has no battery. Not locked: one thread at a
@@ -91,7 +94,7 @@ class QUELLON_EXPORT ClockFloor {
 
   std::string file;
   time_t earliest;
-  time_t raisedTo = 0;   ///< what the clock was last set to; 0 before
+  time_t origin = 0;     ///< what a clock set forward said when steady time began; 0 before
   time_t lastSaved = 0;  ///< what is in the file, as far as is known, or was to be; 0 if nothing is
 };
 

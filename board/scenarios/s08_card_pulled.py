@@ -1,4 +1,7 @@
-"""The card is pulled while recording: the service says so, goes on, and takes one put back."""
+"""The card is pulled while recording: the service says so, goes on, and takes one put back.
+
+Somebody stands on each card that is pulled, and stays there.
+"""
 
 from board.board import Board, expect_equal
 from board.image import Image, fill
@@ -14,6 +17,7 @@ PULLED = """
 until [ "$(sed '1,/{after}/d' /var/log/quellon.log | grep -c 'Recorded .*gps')" = 2 ]; do
     sleep 1
 done
+( (cd /mnt/sdcard && exec sleep 100000) & )
 hold {name}-pulled
 until [ ! -e /dev/mmcblk1 ]; do usleep 100000; done
 echo lost >/mnt/sdcard/lost; sync
@@ -72,7 +76,7 @@ def pull(machine, pull: str):
 
 def put_back(machine, pull: str, card: Image):
     """Waits until the service has released the card and looked for it, and puts it back."""
-    machine.wait("[REC] Card released")
+    machine.wait("[REC] Card released when nobody uses it any more")
     machine.go_on(f"{pull}-released")
     machine.arrive(f"{pull}-looked-for")
     machine.insert_card(card.path)

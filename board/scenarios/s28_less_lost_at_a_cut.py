@@ -1,4 +1,7 @@
-"""A power cut in the middle of a recording takes at most its last second, and that costs little."""
+"""A power cut in the middle of a recording takes at most its last second, and that costs little.
+
+What 32 bits cannot hold, and a second recorder, are refused before.
+"""
 
 from board.board import Board, expect
 from board.cuts import LOG, MARKING, MOUNTABLE, PARTITION, SECTOR, Card, content_of, read_log
@@ -19,7 +22,12 @@ MOST_WEAR = 1.05  # bytes written to the card per byte recorded
 
 # What the recorder has written stands in the log of the card's writes, at the moment it was so.
 RECORD = f"""
+quellon-recorder --size {1 << 31}
+echo "of a size beyond 32 bits: $?"
 quellon-recorder --size {{size}} --rate {RATE} --min-free 1 --share 0.98 &
+until grep -qs REC /var/log/quellon.log; do usleep 100000; done
+quellon-recorder
+echo "a second one: $?"
 while usleep 100000; do
     mark "written $(stat -c %s /mnt/sdcard/cr/{NAME} 2>/dev/null || echo 0)"
 done
@@ -35,6 +43,9 @@ def run(board: Board):
                      board.logging_writes(image, board.folder / LOG)) as machine:
         machine.wait("[REC] Recorded")
         machine.cut_power()
+    for refusal in (f"recorder: {1 << 31} is no value of --size", "of a size beyond 32 bits: 1",
+                    "Another recorder is running", "a second one: 1"):
+        expect(any(refusal in line for line in machine.lines), f"not said: {refusal}")
     writes = read_log(board.folder / LOG)
     expect_little_lost(board, before, writes, content_of(NAME, size))
     expect_little_written(board, writes, size)

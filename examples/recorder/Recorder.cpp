@@ -2,6 +2,7 @@
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/mount.h>
 #include <unistd.h>
 
@@ -9,10 +10,12 @@
 #include <array>
 #include <cerrno>
 #include <cstdlib>
-#include <set>
+#include <cstring>
+#include <list>
 #include <string>
 #include <string_view>
 #include <utility>
+#include <vector>
 
 #include "DiskUtils/CardDirectory.h"
 #include "DiskUtils/CheckUnlessMountable.h"
@@ -20,14 +23,10 @@
 #include "Watchdog/BackgroundKicks.h"
 #include "base/IException.h"
 #include "base/Logger.h"
-#include "base/UniqueFd.h"
 
 using Quellon::WatchdogGuard;
 using Quellon::DiskUtils::CardState;
-using Quellon::DiskUtils::Disk;
 using Quellon::FileUtils::BackgroundLoad;
-using Quellon::FileUtils::FilesManager;
-using Quellon::FileUtils::Idir;
 using Quellon::FileUtils::Ifile;
 using Quellon::RTC::ClockFloor;
 using std::chrono::steady_clock;
@@ -43,8 +42,10 @@ constexpr char const* kRecordings = "/mnt/sdcard/cr/";
 constexpr std::string_view kPrefix = "rec_";
 constexpr int kLastNumber = 999999;  // six digits; then they begin anew
 constexpr std::size_t kPositionsBytes = 1024;
-constexpr std::size_t kSlice = std::size_t{64} << 10;
-constexpr std::chrono::minutes kLongestCheck(30);
+constexpr std::size_t kSlice = std::size_t{64} << 10;  // bytes that are written at once
+constexpr int kFailureLimit = 2;                       // recordings in a row
+constexpr std::chrono::minutes kLongestStart(30);
+constexpr std::chrono::minutes kLongestDeletion(5);
 constexpr std::chrono::milliseconds kLongestPause(1000);  // between two kicks, where they are due
 
 // A little less than the second that a power cut may cost: it takes a moment until what was
@@ -63,15 +64,15 @@ bool CardAnswers() {
   return card.IsOpen() && read(card.Get(), block.data(), kBlock) == kBlock;
 }
 
-// Each file holds its own name again and again, so that anybody can see whether it is intact.
-std::string Slice(Ifile const& file) {
-  std::string slice;
-  while (slice.size() < kSlice) slice += file.name + "\n";
-  return slice;
+bool Exists(std::string const& name) {
+  return access((kRecordings + name).c_str(), F_OK) == 0;
 }
 
-void Write(Ifile& file, std::string& slice, std::size_t most) {
-  file.Write(slice.data(), static_cast<unsigned int>(std::min(slice.size(), most)));
+// Each file holds its own name again and again, so that anybody can see whether it is intact.
+std::string Slice(Ifile const& file, std::size_t least) {
+  std::string slice;
+  while (slice.size() < least) slice += file.name + "\n";
+  return slice;
 }
 
 // Gives what was written its place on the card and writes it there, without a commit of the journal
@@ -79,27 +80,24 @@ void Write(Ifile& file, std::string& slice, std::size_t most) {
 bool WriteBack(Ifile& file) {
   constexpr unsigned int kAndWait = SYNC_FILE_RANGE_WRITE | SYNC_FILE_RANGE_WAIT_AFTER;
   file.Close();
+  if (!file.stream->good()) return false;
   Tarvik::UniqueFd const fd(open(file.path.c_str(), O_RDONLY | O_CLOEXEC));
   return fd.IsOpen() && sync_file_range(fd.Get(), 0, 0, kAndWait) == 0;
-}
-
-bool CouldNotWrite(Ifile const& file) {
-  LogLine(Error) << "[REC] Could not write " << kRecordings << file.name;
-  return false;
-}
-
-// A look finds nothing new in most cases, so this is called for what is new alone.
-void TellOfCard(CardState::Report const& report) {
-  bool const isGood = report.finding == CardState::Finding::Good;
-  LogLine(isGood ? Info : Error) << "[REC] Card: " << CardState::Describe(report.finding) << ", "
-                                 << report.errors << " errors, " << report.warnings << " warnings, "
-                                 << report.controllerErrors << " of the controller";
 }
 
 }  // namespace
 
 Recorder::Recorder(Settings const& chosen)
     : settings(chosen), system(*Quellon::System::GetInstance()) {}
+
+// The file system of the device's state outlives every card. What cannot be locked for another
+// reason must not keep the device from recording.
+bool Recorder::IsAlone() {
+  lock = Tarvik::UniqueFd(open("/root", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (flock(lock.Get(), LOCK_EX | LOCK_NB) == 0 || errno != EWOULDBLOCK) return true;
+  LogLine(Error) << "[REC] Another recorder is running";
+  return false;
+}
 
 void Recorder::Run() {
   KickWatchdog();
@@ -109,78 +107,72 @@ void Recorder::Run() {
     auto const begin = steady_clock::now();
     if (catalogue == nullptr && CardIsBack() && !StartCard()) return;
     clockFloor.SaveHourly();
-    if (catalogue != nullptr && !Record() && WaitForLoad()) GiveUpCard();
-    next = (settings.bytesPerSecond > 0 ? begin : steady_clock::now()) + settings.period;
+    if (catalogue != nullptr) RecordOrGiveUp();
+    next = (settings.bytesPerSecond > 0 ? begin : steady_clock::now()) +
+           std::chrono::milliseconds(settings.periodMilliseconds);
   }
-  if (catalogue != nullptr) LeaveCard();
+  if (catalogue != nullptr) GiveUpCard();
   clockFloor.Save();
   LogLine(Info) << "[REC] Stopped";
 }
 
 // False when the machine is about to reboot.
 bool Recorder::StartCard() {
+  Quellon::BackgroundKicks const kicks(watchdog, kLongestStart);
   cardWasOut = false;
-  Disk* const disk = InitDisk();
+  Quellon::DiskUtils::CheckUnlessMountable();
+  auto const* const disk = system.InitDisk();
   if (disk == nullptr) return false;
   LogLine(Info) << "[REC] Health " << system.GetHealthReport();
-  RaiseClock(disk->available);
+  // After the report, which tells of a clock that begins anew.
+  auto const clock = clockFloor.Apply(disk->available ? kRecordings : "");
+  if (clock.result != ClockFloor::Result::Kept)
+    LogLine(Warning) << "[REC] Clock at " << clock.from << ", at least " << clock.to << ": "
+                     << ClockFloor::Describe(clock.result);
   if (disk->available) {
     system.SaveSDCardStatusCounter(0);
-    OpenCatalogue(disk);
+    OpenCatalogue();
   } else {
     LogLine(Error) << "[REC] No usable card, going on without recordings";
   }
   return true;
 }
 
-Disk* Recorder::InitDisk() {
-  Quellon::BackgroundKicks const kicks(watchdog, kLongestCheck);
-  Quellon::DiskUtils::CheckUnlessMountable();
-  return system.InitDisk();
-}
-
-// After the health report, which tells of a clock that begins anew.
-void Recorder::RaiseClock(bool hasCard) {
-  auto const outcome = clockFloor.Apply(hasCard ? kRecordings : "");
-  if (outcome.result == ClockFloor::Result::Kept) return;
-  LogLine(Warning) << "[REC] Clock at " << outcome.from << ", at least " << outcome.to << ": "
-                   << ClockFloor::Describe(outcome.result);
-}
-
 // The catalogue is loaded while recording begins: that needs but the next number.
-void Recorder::OpenCatalogue(Disk* disk) {
-  if (!Idir(kRecordings).Create()) LogLine(Error) << "[REC] No directory for recordings";
-  if (!FindLastNumber()) {
+void Recorder::OpenCatalogue() {
+  failures = 0;
+  if (!Quellon::FileUtils::Idir(kRecordings).Create() || !FindLastNumber()) {
     LogLine(Error) << "[REC] Could not read " << kRecordings;
-    GiveUpCard();
-    return;
+    return GiveUpCard();
   }
-  catalogue =
-      std::make_unique<FilesManager>(disk, kRecordings, settings.minimumFreeBytes, settings.share);
+  catalogue = std::make_unique<Quellon::FileUtils::FilesManager>(
+      system.disk, kRecordings, settings.minimumFreeBytes, settings.share);
   load = std::make_unique<BackgroundLoad>(*catalogue);
   watch = std::make_unique<Quellon::DiskUtils::CardWatch>(
-      *disk, [this](CardState::Report const& report) {
-        if (report.finding == CardState::Finding::Gone) cardWasOut = true;
-        TellOfCard(report);
-      });
+      *system.disk, [this](CardState::Report const& report) { TellOfCard(report); });
 }
 
-// A card that is put back later must not find the old one still mounted. No load may be running.
+// Called on the thread of the watch.
+void Recorder::TellOfCard(CardState::Report const& report) {
+  if (report.finding == CardState::Finding::Gone) cardWasOut = true;
+  bool const isGood = report.finding == CardState::Finding::Good;
+  LogLine(isGood ? Info : Error) << "[REC] Card: " << CardState::Describe(report.finding) << ", "
+                                 << report.errors << " errors, " << report.warnings << " warnings, "
+                                 << report.controllerErrors << " of the controller";
+}
+
+// A card that is put back later must not find the old one still mounted. One that is in use, by
+// others or by a load, is unmounted when they end; a load does not before the process.
 void Recorder::GiveUpCard() {
   watch.reset();
-  load.reset();
-  catalogue.reset();
-  system.disk->Umount();
-  LogLine(Info) << "[REC] Card released";
-}
-
-// A load has the card in use, and nothing ends it but the end of the process: with that the card is
-// unmounted, too.
-void Recorder::LeaveCard() {
-  if (!IsLoading()) return GiveUpCard();
-  watch.reset();
-  umount2(system.disk->mountPoint.c_str(), MNT_DETACH);
-  LogLine(Info) << "[REC] Card released when the process ends";
+  bool isUnmounted = false;
+  if (!IsLoading()) {
+    load.reset();
+    catalogue.reset();
+    isUnmounted = system.disk->Umount();
+  }
+  bool const isInUse = !isUnmounted && umount2(system.disk->mountPoint.c_str(), MNT_DETACH) == 0;
+  LogLine(Info) << "[REC] Card released" << (isInUse ? " when nobody uses it any more" : "");
 }
 
 // A card that failed is not tried again before it was out of its slot: each try may end in a
@@ -191,11 +183,17 @@ bool Recorder::CardIsBack() {
   return cardWasOut && answers;
 }
 
+// What somebody has done to a recording, or to the room for it, costs that one alone.
+void Recorder::RecordOrGiveUp() {
+  failures = Record() ? 0 : failures + 1;
+  if (failures >= kFailureLimit && WaitForLoad()) GiveUpCard();
+}
+
 // While the catalogue is loaded, a full card waits for it.
 bool Recorder::Record() {
   if (!watch->IsUsable()) return false;
   if (IsLoading() && HasRoomMeanwhile()) return WriteFiles();
-  return WaitForLoad() && FinishLoad() && MakeRoom() && WriteFiles();
+  return WaitForLoad() && FinishLoad() && watch->IsUsable() && MakeRoom() && WriteFiles();
 }
 
 bool Recorder::HasRoomMeanwhile() {
@@ -208,52 +206,53 @@ bool Recorder::HasRoomMeanwhile() {
 
 // False when the service is to stop before the load is over.
 bool Recorder::WaitForLoad() {
-  while (IsLoading()) {
-    if (!Pause(kLongestPause)) return false;
+  while (IsLoading() && Pause(kLongestPause)) {
   }
-  return true;
+  return !IsLoading();
 }
 
 bool Recorder::FinishLoad() {
   if (load == nullptr) return true;
   std::unique_ptr<BackgroundLoad> const over = std::move(load);
   if (!over->Finish()) {
+    failures = kFailureLimit;  // nothing would ever be deleted
     LogLine(Error) << "[REC] " << catalogue->GetError();
     return false;
-  }
-  // Somebody has deleted them meanwhile; the card is none the worse for it.
-  for (auto const& name : over->GetGone()) {
-    LogLine(Error) << "[REC] Could not write " << kRecordings << name;
   }
   LogLine(Info) << "[REC] Catalogue of " << catalogue->GetList().size() << " files, "
                 << catalogue->GetTotalFilesSize() << " bytes";
   return true;
 }
 
+// A card that lets nothing be deleted is tried with each of its files, which takes 150 ms each.
 bool Recorder::MakeRoom() {
-  std::size_t const before = catalogue->GetList().size();
+  Quellon::BackgroundKicks const kicks(watchdog, kLongestDeletion);
+  auto& files = catalogue->GetList();
+  std::vector<std::string> names;
+  for (Ifile const* file : files) names.push_back(file->name);
   if (!catalogue->MakeRoom()) {
     LogLine(Error) << "[REC] " << catalogue->GetError();
     return false;
   }
-  std::size_t const deleted = before - catalogue->GetList().size();
-  if (deleted == 0) return true;
-  LogLine(Info) << "[REC] Deleted " << deleted << " oldest recordings";
+  auto kept = files.begin();  // in the same order; what could not be deleted is not in it, either
+  std::erase_if(names, [&](std::string const& name) {
+    bool const isKept = kept != files.end() && (*kept)->name == name;
+    if (isKept) ++kept;
+    return isKept || Exists(name);
+  });
+  if (names.empty()) return true;
+  LogLine(Info) << "[REC] Deleted " << names.size() << " oldest recordings";
   RemoveOrphanedPositions();
   return true;
 }
 
 // The library never deletes positions by age; here they go with their recording.
 void Recorder::RemoveOrphanedPositions() {
-  std::set<std::string> recordings;
-  std::set<std::string> positions;
-  for (Ifile* file : catalogue->GetList()) {
-    std::string const stem = file->name.substr(0, file->name.rfind('.'));
-    (file->extension == ".gps" ? positions : recordings).insert(stem);
-  }
-  for (auto const& stem : positions) {
-    std::string name = stem + ".gps";
-    if (!recordings.contains(stem)) catalogue->RemoveFileByName(name);
+  for (Ifile* file : std::list(catalogue->GetList())) {
+    std::string_view const name = file->name;
+    bool const isOurs = name.starts_with(kPrefix) && name.ends_with(".gps");
+    bool const isOrphan = isOurs && !Exists(file->name.substr(0, name.rfind('.')) + ".dat");
+    if (isOrphan) catalogue->RemoveFileByName(file->name);
   }
 }
 
@@ -271,32 +270,44 @@ bool Recorder::WriteFiles() {
   Ifile positions(positionsPath, false);
   std::size_t bytes = 0;
   if (!WriteSteadily(recording, bytes)) return CouldNotWrite(recording);
-  std::string slice = Slice(positions);
+  std::string slice = Slice(positions, kPositionsBytes);
   positions.Open(false);
-  Write(positions, slice, kPositionsBytes);
-  if (!WriteBack(positions)) return CouldNotWrite(positions);
-  return Complete(recording, bytes) && Complete(positions, kPositionsBytes);
+  positions.Write(slice.data(), kPositionsBytes);
+  bool const hasPositions = WriteBack(positions) || CouldNotWrite(positions);
+  return Complete(recording, bytes) && hasPositions && Complete(positions, kPositionsBytes);
 }
 
 // Writes until the recording is whole, or ends it where the service is to stop. What was written is
 // brought to the card every second, so that a power cut costs no more than that.
 bool Recorder::WriteSteadily(Ifile& file, std::size_t& written) {
-  std::string slice = Slice(file);
   auto const rate = settings.bytesPerSecond;
+  std::string slice = Slice(file, rate == 0 ? kSlice : std::min(kSlice, rate / 16 + 1));
   auto const begin = steady_clock::now();
   auto safe = begin;
   file.Open(false);
   while (written < settings.recordingBytes) {
     std::chrono::microseconds const due(rate == 0 ? 0 : 1'000'000ULL * written / rate);
     if (written > 0 && !WaitUntil(begin + due)) return true;
-    Write(file, slice, settings.recordingBytes - written);
-    written += std::min(slice.size(), settings.recordingBytes - written);
+    auto const bytes = std::min(slice.size(), settings.recordingBytes - written);
+    file.Write(slice.data(), static_cast<unsigned int>(bytes));
+    if (!file.stream->good()) return false;
+    written += bytes;
     if (steady_clock::now() - safe < kLongestUnsafe) continue;
+    errno = ECANCELED;  // why is told of the card
     if (!watch->IsUsable() || !file.Sync()) return false;
     safe = steady_clock::now();  // a card may take longer than that
     KickWatchdog();
   }
   return true;
+}
+
+// What there is of it, if anything, is deleted with the oldest.
+bool Recorder::CouldNotWrite(Ifile& file) {
+  int const error = errno;
+  LogLine(Error) << "[REC] Could not write " << kRecordings << file.name << ": "
+                 << std::strerror(error);
+  AddFile(file.name);
+  return false;
 }
 
 bool Recorder::Complete(Ifile& file, std::size_t bytes) {
@@ -316,11 +327,7 @@ bool Recorder::FindLastNumber() {
   number = 0;
   std::unique_ptr<DIR, int (*)(DIR*)> const directory(opendir(kRecordings), closedir);
   if (directory == nullptr) return false;
-  auto const next = [&directory] {
-    errno = 0;
-    return readdir(directory.get());
-  };
-  while (dirent const* entry = next()) {
+  for (errno = 0; dirent const* const entry = readdir(directory.get()); errno = 0) {
     std::string_view const name = entry->d_name;
     if (!name.starts_with(kPrefix)) continue;
     long const found = std::strtol(entry->d_name + kPrefix.size(), nullptr, 10);
@@ -357,13 +364,11 @@ void Recorder::KickWatchdog() {
 }
 
 void Recorder::TellOfWatchdog() const {
-  if (watchdogState != WatchdogGuard::Result::Done) {
-    LogLine(Error) << "[REC] Watchdog: " << WatchdogGuard::Describe(watchdogState);
-    return;
-  }
-  LogLine(Info) << "[REC] Watchdog " << watchdog.GetDriver() << ", " << watchdog.GetTimeout()
-                << " s";
-  if (watchdog.IsStoppedByClose()) {
+  bool const isArmed = watchdogState == WatchdogGuard::Result::Done;
+  if (!isArmed) LogLine(Error) << "[REC] Watchdog: " << WatchdogGuard::Describe(watchdogState);
+  if (isArmed)
+    LogLine(Info) << "[REC] Watchdog " << watchdog.GetDriver() << ", " << watchdog.GetTimeout()
+                  << " s";
+  if (isArmed && watchdog.IsStoppedByClose())
     LogLine(Warning) << "[REC] The watchdog stops when the service ends";
-  }
 }

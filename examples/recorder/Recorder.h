@@ -13,12 +13,12 @@
 #include "RTC/ClockFloor.h"
 #include "Watchdog/WatchdogGuard.h"
 #include "base/ISemaphore.h"
+#include "base/UniqueFd.h"
 
 struct Settings {
   std::size_t recordingBytes = std::size_t{8} << 20;
-  std::size_t bytesPerSecond = 0;  ///< that come in; 0: as fast as the card takes them
-  std::chrono::milliseconds period{
-      60000};  ///< to the next; with a rate, from beginning to beginning
+  std::size_t bytesPerSecond = 0;       ///< that come in; 0: as fast as the card takes them
+  unsigned periodMilliseconds = 60000;  ///< to the next; with a rate, from beginning to beginning
   unsigned long long minimumFreeBytes = 128ULL << 20;
   float share = 0.8F;  ///< of the card, for recordings
   int watchdogSeconds = 90;
@@ -31,25 +31,30 @@ class Recorder {
  public:
   explicit Recorder(Settings const& chosen);
 
+  /// Whether no other process has said so here; to be asked before anything is done. Holds until
+  /// the process ends.
+  bool IsAlone();
+
   /// Records until `Stop`. Returns at once, too, when the machine is about to reboot for its card.
   /// A load that is still running then goes on until the process ends, which nothing need wait for:
   /// end it by std::quick_exit.
   void Run();
+
+  /// Whether a load is running, which may print.
+  [[nodiscard]] bool IsLoading() const { return load != nullptr && !load->IsOver(); }
 
   /// Ends `Run`. May be called from a signal handler.
   void Stop() { stop.Notify(); }
 
  private:
   bool StartCard();
-  Quellon::DiskUtils::Disk* InitDisk();
-  void RaiseClock(bool hasCard);
-  void OpenCatalogue(Quellon::DiskUtils::Disk* disk);
+  void OpenCatalogue();
+  void TellOfCard(Quellon::DiskUtils::CardState::Report const& report);
   void GiveUpCard();
-  void LeaveCard();
   bool CardIsBack();
 
+  void RecordOrGiveUp();
   bool Record();
-  [[nodiscard]] bool IsLoading() const { return load != nullptr && !load->IsOver(); }
   bool HasRoomMeanwhile();
   bool WaitForLoad();
   bool FinishLoad();
@@ -57,6 +62,7 @@ class Recorder {
   void RemoveOrphanedPositions();
   bool WriteFiles();
   bool WriteSteadily(Quellon::FileUtils::Ifile& file, std::size_t& written);
+  bool CouldNotWrite(Quellon::FileUtils::Ifile& file);
   bool Complete(Quellon::FileUtils::Ifile& file, std::size_t bytes);
   bool AddFile(std::string name);
   bool FindLastNumber();
@@ -67,6 +73,7 @@ class Recorder {
   void TellOfWatchdog() const;
 
   Settings settings;
+  Tarvik::UniqueFd lock;
   Quellon::System& system;
   Quellon::WatchdogGuard watchdog;
   Quellon::WatchdogGuard::Result watchdogState = Quellon::WatchdogGuard::Result::NotOpen;
@@ -76,6 +83,7 @@ class Recorder {
   std::unique_ptr<Quellon::DiskUtils::CardWatch> watch;      // null with the catalogue
   Quellon::RTC::ClockFloor clockFloor;
   int number = 0;
+  int failures = 0;                      // of recordings in a row
   std::atomic<bool> cardWasOut = false;  // of its slot; the watch may say so
   bool isStopping = false;
   Tarvik::Interfaces::ISemaphore stop;

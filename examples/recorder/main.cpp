@@ -1,14 +1,14 @@
 // The recorder's command line.
 #include <getopt.h>
 
-#include <array>
 #include <charconv>
-#include <chrono>
 #include <csignal>
 #include <cstdlib>
 #include <iostream>
+#include <limits>
 #include <optional>
 #include <string_view>
+#include <vector>
 
 #include "RTC/Rtc.h"
 #include "Recorder.h"
@@ -21,6 +21,9 @@ namespace {
 constexpr char const* kUsage =
     "usage: recorder [--size BYTES] [--rate BYTES-PER-SECOND] [--period MILLISECONDS]\n"
     "                [--min-free BYTES] [--share 0..1] [--watchdog SECONDS]\n";
+
+// The library cannot tell the size of a larger one, which is less than 2 GiB on 32 bits.
+constexpr std::size_t kLargestFile = std::numeric_limits<off_t>::max();
 
 Recorder* running = nullptr;
 
@@ -37,34 +40,28 @@ bool Read(std::string_view text, Number& number) {
 }
 
 bool Choose(std::string_view option, std::string_view value, Settings& settings) {
-  unsigned milliseconds = 0;
   auto& [size, rate, period, minimum, share, watchdog] = settings;
-  if (option == "size") return Read(value, size) && size > 0;
+  if (option == "size") return Read(value, size) && size > 0 && size <= kLargestFile;
   if (option == "rate") return Read(value, rate) && rate > 0;
   if (option == "min-free") return Read(value, minimum);
   if (option == "share") return Read(value, share) && share > 0 && share <= 1;
   if (option == "watchdog") return Read(value, watchdog) && watchdog > 0;
-  if (!Read(value, milliseconds) || milliseconds == 0) return false;
-  period = std::chrono::milliseconds(milliseconds);
-  return true;
+  return Read(value, period) && period > 0;
 }
 
 // False when the command line is not understood.
 bool Parse(int count, char** arguments, Settings& settings) {
-  static constexpr std::array<option, 7> kOptions = {{
-      {"size", required_argument, nullptr, 0},
-      {"rate", required_argument, nullptr, 0},
-      {"period", required_argument, nullptr, 0},
-      {"min-free", required_argument, nullptr, 0},
-      {"share", required_argument, nullptr, 0},
-      {"watchdog", required_argument, nullptr, 0},
-      {nullptr, 0, nullptr, 0},
-  }};
+  std::vector<option> options;
+  for (auto const* name : {"size", "rate", "period", "min-free", "share", "watchdog"})
+    options.push_back({name, required_argument, nullptr, 0});
+  options.push_back({});
   int index = 0;
   int choice;
-  while ((choice = getopt_long(count, arguments, "", kOptions.data(), &index)) != -1) {
-    if (choice != 0 || !Choose(kOptions[static_cast<std::size_t>(index)].name, optarg, settings))
-      return false;
+  while ((choice = getopt_long(count, arguments, "", options.data(), &index)) != -1) {
+    auto const* const name = options[static_cast<std::size_t>(index)].name;
+    if (choice == 0 && Choose(name, optarg, settings)) continue;
+    if (choice == 0) std::cerr << "recorder: " << optarg << " is no value of --" << name << "\n";
+    return false;
   }
   return optind == count;
 }
@@ -74,9 +71,8 @@ void RestoreClock() {
   Quellon::RTC::Rtc clock("/dev/rtc0");
   bool const read = clock.Load();
   clock.rtcTime.tm_isdst = -1;  // the clock does not know whether it is summer, the zone does
-  if (!read || !clock.SetSystemClock()) {
+  if (!read || !clock.SetSystemClock())
     Tarvik::Ilog::LogLine(Tarvik::Ilog::Warning) << "[REC] The clock could not be restored";
-  }
 }
 
 }  // namespace
@@ -88,12 +84,13 @@ int main(int count, char** arguments) {
     std::cerr << kUsage;
     return EXIT_FAILURE;
   }
+  static Recorder recorder(settings);  // the signal handler knows it
+  if (!recorder.IsAlone()) return EXIT_FAILURE;
   RestoreClock();
   Tarvik::Util::TemperatureMonitor::GetInstance()->Start();
-  static Recorder recorder(settings);  // the signal handler knows it
   running = &recorder;
   for (int const signal : {SIGTERM, SIGINT}) static_cast<void>(std::signal(signal, StopRunning));
   recorder.Run();
-  console.reset();
+  if (!recorder.IsLoading()) console.reset();  // a load must not print by what is gone
   std::quick_exit(EXIT_SUCCESS);  // without waiting for a catalogue that is still being loaded
 }

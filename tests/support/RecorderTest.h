@@ -39,7 +39,7 @@ class RecorderTest : public testing::Test {
     writesBack = true;
     LogFile::BeginAnew();
     settings.recordingBytes = 100;
-    settings.period = std::chrono::milliseconds(1);
+    settings.periodMilliseconds = 1;
     settings.minimumFreeBytes = 0;
     Machine::MakeFile("/dev/watchdog", "");
     Machine::MakeFile("/proc/self/mountinfo", MountOfTheCard());

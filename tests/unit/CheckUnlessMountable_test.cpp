@@ -56,8 +56,17 @@ TEST_F(CheckUnlessMountable, LeavesACardUnmountedThatCanBeMounted) {
   EXPECT_THAT(Machine::Traced("umount"), ElementsAre("umount /mnt/sdcard/"));
 }
 
-TEST_F(CheckUnlessMountable, LeavesACardAloneThatIsInUseOrWriteProtected) {
-  for (int const error : {EBUSY, EACCES, EROFS}) {
+TEST_F(CheckUnlessMountable, HasACardCheckedForEachDamageThatKernelsTell) {
+  for (int const error : {EBADMSG, EUCLEAN, EINVAL, EIO}) {
+    Machine::ForgetTrace();
+    mountError = error;
+    EXPECT_TRUE(Checks()) << error;
+  }
+}
+
+TEST_F(CheckUnlessMountable, LeavesACardAloneThatCannotBeMountedForAnotherReason) {
+  for (int const error : {EBUSY, EACCES, EROFS, ENOENT, ENOTDIR, EPERM, ENOMEM, ENODEV, ENXIO,
+                          ENOMEDIUM, EMFILE, EFBIG}) {
     mountError = error;
     EXPECT_FALSE(Checks()) << error;
     EXPECT_THAT(Machine::Traced("umount"), IsEmpty()) << error;

@@ -56,6 +56,11 @@ void ClockSays(time_t seconds) {
   hooks().now = seconds;
 }
 
+/// And so does the one that nobody sets, until time goes by.
+void SteadyClockSays(time_t seconds) {
+  hooks().monotonic = timespec{seconds, 0};
+}
+
 void MakeRecording(std::string const& name, time_t modified) {
   Machine::MakeFile(kRecordings + name, name);
   SetModificationTime(Machine::Real(kRecordings + name), modified);
@@ -81,11 +86,14 @@ class ClockFloorTest : public testing::Test {
     fs::create_directories(Machine::Real("/root/"));
     fs::create_directories(Machine::Real(kRecordings));
     ClockSays(0);
+    SteadyClockSays(1000);
     hooks().setClock = [](long seconds) {
       ClockSays(seconds);
       return Answer::Success();
     };
   }
+
+  ~ClockFloorTest() override { hooks().monotonic.reset(); }  // googletest asks it, too
 
   /// What a new floor does to a clock that says so.
   static std::string Apply(time_t now, std::string const& recordings = {}) {
@@ -222,6 +230,7 @@ TEST_F(ClockFloorApplied, BelievesRecordingsOfACardThatComesAfterTheClockWasSet)
   EXPECT_EQ(Told(clockFloor.Apply(kRecordings)), Raised(kPast + 1, kPast + 501));
   MakeRecording("anothers.dat", kPast + 900);
   ClockSays(kPast + 560);
+  SteadyClockSays(1059);
   EXPECT_EQ(Told(clockFloor.Apply(kRecordings)), Raised(kPast + 560, kPast + 901));
 }
 
@@ -233,6 +242,44 @@ TEST_F(ClockFloorApplied, BelievesWhoeverSetsTheClockBackAfterIt) {
   ClockSays(kPast + 1);
   EXPECT_EQ(Told(clockFloor.Apply(kRecordings)), Kept(kPast + 1));
   EXPECT_EQ(Apply(kPast + 2, kRecordings), Kept(kPast + 2)) << "the next start";
+}
+
+TEST_F(ClockFloorApplied, BelievesWhoeverSetsTheClockLaterAfterIt) {
+  Machine::MakeFile(kFile, Line(kPast));
+  EXPECT_EQ(Told(clockFloor.Apply()), Raised(0, kPast + 1));
+  MakeRecording("wild.dat", kPast + 2 * kYear);
+  ClockSays(kPast + kYear);
+  SteadyClockSays(1060);
+  EXPECT_EQ(Told(clockFloor.Apply(kRecordings)), Kept(kPast + kYear));
+}
+
+TEST_F(ClockFloorApplied, BelievesAtOnceWhoeverSetsTheClockEarlierAfterItThanItsFileAndRecordings) {
+  MakeRecording("wild.dat", kPast + kYear);
+  EXPECT_EQ(Told(clockFloor.Apply(kRecordings)), Raised(0, kPast + kYear + 1));
+  EXPECT_EQ(clockFloor.Save(), Result::Saved);
+  for (time_t const right : {kPast, kRelease + 1}) {
+    ClockSays(right);
+    EXPECT_EQ(Told(clockFloor.Apply(kRecordings)), Kept(right));
+  }
+  ClockSays(kRelease);
+  EXPECT_EQ(Told(clockFloor.Apply(kRecordings)), Raised(kRelease, kPast + kYear + 2)) << "not that";
+}
+
+TEST_F(ClockFloorApplied, TakesAClockThatGoesOnAsItWasSetForItsOwn) {
+  Machine::MakeFile(kFile, Line(kPast));
+  MakeRecording("newer.dat", kPast + kYear);
+  for (time_t const apart : {-3, -2, 0, 2, 3}) {
+    ClockFloor set(kFile, kRelease);
+    ClockSays(0);
+    SteadyClockSays(1000);
+    EXPECT_EQ(Told(set.Apply()), Raised(0, kPast + 1));
+    time_t const now = kPast + 1 + 86400 + apart;
+    ClockSays(now);
+    SteadyClockSays(1000 + 86400);
+    EXPECT_EQ(Told(set.Apply(kRecordings)),
+              std::abs(apart) == 3 ? Kept(now) : Raised(now, kPast + kYear + 1))
+        << apart;
+  }
 }
 
 TEST_F(ClockFloorApplied, BelievesNothingBeyondTwentyYearsAfterTheRelease) {
@@ -571,7 +618,8 @@ TEST(ClockFloorResult, HasATextForEach) {
   EXPECT_STREQ(ClockFloor::Describe(Result::NotSaved), "the time could not be saved");
 }
 
-// The day of the last release, from the changelog, unless the build was told a later time.
+// The day of the last release, from the changelog, unless the build was told a
+// later time.
 TEST(ClockFloorReleaseTime, IsThatOfTheSourcesAndNotOfTheBuild) {
   using namespace std::chrono;
   int date[3] = {};
@@ -582,7 +630,8 @@ TEST(ClockFloorReleaseTime, IsThatOfTheSourcesAndNotOfTheBuild) {
   EXPECT_EQ(ClockFloor::ReleaseTime(), std::max(released, told));
 }
 
-/// A lost clock that is set and saved; with a file to be believed, and a recording that is newer.
+/// A lost clock that is set and saved; with a file to be believed, and a
+/// recording that is newer.
 class Floor {
  public:
   Floor() {
@@ -610,7 +659,8 @@ std::string FloorOutcome(time_t to, Result saved, time_t inFile) {
   return Raised(42, to) + "; " + ClockFloor::Describe(saved) + "; " + Line(inFile);
 }
 
-// What cannot be looked at does not count; what cannot be saved leaves the old file.
+// What cannot be looked at does not count; what cannot be saved leaves the old
+// file.
 TEST(ClockFloorWithEveryCallFailing, IsWhatCanBeSeenAndLeavesAFileThatIsWhole) {
   time_t const raised = kPast + 101;
   std::string const undisturbed = FloorOutcome(raised, Result::Saved, raised);

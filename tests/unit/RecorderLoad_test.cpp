@@ -77,7 +77,7 @@ TEST_F(RecorderLoad, AFullCardWaitsForTheCatalogueAndNothingIsDeletedMeanwhile) 
 TEST_F(RecorderLoad, AFullCardWaitsNoLongerThanForTheCatalogue) {
   MakeRecordings(3);
   freeBlocks = 0;
-  settings.period = 1h;
+  settings.periodMilliseconds = 3'600'000;
   StartRecorder();
   load.Await();
   ASSERT_TRUE(ComesTrue([this] { return measured > 0; }));
@@ -95,7 +95,8 @@ TEST_F(RecorderLoad, ACardThatCannotBeMeasuredWaitsForTheCatalogue) {
   EXPECT_THAT(LinesWith("[REC] Card released"), IsEmpty());
   load.LetGo();
   EXPECT_TRUE(Logs("[REC] Card released"));
-  EXPECT_THAT(LinesWith("stat error"), ElementsAre("[ERROR][REC] Get space stat error"));
+  EXPECT_THAT(LinesWith("stat error"), ElementsAre("[ERROR][REC] Get space stat error",
+                                                   "[ERROR][REC] Get space stat error"));
 }
 
 TEST_F(RecorderLoad, ACatalogueThatCannotBeLoadedGivesTheCardUp) {
@@ -134,14 +135,18 @@ TEST_F(RecorderLoad, ACardThatFailsMeanwhileIsGivenUpWhenTheLoadIsOver) {
   EXPECT_THAT(LinesWith("[REC] Catalogue"), IsEmpty());
 }
 
-TEST_F(RecorderLoad, PositionsThatCannotBeWrittenBackAreAFailure) {
+TEST_F(RecorderLoad, PositionsThatCannotBeWrittenBackAreAFailureButTheirRecordingIsKept) {
   writesBack = false;
   load.LetGo();
   StartRecorder();
   EXPECT_TRUE(Logs("[REC] Card released"));
   EXPECT_THAT(LinesWith("Could not write"),
-              ElementsAre("[ERROR][REC] Could not write /mnt/sdcard/cr/rec_000001.gps"));
-  EXPECT_THAT(LinesWith("[REC] Recorded"), IsEmpty());
+              ElementsAre("[ERROR][REC] Could not write /mnt/sdcard/cr/rec_000001.gps: "
+                          "Input/output error",
+                          "[ERROR][REC] Could not write /mnt/sdcard/cr/rec_000002.gps: "
+                          "Input/output error"));
+  EXPECT_THAT(LinesWith("[REC] Recorded"), ElementsAre("[REC] Recorded rec_000001.dat 100 bytes",
+                                                       "[REC] Recorded rec_000002.dat 100 bytes"));
   EndRecorder();
   writesBack = true;
 }
@@ -172,12 +177,12 @@ TEST_F(RecorderLoad, StoppingDoesNotWaitForTheLoadWhereACardThatFailedDoes) {
   isWritable = false;
   StartRecorder();
   load.Await();
-  ASSERT_TRUE(Logs("[REC] Could not write"));
+  ASSERT_TRUE(Logs("[REC] Could not write /mnt/sdcard/cr/rec_000002.dat"));
   StopRecorder();
   EXPECT_TRUE(load.IsHeld());
   EXPECT_THAT(Machine::Traced("umount2"),
               ElementsAre("umount2 /mnt/sdcard/ " + std::to_string(MNT_DETACH)));
-  EXPECT_THAT(LinesWith("Could not write"), SizeIs(1));
+  EXPECT_THAT(LinesWith("Could not write"), SizeIs(2));
   EXPECT_THAT(LinesWith("[REC] ").back(), "[REC] Stopped");
 }
 
@@ -194,6 +199,44 @@ TEST_F(RecorderLoad, WhileAFullCardWaitsTheWatchdogIsKickedButNotForALoadThatHan
   // By the service alone; the first kick is that of the opening.
   EXPECT_EQ(kicks, 1 + 1800 / 22);
   EXPECT_THAT(LinesWith("[REC] Watchdog"), ElementsAre("[REC] Watchdog , 90 s"));
+}
+
+TEST_F(RecorderLoad, ACardThatTurnsReadOnlyWhileAFullOneWaitsIsNotTriedForRoom) {
+  hasOthers = true;
+  MakeRecordings(3);
+  freeBlocks = 0;
+  StartRecorder();
+  load.Await();
+  Machine::MakeFile("/sys/class/block/mmcblk1p1/ro", "1\n");
+  ASSERT_TRUE(Logs("[REC] Card: the card is read-only"));
+  load.LetGo();
+  EXPECT_TRUE(Logs("[REC] Card released"));
+  EXPECT_THAT(Machine::Traced("unlink /mnt/sdcard/cr/"), IsEmpty());
+}
+
+TEST_F(RecorderLoad, ACardThatOthersUseIsDetachedAndSaysSo) {
+  hooks().umount = [](auto&&) { return Machine::Answer::Failure(EBUSY); };
+  hooks().umount2 = [](auto&&, int flags) {
+    return flags == MNT_DETACH ? Machine::Answer::Success() : Machine::Answer::Failure(EBUSY);
+  };
+  load.LetGo();
+  StartRecorder();
+  ASSERT_TRUE(Logs("[REC] Catalogue"));
+  StopRecorder();
+  EXPECT_THAT(LinesWith("[REC] Card"),
+              ElementsAre("[REC] Card released when nobody uses it any more"));
+  EXPECT_EQ(Machine::Traced("umount2").back(),
+            "umount2 /mnt/sdcard/ " + std::to_string(MNT_DETACH));
+}
+
+TEST_F(RecorderLoad, ACardThatSomebodyHasUnmountedIsReleased) {
+  hooks().umount = [](auto&&) { return Machine::Answer::Failure(EINVAL); };
+  hooks().umount2 = [](auto&&, int) { return Machine::Answer::Failure(EINVAL); };
+  load.LetGo();
+  StartRecorder();
+  ASSERT_TRUE(Logs("[REC] Catalogue"));
+  StopRecorder();
+  EXPECT_THAT(LinesWith("[REC] Card"), ElementsAre("[REC] Card released"));
 }
 
 TEST_F(RecorderLoad, StoppingUnmountsOnceTheLoadIsOver) {

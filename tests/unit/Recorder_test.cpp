@@ -8,8 +8,12 @@
 #include <chrono>
 #include <cstring>
 #include <filesystem>
+#include <functional>
+#include <optional>
 #include <string>
+#include <utility>
 
+#include "tests/support/ModificationTime.h"
 #include "tests/support/RecorderTest.h"
 
 namespace {
@@ -19,6 +23,7 @@ using Machine::hooks;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
+using testing::SizeIs;
 
 constexpr std::size_t kSlice = 64 << 10;
 
@@ -29,7 +34,7 @@ class Recorder : public RecorderTest {
     load.LetGo();
     settings.recordingBytes = 8 * kSlice;
     settings.bytesPerSecond = 2 * kSlice;
-    settings.period = 1h;
+    settings.periodMilliseconds = 3'600'000;
     hooks().steady = [this] { return now.load(); };
     duringPause = [this](timespec const& deadline) {
       if (isHeld) return;
@@ -60,7 +65,16 @@ TEST_F(Recorder, BringsWhatItWritesToTheCardEachSecond) {
   ASSERT_TRUE(Logs("Recorded rec_000001.gps"));
   StopRecorder();
   EXPECT_EQ(Written(), 8 * kSlice);
-  // A file and its folder each time: after 1, 2 and 3 s, and where both files are complete.
+  // A file and its folder each time: four times in 4 s, and where both files are complete.
+  EXPECT_EQ(syncs, 2 * (4 + 2));
+}
+
+TEST_F(Recorder, BringsWhatComesInSlowlyToTheCardEachSecondToo) {
+  settings.bytesPerSecond = 1000;
+  settings.recordingBytes = 3000;
+  StartRecorder();
+  ASSERT_TRUE(Logs("Recorded rec_000001.gps"));
+  StopRecorder();
   EXPECT_EQ(syncs, 2 * (3 + 2));
 }
 
@@ -73,7 +87,7 @@ TEST_F(Recorder, WritesOnThoughACardTakesLongerThanASecondToBeSafe) {
   StartRecorder();
   ASSERT_TRUE(Logs("Recorded rec_000001.gps"));
   StopRecorder();
-  EXPECT_LE(syncs, 2 * (3 + 2));
+  EXPECT_LE(syncs, 2 * (4 + 2));
 }
 
 TEST_F(Recorder, BeginsARecordingThatIsStoppedAtOnceWithWhatThereIs) {
@@ -84,7 +98,7 @@ TEST_F(Recorder, BeginsARecordingThatIsStoppedAtOnceWithWhatThereIs) {
   EXPECT_GE(Written(), kSlice);
 }
 
-TEST_F(Recorder, TakesACardBackThatWasSwappedBetweenTwoLooks) {
+TEST_F(Recorder, TakesACardBackThatWasSwappedBetweenTwoLooksAndGivesItTwoTries) {
   hasOthers = true;
   Machine::MakeFile(FakeCard::kPartition, std::string(4096, ' '));
   std::atomic<bool> isGone = false;
@@ -92,12 +106,17 @@ TEST_F(Recorder, TakesACardBackThatWasSwappedBetweenTwoLooks) {
     if (call.function != "pread" || !isGone) return {};
     return ENODEV;
   };
+  duringPause = [this, &isGone](timespec const& deadline) {
+    now = std::chrono::seconds(deadline.tv_sec) + std::chrono::nanoseconds(deadline.tv_nsec);
+    Machine::RemoveFile("/mnt/sdcard/cr/rec_000002.dat");
+    if (isGone && !LinesWith("[REC] Card released").empty()) isGone = false;
+  };
   StartRecorder();
   ASSERT_TRUE(Logs("Recorded rec_000001.gps"));
   isGone = true;  // while the partition can be read: another card is there by now
-  ASSERT_TRUE(Logs("[REC] Card released"));
-  isGone = false;
   ASSERT_TRUE(ComesTrue([] { return LinesWith("[REC] Health").size() > 1; }));
+  ASSERT_TRUE(Logs("Recorded rec_000003.gps"));
+  EXPECT_THAT(LinesWith("[REC] Card released"), SizeIs(1));
   StopRecorder();
 }
 
@@ -113,15 +132,104 @@ TEST_F(Recorder, EndsARecordingWhereItIsStopped) {
   EXPECT_LT(Written(), 8 * kSlice);
 }
 
-TEST_F(Recorder, GivesACardUpThatFailsInTheMiddleOfARecording) {
+TEST_F(Recorder, GivesACardUpThatFailsInTheMiddleOfTwoRecordingsInARow) {
   hooks().fsync = [](int) -> std::optional<Machine::Answer> {
     return Machine::Answer::Failure(EIO);
   };
   StartRecorder();
   ASSERT_TRUE(Logs("[REC] Card released"));
-  EXPECT_THAT(LinesWith("Could not write"),
-              ElementsAre("[ERROR][REC] Could not write /mnt/sdcard/cr/rec_000001.dat"));
+  EXPECT_THAT(
+      LinesWith("Could not write"),
+      ElementsAre("[ERROR][REC] Could not write /mnt/sdcard/cr/rec_000001.dat: Input/output "
+                  "error",
+                  "[ERROR][REC] Could not write /mnt/sdcard/cr/rec_000002.dat: Input/output "
+                  "error"));
   EXPECT_LT(Written(), 8 * kSlice);
+}
+
+TEST_F(Recorder, GoesOnWhereSomebodyDeletesEverySecondRecordingWhileItIsWritten) {
+  settings.periodMilliseconds = 1;
+  duringPause = [this](timespec const& deadline) {
+    now = std::chrono::seconds(deadline.tv_sec) + std::chrono::nanoseconds(deadline.tv_nsec);
+    for (auto const* name : {"rec_000001.dat", "rec_000003.dat"}) {
+      Machine::RemoveFile(kRecordings + std::string(name));
+    }
+  };
+  StartRecorder();
+  ASSERT_TRUE(Logs("Recorded rec_000004.gps"));
+  StopRecorder();
+  EXPECT_THAT(
+      LinesWith("[ERROR]"),
+      ElementsAre("[ERROR][REC] Could not write /mnt/sdcard/cr/rec_000001.dat: No such file "
+                  "or directory",
+                  "[ERROR][REC] Could not write /mnt/sdcard/cr/rec_000003.dat: No such file "
+                  "or directory"));
+}
+
+TEST_F(Recorder, TellsWhyARecordingCannotBeWritten) {
+  hooks().writev = [](int fd, iovec const*, int) -> std::optional<ssize_t> {
+    auto const path = Machine::DevicePath(fd);
+    if (!path || !path->ends_with("rec_000001.dat")) return std::nullopt;
+    errno = ENOSPC;
+    return -1;
+  };
+  settings.periodMilliseconds = 1;
+  StartRecorder();
+  ASSERT_TRUE(Logs("Recorded rec_000002.gps"));
+  StopRecorder();
+  EXPECT_THAT(LinesWith("Could not write"),
+              ElementsAre("[ERROR][REC] Could not write /mnt/sdcard/cr/rec_000001.dat: No space "
+                          "left on device"));
+}
+
+TEST_F(Recorder, TellsWhyPositionsCannotBeWritten) {
+  hooks().writev = [](int fd, iovec const*, int) -> std::optional<ssize_t> {
+    auto const path = Machine::DevicePath(fd);
+    if (!path || !path->ends_with("rec_000001.gps")) return std::nullopt;
+    errno = ENOSPC;
+    return -1;
+  };
+  hooks().fsync = [](int) -> std::optional<Machine::Answer> {
+    errno = EAGAIN;  // which says nothing after a success
+    return std::nullopt;
+  };
+  StartRecorder();
+  ASSERT_TRUE(Logs("Recorded rec_000001.dat"));
+  StopRecorder();
+  EXPECT_THAT(LinesWith("Could not write"),
+              ElementsAre("[ERROR][REC] Could not write /mnt/sdcard/cr/rec_000001.gps: No space "
+                          "left on device"));
+}
+
+TEST_F(Recorder, EndsARecordingAtOnceOnACardThatIsLostMeanwhile) {
+  hasOthers = true;
+  duringPause = [this](timespec const& deadline) {
+    now = std::chrono::seconds(deadline.tv_sec) + std::chrono::nanoseconds(deadline.tv_nsec);
+    if (Written() < kSlice || Written() > 3 * kSlice) return;
+    Machine::MakeFile("/sys/class/block/mmcblk1p1/ro", "1\n");
+    EXPECT_TRUE(Logs("[REC] Card: the card is read-only"));
+  };
+  StartRecorder();
+  ASSERT_TRUE(Logs("[REC] Card released"));
+  EXPECT_THAT(LinesWith("Could not write"),
+              ElementsAre("[ERROR][REC] Could not write /mnt/sdcard/cr/rec_000001.dat: Operation "
+                          "canceled"));
+  EXPECT_LT(Written(), 8 * kSlice);
+}
+
+TEST_F(Recorder, DeletesWithTheOldestWhatThereIsOfARecordingThatFailed) {
+  hooks().fsync = [this](int fd) -> std::optional<Machine::Answer> {
+    if (Machine::DevicePath(fd) != "/mnt/sdcard/cr/rec_000001.dat") return std::nullopt;
+    freeBlocks = 0;
+    return Machine::Answer::Failure(EIO);
+  };
+  settings.periodMilliseconds = 1;
+  StartRecorder();
+  ASSERT_TRUE(Logs("Recorded rec_000002.gps"));
+  StopRecorder();
+  EXPECT_THAT(Machine::Traced("unlink /mnt/sdcard/cr/"),
+              ElementsAre("unlink /mnt/sdcard/cr/rec_000001.dat"));
+  EXPECT_THAT(LinesWith("Deleted"), ElementsAre("[REC] Deleted 1 oldest recordings"));
 }
 
 TEST_F(Recorder, RecordsWithoutAPauseWhatHasNoRate) {
@@ -153,6 +261,71 @@ TEST_F(Recorder, ReleasesACardThatIsLostBetweenTwoRecordings) {
       LinesWith("[REC] Card:"),
       ElementsAre("[ERROR][REC] Card: the card is read-only, 0 errors, 0 warnings, 0 of the "
                   "controller"));
+}
+
+TEST_F(Recorder, IsNotAloneWhileAnotherOneIsRunning) {
+  Machine::MakeFile("/root/system.dat", "");
+  {
+    ::Recorder first(settings);
+    ::Recorder second(settings);
+    EXPECT_TRUE(first.IsAlone());
+    EXPECT_FALSE(second.IsAlone());
+  }
+  EXPECT_TRUE(::Recorder(settings).IsAlone());
+  EXPECT_THAT(LinesWith("[REC]"), ElementsAre("[ERROR][REC] Another recorder is running"));
+}
+
+TEST_F(Recorder, IsAloneWhereNothingCanBeLocked) {
+  EXPECT_TRUE(::Recorder(settings).IsAlone());
+  EXPECT_THAT(LinesWith("[REC]"), IsEmpty());
+}
+
+class RecorderOfAFullCard : public Recorder {
+ protected:
+  RecorderOfAFullCard() {
+    MakeRecordings(3);
+    SetModificationTime(Machine::Real("/mnt/sdcard/cr/rec_000001.dat"), 1'600'000'000);
+    freeBlocks = 0;
+  }
+
+  /// What becomes of a recording that is to be deleted; the others leave their room.
+  void OnUnlink(std::string const& name, std::function<void()> const& happens, int error) {
+    hooks().unlink = [=, this](std::string const& path) -> std::optional<Machine::Answer> {
+      if (path == kRecordings + name) {
+        happens();
+        return Machine::Answer::Failure(error);
+      }
+      if (path.ends_with(".dat")) freeBlocks += kEnough;
+      return std::nullopt;
+    };
+  }
+};
+
+TEST_F(RecorderOfAFullCard, KeepsThePositionsOfWhatCannotBeDeletedAndDoesNotCountIt) {
+  OnUnlink(
+      "rec_000001.dat", [] {}, EPERM);
+  Machine::MakeFile("/mnt/sdcard/cr/theirs.gps", "somebody's");
+  StartRecorder();
+  ASSERT_TRUE(Logs("Recorded rec_000004.gps"));
+  StopRecorder();
+  EXPECT_TRUE(std::filesystem::exists(Machine::Real("/mnt/sdcard/cr/rec_000001.gps")));
+  EXPECT_FALSE(std::filesystem::exists(Machine::Real("/mnt/sdcard/cr/rec_000002.gps")));
+  EXPECT_TRUE(std::filesystem::exists(Machine::Real("/mnt/sdcard/cr/theirs.gps")));
+  EXPECT_THAT(LinesWith("Deleted"), ElementsAre("[REC] Deleted 2 oldest recordings"));
+}
+
+TEST_F(RecorderOfAFullCard, IsKickedForWhileItIsTriedForRoom) {
+  hasOthers = true;
+  std::atomic<int> kicked = 0;
+  auto const waits = [this, &kicked] {
+    int const before = kicks;
+    if (ComesTrue([this, before] { return kicks > before + 2; })) ++kicked;
+  };
+  OnUnlink("rec_000001.dat", waits, EROFS);
+  StartRecorder();
+  ASSERT_TRUE(Logs("Recorded rec_000004.gps"));
+  StopRecorder();
+  EXPECT_EQ(kicked, 3);
 }
 
 class RecorderWatchdog : public Recorder {
@@ -187,6 +360,36 @@ TEST_F(RecorderWatchdog, ThatEndsWithTheServiceIsWarnedOf) {
   EXPECT_THAT(LinesWith("atchdog"),
               ElementsAre("[REC] Watchdog tester, 90 s",
                           "[WARNING][REC] The watchdog stops when the service ends"));
+}
+
+TEST_F(RecorderWatchdog, IsKickedWhileTheCardIsLookedThrough) {
+  hasOthers = true;
+  std::atomic<int> kicked = 0;
+  auto const waits = [this, &kicked] {
+    int const before = kicks;
+    if (ComesTrue([this, before] { return kicks > before + 2; })) ++kicked;
+  };
+  MakeRecordings(1);
+  hooks().ioctl = [this](unsigned long request, void* argument) {
+    if (request == WDIOC_GETTIMEOUT) *static_cast<int*>(argument) = 90;
+    if (request == WDIOC_KEEPALIVE) ++kicks;
+    return Machine::Answer::Success();
+  };
+  hooks().fault =
+      [=, isFirst = true](Machine::Call const& call) mutable -> std::optional<Machine::Failure> {
+    if (!isService || call.subject.find("/cr") == std::string::npos) return {};
+    if (call.function == "lstat" && call.subject.ends_with("rec_000001.dat")) waits();
+    if (call.function == "readdir" && LogFile::Text().find("[REC] Clock") != std::string::npos &&
+        std::exchange(isFirst, false))
+      waits();
+    return {};
+  };
+  hooks().now = 0;  // so that the times of the recordings are asked for
+  hooks().setClock = [](long) { return Machine::Answer::Success(); };
+  StartRecorder();
+  ASSERT_TRUE(Logs("Recorded rec_000002.gps"));
+  StopRecorder();
+  EXPECT_EQ(kicked, 2);
 }
 
 TEST_F(RecorderWatchdog, ThatComesLaterIsOpenedThen) {
