@@ -37,6 +37,7 @@ using Quellon::DiskUtils::CardContents;
 using Preparation = Quellon::DiskUtils::CardPreparation;
 using Permission = Preparation::Permission;
 using Result = Preparation::Result;
+using testing::AnyOf;
 using testing::ElementsAre;
 using testing::ElementsAreArray;
 using testing::HasSubstr;
@@ -70,6 +71,7 @@ class Slot {
   Slot() {
     Machine::MakeFile(kCard, "");
     SetProperty("device/preferred_erase_size", "4194304");
+    SetProperty("device/cid", "275048534433324760e0e7f40f012a01");
     SetProperty("ro", "0");
     SetSize(32 * kGibibyte);
     std::filesystem::create_directories(Machine::Real("/mnt/sdcard/"));
@@ -348,14 +350,47 @@ TEST_F(CardPreparation, FormatsNoOtherCardThatIsPutInMeanwhile) {
     bool const hasOnePartition = other.description.find(',') == std::string::npos;
     bool const isAlike = other.description.starts_with("MBR") && hasOnePartition;
     if (isAlike && !other.mayHoldRecordings) continue;  // it has nothing to lose
+    Slot::SetProperty("device/cid", "275048534433324760e0e7f40f012a01");
     slot.partitioned = [&] {
       Slot::Clear();
       Slot::Put(other.pieces);
+      Slot::SetProperty("device/cid", "035344534c33324780a1b2c3d4012100");
     };
-    EXPECT_EQ(Prepare(), Result::NotPartitioned) << other.name;
+    EXPECT_THAT(Prepare(), AnyOf(Result::NotPartitioned, Result::Exchanged)) << other.name;
     EXPECT_THAT(Machine::Traced("system mkfs"), IsEmpty());
     Slot::Clear();
   }
+}
+
+// Whoever is told of a step may ask somebody who takes his time. Nothing is done to another card,
+// be it one without recordings.
+TEST_F(CardPreparation, EndsWhenTheCardIsExchangedWhileSomebodyIsTold) {
+  Texts const commands = {Sfdisk(4), Mkfs("-J size=64 ")};
+  for (int step = 1; step < 4; ++step) {
+    for (bool const isPulled : {false, true}) {
+      Machine::ForgetTrace();
+      Slot::SetProperty("device/cid", "275048534433324760e0e7f40f012a01");
+      Result result{};
+      Capture::AllOutput([&] {
+        result = Preparation::Prepare(Permission::EraseRecordings, [&](std::string const& name) {
+          if (name != kSteps[static_cast<std::size_t>(step)]) return;
+          Slot::SetProperty("device/cid", "035344534c33324780a1b2c3d4012100");
+          if (isPulled) Machine::RemoveFile("/sys/block/mmcblk1/device/cid");
+        });
+      });
+      EXPECT_STREQ(Preparation::Describe(result), "the card was pulled or exchanged") << step;
+      EXPECT_THAT(Machine::Trace(),
+                  ElementsAreArray(commands.begin(), commands.begin() + step - 1));
+    }
+  }
+}
+
+TEST_F(CardPreparation, TakesRemainsOfWhatItMayEraseForNothing) {
+  auto const remains = Found::Together(Found::Copy(2048 * 4, 0, 1), Found::Copy(2048, 0, 1));
+  Slot::Put(remains);
+  EXPECT_EQ(Prepare(), Result::MayHoldRecordings);
+  slot.partitioned = [&] { Slot::Put(remains); };
+  EXPECT_EQ(Prepare(Permission::EraseRecordings), Result::Done);
 }
 
 struct Fault {
@@ -383,11 +418,12 @@ TEST_P(CardPreparationFails, WithTheFirstCommandThatFailsAndMayBeTriedAgain) {
 
 INSTANTIATE_TEST_SUITE_P(AtAnyStep, CardPreparationFails,
                          testing::Values(Fault{"echo", 1, Result::NotPartitioned, 2},
-                                         Fault{"echo", 127, Result::NotPartitioned, 2},
+                                         Fault{"echo", 127, Result::CommandMissing, 2},
                                          Fault{"mkfs", 1, Result::NotFormatted, 3},
-                                         Fault{"mkfs", 127, Result::NotFormatted, 3},
+                                         Fault{"mkfs", 127, Result::CommandMissing, 3},
                                          Fault{"fsck", 1, Result::CheckFailed, 4},
                                          Fault{"fsck", 8, Result::CheckFailed, 4},
+                                         Fault{"fsck", 127, Result::CommandMissing, 4},
                                          Fault{"mount", 32, Result::NotKept, 4}));
 
 TEST_F(CardPreparation, FailsWithACommandThatASignalEnded) {
@@ -453,6 +489,8 @@ TEST_F(CardPreparation, HasATextForEachResult) {
   EXPECT_STREQ(Preparation::Describe(Result::CheckFailed), "the check of the file system failed");
   EXPECT_STREQ(Preparation::Describe(Result::NotKept), "the card does not keep what is written");
   EXPECT_STREQ(Preparation::Describe(Result::Failed), "the card cannot be opened");
+  EXPECT_STREQ(Preparation::Describe(Result::Exchanged), "the card was pulled or exchanged");
+  EXPECT_STREQ(Preparation::Describe(Result::CommandMissing), "a command is missing");
 }
 
 /// A card of FAT that is prepared.
@@ -471,9 +509,9 @@ class Preparing {
   std::string outcome;
 };
 
-// A card that cannot be read may hold recordings. One that was partitioned is read until that is
-// seen; one whose file system is not seen counts as not partitioned. What comes after the test does
-// not matter.
+// A card that cannot be read may hold recordings. One that was partitioned is read, also where an
+// ext may have begun, until that is seen; one whose file system is not seen counts as not
+// partitioned. What comes after the test does not matter.
 TEST(CardPreparationWithEveryCallFailing, TellsTheStepAtWhichItEnded) {
   auto const text = [](Result result) { return std::string(Preparation::Describe(result)); };
   FaultTable::Try<Preparing>("done", {{"open *: EINTR", kNoHarm},
@@ -485,12 +523,21 @@ TEST(CardPreparationWithEveryCallFailing, TellsTheStepAtWhichItEnded) {
                                       {"open /dev/mmcblk1 (1): ENXIO", text(Result::Missing)},
                                       {"open /dev/mmcblk1 (1): *", text(Result::Failed)},
                                       {"pread64 * ([1-3]): *", text(Result::MayHoldRecordings)},
+                                      {"access /sys/*/cid *", text(Result::Exchanged)},
+                                      {"fopen /sys/*/cid *", text(Result::Exchanged)},
+                                      {"read /sys/*/cid *: EINTR", kNoHarm},
+                                      {"read /sys/*/cid *: short", kNoHarm},
+                                      {"read /sys/*/cid *", text(Result::Exchanged)},
+                                      {"system echo *: exit 127", text(Result::CommandMissing)},
+                                      {"system mkfs* *: exit 127", text(Result::CommandMissing)},
+                                      {"system fsck *: exit 127", text(Result::CommandMissing)},
                                       {"system echo *", text(Result::NotPartitioned)},
                                       {"open /dev/mmcblk1p1 *", kNoHarm},
                                       {"system mkfs.ext4 *", text(Result::NotFormatted)},
                                       {"open /dev/mmcblk1 (2): *", kNoHarm},
                                       {"open /dev/mmcblk1 (3): *", text(Result::NotPartitioned)},
-                                      {"pread64 * ([4-7]): *", kNoHarm},
+                                      {"pread64 * ([4-9]): *", kNoHarm},
+                                      {"pread64 * (1[0-8]): *", kNoHarm},
                                       {"pread64 *", text(Result::NotPartitioned)},
                                       {"mount *", text(Result::NotMounted)},
                                       {"writev *: EINTR", kNoHarm},
