@@ -89,7 +89,7 @@ TEST_F(Technician, FindsAWriteProtectedCard) {
 }
 
 TEST_F(Technician, FindsANewCard) {
-  RunQuietly("dd if=/dev/urandom bs=1M count=8 conv=notrunc of=" + card.ImagePath());
+  RunQuietly("dd if=/dev/zero bs=1M count=64 conv=notrunc of=" + card.ImagePath());
   card.Insert();
   ExpectWrong({"card"}, "the card holds no ext4");
 }
