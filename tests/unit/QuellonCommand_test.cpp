@@ -788,6 +788,19 @@ TEST_F(QuellonCommand, ShowsTheLastLinesOfTheLog) {
             "[2023-11-14 00:00:04][WARNING]four\n" + writer);
 }
 
+TEST_F(QuellonCommand, TellsWhyTheLogCannotBeRead) {
+  for (int const error : {ENOENT, EACCES}) {
+    hooks().fault = [error](Call const& call) -> std::optional<Machine::Failure> {
+      bool const isLog = call.function == "open" && call.subject == "/var/log/quellon.log";
+      return isLog ? std::optional<Machine::Failure>(error) : std::nullopt;
+    };
+    ToolRun const run({"log"});
+    EXPECT_EQ(run.Shows("wrong", "there is no log"), error == ENOENT) << run.output;
+    EXPECT_EQ(run.Shows("not read", "/var/log/quellon.log: Permission denied"), error == EACCES);
+    EXPECT_EQ(run.status, error == ENOENT ? Wrong : Unknown);
+  }
+}
+
 TEST_F(QuellonCommand, ShowsTwentyLinesUnlessTold) {
   std::string text;
   for (int i = 1; i <= 30; ++i) text += "line " + std::to_string(i) + "\n";

@@ -114,6 +114,13 @@ TEST_F(TechnicianKicks, AreForAWatchdogOfWhichTheKernelTellsNothing) {
       << run.output;
 }
 
+TEST_F(TechnicianKicks, ComeWithinAMinuteWhereTheKernelTellsNoTimeout) {
+  FakeDevice::SetWatchdog("timeout", "0");
+  Check(2);
+  EXPECT_GE(kicksInTime, 2);
+  EXPECT_EQ(timeout, 60);
+}
+
 // What takes longer hangs, and is the watchdog's to end.
 TEST_F(TechnicianKicks, EndAfterTwoHours) {
   using std::chrono::nanoseconds;

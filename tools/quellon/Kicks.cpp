@@ -15,8 +15,9 @@ KicksMeanwhile::KicksMeanwhile() {
   std::string const properties = kWatchdogProperties;
   bool const mayBeArmed = ReadLine(properties + "state").value_or("active") == "active";
   if (!mayBeArmed || !WatchdogHolders().found.empty()) return;
-  auto const timeout = ReadNumber(properties + "timeout").value_or(kUsualTimeout);
-  if (guard.Open(static_cast<int>(timeout)) == WatchdogGuard::Result::Done) GoOn();
+  auto const told = static_cast<int>(ReadNumber(properties + "timeout").value_or(0));
+  int const timeout = told > 0 ? told : kUsualTimeout;
+  if (guard.Open(timeout) == WatchdogGuard::Result::Done) GoOn();
 }
 
 KicksMeanwhile::~KicksMeanwhile() {
