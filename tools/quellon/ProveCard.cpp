@@ -177,7 +177,8 @@ Status ProveCard(Arguments arguments) {
   AddFindings(report, outcome.proof);
   AddVerdict(report, outcome);
   if (!mounted.Unmount()) {
-    report.Complain(std::string("the card is still mounted: ") + std::strerror(errno),
+    int const error = errno;
+    report.Complain(std::string("the card is still mounted: ") + std::strerror(error),
                     "umount /mnt/sdcard");
   }
   report.Tell("mounted", MountedCard() ? "yes" : "no");
