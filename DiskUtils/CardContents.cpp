@@ -23,7 +23,7 @@ using Kind = CardContents::Kind;
 using Table = CardContents::Table;
 using Bytes = std::span<unsigned char const>;
 
-constexpr std::size_t kTableSectorBytes = 512;
+constexpr int kTableSectorBytes = 512;
 using TableSector = std::array<unsigned char, kTableSectorBytes>;
 using Beginning = std::array<unsigned char, 4096>;  // all signatures lie within
 
@@ -41,13 +41,13 @@ bool HasText(Bytes bytes, std::size_t place, std::string_view text) {
 
 class Device {
  public:
-  explicit Device(int descriptor) : fd(descriptor) {}
+  explicit Device(int descriptor) : fd(descriptor) { ioctl(fd, BLKSSZGET, &sectorBytes); }
 
   // How many bytes there are; the rest of `into` stays as it is.
   std::size_t Read(std::uint64_t sector, std::uint64_t offset, std::span<unsigned char> into) {
-    constexpr std::uint64_t kLast = std::numeric_limits<off64_t>::max() / kTableSectorBytes / 2;
-    if (sector > kLast) return 0;
-    auto const place = static_cast<off64_t>(sector * kTableSectorBytes + offset);
+    auto const length = static_cast<std::uint64_t>(sectorBytes);
+    if (sector > std::numeric_limits<off64_t>::max() / length / 2) return 0;
+    auto const place = static_cast<off64_t>(sector * length + offset);
     std::size_t done = 0;
     while (done < into.size()) {
       ssize_t const found = Tarvik::RestartWhileInterrupted([&] {
@@ -64,6 +64,7 @@ class Device {
 
  private:
   int fd;
+  int sectorBytes = kTableSectorBytes;  // of what tables count in; a file has those of most cards
 };
 
 // Places in the superblock of ext, from the beginning of the file system.
@@ -72,6 +73,8 @@ constexpr std::size_t kMountTime = kSuperblock + 44;
 constexpr std::size_t kMountCount = kSuperblock + 52;
 constexpr std::size_t kMagic = kSuperblock + 56;
 constexpr std::size_t kLastMounted = kSuperblock + 136;
+constexpr std::size_t kBlockShift = 24;  // in a copy, as is the next
+constexpr std::size_t kGroup = 90;
 constexpr std::uint64_t kExtMagic = 0xEF53;
 
 // A mount writes its time and count to the card before anything else, and past the journal.
@@ -99,10 +102,49 @@ Kind KindOf(Bytes bytes) {
   return isUniform ? Kind::Nothing : Kind::Unknown;
 }
 
-Kind KindAt(Device& device, std::uint64_t sector) {
+Kind KindAt(Device& device, std::uint64_t sector, std::uint64_t offset = 0) {
   Beginning bytes{};
-  bool const isThere = device.Read(sector, 0, bytes) > 0;
+  bool const isThere = device.Read(sector, offset, bytes) > 0;
   return isThere || device.isUnreadable ? KindOf(bytes) : Kind::BeyondEnd;
+}
+
+// Whether a file system that began there has left copies of its superblock, in the first of those
+// groups of blocks that have one. A group has as many blocks as a block has bits; blocks of 1 KiB
+// are counted from the second one.
+bool HasCopies(Device& device, std::uint64_t sector, std::uint64_t offset) {
+  for (std::uint64_t shift = 0; shift < 3; ++shift) {
+    std::uint64_t const block = std::uint64_t{1024} << shift;
+    for (std::uint64_t group = 1; group < 9; group += 2) {
+      TableSector copy{};
+      std::uint64_t const place = group * 8 * block * block + (shift == 0 ? block : 0);
+      if (device.Read(sector, offset + place, copy) == 0) break;
+      bool const isCopy = NumberAt(copy, kMagic - kSuperblock, 2) == kExtMagic &&
+                          NumberAt(copy, kBlockShift, 4) == shift &&
+                          NumberAt(copy, kGroup, 2) == group;
+      if (isCopy) return true;
+    }
+  }
+  return false;
+}
+
+bool TellsNothing(Kind kind) {
+  return kind == Kind::Nothing || kind == Kind::Unknown;
+}
+
+// A card that fails is not asked for more.
+Kind PartitionAt(Device& device, std::uint64_t sector, std::uint64_t offset = 0) {
+  Kind const kind = KindAt(device, sector, offset);
+  bool const mayBeLost = TellsNothing(kind) && !device.isUnreadable;
+  return mayBeLost && HasCopies(device, sector, offset) ? Kind::LostExt : kind;
+}
+
+// Looks where tools have put a first partition since there are such: the table may be lost.
+bool HasLostExt(Device& device) {
+  constexpr std::uint64_t kStarts[] = {0, 63, 2048, 8192, 16384, 32768, 65536};
+  return std::ranges::any_of(kStarts, [&](std::uint64_t start) {
+    Kind const kind = PartitionAt(device, 0, start * kTableSectorBytes);
+    return kind == Kind::Ext || kind == Kind::LostExt;
+  });
 }
 
 struct Entry {
@@ -148,7 +190,7 @@ void ReadLogical(Device& device, std::uint64_t first, std::vector<Kind>& partiti
       if (IsExtended(entry)) {
         next = first + entry.start;
       } else {
-        partitions.push_back(KindAt(device, sector + entry.start));
+        partitions.push_back(PartitionAt(device, sector + entry.start));
       }
     }
     sector = next;
@@ -166,7 +208,7 @@ bool ReadGpt(Device& device, std::vector<Kind>& partitions) {
     std::array<unsigned char, 40> entry{};
     device.Read(first, i * length, entry);
     bool const isUsed = NumberAt(entry, 0, 8) != 0 || NumberAt(entry, 8, 8) != 0;  // has a type
-    if (isUsed) partitions.push_back(KindAt(device, NumberAt(entry, 32, 8)));
+    if (isUsed) partitions.push_back(PartitionAt(device, NumberAt(entry, 32, 8)));
   }
   return true;
 }
@@ -192,9 +234,11 @@ char const* NameOf(Kind kind) {
     case Kind::NewExt:
       return "new ext";
     case Kind::BeyondEnd:
+      return "beyond the end of the card";
+    case Kind::LostExt:
       break;
   }
-  return "beyond the end of the card";
+  return "lost ext";
 }
 
 bool IsNamed(Kind kind) {
@@ -216,16 +260,20 @@ CardContents CardContents::Read(int device) {
     } else if (IsExtended(entry)) {
       ReadLogical(card, entry.start, contents.partitions);
     } else {
-      contents.partitions.push_back(KindAt(card, entry.start));
+      contents.partitions.push_back(PartitionAt(card, entry.start));
     }
   }
+  auto const mayBeLost = [](Kind kind) { return TellsNothing(kind) || kind == Kind::BeyondEnd; };
+  bool const isSearched = mayBeLost(contents.whole) && !card.isUnreadable &&
+                          std::ranges::all_of(contents.partitions, mayBeLost);
+  if (isSearched && HasLostExt(card)) contents.whole = Kind::LostExt;
   contents.isUnreadable = card.isUnreadable;
   return contents;
 }
 
 bool CardContents::MayHoldRecordings() const {
-  return isUnreadable || whole == Kind::Ext ||
-         std::ranges::find(partitions, Kind::Ext) != partitions.end();
+  auto const isExt = [](Kind kind) { return kind == Kind::Ext || kind == Kind::LostExt; };
+  return isUnreadable || isExt(whole) || std::ranges::any_of(partitions, isExt);
 }
 
 std::string CardContents::Describe() const {

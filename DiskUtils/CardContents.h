@@ -9,7 +9,8 @@
 namespace Quellon::DiskUtils {
 
 /// What the first bytes of a card and of its partitions tell, read from the card itself: neither
-/// what the kernel has made of its partition table nor other programs are asked.
+/// what the kernel has made of its partition table nor other programs are asked. Where they tell
+/// nothing, ext is looked for by the copies of its superblock, and where partitions usually begin.
 struct QUELLON_EXPORT CardContents {
   /// How the card is divided.
   enum class Table { None, Mbr, Gpt };
@@ -26,17 +27,18 @@ struct QUELLON_EXPORT CardContents {
     Ext,        ///< ext2, ext3 or ext4, also one that was only partly written over since
     NewExt,     ///< made by `CardPreparation` and never mounted since: nothing was stored on it
     BeyondEnd,  ///< nothing can be there: the partition begins where the card has ended
+    LostExt,    ///< ext that has lost its beginning, or of the whole card, its partition table
   };
 
   /// Reads a block device, or a file with its contents, through an open descriptor, which stays the
   /// caller's; its position is not used. What the kernel remembers of the device is read anew. Logs
   /// and prints nothing. A table that leads in circles or to many places ends the search: no more
   /// than 128 entries of a GPT and 128 logical partitions are looked at.
-  /// Kernel interface: `BLKFLSBUF`, for which the process needs CAP_SYS_ADMIN.
+  /// Kernel interface: `BLKFLSBUF`, for which the process needs CAP_SYS_ADMIN, and `BLKSSZGET`.
   static CardContents Read(int device);
 
   /// Whether something could be lost by making a new file system: there is ext on the card or on
-  /// any partition, or not all of it could be read.
+  /// any partition, be it damaged, or not all of it could be read.
   [[nodiscard]] bool MayHoldRecordings() const;
 
   /// For a person, such as "MBR: FAT, ext" or "exFAT".

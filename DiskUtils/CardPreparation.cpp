@@ -60,8 +60,20 @@ Result WhetherAllowed(CardPreparation::Permission permission) {
   return isAllowed ? Result::Done : Result::MayHoldRecordings;
 }
 
-bool IsDone(std::string const& command) {
-  return Tarvik::RunCommand(command.c_str()) == 0;
+// Changes with the card. The kernel has it in memory.
+std::string CardIdentity() {
+  return SysFs::ReadWord(std::string("/sys/block/") + kCardDevice + "/device/cid");
+}
+
+// What a step comes to whose command ended with that code: the shell has one for a missing command.
+Result WhyNotDone(int code, Result otherwise) {
+  constexpr int kNotFound = 127;
+  return code == kNotFound ? Result::CommandMissing : otherwise;
+}
+
+Result RunStep(std::string const& command, Result otherwise) {
+  int const status = Tarvik::RunCommand(command.c_str());
+  return status == 0 ? Result::Done : WhyNotDone(Tarvik::ExitStatusByte(status), otherwise);
 }
 
 constexpr std::uint64_t kMebibyte = 1 << 20;
@@ -84,36 +96,44 @@ std::uint64_t StartMebibyte() {
 }
 
 // What the one partition of the card holds, as the next start will find it; nothing where the card
-// is another than was made.
+// is another than was made. Remains of an ext that may be erased are none of its contents.
 std::optional<CardContents::Kind> OnlyPartition() {
   CardContents card;
-  bool const isSeen = CardPreparation::Look(card) == Result::Done && !card.MayHoldRecordings();
+  bool const isSeen = CardPreparation::Look(card) == Result::Done && !card.isUnreadable;
   bool const isAsMade = card.table == CardContents::Table::Mbr && card.partitions.size() == 1;
-  if (!isSeen || !isAsMade) return std::nullopt;
-  return card.partitions.front();
+  constexpr auto kExt = CardContents::Kind::Ext;
+  if (!isSeen || !isAsMade || card.whole == kExt || card.partitions[0] == kExt) return std::nullopt;
+  return card.partitions[0];
 }
 
 // The card is looked at once more: another may be in the slot by now.
-bool MakePartition() {
-  bool const isMade = IsDone("echo start=" + std::to_string(StartMebibyte()) +
-                             "MiB,type=83 | sfdisk --quiet --label dos --wipe always "
-                             "--wipe-partitions always " +
-                             CardNode());
-  return isMade && Tarvik::Retry(kPartitionAttempts, kPartitionPause, [] {
-                     return OnlyPartition() && OpenCard(kCardPartition, O_EXCL).IsOpen();
-                   }) != 0;
+Result MakePartition() {
+  Result const made = RunStep("echo start=" + std::to_string(StartMebibyte()) +
+                                  "MiB,type=83 | sfdisk --quiet --label dos --wipe always "
+                                  "--wipe-partitions always " +
+                                  CardNode(),
+                              Result::NotPartitioned);
+  if (made != Result::Done) return made;
+  auto const isThere = [] { return OnlyPartition() && OpenCard(kCardPartition, O_EXCL).IsOpen(); };
+  bool const hasCome = Tarvik::Retry(kPartitionAttempts, kPartitionPause, isThere) != 0;
+  return hasCome ? Result::Done : Result::NotPartitioned;
 }
 
 // The inode tables are left to the kernel, which clears them in the background: of a card of 128 GB
 // they are 2 GiB. What would take as long is not left to it: an old journal must not be taken for
 // the new one, so it is cleared here, and kept small. Nothing is discarded, since nobody promises
-// how long a card takes for that.
-bool MakeFileSystem() {
+// how long a card takes for that. The kernel may have gone on with an old table, and the file
+// system lie elsewhere.
+Result MakeFileSystem() {
   constexpr std::uint64_t kLargeMebibytes = 4096;  // smaller ones get no longer a journal anyway
   std::string const journal = CardMebibytes() >= kLargeMebibytes ? "-J size=64 " : "";
-  return IsDone("mkfs.ext4 -q -F -O has_journal " + journal +
-                "-E lazy_itable_init=1,lazy_journal_init=0,nodiscard -M " + kNewMark +
-                " -L storage " + kCardPartition);
+  Result const made = RunStep("mkfs.ext4 -q -F -O has_journal " + journal +
+                                  "-E lazy_itable_init=1,lazy_journal_init=0,nodiscard -M " +
+                                  kNewMark + " -L storage " + kCardPartition,
+                              Result::NotFormatted);
+  if (made != Result::Done) return made;
+  bool const isThere = OnlyPartition() == CardContents::Kind::NewExt;
+  return isThere ? Result::Done : Result::NotPartitioned;
 }
 
 // Unmounts at its end what is mounted then.
@@ -160,7 +180,8 @@ Result TestCard() {
   std::string partition = kCardPartition;
   std::string const path = place + kTestFile;
   WriteTestFile(path);
-  if (CheckDisk(place.data(), partition.data()).DiskCheck() != 0) return Result::CheckFailed;
+  int const code = CheckDisk(place.data(), partition.data()).DiskCheck();
+  if (code != 0) return WhyNotDone(code, Result::CheckFailed);
   if (!HasTestFile(path)) return Result::NotKept;
   unlink(path.c_str());
   return Result::Done;
@@ -176,20 +197,19 @@ Result CardPreparation::Look(CardContents& contents) {
 }
 
 Result CardPreparation::Prepare(Permission permission, Progress const& progress) {
-  auto const begin = [&](char const* step) {
+  if (progress) progress("looking at the card");
+  Result result = WhetherAllowed(permission);
+  if (result != Result::Done) return result;
+  std::string const identity = CardIdentity();
+  // Whoever is told of a step may take his time, and the card.
+  auto const goOn = [&](char const* step, Result (*work)()) {
     if (progress) progress(step);
+    return CardIdentity() == identity ? work() : Result::Exchanged;
   };
-  begin("looking at the card");
-  Result const allowed = WhetherAllowed(permission);
-  if (allowed != Result::Done) return allowed;
-  begin("making the partition");
-  if (!MakePartition()) return Result::NotPartitioned;
-  begin("making the file system");
-  if (!MakeFileSystem()) return Result::NotFormatted;
-  // The kernel may have gone on with an old table, and the file system lie elsewhere.
-  if (OnlyPartition() != CardContents::Kind::NewExt) return Result::NotPartitioned;
-  begin("testing the card");
-  return TestCard();
+  result = goOn("making the partition", MakePartition);
+  if (result == Result::Done) result = goOn("making the file system", MakeFileSystem);
+  if (result == Result::Done) result = goOn("testing the card", TestCard);
+  return result;
 }
 
 char const* CardPreparation::Describe(Result result) noexcept {
@@ -214,6 +234,10 @@ char const* CardPreparation::Describe(Result result) noexcept {
       return "the check of the file system failed";
     case Result::NotKept:
       return "the card does not keep what is written";
+    case Result::Exchanged:
+      return "the card was pulled or exchanged";
+    case Result::CommandMissing:
+      return "a command is missing";
     case Result::Failed:
       break;
   }

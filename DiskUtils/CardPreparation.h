@@ -39,6 +39,8 @@ class QUELLON_EXPORT CardPreparation {
     CheckFailed,        ///< it was to be checked, and is not without errors, or could not be
     NotKept,            ///< the test file could not be written, or was another one after the check
     Failed,             ///< the card cannot be opened for another reason, which `errno` tells
+    Exchanged,          ///< the card is not the one that was looked at, or was pulled
+    CommandMissing,     ///< "sfdisk", "mkfs.ext4" or "fsck" is not on the search path
   };
 
   /// Called with the name of each step before it begins, for a watchdog and for a display: "looking
@@ -52,12 +54,14 @@ class QUELLON_EXPORT CardPreparation {
 
   /// Prepares the card. Nothing is changed when the result is `Missing`, `WriteProtected`, `InUse`,
   /// `MayHoldRecordings` or `Failed`; after any other the card's contents may be gone, and it may
-  /// be asked for again, as after a power cut: what was begun counts as no recordings. From the
-  /// test on the card is one that `System::InitDisk` takes.
+  /// be asked for again, as after a power cut: what was begun counts as no recordings, but for
+  /// remains of an ext that was to be erased, or of the new one, which need the second permission.
+  /// From the test on the card is one that `System::InitDisk` takes.
   ///
-  /// A card that takes the place of the one that was looked at is not formatted. One that the
-  /// library has mounted is in use: `Disk::Umount` comes first. Takes seconds, none of the steps
-  /// longer than the card takes to write 64 MiB, and some seconds where a command fails. A
+  /// Before each step, once `progress` has returned, the card's identity (CID) is compared: one
+  /// that takes the place of the one that was looked at is neither partitioned nor formatted. One
+  /// that the library has mounted is in use: `Disk::Umount` comes first. Takes seconds, none of the
+  /// steps longer than the card takes to write 64 MiB, and some seconds where a command fails. A
   /// partition whose device node comes late is waited for, 5 s at most.
   static Result Prepare(Permission permission, Progress const& progress = {});
 

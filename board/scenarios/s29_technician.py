@@ -41,7 +41,18 @@ blockdev --setro /dev/mmcblk1
 show card
 show health --json
 await pull
-while [ -e /sys/block/mmcblk1 ]; do usleep 100000; done
+gone() {{ while [ -e /sys/block/mmcblk1 ]; do usleep 100000; done; }}
+there() {{ until [ -e /dev/mmcblk1p1 ]; do usleep 100000; done; }}
+gone
+show card
+await insert
+there
+mount -o noatime,data=writeback /dev/mmcblk1p1 /mnt/sdcard
+await exchange
+gone
+show card
+await other
+there
 show card
 """
 
@@ -54,9 +65,13 @@ def run(board: Board):
     card = Image.card(board.folder / "card.img", fill(board.folder / "card", files, times),
                       size=64 << 20)
     with board.start(SCRIPT, card, clock="2024-01-01T00:00:00") as machine:
-        machine.arrive("pull")
-        machine.pull_card()
-        machine.go_on("pull")
+        for place in "pull", "insert", "exchange", "other":
+            machine.arrive(place)
+            if place in ("pull", "exchange"):
+                machine.pull_card()
+            else:
+                machine.insert_card(card.path)
+            machine.go_on(place)
         machine.finish()
     expect_equal((machine.boots, machine.resets), (1, 0), "starts and resets")
 
@@ -81,6 +96,8 @@ def run(board: Board):
     expect_told(told, "card", 1, "the card is write-protected")
     expect_told(told, "health --json", 1, '"state":2')
     expect_told(told, "card", 1, "no card in the slot")
+    expect_told(told, "card", 1, "the card was pulled while it was mounted")
+    expect_told(told, "card", 1, "the card was pulled while it was mounted, and another put in")
     expect_equal(told, [], "left to be looked at")
     expect("system.dat" not in board.storage.names("/"), "the counter was not cleared")
 

@@ -1,8 +1,10 @@
 // The recorder's command line.
 #include <getopt.h>
 
+#include <algorithm>
 #include <charconv>
 #include <csignal>
+#include <cstdint>
 #include <cstdlib>
 #include <iostream>
 #include <limits>
@@ -19,11 +21,12 @@
 namespace {
 
 constexpr char const* kUsage =
-    "usage: recorder [--size BYTES] [--rate BYTES-PER-SECOND] [--period MILLISECONDS]\n"
-    "                [--min-free BYTES] [--share 0..1] [--watchdog SECONDS]\n";
+    "usage: quellon-recorder [--size BYTES] [--rate BYTES-PER-SECOND] [--period MILLISECONDS]\n"
+    "                        [--min-free BYTES] [--share 0..1] [--watchdog SECONDS]\n";
 
 // The library cannot tell the size of a larger one, which is less than 2 GiB on 32 bits.
-constexpr std::size_t kLargestFile = std::numeric_limits<off_t>::max();
+constexpr auto kLargestFile = static_cast<std::size_t>(std::min<std::uint64_t>(
+    std::numeric_limits<off_t>::max(), std::numeric_limits<std::size_t>::max()));
 
 Recorder* running = nullptr;
 

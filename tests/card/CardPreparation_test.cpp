@@ -161,7 +161,7 @@ TEST_F(CardPreparation, FailsWithoutTheCommandsAndMayBeTriedAgain) {
   card.Insert();
   {
     CardTests::CommandInFront const none("mkfs.ext4", "exit 127\n");
-    EXPECT_EQ(Prepare(), "the file system could not be made");
+    EXPECT_EQ(Prepare(), "a command is missing");
   }
   EXPECT_EQ(Contents(), "MBR: nothing");
   {
@@ -229,7 +229,12 @@ TEST_F(CardPreparation, IsDoneByAskingAgainAfterAPowerCut) {
     card.SetBytes(bytes);
     card.Insert();
     std::string const contents = *left.insert(Contents()).first;
-    EXPECT_EQ(Prepare(), "done") << contents;
+    // Copies of the superblock alone look like those of a card in use.
+    bool const isLost = contents == "MBR: lost ext";
+    EXPECT_EQ(Prepare(), isLost ? "the card may hold recordings" : "done") << contents;
+    if (isLost) {
+      EXPECT_EQ(Prepare(Permission::EraseRecordings), "done");
+    }
     EXPECT_TRUE(ComesIntoService()) << contents;
     card.Remove();
   }

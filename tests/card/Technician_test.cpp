@@ -89,7 +89,7 @@ TEST_F(Technician, FindsAWriteProtectedCard) {
 }
 
 TEST_F(Technician, FindsANewCard) {
-  RunQuietly("dd if=/dev/urandom bs=1M count=8 conv=notrunc of=" + card.ImagePath());
+  RunQuietly("dd if=/dev/zero bs=1M count=64 conv=notrunc of=" + card.ImagePath());
   card.Insert();
   ExpectWrong({"card"}, "the card holds no ext4");
 }
@@ -168,6 +168,19 @@ TEST_F(Technician, RepairsACardWhenItIsAskedTo) {
   EXPECT_TRUE(looked.Shows("to do", "quellon card check --repair"));
   EXPECT_TRUE(ToolRun({"card", "check", "--repair"}).Shows("verdict", "errors corrected"));
   EXPECT_TRUE(ToolRun({"card", "check"}).Shows("verdict", "no errors"));
+}
+
+// Before its first superblock there is nothing that leads to it, neither here nor in a lost table.
+TEST_F(Technician, RepairsAFileSystemThatHasLostItsBeginning) {
+  card.Edit([](fs::path const& root) { WriteRecording(root / "cr/a.dat", 4096, 1700000000); });
+  RunQuietly("dd if=/dev/zero bs=4096 count=1 conv=notrunc of=" + card.ImagePath());
+  card.Insert();
+  ExpectWrong({"card"}, "the card has lost its partition table");
+  EXPECT_EQ(ToolRun({"card", "prepare"}).status, Refused);
+  ToolRun const repaired({"card", "check", "--repair"});
+  EXPECT_TRUE(repaired.Shows("verdict", "errors corrected")) << repaired.output;
+  card.Remove();
+  card.Edit([](fs::path const& root) { EXPECT_EQ(fs::file_size(root / "cr/a.dat"), 4096U); });
 }
 
 TEST_F(Technician, TellsThatACardCannotBeChecked) {

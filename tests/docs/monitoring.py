@@ -53,7 +53,22 @@ def units(quellon: str) -> list[str]:
             copies.append(Path(folder) / unit.name)
             copies[-1].write_text(unit.read_text().replace("/usr/bin/quellon", quellon))
         found = complaint("systemd-analyze", "verify", "--man=no", *copies)
-        return found + sent(Path(folder)) if len(copies) >= 4 else ["there are too few units"]
+        found += [f"{unit.name} hides failures" for unit in copies
+                  if "SuccessExitStatus" in unit.read_text()]
+        found += written(Path(folder), quellon) + sent(Path(folder))
+        return found if len(copies) >= 4 else ["there are too few units"]
+
+
+def written(folder: Path, quellon: str) -> list[str]:
+    """Runs what the service for Prometheus runs: it fails only where the file is not written."""
+    text = (FOLDER / "quellon-health.service").read_text()
+    words = re.search(r"^ExecStart=/usr/bin/quellon (.*)$", text, re.M).group(1).split()
+    found = []
+    for target, code in ((folder / "quellon.prom", 0), (folder / "none/quellon.prom", 1)):
+        ended = subprocess.run([quellon, *words[:-1], target], capture_output=True).returncode
+        if (ended, target.exists()) != (code, code == 0):
+            found.append(f"quellon {' '.join(words)} ends with {ended}")
+    return found
 
 
 def sent(folder: Path) -> list[str]:

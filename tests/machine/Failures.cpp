@@ -60,6 +60,7 @@ std::vector<Failure> const& FailuresOf(std::string const& function) {
       {"close", closing},
       {"fclose", closing},
       {"readlink", {EACCES, EINVAL, EIO, ELOOP, ENAMETOOLONG, ENOENT, ENOMEM, ENOTDIR}},
+      {"realpath", {EACCES, EIO, ELOOP, ENAMETOOLONG, ENOENT, ENOMEM, ENOTDIR}},
       {"unlink",
        {EACCES, EBUSY, EFAULT, EIO, EISDIR, ELOOP, ENAMETOOLONG, ENOENT, ENOMEM, ENOTDIR, EPERM,
         EROFS}},

@@ -87,6 +87,15 @@ inline Piece Ext(std::uint64_t sector) {
   return {sector * kSector + 1024 + 56, "\x53\xEF\x01"};
 }
 
+/// A copy of the superblock of an ext that begins at that sector, in that group of blocks, which
+/// have 1024 bytes, shifted to the left.
+inline std::vector<Piece> Copy(std::uint64_t sector, unsigned shift, unsigned group) {
+  std::uint64_t const block = 1024ULL << shift;
+  std::uint64_t const blocks = group * 8 * block + (shift == 0 ? 1 : 0);
+  std::uint64_t const place = sector * kSector + blocks * block;
+  return {{place + 24, Number(shift, 4)}, {place + 56, "\x53\xEF"}, {place + 90, Number(group, 2)}};
+}
+
 template <typename... Others>
 std::vector<Piece> Together(std::vector<Piece> pieces, Others const&... others) {
   (pieces.insert(pieces.end(), others.begin(), others.end()), ...);
@@ -146,6 +155,8 @@ inline std::vector<Card> All() {
        true,
        "label: gpt\nstart=32768,size=16384\n",
        {kSecond}},
+      {"ext4 whose table is lost", {Ext(kFirst)}, "lost ext", true, "", {kFirst}},
+      {"ext4 whose beginning is lost", Together(plain, Copy(kFirst, 0, 1)), "MBR: lost ext", true},
       {"partition without a file system", plain, "MBR: nothing"},
       {"swap", Together(plain, std::vector{Piece{kFirst * kSector + 4086, "SWAPSPACE2"}}),
        "MBR: swap"},

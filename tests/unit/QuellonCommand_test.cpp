@@ -7,6 +7,10 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <cstring>
+#include <ctime>
 #include <filesystem>
 #include <fstream>
 #include <set>
@@ -21,6 +25,7 @@
 #include "tests/support/CounterFile.h"
 #include "tests/support/Descriptors.h"
 #include "tests/support/FakeDevice.h"
+#include "tests/support/FoundCards.h"
 #include "tests/support/ToolRun.h"
 #include "tools/quellon/Progress.h"
 
@@ -164,6 +169,89 @@ TEST_F(QuellonCommand, ShowsTheWatchdogWithoutOpeningIt) {
             "last start by  not the watchdog, as far as its driver tells\n");
 }
 
+// A name that only begins like that of the watchdog, of the card or of the log is another one's.
+TEST_F(QuellonCommand, TakesNothingElseForTheWatchdogTheCardOrTheLog) {
+  FakeDevice::StopService();
+  FakeDevice::Start("90", "other", "");
+  int fd = 3;
+  for (char const* path :
+       {"/dev/watchdog1", "/dev/watchdog01", "/dev/mmcblk10", "/dev/mmcblk1boot0", "/dev/mmcblk1p",
+        "/dev/mmcblk1p1x", "/mnt/sdcard2/a", "/mnt/sdcards", "/var/log/quellon.log.old"}) {
+    FakeDevice::Open("90", fd++, path);
+  }
+  EXPECT_TRUE(ToolRun({"watchdog"}).Shows("held by", "nobody"));
+  EXPECT_TRUE(ToolRun({"card"}).Shows("used by", "nobody"));
+}
+
+TEST_F(QuellonCommand, KnowsEachWayToUseTheCardTheLogOrTheWatchdog) {
+  for (char const* path :
+       {"/mnt/sdcard", "/mnt/sdcard/cr/a.dat", "/mnt/sdcard/cr/a.dat (deleted)", "/dev/mmcblk1",
+        "/dev/mmcblk1p1", "/dev/mmcblk1p12", "/dev/mmcblk1p1 (deleted)", "/var/log/quellon.log",
+        "/var/log/quellon.log (deleted)", "/var/log/quellon.log.1"}) {
+    FakeDevice::StopService();
+    FakeDevice::Start("812", "recorder", "");
+    FakeDevice::Open("812", 3, path);
+    EXPECT_TRUE(ToolRun({"card"}).Shows("used by", "recorder (812)")) << path;
+  }
+  for (char const* path : {"/dev/watchdog", "/dev/watchdog0"}) {
+    FakeDevice::StopService();
+    FakeDevice::Start("812", "recorder", "");
+    FakeDevice::Open("812", 3, path);
+    EXPECT_TRUE(ToolRun({"watchdog"}).Shows("held by", "recorder (812)")) << path;
+  }
+}
+
+// As on boards that keep /var/log in memory. The kernel shows where a file really lies.
+TEST_F(QuellonCommand, FindsAServiceWhoseLogLiesBehindALink) {
+  FakeDevice::StopService();
+  Machine::RemoveFile("/var/log");
+  fs::create_directories(Machine::Real("/mnt/volatile/log"));
+  fs::create_directory_symlink(Machine::Real("/mnt/volatile/log"), Machine::Real("/var/log"));
+  FakeDevice::Start("813", "recorder", "quellon-recorder.service");
+  FakeDevice::Open("813", 3, "/mnt/volatile/log/quellon.log");
+  for (bool const isWritten : {false, true}) {
+    if (isWritten) Machine::MakeFile("/mnt/volatile/log/quellon.log", "");
+    ToolRun const run({"clock", "--set"});
+    EXPECT_EQ(run.status, Refused) << run.output;
+    EXPECT_TRUE(run.Shows("to do", "systemctl stop quellon-recorder.service")) << run.output;
+  }
+}
+
+TEST_F(QuellonCommand, FindsACardWhoseMountPointLiesBehindALink) {
+  fs::rename(Machine::Real("/mnt/sdcard"), Machine::Real("/mnt/elsewhere"));
+  fs::create_directory_symlink(Machine::Real("/mnt/elsewhere"), Machine::Real("/mnt/sdcard"));
+  FakeDevice::Mount("/dev/mmcblk1p1 /mnt/elsewhere ext4 rw");
+  FakeDevice::StopService();
+  FakeDevice::Start("99", "less", "");
+  FakeDevice::Open("99", 3, "/mnt/elsewhere/cr/rec_000001.dat");
+  ToolRun const run({"card"});
+  EXPECT_TRUE(run.Shows("mounted", "/dev/mmcblk1p1, ext4")) << run.output;
+  EXPECT_TRUE(run.Shows("used by", "less (99)")) << run.output;
+}
+
+// 10: who asks stands on the card himself.
+TEST_F(QuellonCommand, NeverAdvisesToEndTheShellItWasCalledFrom) {
+  FakeDevice::StopService();
+  std::string const shell = std::to_string(getppid());
+  FakeDevice::Start("77", "getty", "serial-getty@ttyS0.service");
+  FakeDevice::Start(shell, "sh", "serial-getty@ttyS0.service");
+  Machine::MakeFile("/proc/" + shell + "/stat", shell + " (a) b) S 77 1 1\n");
+  Machine::MakeFile("/proc/77/stat", "77 (getty) S 1 1 1\n");
+  Machine::MakeFile("/proc/self/cgroup", "0::/system.slice/serial-getty@ttyS0.service\n");
+  for (auto const& standing : {shell, std::string("77")}) {
+    fs::create_symlink("/mnt/sdcard/cr", Machine::Real("/proc/" + standing + "/cwd"));
+    ToolRun const run({"clock", "--set"});
+    EXPECT_EQ(run.status, Refused);
+    EXPECT_TRUE(run.Shows("to do", "cd /")) << run.output;
+    fs::remove(Machine::Real("/proc/" + standing + "/cwd"));
+  }
+  FakeDevice::Open(shell, 3, "/mnt/sdcard/cr/rec_000001.dat");
+  FakeDevice::Start("9999", "tail", "serial-getty@ttyS0.service");
+  FakeDevice::Open("9999", 3, "/mnt/sdcard/cr/rec_000001.dat");
+  ToolRun const run({"clock", "--set"});
+  EXPECT_TRUE(run.Shows("to do", "kill 9999")) << run.output;
+}
+
 TEST_F(QuellonCommand, ShowsTheClocks) {
   EXPECT_EQ(ToolRun({"clock"}).output,
             "system         2023-11-14 22:13:20\n"
@@ -285,6 +373,40 @@ TEST_F(QuellonCommandSet, TellsThatAClockCannotBeSet) {
   EXPECT_EQ(system, 0);
 }
 
+TEST_F(QuellonCommandSet, RefusesATimeThatMakesNoSense) {
+  for (char const* time : {"1969-12-31 23:59:59", "1970-01-01 00:00:00", "2019-12-31 23:59:59"}) {
+    ToolRun const run({"clock", "--set", time});
+    EXPECT_EQ(run.status, Refused) << time;
+    EXPECT_TRUE(run.Shows(
+        "refused", std::string(time) + " is before 2020: what is recorded then is deleted first"))
+        << run.output;
+  }
+  ToolRun const none({"clock", "--set", "2023-02-29 12:00:00"});
+  EXPECT_EQ(none.status, Refused);
+  EXPECT_TRUE(none.Shows("refused", "2023-02-29 12:00:00 is in no calendar")) << none.output;
+  EXPECT_THAT(Machine::Trace(), IsEmpty());
+  EXPECT_EQ(hour, -1);
+  EXPECT_EQ(ToolRun({"clock", "--set", "2024-02-29 12:00:00"}).status, Fine);
+  EXPECT_EQ(ToolRun({"clock", "--set", "2020-01-01 00:00:00"}).status, Fine);
+}
+
+// Seconds of 32 bits end in 2038.
+TEST_F(QuellonCommandSet, RefusesATimeThatTheDeviceCannotHold) {
+  ToolRun const run({"clock", "--set", "2040-01-01 00:00:00"});
+  bool const isHeld = sizeof(std::time_t) > 4;
+  EXPECT_EQ(run.status, isHeld ? Fine : Refused);
+  EXPECT_EQ(run.Shows("refused", "2040-01-01 00:00:00 is too late for this device"), !isHeld);
+}
+
+TEST_F(QuellonCommandSet, RefusesToCopyASystemClockThatWasReset) {
+  hooks().now = 30;
+  ToolRun const run({"clock", "--set"});
+  EXPECT_EQ(run.status, Refused) << run.output;
+  EXPECT_TRUE(run.Shows("refused", "the system clock was reset")) << run.output;
+  EXPECT_TRUE(run.Shows("to do", "quellon clock --set 'YEAR-MONTH-DAY HOUR:MINUTE:SECOND'"));
+  EXPECT_EQ(hour, -1);
+}
+
 TEST_F(QuellonCommandSet, RefusesWhileAServiceRuns) {
   FakeDevice::Start("813", "recorder", "quellon-recorder.service");
   FakeDevice::Open("813", 3, "/var/log/quellon.log");
@@ -321,6 +443,28 @@ class QuellonCommandProve : public QuellonCommand {
     device.card.space.f_blocks = 4096;  // 16 MiB, of which a 32nd is left free
     device.card.space.f_bfree = 4096;
   }
+
+  /// The card is not mounted, and may be.
+  void LetItBeMounted() {
+    FakeDevice::Mount("tmpfs /tmp tmpfs rw");
+    hooks().mount = [this](auto&&...) {
+      FakeDevice::Mount("/dev/mmcblk1p1 /mnt/sdcard ext4 rw");
+      device.card.mounted = true;
+      return Answer::Success();
+    };
+    hooks().umount = [this](auto&&) {
+      FakeDevice::Mount("tmpfs /tmp tmpfs rw");
+      device.card.mounted = false;
+      return Answer::Success();
+    };
+  }
+
+  /// A card with those bytes.
+  static void PutIn(std::vector<FoundCards::Piece> const& pieces) {
+    std::string bytes(10 << 20, '\0');
+    for (auto const& piece : pieces) bytes.replace(piece.place, piece.bytes.size(), piece.bytes);
+    Machine::MakeFile("/dev/mmcblk1", bytes);
+  }
 };
 
 TEST_F(QuellonCommandProve, TellsHowFarItIsAndHowFastTheCardIs) {
@@ -346,6 +490,177 @@ TEST_F(QuellonCommandProve, RefusesToRiskRecordings) {
   ToolRun const run({"card", "prove"});
   EXPECT_EQ(run.status, Refused);
   EXPECT_TRUE(run.Shows("to do", "copy them; quellon card prove --erase")) << run.output;
+}
+
+TEST_F(QuellonCommandProve, RefusesToRiskWhatLiesElsewhereOnTheCard) {
+  Machine::RemoveFile("/mnt/sdcard/cr");
+  fs::create_directories(Machine::Real("/mnt/sdcard/lost+found"));
+  fs::create_directories(Machine::Real("/mnt/sdcard/cr/a/b"));
+  EXPECT_EQ(ToolRun({"card", "prove"}).status, Fine) << "folders alone are nothing to lose";
+  for (char const* file : {"/mnt/sdcard/a.dat", "/mnt/sdcard/DCIM/100/.a", "/mnt/sdcard/cr/a/b/c",
+                           "/mnt/sdcard/lost+found/#12"}) {
+    Machine::MakeFile(file, "");
+    EXPECT_EQ(ToolRun({"card", "prove"}).status, Refused) << file;
+    Machine::RemoveFile(file);
+  }
+  fs::create_symlink("/nowhere", Machine::Real("/mnt/sdcard/cr/link"));
+  EXPECT_EQ(ToolRun({"card", "prove"}).status, Refused);
+}
+
+TEST_F(QuellonCommandProve, RefusesToRiskWhatCannotBeRead) {
+  Machine::RemoveFile("/mnt/sdcard/cr");
+  fs::create_directories(Machine::Real("/mnt/sdcard/cr"));
+  for (char const* function : {"opendir", "readdir", "lstat"}) {
+    hooks().fault = [function](Call const& call) -> std::optional<Machine::Failure> {
+      bool const fails = call.function == function && call.subject.starts_with("/mnt/sdcard/cr");
+      return fails ? std::optional<Machine::Failure>(EIO) : std::nullopt;
+    };
+    ToolRun const run({"card", "prove"});
+    hooks().fault = nullptr;
+    EXPECT_EQ(run.status, Refused) << function;
+    EXPECT_TRUE(
+        run.Shows("refused", "there are files, or may be: a card that lies would lose them"))
+        << run.output;
+  }
+}
+
+TEST_F(QuellonCommandProve, RefusesToRiskWhatIsNestedTooDeep) {
+  Machine::RemoveFile("/mnt/sdcard/cr");
+  std::string folder = "/mnt/sdcard";
+  for (int depth = 0; depth < 40; ++depth) folder += "/d";
+  fs::create_directories(Machine::Real(folder));
+  EXPECT_EQ(ToolRun({"card", "prove"}).status, Refused);
+}
+
+TEST_F(QuellonCommandProve, CleansUpAndSaysSoWhenItIsStopped) {
+  LetItBeMounted();
+  for (int const signal : {SIGINT, SIGTERM, SIGHUP, SIGPIPE}) {
+    hooks().write = [signal](int, void const*, std::size_t size) -> std::optional<ssize_t> {
+      if (size > 4096) raise(signal);
+      return std::nullopt;
+    };
+    Machine::ForgetTrace();
+    ToolRun const run({"card", "prove", "--erase"});
+    EXPECT_EQ(run.status, Wrong) << strsignal(signal);
+    EXPECT_TRUE(run.Shows("written", "1.0 MiB")) << run.output;
+    EXPECT_TRUE(run.Shows("wrong", "stopped: what it wrote is gone")) << run.output;
+    EXPECT_TRUE(run.Shows("mounted", "no"));
+    EXPECT_THAT(Machine::Traced("umount"), ElementsAre("umount /mnt/sdcard/"));
+    struct sigaction now {};
+    sigaction(signal, nullptr, &now);
+    EXPECT_EQ(now.sa_handler, SIG_DFL) << strsignal(signal);
+  }
+}
+
+// As nohup(1) has it.
+TEST_F(QuellonCommandProve, GoesOnWhereASignalIsIgnored) {
+  struct sigaction ignored {};
+  struct sigaction before {};
+  ignored.sa_handler = SIG_IGN;
+  sigaction(SIGHUP, &ignored, &before);
+  hooks().write = [](int, void const*, std::size_t) -> std::optional<ssize_t> {
+    raise(SIGHUP);
+    return std::nullopt;
+  };
+  EXPECT_EQ(ToolRun({"card", "prove", "--erase"}).status, Fine);
+  sigaction(SIGHUP, &before, &ignored);
+  EXPECT_EQ(ignored.sa_handler, SIG_IGN);
+}
+
+TEST_F(QuellonCommandProve, TellsThatTheCardStaysMounted) {
+  LetItBeMounted();
+  hooks().umount = [](auto&&) { return Answer::Failure(EBUSY); };
+  ToolRun const run({"card", "prove", "--erase"});
+  EXPECT_EQ(run.status, Wrong);
+  EXPECT_TRUE(run.Shows("mounted", "yes"));
+  EXPECT_TRUE(run.Shows("wrong", "the card is still mounted: Device or resource busy"))
+      << run.output;
+  EXPECT_TRUE(run.Shows("to do", "umount /mnt/sdcard"));
+}
+
+// A service that finds the card full deletes its oldest recordings.
+TEST_F(QuellonCommandProve, StopsWhenSomebodyBeginsToUseTheCard) {
+  std::chrono::milliseconds passed{};
+  hooks().steady = [&] { return passed; };
+  hooks().write = [&](int, void const*, std::size_t size) -> std::optional<ssize_t> {
+    if (size <= 4096) return std::nullopt;
+    passed += std::chrono::milliseconds(600);
+    if (passed > std::chrono::seconds(1) && !fs::exists(Machine::Real("/proc/813"))) {
+      FakeDevice::Start("813", "recorder", "quellon-recorder.service");
+      FakeDevice::Open("813", 3, "/var/log/quellon.log");
+    }
+    return std::nullopt;
+  };
+  ToolRun const run({"card", "prove", "--erase"});
+  hooks().steady = nullptr;
+  EXPECT_EQ(run.status, Wrong);
+  EXPECT_TRUE(run.Shows("wrong", "stopped: in use by recorder (813, quellon-recorder.service)"))
+      << run.output;
+  EXPECT_TRUE(run.Shows("to do", "systemctl stop quellon-recorder.service")) << run.output;
+  EXPECT_TRUE(run.Shows("written", "2.0 MiB")) << run.output;
+}
+
+TEST_F(QuellonCommandProve, TellsHowAPreparationEndedThatWasInterrupted) {
+  hooks().system = [](std::string const&) {
+    raise(SIGTERM);
+    return Answer{1 << 8, 0};
+  };
+  FakeDevice::Mount("tmpfs /tmp tmpfs rw");
+  ToolRun const run({"card", "prepare"});
+  EXPECT_TRUE(run.Shows("wrong", "the card could not be partitioned")) << run.output;
+}
+
+TEST_F(QuellonCommandProve, EndsACheckBeforeItStops) {
+  FakeDevice::Mount("tmpfs /tmp tmpfs rw");
+  hooks().system = [](std::string const&) {
+    raise(SIGTERM);
+    return Answer::Success();
+  };
+  ToolRun const run({"card", "check"});
+  EXPECT_EQ(run.status, Fine);
+  EXPECT_TRUE(run.Shows("verdict", "no errors")) << run.output;
+}
+
+TEST_F(QuellonCommandProve, TellsOfACommandThatIsMissing) {
+  FakeDevice::Mount("tmpfs /tmp tmpfs rw");
+  hooks().system = [](auto&&) { return Answer{127 << 8, 0}; };
+  ToolRun const checked({"card", "check"});
+  EXPECT_TRUE(checked.Shows("wrong", "the card could not be checked")) << checked.output;
+  EXPECT_TRUE(checked.Shows("to do", "put fsck and fsck.ext4 on the device")) << checked.output;
+  ToolRun const prepared({"card", "prepare"});
+  EXPECT_TRUE(prepared.Shows("wrong", "a command is missing")) << prepared.output;
+  EXPECT_TRUE(prepared.Shows("to do", "put sfdisk, mkfs.ext4 and fsck.ext4 on the device"));
+}
+
+TEST_F(QuellonCommandProve, RefusesToPrepareACardThatHasLostItsTable) {
+  FakeDevice::Mount("tmpfs /tmp tmpfs rw");
+  PutIn({FoundCards::Ext(FoundCards::kFirst)});
+  Machine::RemoveFile("/dev/mmcblk1p1");
+  ToolRun const run({"card", "prepare"});
+  EXPECT_EQ(run.status, Refused) << run.output;
+  EXPECT_TRUE(run.Shows("to do",
+                        "have its partition table restored; or give up what it holds: quellon "
+                        "card prepare --erase"))
+      << run.output;
+  ToolRun const card({"card"});
+  EXPECT_TRUE(card.Shows("wrong", "the card has lost its partition table")) << card.output;
+  EXPECT_TRUE(
+      card.Shows("to do", "have it restored; quellon card prepare --erase gives up what it holds"));
+}
+
+TEST_F(QuellonCommandProve, RefusesToPrepareAFileSystemThatHasLostItsBeginning) {
+  FakeDevice::Mount("tmpfs /tmp tmpfs rw");
+  auto const lost = FoundCards::Copy(FoundCards::kFirst, 0, 1);
+  PutIn(FoundCards::Together(lost, std::vector{FoundCards::Mbr({{0x83, FoundCards::kFirst}})}));
+  ToolRun const run({"card", "prepare"});
+  EXPECT_EQ(run.status, Refused);
+  EXPECT_TRUE(run.Shows("to do",
+                        "quellon card check --repair; or give up what it holds: quellon card "
+                        "prepare --erase"))
+      << run.output;
+  ToolRun const card({"card"});
+  EXPECT_TRUE(card.Shows("wrong", "the file system has lost its beginning")) << card.output;
+  EXPECT_TRUE(card.Shows("to do", "quellon card check --repair")) << card.output;
 }
 
 TEST_F(QuellonCommandProve, RefusesWhileSomebodyUsesTheCard) {
@@ -473,6 +788,19 @@ TEST_F(QuellonCommand, ShowsTheLastLinesOfTheLog) {
             "[2023-11-14 00:00:04][WARNING]four\n" + writer);
 }
 
+TEST_F(QuellonCommand, TellsWhyTheLogCannotBeRead) {
+  for (int const error : {ENOENT, EACCES}) {
+    hooks().fault = [error](Call const& call) -> std::optional<Machine::Failure> {
+      bool const isLog = call.function == "open" && call.subject == "/var/log/quellon.log";
+      return isLog ? std::optional<Machine::Failure>(error) : std::nullopt;
+    };
+    ToolRun const run({"log"});
+    EXPECT_EQ(run.Shows("wrong", "there is no log"), error == ENOENT) << run.output;
+    EXPECT_EQ(run.Shows("not read", "/var/log/quellon.log: Permission denied"), error == EACCES);
+    EXPECT_EQ(run.status, error == ENOENT ? Wrong : Unknown);
+  }
+}
+
 TEST_F(QuellonCommand, ShowsTwentyLinesUnlessTold) {
   std::string text;
   for (int i = 1; i <= 30; ++i) text += "line " + std::to_string(i) + "\n";
@@ -488,6 +816,60 @@ TEST_F(QuellonCommand, CountsWithoutAPauseAndDeletesNothing) {
   ToolRun const run({"catalogue", "/mnt/sdcard/cr"});
   EXPECT_THAT(run.output, StartsWith("files          2006, 4.9 KiB"));
   EXPECT_THAT(Machine::Trace(), IsEmpty());
+}
+
+// While a service unmounts the card, nothing of it may be open.
+TEST_F(QuellonCommand, HoldsNoFolderWhileItLooksAtRecordings) {
+  int looks = 0;
+  hooks().lstat = [&](std::string const& path, struct stat*) -> std::optional<Answer> {
+    if (!path.starts_with("/mnt/sdcard/cr/")) return std::nullopt;
+    ++looks;
+    for (int fd = 3; fd < 64; ++fd) {
+      EXPECT_FALSE(Machine::DevicePath(fd).value_or("").starts_with("/mnt/sdcard"));
+    }
+    return std::nullopt;
+  };
+  EXPECT_EQ(ToolRun({"health"}).status, Fine);
+  EXPECT_EQ(looks, 6);
+}
+
+TEST_F(QuellonCommand, GivesUpACatalogueThatTakesTooLongForItsHealth) {
+  std::chrono::seconds passed{};
+  hooks().steady = [&] { return passed; };
+  hooks().lstat = [&](auto&&...) -> std::optional<Answer> {
+    passed += std::chrono::seconds(3);
+    return std::nullopt;
+  };
+  ToolRun const run({"health"});
+  EXPECT_EQ(run.status, Unknown) << run.output;
+  EXPECT_TRUE(run.Shows("catalogue", "unknown")) << run.output;
+  EXPECT_TRUE(run.Shows("not read", "/mnt/sdcard/cr/: its files take longer than 10 s"))
+      << run.output;
+  EXPECT_THAT(ToolRun({"health", "--prometheus"}).output, Not(HasSubstr("quellon_catalogue")));
+  EXPECT_EQ(ToolRun({"catalogue"}).status, Fine) << "who asks for it waits";
+  hooks().steady = nullptr;
+}
+
+TEST_F(QuellonCommand, TellsOfRecordingsThatCannotBeRead) {
+  for (int const error : {EIO, ENOENT}) {
+    hooks().lstat = [error](std::string const& path, struct stat*) -> std::optional<Answer> {
+      if (!path.ends_with("rec_000002.dat")) return std::nullopt;
+      return Answer::Failure(error);
+    };
+    ToolRun const run({"catalogue"});
+    EXPECT_THAT(run.output, StartsWith("files          5, ")) << "it may have been deleted";
+    EXPECT_EQ(run.status, error == EIO ? Unknown : Fine) << run.output;
+    EXPECT_EQ(run.Shows("not read", "/mnt/sdcard/cr/rec_000002.dat: Input/output error"),
+              error == EIO);
+  }
+  hooks().lstat = nullptr;
+  hooks().fault = [](Call const& call) -> std::optional<Machine::Failure> {
+    bool const fails = call.function == "readdir" && call.subject.starts_with("/mnt/sdcard/cr");
+    return fails ? std::optional<Machine::Failure>(EIO) : std::nullopt;
+  };
+  ToolRun const run({"catalogue"});
+  EXPECT_EQ(run.status, Unknown) << run.output;
+  EXPECT_TRUE(run.Shows("not read", "/mnt/sdcard/cr/: Input/output error")) << run.output;
 }
 
 TEST_F(QuellonCommand, TakesRecordingsOfTheSameSecondForOrdered) {
@@ -550,7 +932,8 @@ TEST_F(QuellonCommand, TellsWhatIsOnACardThatIsNotMounted) {
 TEST_F(QuellonCommand, DoesNotReadTheCardForItsHealth) {
   FakeDevice::Mount("tmpfs /tmp tmpfs rw");
   hooks().fault = [](Call const& call) -> std::optional<Machine::Failure> {
-    EXPECT_THAT(call.subject, Not(StartsWith("/dev/mmcblk1")));
+    bool const isRead = call.function == "open" && call.subject.starts_with("/dev/mmcblk1");
+    EXPECT_FALSE(isRead) << call.subject;
     return std::nullopt;
   };
   EXPECT_TRUE(ToolRun({"health"}).Shows("to do", "quellon card"));
@@ -592,6 +975,13 @@ TEST_F(QuellonCommand, WritesMetricsOfAllSubjects) {
   }
 }
 
+// What stands in a card's name is whatever its maker, or a fault, has put there.
+TEST_F(QuellonCommand, WritesMetricsWhateverTheCardIsCalled) {
+  FakeCard::SetProperty("device/name", "A\"B\\C\x01\x7F\xFF\tD\n");
+  std::string const metrics = ToolRun({"health", "--prometheus"}).output;
+  EXPECT_THAT(metrics, HasSubstr(R"({name="A\"B\\C????D",)"));
+}
+
 class QuellonCommandFile : public QuellonCommand {
  protected:
   QuellonCommandFile() { Machine::MakeFile("/mnt/metrics/quellon.prom", "old\n"); }
@@ -622,6 +1012,28 @@ TEST_F(QuellonCommandFile, IsReplacedAsAWhole) {
   EXPECT_THAT(Machine::ReadFile("/mnt/metrics/quellon.prom"), HasSubstr("quellon_card_state 0\n"));
   EXPECT_THAT(Names(), ElementsAre("quellon.prom"));
   EXPECT_EQ(fs::status(Machine::Real("/mnt/metrics/quellon.prom")).permissions(), fs::perms(0644));
+}
+
+// Then the file tells what is wrong; only where there is none, the program does.
+TEST_F(QuellonCommandFile, EndsWellOnceItIsWrittenWhateverIsWrong) {
+  Machine::MakeFile(CounterFile::kPath, CounterFile::Text(3));
+  EXPECT_EQ(Write().status, Fine);
+  EXPECT_THAT(Machine::ReadFile("/mnt/metrics/quellon.prom"), HasSubstr("quellon_problems 1\n"));
+}
+
+TEST_F(QuellonCommandFile, IsWrittenIntoNoOtherFile) {
+  for (bool const isSymbolic : {false, true}) {
+    Machine::MakeFile("/mnt/other", "other\n");
+    fs::path const next = Machine::Real("/mnt/metrics/quellon.prom.new");
+    if (isSymbolic) {
+      fs::create_symlink(Machine::Real("/mnt/other"), next);
+    } else {
+      fs::create_hard_link(Machine::Real("/mnt/other"), next);
+    }
+    EXPECT_EQ(Write().status, Fine);
+    EXPECT_EQ(Machine::ReadFile("/mnt/other"), "other\n");
+    EXPECT_THAT(Names(), ElementsAre("quellon.prom"));
+  }
 }
 
 TEST_F(QuellonCommandFile, StaysAsItIsWhereTheNextCannotBeWritten) {

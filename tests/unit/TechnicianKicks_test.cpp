@@ -5,6 +5,7 @@
 #include <atomic>
 #include <cerrno>
 #include <chrono>
+#include <cstdint>
 #include <string>
 #include <thread>
 
@@ -98,6 +99,77 @@ TEST_F(TechnicianKicks, AreNotForAWatchdogThatSomebodyHolds) {
   FakeDevice::Open("1", 30, "/dev/watchdog0");
   EXPECT_EQ(Check(0).output.find("watchdog"), std::string::npos);
   EXPECT_EQ(kicks, 0);
+}
+
+// Kernels without CONFIG_WATCHDOG_SYSFS do not tell whether it is armed: it may be.
+TEST_F(TechnicianKicks, AreForAWatchdogOfWhichTheKernelTellsNothing) {
+  Machine::RemoveFile("/sys/class/watchdog");
+  ToolRun const run = Check(2);
+  EXPECT_EQ(run.status, Quellon::Tool::Fine) << run.output;
+  EXPECT_GE(kicksInTime, 2);
+  EXPECT_FALSE(isStopped) << "it may have been armed";
+  EXPECT_TRUE(run.Shows("watchdog",
+                        "armed: start the service within 1 min 0 s, or the board "
+                        "restarts"))
+      << run.output;
+}
+
+TEST_F(TechnicianKicks, ComeWithinAMinuteWhereTheKernelTellsNoTimeout) {
+  FakeDevice::SetWatchdog("timeout", "0");
+  Check(2);
+  EXPECT_GE(kicksInTime, 2);
+  EXPECT_EQ(timeout, 60);
+}
+
+// What takes longer hangs, and is the watchdog's to end.
+TEST_F(TechnicianKicks, EndAfterTwoHours) {
+  using std::chrono::nanoseconds;
+  std::atomic<std::int64_t> passed = 0;
+  hooks().steady = [&passed] { return nanoseconds(passed); };
+  threads.waitSemaphoreUntil = [&](auto&&...) {
+    passed += nanoseconds(std::chrono::seconds(15)).count();
+    std::this_thread::yield();
+    return ETIMEDOUT;
+  };
+  auto const await = [&](std::chrono::hours time, std::chrono::milliseconds limit) {
+    timespec real{};
+    auto const now = [&] {
+      clock_gettime(CLOCK_MONOTONIC_RAW, &real);
+      return std::chrono::seconds(real.tv_sec) + nanoseconds(real.tv_nsec);
+    };
+    auto const deadline = now() + limit;
+    while (nanoseconds(passed) < time && now() < deadline) std::this_thread::yield();
+    return nanoseconds(passed);
+  };
+  nanoseconds end{};
+  hooks().system = [&](std::string const&) {
+    EXPECT_GE(await(std::chrono::hours(2), std::chrono::seconds(60)), std::chrono::hours(2));
+    end = await(std::chrono::hours(4), std::chrono::milliseconds(20));
+    return Answer::Success();
+  };
+  ToolRun({"card", "check"});
+  hooks().steady = nullptr;
+  EXPECT_LT(end, std::chrono::hours(2) + std::chrono::minutes(1));
+}
+
+// The proof of a large card takes longer than anything that hangs may.
+TEST_F(TechnicianKicks, GoOnAsLongAsAProofDoes) {
+  FakeDevice::Mount("/dev/mmcblk1p1 /mnt/sdcard ext4 rw");
+  device.card.space.f_blocks = 4096;
+  device.card.space.f_bfree = 4096;
+  std::atomic<int> passed = 0;  // minutes
+  hooks().steady = [&passed] { return std::chrono::minutes(passed); };
+  threads.waitSemaphoreUntil = [](sem_t* semaphore, auto&&...) {
+    sem_wait(semaphore);
+    return 0;
+  };
+  hooks().write = [&](int, void const*, std::size_t size) -> std::optional<ssize_t> {
+    if (size > 4096) passed += 30;
+    return std::nullopt;
+  };
+  EXPECT_EQ(ToolRun({"card", "prove", "--erase"}).status, Quellon::Tool::Fine);
+  hooks().steady = nullptr;
+  EXPECT_GE(kicks, 15);
 }
 
 TEST_F(TechnicianKicks, AreLeftOutWhereTheWatchdogCannotBeOpened) {

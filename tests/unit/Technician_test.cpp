@@ -2,6 +2,8 @@
 // card. The others are in the card ring, under the same name.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <unistd.h>
 
 #include <cstring>
@@ -50,6 +52,20 @@ TEST_F(Technician, FindsNoCard) {
 TEST_F(Technician, FindsACardThatWasPulled) {
   Machine::RemoveFile("/sys/block/mmcblk1");
   ExpectWrong({"card"}, "the card was pulled while it was mounted", "restart the service");
+}
+
+// The old one stays mounted, and the new one has nodes of the same names.
+TEST_F(Technician, FindsAnotherCardInTheSlotThanIsMounted) {
+  auto const stat = Machine::hooks().stat;
+  Machine::hooks().stat = [stat](std::string const& path, struct stat* status) {
+    auto const answer = stat(path, status);
+    if (path == "/dev/mmcblk1p1") status->st_rdev = makedev(179, 99);
+    return answer;
+  };
+  ExpectWrong({"card"}, "the card was pulled while it was mounted, and another put in",
+              "restart the service");
+  ToolRun const run({"health", "--prometheus"});
+  EXPECT_THAT(run.output, testing::HasSubstr("quellon_card_state 3\n"));
 }
 
 TEST_F(Technician, FindsAWriteProtectedCard) {

@@ -8,6 +8,7 @@
 #include "CardFacts.h"
 #include "CardWork.h"
 #include "Command.h"
+#include "DiskUtils/CardDirectory.h"
 #include "DiskUtils/CardPreparation.h"
 #include "DiskUtils/internal/CardSlot.h"
 #include "Reading.h"
@@ -103,8 +104,16 @@ State MountedState(Report& report, Mounted const& mounted, bool isProtected) {
   return errors > 0 || mounted.isReadOnly ? State::Malfunction : State::InService;
 }
 
+// The kernel gives another card in the slot the names of the one that was pulled, which stays
+// mounted as long as it is used.
+bool IsAnother(Mounted const& mounted) {
+  DiskUtils::CardDirectory const root(DiskUtils::kCardMountPoint, mounted.device);
+  return !root.IsOpen() && (errno == EXDEV || errno == ENOENT);
+}
+
+using Kind = DiskUtils::CardContents::Kind;
+
 bool HasExt(DiskUtils::CardContents const& contents) {
-  using Kind = DiskUtils::CardContents::Kind;
   auto const isExt = [](Kind kind) { return kind == Kind::Ext || kind == Kind::NewExt; };
   return isExt(contents.whole) || std::ranges::any_of(contents.partitions, isExt);
 }
@@ -116,10 +125,15 @@ void LookAtContents(Report& report) {
     return report.Complain("the card is not mounted", "quellon card, as root");
   }
   report.Tell("holds", contents.Describe());
-  if (!Exists(DiskUtils::kCardPartition)) {
+  if (contents.whole == Kind::LostExt) {
+    report.Complain("the card has lost its partition table",
+                    "have it restored; quellon card prepare --erase gives up what it holds");
+  } else if (!Exists(DiskUtils::kCardPartition)) {
     report.Complain("the card has no partition", "quellon card prepare");
   } else if (contents.isUnreadable) {
     report.Complain("the card cannot be read", "dmesg; replace the card");
+  } else if (std::ranges::count(contents.partitions, Kind::LostExt) > 0) {
+    report.Complain("the file system has lost its beginning", "quellon card check --repair");
   } else if (!HasExt(contents)) {
     report.Complain("the card holds no ext4", "quellon card prepare");
   } else {
@@ -147,6 +161,11 @@ State StateOfCard(Report& report, bool isRead) {
     return State::NotUsable;
   }
   AddIdentity(report);
+  if (mounted && IsAnother(*mounted)) {
+    report.Complain("the card was pulled while it was mounted, and another put in",
+                    "restart the service");
+    return State::NotUsable;
+  }
   bool const isProtected = ReadNumber(OfCard("/ro")).value_or(0) != 0;
   State const state = mounted ? MountedState(report, *mounted, isProtected)
                               : UnmountedState(report, isProtected, isRead);

@@ -10,7 +10,7 @@ namespace Quellon::Tool {
 namespace {
 
 constexpr std::size_t kLargestTable = std::size_t{1} << 20;
-constexpr std::string_view kMountPoint = "/mnt/sdcard";  // as the kernel writes it, without a slash
+constexpr char const* kMountPoint = "/mnt/sdcard";  // as the kernel writes it, without a slash
 
 // Kernels from 6.15 on tell an error that has ended writing in words of their own.
 bool HasReadOnly(std::string const& options) {
@@ -26,6 +26,7 @@ bool HasReadOnly(std::string const& options) {
 // The last line is what covers the others.
 std::optional<Mounted> MountedCard() {
   std::optional<Mounted> found;
+  std::string const mountPoint = Resolve(kMountPoint);
   std::istringstream table(ReadFile("/proc/self/mounts", kLargestTable).value_or(""));
   for (std::string line; std::getline(table, line);) {
     std::istringstream words(line);
@@ -34,13 +35,14 @@ std::optional<Mounted> MountedCard() {
     std::string type;
     std::string options;
     words >> device >> place >> type >> options;
-    if (place == kMountPoint) found = Mounted{device, type, HasReadOnly(options)};
+    if (place == mountPoint) found = Mounted{device, type, HasReadOnly(options)};
   }
   return found;
 }
 
 std::vector<std::string_view> const& PlacesOfTheCard() {
-  static std::vector<std::string_view> const places = {kMountPoint, "/dev/mmcblk1", kLog};
+  static std::vector<std::string_view> const places = {kMountPoint, "/dev/mmcblk1", kLog,
+                                                       kOlderLog};
   return places;
 }
 

@@ -3,7 +3,9 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstring>
+#include <iterator>
 #include <map>
 #include <optional>
 #include <vector>
@@ -12,7 +14,6 @@
 #include "Device.h"
 #include "Reading.h"
 #include "Report.h"
-#include "base/internal/UniqueDir.h"
 
 namespace Quellon::Tool {
 
@@ -46,21 +47,30 @@ struct Sum {
 
 struct Listing {
   std::vector<File> files;
-  std::size_t tooLarge = 0;  ///< for a board of 32 bits
+  std::size_t tooLarge = 0;         ///< for a board of 32 bits
+  std::vector<std::string> unread;  ///< with the reason
 };
 
-// Everything but directories, as the library's catalogue has it. Nothing, with `errno`, where the
-// directory cannot be read.
-std::optional<Listing> List(std::string const& directory) {
-  Tarvik::UniqueDir const stream(opendir(directory.c_str()));
-  if (stream == nullptr) return std::nullopt;
+// What is missing was deleted meanwhile.
+void AddFile(Listing& listing, std::string const& directory, std::string const& name) {
+  struct stat status {};
+  if (lstat((directory + name).c_str(), &status) != 0) {
+    if (errno == EOVERFLOW) ++listing.tooLarge;
+    bool const isUnread = errno != EOVERFLOW && errno != ENOENT;
+    if (isUnread) listing.unread.push_back(directory + name + ": " + std::strerror(errno));
+  } else if (!S_ISDIR(status.st_mode)) {
+    listing.files.push_back({name, status.st_mtime, static_cast<double>(status.st_size)});
+  }
+}
+
+// Everything but directories, as the library's catalogue has it. Nothing where the time is over.
+std::optional<Listing> List(std::string const& directory, std::vector<std::string> const& names,
+                            std::chrono::seconds limit) {
+  auto const start = std::chrono::steady_clock::now();
   Listing listing;
-  while (dirent const* entry = readdir(stream.get())) {
-    struct stat status {};
-    bool const isRead = lstat((directory + entry->d_name).c_str(), &status) == 0;
-    if (!isRead && errno == EOVERFLOW) ++listing.tooLarge;
-    if (!isRead || S_ISDIR(status.st_mode)) continue;
-    listing.files.push_back({entry->d_name, status.st_mtime, static_cast<double>(status.st_size)});
+  for (std::string const& name : names) {
+    AddFile(listing, directory, name);
+    if (std::chrono::steady_clock::now() - start > limit) return std::nullopt;
   }
   return listing;
 }
@@ -151,18 +161,25 @@ void ComplainOfListing(Report& report, Listing const& listing) {
     report.Complain(std::to_string(listing.tooLarge) + " files are too large to be counted",
                     "copy files of 2 GiB and more elsewhere and delete them");
   }
-  if (listing.files.empty()) report.Complain("no recordings", "quellon card; quellon log");
+  for (std::string const& file : listing.unread) report.Miss(file);
+  if (listing.files.empty() && listing.unread.empty())
+    report.Complain("no recordings", "quellon card; quellon log");
 }
 
 }  // namespace
 
-void LookAtCatalogue(Report& report, std::string const& directory) {
+void LookAtCatalogue(Report& report, std::string const& directory, std::chrono::seconds limit) {
   report.Begin("catalogue");
-  auto const listing = List(directory);
+  auto const names = NamesIn(directory);
   auto const space = SpaceOf(directory);
-  if (!listing || !space) {
+  if (!names || !space) {
     report.Summarize("unknown");
     return report.Miss(directory + ": " + std::strerror(errno));
+  }
+  auto const listing = List(directory, *names, limit);
+  if (!listing) {
+    report.Summarize("unknown");
+    return report.Miss(directory + ": its files take longer than " + ShowDuration(limit.count()));
   }
   AddSums(report, listing->files, space->total);
   std::vector<File> recordings;
@@ -178,7 +195,7 @@ Status RunCatalogue(Arguments const& arguments) {
   if (directory.starts_with('-')) return ComplainOfUsage("catalogue");
   if (!directory.ends_with('/')) directory += '/';
   Report report;
-  LookAtCatalogue(report, directory);
+  LookAtCatalogue(report, directory, std::chrono::hours(24));
   return Print(report);
 }
 

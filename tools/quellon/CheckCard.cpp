@@ -6,6 +6,7 @@
 
 #include "CardWork.h"
 #include "DiskUtils/internal/CardSlot.h"
+#include "Interruption.h"
 #include "Kicks.h"
 #include "Reading.h"
 #include "Refusal.h"
@@ -19,6 +20,7 @@ namespace {
 // Codes of fsck(8), which are sums of bits.
 constexpr int kUncorrected = 4;
 constexpr int kNotChecked = 8;
+constexpr int kNotFound = 127;  // of the shell
 
 int RunCheck(bool repairs) {
   std::string command = repairs ? "fsck -f -y " : "fsck -f -n ";
@@ -29,7 +31,9 @@ int RunCheck(bool repairs) {
 
 Report VerdictOf(int code, bool repairs) {
   Report report;
-  if (code >= kNotChecked) {
+  if (code == kNotFound) {
+    report.Complain("the card could not be checked", "put fsck and fsck.ext4 on the device");
+  } else if (code >= kNotChecked) {
     report.Complain("the card could not be checked",
                     "see what the check printed; no ext4: quellon card prepare");
   } else if ((code & kUncorrected) != 0) {
@@ -50,6 +54,7 @@ Status CheckCard(Arguments arguments) {
   if (auto const refused = RefuseWhileCardIsUsed("it cannot be checked")) return *refused;
   if (auto const refused = RefuseWhileCardIsMounted()) return *refused;
   if (!Exists(DiskUtils::kCardPartition)) return RunCard({});
+  Interruption const interruption;  // a check that corrects errors is not left in the middle
   KicksMeanwhile const kicks;
   return Print(VerdictOf(RunCheck(repairs), repairs));
 }

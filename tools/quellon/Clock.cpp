@@ -20,6 +20,7 @@ namespace Quellon::Tool {
 namespace {
 
 constexpr long long kSlack = 60;  // seconds that the two may differ
+constexpr char const* kHowToSet = "quellon clock --set 'YEAR-MONTH-DAY HOUR:MINUTE:SECOND'";
 constexpr char const* kSeconds = "/sys/class/rtc/rtc0/since_epoch";
 
 // The clock holds local time, which the kernel takes for UTC. Read from sysfs, the device need not
@@ -47,7 +48,7 @@ std::string Verdict(std::time_t now) {
 }
 
 void ComplainOfClocks(Report& report, std::time_t now, std::optional<std::time_t> battery) {
-  std::string const remedy = "quellon clock --set 'YEAR-MONTH-DAY HOUR:MINUTE:SECOND'";
+  std::string const remedy = kHowToSet;
   if (std::string const verdict = Verdict(now); verdict != "plausible") {
     report.Complain("the system clock is " + verdict, remedy);
   }
@@ -59,15 +60,6 @@ void ComplainOfClocks(Report& report, std::time_t now, std::optional<std::time_t
   }
 }
 
-std::optional<std::time_t> ParseTime(std::string const& text) {
-  tm calendar{};
-  char const* const end = strptime(text.c_str(), "%Y-%m-%d %H:%M:%S", &calendar);
-  if (end == nullptr || *end != '\0') return std::nullopt;
-  calendar.tm_isdst = -1;
-  Tarvik::CalendarLock const lock;
-  return mktime(&calendar);
-}
-
 Status SetClocks(std::time_t seconds) {
   if (auto const refused = RefuseWhileCardIsUsed("the times of recordings would be out of order")) {
     return *refused;
@@ -75,6 +67,39 @@ Status SetClocks(std::time_t seconds) {
   if (RTC::Rtc(kClock).Set(seconds)) return Fine;
   std::cerr << "quellon: " << kClock << ": " << std::strerror(errno) << std::endl;
   return Wrong;
+}
+
+// Why a time that was asked for makes no sense, where it does not; `seconds` and `found` are what
+// has become of it.
+char const* WhyNot(tm const& asked, std::time_t seconds, tm const& found) {
+  constexpr int kFirstYear = 2020 - 1900;
+  bool const isHeld = seconds != -1;  // on 32 bits, until 2038
+  if (asked.tm_year < kFirstYear || (isHeld && seconds < kFirstPlausible)) {
+    return " is before 2020: what is recorded then is deleted first";
+  }
+  if (!isHeld) return " is too late for this device";
+  return found.tm_mday == asked.tm_mday ? nullptr : " is in no calendar";
+}
+
+Status SetClocksTo(std::string const& text) {
+  tm asked{};
+  char const* const end = strptime(text.c_str(), "%Y-%m-%d %H:%M:%S", &asked);
+  if (end == nullptr || *end != '\0') return ComplainOfUsage("clock");
+  asked.tm_isdst = -1;
+  tm found = asked;
+  std::time_t const seconds = [&found] {
+    Tarvik::CalendarLock const lock;
+    return mktime(&found);
+  }();
+  char const* const why = WhyNot(asked, seconds, found);
+  return why == nullptr ? SetClocks(seconds) : Refuse(text + why, kHowToSet);
+}
+
+// A clock that was reset is none to set another by.
+Status SetFromSystemClock() {
+  std::time_t const now = time(nullptr);
+  if (now < kFirstPlausible) return Refuse("the system clock was reset", kHowToSet);
+  return SetClocks(now);
 }
 
 }  // namespace
@@ -101,9 +126,8 @@ Status RunClock(Arguments const& given) {
   bool const sets = Take(arguments, "--set");
   if (arguments.size() > (sets ? 1U : 0U)) return ComplainOfUsage("clock");
   if (sets) {
-    auto const wanted = arguments.empty() ? time(nullptr) : ParseTime(arguments[0]);
-    if (!wanted) return ComplainOfUsage("clock");
-    if (Status const status = SetClocks(*wanted); status != Fine) return status;
+    Status const status = arguments.empty() ? SetFromSystemClock() : SetClocksTo(arguments[0]);
+    if (status != Fine) return status;
   }
   Report report;
   LookAtClock(report);

@@ -11,6 +11,7 @@ inline constexpr char const* kLog = "/var/log/quellon.log";
 inline constexpr char const* kOlderLog = "/var/log/quellon.log.1";
 inline constexpr char const* kClock = "/dev/rtc0";
 inline constexpr char const* kWatchdog = "/dev/watchdog";
+inline constexpr char const* kNumberedWatchdog = "/dev/watchdog0";  // the same
 inline constexpr char const* kWatchdogProperties = "/sys/class/watchdog/watchdog0/";
 
 /// 2020. No device of this kind is older: a clock before it was reset.

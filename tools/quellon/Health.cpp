@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <cstring>
 #include <iostream>
@@ -36,11 +37,14 @@ void LookAtBoard(Report& report) {
   report.Summarize(summary);
 }
 
+// Somebody asks each minute.
+constexpr std::chrono::seconds kLongestWalk(10);
+
 Report LookAtAll() {
   Report report;
   LookAtBoard(report);
   LookAtCard(report, false);
-  LookAtCatalogue(report, kRecordings);
+  LookAtCatalogue(report, kRecordings, kLongestWalk);
   LookAtClock(report);
   LookAtWatchdog(report);
   LookAtCounter(report);
@@ -51,8 +55,9 @@ Report LookAtAll() {
 bool Replace(std::string const& path, std::string const& text) {
   std::string const next = path + ".new";
   constexpr mode_t kReadableByAll = 0644;
+  unlink(next.c_str());  // of a run that was cut off; or somebody else's, who would be written to
   Tarvik::UniqueFd const file(
-      Tarvik::OpenFile(next.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW, kReadableByAll));
+      Tarvik::OpenFile(next.c_str(), O_WRONLY | O_CREAT | O_EXCL, kReadableByAll));
   if (!file.IsOpen()) return false;
   bool const isWritten =
       Tarvik::WriteAll(file.Get(), text) == text.size() && fsync(file.Get()) == 0;
@@ -63,8 +68,9 @@ bool Replace(std::string const& path, std::string const& text) {
   return false;
 }
 
+// What is wrong, the file tells: a failure of the program is that there is none.
 Status Export(Report const& report, std::string const& path) {
-  if (Replace(path, report.ToPrometheus())) return report.GetStatus();
+  if (Replace(path, report.ToPrometheus())) return Fine;
   std::cerr << "quellon: " << path << ": " << std::strerror(errno) << std::endl;
   return Wrong;
 }

@@ -1,6 +1,5 @@
 #include "Kicks.h"
 
-#include <algorithm>
 #include <iostream>
 
 #include "Device.h"
@@ -10,19 +9,19 @@
 
 namespace Quellon::Tool {
 
+// Not every kernel tells the state and the timeout.
 KicksMeanwhile::KicksMeanwhile() {
+  constexpr int kUsualTimeout = 60;
   std::string const properties = kWatchdogProperties;
-  auto const timeout = static_cast<int>(ReadNumber(properties + "timeout").value_or(0));
-  bool const isArmed = ReadLine(properties + "state") == "active";
-  if (!isArmed || timeout < 1 || !UsersOf({kWatchdog}).found.empty()) return;
-  if (guard.Open(timeout) != WatchdogGuard::Result::Done) return;
-  period = std::max(period, std::chrono::seconds(timeout / 4));
-  Start();
+  bool const mayBeArmed = ReadLine(properties + "state").value_or("active") == "active";
+  if (!mayBeArmed || !WatchdogHolders().found.empty()) return;
+  auto const told = static_cast<int>(ReadNumber(properties + "timeout").value_or(0));
+  int const timeout = told > 0 ? told : kUsualTimeout;
+  if (guard.Open(timeout) == WatchdogGuard::Result::Done) GoOn();
 }
 
 KicksMeanwhile::~KicksMeanwhile() {
-  Cancel();
-  Join();
+  kicks.reset();
   if (!guard.IsOpen()) return;
   guard.Kick();
   std::cout << Line("watchdog", "armed: start the service within " +
@@ -30,8 +29,10 @@ KicksMeanwhile::~KicksMeanwhile() {
             << std::flush;
 }
 
-void KicksMeanwhile::Run() {
-  if (!over.WaitFor(period)) guard.Kick();
+void KicksMeanwhile::GoOn() {
+  if (!guard.IsOpen()) return;
+  guard.Kick();
+  kicks.emplace(guard, std::chrono::hours(2));
 }
 
 }  // namespace Quellon::Tool

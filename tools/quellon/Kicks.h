@@ -1,33 +1,31 @@
 // A watchdog that its service has left armed.
 #pragma once
 
-#include <chrono>
+#include <optional>
 
+#include "Watchdog/BackgroundKicks.h"
 #include "Watchdog/WatchdogGuard.h"
-#include "base/ISemaphore.h"
-#include "base/IThread.h"
 
 namespace Quellon::Tool {
 
-/// While one exists, a watchdog that is armed and that nobody holds is kicked: a service that was
-/// stopped for long work on the card leaves it so, and the board would restart in the middle. At
-/// the end it is left as it was found. One that is not armed, or held, is left alone.
-class KicksMeanwhile : public Tarvik::Interfaces::IThread {
+/// While one exists, a watchdog that nobody holds, and that is armed or may be, is kicked: a
+/// service that was stopped for long work on the card leaves it armed, and the board would restart
+/// in the middle. At the end it stays armed. One that is not, or is held, is left alone.
+class KicksMeanwhile {
  public:
   KicksMeanwhile();
   KicksMeanwhile(KicksMeanwhile const&) = delete;
   KicksMeanwhile& operator=(KicksMeanwhile const&) = delete;
   /// Tells on standard output how long there is to start the service again.
-  ~KicksMeanwhile() override;
+  ~KicksMeanwhile();
 
-  void Run() override;
+  /// Kicks for two hours from now on. What has taken so long without a sign of life hangs, and is
+  /// the watchdog's to end.
+  void GoOn();
 
  private:
-  void Stopping() override { over.Notify(); }
-
   WatchdogGuard guard;
-  std::chrono::seconds period{1};
-  Tarvik::Interfaces::ISemaphore over;
+  std::optional<BackgroundKicks> kicks;
 };
 
 }  // namespace Quellon::Tool

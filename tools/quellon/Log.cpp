@@ -1,6 +1,8 @@
 // The last lines of the log.
 #include <algorithm>
+#include <cerrno>
 #include <charconv>
+#include <cstring>
 #include <deque>
 #include <iostream>
 #include <optional>
@@ -64,13 +66,16 @@ Status RunLog(Arguments const& arguments) {
   if (!choice) return ComplainOfUsage("log");
   auto const older = ReadFile(kOlderLog, kLargest);
   auto const newer = ReadFile(kLog, kLargest);
+  int const error = newer ? 0 : errno;
   for (auto const& line : LastLines(older.value_or("") + newer.value_or(""), *choice)) {
     std::cout << line << '\n';
   }
   Report report;
   Users const writers = UsersOf({kLog});
   report.Tell("written by", Show(writers));
-  if (!newer) {
+  if (error != 0 && error != ENOENT) {
+    report.Miss(std::string(kLog) + ": " + std::strerror(error));
+  } else if (!newer) {
     report.Complain("there is no log", "see whether the service runs and /var/log is writable");
   } else if (writers.found.empty() && writers.isComplete) {
     report.Complain("nobody writes the log",

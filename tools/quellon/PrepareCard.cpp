@@ -1,10 +1,12 @@
 // A card as it was bought is made one that can be used.
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <iostream>
 
 #include "CardWork.h"
 #include "DiskUtils/CardPreparation.h"
+#include "Interruption.h"
 #include "Kicks.h"
 #include "Refusal.h"
 #include "Report.h"
@@ -29,17 +31,35 @@ char const* RemedyFor(PreparationResult result) {
     case PreparationResult::CheckFailed:
     case PreparationResult::NotKept:
       return "replace the card";
+    case PreparationResult::Exchanged:
+      return "put the right card in; quellon card prepare, once more";
+    case PreparationResult::CommandMissing:
+      return "put sfdisk, mkfs.ext4 and fsck.ext4 on the device";
     default:
       return "run it as root; dmesg";
   }
 }
 
+// What has lost its table or its beginning looks empty to others.
+char const* RemedyForRecordings() {
+  using Kind = DiskUtils::CardContents::Kind;
+  DiskUtils::CardContents card;
+  if (CardPreparation::Look(card) == PreparationResult::Done) {
+    if (card.whole == Kind::LostExt) {
+      return "have its partition table restored; or give up what it holds: quellon card prepare "
+             "--erase";
+    }
+    if (std::ranges::count(card.partitions, Kind::LostExt) > 0) {
+      return "quellon card check --repair; or give up what it holds: quellon card prepare --erase";
+    }
+  }
+  return "copy them; quellon card prepare --erase";
+}
+
 Status Tell(PreparationResult result) {
   int const error = errno;
   std::string const what = CardPreparation::Describe(result);
-  if (result == PreparationResult::MayHoldRecordings) {
-    return Refuse(what, "copy them; quellon card prepare --erase");
-  }
+  if (result == PreparationResult::MayHoldRecordings) return Refuse(what, RemedyForRecordings());
   if (result == PreparationResult::InUse) return Refuse(what, "lsblk /dev/mmcblk1; unmount it");
   Report report;
   if (result == PreparationResult::Done) {
@@ -58,6 +78,7 @@ Status PrepareCard(Arguments arguments) {
   bool const erases = Take(arguments, "--erase");
   if (!arguments.empty()) return ComplainOfUsage("card");
   if (auto const refused = RefuseWhileCardIsUsed("its contents would go")) return *refused;
+  Interruption const interruption;  // it is done in seconds
   KicksMeanwhile const kicks;
   using Permission = CardPreparation::Permission;
   return Tell(CardPreparation::Prepare(

@@ -11,11 +11,13 @@
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
+#include <memory>
 
 #include "base/Date.h"
 #include "base/UniqueFd.h"
 #include "base/internal/OpenFile.h"
 #include "base/internal/Restart.h"
+#include "base/internal/UniqueDir.h"
 
 namespace Quellon::Tool {
 
@@ -73,6 +75,27 @@ std::string ReadLink(std::string const& path) {
   std::array<char, PATH_MAX> target;
   ssize_t const length = readlink(path.c_str(), target.data(), target.size());
   return {target.data(), static_cast<std::size_t>(std::max<ssize_t>(length, 0))};
+}
+
+std::string Resolve(std::string const& path) {
+  std::unique_ptr<char, decltype(&std::free)> const found(realpath(path.c_str(), nullptr),
+                                                          &std::free);
+  if (found != nullptr) return found.get();
+  std::size_t const slash = path.rfind('/');
+  if (slash == 0 || slash == std::string::npos) return path;
+  return Resolve(path.substr(0, slash)) + path.substr(slash);
+}
+
+std::optional<std::vector<std::string>> NamesIn(std::string const& folder) {
+  Tarvik::UniqueDir const directory(opendir(folder.c_str()));
+  if (directory == nullptr) return std::nullopt;
+  std::vector<std::string> names;
+  for (errno = 0; dirent const* entry = readdir(directory.get()); errno = 0) {
+    std::string const name = entry->d_name;
+    if (name != "." && name != "..") names.push_back(name);
+  }
+  if (errno != 0) return std::nullopt;
+  return names;
 }
 
 std::optional<Space> SpaceOf(std::string const& path) {

@@ -4,6 +4,7 @@
 #include <ctime>
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace Quellon::Tool {
 
@@ -19,6 +20,14 @@ std::optional<long long> ReadNumber(std::string const& path);
 
 /// Where a link leads; empty when that cannot be read.
 std::string ReadLink(std::string const& path);
+
+/// Where a path leads by way of links, as the kernel shows it of what is open or mounted. What does
+/// not exist is taken for a name in its folder.
+std::string Resolve(std::string const& path);
+
+/// The names of what a folder holds, but for itself and its parent; nothing, with `errno`, where it
+/// cannot be read to its end. It is no longer open then, which would keep it from being unmounted.
+std::optional<std::vector<std::string>> NamesIn(std::string const& folder);
 
 /// Bytes of the file system that holds `path`.
 struct Space {

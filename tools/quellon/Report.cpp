@@ -18,6 +18,17 @@ std::string Number(Json::Value const& value) {
   return value.IsBool() ? std::to_string(static_cast<int>(value.ToBool())) : Serialize(value);
 }
 
+// Bytes that are neither printable nor ASCII may be no text at all: a card's name is whatever its
+// maker, or a fault, has put there.
+std::string LabelValue(std::string const& text) {
+  std::string value = "\"";
+  for (char const c : text) {
+    if (c == '"' || c == '\\') value += '\\';
+    value += c >= ' ' && c <= '~' ? c : '?';
+  }
+  return value + '"';
+}
+
 std::string Metric(std::string const& name, std::string const& help, std::string const& labels,
                    std::string const& number) {
   std::string const full = kPrefix + name;
@@ -114,9 +125,8 @@ std::string Report::ToPrometheus() const {
   std::map<std::string, std::string> information;
   for (Fact const& fact : facts) {
     if (fact.value.IsString()) {
-      // JSON escapes what Prometheus does, and the values hold no more.
       std::string& labels = information[fact.subject];
-      labels += (labels.empty() ? "" : ",") + fact.key + "=" + Serialize(fact.value);
+      labels += (labels.empty() ? "" : ",") + fact.key + "=" + LabelValue(fact.value.ToString());
     } else if (!fact.key.empty()) {
       text += Metric(fact.subject + "_" + fact.key, fact.subject + ": " + fact.label, "",
                      Number(fact.value));

@@ -1,6 +1,7 @@
 // What was found out about the device, in the forms that people and programs read.
 #pragma once
 
+#include <chrono>
 #include <string>
 #include <vector>
 
@@ -68,7 +69,8 @@ Status Print(Report const& report);
 
 // The subjects. Each adds what it finds out, and changes nothing.
 void LookAtCard(Report& report, bool isRead);  ///< whether one that is not mounted is read
-void LookAtCatalogue(Report& report, std::string const& directory);
+/// Gives up when it takes longer than `limit`.
+void LookAtCatalogue(Report& report, std::string const& directory, std::chrono::seconds limit);
 void LookAtWatchdog(Report& report);
 void LookAtClock(Report& report);
 void LookAtCounter(Report& report);

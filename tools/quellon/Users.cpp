@@ -3,8 +3,9 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cctype>
+#include <sstream>
 
+#include "Device.h"
 #include "Reading.h"
 #include "base/internal/UniqueDir.h"
 
@@ -27,10 +28,25 @@ std::string UnitOf(std::string const& process) {
   return groups.substr(begin, end + kService.size() - begin);
 }
 
+// What follows the name of a card in that of a partition: "p1".
+bool IsPartition(std::string_view rest) {
+  return rest.starts_with('p') && IsNumber(rest.substr(1));
+}
+
+// Whole names are compared: "/dev/watchdog1" is not "/dev/watchdog".
+bool Belongs(std::string_view path, std::string_view place) {
+  if (!path.starts_with(place)) return false;
+  std::string_view const rest = path.substr(place.size());
+  bool const isCard = place.starts_with("/dev/mmcblk");
+  return rest.empty() || rest.starts_with('/') || (isCard && IsPartition(rest));
+}
+
 /// What one process has open, looked through.
 class Look {
  public:
-  explicit Look(std::vector<std::string_view> const& wanted) : places(wanted) {}
+  explicit Look(std::vector<std::string_view> const& wanted) {
+    for (std::string_view const place : wanted) places.push_back(Resolve(std::string(place)));
+  }
 
   bool Finds(std::string const& process) {
     if (IsThere(process + "/cwd")) return true;
@@ -48,12 +64,31 @@ class Look {
 
  private:
   [[nodiscard]] bool IsThere(std::string const& link) const {
-    std::string const target = ReadLink(link);
-    return std::ranges::any_of(places, [&](auto place) { return target.starts_with(place); });
+    constexpr std::string_view kDeleted = " (deleted)";
+    std::string target = ReadLink(link);
+    if (target.ends_with(kDeleted)) target.resize(target.size() - kDeleted.size());
+    return std::ranges::any_of(places, [&](auto const& place) { return Belongs(target, place); });
   }
 
-  std::vector<std::string_view> const& places;
+  std::vector<std::string> places;
 };
+
+// The processes that this one was called by, from the nearest on. "ID (NAME) STATE PARENT ...", and
+// a name may have brackets.
+std::vector<std::string> Callers() {
+  constexpr std::size_t kMost = 64;
+  std::vector<std::string> ids;
+  std::string id = std::to_string(getppid());
+  while (IsNumber(id) && id != "0" && ids.size() < kMost) {
+    ids.push_back(id);
+    std::string const status = ReadFile("/proc/" + id + "/stat").value_or("");
+    std::istringstream words(status.substr(status.rfind(')') + 1));
+    std::string state;
+    id.clear();
+    words >> state >> id;
+  }
+  return ids;
+}
 
 }  // namespace
 
@@ -72,6 +107,10 @@ Users UsersOf(std::vector<std::string_view> const& places) {
   return users;
 }
 
+Users WatchdogHolders() {
+  return UsersOf({kWatchdog, kNumberedWatchdog});
+}
+
 std::string Show(Users const& users) {
   std::string text;
   for (User const& user : users.found) {
@@ -83,8 +122,12 @@ std::string Show(Users const& users) {
 }
 
 std::string HowToStop(Users const& users) {
-  User const& first = users.found.front();
-  return first.unit.empty() ? "kill " + first.id : "systemctl stop " + first.unit;
+  std::vector<std::string> const callers = Callers();
+  auto const isOther = [&](User const& user) { return std::ranges::count(callers, user.id) == 0; };
+  auto const first = std::ranges::find_if(users.found, isOther);
+  if (first == users.found.end()) return "cd /";
+  bool const isService = !first->unit.empty() && first->unit != UnitOf("/proc/self");
+  return isService ? "systemctl stop " + first->unit : "kill " + first->id;
 }
 
 }  // namespace Quellon::Tool

@@ -83,7 +83,7 @@ void LookAtWatchdog(Report& report) {
     return report.Complain("there is no watchdog", "load its driver");
   }
   std::string const state = ReadLine(PathOf("state")).value_or("unknown");
-  Users const holders = UsersOf({kWatchdog});
+  Users const holders = WatchdogHolders();
   report.Add("driver", "driver", ReadLine(PathOf("identity")).value_or("unknown"));
   report.Add("active", "armed", state == "active", state == "active" ? "yes" : "no");
   report.Tell("held by", Show(holders));
