@@ -1,6 +1,6 @@
 """The card is pulled while recording: the service says so, goes on, and takes one put back.
 
-Somebody stands on each card that is pulled, and stays there.
+Somebody stands on each card that is pulled, and leaves before it is put back.
 """
 
 from board.board import Board, expect_equal
@@ -17,11 +17,12 @@ PULLED = """
 until [ "$(sed '1,/{after}/d' /var/log/quellon.log | grep -c 'Recorded .*gps')" = 2 ]; do
     sleep 1
 done
-( (cd /mnt/sdcard && exec sleep 100000) & )
+cd /mnt/sdcard
 hold {name}-pulled
 until [ ! -e /dev/mmcblk1 ]; do usleep 100000; done
 echo lost >/mnt/sdcard/lost; sync
 await {name}-released
+cd /
 sleep 6
 hold {name}-looked-for
 until [ -e /dev/mmcblk1 ]; do usleep 100000; done

@@ -90,10 +90,10 @@ bool WriteBack(Ifile& file) {
 Recorder::Recorder(Settings const& chosen)
     : settings(chosen), system(*Quellon::System::GetInstance()) {}
 
-// The file system of the device's state outlives every card. What cannot be locked for another
-// reason must not keep the device from recording.
+// By what is never unmounted, as it is kept from that. What cannot be locked for another reason
+// must not keep the device from recording.
 bool Recorder::IsAlone() {
-  lock = Tarvik::UniqueFd(open("/root", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  lock = Tarvik::UniqueFd(open("/proc", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   if (flock(lock.Get(), LOCK_EX | LOCK_NB) == 0 || errno != EWOULDBLOCK) return true;
   LogLine(Error) << "[REC] Another recorder is running";
   return false;
@@ -281,7 +281,7 @@ bool Recorder::WriteFiles() {
 // brought to the card every second, so that a power cut costs no more than that.
 bool Recorder::WriteSteadily(Ifile& file, std::size_t& written) {
   auto const rate = settings.bytesPerSecond;
-  std::string slice = Slice(file, rate == 0 ? kSlice : std::min(kSlice, rate / 16 + 1));
+  std::string slice = Slice(file, rate == 0 ? kSlice : std::min(kSlice, rate / 32 + 1));
   auto const begin = steady_clock::now();
   auto safe = begin;
   file.Open(false);

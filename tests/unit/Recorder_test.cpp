@@ -95,7 +95,7 @@ TEST_F(Recorder, BeginsARecordingThatIsStoppedAtOnceWithWhatThereIs) {
   StartRecorder();
   ASSERT_TRUE(ComesTrue([this] { return isHeld.load(); }));
   StopRecorder();
-  EXPECT_GE(Written(), kSlice);
+  EXPECT_GE(Written(), kSlice / 16);  // what comes in in a 32nd of a second
 }
 
 TEST_F(Recorder, TakesACardBackThatWasSwappedBetweenTwoLooksAndGivesItTwoTries) {
@@ -264,7 +264,6 @@ TEST_F(Recorder, ReleasesACardThatIsLostBetweenTwoRecordings) {
 }
 
 TEST_F(Recorder, IsNotAloneWhileAnotherOneIsRunning) {
-  Machine::MakeFile("/root/system.dat", "");
   {
     ::Recorder first(settings);
     ::Recorder second(settings);
@@ -276,6 +275,7 @@ TEST_F(Recorder, IsNotAloneWhileAnotherOneIsRunning) {
 }
 
 TEST_F(Recorder, IsAloneWhereNothingCanBeLocked) {
+  Machine::RemoveFile("/proc");
   EXPECT_TRUE(::Recorder(settings).IsAlone());
   EXPECT_THAT(LinesWith("[REC]"), IsEmpty());
 }
