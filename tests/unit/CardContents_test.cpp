@@ -149,6 +149,7 @@ TEST(CardContents, AreAnExtThatHasLostItsBeginningWhereACopyOfThatIs) {
     }
   }
   EXPECT_EQ(DescriptionOfALarge(Found::Copy(0, 1, 9)), "nothing");
+  EXPECT_EQ(DescriptionOfALarge(Found::Copy(0, 3, 1)), "nothing") << "no blocks are so large";
   auto const copy = Found::Copy(0, 1, 1);
   for (Piece const& other : Pieces{{copy[0].place, Number(2, 4)},
                                    {copy[1].place, Number(0, 1)},
