@@ -3,6 +3,7 @@
 #include <sys/mount.h>
 #include <sys/reboot.h>
 #include <sys/socket.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdarg>
@@ -81,6 +82,12 @@ pid_t fork() noexcept {
   static auto* const next = TheReal<pid_t()>("fork");
   if (auto const failure = FailureOf("fork", "")) return Fail(failure->value);
   return next();
+}
+
+pid_t waitpid(pid_t child, int* status, int options) {
+  static auto* const next = TheReal<decltype(waitpid)>("waitpid");
+  if (auto const failure = FailureOf("waitpid", child)) return Fail(failure->value);
+  return next(child, status, options);
 }
 
 int socketpair(int family, int type, int protocol, int* ends) noexcept {

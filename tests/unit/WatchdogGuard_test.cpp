@@ -864,6 +864,20 @@ class Kept {
   pid_t keeper = 0;
 };
 
+// Before the others: a process that became a keeper would end without a failure.
+TEST_F(WatchdogGuard, GoesOnItselfBesideItsKeeper) {
+  constexpr int kGoesOn = 7;
+  pid_t const service = ChildProcess::Start([] {
+    Driver const driver(kWithoutMagic);
+    Guard guard;
+    guard.Open(60);
+    guard.KeepOpenAfterEnd();
+    guard.Disarm();
+    return kGoesOn;
+  });
+  EXPECT_EQ(WEXITSTATUS(ChildProcess::Wait(service)), kGoesOn);
+}
+
 TEST_F(WatchdogGuard, EndsItsKeeperBeforeItClosesTheDevice) {
   Kept kept;
   EXPECT_EQ(kept.guard->Disarm(), Result::Done);
@@ -951,6 +965,21 @@ TEST_F(WatchdogGuard, HasNoKeeperThatWouldHaveToBeWaitedFor) {
   EXPECT_EQ(guard.KeepOpenAfterEnd(), Result::Done);
   EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1);
   EXPECT_EQ(errno, ECHILD);
+  guard.Disarm();
+}
+
+TEST_F(WatchdogGuard, LeavesNoChildThoughASignalArrivesMeanwhile) {
+  Driver const driver(kWithoutMagic);
+  Guard guard;
+  guard.Open(60);
+  int interrupted = 0;
+  hooks().fault = [&](auto const& call) -> std::optional<Machine::Failure> {
+    if (call.function == "waitpid" && interrupted++ == 0) return EINTR;
+    return std::nullopt;
+  };
+  EXPECT_EQ(guard.KeepOpenAfterEnd(), Result::Done);
+  EXPECT_EQ(interrupted, 2);
+  EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1);
   guard.Disarm();
 }
 
