@@ -4,9 +4,9 @@
   manual.py QUELLON
 
 groff has nothing to say of the pages' form. Of the technician's command each sub-command stands in
-the synopsis with the arguments that its usage line shows, has an entry, and so has each of its options
-and each exit status. The recorder's page has each of its options, the library's each class that the
-first page of the reference begins with.
+the synopsis with the arguments that its usage line shows, has an entry, and so has each of its
+options and each exit status. The recorder's page has each of its options, the library's each class
+that the first page of the reference begins with.
 """
 
 import re
@@ -72,8 +72,8 @@ def contents(quellon: str, text: str) -> list[str]:
 
 
 def recorder() -> list[str]:
-    usage = re.search(r"kUsage =\s*(.*?);", (ROOT / "examples/recorder/main.cpp").read_text(), re.S)[1]
-    options = re.findall(r"--[a-z-]+", usage)
+    program = (ROOT / "examples/recorder/main.cpp").read_text()
+    options = re.findall(r"--[a-z-]+", re.search(r"kUsage =\s*(.*?);", program, re.S)[1])
     page = rendered((ROOT / "packaging/debian/quellon-recorder.8").read_text())
     found = [f"quellon-recorder.8: {option} is not in the synopsis and among the options"
              for option in options if page.count(f"{option} ") < 2]

@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
-"""Compares the packages with the README's table of them: each package has a row, each of its files is
-named there, and whatever is named there is in the packages of both architectures.
+"""Compares the packages with the README's table of them: each package has a row, each of its files
+is named there, and whatever is named there is in the packages of both architectures.
 
   contents.py PACKAGES
 
