@@ -904,6 +904,11 @@ TEST_F(WatchdogGuard, HasAKeeperWithASessionANameAndNothingElse) {
   }
   EXPECT_THAT(open, ElementsAre("0", "1", "2"));
   EXPECT_EQ(std::filesystem::read_symlink(process + "/fd/0"), Machine::Real(kDevice));
+  // Both ends of the channel, so that it does not end with the service.
+  std::set<std::string> const channel{std::filesystem::read_symlink(process + "/fd/1"),
+                                      std::filesystem::read_symlink(process + "/fd/2")};
+  EXPECT_THAT(channel, testing::SizeIs(2));
+  EXPECT_THAT(channel, testing::Each(testing::StartsWith("socket:")));
   EXPECT_EQ(getsid(kept.keeper), kept.keeper);
   std::string name;
   std::getline(std::ifstream(process + "/comm"), name);
