@@ -93,7 +93,9 @@ inline std::vector<Piece> Copy(std::uint64_t sector, unsigned shift, unsigned gr
   std::uint64_t const block = 1024ULL << shift;
   std::uint64_t const blocks = group * 8 * block + (shift == 0 ? 1 : 0);
   std::uint64_t const place = sector * kSector + blocks * block;
-  return {{place + 24, Number(shift, 4)}, {place + 56, "\x53\xEF"}, {place + 90, Number(group, 2)}};
+  return {{place + 24, Number(shift, 4) + Number(shift, 4)},
+          {place + 56, "\x53\xEF\x01"},
+          {place + 90, Number(group, 2) + "\x3C"}};
 }
 
 template <typename... Others>

@@ -193,6 +193,16 @@ TEST(CardContents, AreNotLookedForAnyFurtherOnACardThatCannotBeRead) {
   EXPECT_EQ(asked, 2);
 }
 
+TEST(CardContents, AreHardlyLookedForBeyondTheEnd) {
+  int beyond = 0;
+  hooks().pread64 = [&](int, void*, std::size_t, off64_t place) -> std::optional<ssize_t> {
+    beyond += place >= static_cast<off64_t>(Found::kBytes) ? 1 : 0;
+    return std::nullopt;
+  };
+  EXPECT_EQ(DescriptionOf({}), "nothing");
+  EXPECT_LT(beyond, 20);
+}
+
 // Of a card that has larger ones, a table counts in those.
 TEST(CardContents, AreAtSectorsOfTheCardsOwnLength) {
   hooks().ioctl = [](unsigned long request, void* argument) {

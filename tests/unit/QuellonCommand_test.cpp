@@ -462,7 +462,9 @@ class QuellonCommandProve : public QuellonCommand {
   /// A card with those bytes.
   static void PutIn(std::vector<FoundCards::Piece> const& pieces) {
     std::string bytes(10 << 20, '\0');
-    for (auto const& piece : pieces) bytes.replace(piece.place, piece.bytes.size(), piece.bytes);
+    for (auto const& [place, text] : pieces) {
+      bytes.replace(static_cast<std::size_t>(place), text.size(), text);
+    }
     Machine::MakeFile("/dev/mmcblk1", bytes);
   }
 };
