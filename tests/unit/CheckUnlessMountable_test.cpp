@@ -56,6 +56,12 @@ TEST_F(CheckUnlessMountable, LeavesACardUnmountedThatCanBeMounted) {
   EXPECT_THAT(Machine::Traced("umount"), ElementsAre("umount /mnt/sdcard/"));
 }
 
+TEST_F(CheckUnlessMountable, DoesNotCheckACardThatCanBeMountedThoughItsUnmountFails) {
+  mountError = 0;
+  hooks().umount = [](auto&&) { return Answer::Failure(EIO); };
+  EXPECT_FALSE(Checks());
+}
+
 TEST_F(CheckUnlessMountable, HasACardCheckedForEachDamageThatKernelsTell) {
   for (int const error : {EBADMSG, EUCLEAN, EINVAL, EIO}) {
     Machine::ForgetTrace();
