@@ -90,8 +90,8 @@ bool WriteBack(Ifile& file) {
 Recorder::Recorder(Settings const& chosen)
     : settings(chosen), system(*Quellon::System::GetInstance()) {}
 
-// By what is never unmounted, as it is kept from that. What cannot be locked for another reason
-// must not keep the device from recording.
+// By a lock on what is never unmounted: an open file keeps its file system from that. What cannot
+// be locked for another reason must not keep the device from recording.
 bool Recorder::IsAlone() {
   lock = Tarvik::UniqueFd(open("/proc", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   if (flock(lock.Get(), LOCK_EX | LOCK_NB) == 0 || errno != EWOULDBLOCK) return true;

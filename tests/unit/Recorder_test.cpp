@@ -34,7 +34,7 @@ class Recorder : public RecorderTest {
     load.LetGo();
     settings.recordingBytes = 8 * kSlice;
     settings.bytesPerSecond = 2 * kSlice;
-    settings.periodMilliseconds = 3'600'000;
+    settings.periodMilliseconds = 4'000'000'000;  // pauses are over at once, but not so many
     hooks().steady = [this] { return now.load(); };
     duringPause = [this](timespec const& deadline) {
       if (isHeld) return;
@@ -111,6 +111,7 @@ TEST_F(Recorder, TakesACardBackThatWasSwappedBetweenTwoLooksAndGivesItTwoTries) 
     Machine::RemoveFile("/mnt/sdcard/cr/rec_000002.dat");
     if (isGone && !LinesWith("[REC] Card released").empty()) isGone = false;
   };
+  settings.periodMilliseconds = 3'600'000;
   StartRecorder();
   ASSERT_TRUE(Logs("Recorded rec_000001.gps"));
   isGone = true;  // while the partition can be read: another card is there by now
@@ -136,6 +137,7 @@ TEST_F(Recorder, GivesACardUpThatFailsInTheMiddleOfTwoRecordingsInARow) {
   hooks().fsync = [](int) -> std::optional<Machine::Answer> {
     return Machine::Answer::Failure(EIO);
   };
+  settings.periodMilliseconds = 1;
   StartRecorder();
   ASSERT_TRUE(Logs("[REC] Card released"));
   EXPECT_THAT(
