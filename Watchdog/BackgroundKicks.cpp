@@ -1,5 +1,7 @@
 #include "Watchdog/BackgroundKicks.h"
 
+#include "SysUtil/ServiceManager.h"
+
 namespace Quellon {
 
 BackgroundKicks::BackgroundKicks(WatchdogGuard& kicked, std::chrono::seconds longest)
@@ -15,6 +17,7 @@ BackgroundKicks::~BackgroundKicks() {
 void BackgroundKicks::Run() {
   if (over.WaitFor(watchdog.GetKickPeriod())) return;
   watchdog.Kick();
+  SysUtil::NotifyServiceManager("WATCHDOG=1");
   if (std::chrono::steady_clock::now() > end) Cancel();
 }
 

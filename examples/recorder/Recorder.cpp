@@ -20,6 +20,7 @@
 #include "DiskUtils/CardDirectory.h"
 #include "DiskUtils/CheckUnlessMountable.h"
 #include "FileUtils/Dir.h"
+#include "SysUtil/ServiceManager.h"
 #include "Watchdog/BackgroundKicks.h"
 #include "base/IException.h"
 #include "base/Logger.h"
@@ -30,10 +31,8 @@ using Quellon::FileUtils::BackgroundLoad;
 using Quellon::FileUtils::Ifile;
 using Quellon::RTC::ClockFloor;
 using std::chrono::steady_clock;
-using Tarvik::Ilog::Error;
-using Tarvik::Ilog::Info;
 using Tarvik::Ilog::LogLine;
-using Tarvik::Ilog::Warning;
+using enum Tarvik::Ilog::LogType;
 
 namespace {
 
@@ -101,7 +100,9 @@ bool Recorder::IsAlone() {
 
 void Recorder::Run() {
   KickWatchdog();
-  if (!StartCard()) return;
+  bool const goesOn = StartCard();
+  Quellon::SysUtil::NotifyServiceManager("READY=1");
+  if (!goesOn) return;
   auto next = steady_clock::now();
   while (WaitUntil(catalogue == nullptr ? steady_clock::now() + kLongestPause : next)) {
     auto const begin = steady_clock::now();
@@ -359,16 +360,18 @@ void Recorder::KickWatchdog() {
   auto const now = steady_clock::now();
   if (now < nextKick) return;
   auto const result = watchdog.IsOpen() ? watchdog.Kick() : watchdog.Open(settings.watchdogSeconds);
+  Quellon::SysUtil::NotifyServiceManager("WATCHDOG=1");
   nextKick = now + watchdog.GetKickPeriod();
   if (std::exchange(watchdogState, result) != result) TellOfWatchdog();
 }
 
-void Recorder::TellOfWatchdog() const {
-  bool const isArmed = watchdogState == WatchdogGuard::Result::Done;
-  if (!isArmed) LogLine(Error) << "[REC] Watchdog: " << WatchdogGuard::Describe(watchdogState);
-  if (isArmed)
-    LogLine(Info) << "[REC] Watchdog " << watchdog.GetDriver() << ", " << watchdog.GetTimeout()
-                  << " s";
-  if (isArmed && watchdog.IsStoppedByClose())
-    LogLine(Warning) << "[REC] The watchdog stops when the service ends";
+void Recorder::TellOfWatchdog() {
+  if (watchdogState != WatchdogGuard::Result::Done) {
+    LogLine(Error) << "[REC] Watchdog: " << WatchdogGuard::Describe(watchdogState);
+    return;
+  }
+  LogLine(Info) << "[REC] Watchdog " << watchdog.GetDriver() << ", " << watchdog.GetTimeout()
+                << " s";
+  bool const isKept = watchdog.KeepOpenAfterEnd() == WatchdogGuard::Result::Done;
+  if (!isKept) LogLine(Warning) << "[REC] The watchdog stops when the service ends";
 }

@@ -70,7 +70,7 @@ class Recorder {
   bool WaitUntil(std::chrono::steady_clock::time_point end);
   bool Pause(std::chrono::milliseconds length);
   void KickWatchdog();
-  void TellOfWatchdog() const;
+  void TellOfWatchdog();
 
   Settings settings;
   Tarvik::UniqueFd lock;

@@ -1,15 +1,13 @@
 // The recorder's command line.
 #include <getopt.h>
 
-#include <algorithm>
 #include <charconv>
 #include <csignal>
-#include <cstdint>
 #include <cstdlib>
 #include <iostream>
-#include <limits>
 #include <optional>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "RTC/Rtc.h"
@@ -23,10 +21,6 @@ namespace {
 constexpr char const* kUsage =
     "usage: quellon-recorder [--size BYTES] [--rate BYTES-PER-SECOND] [--period MILLISECONDS]\n"
     "                        [--min-free BYTES] [--share 0..1] [--watchdog SECONDS]\n";
-
-// The library cannot tell the size of a larger one, which is less than 2 GiB on 32 bits.
-constexpr auto kLargestFile = static_cast<std::size_t>(std::min<std::uint64_t>(
-    std::numeric_limits<off_t>::max(), std::numeric_limits<std::size_t>::max()));
 
 Recorder* running = nullptr;
 
@@ -44,7 +38,8 @@ bool Read(std::string_view text, Number& number) {
 
 bool Choose(std::string_view option, std::string_view value, Settings& settings) {
   auto& [size, rate, period, minimum, share, watchdog] = settings;
-  if (option == "size") return Read(value, size) && size > 0 && size <= kLargestFile;
+  // The library cannot tell the size of a larger one, which is less than 2 GiB on 32 bits.
+  if (option == "size") return Read(value, size) && size > 0 && std::in_range<off_t>(size);
   if (option == "rate") return Read(value, rate) && rate > 0;
   if (option == "min-free") return Read(value, minimum);
   if (option == "share") return Read(value, share) && share > 0 && share <= 1;
@@ -59,11 +54,10 @@ bool Parse(int count, char** arguments, Settings& settings) {
     options.push_back({name, required_argument, nullptr, 0});
   options.push_back({});
   int index = 0;
-  int choice;
-  while ((choice = getopt_long(count, arguments, "", options.data(), &index)) != -1) {
+  for (int choice; (choice = getopt_long(count, arguments, "", options.data(), &index)) != -1;) {
     auto const* const name = options[static_cast<std::size_t>(index)].name;
     if (choice == 0 && Choose(name, optarg, settings)) continue;
-    if (choice == 0) std::cerr << "recorder: " << optarg << " is no value of --" << name << "\n";
+    if (choice == 0) std::cerr << "quellon-recorder: " << optarg << " is no value of --" << name << "\n";
     return false;
   }
   return optind == count;

@@ -7,13 +7,16 @@
 #include <cerrno>
 #include <chrono>
 #include <ctime>
+#include <string>
 #include <system_error>
 #include <thread>
+#include <vector>
 
 #include "tests/machine/Machine.h"
 #include "tests/machine/Threads.h"
 #include "tests/support/HeldLoad.h"
 #include "tests/support/LogFile.h"
+#include "tests/support/NotifySocket.h"
 
 namespace {
 
@@ -68,6 +71,15 @@ TEST_F(BackgroundKicks, AreAQuarterOfTheTimeoutApartAndEndWithWhatMayTakeNoLonge
   }
   EXPECT_EQ(kicks, 11);
   EXPECT_EQ(now, kBegin + 110);
+}
+
+TEST_F(BackgroundKicks, AreToldToTheServiceManager) {
+  NotifySocket manager;
+  {
+    Quellon::BackgroundKicks const kicked(guard, kLongest);
+    EXPECT_TRUE(ComesTrue([this] { return kicks > 10; }));
+  }
+  EXPECT_EQ(manager.Take(), std::vector<std::string>(11, "WATCHDOG=1"));
 }
 
 TEST_F(BackgroundKicks, EndAtOnceWithTheObject) {

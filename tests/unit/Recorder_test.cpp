@@ -14,6 +14,7 @@
 #include <utility>
 
 #include "tests/support/ModificationTime.h"
+#include "tests/support/NotifySocket.h"
 #include "tests/support/RecorderTest.h"
 
 namespace {
@@ -330,6 +331,26 @@ TEST_F(RecorderOfAFullCard, IsKickedForWhileItIsTriedForRoom) {
   EXPECT_EQ(kicked, 3);
 }
 
+TEST_F(Recorder, TellsTheServiceManagerThatItIsReadyAndThenThatItLives) {
+  NotifySocket manager;
+  StartRecorder();
+  ASSERT_TRUE(Logs("Recorded rec_000001.gps"));
+  StopRecorder();
+  auto const told = manager.Take();
+  ASSERT_THAT(told, testing::Contains("READY=1").Times(1));
+  EXPECT_THAT(told, testing::Each(testing::AnyOf("READY=1", "WATCHDOG=1")));
+  EXPECT_EQ(told.back(), "WATCHDOG=1");
+}
+
+TEST_F(Recorder, IsReadyAlsoWithoutACard) {
+  NotifySocket manager;
+  Machine::RemoveFile(FakeCard::kPartition);
+  StartRecorder();
+  ASSERT_TRUE(Logs("going on without recordings"));
+  StopRecorder();
+  EXPECT_THAT(manager.Take(), testing::Contains("READY=1").Times(1));
+}
+
 class RecorderWatchdog : public Recorder {
  protected:
   RecorderWatchdog() {
@@ -354,8 +375,12 @@ TEST_F(RecorderWatchdog, IsToldOnce) {
   EXPECT_THAT(LinesWith("atchdog"), ElementsAre("[REC] Watchdog tester, 90 s"));
 }
 
-TEST_F(RecorderWatchdog, ThatEndsWithTheServiceIsWarnedOf) {
+TEST_F(RecorderWatchdog, ThatEndsWithTheServiceAndCannotBeKeptIsWarnedOf) {
   options = 0;
+  hooks().fault = [](Machine::Call const& call) -> std::optional<Machine::Failure> {
+    if (call.function != "fork") return std::nullopt;
+    return EAGAIN;
+  };
   StartRecorder();
   ASSERT_TRUE(Logs("Recorded rec_000001.gps"));
   StopRecorder();
@@ -372,10 +397,9 @@ TEST_F(RecorderWatchdog, IsKickedWhileTheCardIsLookedThrough) {
     if (ComesTrue([this, before] { return kicks > before + 2; })) ++kicked;
   };
   MakeRecordings(1);
-  hooks().ioctl = [this](unsigned long request, void* argument) {
-    if (request == WDIOC_GETTIMEOUT) *static_cast<int*>(argument) = 90;
+  hooks().ioctl = [this, driver = hooks().ioctl](unsigned long request, void* argument) {
     if (request == WDIOC_KEEPALIVE) ++kicks;
-    return Machine::Answer::Success();
+    return driver(request, argument);
   };
   hooks().fault =
       [=, isFirst = true](Machine::Call const& call) mutable -> std::optional<Machine::Failure> {
