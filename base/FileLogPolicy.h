@@ -48,7 +48,7 @@ class QUELLON_EXPORT FileLogPolicy {
 
   UniqueFd file;
   std::size_t uncheckedBytes = 0;  // written since the last check of the size
-  std::time_t checkedAt = -1;       // second of the last check of the place
+  std::time_t checkedAt = -1;      // second of the last check of the place
 };
 
 }  // namespace Tarvik::Ilog

@@ -57,7 +57,8 @@ bool Parse(int count, char** arguments, Settings& settings) {
   for (int choice; (choice = getopt_long(count, arguments, "", options.data(), &index)) != -1;) {
     auto const* const name = options[static_cast<std::size_t>(index)].name;
     if (choice == 0 && Choose(name, optarg, settings)) continue;
-    if (choice == 0) std::cerr << "quellon-recorder: " << optarg << " is no value of --" << name << "\n";
+    if (choice == 0)
+      std::cerr << "quellon-recorder: " << optarg << " is no value of --" << name << "\n";
     return false;
   }
   return optind == count;

@@ -135,7 +135,7 @@ struct Hooks {
   std::function<void()> sync;
 
   Hook<std::int64_t /*seconds*/> setClock;
-  std::optional<std::int64_t> now;            ///< what time(2) says
+  std::optional<std::int64_t> now;    ///< what time(2) says
   std::optional<timespec> monotonic;  ///< what the clock says that nobody sets
   /// The same, since it began, where one thread asks while another makes time go by.
   std::function<std::chrono::nanoseconds()> steady;

@@ -16,17 +16,22 @@ constexpr char const* LinkedName(char const* function) {
 #if QUELLON_TIME64
   using Names = std::pair<std::string_view, char const*>;
   constexpr std::array kOthers = {
-      Names("clock_gettime", "__clock_gettime64"), Names("clock_settime", "__clock_settime64"),
-      Names("fallocate", "fallocate64"),           Names("fstat", "__fstat64_time64"),
-      Names("ioctl", "__ioctl_time64"),            Names("localtime_r", "__localtime64_r"),
-      Names("lstat", "__lstat64_time64"),          Names("nanosleep", "__nanosleep64"),
-      Names("open", "open64"),                     Names("readdir", "readdir64"),
-      Names("sem_clockwait", "__sem_clockwait64"), Names("stat", "__stat64_time64"),
+      Names("clock_gettime", "__clock_gettime64"),
+      Names("clock_settime", "__clock_settime64"),
+      Names("fallocate", "fallocate64"),
+      Names("fstat", "__fstat64_time64"),
+      Names("ioctl", "__ioctl_time64"),
+      Names("localtime_r", "__localtime64_r"),
+      Names("lstat", "__lstat64_time64"),
+      Names("nanosleep", "__nanosleep64"),
+      Names("open", "open64"),
+      Names("readdir", "readdir64"),
+      Names("sem_clockwait", "__sem_clockwait64"),
+      Names("stat", "__stat64_time64"),
       Names("statvfs", "statvfs64"),
   };
-  auto const* const other =
-      std::find_if(kOthers.begin(), kOthers.end(),
-                   [=](Names const& names) { return names.first == function; });
+  auto const* const other = std::find_if(
+      kOthers.begin(), kOthers.end(), [=](Names const& names) { return names.first == function; });
   if (other != kOthers.end()) return other->second;
 #endif
   return function;

@@ -195,7 +195,7 @@ TEST(CardContents, AreNotLookedForAnyFurtherOnACardThatCannotBeRead) {
 
 TEST(CardContents, AreHardlyLookedForBeyondTheEnd) {
   int beyond = 0;
-  hooks().pread64 = [&](int, void*, std::size_t, off64_t place) -> std::optional<ssize_t> {
+  hooks().pread = [&](int, void*, std::size_t, off64_t place) -> std::optional<ssize_t> {
     beyond += place >= static_cast<off64_t>(Found::kBytes) ? 1 : 0;
     return std::nullopt;
   };

@@ -184,7 +184,8 @@ static_assert(is_same_v<decltype(&Tarvik::Json::Serialize), string (*)(Value con
 static_assert(is_same_v<decltype(&Tarvik::Json::Deserialize), Value (*)(string const&)>);
 
 static_assert(is_same_v<decltype(&Tarvik::Util::NewDate), string (*)(string)>);
-static_assert(static_cast<string (*)(long const&, string)>(&Tarvik::Util::Date) != nullptr);
+static_assert(is_same_v<decltype(static_cast<string (*)(long const&, string)>(&Tarvik::Util::Date)),
+                        string (*)(long const&, string)>);
 
 using Tarvik::Util::TemperatureMonitor;
 static_assert(is_same_v<decltype(&TemperatureMonitor::GetInstance), TemperatureMonitor* (*)()>);
@@ -283,8 +284,10 @@ static_assert(is_same_v<decltype(&System::BuildDiskHealthReport), void (System::
 static_assert(is_same_v<decltype(&System::GetHealthReport), string (System::*)() const>);
 static_assert(is_same_v<decltype(&System::UnmountAll), int (System::*)()>);
 static_assert(is_same_v<decltype(&System::Reboot), int (System::*)()>);
-static_assert(static_cast<bool (System::*)(long&)>(&System::SetDate) != nullptr);
-static_assert(static_cast<bool (System::*)(long&)>(&System::SetRTC) != nullptr);
+static_assert(is_same_v<decltype(static_cast<bool (System::*)(long&)>(&System::SetDate)),
+                        bool (System::*)(long&)>);
+static_assert(is_same_v<decltype(static_cast<bool (System::*)(long&)>(&System::SetRTC)),
+                        bool (System::*)(long&)>);
 static_assert(is_same_v<decltype(System::healthStatus), HealthStatus>);
 static_assert(is_same_v<decltype(System::disk), Disk*>);
 static_assert(is_same_v<decltype(System::diskFault), bool>);
@@ -429,7 +432,8 @@ static_assert(
 using Quellon::RTC::Rtc;
 static_assert(is_constructible_v<Rtc, string>);
 static_assert(is_same_v<decltype(&Rtc::Load), bool (Rtc::*)()>);
-static_assert(static_cast<bool (Rtc::*)(long&)>(&Rtc::Set) != nullptr);
+static_assert(
+    is_same_v<decltype(static_cast<bool (Rtc::*)(long&)>(&Rtc::Set)), bool (Rtc::*)(long&)>);
 static_assert(is_same_v<decltype(&Rtc::SetSystemClock), bool (Rtc::*)()>);
 static_assert(is_same_v<decltype(&Rtc::Print), int (Rtc::*)()>);
 static_assert(is_same_v<decltype(Rtc::devicePath), string>);

@@ -75,7 +75,8 @@ TEST_F(ServiceManager, IsNotToldAfterItHasGone) {
 TEST_F(ServiceManager, IsNotWaitedForWhileItTakesNothing) {
   NotifySocket const busy;
   bool isTold = true;
-  for (int count = 0; isTold && count < 100000; ++count) isTold = NotifyServiceManager("WATCHDOG=1");
+  for (int count = 0; isTold && count < 100000; ++count)
+    isTold = NotifyServiceManager("WATCHDOG=1");
   EXPECT_FALSE(isTold);
   EXPECT_EQ(errno, EAGAIN);
 }
