@@ -160,12 +160,12 @@ bool Reboot(Arguments const& /*none*/) {
 }
 
 bool SetDate(Arguments const& arguments) {
-  std::time_t seconds = std::atoll(arguments[0].c_str());
+  auto seconds = static_cast<std::time_t>(std::atoll(arguments[0].c_str()));
   return System::GetInstance()->SetDate(seconds);
 }
 
 bool SetRtc(Arguments const& arguments) {
-  std::time_t seconds = std::atoll(arguments[0].c_str());
+  auto seconds = static_cast<std::time_t>(std::atoll(arguments[0].c_str()));
   return System::GetInstance()->SetRTC(seconds);
 }
 
