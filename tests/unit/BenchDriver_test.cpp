@@ -131,7 +131,7 @@ class BenchDriverClock : public testing::Test {
         calendar.tm_hour = time.tm_hour;
         calendar.tm_min = time.tm_min;
         calendar.tm_sec = time.tm_sec;
-        written.push_back(timegm(&calendar));
+        written.push_back(static_cast<long>(timegm(&calendar)));
       }
       return Answer::Success();
     };
