@@ -64,7 +64,7 @@ framework_packages=(libgtest-dev libgmock-dev)
 test_packages=("${framework_packages[@]}" e2fsprogs util-linux mount fdisk gcovr groff-base
   prometheus python3)
 
-check_packages=(clang-14 clang-format-14 clang-tidy-14 cppcheck)
+check_packages=(clang-22 clang-format-14 clang-tidy-14 cppcheck)
 bench_packages=(libbenchmark-dev libspdlog-dev nlohmann-json3-dev rapidjson-dev)
 mutate_packages=(python3-clang-14)
 fuzz_packages=(clang-14 libclang-rt-14-dev)

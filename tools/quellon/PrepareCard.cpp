@@ -42,14 +42,14 @@ char const* RemedyFor(PreparationResult result) {
 
 // What has lost its table or its beginning looks empty to others.
 char const* RemedyForRecordings() {
-  using Kind = DiskUtils::CardContents::Kind;
+  using enum DiskUtils::CardContents::Kind;
   DiskUtils::CardContents card;
   if (CardPreparation::Look(card) == PreparationResult::Done) {
-    if (card.whole == Kind::LostExt) {
+    if (card.whole == LostExt) {
       return "have its partition table restored; or give up what it holds: quellon card prepare "
              "--erase";
     }
-    if (std::ranges::count(card.partitions, Kind::LostExt) > 0) {
+    if (std::ranges::count(card.partitions, LostExt) > 0) {
       return "quellon card check --repair; or give up what it holds: quellon card prepare --erase";
     }
   }
