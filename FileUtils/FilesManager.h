@@ -109,7 +109,7 @@ class QUELLON_EXPORT FilesManager : public Tarvik::Interfaces::IThread,
   /// with the share, would delete too much or too little: call `GetTotalFilesSize(true)`
   /// afterwards. The total never falls below zero, even when a file is deleted that was never
   /// counted.
-  std::list<Ifile*>& GetList();
+  std::list<Ifile*>& GetList() QUELLON_NO_THREAD_SAFETY_ANALYSIS;
   /// Logs the name of each catalogued file.
   void Log();
 

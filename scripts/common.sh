@@ -64,13 +64,13 @@ framework_packages=(libgtest-dev libgmock-dev)
 test_packages=("${framework_packages[@]}" e2fsprogs util-linux mount fdisk gcovr groff-base
   prometheus python3)
 
-check_packages=(clang-14 clang-format-14 clang-tidy-14 cppcheck)
+check_packages=(clang-22 clang-format-14 clang-tidy-14 cppcheck)
 bench_packages=(libbenchmark-dev libspdlog-dev nlohmann-json3-dev rapidjson-dev)
 mutate_packages=(python3-clang-14)
 fuzz_packages=(clang-14 libclang-rt-14-dev)
 board_packages=(g++-arm-linux-gnueabihf qemu-user-static googletest)
-package_packages=(g++-arm-linux-gnueabihf qemu-user-static dpkg-dev fakeroot file gzip lintian make
-  pkg-config python3-jsonschema python3-kconfiglib)
+package_packages=(g++-arm-linux-gnueabihf qemu-user-static diffoscope-minimal dpkg-dev fakeroot file
+  gzip lintian make pkg-config python3-jsonschema python3-kconfiglib)
 docs_packages=(doxygen graphviz)
 
 minutes=()  # where they went: a step and its seconds, each
@@ -83,11 +83,23 @@ timed() {
   minutes+=("$name" $((SECONDS - start)))
 }
 
+# The time in what is built, and of the packages' files, unless the environment tells one: that of
+# the last commit, as an archive's files have it.
+sources_time() {
+  [[ -n ${SOURCE_DATE_EPOCH:-} ]] && printf '%s' "$SOURCE_DATE_EPOCH" && return
+  [[ -e .git ]] && git log -1 --format=%ct || stat -c %Y VERSION
+}
+
 # Configures and builds a preset; prints the compiler's words only if it fails. Build presets named
-# TREE-WHAT build what else is in the tree of the preset TREE, such as its tests.
+# TREE-WHAT build what else is in the tree of the preset TREE, such as its tests. What packages are
+# made of has the time of the sources; elsewhere that would be compiled anew after each commit.
 build() {
-  local preset=$1 log=build/$1.log
+  local preset=$1 log=build/$1.log time
   shift
+  time=$(sources_time)
+  case $preset in
+  package* | armhf*) local -x SOURCE_DATE_EPOCH=$time ;;
+  esac
   step "Building ($preset)"
   mkdir -p build
   if ! { cmake --preset "${preset%%-*}" "$@" && cmake --build --preset "$preset"; } \
