@@ -13,6 +13,7 @@
 #include <string_view>
 
 #include "DiskUtils/internal/NewCard.h"
+#include "base/internal/CLibrary.h"
 #include "base/internal/Restart.h"
 
 namespace Quellon::DiskUtils {
@@ -46,12 +47,13 @@ class Device {
   // How many bytes there are; the rest of `into` stays as it is.
   std::size_t Read(std::uint64_t sector, std::uint64_t offset, std::span<unsigned char> into) {
     auto const length = static_cast<std::uint64_t>(sectorBytes);
-    if (sector > std::numeric_limits<off64_t>::max() / length / 2) return 0;
-    auto const place = static_cast<off64_t>(sector * length + offset);
+    if (sector > std::numeric_limits<Tarvik::FilePlace>::max() / length / 2) return 0;
+    auto const place = static_cast<Tarvik::FilePlace>(sector * length + offset);
     std::size_t done = 0;
     while (done < into.size()) {
       ssize_t const found = Tarvik::RestartWhileInterrupted([&] {
-        return pread64(fd, &into[done], into.size() - done, place + static_cast<off64_t>(done));
+        return Tarvik::ReadAt(fd, &into[done], into.size() - done,
+                              place + static_cast<Tarvik::FilePlace>(done));
       });
       if (found < 0) isUnreadable = true;
       if (found <= 0) break;

@@ -16,6 +16,7 @@
 #include <utility>
 
 #include "base/MutexLock.h"
+#include "base/internal/CLibrary.h"
 #include "base/internal/OpenFile.h"
 #include "base/internal/Restart.h"
 #include "base/internal/StandardDescriptors.h"
@@ -92,7 +93,7 @@ UniqueFd keeperChannel;
   dup2(device.Get(), kHeld);
   dup2(ends[1], kChannel);
   dup2(ends[0], kChannel + 1);
-  closefrom(kChannel + 2);
+  Tarvik::CloseFrom(kChannel + 2);
   char byte = 0;
   Tarvik::WriteAll(kChannel, {&byte, 1});
   ReadByte(kChannel, byte);

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <ctime>
 
+#include "base/internal/CLibrary.h"
 #include "base/internal/Restart.h"
 
 namespace Tarvik::Interfaces {
@@ -48,8 +49,7 @@ bool ISemaphore::TryWait() noexcept {
 
 bool ISemaphore::WaitFor(std::chrono::milliseconds limit) noexcept {
   auto const deadline = MonotonicDeadline(limit);
-  return RestartWhileInterrupted(
-             [&] { return sem_clockwait(&semaphore, CLOCK_MONOTONIC, &deadline); }) == 0;
+  return RestartWhileInterrupted([&] { return WaitUntil(&semaphore, deadline); }) == 0;
 }
 
 }  // namespace Tarvik::Interfaces

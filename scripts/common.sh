@@ -70,7 +70,7 @@ mutate_packages=(python3-clang-14)
 fuzz_packages=(clang-14 libclang-rt-14-dev)
 board_packages=(g++-arm-linux-gnueabihf qemu-user-static googletest)
 package_packages=(g++-arm-linux-gnueabihf qemu-user-static diffoscope-minimal dpkg-dev fakeroot file
-  gzip lintian make pkg-config python3-jsonschema python3-kconfiglib)
+  gzip lintian make musl-dev pkg-config python3-jsonschema python3-kconfiglib)
 docs_packages=(doxygen graphviz)
 
 minutes=()  # where they went: a step and its seconds, each

@@ -2,6 +2,7 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <semaphore.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 
@@ -10,6 +11,7 @@
 #include <vector>
 
 #include "base/UniqueFd.h"
+#include "base/internal/CLibrary.h"
 #include "base/internal/NoDestructor.h"
 #include "base/internal/OpenFile.h"
 #include "base/internal/Retry.h"
@@ -206,6 +208,55 @@ TEST(BaseHelpersNoDestructor, MakesItsObjectOnceAndNeverDestroysIt) {
     EXPECT_EQ(kept.Get(), kept.Get());
   }
   EXPECT_EQ(destroyed, 0);
+}
+
+/// A semaphore that counts from `value`.
+class Semaphore {
+ public:
+  explicit Semaphore(unsigned value) { sem_init(&semaphore, 0, value); }
+  Semaphore(Semaphore const&) = delete;
+  Semaphore& operator=(Semaphore const&) = delete;
+  ~Semaphore() { sem_destroy(&semaphore); }
+  sem_t semaphore{};
+};
+
+TEST(BaseHelpersCLibrary, ASemaphoreIsPolledUntilItIsRaised) {
+  Semaphore semaphore(0);
+  Machine::hooks().monotonic = timespec{100, 0};
+  Machine::hooks().sleep = [&, pauses = 0](auto) mutable {
+    if (++pauses == 3) sem_post(&semaphore.semaphore);
+  };
+  EXPECT_EQ(Tarvik::PollSemaphore(&semaphore.semaphore, {101, 0}), 0);
+  EXPECT_EQ(Machine::Trace(), std::vector(3, Machine::Sleep(10ms)));
+  EXPECT_NE(sem_trywait(&semaphore.semaphore), 0);
+}
+
+TEST(BaseHelpersCLibrary, ASemaphoreIsNotPolledBeyondTheDeadline) {
+  Semaphore semaphore(0);
+  Machine::hooks().monotonic = timespec{101, 4};
+  Machine::hooks().sleep = [](auto) { ++Machine::hooks().monotonic->tv_nsec; };
+  EXPECT_EQ(Tarvik::PollSemaphore(&semaphore.semaphore, {101, 5}), -1);
+  EXPECT_EQ(errno, ETIMEDOUT);
+  EXPECT_THAT(Machine::Trace(), ElementsAre(Machine::Sleep(10ms)));
+}
+
+TEST(BaseHelpersCLibrary, ASemaphoreThatIsRaisedIsTakenAfterTheDeadlineToo) {
+  Semaphore semaphore(1);
+  EXPECT_EQ(Tarvik::PollSemaphore(&semaphore.semaphore, {0, 0}), 0);
+  EXPECT_THAT(Machine::Trace(), IsEmpty());
+}
+
+TEST(BaseHelpersCLibrary, DescriptorsAreClosedFromTheGivenOneOn) {
+  std::vector<UniqueFd> opened;
+  for (int i = 0; i < 3; ++i) opened.emplace_back(Tarvik::OpenFile("/dev/null", O_RDONLY));
+  int const first = opened[1].Get();
+  int const last = opened.back().Get();
+  auto const isOpen = [](int fd) { return fcntl(fd, F_GETFD) >= 0; };
+  pid_t const child = ChildProcess::Start([&] {
+    Tarvik::CloseEach(first);
+    return isOpen(opened.front().Get()) && !isOpen(first) && !isOpen(last) ? 0 : 1;
+  });
+  EXPECT_EQ(ChildProcess::Wait(child), 0);
 }
 
 TEST(BaseHelpersUtf8, EveryCharacterIsReadBackFromItsBytes) {
