@@ -31,6 +31,7 @@ BackgroundLoad::~BackgroundLoad() {
 }
 
 void BackgroundLoad::Add(std::string name) {
+  std::erase(added, name);
   added.push_back(std::move(name));
 }
 

@@ -24,7 +24,8 @@ bool NotifyServiceManager(std::string_view state) noexcept {
   if (name.front() == '@') address.sun_path[0] = '\0';  // a name that is in no file system
   auto const length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + name.size());
   Tarvik::UniqueFd const channel(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-  return sendto(channel.Get(), state.data(), state.size(), MSG_DONTWAIT | MSG_NOSIGNAL,
+  return channel.IsOpen() &&
+         sendto(channel.Get(), state.data(), state.size(), MSG_DONTWAIT | MSG_NOSIGNAL,
                 reinterpret_cast<sockaddr const*>(&address), length) >= 0;
 }
 

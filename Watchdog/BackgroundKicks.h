@@ -12,7 +12,8 @@ namespace Quellon {
 
 /// Kicks a watchdog on a thread of its own, from construction on until the object ends, each
 /// `WatchdogGuard::GetKickPeriod`: while a card is checked, which takes minutes when it is large.
-/// But not for ever: what takes longer than it may hangs, and is the watchdog's to end. A service
+/// But not for ever, a year at most: what takes longer than it may hangs, and is the watchdog's to
+/// end. A service
 /// manager is told each time that the service lives: see `SysUtil::NotifyServiceManager`.
 ///
 /// The guard must outlive the object. Its destructor does not wait for a pause to end. Logs

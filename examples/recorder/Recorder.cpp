@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/mount.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -63,8 +64,10 @@ bool CardAnswers() {
   return card.IsOpen() && read(card.Get(), block.data(), kBlock) == kBlock;
 }
 
-bool Exists(std::string const& name) {
-  return access((kRecordings + name).c_str(), F_OK) == 0;
+// A link counts, wherever it leads.
+bool Exists(std::string const& path) {
+  struct stat status {};
+  return lstat(path.c_str(), &status) == 0;
 }
 
 // Each file holds its own name again and again, so that anybody can see whether it is intact.
@@ -239,7 +242,7 @@ bool Recorder::MakeRoom() {
   std::erase_if(names, [&](std::string const& name) {
     bool const isKept = kept != files.end() && (*kept)->name == name;
     if (isKept) ++kept;
-    return isKept || Exists(name);
+    return isKept || Exists(kRecordings + name);
   });
   if (names.empty()) return true;
   LogLine(Info) << "[REC] Deleted " << names.size() << " oldest recordings";
@@ -251,9 +254,9 @@ bool Recorder::MakeRoom() {
 void Recorder::RemoveOrphanedPositions() {
   for (Ifile* file : std::list(catalogue->GetList())) {
     std::string_view const name = file->name;
-    bool const isOurs = name.starts_with(kPrefix) && name.ends_with(".gps");
-    bool const isOrphan = isOurs && !Exists(file->name.substr(0, name.rfind('.')) + ".dat");
-    if (isOrphan) catalogue->RemoveFileByName(file->name);
+    if (!name.starts_with(kPrefix) || !name.ends_with(".gps")) continue;
+    auto const recording = kRecordings + file->name.substr(0, name.rfind('.')) + ".dat";
+    if (!Exists(recording)) catalogue->RemoveFileByName(file->name);
   }
 }
 
@@ -262,11 +265,12 @@ void Recorder::RemoveOrphanedPositions() {
 bool Recorder::WriteFiles() {
   Quellon::DiskUtils::CardDirectory const directory(kRecordings, kPartition);
   std::string path;
-  do {  // numbers that began anew may meet old recordings
+  std::string positionsPath;
+  do {  // numbers that began anew may meet old recordings, or links that lead out of the card
     number = number % kLastNumber + 1;
     path = directory.Path() + RecordingName(number, ".dat");
-  } while (access(path.c_str(), F_OK) == 0);
-  std::string positionsPath = directory.Path() + RecordingName(number, ".gps");
+    positionsPath = directory.Path() + RecordingName(number, ".gps");
+  } while (Exists(path) || Exists(positionsPath));
   Ifile recording(path, false);
   Ifile positions(positionsPath, false);
   std::size_t bytes = 0;
@@ -323,10 +327,13 @@ bool Recorder::AddFile(std::string name) {
   return true;
 }
 
-// False when the names cannot be read to the last: the next recording might overwrite one.
+// False when the names cannot be read to the last: the next recording might overwrite one. Also
+// when a link in the place of the directory leads out of the card: what is there is not to be
+// deleted for want of room.
 bool Recorder::FindLastNumber() {
   number = 0;
-  std::unique_ptr<DIR, int (*)(DIR*)> const directory(opendir(kRecordings), closedir);
+  Quellon::DiskUtils::CardDirectory const held(kRecordings, kPartition);
+  std::unique_ptr<DIR, int (*)(DIR*)> const directory(opendir(held.Path().c_str()), closedir);
   if (directory == nullptr) return false;
   for (errno = 0; dirent const* const entry = readdir(directory.get()); errno = 0) {
     std::string_view const name = entry->d_name;

@@ -82,6 +82,11 @@ TEST_F(BackgroundKicks, AreToldToTheServiceManager) {
   EXPECT_EQ(manager.Take(), std::vector<std::string>(11, "WATCHDOG=1"));
 }
 
+TEST_F(BackgroundKicks, GoOnWhereTheirLimitIsMoreThanAClockCountsTo) {
+  Quellon::BackgroundKicks const kicked(guard, std::chrono::seconds::max());
+  EXPECT_TRUE(ComesTrue([this] { return kicks > 10; }));
+}
+
 TEST_F(BackgroundKicks, EndAtOnceWithTheObject) {
   goesOn = false;
   { Quellon::BackgroundKicks const kicked(guard, kLongest); }

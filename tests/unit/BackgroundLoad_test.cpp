@@ -74,6 +74,13 @@ TEST_F(BackgroundLoadTest, IsDoneAtItsEndWhereThereIsNoThread) {
   EXPECT_THAT(Names(*catalogue), ElementsAre("a.dat"));
 }
 
+TEST_F(BackgroundLoadTest, AFileThatIsAddedTwiceIsInItOnce) {
+  MakeRecording("a.dat");
+  MakeRecording("b.dat");
+  EXPECT_TRUE(LoadWith({"a.dat", "b.dat", "a.dat"}));
+  EXPECT_THAT(Names(*catalogue), ElementsAre("b.dat", "a.dat"));
+}
+
 TEST_F(BackgroundLoadTest, AFailedLoadIsAFailure) {
   card.available = false;
   EXPECT_FALSE(LoadWith({}));

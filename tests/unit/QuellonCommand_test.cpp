@@ -4,6 +4,7 @@
 #include <linux/rtc.h>
 #include <pty.h>
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -486,6 +487,20 @@ TEST_F(QuellonCommandProve, TellsHowFarItIsAndHowFastTheCardIs) {
 TEST_F(QuellonCommandProve, TakesSamplesWhenItIsAskedTo) {
   ToolRun const run({"card", "prove", "--samples", "--erase"});
   EXPECT_EQ(run.status, Fine) << run.output;
+}
+
+// Else the memory, or the board's own storage, would be told to be a good card.
+TEST_F(QuellonCommandProve, RefusesToProveWhatIsNotTheCard) {
+  auto const stat = hooks().stat;
+  hooks().stat = [stat](std::string const& path, struct stat* status) {
+    auto const answer = stat(path, status);
+    if (path == "/dev/mmcblk1p1") status->st_rdev = makedev(179, 99);
+    return answer;
+  };
+  ToolRun const run({"card", "prove", "--erase"});
+  EXPECT_EQ(run.status, Refused);
+  EXPECT_TRUE(run.Shows("refused", "what is mounted there is not the card")) << run.output;
+  EXPECT_TRUE(run.Shows("to do", "umount /mnt/sdcard"));
 }
 
 TEST_F(QuellonCommandProve, RefusesToRiskRecordings) {
@@ -1034,6 +1049,24 @@ TEST_F(QuellonCommandFile, IsWrittenIntoNoOtherFile) {
     }
     EXPECT_EQ(Write().status, Fine);
     EXPECT_EQ(Machine::ReadFile("/mnt/other"), "other\n");
+    EXPECT_THAT(Names(), ElementsAre("quellon.prom"));
+  }
+}
+
+// Somebody who only tries it says "/dev/null", or "/dev/stdout", which is a link.
+TEST_F(QuellonCommandFile, IsPutInThePlaceOfNothingButAFile) {
+  fs::path const file = Machine::Real("/mnt/metrics/quellon.prom");
+  for (bool const isLink : {false, true}) {
+    fs::remove(file);
+    if (isLink) {
+      fs::create_symlink("/dev/stdout", file);
+    } else {
+      ASSERT_EQ(mkfifo(file.c_str(), 0600), 0);
+    }
+    ToolRun const run = Write();
+    EXPECT_EQ(run.status, Wrong);
+    EXPECT_EQ(run.output, "quellon: /mnt/metrics/quellon.prom: File exists\n");
+    EXPECT_FALSE(fs::is_regular_file(fs::symlink_status(file)));
     EXPECT_THAT(Names(), ElementsAre("quellon.prom"));
   }
 }

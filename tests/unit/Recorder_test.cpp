@@ -253,6 +253,30 @@ TEST_F(Recorder, WritesOverNoRecordingWhereNumbersBeginAnew) {
   EXPECT_EQ(Machine::ReadFile("/mnt/sdcard/cr/rec_000001.dat"), "newest");
 }
 
+TEST_F(Recorder, FollowsNoLinkInThePlaceOfARecordingOrItsPositions) {
+  Machine::MakeFile("/mnt/sdcard/cr/rec_999999.dat", "newer");
+  Machine::MakeFile("/root/own.dat", "the device's");
+  namespace fs = std::filesystem;
+  fs::create_symlink(Machine::Real("/root/own.dat"),
+                     Machine::Real("/mnt/sdcard/cr/rec_000001.gps"));
+  fs::create_symlink(Machine::Real("/root/new"), Machine::Real("/mnt/sdcard/cr/rec_000002.dat"));
+  StartRecorder();
+  ASSERT_TRUE(Logs("Recorded rec_000003.gps"));
+  StopRecorder();
+  EXPECT_EQ(Machine::ReadFile("/root/own.dat"), "the device's");
+  EXPECT_FALSE(fs::exists(Machine::Real("/root/new")));
+}
+
+// What nobody can delete stands for the device's own files.
+TEST_F(Recorder, TakesNoDirectoryForTheRecordingsThatIsNotOnTheCard) {
+  std::filesystem::create_directory_symlink("/proc/sys/fs/inotify",
+                                            Machine::Real("/mnt/sdcard/cr"));
+  StartRecorder();
+  EXPECT_TRUE(Logs("[REC] Card released"));
+  EXPECT_TRUE(Logs("[ERROR][REC] Could not read /mnt/sdcard/cr/"));
+  EXPECT_EQ(LogFile::Text().find("[SYSTEM]"), std::string::npos) << "no catalogue";
+}
+
 TEST_F(Recorder, ReleasesACardThatIsLostBetweenTwoRecordings) {
   hasOthers = true;
   StartRecorder();

@@ -2,6 +2,7 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/un.h>
 
 #include <algorithm>
@@ -70,6 +71,19 @@ TEST_F(ServiceManager, IsNotToldAfterItHasGone) {
   { NotifySocket const gone(name); }
   setenv("NOTIFY_SOCKET", name.c_str(), 1);
   ExpectFailure(ECONNREFUSED);
+}
+
+TEST_F(ServiceManager, IsNotToldWhereNoDescriptorIsLeft) {
+  NotifySocket const manager;
+  rlimit before{};
+  getrlimit(RLIMIT_NOFILE, &before);
+  rlimit const none{0, before.rlim_max};
+  setrlimit(RLIMIT_NOFILE, &none);
+  bool const isTold = NotifyServiceManager("READY=1");
+  int const error = errno;
+  setrlimit(RLIMIT_NOFILE, &before);
+  EXPECT_FALSE(isTold);
+  EXPECT_EQ(error, EMFILE);
 }
 
 TEST_F(ServiceManager, IsNotWaitedForWhileItTakesNothing) {

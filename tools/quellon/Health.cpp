@@ -1,5 +1,6 @@
 // All subjects in one, for people and for programs.
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -53,6 +54,9 @@ Report LookAtAll() {
 
 // Who reads the file sees the old text or the new one, also after a power cut.
 bool Replace(std::string const& path, std::string const& text) {
+  struct stat old {};
+  errno = EEXIST;  // "/dev/null" is to stay what it is
+  if (lstat(path.c_str(), &old) == 0 && !S_ISREG(old.st_mode)) return false;
   std::string const next = path + ".new";
   constexpr mode_t kReadableByAll = 0644;
   unlink(next.c_str());  // of a run that was cut off; or somebody else's, who would be written to

@@ -10,6 +10,7 @@
 #include "CardFacts.h"
 #include "CardWork.h"
 #include "DiskUtils/CapacityProof.h"
+#include "DiskUtils/CardDirectory.h"
 #include "DiskUtils/internal/CardSlot.h"
 #include "Interruption.h"
 #include "Kicks.h"
@@ -168,6 +169,8 @@ Status ProveCard(Arguments arguments) {
   Interruption const interruption;
   MountedMeanwhile mounted;
   if (!MountedCard()) return RunCard({});
+  if (!DiskUtils::CardDirectory(kCardMountPoint, DiskUtils::kCardPartition).IsOpen())
+    return Refuse("what is mounted there is not the card", "umount /mnt/sdcard");
   if (!risksAll && MayHoldFiles(kCardMountPoint)) {
     return Refuse("there are files, or may be: a card that lies would lose them",
                   "copy them; quellon card prove --erase");
