@@ -41,7 +41,7 @@ std::string CardNode() {
 // With O_EXCL nobody else may have the device mounted or claimed, nor a partition of it.
 UniqueFd OpenCard(std::string const& path, int exclusively) {
   return UniqueFd(Tarvik::RestartWhileInterrupted(
-      [&] { return Tarvik::OpenFile(path.c_str(), O_RDONLY | exclusively); }));
+      [&] { return Tarvik::OpenFile(path.c_str(), O_RDONLY | O_NONBLOCK | exclusively); }));
 }
 
 // A device node may be there without a card.

@@ -1,7 +1,10 @@
 #include "DiskUtils/CardWatch.h"
 
 #include <chrono>
+#include <exception>
 #include <utility>
+
+#include "base/Logger.h"
 
 namespace Quellon::DiskUtils {
 
@@ -28,7 +31,12 @@ bool CardWatch::IsUsable() const noexcept {
 
 void CardWatch::Run() {
   CardState::Report const report = state.Look();
-  if (finding.exchange(report.finding) != report.finding) tell(report);
+  bool const isNew = finding.exchange(report.finding) != report.finding;
+  try {
+    if (isNew && tell) tell(report);
+  } catch (std::exception const& e) {
+    Tarvik::Ilog::LogFailure("CardWatch", e.what());
+  }
   over.WaitFor(kLookPause);
 }
 

@@ -15,11 +15,12 @@ namespace Quellon::DiskUtils {
 /// it, and is told of all the same.
 ///
 /// Make one after each start of the card, and end it before the next. Any thread may ask it. Logs
-/// nothing by itself. Kernel interface: that of `CardState`.
+/// nothing else by itself. Kernel interface: that of `CardState`.
 class QUELLON_EXPORT CardWatch : public Tarvik::Interfaces::IThread {
  public:
   /// Called with a report whose finding is another one than that of the last look, or than `Good`
-  /// at first; on the thread of the watch, which it must not keep for long.
+  /// at first; on the thread of the watch, which it must not keep for long. An empty one is not
+  /// called; what it throws is logged, and the watch goes on.
   using Tell = std::function<void(CardState::Report const&)>;
 
   /// Begins to look at the card of `disk`, which may go before this object. Throws

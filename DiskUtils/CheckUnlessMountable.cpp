@@ -24,7 +24,7 @@ bool HasExtSuperblock(char const* partition) {
   constexpr off_t kPlaceOfMagic = 1024 + 56;
   constexpr std::array<unsigned char, 2> kMagicBytes = {0x53, 0xEF};
   std::array<unsigned char, 2> found{};  // stays so where less can be read
-  Tarvik::UniqueFd const card(Tarvik::OpenFile(partition, O_RDONLY));
+  Tarvik::UniqueFd const card(Tarvik::OpenFile(partition, O_RDONLY | O_NONBLOCK));
   return card.IsOpen() && pread(card.Get(), found.data(), found.size(), kPlaceOfMagic) >= 0 &&
          found == kMagicBytes;
 }

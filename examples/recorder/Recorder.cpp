@@ -58,10 +58,9 @@ std::string RecordingName(int number, char const* extension) {
 
 // Whether the card itself, and not the kernel's memory of it, can be read.
 bool CardAnswers() {
-  constexpr std::size_t kBlock = 4096;  // direct reads go by whole, aligned blocks
-  alignas(kBlock) std::array<char, kBlock> block;
+  alignas(4096) std::array<char, 4096> block;  // direct reads go by whole, aligned blocks
   Tarvik::UniqueFd const card(open(kPartition, O_RDONLY | O_DIRECT | O_CLOEXEC));
-  return card.IsOpen() && read(card.Get(), block.data(), kBlock) == kBlock;
+  return card.IsOpen() && read(card.Get(), block.data(), block.size()) == std::ssize(block);
 }
 
 // A link counts, wherever it leads.
@@ -200,18 +199,15 @@ bool Recorder::Record() {
   return WaitForLoad() && FinishLoad() && watch->IsUsable() && MakeRoom() && WriteFiles();
 }
 
-bool Recorder::HasRoomMeanwhile() {
-  try {
-    return catalogue->CheckAvailableSpace(true);
-  } catch (Tarvik::IException const&) {
-    return false;  // once the load is over, the catalogue will say why
-  }
+bool Recorder::HasRoomMeanwhile() try {
+  return catalogue->CheckAvailableSpace(true);
+} catch (Tarvik::IException const&) {
+  return false;  // once the load is over, the catalogue will say why
 }
 
 // False when the service is to stop before the load is over.
 bool Recorder::WaitForLoad() {
-  while (IsLoading() && Pause(kLongestPause)) {
-  }
+  while (IsLoading() && Pause(kLongestPause)) continue;
   return !IsLoading();
 }
 
@@ -275,9 +271,8 @@ bool Recorder::WriteFiles() {
   Ifile positions(positionsPath, false);
   std::size_t bytes = 0;
   if (!WriteSteadily(recording, bytes)) return CouldNotWrite(recording);
-  std::string slice = Slice(positions, kPositionsBytes);
   positions.Open(false);
-  positions.Write(slice.data(), kPositionsBytes);
+  positions.Write(Slice(positions, kPositionsBytes).data(), kPositionsBytes);
   bool const hasPositions = WriteBack(positions) || CouldNotWrite(positions);
   return Complete(recording, bytes) && hasPositions && Complete(positions, kPositionsBytes);
 }

@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <mutex>
 #include <optional>
+#include <stdexcept>
 #include <system_error>
 #include <thread>
 #include <vector>
@@ -71,6 +72,20 @@ TEST_F(CardWatch, TellsOnceWhatHasChangedAndWhetherTheCardCanBeWrittenTo) {
   AwaitTwoLooks();
   EXPECT_TRUE(watch.IsUsable());
   EXPECT_THAT(Told(), ElementsAre(Finding::ReadOnly, Finding::Good));
+}
+
+TEST_F(CardWatch, GoesOnWhereNobodyIsToldOrTellingFails) {
+  Quellon::DiskUtils::CardWatch const untold(disk, {});
+  Quellon::DiskUtils::CardWatch const failing(
+      disk, [](auto&&) { throw std::runtime_error("nobody to tell"); });
+  AwaitTwoLooks();
+  Machine::MakeFile("/sys/class/block/mmcblk1p1/ro", "1\n");
+  auto const areUsable = [&](bool usable) {
+    return ComesTrue([&] { return untold.IsUsable() == usable && failing.IsUsable() == usable; });
+  };
+  EXPECT_TRUE(areUsable(false));
+  Machine::MakeFile("/sys/class/block/mmcblk1p1/ro", "0\n");
+  EXPECT_TRUE(areUsable(true));
 }
 
 TEST_F(CardWatch, NeedsAThread) {

@@ -99,7 +99,7 @@ class DeadClock : public CatalogueTest {
   void Record(FilesManager& catalogue, bool isCut) {
     std::string name = "rec_" + std::to_string(1'000'000 + ++number).substr(1) + ".dat";
     Pass(Any(20, 300));
-    MakeRecording(name, isCut ? kBytes / 2 : kBytes, *hooks().now);
+    MakeRecording(name, isCut ? kBytes / 2 : kBytes, static_cast<time_t>(*hooks().now));
     EXPECT_TRUE(isCut || catalogue.AddFile(name));
   }
 

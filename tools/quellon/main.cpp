@@ -1,7 +1,13 @@
 // The technician's command: what a device with this library is like, and the few things to do to it
 // by hand.
+#include <iostream>
+
 #include "Command.h"
 
 int main(int count, char** arguments) {
-  return Quellon::Tool::Run({arguments + 1, arguments + count});
+  using Quellon::Tool::Status;
+  Status const status = Quellon::Tool::Run({arguments + 1, arguments + count});
+  if (std::cout.flush()) return status;
+  std::cerr << "quellon: standard output could not be written" << std::endl;
+  return status == Status::Fine ? Status::Wrong : status;
 }
