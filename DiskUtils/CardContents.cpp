@@ -8,6 +8,7 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <limits>
 #include <span>
 #include <string_view>
@@ -100,7 +101,7 @@ Kind KindOf(Bytes bytes) {
   for (auto const& signature : kSignatures) {
     if (HasText(bytes, signature.place, signature.text)) return signature.kind;
   }
-  bool const isUniform = std::ranges::all_of(bytes, [&](auto byte) { return byte == bytes[0]; });
+  bool const isUniform = std::memcmp(&bytes[0], &bytes[1], bytes.size() - 1) == 0;
   return isUniform ? Kind::Nothing : Kind::Unknown;
 }
 

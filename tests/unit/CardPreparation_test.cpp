@@ -367,7 +367,7 @@ TEST_F(CardPreparation, WritesATestFileOfManyBlocks) {
   std::size_t length = 0;
   slot.lose = [&] { length = slot.onCard.size(); };
   Prepare();
-  EXPECT_EQ(length, 48890U);
+  EXPECT_EQ(length, 49152U);
 }
 
 TEST_F(CardPreparation, EndsWithWhatTheCallersOwnFunctionThrows) {
