@@ -55,6 +55,6 @@ def run(board: Board):
     saved = int(next(line for line in lines if line.startswith("saved ")).split()[1])
     expect(0 < saved - LAST <= SLACK, f"the clock was kept as {saved}")
     expect_equal(lines.count("driver: set-rtc yes"), 2, "clocks that were set")
-    expect(any(line.startswith("RTC: 1/19/2038 03:30:") for line in lines), "the printed time")
+    expect(any(line.startswith("RTC: 1/19/2038 03:3") for line in lines), "the printed time")
     expect(any(line.startswith("[2038-01-19 03:14:") for line in lines), "no line of the log")
     board.note(f"kept {saved - LAST} s after the last second of 32-bit times")
