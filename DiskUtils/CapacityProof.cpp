@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
+#include <sys/sysmacros.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -285,6 +286,8 @@ ProofResult Measure(std::string const& directory, std::uint64_t bytesToLeave,
       stat(directory.c_str(), &here) == 0 && stat((directory + '/' + "..").c_str(), &above) == 0;
   if (!found) return Fail(report);
   if (here.st_dev == above.st_dev) return ProofResult::Missing;  // nothing is mounted
+  // What has no device of its own is held in memory, or elsewhere: it would prove no card.
+  if (major(here.st_dev) == 0) return ProofResult::Unsupported;
   struct statvfs space {};
   auto const measure = [&] { return statvfs(directory.c_str(), &space); };
   if (Tarvik::RestartWhileInterrupted(measure) != 0) return Fail(report);

@@ -47,7 +47,7 @@ class QUELLON_EXPORT CapacityProof {
     Cancelled,    ///< by the progress, before anything wrong was found
     ReadOnly,     ///< the card cannot be written, or the kernel stopped writing to it
     Missing,      ///< no card is mounted there, or it has gone
-    Unsupported,  ///< the file system has no files without names, or no direct I/O
+    Unsupported,  ///< the file system has no device, no files without names, or no direct I/O
     Failed,       ///< the card failed to write or to read, or another call did
   };
 

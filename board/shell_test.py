@@ -31,6 +31,7 @@ LIMIT = 60  # seconds, for each step
 
 STARTED = "board: started after"
 POWER_OFF = "\x01x"  # Ctrl-A X
+HALT = "\x1a"  # Ctrl-Z: what is being written is written, and nothing uses the card then
 
 
 class Terminal:
@@ -99,7 +100,11 @@ def use(terminal: Terminal):
     terminal.type("writer\n")
     terminal.wait("1 is on the card")
     expect("already" in hand("--insert-card"), "a second card in the slot")
+    terminal.type(HALT)
+    terminal.wait("Stopped")
+    terminal.wait("# ")
     expect_done("--pull-card")
+    terminal.type("sleep 1; fg\n")
     terminal.wait("is lost")
     expect("no card" in hand("--pull-card"), "a card pulled twice")
     expect_done("--insert-card")

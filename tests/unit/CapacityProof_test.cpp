@@ -3,6 +3,8 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <unistd.h>
 
 #include <array>
@@ -58,7 +60,14 @@ class RoomyCard : public FakeCard {
   explicit RoomyCard(std::uint64_t room = kRoom) {
     space.f_blocks = 64 * kGiB / kBlock;
     space.f_bfree = static_cast<fsblkcnt_t>((room + kKept) / kBlock);
+    hooks().stat = [this, anywhere = hooks().stat](std::string const& path, struct stat* status) {
+      auto const answer = anywhere(path, status);
+      if (path == kMountPoint && mounted) status->st_dev = device;
+      return answer;
+    };
   }
+
+  dev_t device = makedev(179, 1);
 
   static Proof::Report Prove(std::uint64_t leave = 0) {
     return Proof(kMountPoint, leave).ProveAll();
@@ -270,6 +279,15 @@ TEST_F(CapacityProof, NeedsAMountedCard) {
   auto const report = RoomyCard::Prove();
   EXPECT_EQ(report.result, Result::Missing);
   EXPECT_EQ(report.error, ENOENT);
+}
+
+TEST_F(CapacityProof, IsNoneOfWhatHasNoDeviceOfItsOwn) {
+  Medium const medium;
+  card.device = makedev(0, 42);  // as the kernel numbers what it holds in memory
+  auto const report = RoomyCard::Prove();
+  EXPECT_EQ(report.result, Result::Unsupported);
+  EXPECT_EQ(report.error, 0);
+  EXPECT_THAT(medium.events, IsEmpty());
 }
 
 TEST_F(CapacityProof, TellsWhereACardBeginsAnew) {

@@ -83,6 +83,14 @@ TEST(CardContents, AreFatOfAnyWidth) {
   EXPECT_EQ(DescriptionOf(Found::Boot(0, 54, "FAT64   ")), "unknown data");
 }
 
+TEST(CardContents, AreUnknownDataFromAnyByteOnThatDiffers) {
+  EXPECT_EQ(DescriptionOf({}), "nothing");
+  for (std::uint64_t const place : {0, 1, 2048, 4094, 4095}) {
+    EXPECT_EQ(DescriptionOf({{place, "\x01"}}), "unknown data") << place;
+  }
+  EXPECT_EQ(DescriptionOf({{4096, "\x01"}}), "nothing");
+}
+
 TEST(CardContents, HaveATableOnlyIfThatHasPartitions) {
   EXPECT_EQ(ContentsOf({Mbr({})}).table, CardContents::Table::None);
   EXPECT_EQ(ContentsOf({Mbr({{0x83, Found::kFirst}})}).table, CardContents::Table::Mbr);

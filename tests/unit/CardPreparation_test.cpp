@@ -195,6 +195,17 @@ INSTANTIATE_TEST_SUITE_P(
                     Refusal{EBUSY, Result::InUse}, Refusal{EACCES, Result::Failed},
                     Refusal{EMFILE, Result::Failed}));
 
+TEST_F(CardPreparation, IsNotStoppedByAPipeInTheCardsPlace) {
+  std::string const place = Machine::Real(kCard);
+  std::filesystem::remove(place);
+  ASSERT_EQ(mkfifo(place.c_str(), 0600), 0);
+  CardContents contents;
+  EXPECT_EQ(Preparation::Look(contents), Result::Done);
+  EXPECT_TRUE(contents.isUnreadable);
+  EXPECT_EQ(Prepare(), Result::MayHoldRecordings);
+  EXPECT_THAT(Machine::Trace(), IsEmpty());
+}
+
 TEST_F(CardPreparation, IsRefusedForAWriteProtectedCard) {
   Slot::SetProperty("ro", "1");
   EXPECT_EQ(Prepare(Permission::EraseRecordings), Result::WriteProtected);

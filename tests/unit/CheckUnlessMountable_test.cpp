@@ -3,8 +3,10 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/mount.h>
+#include <sys/stat.h>
 
 #include <cerrno>
+#include <filesystem>
 #include <optional>
 #include <string>
 #include <vector>
@@ -86,6 +88,14 @@ TEST_F(CheckUnlessMountable, LeavesACardAloneThatHoldsSomethingElseNow) {
     EXPECT_FALSE(Checks());
     EXPECT_THAT(Machine::Traced("mount"), IsEmpty());
   }
+}
+
+TEST_F(CheckUnlessMountable, IsNotStoppedByAPipeInTheCardsPlace) {
+  std::string const place = Machine::Real("/dev/mmcblk1p1");
+  std::filesystem::remove(place);
+  ASSERT_EQ(mkfifo(place.c_str(), 0600), 0);
+  EXPECT_FALSE(Checks());
+  EXPECT_THAT(Machine::Traced("mount"), IsEmpty());
 }
 
 TEST_F(CheckUnlessMountable, DoesNothingWithACardThatCannotBeRead) {
