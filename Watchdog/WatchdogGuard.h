@@ -73,8 +73,9 @@ class QUELLON_EXPORT WatchdogGuard {
   ///
   /// Call it once the guard is open, and early: the keeper is a copy of this process, made by
   /// fork(2), and keeps the memory that the process changes later as it was. It runs none of its
-  /// code, and has nothing open but the device. It is in a session of its own, is no child to be
-  /// waited for, and takes no signal but SIGKILL. Who kills a whole control group, as systemd does,
+  /// code, and has nothing open but the device; but a file that is mapped by then keeps its file
+  /// system from being unmounted. It is in a session of its own, is no child to be waited for, and
+  /// takes no signal but SIGKILL. Who kills a whole control group, as systemd does,
   /// ends it as well: see docs/operations.md.
   ///
   /// Results: `Done`, also where such a process is not needed or is there already; `NotOpen`;
