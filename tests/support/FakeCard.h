@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <filesystem>
 #include <functional>
+#include <optional>
 #include <string>
 
 #include "DiskUtils/Disk.h"
@@ -55,6 +56,8 @@ class FakeCard {
   int fsckCode = 0;
   std::function<void()> duringCheck;
   struct statvfs space {};
+  std::optional<dev_t>
+      device;  ///< the number of the card; else that of what really holds its files
 
  private:
   void InsertCard() {
@@ -88,6 +91,7 @@ class FakeCard {
     hooks.stat = [this](std::string const& path, struct stat* status) {
       return Stat(path, status);
     };
+    hooks.fstat = [this](int fd, struct stat* status) { return Fstat(fd, status); };
     hooks.statvfs = [this](auto&&, struct statvfs* result) {
       *result = space;
       return Machine::Answer::Success();
@@ -108,11 +112,20 @@ class FakeCard {
     return {fsckCode << 8, 0};
   }
 
-  // The number of the card is that of what really holds its files; the parent lies on device 1.
+  // The parent lies on device 1.
   [[nodiscard]] Machine::Answer Stat(std::string const& path, struct stat* status) const {
     int const result = fstatat(AT_FDCWD, Machine::Real(path).c_str(), status, 0);
+    if (device && (path == kPartition || path == kMountPoint)) status->st_dev = *device;
     if (path == kPartition) status->st_rdev = status->st_dev;
     if (path.starts_with(kMountPoint) && !(path == kMountPoint && mounted)) status->st_dev = 1;
     return {result, errno};
+  }
+
+  // Its directories alone are asked.
+  std::optional<Machine::Answer> Fstat(int fd, struct stat* status) const {
+    if (!device) return std::nullopt;
+    int const result = fstatat(fd, "", status, AT_EMPTY_PATH);
+    if (S_ISDIR(status->st_mode)) status->st_dev = *device;
+    return Machine::Answer{result, errno};
   }
 };

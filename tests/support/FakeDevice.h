@@ -1,6 +1,8 @@
 // A whole device in good order, for tests of what looks at it.
 #pragma once
 
+#include <sys/sysmacros.h>
+
 #include <filesystem>
 #include <string>
 
@@ -19,6 +21,7 @@ class FakeDevice {
 
   FakeDevice() {
     Machine::hooks().now = kNow;
+    card.device = makedev(179, 1);
     Mount("/dev/mmcblk1p1 /mnt/sdcard ext4 rw,noatime");
     Machine::MakeFile("/proc/uptime", "86400.25 86000.00\n");
     Machine::MakeFile("/sys/class/thermal/thermal_zone0/temp", "41250\n");
