@@ -26,12 +26,6 @@ ifeq ($(BR2_PACKAGE_QUELLON_RECORDER),y)
 define QUELLON_INSTALL_RECORDER
 	DESTDIR=$(TARGET_DIR) $(BR2_CMAKE) --install $(QUELLON_BUILDDIR) --component recorder
 endef
-
-# Otherwise it would be enabled, as each unit of an image.
-define QUELLON_INSTALL_INIT_SYSTEMD
-	$(INSTALL) -D -m 0644 $(QUELLON_PKGDIR)/50-quellon.preset \
-		$(TARGET_DIR)/usr/lib/systemd/system-preset/50-quellon.preset
-endef
 else
 QUELLON_CONF_OPTS += -DQUELLON_BUILD_EXAMPLES=OFF
 endif
