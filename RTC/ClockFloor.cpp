@@ -70,7 +70,7 @@ std::string DirectoryOf(std::string const& path) {
 }  // namespace
 
 time_t ClockFloor::ReleaseTime() noexcept {
-  return QUELLON_RELEASE_TIME;
+  return time_t{QUELLON_RELEASE_TIME};  // does not compile where it is too late for 32 bits
 }
 
 ClockFloor::ClockFloor(std::string path, time_t release)

@@ -1,6 +1,7 @@
 // Dates as text, in local time.
 #pragma once
 
+#include <concepts>
 #include <cstdint>
 #include <string>
 #include <utility>
@@ -19,9 +20,10 @@ QUELLON_EXPORT std::string Date(long const& t, std::string format);
 #if QUELLON_TIME64
 /// The same beyond the times of a `long`.
 QUELLON_EXPORT std::string Date(std::int64_t const& t, std::string format);
-/// The same; a number that is written down may be either.
-inline std::string Date(int t, std::string format) {
-  return Date(std::int64_t{t}, std::move(format));
+/// The same of any other number, which could be either.
+template <std::convertible_to<std::int64_t> Number>
+std::string Date(Number const& t, std::string format) {
+  return Date(static_cast<std::int64_t>(t), std::move(format));
 }
 #endif
 

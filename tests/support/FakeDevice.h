@@ -39,7 +39,7 @@ class FakeDevice {
     }
     Machine::MakeFile("/var/log/quellon.log", "[2023-11-14 22:13:20][REC] Recorded\n");
     SetModificationTime(Machine::Real("/var/log/quellon.log"), kNow);
-    Start("812", "recorder", "quellon-recorder.service");
+    Start("812", "quellon-recorder", "quellon-recorder.service");
     Open("812", 3, "/dev/watchdog0");
     Open("812", 4, "/var/log/quellon.log");
   }
@@ -62,10 +62,10 @@ class FakeDevice {
     Machine::MakeFile(kWatchdog + property, text + "\n");
   }
 
-  /// A process, of a unit of systemd unless that is empty.
+  /// A process, of a unit of systemd unless that is empty. The kernel cuts the name.
   static void Start(std::string const& id, std::string const& name, std::string const& unit) {
     std::string const folder = "/proc/" + id + "/";
-    Machine::MakeFile(folder + "comm", name + "\n");
+    Machine::MakeFile(folder + "comm", name.substr(0, 15) + "\n");
     Machine::MakeFile(folder + "cgroup",
                       unit.empty() ? "0::/\n" : "0::/system.slice/" + unit + "\n");
     std::filesystem::create_directories(Machine::Real(folder + "fd"));

@@ -120,7 +120,7 @@ TEST_F(QuellonCommand, ShowsHealthALineForEachSubject) {
             "card           in service\n"
             "catalogue      6, 3.0 KiB, 0.0 % of the card\n"
             "clock          2023-11-14 22:13:20, plausible\n"
-            "watchdog       armed, held by recorder (812, quellon-recorder.service)\n"
+            "watchdog       armed, held by quellon-recorde (812, quellon-recorder.service)\n"
             "restarts       0, no card has failed since the last good start\n");
 }
 
@@ -137,7 +137,7 @@ TEST_F(QuellonCommand, ShowsTheCard) {
             "free           3.8 GiB, 33.3 %\n"
             "written        716.8 MiB in its life\n"
             "errors         0\n"
-            "used by        recorder (812, quellon-recorder.service)\n"
+            "used by        quellon-recorde (812, quellon-recorder.service)\n"
             "state          in service\n");
 }
 
@@ -163,7 +163,7 @@ TEST_F(QuellonCommand, ShowsTheWatchdogWithoutOpeningIt) {
   EXPECT_EQ(ToolRun({"watchdog"}).output,
             "driver         imx2+ watchdog\n"
             "armed          yes\n"
-            "held by        recorder (812, quellon-recorder.service)\n"
+            "held by        quellon-recorde (812, quellon-recorder.service)\n"
             "timeout        1 min 30 s\n"
             "left           1 min 25 s\n"
             "may be stopped yes\n"
@@ -190,15 +190,15 @@ TEST_F(QuellonCommand, KnowsEachWayToUseTheCardTheLogOrTheWatchdog) {
         "/dev/mmcblk1p1", "/dev/mmcblk1p12", "/dev/mmcblk1p1 (deleted)", "/var/log/quellon.log",
         "/var/log/quellon.log (deleted)", "/var/log/quellon.log.1"}) {
     FakeDevice::StopService();
-    FakeDevice::Start("812", "recorder", "");
+    FakeDevice::Start("812", "quellon-recorder", "");
     FakeDevice::Open("812", 3, path);
-    EXPECT_TRUE(ToolRun({"card"}).Shows("used by", "recorder (812)")) << path;
+    EXPECT_TRUE(ToolRun({"card"}).Shows("used by", "quellon-recorde (812)")) << path;
   }
   for (char const* path : {"/dev/watchdog", "/dev/watchdog0"}) {
     FakeDevice::StopService();
-    FakeDevice::Start("812", "recorder", "");
+    FakeDevice::Start("812", "quellon-recorder", "");
     FakeDevice::Open("812", 3, path);
-    EXPECT_TRUE(ToolRun({"watchdog"}).Shows("held by", "recorder (812)")) << path;
+    EXPECT_TRUE(ToolRun({"watchdog"}).Shows("held by", "quellon-recorde (812)")) << path;
   }
 }
 
@@ -208,7 +208,7 @@ TEST_F(QuellonCommand, FindsAServiceWhoseLogLiesBehindALink) {
   Machine::RemoveFile("/var/log");
   fs::create_directories(Machine::Real("/mnt/volatile/log"));
   fs::create_directory_symlink(Machine::Real("/mnt/volatile/log"), Machine::Real("/var/log"));
-  FakeDevice::Start("813", "recorder", "quellon-recorder.service");
+  FakeDevice::Start("813", "quellon-recorder", "quellon-recorder.service");
   FakeDevice::Open("813", 3, "/mnt/volatile/log/quellon.log");
   for (bool const isWritten : {false, true}) {
     if (isWritten) Machine::MakeFile("/mnt/volatile/log/quellon.log", "");
@@ -409,12 +409,12 @@ TEST_F(QuellonCommandSet, RefusesToCopyASystemClockThatWasReset) {
 }
 
 TEST_F(QuellonCommandSet, RefusesWhileAServiceRuns) {
-  FakeDevice::Start("813", "recorder", "quellon-recorder.service");
+  FakeDevice::Start("813", "quellon-recorder", "quellon-recorder.service");
   FakeDevice::Open("813", 3, "/var/log/quellon.log");
   ToolRun const run({"clock", "--set"});
   EXPECT_EQ(run.status, Refused);
   EXPECT_TRUE(run.Shows("refused",
-                        "in use by recorder (813, quellon-recorder.service): the times "
+                        "in use by quellon-recorde (813, quellon-recorder.service): the times "
                         "of recordings would be out of order"))
       << run.output;
   EXPECT_TRUE(run.Shows("to do", "systemctl stop quellon-recorder.service"));
@@ -430,7 +430,7 @@ TEST_F(QuellonCommandSet, RefusesWhileSomebodyIsOnTheCard) {
 }
 
 TEST_F(QuellonCommandSet, RefusesWhereItCannotBeKnown) {
-  FakeDevice::Start("812", "recorder", "quellon-recorder.service");
+  FakeDevice::Start("812", "quellon-recorder", "quellon-recorder.service");
   LoseRoot();
   ToolRun const run({"clock", "--set"});
   EXPECT_EQ(run.status, Refused);
@@ -603,7 +603,7 @@ TEST_F(QuellonCommandProve, StopsWhenSomebodyBeginsToUseTheCard) {
     if (size <= 4096) return std::nullopt;
     passed += std::chrono::milliseconds(600);
     if (passed > std::chrono::seconds(1) && !fs::exists(Machine::Real("/proc/813"))) {
-      FakeDevice::Start("813", "recorder", "quellon-recorder.service");
+      FakeDevice::Start("813", "quellon-recorder", "quellon-recorder.service");
       FakeDevice::Open("813", 3, "/var/log/quellon.log");
     }
     return std::nullopt;
@@ -611,7 +611,8 @@ TEST_F(QuellonCommandProve, StopsWhenSomebodyBeginsToUseTheCard) {
   ToolRun const run({"card", "prove", "--erase"});
   hooks().steady = nullptr;
   EXPECT_EQ(run.status, Wrong);
-  EXPECT_TRUE(run.Shows("wrong", "stopped: in use by recorder (813, quellon-recorder.service)"))
+  EXPECT_TRUE(
+      run.Shows("wrong", "stopped: in use by quellon-recorde (813, quellon-recorder.service)"))
       << run.output;
   EXPECT_TRUE(run.Shows("to do", "systemctl stop quellon-recorder.service")) << run.output;
   EXPECT_TRUE(run.Shows("written", "2.0 MiB")) << run.output;
@@ -681,7 +682,7 @@ TEST_F(QuellonCommandProve, RefusesToPrepareAFileSystemThatHasLostItsBeginning) 
 }
 
 TEST_F(QuellonCommandProve, RefusesWhileSomebodyUsesTheCard) {
-  FakeDevice::Start("813", "recorder", "quellon-recorder.service");
+  FakeDevice::Start("813", "quellon-recorder", "quellon-recorder.service");
   FakeDevice::Open("813", 3, "/mnt/sdcard/cr/rec_000001.dat");
   for (char const* work : {"check", "prove", "prepare"}) {
     ToolRun const run({"card", work});
@@ -790,7 +791,7 @@ TEST_F(QuellonCommand, ShowsTheLastLinesOfTheLog) {
                     "[2023-11-14 00:00:03][41C][ERROR]three\n"
                     "[2023-11-14 00:00:04][WARNING]four\n"
                     "[2023-11-14 00:00:05]no [ERROR]\n");
-  std::string const writer = "written by     recorder (812, quellon-recorder.service)\n";
+  std::string const writer = "written by     quellon-recorde (812, quellon-recorder.service)\n";
   EXPECT_EQ(ToolRun({"log", "-n", "4"}).output,
             "[2023-11-14 00:00:02]two\n"
             "[2023-11-14 00:00:03][41C][ERROR]three\n"
@@ -898,7 +899,8 @@ TEST_F(QuellonCommand, IsNoUserOfTheCardItself) {
   std::string const own = std::to_string(getpid());
   FakeDevice::Start(own, "quellon", "");
   FakeDevice::Open(own, 3, "/mnt/sdcard/cr/rec_000001.dat");
-  EXPECT_TRUE(ToolRun({"card"}).Shows("used by", "recorder (812, quellon-recorder.service)"));
+  EXPECT_TRUE(
+      ToolRun({"card"}).Shows("used by", "quellon-recorde (812, quellon-recorder.service)"));
 }
 
 TEST_F(QuellonCommand, KnowsThatNowayoutKeepsAWatchdogFromBeingStopped) {

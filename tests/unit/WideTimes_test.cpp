@@ -8,10 +8,13 @@
 #include <unistd.h>
 
 #include <array>
+#include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <ctime>
 #include <limits>
 #include <string>
+#include <vector>
 
 #include "DiskUtils/System.h"
 #include "RTC/ClockFloor.h"
@@ -119,6 +122,19 @@ TEST_F(WideTimes, DatesGoOnAfterTheLastSecondOf32Bits) {
   EXPECT_EQ(Tarvik::Util::Date(86400L, kFormat), "1970-01-02 00:00:00");
   Machine::hooks().now = kIn2060;
   EXPECT_EQ(Tarvik::Util::NewDate(kFormat), "2060-01-01 00:00:00");
+}
+
+// What a `long` takes on narrow boards compiles here, too.
+TEST_F(WideTimes, DatesAreToldOfNumbersOfAnyType) {
+  enum Day { kSecond = 86400 };
+  auto const dates = [](auto const&... times) {
+    return std::vector{Tarvik::Util::Date(times, "%F")...};
+  };
+  EXPECT_THAT(dates(86400, 86400U, 86400L, 86400UL, 86400LL, 86400ULL, 86400.5, std::size_t{86400},
+                    kSecond, std::atomic<long>(86400), std::chrono::seconds(86400).count()),
+              testing::Each("1970-01-02"));
+  EXPECT_THAT(dates(short{1}, char{1}, true), testing::Each("1970-01-01"));
+  EXPECT_EQ(Tarvik::Util::Date(4'000'000'000U, kFormat), "2096-10-02 07:06:40");
 }
 
 TEST_F(WideTimes, TheLogTellsTheTimeOfALineAndOfAFile) {

@@ -22,8 +22,9 @@ FILES:${PN}-dev += "${datadir}/quellon/armhf.cmake"
 FILES:${PN}-recorder = "${bindir}/quellon-recorder ${systemd_system_unitdir}/quellon-recorder.service"
 FILES:${PN}-tools = "${bindir}/quellon ${datadir}/bash-completion ${datadir}/quellon/monitoring"
 
-# The library calls fsck, which calls fsck.ext4, and mkfs.ext4 and sfdisk.
-RRECOMMENDS:${PN} = "e2fsprogs-e2fsck e2fsprogs-mke2fs util-linux-fsck util-linux-sfdisk"
+# The library calls fsck, which calls fsck.ext4, and mkfs.ext4, which calls badblocks, and sfdisk.
+RRECOMMENDS:${PN} = "e2fsprogs-badblocks e2fsprogs-e2fsck e2fsprogs-mke2fs util-linux-fsck \
+    util-linux-sfdisk"
 
 # It arms the watchdog and may restart the machine: whether it runs is the image's choice.
 SYSTEMD_PACKAGES = "${PN}-recorder"
