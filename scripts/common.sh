@@ -98,7 +98,7 @@ build() {
   shift
   time=$(sources_time)
   case $preset in
-  package* | armhf*) local -x SOURCE_DATE_EPOCH=$time ;;
+  package* | armhf* | time64*) local -x SOURCE_DATE_EPOCH=$time ;;
   esac
   step "Building ($preset)"
   mkdir -p build
