@@ -62,7 +62,7 @@ Install them as root: apt-get install ${missing[*]}"
 build_packages=(g++ cmake ninja-build)
 framework_packages=(libgtest-dev libgmock-dev)
 test_packages=("${framework_packages[@]}" e2fsprogs util-linux mount fdisk gcovr groff-base
-  prometheus python3)
+  prometheus python3 systemd)
 
 check_packages=(clang-22 clang-format-14 clang-tidy-14 cppcheck)
 bench_packages=(libbenchmark-dev libspdlog-dev nlohmann-json3-dev rapidjson-dev)
@@ -70,7 +70,7 @@ mutate_packages=(python3-clang-14)
 fuzz_packages=(clang-14 libclang-rt-14-dev)
 board_packages=(g++-arm-linux-gnueabihf qemu-user-static googletest)
 package_packages=(g++-arm-linux-gnueabihf qemu-user-static diffoscope-minimal dpkg-dev fakeroot file
-  gzip lintian make musl-dev pkg-config python3-jsonschema python3-kconfiglib)
+  gzip lintian make musl-dev pkg-config python3-jsonschema python3-kconfiglib strace systemd)
 docs_packages=(doxygen graphviz)
 
 minutes=()  # where they went: a step and its seconds, each
@@ -98,7 +98,7 @@ build() {
   shift
   time=$(sources_time)
   case $preset in
-  package* | armhf*) local -x SOURCE_DATE_EPOCH=$time ;;
+  package* | armhf* | time64*) local -x SOURCE_DATE_EPOCH=$time ;;
   esac
   step "Building ($preset)"
   mkdir -p build

@@ -186,6 +186,16 @@ TEST_F(Disk, UnmountAndMountCommandsSucceedWithoutAPause) {
   EXPECT_THAT(Machine::Traced("sleep"), IsEmpty());
 }
 
+TEST_F(Disk, IsExecutableAfterTheCheckUntilItIsRemounted) {
+  auto disk = MakeDiskOfInsertedCard();
+  disk.DiskUtils::CheckDisk::DiskCheck();
+  EXPECT_THAT(MountOptions(), HasSubstr("ext4 rw,noatime,nodiratime,data=writeback"));
+
+  CardTests::RunQuietly("mount -o remount,bind,noexec,nosuid,nodev,noatime,nodiratime /mnt/sdcard");
+  EXPECT_THAT(MountOptions(),
+              HasSubstr("ext4 rw,nosuid,nodev,noexec,noatime,nodiratime,data=writeback"));
+}
+
 TEST_F(Disk, CheckOfAMountedFileSystemFailsAndTheMountCommandToo) {
   auto disk = MakeDiskOfInsertedCard();
   auto const busy = CardTests::KeepBusy("/mnt/sdcard/busy");

@@ -5,7 +5,8 @@ tests that exist, and its column "met by" files that exist.
   evidence.py
 
 A test is `Suite.Name` of GoogleTest, also with `*`, a suite, a fuzz target, or a test of ctest. Of
-the requirements of Annex I of the Cyber Resilience Act each has a row.
+the requirements of Annex I of the Cyber Resilience Act each has a row, and what these leave to
+SECURITY.md has its section there.
 """
 
 import re
@@ -18,6 +19,7 @@ ROOT = Path(__file__).resolve().parents[2]
 PAGES = ["SECURITY.md", "docs/cra.md"]
 REQUIREMENTS = ["I (1)", *(f"I (2)({letter})" for letter in "abcdefghijklm"),
                 *(f"II ({number})" for number in range(1, 9))]
+POLICY = ["Reporting a weakness", "What is supported", "How a fix reaches devices"]
 FEWEST = 40  # tests and files
 
 TEST = re.compile(r"^(?:TYPED_)?TEST(?:_[FP])?\((\w+),\s*(\w+)\)", re.M)
@@ -43,6 +45,8 @@ def main() -> int:
     rows = re.findall(r"^\| (I+ [^ |]+) ", (ROOT / "docs/cra.md").read_text(), re.M)
     if rows != REQUIREMENTS:
         found.append(f"docs/cra.md: not each requirement has its row: {rows}")
+    sections = dict(re.findall(r"^## (.*)\n\n(.)", (ROOT / "SECURITY.md").read_text(), re.M))
+    found += [f"SECURITY.md: nothing under {title}" for title in POLICY if title not in sections]
     if looked_at < FEWEST:
         found.append(f"only {looked_at} names found")
     print("\n".join(found) or f"{looked_at} tests and files, all there")

@@ -16,7 +16,7 @@ import sys
 from pathlib import Path
 
 ROOT = Path(__file__).resolve().parents[2]
-PAGES = sorted((ROOT / "packaging/debian").glob("*.[1-9]"))
+PAGES = sorted((ROOT / "packaging/debian").glob("*.[1-9]*"))
 SKIPPED = 77
 
 
@@ -74,7 +74,7 @@ def contents(quellon: str, text: str) -> list[str]:
 def recorder() -> list[str]:
     program = (ROOT / "examples/recorder/main.cpp").read_text()
     options = re.findall(r"--[a-z-]+", re.search(r"kUsage =\s*(.*?);", program, re.S)[1])
-    page = rendered((ROOT / "packaging/debian/quellon-recorder.8").read_text())
+    page = rendered((ROOT / "packaging/debian/quellon-recorder.8.in").read_text())
     found = [f"quellon-recorder.8: {option} is not in the synopsis and among the options"
              for option in options if page.count(f"{option} ") < 2]
     return found if options else ["the recorder's usage shows no options"]
@@ -82,7 +82,7 @@ def recorder() -> list[str]:
 
 def interface() -> list[str]:
     names = re.findall(r"(?:Quellon|Tarvik)::\w+(?:::\w+)*", (ROOT / "docs/api.md").read_text())
-    page = rendered((ROOT / "packaging/debian/libquellon.3").read_text())
+    page = rendered((ROOT / "packaging/debian/libquellon.3.in").read_text())
     found = [f"libquellon.3: no word of {name}" for name in names
              if name.replace("System::InitDisk", "System") not in page]
     return found if len(names) > 15 else [*found, "docs/api.md names too little"]

@@ -19,7 +19,8 @@ EXTRA_OECMAKE = "-DQUELLON_BUILD_TESTS=OFF -DQUELLON_UNIT_DIR=${systemd_system_u
 
 PACKAGES =+ "${PN}-recorder ${PN}-tools"
 FILES:${PN}-dev += "${datadir}/quellon/armhf.cmake"
-FILES:${PN}-recorder = "${bindir}/quellon-recorder ${systemd_system_unitdir}/quellon-recorder.service"
+FILES:${PN}-recorder = "${bindir}/quellon-recorder ${systemd_system_unitdir}/quellon-recorder.service \
+    ${systemd_system_unitdir}-preset/50-quellon-recorder.preset"
 FILES:${PN}-tools = "${bindir}/quellon ${datadir}/bash-completion ${datadir}/quellon/monitoring"
 
 # The library calls fsck, which calls fsck.ext4, and mkfs.ext4, which calls badblocks, and sfdisk.
