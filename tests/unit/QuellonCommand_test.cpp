@@ -16,6 +16,7 @@
 #include <fstream>
 #include <set>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "base/Json.h"
@@ -199,6 +200,24 @@ TEST_F(QuellonCommand, KnowsEachWayToUseTheCardTheLogOrTheWatchdog) {
     FakeDevice::Start("812", "recorder", "");
     FakeDevice::Open("812", 3, path);
     EXPECT_TRUE(ToolRun({"watchdog"}).Shows("held by", "recorder (812)")) << path;
+  }
+}
+
+// Which the kernel cuts to 15 characters; the first word of the command line may be any.
+TEST_F(QuellonCommand, TellsTheWholeNameOfWhoUsesSomething) {
+  using namespace std::string_literals;
+  for (auto const& [name, called, shown] :
+       {std::tuple{"quellon-recorde", "/usr/bin/quellon-recorder\0--size\0/quellon-recorded"s,
+                   "quellon-recorder"},
+        {"quellon-recorde", "quellon-recorder"s, "quellon-recorder"},
+        {"quellon-recorde", "/usr/bin/python3\0quellon-recorder"s, "quellon-recorde"},
+        {"quellon-recorde", ""s, "quellon-recorde"},
+        {"sh", "sh: of somebody"s, "sh"}}) {
+    FakeDevice::StopService();
+    FakeDevice::Start("812", name, "");
+    Machine::MakeFile("/proc/812/cmdline", called);
+    FakeDevice::Open("812", 3, "/dev/watchdog");
+    EXPECT_TRUE(ToolRun({"watchdog"}).Shows("held by", shown + " (812)"s)) << called;
   }
 }
 
