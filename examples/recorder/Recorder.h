@@ -26,7 +26,8 @@ struct Settings {
 
 /// Makes a recording every period, each with its positions beside it, and deletes the oldest for
 /// want of room. Begins while the card's catalogue is still being loaded, unless the card is full.
-/// Goes on without a card, and takes one in service that is put back.
+/// What fails is told, and costs that recording alone, until the card itself has failed. Goes on
+/// without a card, and takes one in service that is put back.
 class Recorder {
  public:
   explicit Recorder(Settings const& chosen);

@@ -322,6 +322,25 @@ TEST_F(Recorder, TellsWhyARecordingCannotBeWritten) {
                           "left on device"));
 }
 
+// The catalogue would keep an object of each for as long as the service lives.
+TEST_F(Recorder, CataloguesNothingOfARecordingThatCouldNotEvenBeMade) {
+  std::atomic<int> lookedFor = 0;
+  hooks().fault = [&lookedFor](Machine::Call const& call) -> std::optional<Machine::Failure> {
+    if (!call.subject.ends_with("rec_000001.dat")) return {};
+    if (call.function == "access") ++lookedFor;
+    if (call.function != "fopen") return {};
+    return ENOSPC;
+  };
+  settings.periodMilliseconds = 1;
+  StartRecorder();
+  ASSERT_TRUE(Logs("Recorded rec_000002.gps"));
+  StopRecorder();
+  EXPECT_THAT(LinesWith("Could not write"),
+              ElementsAre("[ERROR][REC] Could not write /mnt/sdcard/cr/rec_000001.dat: No space "
+                          "left on device"));
+  EXPECT_EQ(lookedFor, 0);
+}
+
 TEST_F(Recorder, TellsWhyPositionsCannotBeWritten) {
   hooks().writev = [](int fd, iovec const*, int) -> std::optional<ssize_t> {
     auto const path = Machine::DevicePath(fd);
