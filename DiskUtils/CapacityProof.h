@@ -32,6 +32,9 @@ namespace Quellon::DiskUtils {
 /// left in any case, since a file system keeps some for itself. With the mount option
 /// `data=journal` the kernel answers for what its journal still holds.
 ///
+/// A process with a limit for the size of its files (RLIMIT_FSIZE) is ended by the signal SIGXFSZ,
+/// unless it ignores that, which is the program's to decide: then the run fails with EFBIG.
+///
 /// An object may be used by several threads; runs at once share the free space. A run stays on its
 /// caller's thread, takes as long as the card needs, and memory of 1 MiB. Logs nothing. Throws
 /// std::bad_alloc, and what the progress throws; the space is free again then, too. Kernel

@@ -16,8 +16,11 @@ namespace Tarvik {
 /// nothing more.
 ///
 /// Make one as the first thing in `main`, after `std::ios::sync_with_stdio` if that is called, and
-/// have it end as the last. No other thread prints by `std::cout`, `std::cerr` or `std::clog`
-/// meanwhile; the log may be used.
+/// have it end as the last: while it begins and while it ends no other thread prints by
+/// `std::cout`, `std::cerr` or `std::clog`, nor does a function of the library that prints. In
+/// between they may, as without a guard: several at once unless `sync_with_stdio(false)` was
+/// called, and texts may come between the pieces of another thread's line. The log may always be
+/// used.
 ///
 /// Not to block belongs to an open file, which processes share: the shell has this one, too. So a
 /// terminal or pipe is opened anew, and that put in the place of descriptors 1 and 2; other

@@ -20,13 +20,13 @@
 
 #include "DiskUtils/CardDirectory.h"
 #include "DiskUtils/CheckUnlessMountable.h"
-#include "FileUtils/Dir.h"
 #include "SysUtil/ServiceManager.h"
 #include "Watchdog/BackgroundKicks.h"
 #include "base/IException.h"
 #include "base/Logger.h"
 
 using Quellon::WatchdogGuard;
+using Quellon::DiskUtils::CardDirectory;
 using Quellon::DiskUtils::CardState;
 using Quellon::FileUtils::BackgroundLoad;
 using Quellon::FileUtils::Ifile;
@@ -51,6 +51,9 @@ constexpr std::chrono::milliseconds kLongestPause(1000);  // between two kicks, 
 // A little less than the second that a power cut may cost: it takes a moment until what was
 // recorded is on the card.
 constexpr std::chrono::milliseconds kLongestUnsafe(900);
+
+// What the card alone can be at fault for; EXDEV is the recordings' directory that is not on it.
+constexpr std::array kFaultsOfCards = {EIO, EROFS, ENODEV, ENXIO, EUCLEAN, EBADMSG, EXDEV};
 
 std::string RecordingName(int number, char const* extension) {
   return std::string(kPrefix) + std::to_string(kLastNumber + 1 + number).substr(1) + extension;
@@ -106,15 +109,15 @@ void Recorder::Run() {
   Quellon::SysUtil::NotifyServiceManager("READY=1");
   if (!goesOn) return;
   auto next = steady_clock::now();
-  while (WaitUntil(catalogue == nullptr ? steady_clock::now() + kLongestPause : next)) {
+  while (WaitUntil(watch == nullptr ? steady_clock::now() + kLongestPause : next)) {
     auto const begin = steady_clock::now();
-    if (catalogue == nullptr && CardIsBack() && !StartCard()) return;
+    if (watch == nullptr && CardIsBack() && !StartCard()) return;
     clockFloor.SaveHourly();
-    if (catalogue != nullptr) RecordOrGiveUp();
+    if (watch != nullptr) RecordOrGiveUp();
     next = (settings.bytesPerSecond > 0 ? begin : steady_clock::now()) +
            std::chrono::milliseconds(settings.periodMilliseconds);
   }
-  if (catalogue != nullptr) GiveUpCard();
+  if (watch != nullptr) GiveUpCard();
   clockFloor.Save();
   LogLine(Info) << "[REC] Stopped";
 }
@@ -123,6 +126,7 @@ void Recorder::Run() {
 bool Recorder::StartCard() {
   Quellon::BackgroundKicks const kicks(watchdog, kLongestStart);
   cardWasOut = false;
+  failures = 0;
   Quellon::DiskUtils::CheckUnlessMountable();
   auto const* const disk = system.InitDisk();
   if (disk == nullptr) return false;
@@ -134,25 +138,12 @@ bool Recorder::StartCard() {
                      << ClockFloor::Describe(clock.result);
   if (disk->available) {
     system.SaveSDCardStatusCounter(0);
-    OpenCatalogue();
+    watch = std::make_unique<Quellon::DiskUtils::CardWatch>(
+        *system.disk, [this](auto const& report) { TellOfCard(report); });
   } else {
     LogLine(Error) << "[REC] No usable card, going on without recordings";
   }
   return true;
-}
-
-// The catalogue is loaded while recording begins: that needs but the next number.
-void Recorder::OpenCatalogue() {
-  failures = 0;
-  if (!Quellon::FileUtils::Idir(kRecordings).Create() || !FindLastNumber()) {
-    LogLine(Error) << "[REC] Could not read " << kRecordings;
-    return GiveUpCard();
-  }
-  catalogue = std::make_unique<Quellon::FileUtils::FilesManager>(
-      system.disk, kRecordings, settings.minimumFreeBytes, settings.share);
-  load = std::make_unique<BackgroundLoad>(*catalogue);
-  watch = std::make_unique<Quellon::DiskUtils::CardWatch>(
-      *system.disk, [this](CardState::Report const& report) { TellOfCard(report); });
 }
 
 // Called on the thread of the watch.
@@ -168,12 +159,7 @@ void Recorder::TellOfCard(CardState::Report const& report) {
 // others or by a load, is unmounted when they end; a load does not before the process.
 void Recorder::GiveUpCard() {
   watch.reset();
-  bool isUnmounted = false;
-  if (!IsLoading()) {
-    load.reset();
-    catalogue.reset();
-    isUnmounted = system.disk->Umount();
-  }
+  bool const isUnmounted = ForgetCatalogue() && system.disk->Umount();
   bool const isInUse = !isUnmounted && umount2(system.disk->mountPoint.c_str(), MNT_DETACH) == 0;
   LogLine(Info) << "[REC] Card released" << (isInUse ? " when nobody uses it any more" : "");
 }
@@ -186,23 +172,60 @@ bool Recorder::CardIsBack() {
   return cardWasOut && answers;
 }
 
-// What somebody has done to a recording, or to the room for it, costs that one alone.
+// A card is given up that nobody can write any more, or that two recordings in a row fail on for a
+// reason that none but a card can be. Any other reason passes, and costs the recordings until then.
 void Recorder::RecordOrGiveUp() {
-  failures = Record() ? 0 : failures + 1;
-  if (failures >= kFailureLimit && WaitForLoad()) GiveUpCard();
+  isCardAtFault = false;
+  if (watch->IsUsable() && !Record()) Pause(kLongestPause);  // however short the period is
+  failures = isCardAtFault ? failures + 1 : 0;
+  if ((failures == kFailureLimit || !watch->IsUsable()) && WaitForLoad()) GiveUpCard();
 }
 
-// While the catalogue is loaded, a full card waits for it.
-bool Recorder::Record() {
-  if (!watch->IsUsable()) return false;
-  if (IsLoading() && HasRoomMeanwhile()) return WriteFiles();
+// Where somebody has removed the directory, or put a link in its place, the catalogue is opened
+// anew: what a link leads to is not to be deleted for want of room. The same where the catalogue
+// fails: what could not be deleted is not in it any more. While it is loaded, a full card waits.
+bool Recorder::Record() try {
+  if (!CardDirectory(kRecordings, kPartition).IsOpen() && !ForgetCatalogue())
+    return Fail("[REC] Could not read ", kRecordings);
+  if (!IsLoading() && !FinishLoad() && !OpenCatalogue()) return false;
+  if (IsLoading() && catalogue->CheckAvailableSpace(true)) return WriteFiles();
   return WaitForLoad() && FinishLoad() && watch->IsUsable() && MakeRoom() && WriteFiles();
+} catch (Tarvik::IException const& e) {
+  LogLine(Error) << "[REC] " << e.what();
+  ForgetCatalogue();
+  return false;
 }
 
-bool Recorder::HasRoomMeanwhile() try {
-  return catalogue->CheckAvailableSpace(true);
-} catch (Tarvik::IException const&) {
-  return false;  // once the load is over, the catalogue will say why
+// The directory is made where it is missing, on the card, which somebody may have unmounted. The
+// catalogue is loaded while recording begins: that needs but the next number.
+bool Recorder::OpenCatalogue() {
+  Quellon::BackgroundKicks const kicks(watchdog, kLongestStart);
+  CardDirectory const card(system.disk->mountPoint, kPartition);
+  std::string const path = card.Path() + "cr";
+  bool const isThere = card.IsOpen() && (mkdir(path.c_str(), 0775) == 0 || errno == EEXIST);
+  if (!isThere || !FindLastNumber()) return Fail("[REC] Could not read ", kRecordings);
+  auto const least = std::max<unsigned long long>(settings.minimumFreeBytes,
+                                                  settings.recordingBytes + kPositionsBytes);
+  catalogue = std::make_unique<Quellon::FileUtils::FilesManager>(system.disk, kRecordings, least,
+                                                                 settings.share);
+  load = std::make_unique<BackgroundLoad>(*catalogue);
+  return true;
+}
+
+// False while it is being loaded.
+bool Recorder::ForgetCatalogue() {
+  if (IsLoading()) return false;
+  load.reset();
+  catalogue.reset();
+  return true;
+}
+
+// By `errno`.
+bool Recorder::Fail(char const* what, std::string const& where) {
+  int const error = watch->IsUsable() ? errno : ECANCELED;  // why is told of the card
+  isCardAtFault = isCardAtFault || std::ranges::count(kFaultsOfCards, error) > 0;
+  LogLine(Error) << what << where << ": " << std::strerror(error);
+  return false;
 }
 
 // False when the service is to stop before the load is over.
@@ -212,13 +235,9 @@ bool Recorder::WaitForLoad() {
 }
 
 bool Recorder::FinishLoad() {
-  if (load == nullptr) return true;
+  if (load == nullptr) return catalogue != nullptr;
   std::unique_ptr<BackgroundLoad> const over = std::move(load);
-  if (!over->Finish()) {
-    failures = kFailureLimit;  // nothing would ever be deleted
-    LogLine(Error) << "[REC] " << catalogue->GetError();
-    return false;
-  }
+  if (!over->Finish()) throw Tarvik::IException(catalogue->GetError());
   LogLine(Info) << "[REC] Catalogue of " << catalogue->GetList().size() << " files, "
                 << catalogue->GetTotalFilesSize() << " bytes";
   return true;
@@ -230,17 +249,10 @@ bool Recorder::MakeRoom() {
   auto& files = catalogue->GetList();
   std::vector<std::string> names;
   for (Ifile const* file : files) names.push_back(file->name);
-  if (!catalogue->MakeRoom()) {
-    LogLine(Error) << "[REC] " << catalogue->GetError();
-    return false;
-  }
-  auto kept = files.begin();  // in the same order; what could not be deleted is not in it, either
-  std::erase_if(names, [&](std::string const& name) {
-    bool const isKept = kept != files.end() && (*kept)->name == name;
-    if (isKept) ++kept;
-    return isKept || Exists(kRecordings + name);
-  });
-  if (names.empty()) return true;
+  if (!catalogue->MakeRoom()) throw Tarvik::IException(catalogue->GetError());
+  if (files.size() == names.size()) return true;
+  catalogue->GetTotalFilesSize(true);  // not what others had deleted
+  std::erase_if(names, [](std::string const& name) { return Exists(kRecordings + name); });
   LogLine(Info) << "[REC] Deleted " << names.size() << " oldest recordings";
   RemoveOrphanedPositions();
   return true;
@@ -249,9 +261,8 @@ bool Recorder::MakeRoom() {
 // The library never deletes positions by age; here they go with their recording.
 void Recorder::RemoveOrphanedPositions() {
   for (Ifile* file : std::list(catalogue->GetList())) {
-    std::string_view const name = file->name;
-    if (!name.starts_with(kPrefix) || !name.ends_with(".gps")) continue;
-    auto const recording = kRecordings + file->name.substr(0, name.rfind('.')) + ".dat";
+    if (!file->name.starts_with(kPrefix) || !file->name.ends_with(".gps")) continue;
+    auto const recording = kRecordings + file->name.substr(0, file->name.rfind('.')) + ".dat";
     if (!Exists(recording)) catalogue->RemoveFileByName(file->name);
   }
 }
@@ -259,7 +270,8 @@ void Recorder::RemoveOrphanedPositions() {
 // Both files are on the card before they count, since what is complete must survive a power cut.
 // The first `Sync` brings both there: each would cost the card a commit of the journal.
 bool Recorder::WriteFiles() {
-  Quellon::DiskUtils::CardDirectory const directory(kRecordings, kPartition);
+  CardDirectory const directory(kRecordings, kPartition);
+  if (!directory.IsOpen()) return Fail("[REC] Could not read ", kRecordings);
   std::string path;
   std::string positionsPath;
   do {  // numbers that began anew may meet old recordings, or links that lead out of the card
@@ -290,11 +302,10 @@ bool Recorder::WriteSteadily(Ifile& file, std::size_t& written) {
     if (written > 0 && !WaitUntil(begin + due)) return true;
     auto const bytes = std::min(slice.size(), settings.recordingBytes - written);
     file.Write(slice.data(), static_cast<unsigned int>(bytes));
-    if (!file.stream->good()) return false;
+    if (!file.stream->good() || !watch->IsUsable()) return false;
     written += bytes;
     if (steady_clock::now() - safe < kLongestUnsafe) continue;
-    errno = ECANCELED;  // why is told of the card
-    if (!watch->IsUsable() || !file.Sync()) return false;
+    if (!file.Sync()) return false;
     safe = steady_clock::now();  // a card may take longer than that
     KickWatchdog();
   }
@@ -303,10 +314,8 @@ bool Recorder::WriteSteadily(Ifile& file, std::size_t& written) {
 
 // What there is of it, if anything, is deleted with the oldest.
 bool Recorder::CouldNotWrite(Ifile& file) {
-  int const error = errno;
-  LogLine(Error) << "[REC] Could not write " << kRecordings << file.name << ": "
-                 << std::strerror(error);
-  AddFile(file.name);
+  Fail("[REC] Could not write ", kRecordings + file.name);
+  if (Exists(file.path)) AddFile(file.name);
   return false;
 }
 
@@ -327,8 +336,9 @@ bool Recorder::AddFile(std::string name) {
 // deleted for want of room.
 bool Recorder::FindLastNumber() {
   number = 0;
-  Quellon::DiskUtils::CardDirectory const held(kRecordings, kPartition);
-  std::unique_ptr<DIR, int (*)(DIR*)> const directory(opendir(held.Path().c_str()), closedir);
+  CardDirectory const held(kRecordings, kPartition);
+  std::unique_ptr<DIR, int (*)(DIR*)> const directory(
+      held.IsOpen() ? opendir(held.Path().c_str()) : nullptr, closedir);
   if (directory == nullptr) return false;
   for (errno = 0; dirent const* const entry = readdir(directory.get()); errno = 0) {
     std::string_view const name = entry->d_name;
@@ -374,6 +384,6 @@ void Recorder::TellOfWatchdog() {
   }
   LogLine(Info) << "[REC] Watchdog " << watchdog.GetDriver() << ", " << watchdog.GetTimeout()
                 << " s";
-  bool const isKept = watchdog.KeepOpenAfterEnd() == WatchdogGuard::Result::Done;
-  if (!isKept) LogLine(Warning) << "[REC] The watchdog stops when the service ends";
+  if (watchdog.KeepOpenAfterEnd() != WatchdogGuard::Result::Done)
+    LogLine(Warning) << "[REC] The watchdog stops when the service ends";
 }

@@ -26,7 +26,8 @@ struct Settings {
 
 /// Makes a recording every period, each with its positions beside it, and deletes the oldest for
 /// want of room. Begins while the card's catalogue is still being loaded, unless the card is full.
-/// Goes on without a card, and takes one in service that is put back.
+/// What fails is told, and costs that recording alone, until the card itself has failed. Goes on
+/// without a card, and takes one in service that is put back.
 class Recorder {
  public:
   explicit Recorder(Settings const& chosen);
@@ -48,14 +49,15 @@ class Recorder {
 
  private:
   bool StartCard();
-  void OpenCatalogue();
   void TellOfCard(Quellon::DiskUtils::CardState::Report const& report);
   void GiveUpCard();
   bool CardIsBack();
 
   void RecordOrGiveUp();
   bool Record();
-  bool HasRoomMeanwhile();
+  bool OpenCatalogue();
+  bool ForgetCatalogue();
+  bool Fail(char const* what, std::string const& where);
   bool WaitForLoad();
   bool FinishLoad();
   bool MakeRoom();
@@ -78,12 +80,13 @@ class Recorder {
   Quellon::WatchdogGuard watchdog;
   Quellon::WatchdogGuard::Result watchdogState = Quellon::WatchdogGuard::Result::NotOpen;
   std::chrono::steady_clock::time_point nextKick;
-  std::unique_ptr<Quellon::FileUtils::FilesManager> catalogue;  // null while there is no card
+  std::unique_ptr<Quellon::FileUtils::FilesManager> catalogue;  // null until it is opened
   std::unique_ptr<Quellon::FileUtils::BackgroundLoad> load;  // null when the catalogue is complete
-  std::unique_ptr<Quellon::DiskUtils::CardWatch> watch;      // null with the catalogue
+  std::unique_ptr<Quellon::DiskUtils::CardWatch> watch;      // null while there is no card
   Quellon::RTC::ClockFloor clockFloor;
   int number = 0;
-  int failures = 0;                      // of recordings in a row
+  int failures = 0;                      // that the card is at fault for, of recordings in a row
+  bool isCardAtFault = false;            // for what failed of the last recording
   std::atomic<bool> cardWasOut = false;  // of its slot; the watch may say so
   bool isStopping = false;
   Tarvik::Interfaces::ISemaphore stop;

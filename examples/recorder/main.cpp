@@ -22,13 +22,6 @@ constexpr char const* kUsage =
     "usage: quellon-recorder [--size BYTES] [--rate BYTES-PER-SECOND] [--period MILLISECONDS]\n"
     "                        [--min-free BYTES] [--share 0..1] [--watchdog SECONDS]\n";
 
-Recorder* running = nullptr;
-
-// Notifies and no more: a handler that logs ends the program, or stops it for good.
-void StopRunning(int /*signal*/) {
-  running->Stop();
-}
-
 // False unless the whole text is a number that fits.
 template <typename Number>
 bool Read(std::string_view text, Number& number) {
@@ -86,8 +79,11 @@ int main(int count, char** arguments) {
   if (!recorder.IsAlone()) return EXIT_FAILURE;
   RestoreClock();
   Tarvik::Util::TemperatureMonitor::GetInstance()->Start();
-  running = &recorder;
-  for (int const signal : {SIGTERM, SIGINT}) static_cast<void>(std::signal(signal, StopRunning));
+  // What is too large for a limit, or printed to nobody, fails, and does not end the service.
+  for (int const signal : {SIGXFSZ, SIGPIPE}) static_cast<void>(std::signal(signal, SIG_IGN));
+  // Notifies and no more: a handler that logs ends the program, or stops it for good.
+  for (int const signal : {SIGTERM, SIGINT})
+    static_cast<void>(std::signal(signal, [](int) { recorder.Stop(); }));
   recorder.Run();
   if (!recorder.IsLoading()) console.reset();  // a load must not print by what is gone
   std::quick_exit(EXIT_SUCCESS);  // without waiting for a catalogue that is still being loaded

@@ -62,10 +62,11 @@ class FakeDevice {
     Machine::MakeFile(kWatchdog + property, text + "\n");
   }
 
-  /// A process, of a unit of systemd unless that is empty. The kernel cuts the name.
+  /// A process, of a unit of systemd unless that is empty. The kernel cuts its name.
   static void Start(std::string const& id, std::string const& name, std::string const& unit) {
     std::string const folder = "/proc/" + id + "/";
     Machine::MakeFile(folder + "comm", name.substr(0, 15) + "\n");
+    Machine::MakeFile(folder + "cmdline", "/usr/bin/" + name);
     Machine::MakeFile(folder + "cgroup",
                       unit.empty() ? "0::/\n" : "0::/system.slice/" + unit + "\n");
     std::filesystem::create_directories(Machine::Real(folder + "fd"));

@@ -16,6 +16,7 @@
 #include <fstream>
 #include <set>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "base/Json.h"
@@ -120,7 +121,7 @@ TEST_F(QuellonCommand, ShowsHealthALineForEachSubject) {
             "card           in service\n"
             "catalogue      6, 3.0 KiB, 0.0 % of the card\n"
             "clock          2023-11-14 22:13:20, plausible\n"
-            "watchdog       armed, held by quellon-recorde (812, quellon-recorder.service)\n"
+            "watchdog       armed, held by quellon-recorder (812, quellon-recorder.service)\n"
             "restarts       0, no card has failed since the last good start\n");
 }
 
@@ -137,7 +138,7 @@ TEST_F(QuellonCommand, ShowsTheCard) {
             "free           3.8 GiB, 33.3 %\n"
             "written        716.8 MiB in its life\n"
             "errors         0\n"
-            "used by        quellon-recorde (812, quellon-recorder.service)\n"
+            "used by        quellon-recorder (812, quellon-recorder.service)\n"
             "state          in service\n");
 }
 
@@ -163,7 +164,7 @@ TEST_F(QuellonCommand, ShowsTheWatchdogWithoutOpeningIt) {
   EXPECT_EQ(ToolRun({"watchdog"}).output,
             "driver         imx2+ watchdog\n"
             "armed          yes\n"
-            "held by        quellon-recorde (812, quellon-recorder.service)\n"
+            "held by        quellon-recorder (812, quellon-recorder.service)\n"
             "timeout        1 min 30 s\n"
             "left           1 min 25 s\n"
             "may be stopped yes\n"
@@ -192,13 +193,31 @@ TEST_F(QuellonCommand, KnowsEachWayToUseTheCardTheLogOrTheWatchdog) {
     FakeDevice::StopService();
     FakeDevice::Start("812", "quellon-recorder", "");
     FakeDevice::Open("812", 3, path);
-    EXPECT_TRUE(ToolRun({"card"}).Shows("used by", "quellon-recorde (812)")) << path;
+    EXPECT_TRUE(ToolRun({"card"}).Shows("used by", "quellon-recorder (812)")) << path;
   }
   for (char const* path : {"/dev/watchdog", "/dev/watchdog0"}) {
     FakeDevice::StopService();
     FakeDevice::Start("812", "quellon-recorder", "");
     FakeDevice::Open("812", 3, path);
-    EXPECT_TRUE(ToolRun({"watchdog"}).Shows("held by", "quellon-recorde (812)")) << path;
+    EXPECT_TRUE(ToolRun({"watchdog"}).Shows("held by", "quellon-recorder (812)")) << path;
+  }
+}
+
+// Which the kernel cuts to 15 characters; the first word of the command line may be any.
+TEST_F(QuellonCommand, TellsTheWholeNameOfWhoUsesSomething) {
+  using namespace std::string_literals;
+  for (auto const& [name, called, shown] :
+       {std::tuple{"quellon-recorde", "/usr/bin/quellon-recorder\0--size\0/quellon-recorded"s,
+                   "quellon-recorder"},
+        {"quellon-recorde", "quellon-recorder"s, "quellon-recorder"},
+        {"quellon-recorde", "/usr/bin/python3\0quellon-recorder"s, "quellon-recorde"},
+        {"quellon-recorde", ""s, "quellon-recorde"},
+        {"sh", "sh: of somebody"s, "sh"}}) {
+    FakeDevice::StopService();
+    FakeDevice::Start("812", name, "");
+    Machine::MakeFile("/proc/812/cmdline", called);
+    FakeDevice::Open("812", 3, "/dev/watchdog");
+    EXPECT_TRUE(ToolRun({"watchdog"}).Shows("held by", shown + " (812)"s)) << called;
   }
 }
 
@@ -414,7 +433,7 @@ TEST_F(QuellonCommandSet, RefusesWhileAServiceRuns) {
   ToolRun const run({"clock", "--set"});
   EXPECT_EQ(run.status, Refused);
   EXPECT_TRUE(run.Shows("refused",
-                        "in use by quellon-recorde (813, quellon-recorder.service): the times "
+                        "in use by quellon-recorder (813, quellon-recorder.service): the times "
                         "of recordings would be out of order"))
       << run.output;
   EXPECT_TRUE(run.Shows("to do", "systemctl stop quellon-recorder.service"));
@@ -612,7 +631,7 @@ TEST_F(QuellonCommandProve, StopsWhenSomebodyBeginsToUseTheCard) {
   hooks().steady = nullptr;
   EXPECT_EQ(run.status, Wrong);
   EXPECT_TRUE(
-      run.Shows("wrong", "stopped: in use by quellon-recorde (813, quellon-recorder.service)"))
+      run.Shows("wrong", "stopped: in use by quellon-recorder (813, quellon-recorder.service)"))
       << run.output;
   EXPECT_TRUE(run.Shows("to do", "systemctl stop quellon-recorder.service")) << run.output;
   EXPECT_TRUE(run.Shows("written", "2.0 MiB")) << run.output;
@@ -791,7 +810,7 @@ TEST_F(QuellonCommand, ShowsTheLastLinesOfTheLog) {
                     "[2023-11-14 00:00:03][41C][ERROR]three\n"
                     "[2023-11-14 00:00:04][WARNING]four\n"
                     "[2023-11-14 00:00:05]no [ERROR]\n");
-  std::string const writer = "written by     quellon-recorde (812, quellon-recorder.service)\n";
+  std::string const writer = "written by     quellon-recorder (812, quellon-recorder.service)\n";
   EXPECT_EQ(ToolRun({"log", "-n", "4"}).output,
             "[2023-11-14 00:00:02]two\n"
             "[2023-11-14 00:00:03][41C][ERROR]three\n"
@@ -900,7 +919,7 @@ TEST_F(QuellonCommand, IsNoUserOfTheCardItself) {
   FakeDevice::Start(own, "quellon", "");
   FakeDevice::Open(own, 3, "/mnt/sdcard/cr/rec_000001.dat");
   EXPECT_TRUE(
-      ToolRun({"card"}).Shows("used by", "quellon-recorde (812, quellon-recorder.service)"));
+      ToolRun({"card"}).Shows("used by", "quellon-recorder (812, quellon-recorder.service)"));
 }
 
 TEST_F(QuellonCommand, KnowsThatNowayoutKeepsAWatchdogFromBeingStopped) {

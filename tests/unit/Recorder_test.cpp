@@ -102,6 +102,11 @@ TEST_F(Recorder, BeginsARecordingThatIsStoppedAtOnceWithWhatThereIs) {
 TEST_F(Recorder, TakesACardBackThatWasSwappedBetweenTwoLooksAndGivesItTwoTries) {
   hasOthers = true;
   Machine::MakeFile(FakeCard::kPartition, std::string(4096, ' '));
+  hooks().fsync = [](int fd) -> std::optional<Machine::Answer> {  // one on each card
+    auto const path = Machine::DevicePath(fd).value_or("");
+    if (!path.ends_with("rec_000002.dat") && !path.ends_with("rec_000003.dat")) return {};
+    return Machine::Answer::Failure(EIO);
+  };
   std::atomic<bool> isGone = false;
   hooks().fault = [&isGone](Machine::Call const& call) -> std::optional<Machine::Failure> {
     if (call.function != "pread" || !isGone) return {};
@@ -109,17 +114,17 @@ TEST_F(Recorder, TakesACardBackThatWasSwappedBetweenTwoLooksAndGivesItTwoTries) 
   };
   duringPause = [this, &isGone](timespec const& deadline) {
     now = std::chrono::seconds(deadline.tv_sec) + std::chrono::nanoseconds(deadline.tv_nsec);
-    Machine::RemoveFile("/mnt/sdcard/cr/rec_000002.dat");
-    if (isGone && !LinesWith("[REC] Card released").empty()) isGone = false;
+    // Gone while the partition can be read: another card is there by now.
+    isGone = LinesWith("Could not write").size() == 1 && LinesWith("Card released").empty();
+    EXPECT_TRUE(!isGone || Logs("[REC] Card: the card is gone"));
   };
-  settings.periodMilliseconds = 3'600'000;
+  settings.periodMilliseconds = 1;
   StartRecorder();
-  ASSERT_TRUE(Logs("Recorded rec_000001.gps"));
-  isGone = true;  // while the partition can be read: another card is there by now
-  ASSERT_TRUE(ComesTrue([] { return LinesWith("[REC] Health").size() > 1; }));
-  ASSERT_TRUE(Logs("Recorded rec_000003.gps"));
-  EXPECT_THAT(LinesWith("[REC] Card released"), SizeIs(1));
+  ASSERT_TRUE(Logs("Recorded rec_000004.gps"));
   StopRecorder();
+  EXPECT_THAT(LinesWith("[REC] Health"), SizeIs(2));
+  EXPECT_THAT(LinesWith("Could not write"), SizeIs(2));
+  EXPECT_THAT(LinesWith("[REC] Card released"), SizeIs(2)) << "the second at the end";
 }
 
 TEST_F(Recorder, EndsARecordingWhereItIsStopped) {
@@ -148,6 +153,138 @@ TEST_F(Recorder, GivesACardUpThatFailsInTheMiddleOfTwoRecordingsInARow) {
                   "[ERROR][REC] Could not write /mnt/sdcard/cr/rec_000002.dat: Input/output "
                   "error"));
   EXPECT_LT(Written(), 8 * kSlice);
+}
+
+TEST_F(Recorder, GivesNoCardUpWhereOthersAreAtFaultInBetween) {
+  std::atomic<int> count = 0;
+  hooks().fsync = [&count](int fd) -> std::optional<Machine::Answer> {
+    if (!Machine::DevicePath(fd).value_or("").ends_with(".dat") || count == 5) return std::nullopt;
+    return Machine::Answer::Failure(++count % 2 == 1 ? EIO : EDQUOT);
+  };
+  settings.periodMilliseconds = 1;
+  StartRecorder();
+  ASSERT_TRUE(Logs("Recorded rec_000006.gps"));
+  StopRecorder();
+  EXPECT_THAT(LinesWith("Could not write"), SizeIs(5));
+  EXPECT_THAT(LinesWith("[REC] Card released"), SizeIs(1));
+}
+
+TEST_F(Recorder, RecordsOnWhenOthersWhoFilledTheCardHaveMadeRoom) {
+  freeBlocks = 0;
+  settings.periodMilliseconds = 1;
+  StartRecorder();
+  ASSERT_TRUE(ComesTrue([] { return LinesWith("Unable to make room").size() > 3; }));
+  freeBlocks = kEnough;
+  EXPECT_TRUE(Logs("Recorded rec_000001.gps"));
+  EXPECT_THAT(LinesWith("[REC] Card released"), IsEmpty());
+}
+
+TEST_F(Recorder, FindsItsRecordingsAgainThatCouldNotBeDeletedForAWhile) {
+  MakeRecordings(2);
+  freeBlocks = 0;
+  std::atomic<bool> isKept = true;
+  hooks().unlink = [this, &isKept](std::string const&) -> std::optional<Machine::Answer> {
+    if (isKept) return Machine::Answer::Failure(EPERM);
+    freeBlocks = kEnough;
+    return std::nullopt;
+  };
+  settings.periodMilliseconds = 1;
+  StartRecorder();
+  ASSERT_TRUE(ComesTrue([] { return LinesWith("Unable to make room").size() > 2; }));
+  isKept = false;
+  EXPECT_TRUE(Logs("Recorded rec_000003.gps"));
+  EXPECT_THAT(LinesWith("Deleted"), ElementsAre("[REC] Deleted 2 oldest recordings"));
+}
+
+TEST_F(Recorder, MakesItsDirectoryAnewThatSomebodyHasRemoved) {
+  settings.periodMilliseconds = 1;
+  duringPause = [this, wasRemoved = false](timespec const& deadline) mutable {
+    now = std::chrono::seconds(deadline.tv_sec) + std::chrono::nanoseconds(deadline.tv_nsec);
+    if (!wasRemoved && Written() > 2 * kSlice) {
+      wasRemoved = true;
+      Machine::RemoveFile("/mnt/sdcard/cr");
+    }
+  };
+  StartRecorder();
+  ASSERT_TRUE(Logs("Recorded rec_000003.gps"));
+  StopRecorder();
+  EXPECT_THAT(LinesWith("[ERROR]"),
+              ElementsAre("[ERROR][REC] Could not write /mnt/sdcard/cr/rec_000001.dat: No such "
+                          "file or directory"));
+}
+
+// What lies in the directory of the mount point counts as the root's: that is another device.
+TEST_F(Recorder, MakesNoDirectoryOnTheRootWhereTheCardIsNotMounted) {
+  Machine::RemoveFile("/mnt/sdcard/cr");
+  hooks().fstat = [](int fd, struct stat* status) -> std::optional<Machine::Answer> {
+    if (!Machine::DevicePath(fd).value_or("").starts_with("/mnt/sdcard")) return std::nullopt;
+    status->st_dev = 1;
+    return Machine::Answer::Success();
+  };
+  settings.periodMilliseconds = 1;
+  StartRecorder();
+  ASSERT_TRUE(Logs("[REC] Card released"));
+  EXPECT_FALSE(std::filesystem::exists(Machine::Real("/mnt/sdcard/cr")));
+  std::string const line = "[ERROR][REC] Could not read /mnt/sdcard/cr/: Invalid cross-device link";
+  EXPECT_THAT(LinesWith("[ERROR]"), ElementsAre(line, line));
+}
+
+TEST_F(Recorder, TellsWhyItsDirectoryCannotBeMadeAndTriesAgain) {
+  std::filesystem::remove(Machine::Real("/mnt/sdcard/cr"));
+  std::atomic<int> denied = 3;
+  hooks().fault = [&denied](Machine::Call const& call) -> std::optional<Machine::Failure> {
+    if (call.function != "mkdir" || denied == 0) return {};
+    --denied;
+    return ENOSPC;
+  };
+  settings.periodMilliseconds = 1;
+  StartRecorder();
+  EXPECT_TRUE(Logs("Recorded rec_000001.gps"));
+  std::string const line = "[ERROR][REC] Could not read /mnt/sdcard/cr/: No space left on device";
+  EXPECT_THAT(LinesWith("[ERROR]"), ElementsAre(line, line, line));
+}
+
+TEST_F(Recorder, GoesOnWhenThereAreDescriptorsAgain) {
+  std::atomic<int> left = 0;
+  hooks().fault = [&left](Machine::Call const& call) -> std::optional<Machine::Failure> {
+    if (call.function != "open" || !call.subject.ends_with("/cr/") || left == 0) return {};
+    --left;
+    return EMFILE;
+  };
+  settings.periodMilliseconds = 1;
+  StartRecorder();
+  ASSERT_TRUE(Logs("Recorded rec_000001.gps"));
+  left = 9;
+  ASSERT_TRUE(ComesTrue([&left] { return left == 0; }));
+  auto const count = LinesWith("[REC] Recorded").size();
+  EXPECT_TRUE(ComesTrue([count] { return LinesWith("[REC] Recorded").size() > count + 2; }));
+  EXPECT_THAT(LinesWith("[ERROR]"),
+              testing::Each("[ERROR][REC] Could not read /mnt/sdcard/cr/: Too many open files"));
+  EXPECT_GE(LinesWith("[ERROR]").size(), 3U);
+}
+
+TEST_F(Recorder, WaitsASecondAfterARecordingThatFailedHoweverShortThePeriodIs) {
+  freeBlocks = 0;
+  settings.periodMilliseconds = 1;
+  auto const begin = now.load();
+  StartRecorder();
+  ASSERT_TRUE(ComesTrue([] { return LinesWith("Unable to make room").size() > 3; }));
+  StopRecorder();
+  auto const count = static_cast<int>(LinesWith("Unable to make room").size());
+  EXPECT_GE(now.load() - begin, std::chrono::seconds(count - 1));
+}
+
+TEST_F(Recorder, LeavesRoomForAWholeRecordingWhateverElseIsToBeLeft) {
+  constexpr std::size_t kWhole = 8 * kSlice + 1024;
+  settings.share = 1;
+  card.space.f_blocks = 1;  // no reserve, and no share that is used up
+  settings.minimumFreeBytes = 4096;
+  freeBlocks = kWhole / 4096;
+  settings.periodMilliseconds = 1;
+  StartRecorder();
+  ASSERT_TRUE(Logs("Unable to make room"));
+  freeBlocks = kWhole / 4096 + 1;
+  EXPECT_TRUE(Logs("Recorded rec_000001.gps"));
 }
 
 TEST_F(Recorder, GoesOnWhereSomebodyDeletesEverySecondRecordingWhileItIsWritten) {
@@ -183,6 +320,25 @@ TEST_F(Recorder, TellsWhyARecordingCannotBeWritten) {
   EXPECT_THAT(LinesWith("Could not write"),
               ElementsAre("[ERROR][REC] Could not write /mnt/sdcard/cr/rec_000001.dat: No space "
                           "left on device"));
+}
+
+// The catalogue would keep an object of each for as long as the service lives.
+TEST_F(Recorder, CataloguesNothingOfARecordingThatCouldNotEvenBeMade) {
+  std::atomic<int> lookedFor = 0;
+  hooks().fault = [&lookedFor](Machine::Call const& call) -> std::optional<Machine::Failure> {
+    if (!call.subject.ends_with("rec_000001.dat")) return {};
+    if (call.function == "access") ++lookedFor;
+    if (call.function != "fopen") return {};
+    return ENOSPC;
+  };
+  settings.periodMilliseconds = 1;
+  StartRecorder();
+  ASSERT_TRUE(Logs("Recorded rec_000002.gps"));
+  StopRecorder();
+  EXPECT_THAT(LinesWith("Could not write"),
+              ElementsAre("[ERROR][REC] Could not write /mnt/sdcard/cr/rec_000001.dat: No space "
+                          "left on device"));
+  EXPECT_EQ(lookedFor, 0);
 }
 
 TEST_F(Recorder, TellsWhyPositionsCannotBeWritten) {
@@ -271,10 +427,30 @@ TEST_F(Recorder, FollowsNoLinkInThePlaceOfARecordingOrItsPositions) {
 TEST_F(Recorder, TakesNoDirectoryForTheRecordingsThatIsNotOnTheCard) {
   std::filesystem::create_directory_symlink("/proc/sys/fs/inotify",
                                             Machine::Real("/mnt/sdcard/cr"));
+  settings.periodMilliseconds = 1;
   StartRecorder();
   EXPECT_TRUE(Logs("[REC] Card released"));
   EXPECT_TRUE(Logs("[ERROR][REC] Could not read /mnt/sdcard/cr/"));
   EXPECT_EQ(LogFile::Text().find("[SYSTEM]"), std::string::npos) << "no catalogue";
+}
+
+// The card is full, and its recordings have the names of what lies there.
+TEST_F(Recorder, DeletesNothingWhereALinkLeadsThatSomebodyHasPutInThePlaceOfItsDirectory) {
+  settings.periodMilliseconds = 1;
+  duringPause = [this](timespec const& deadline) {
+    now = std::chrono::seconds(deadline.tv_sec) + std::chrono::nanoseconds(deadline.tv_nsec);
+    namespace fs = std::filesystem;
+    auto const directory = Machine::Real("/mnt/sdcard/cr");
+    if (LinesWith("rec_000002.gps").empty() || fs::is_symlink(directory)) return;
+    Machine::RemoveFile("/mnt/sdcard/cr");
+    fs::create_directory_symlink("/proc/sys/fs/inotify", directory);
+    freeBlocks = 0;
+  };
+  StartRecorder();
+  ASSERT_TRUE(Logs("[REC] Card released"));
+  std::string const line = "[ERROR][REC] Could not read /mnt/sdcard/cr/: Invalid cross-device link";
+  EXPECT_THAT(LinesWith("[ERROR]"), ElementsAre(line, line));
+  EXPECT_THAT(Machine::Traced("unlink /mnt/sdcard/cr/"), IsEmpty());
 }
 
 TEST_F(Recorder, ReleasesACardThatIsLostBetweenTwoRecordings) {
@@ -339,6 +515,29 @@ TEST_F(RecorderOfAFullCard, KeepsThePositionsOfWhatCannotBeDeletedAndDoesNotCoun
   EXPECT_FALSE(std::filesystem::exists(Machine::Real("/mnt/sdcard/cr/rec_000002.gps")));
   EXPECT_TRUE(std::filesystem::exists(Machine::Real("/mnt/sdcard/cr/theirs.gps")));
   EXPECT_THAT(LinesWith("Deleted"), ElementsAre("[REC] Deleted 2 oldest recordings"));
+}
+
+// Three recordings fit, and others have taken the three oldest.
+TEST_F(RecorderOfAFullCard, UsesTheRoomOfWhatOthersHaveDeleted) {
+  freeBlocks = kEnough;
+  hooks().unlink = nullptr;
+  card.space.f_blocks = 10 * 8 * kSlice / 4096;
+  settings.share = 0.45F;  // of which one is never used: a recording is made behind a share
+  settings.periodMilliseconds = 1;
+  duringPause = [this, wasDone = false](timespec const& deadline) mutable {
+    now = std::chrono::seconds(deadline.tv_sec) + std::chrono::nanoseconds(deadline.tv_nsec);
+    if (wasDone || LinesWith("rec_000013.gps").empty()) return;
+    wasDone = true;
+    for (auto const* name : {"rec_000010.dat", "rec_000011.dat", "rec_000012.dat"})
+      Machine::RemoveFile(kRecordings + std::string(name));
+  };
+  StartRecorder();
+  ASSERT_TRUE(Logs("Recorded rec_000020.gps"));
+  StopRecorder();
+  int kept = 0;
+  for (auto const& entry : std::filesystem::directory_iterator(Machine::Real(kRecordings)))
+    kept += entry.path().extension() == ".dat" && entry.file_size() == 8 * kSlice;
+  EXPECT_GE(kept, 3);
 }
 
 TEST_F(RecorderOfAFullCard, IsKickedForWhileItIsTriedForRoom) {

@@ -164,7 +164,7 @@ TEST_F(Technician, FindsWhoUsesTheCard) {
   FakeDevice::Open("99", 3, "/mnt/sdcard/cr/rec_000001.dat");
   ToolRun const run({"card"});
   EXPECT_THAT(run.output, testing::HasSubstr("less (99)"));
-  EXPECT_THAT(run.output, testing::HasSubstr("quellon-recorde (812, quellon-recorder.service)"));
+  EXPECT_THAT(run.output, testing::HasSubstr("quellon-recorder (812, quellon-recorder.service)"));
 }
 
 }  // namespace

@@ -28,6 +28,16 @@ std::string UnitOf(std::string const& process) {
   return groups.substr(begin, end + kService.size() - begin);
 }
 
+// The kernel cuts it: the rest is in what the program was called by, unless that is another name.
+std::string NameOf(std::string const& process) {
+  constexpr std::size_t kLongest = 15;
+  std::string const name = ReadLine(process + "/comm").value_or("?");
+  std::string called = ReadFile(process + "/cmdline").value_or("");
+  called.resize(std::min(called.find('\0'), called.size()));
+  called.erase(0, called.rfind('/') + 1);
+  return name.size() == kLongest && called.starts_with(name) ? called : name;
+}
+
 // What follows the name of a card in that of a partition: "p1".
 bool IsPartition(std::string_view rest) {
   return rest.starts_with('p') && IsNumber(rest.substr(1));
@@ -101,7 +111,7 @@ Users UsersOf(std::vector<std::string_view> const& places) {
     std::string const id = entry->d_name;
     std::string const process = "/proc/" + id;
     if (!IsNumber(id) || id == own || !look.Finds(process)) continue;
-    users.found.push_back({id, ReadLine(process + "/comm").value_or("?"), UnitOf(process)});
+    users.found.push_back({id, NameOf(process), UnitOf(process)});
   }
   users.isComplete = processes != nullptr && look.isComplete;
   return users;
