@@ -13,8 +13,10 @@ option(QUELLON_TIME64 "64-bit times and file sizes where long has 32 bits"
 
 set(has_time64 0)
 set(width_definitions "")
+set(width_suffix "")  # of the libraries' names: no program is to start with those of other widths
 if(QUELLON_TIME64 AND CMAKE_SIZEOF_VOID_P EQUAL 4)
   set(has_time64 1)
+  set(width_suffix t64)
   set(width_definitions QUELLON_TIME64=1 _FILE_OFFSET_BITS=64 _TIME_BITS=64)
 endif()
 

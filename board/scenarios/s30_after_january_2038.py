@@ -43,7 +43,7 @@ while :; do :; done
 def run(board: Board):
     if not (BUILD / "board/driver/driver").exists():
         raise Unavailable("cmake --preset time64 && cmake --build --preset time64 make what it needs")
-    for name in ("libTarvik.so.2", "libQuellon.so.2", "board/driver/driver"):
+    for name in ("libTarvik.so.2t64", "libQuellon.so.2t64", "board/driver/driver"):
         board.add(f"{BUILD / name}:{PLACE}")
     lines = board.run(SCRIPT, Image.card(board.folder / "card.img")).lines
 

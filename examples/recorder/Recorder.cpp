@@ -366,14 +366,14 @@ bool Recorder::Pause(std::chrono::milliseconds length) {
 }
 
 // A load that hangs is the watchdog's to end. A watchdog that is not there, or that somebody else
-// has, may come.
+// has, may come. The first kick comes before the card; with each of the others systemd is told
+// again that the service is ready, as what it does not take at once is lost.
 void Recorder::KickWatchdog() {
-  if (load != nullptr && load->Hangs()) return;
-  auto const now = steady_clock::now();
-  if (now < nextKick) return;
+  if ((load != nullptr && load->Hangs()) || steady_clock::now() < nextKick) return;
   auto const result = watchdog.IsOpen() ? watchdog.Kick() : watchdog.Open(settings.watchdogSeconds);
-  Quellon::SysUtil::NotifyServiceManager("WATCHDOG=1");
-  nextKick = now + watchdog.GetKickPeriod();
+  bool const isFirst = nextKick == steady_clock::time_point();
+  Quellon::SysUtil::NotifyServiceManager(isFirst ? "WATCHDOG=1" : "READY=1\nWATCHDOG=1");
+  nextKick = steady_clock::now() + watchdog.GetKickPeriod();
   if (std::exchange(watchdogState, result) != result) TellOfWatchdog();
 }
 
