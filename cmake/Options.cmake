@@ -11,6 +11,11 @@ foreach(options Quellon_options Quellon_test_options)
     -Wall -Wextra -Wpedantic -Wconversion -Wshadow
     $<$<CXX_COMPILER_ID:Clang>:-Wthread-safety>
     $<$<AND:$<CXX_COMPILER_ID:GNU>,$<STREQUAL:${CMAKE_SYSTEM_PROCESSOR},arm>>:-Wno-psabi>)
+  # Sources that are put together hide names of each other, and share what is each one's own.
+  if(CMAKE_UNITY_BUILD)
+    target_compile_options(${options} INTERFACE
+      $<$<CXX_COMPILER_ID:GNU>:-Wno-shadow;-Wno-subobject-linkage>)
+  endif()
   # g++ need not look for garbage in its first gigabyte, which is a tenth of its time.
   target_compile_options(${options} INTERFACE
     $<$<CXX_COMPILER_ID:GNU>:--param=ggc-min-heapsize=1000000>)

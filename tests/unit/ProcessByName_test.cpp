@@ -165,7 +165,7 @@ TEST(ProcessByNameOfARealOne, IsFound) {
 }
 
 TEST(ProcessByNameOfARealOne, MayBeTheCallingOne) {
-  EXPECT_GT(GetProcIdByName("ProcessByName_test"), 0);
+  EXPECT_GT(GetProcIdByName(program_invocation_short_name), 0);
 }
 
 }  // namespace
