@@ -4,7 +4,7 @@
 #
 ################################################################################
 
-QUELLON_VERSION = 2.2.0
+QUELLON_VERSION = 2.3.0
 # Where `scripts/package --source` leaves the archive of the sources.
 QUELLON_SITE = file://$(realpath $(BR2_EXTERNAL_QUELLON_PATH)/../..)/build/packages
 BR_NO_CHECK_HASH_FOR += $(QUELLON_SOURCE)
