@@ -202,6 +202,7 @@ TEST_F(Recorder, MakesItsDirectoryAnewThatSomebodyHasRemoved) {
     now = std::chrono::seconds(deadline.tv_sec) + std::chrono::nanoseconds(deadline.tv_nsec);
     if (!wasRemoved && Written() > 2 * kSlice) {
       wasRemoved = true;
+      while (recorder->IsLoading()) std::this_thread::yield();  // a load would fail, too
       Machine::RemoveFile("/mnt/sdcard/cr");
     }
   };
