@@ -5,6 +5,7 @@
 #include <sys/file.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -13,7 +14,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <list>
-#include <string>
 #include <string_view>
 #include <utility>
 #include <vector>
@@ -28,9 +28,7 @@
 using Quellon::WatchdogGuard;
 using Quellon::DiskUtils::CardDirectory;
 using Quellon::DiskUtils::CardState;
-using Quellon::FileUtils::BackgroundLoad;
 using Quellon::FileUtils::Ifile;
-using Quellon::RTC::ClockFloor;
 using std::chrono::steady_clock;
 using Tarvik::Ilog::LogLine;
 using enum Tarvik::Ilog::LogType;
@@ -70,6 +68,13 @@ bool CardAnswers() {
 bool Exists(std::string const& path) {
   struct stat status {};
   return lstat(path.c_str(), &status) == 0;
+}
+
+// Whether the card can hold a recording and its positions, however small they are: a file system is
+// made with so many inodes, which small files use up before its blocks.
+bool HasInodes() {
+  struct statvfs space {};
+  return statvfs(kRecordings, &space) != 0 || space.f_ffree >= 2;
 }
 
 // Each file holds its own name again and again, so that anybody can see whether it is intact.
@@ -133,9 +138,9 @@ bool Recorder::StartCard() {
   LogLine(Info) << "[REC] Health " << system.GetHealthReport();
   // After the report, which tells of a clock that begins anew.
   auto const clock = clockFloor.Apply(disk->available ? kRecordings : "");
-  if (clock.result != ClockFloor::Result::Kept)
+  if (clock.result != Quellon::RTC::ClockFloor::Result::Kept)
     LogLine(Warning) << "[REC] Clock at " << clock.from << ", at least " << clock.to << ": "
-                     << ClockFloor::Describe(clock.result);
+                     << Quellon::RTC::ClockFloor::Describe(clock.result);
   if (disk->available) {
     system.SaveSDCardStatusCounter(0);
     watch = std::make_unique<Quellon::DiskUtils::CardWatch>(
@@ -156,11 +161,12 @@ void Recorder::TellOfCard(CardState::Report const& report) {
 }
 
 // A card that is put back later must not find the old one still mounted. One that is in use, by
-// others or by a load, is unmounted when they end; a load does not before the process.
+// others or by a load, is unmounted when they end; a load does not before the process. The same
+// where something was mounted over the card, which is what the first call unmounts.
 void Recorder::GiveUpCard() {
   watch.reset();
-  bool const isUnmounted = ForgetCatalogue() && system.disk->Umount();
-  bool const isInUse = !isUnmounted && umount2(system.disk->mountPoint.c_str(), MNT_DETACH) == 0;
+  if (ForgetCatalogue()) system.disk->Umount();
+  bool const isInUse = umount2(system.disk->mountPoint.c_str(), MNT_DETACH) == 0;
   LogLine(Info) << "[REC] Card released" << (isInUse ? " when nobody uses it any more" : "");
 }
 
@@ -188,7 +194,7 @@ bool Recorder::Record() try {
   if (!CardDirectory(kRecordings, kPartition).IsOpen() && !ForgetCatalogue())
     return Fail("[REC] Could not read ", kRecordings);
   if (!IsLoading() && !FinishLoad() && !OpenCatalogue()) return false;
-  if (IsLoading() && catalogue->CheckAvailableSpace(true)) return WriteFiles();
+  if (IsLoading() && HasInodes() && catalogue->CheckAvailableSpace(true)) return WriteFiles();
   return WaitForLoad() && FinishLoad() && watch->IsUsable() && MakeRoom() && WriteFiles();
 } catch (Tarvik::IException const& e) {
   LogLine(Error) << "[REC] " << e.what();
@@ -208,7 +214,7 @@ bool Recorder::OpenCatalogue() {
                                                   settings.recordingBytes + kPositionsBytes);
   catalogue = std::make_unique<Quellon::FileUtils::FilesManager>(system.disk, kRecordings, least,
                                                                  settings.share);
-  load = std::make_unique<BackgroundLoad>(*catalogue);
+  load = std::make_unique<Quellon::FileUtils::BackgroundLoad>(*catalogue);
   return true;
 }
 
@@ -236,7 +242,7 @@ bool Recorder::WaitForLoad() {
 
 bool Recorder::FinishLoad() {
   if (load == nullptr) return catalogue != nullptr;
-  std::unique_ptr<BackgroundLoad> const over = std::move(load);
+  auto const over = std::move(load);
   if (!over->Finish()) throw Tarvik::IException(catalogue->GetError());
   LogLine(Info) << "[REC] Catalogue of " << catalogue->GetList().size() << " files, "
                 << catalogue->GetTotalFilesSize() << " bytes";
@@ -249,6 +255,7 @@ bool Recorder::MakeRoom() {
   auto& files = catalogue->GetList();
   std::vector<std::string> names;
   for (Ifile const* file : files) names.push_back(file->name);
+  while (!HasInodes() && catalogue->DeleteOldFiles(1) > 0) continue;
   if (!catalogue->MakeRoom()) throw Tarvik::IException(catalogue->GetError());
   if (files.size() == names.size()) return true;
   catalogue->GetTotalFilesSize(true);  // not what others had deleted
@@ -326,9 +333,8 @@ bool Recorder::Complete(Ifile& file, std::size_t bytes) {
 }
 
 bool Recorder::AddFile(std::string name) {
-  if (load == nullptr) return catalogue->AddFile(name);
-  load->Add(name);
-  return true;
+  if (load != nullptr) load->Add(name);
+  return load != nullptr || catalogue->AddFile(name);
 }
 
 // False when the names cannot be read to the last: the next recording might overwrite one. Also
@@ -341,8 +347,7 @@ bool Recorder::FindLastNumber() {
       held.IsOpen() ? opendir(held.Path().c_str()) : nullptr, closedir);
   if (directory == nullptr) return false;
   for (errno = 0; dirent const* const entry = readdir(directory.get()); errno = 0) {
-    std::string_view const name = entry->d_name;
-    if (!name.starts_with(kPrefix)) continue;
+    if (!std::string_view(entry->d_name).starts_with(kPrefix)) continue;
     long const found = std::strtol(entry->d_name + kPrefix.size(), nullptr, 10);
     if (found <= kLastNumber) number = std::max(number, static_cast<int>(found));  // else not ours
   }

@@ -18,6 +18,7 @@
 #include <optional>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "examples/recorder/Recorder.h"
@@ -57,6 +58,7 @@ class RecorderTest : public testing::Test {
     Machine::hooks().statvfs = [this](auto&&, struct statvfs* space) {
       *space = card.space;
       space->f_bfree = freeBlocks;
+      space->f_ffree = freeInodes;
       bool const hasCatalogue = LogFile::Text().find("Allocated disk space") != std::string::npos;
       if (hasCatalogue && load.IsHeld()) ++measured;
       return isMeasurable ? Machine::Answer::Success() : Machine::Answer::Failure(EIO);
@@ -68,6 +70,10 @@ class RecorderTest : public testing::Test {
     Machine::hooks().unlink = [this](std::string const& path) -> std::optional<Machine::Answer> {
       if (path.starts_with(kRecordings)) freeBlocks += kEnough;
       return std::nullopt;
+    };
+    Machine::hooks().umount2 = [this](auto&&...) {
+      bool const wasMounted = std::exchange(card.mounted, false);
+      return wasMounted ? Machine::Answer::Success() : Machine::Answer::Failure(EINVAL);
     };
   }
 
@@ -145,6 +151,7 @@ class RecorderTest : public testing::Test {
 
   static constexpr fsblkcnt_t kEnough = 1000000;
   std::atomic<fsblkcnt_t> freeBlocks = kEnough;
+  std::atomic<fsfilcnt_t> freeInodes = 1000;
   std::atomic<int> kicks = 0;     // of the watchdog
   std::atomic<int> measured = 0;  // how often, for room, before the load is let go
   std::atomic<bool> isMeasurable = true;

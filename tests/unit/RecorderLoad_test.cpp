@@ -74,6 +74,25 @@ TEST_F(RecorderLoad, AFullCardWaitsForTheCatalogueAndNothingIsDeletedMeanwhile) 
   EXPECT_THAT(lines[3], HasSubstr("Deleted 2 oldest"));
 }
 
+TEST_F(RecorderLoad, ACardWithoutInodesWaitsForTheCatalogueToo) {
+  MakeRecordings(3);
+  freeInodes = 0;
+  hooks().unlink = [this](std::string const& path) -> std::optional<Machine::Answer> {
+    freeInodes += path.starts_with(kRecordings) ? 1 : 0;
+    return std::nullopt;
+  };
+  StartRecorder();
+  load.Await();
+  ASSERT_TRUE(ComesTrue([this] { return measured > 0; }));
+  EXPECT_THAT(LinesWith("[REC] Recorded"), IsEmpty());
+  load.LetGo();
+  ASSERT_TRUE(Logs("Recorded rec_000004.gps"));
+  StopRecorder();
+  auto const lines = LinesWith("[REC] ");
+  EXPECT_THAT(lines[2], HasSubstr("Catalogue of 6 files"));
+  EXPECT_THAT(lines[3], HasSubstr("Deleted 2 oldest"));
+}
+
 TEST_F(RecorderLoad, AFullCardWaitsNoLongerThanForTheCatalogue) {
   MakeRecordings(3);
   freeBlocks = 0;
@@ -249,6 +268,18 @@ TEST_F(RecorderLoad, ACardThatOthersUseIsDetachedAndSaysSo) {
             "umount2 /mnt/sdcard/ " + std::to_string(MNT_DETACH));
 }
 
+// What is on top goes first, and the card below it is still mounted then.
+TEST_F(RecorderLoad, ACardThatSomethingIsMountedOverIsDetachedToo) {
+  hooks().umount = [](auto&&) { return Machine::Answer::Success(); };
+  load.LetGo();
+  StartRecorder();
+  ASSERT_TRUE(Logs("[REC] Catalogue"));
+  StopRecorder();
+  EXPECT_FALSE(card.mounted);
+  EXPECT_THAT(LinesWith("[REC] Card"),
+              ElementsAre("[REC] Card released when nobody uses it any more"));
+}
+
 TEST_F(RecorderLoad, ACardThatSomebodyHasUnmountedIsReleased) {
   hooks().umount = [](auto&&) { return Machine::Answer::Failure(EINVAL); };
   hooks().umount2 = [](auto&&, int) { return Machine::Answer::Failure(EINVAL); };
@@ -264,7 +295,8 @@ TEST_F(RecorderLoad, StoppingUnmountsOnceTheLoadIsOver) {
   StartRecorder();
   ASSERT_TRUE(Logs("[REC] Catalogue"));
   StopRecorder();
-  EXPECT_THAT(Machine::Traced("umount"), ElementsAre("umount /mnt/sdcard/"));
+  EXPECT_THAT(Machine::Traced("umount "), ElementsAre("umount /mnt/sdcard/"));
+  EXPECT_THAT(LinesWith("[REC] Card"), ElementsAre("[REC] Card released"));
 }
 
 }  // namespace

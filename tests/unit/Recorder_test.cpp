@@ -541,6 +541,30 @@ TEST_F(RecorderOfAFullCard, UsesTheRoomOfWhatOthersHaveDeleted) {
   EXPECT_GE(kept, 3);
 }
 
+// As small recordings leave it: their inodes are used up long before their blocks.
+TEST_F(RecorderOfAFullCard, DeletesItsOldestWhereInodesRunOutBeforeTheRoomDoes) {
+  freeBlocks = kEnough;
+  freeInodes = 0;
+  hooks().unlink = [this](std::string const& path) -> std::optional<Machine::Answer> {
+    freeInodes += path.starts_with(kRecordings) ? 1 : 0;
+    return std::nullopt;
+  };
+  StartRecorder();
+  ASSERT_TRUE(Logs("Recorded rec_000004.gps"));
+  StopRecorder();
+  EXPECT_THAT(LinesWith("Deleted"), ElementsAre("[REC] Deleted 2 oldest recordings"));
+  EXPECT_EQ(freeInodes, 2 * 2) << "with their positions";
+}
+
+TEST_F(RecorderOfAFullCard, TriesToRecordWhereOthersHaveAllInodes) {
+  freeBlocks = kEnough;
+  freeInodes = 0;
+  hooks().unlink = [](auto&&) { return std::nullopt; };
+  StartRecorder();
+  EXPECT_TRUE(Logs("Recorded rec_000004.gps"));
+  EXPECT_THAT(LinesWith("Deleted"), ElementsAre("[REC] Deleted 3 oldest recordings"));
+}
+
 TEST_F(RecorderOfAFullCard, IsKickedForWhileItIsTriedForRoom) {
   hasOthers = true;
   std::atomic<int> kicked = 0;
