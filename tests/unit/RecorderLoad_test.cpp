@@ -155,7 +155,11 @@ TEST_F(RecorderLoad, ADirectoryThatIsRemovedMeanwhileIsMadeAnewWhenTheLoadIsOver
   StartRecorder();
   load.Await();
   ASSERT_TRUE(Logs("Recorded rec_000001.gps"));
-  Machine::RemoveFile("/mnt/sdcard/cr");
+  ASSERT_TRUE(ComesTrue([] {  // not while a recording is put there
+    std::error_code inUse;
+    std::filesystem::remove_all(Machine::Real("/mnt/sdcard/cr"), inUse);
+    return !inUse;
+  }));
   ASSERT_TRUE(Logs("Could not read /mnt/sdcard/cr/: No such file or directory"));
   load.LetGo();
   EXPECT_TRUE(Logs("[REC] Catalogue of"));
