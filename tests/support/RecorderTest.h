@@ -28,6 +28,7 @@
 #include "tests/support/FakeCard.h"
 #include "tests/support/HeldLoad.h"
 #include "tests/support/LogFile.h"
+#include "tests/support/Scoped.h"
 
 inline constexpr char const* kRecordings = "/mnt/sdcard/cr/";
 
@@ -77,8 +78,6 @@ class RecorderTest : public testing::Test {
     };
   }
 
-  ~RecorderTest() override { EndRecorder(); }
-
   static std::string MountOfTheCard() {
     struct stat partition {};
     fstatat(AT_FDCWD, Machine::Real(FakeCard::kPartition).c_str(), &partition, 0);
@@ -100,12 +99,18 @@ class RecorderTest : public testing::Test {
     }
   }
 
-  /// Runs the recorder on a thread of its own, as the service's first.
-  void StartRecorder() {
+  /// Runs the recorder on a thread of its own, as the service's first, while the result lasts: no
+  /// longer than what a test's hooks refer to.
+  [[nodiscard]] Scoped::AtEnd StartRecorder() {
     recorder = std::make_unique<Recorder>(settings);
     service = std::thread([this] {
       isService = true;
       recorder->Run();
+    });
+    return Scoped::AtEnd([this] {
+      if (service.joinable()) StopRecorder();
+      load.LetGo();
+      recorder.reset();
     });
   }
 
@@ -113,12 +118,6 @@ class RecorderTest : public testing::Test {
   void StopRecorder() {
     recorder->Stop();
     service.join();
-  }
-
-  void EndRecorder() {
-    if (service.joinable()) StopRecorder();
-    load.LetGo();
-    recorder.reset();
   }
 
   static bool Logs(std::string const& text) {

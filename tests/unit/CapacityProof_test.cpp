@@ -79,7 +79,7 @@ class Medium {
       EXPECT_EQ(mode, 0);
       EXPECT_EQ(offset, 0);
       start[fd] = std::accumulate(files.begin(), files.end(), std::uint64_t{0});
-      files.push_back(length);
+      files.push_back(static_cast<std::uint64_t>(length));
       return Answer::Success();
     };
     hooks().write = [this](int fd, void const* data, std::size_t size) {
@@ -333,7 +333,7 @@ TEST_F(CapacityProof, IsNotDeceivedByWhatAnEarlierOneWrote) {
 
 TEST_F(CapacityProof, NoticesASingleBitAnywhere) {
   Medium medium;
-  for (std::size_t const byte : {0, 7, 8, 300, 511}) {
+  for (std::size_t const byte : {0U, 7U, 8U, 300U, 511U}) {
     hooks().fsync = [&](int /*fd*/) {
       medium.kept[1234].at(byte) ^= 0x10;
       return Answer::Success();

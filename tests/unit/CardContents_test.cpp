@@ -85,7 +85,7 @@ TEST(CardContents, AreFatOfAnyWidth) {
 
 TEST(CardContents, AreUnknownDataFromAnyByteOnThatDiffers) {
   EXPECT_EQ(DescriptionOf({}), "nothing");
-  for (std::uint64_t const place : {0, 1, 2048, 4094, 4095}) {
+  for (std::uint64_t const place : {0U, 1U, 2048U, 4094U, 4095U}) {
     EXPECT_EQ(DescriptionOf({{place, "\x01"}}), "unknown data") << place;
   }
   EXPECT_EQ(DescriptionOf({{4096, "\x01"}}), "nothing");
@@ -142,7 +142,7 @@ std::string DescriptionOfALarge(Pieces const& pieces) {
 }
 
 TEST(CardContents, AreAnExtThatHasLostItsTableWhereThatUsuallyLeadsTo) {
-  for (std::uint64_t const start : {63, 2048, 8192, 16384, 32768, 65536}) {
+  for (std::uint64_t const start : {63U, 2048U, 8192U, 16384U, 32768U, 65536U}) {
     EXPECT_EQ(DescriptionOfALarge({Found::Ext(start)}), "lost ext") << start;
     EXPECT_EQ(DescriptionOfALarge(Found::Copy(start, 2, 1)), "lost ext") << start;
   }
@@ -150,8 +150,8 @@ TEST(CardContents, AreAnExtThatHasLostItsTableWhereThatUsuallyLeadsTo) {
 }
 
 TEST(CardContents, AreAnExtThatHasLostItsBeginningWhereACopyOfThatIs) {
-  for (unsigned const shift : {0, 1, 2}) {
-    for (unsigned const group : {1, 3, 5, 7}) {
+  for (unsigned const shift : {0U, 1U, 2U}) {
+    for (unsigned const group : {1U, 3U, 5U, 7U}) {
       EXPECT_EQ(DescriptionOfALarge(Found::Copy(0, shift, group)), "lost ext")
           << shift << ", " << group;
     }

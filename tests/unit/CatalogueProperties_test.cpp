@@ -221,7 +221,7 @@ class World {
     constexpr char const* kCopy = "/mnt/sdcard/copy";
     constexpr int kCalls = 3;  // the content read and written, and its end found
     return WithEntry(name, now, kCopy, kCalls,
-                     [kCopy](Ifile& entry) { EXPECT_TRUE(entry.CopyTo(kCopy)); });
+                     [](Ifile& entry) { EXPECT_TRUE(entry.CopyTo(kCopy)); });
   }
 
   /// The bytes of the file that an entry was appended to, in pieces of a byte.

@@ -198,7 +198,7 @@ TEST_F(FileLog, TakesALongLineWholeAndCutsOneThatNoFileCouldHold) {
 }
 
 TEST_F(FileLog, LeavesALongLineWholeOnTheConsole) {
-  for (std::size_t const over : {0, 1}) {
+  for (std::size_t const over : {0U, 1U}) {
     LogFile::BeginAnew();
     std::string const text(kMark - LogFile::kHeaderLength - 1 + over, 'x');
     auto const console = Capture::Output([&] { Tarvik::Ilog::LogLine(Info) << text; });
@@ -279,7 +279,7 @@ TEST_F(FileLog, IsNotTrustedWhenItsSizeCannotBeRead) {
 
 TEST_F(FileLog, ALineThatDoesNotFitOnTheDiskLeavesNoFragment) {
   EXPECT_TRUE(policy.Write("whole\n"));
-  for (std::size_t const fits : {1, 5}) {
+  for (std::size_t const fits : {1U, 5U}) {
     int calls = 0;
     OnWrite([&](int fd, char const* data, std::size_t) -> std::optional<ssize_t> {
       if (++calls == 1) return RealWrite(fd, data, fits);

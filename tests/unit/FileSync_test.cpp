@@ -120,13 +120,13 @@ TEST_F(FileSync, FailsWhenClosingTheStreamFailed) {
 }
 
 TEST_F(FileSync, FailsWhenTheCardDoesNotTakeTheFile) {
-  failure = [this](std::string const& path) { return path == Real(kPath) ? EIO : 0; };
+  failure = [](std::string const& path) { return path == Real(kPath) ? EIO : 0; };
   EXPECT_FALSE(FileAt(kPath)->Sync());
   EXPECT_THAT(trace, ElementsAre(file));
 }
 
 TEST_F(FileSync, FailsWhenTheCardDoesNotTakeTheDirectory) {
-  failure = [this](std::string const& path) { return path == Real(kPath) ? 0 : EIO; };
+  failure = [](std::string const& path) { return path == Real(kPath) ? 0 : EIO; };
   EXPECT_FALSE(FileAt(kPath)->Sync());
   EXPECT_THAT(trace, ElementsAre(file, directory));
 }

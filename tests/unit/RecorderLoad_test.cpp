@@ -25,7 +25,7 @@ class RecorderLoad : public RecorderTest {};
 
 TEST_F(RecorderLoad, RecordsWhileTheCatalogueIsLoaded) {
   MakeRecordings(3);
-  StartRecorder();
+  auto const running = StartRecorder();
   load.Await();
   ASSERT_TRUE(Logs("Recorded rec_000005.gps"));
   EXPECT_THAT(LinesWith("[REC] Catalogue"), IsEmpty());
@@ -38,7 +38,7 @@ TEST_F(RecorderLoad, RecordsWhileTheCatalogueIsLoaded) {
 
 TEST_F(RecorderLoad, CataloguesOnceWhatTheLoadDoesNotFind) {
   MakeRecordings(3);
-  StartRecorder();
+  auto const running = StartRecorder();
   load.Await();  // it has read the names by then
   ASSERT_TRUE(Logs("Recorded rec_000006.gps"));
   load.LetGo();
@@ -51,7 +51,7 @@ TEST_F(RecorderLoad, CataloguesOnceWhatTheLoadFindsToo) {
     if (call.function == "readdir" && !isService) load.Hold();
     return {};
   };
-  StartRecorder();
+  auto const running = StartRecorder();
   load.Await();
   ASSERT_TRUE(Logs("Recorded rec_000006.gps"));
   load.LetGo();
@@ -61,7 +61,7 @@ TEST_F(RecorderLoad, CataloguesOnceWhatTheLoadFindsToo) {
 TEST_F(RecorderLoad, AFullCardWaitsForTheCatalogueAndNothingIsDeletedMeanwhile) {
   MakeRecordings(3);
   freeBlocks = 0;
-  StartRecorder();
+  auto const running = StartRecorder();
   load.Await();
   ASSERT_TRUE(ComesTrue([this] { return measured > 0; }));
   EXPECT_THAT(LinesWith("[REC] Recorded"), IsEmpty());
@@ -81,7 +81,7 @@ TEST_F(RecorderLoad, ACardWithoutInodesWaitsForTheCatalogueToo) {
     freeInodes += path.starts_with(kRecordings) ? 1 : 0;
     return std::nullopt;
   };
-  StartRecorder();
+  auto const running = StartRecorder();
   load.Await();
   ASSERT_TRUE(ComesTrue([this] { return measured > 0; }));
   EXPECT_THAT(LinesWith("[REC] Recorded"), IsEmpty());
@@ -97,7 +97,7 @@ TEST_F(RecorderLoad, AFullCardWaitsNoLongerThanForTheCatalogue) {
   MakeRecordings(3);
   freeBlocks = 0;
   settings.periodMilliseconds = 3'600'000;
-  StartRecorder();
+  auto const running = StartRecorder();
   load.Await();
   ASSERT_TRUE(ComesTrue([this] { return measured > 0; }));
   load.LetGo();
@@ -106,13 +106,13 @@ TEST_F(RecorderLoad, AFullCardWaitsNoLongerThanForTheCatalogue) {
 
 TEST_F(RecorderLoad, ACardThatCannotBeMeasuredIsTriedAgain) {
   MakeRecordings(3);
-  StartRecorder();
+  auto const running = StartRecorder();
   load.Await();
   ASSERT_TRUE(Logs("Recorded rec_000004.gps"));
   isMeasurable = false;
   ASSERT_TRUE(ComesTrue([] { return LinesWith("Get space stat error").size() > 2; }));
   load.LetGo();
-  ASSERT_TRUE(ComesTrue([this] {  // with the catalogue, and after it
+  ASSERT_TRUE(ComesTrue([] {  // with the catalogue, and after it
     return LinesWith("[REC] Catalogue").size() > 2;
   }));
   auto const count = LinesWith("[REC] Recorded").size();
@@ -130,7 +130,7 @@ TEST_F(RecorderLoad, ACatalogueThatCannotBeLoadedIsLoadedAnew) {
     --denied;
     return EIO;
   };
-  StartRecorder();
+  auto const running = StartRecorder();
   EXPECT_TRUE(Logs("[REC] Catalogue of"));
   ASSERT_TRUE(Logs("Recorded rec_000005.gps"));
   StopRecorder();
@@ -144,7 +144,7 @@ TEST_F(RecorderLoad, NamesThatTheCardCannotReadGiveItUp) {
     if (call.function != "readdir") return {};
     return EIO;
   };
-  StartRecorder();
+  auto const running = StartRecorder();
   EXPECT_TRUE(Logs("[REC] Card released"));
   std::string const line = "[ERROR][REC] Could not read /mnt/sdcard/cr/: Input/output error";
   EXPECT_THAT(LinesWith("[ERROR]"), ElementsAre(line, line));
@@ -152,7 +152,7 @@ TEST_F(RecorderLoad, NamesThatTheCardCannotReadGiveItUp) {
 }
 
 TEST_F(RecorderLoad, ADirectoryThatIsRemovedMeanwhileIsMadeAnewWhenTheLoadIsOver) {
-  StartRecorder();
+  auto const running = StartRecorder();
   load.Await();
   ASSERT_TRUE(Logs("Recorded rec_000001.gps"));
   ASSERT_TRUE(ComesTrue([] {  // not while a recording is put there
@@ -167,7 +167,7 @@ TEST_F(RecorderLoad, ADirectoryThatIsRemovedMeanwhileIsMadeAnewWhenTheLoadIsOver
 }
 
 TEST_F(RecorderLoad, ACardThatFailsMeanwhileIsGivenUpWhenTheLoadIsOver) {
-  StartRecorder();
+  auto const running = StartRecorder();
   load.Await();
   ASSERT_TRUE(Logs("Recorded rec_000001.gps"));
   isWritable = false;
@@ -181,7 +181,7 @@ TEST_F(RecorderLoad, ACardThatFailsMeanwhileIsGivenUpWhenTheLoadIsOver) {
 TEST_F(RecorderLoad, PositionsThatCannotBeWrittenBackAreAFailureButTheirRecordingIsKept) {
   writesBack = false;
   load.LetGo();
-  StartRecorder();
+  auto const running = StartRecorder();
   EXPECT_TRUE(Logs("[REC] Card released"));
   EXPECT_THAT(LinesWith("Could not write"),
               ElementsAre("[ERROR][REC] Could not write /mnt/sdcard/cr/rec_000001.gps: "
@@ -190,12 +190,10 @@ TEST_F(RecorderLoad, PositionsThatCannotBeWrittenBackAreAFailureButTheirRecordin
                           "Input/output error"));
   EXPECT_THAT(LinesWith("[REC] Recorded"), ElementsAre("[REC] Recorded rec_000001.dat 100 bytes",
                                                        "[REC] Recorded rec_000002.dat 100 bytes"));
-  EndRecorder();
-  writesBack = true;
 }
 
 TEST_F(RecorderLoad, StoppingDoesNotWaitForTheLoad) {
-  StartRecorder();
+  auto const running = StartRecorder();
   load.Await();
   ASSERT_TRUE(Logs("Recorded rec_000001.gps"));
   StopRecorder();
@@ -207,7 +205,7 @@ TEST_F(RecorderLoad, StoppingDoesNotWaitForTheLoad) {
 
 TEST_F(RecorderLoad, StoppingDoesNotWaitForTheLoadWhereAFullCardDoes) {
   freeBlocks = 0;
-  StartRecorder();
+  auto const running = StartRecorder();
   load.Await();
   ASSERT_TRUE(ComesTrue([this] { return measured > 0; }));
   StopRecorder();
@@ -218,7 +216,7 @@ TEST_F(RecorderLoad, StoppingDoesNotWaitForTheLoadWhereAFullCardDoes) {
 
 TEST_F(RecorderLoad, StoppingDoesNotWaitForTheLoadWhereACardThatFailedDoes) {
   isWritable = false;
-  StartRecorder();
+  auto const running = StartRecorder();
   load.Await();
   ASSERT_TRUE(Logs("[REC] Could not write /mnt/sdcard/cr/rec_000002.dat"));
   StopRecorder();
@@ -234,7 +232,7 @@ TEST_F(RecorderLoad, WhileAFullCardWaitsTheWatchdogIsKickedButNotForALoadThatHan
   hooks().steady = [&waited] { return std::chrono::seconds(1000 + waited); };
   duringPause = [&waited](timespec const&) { ++waited; };
   freeBlocks = 0;
-  StartRecorder();
+  auto const running = StartRecorder();
   load.Await();
   ASSERT_TRUE(ComesTrue([&waited] { return waited > 4000; }));
   StopRecorder();
@@ -248,7 +246,7 @@ TEST_F(RecorderLoad, ACardThatTurnsReadOnlyWhileAFullOneWaitsIsNotTriedForRoom) 
   hasOthers = true;
   MakeRecordings(3);
   freeBlocks = 0;
-  StartRecorder();
+  auto const running = StartRecorder();
   load.Await();
   Machine::MakeFile("/sys/class/block/mmcblk1p1/ro", "1\n");
   ASSERT_TRUE(Logs("[REC] Card: the card is read-only"));
@@ -263,7 +261,7 @@ TEST_F(RecorderLoad, ACardThatOthersUseIsDetachedAndSaysSo) {
     return flags == MNT_DETACH ? Machine::Answer::Success() : Machine::Answer::Failure(EBUSY);
   };
   load.LetGo();
-  StartRecorder();
+  auto const running = StartRecorder();
   ASSERT_TRUE(Logs("[REC] Catalogue"));
   StopRecorder();
   EXPECT_THAT(LinesWith("[REC] Card"),
@@ -276,7 +274,7 @@ TEST_F(RecorderLoad, ACardThatOthersUseIsDetachedAndSaysSo) {
 TEST_F(RecorderLoad, ACardThatSomethingIsMountedOverIsDetachedToo) {
   hooks().umount = [](auto&&) { return Machine::Answer::Success(); };
   load.LetGo();
-  StartRecorder();
+  auto const running = StartRecorder();
   ASSERT_TRUE(Logs("[REC] Catalogue"));
   StopRecorder();
   EXPECT_FALSE(card.mounted);
@@ -288,7 +286,7 @@ TEST_F(RecorderLoad, ACardThatSomebodyHasUnmountedIsReleased) {
   hooks().umount = [](auto&&) { return Machine::Answer::Failure(EINVAL); };
   hooks().umount2 = [](auto&&, int) { return Machine::Answer::Failure(EINVAL); };
   load.LetGo();
-  StartRecorder();
+  auto const running = StartRecorder();
   ASSERT_TRUE(Logs("[REC] Catalogue"));
   StopRecorder();
   EXPECT_THAT(LinesWith("[REC] Card"), ElementsAre("[REC] Card released"));
@@ -296,7 +294,7 @@ TEST_F(RecorderLoad, ACardThatSomebodyHasUnmountedIsReleased) {
 
 TEST_F(RecorderLoad, StoppingUnmountsOnceTheLoadIsOver) {
   load.LetGo();
-  StartRecorder();
+  auto const running = StartRecorder();
   ASSERT_TRUE(Logs("[REC] Catalogue"));
   StopRecorder();
   EXPECT_THAT(Machine::Traced("umount "), ElementsAre("umount /mnt/sdcard/"));

@@ -62,7 +62,7 @@ class Recorder : public RecorderTest {
 };
 
 TEST_F(Recorder, BringsWhatItWritesToTheCardEachSecond) {
-  StartRecorder();
+  auto const running = StartRecorder();
   ASSERT_TRUE(Logs("Recorded rec_000001.gps"));
   StopRecorder();
   EXPECT_EQ(Written(), 8 * kSlice);
@@ -73,7 +73,7 @@ TEST_F(Recorder, BringsWhatItWritesToTheCardEachSecond) {
 TEST_F(Recorder, BringsWhatComesInSlowlyToTheCardEachSecondToo) {
   settings.bytesPerSecond = 1000;
   settings.recordingBytes = 3000;
-  StartRecorder();
+  auto const running = StartRecorder();
   ASSERT_TRUE(Logs("Recorded rec_000001.gps"));
   StopRecorder();
   EXPECT_EQ(syncs, 2 * (3 + 2));
@@ -85,7 +85,7 @@ TEST_F(Recorder, WritesOnThoughACardTakesLongerThanASecondToBeSafe) {
     ++syncs;
     return std::nullopt;
   };
-  StartRecorder();
+  auto const running = StartRecorder();
   ASSERT_TRUE(Logs("Recorded rec_000001.gps"));
   StopRecorder();
   EXPECT_LE(syncs, 2 * (4 + 2));
@@ -93,7 +93,7 @@ TEST_F(Recorder, WritesOnThoughACardTakesLongerThanASecondToBeSafe) {
 
 TEST_F(Recorder, BeginsARecordingThatIsStoppedAtOnceWithWhatThereIs) {
   pauseAt = 1;
-  StartRecorder();
+  auto const running = StartRecorder();
   ASSERT_TRUE(ComesTrue([this] { return isHeld.load(); }));
   StopRecorder();
   EXPECT_GE(Written(), kSlice / 16);  // what comes in in a 32nd of a second
@@ -119,7 +119,7 @@ TEST_F(Recorder, TakesACardBackThatWasSwappedBetweenTwoLooksAndGivesItTwoTries) 
     EXPECT_TRUE(!isGone || Logs("[REC] Card: the card is gone"));
   };
   settings.periodMilliseconds = 1;
-  StartRecorder();
+  auto const running = StartRecorder();
   ASSERT_TRUE(Logs("Recorded rec_000004.gps"));
   StopRecorder();
   EXPECT_THAT(LinesWith("[REC] Health"), SizeIs(2));
@@ -129,7 +129,7 @@ TEST_F(Recorder, TakesACardBackThatWasSwappedBetweenTwoLooksAndGivesItTwoTries) 
 
 TEST_F(Recorder, EndsARecordingWhereItIsStopped) {
   pauseAt = 3 * kSlice;
-  StartRecorder();
+  auto const running = StartRecorder();
   ASSERT_TRUE(ComesTrue([this] { return isHeld.load(); }));
   StopRecorder();
   EXPECT_THAT(LinesWith("[REC] Recorded"),
@@ -144,7 +144,7 @@ TEST_F(Recorder, GivesACardUpThatFailsInTheMiddleOfTwoRecordingsInARow) {
     return Machine::Answer::Failure(EIO);
   };
   settings.periodMilliseconds = 1;
-  StartRecorder();
+  auto const running = StartRecorder();
   ASSERT_TRUE(Logs("[REC] Card released"));
   EXPECT_THAT(
       LinesWith("Could not write"),
@@ -162,7 +162,7 @@ TEST_F(Recorder, GivesNoCardUpWhereOthersAreAtFaultInBetween) {
     return Machine::Answer::Failure(++count % 2 == 1 ? EIO : EDQUOT);
   };
   settings.periodMilliseconds = 1;
-  StartRecorder();
+  auto const running = StartRecorder();
   ASSERT_TRUE(Logs("Recorded rec_000006.gps"));
   StopRecorder();
   EXPECT_THAT(LinesWith("Could not write"), SizeIs(5));
@@ -172,7 +172,7 @@ TEST_F(Recorder, GivesNoCardUpWhereOthersAreAtFaultInBetween) {
 TEST_F(Recorder, RecordsOnWhenOthersWhoFilledTheCardHaveMadeRoom) {
   freeBlocks = 0;
   settings.periodMilliseconds = 1;
-  StartRecorder();
+  auto const running = StartRecorder();
   ASSERT_TRUE(ComesTrue([] { return LinesWith("Unable to make room").size() > 3; }));
   freeBlocks = kEnough;
   EXPECT_TRUE(Logs("Recorded rec_000001.gps"));
@@ -189,7 +189,7 @@ TEST_F(Recorder, FindsItsRecordingsAgainThatCouldNotBeDeletedForAWhile) {
     return std::nullopt;
   };
   settings.periodMilliseconds = 1;
-  StartRecorder();
+  auto const running = StartRecorder();
   ASSERT_TRUE(ComesTrue([] { return LinesWith("Unable to make room").size() > 2; }));
   isKept = false;
   EXPECT_TRUE(Logs("Recorded rec_000003.gps"));
@@ -206,7 +206,7 @@ TEST_F(Recorder, MakesItsDirectoryAnewThatSomebodyHasRemoved) {
       Machine::RemoveFile("/mnt/sdcard/cr");
     }
   };
-  StartRecorder();
+  auto const running = StartRecorder();
   ASSERT_TRUE(Logs("Recorded rec_000003.gps"));
   StopRecorder();
   EXPECT_THAT(LinesWith("[ERROR]"),
@@ -223,7 +223,7 @@ TEST_F(Recorder, MakesNoDirectoryOnTheRootWhereTheCardIsNotMounted) {
     return Machine::Answer::Success();
   };
   settings.periodMilliseconds = 1;
-  StartRecorder();
+  auto const running = StartRecorder();
   ASSERT_TRUE(Logs("[REC] Card released"));
   EXPECT_FALSE(std::filesystem::exists(Machine::Real("/mnt/sdcard/cr")));
   std::string const line = "[ERROR][REC] Could not read /mnt/sdcard/cr/: Invalid cross-device link";
@@ -239,7 +239,7 @@ TEST_F(Recorder, TellsWhyItsDirectoryCannotBeMadeAndTriesAgain) {
     return ENOSPC;
   };
   settings.periodMilliseconds = 1;
-  StartRecorder();
+  auto const running = StartRecorder();
   EXPECT_TRUE(Logs("Recorded rec_000001.gps"));
   std::string const line = "[ERROR][REC] Could not read /mnt/sdcard/cr/: No space left on device";
   EXPECT_THAT(LinesWith("[ERROR]"), ElementsAre(line, line, line));
@@ -253,7 +253,7 @@ TEST_F(Recorder, GoesOnWhenThereAreDescriptorsAgain) {
     return EMFILE;
   };
   settings.periodMilliseconds = 1;
-  StartRecorder();
+  auto const running = StartRecorder();
   ASSERT_TRUE(Logs("Recorded rec_000001.gps"));
   left = 9;
   ASSERT_TRUE(ComesTrue([&left] { return left == 0; }));
@@ -268,7 +268,7 @@ TEST_F(Recorder, WaitsASecondAfterARecordingThatFailedHoweverShortThePeriodIs) {
   freeBlocks = 0;
   settings.periodMilliseconds = 1;
   auto const begin = now.load();
-  StartRecorder();
+  auto const running = StartRecorder();
   ASSERT_TRUE(ComesTrue([] { return LinesWith("Unable to make room").size() > 3; }));
   StopRecorder();
   auto const count = static_cast<int>(LinesWith("Unable to make room").size());
@@ -282,7 +282,7 @@ TEST_F(Recorder, LeavesRoomForAWholeRecordingWhateverElseIsToBeLeft) {
   settings.minimumFreeBytes = 4096;
   freeBlocks = kWhole / 4096;
   settings.periodMilliseconds = 1;
-  StartRecorder();
+  auto const running = StartRecorder();
   ASSERT_TRUE(Logs("Unable to make room"));
   freeBlocks = kWhole / 4096 + 1;
   EXPECT_TRUE(Logs("Recorded rec_000001.gps"));
@@ -296,7 +296,7 @@ TEST_F(Recorder, GoesOnWhereSomebodyDeletesEverySecondRecordingWhileItIsWritten)
       Machine::RemoveFile(kRecordings + std::string(name));
     }
   };
-  StartRecorder();
+  auto const running = StartRecorder();
   ASSERT_TRUE(Logs("Recorded rec_000004.gps"));
   StopRecorder();
   EXPECT_THAT(
@@ -315,7 +315,7 @@ TEST_F(Recorder, TellsWhyARecordingCannotBeWritten) {
     return -1;
   };
   settings.periodMilliseconds = 1;
-  StartRecorder();
+  auto const running = StartRecorder();
   ASSERT_TRUE(Logs("Recorded rec_000002.gps"));
   StopRecorder();
   EXPECT_THAT(LinesWith("Could not write"),
@@ -333,7 +333,7 @@ TEST_F(Recorder, CataloguesNothingOfARecordingThatCouldNotEvenBeMade) {
     return ENOSPC;
   };
   settings.periodMilliseconds = 1;
-  StartRecorder();
+  auto const running = StartRecorder();
   ASSERT_TRUE(Logs("Recorded rec_000002.gps"));
   StopRecorder();
   EXPECT_THAT(LinesWith("Could not write"),
@@ -353,7 +353,7 @@ TEST_F(Recorder, TellsWhyPositionsCannotBeWritten) {
     errno = EAGAIN;  // which says nothing after a success
     return std::nullopt;
   };
-  StartRecorder();
+  auto const running = StartRecorder();
   ASSERT_TRUE(Logs("Recorded rec_000001.dat"));
   StopRecorder();
   EXPECT_THAT(LinesWith("Could not write"),
@@ -369,7 +369,7 @@ TEST_F(Recorder, EndsARecordingAtOnceOnACardThatIsLostMeanwhile) {
     Machine::MakeFile("/sys/class/block/mmcblk1p1/ro", "1\n");
     EXPECT_TRUE(Logs("[REC] Card: the card is read-only"));
   };
-  StartRecorder();
+  auto const running = StartRecorder();
   ASSERT_TRUE(Logs("[REC] Card released"));
   EXPECT_THAT(LinesWith("Could not write"),
               ElementsAre("[ERROR][REC] Could not write /mnt/sdcard/cr/rec_000001.dat: Operation "
@@ -384,7 +384,7 @@ TEST_F(Recorder, DeletesWithTheOldestWhatThereIsOfARecordingThatFailed) {
     return Machine::Answer::Failure(EIO);
   };
   settings.periodMilliseconds = 1;
-  StartRecorder();
+  auto const running = StartRecorder();
   ASSERT_TRUE(Logs("Recorded rec_000002.gps"));
   StopRecorder();
   EXPECT_THAT(Machine::Traced("unlink /mnt/sdcard/cr/"),
@@ -394,7 +394,7 @@ TEST_F(Recorder, DeletesWithTheOldestWhatThereIsOfARecordingThatFailed) {
 
 TEST_F(Recorder, RecordsWithoutAPauseWhatHasNoRate) {
   settings.bytesPerSecond = 0;
-  StartRecorder();
+  auto const running = StartRecorder();
   ASSERT_TRUE(Logs("Recorded rec_000001.gps"));
   StopRecorder();
   EXPECT_EQ(Written(), 8 * kSlice);
@@ -404,7 +404,7 @@ TEST_F(Recorder, RecordsWithoutAPauseWhatHasNoRate) {
 TEST_F(Recorder, WritesOverNoRecordingWhereNumbersBeginAnew) {
   Machine::MakeFile("/mnt/sdcard/cr/rec_999999.dat", "newer");
   Machine::MakeFile("/mnt/sdcard/cr/rec_000001.dat", "newest");
-  StartRecorder();
+  auto const running = StartRecorder();
   ASSERT_TRUE(Logs("Recorded rec_000002.gps"));
   StopRecorder();
   EXPECT_EQ(Machine::ReadFile("/mnt/sdcard/cr/rec_000001.dat"), "newest");
@@ -417,7 +417,7 @@ TEST_F(Recorder, FollowsNoLinkInThePlaceOfARecordingOrItsPositions) {
   fs::create_symlink(Machine::Real("/root/own.dat"),
                      Machine::Real("/mnt/sdcard/cr/rec_000001.gps"));
   fs::create_symlink(Machine::Real("/root/new"), Machine::Real("/mnt/sdcard/cr/rec_000002.dat"));
-  StartRecorder();
+  auto const running = StartRecorder();
   ASSERT_TRUE(Logs("Recorded rec_000003.gps"));
   StopRecorder();
   EXPECT_EQ(Machine::ReadFile("/root/own.dat"), "the device's");
@@ -429,7 +429,7 @@ TEST_F(Recorder, TakesNoDirectoryForTheRecordingsThatIsNotOnTheCard) {
   std::filesystem::create_directory_symlink("/proc/sys/fs/inotify",
                                             Machine::Real("/mnt/sdcard/cr"));
   settings.periodMilliseconds = 1;
-  StartRecorder();
+  auto const running = StartRecorder();
   EXPECT_TRUE(Logs("[REC] Card released"));
   EXPECT_TRUE(Logs("[ERROR][REC] Could not read /mnt/sdcard/cr/"));
   EXPECT_EQ(LogFile::Text().find("[SYSTEM]"), std::string::npos) << "no catalogue";
@@ -447,7 +447,7 @@ TEST_F(Recorder, DeletesNothingWhereALinkLeadsThatSomebodyHasPutInThePlaceOfItsD
     fs::create_directory_symlink("/proc/sys/fs/inotify", directory);
     freeBlocks = 0;
   };
-  StartRecorder();
+  auto const running = StartRecorder();
   ASSERT_TRUE(Logs("[REC] Card released"));
   std::string const line = "[ERROR][REC] Could not read /mnt/sdcard/cr/: Invalid cross-device link";
   EXPECT_THAT(LinesWith("[ERROR]"), ElementsAre(line, line));
@@ -456,7 +456,7 @@ TEST_F(Recorder, DeletesNothingWhereALinkLeadsThatSomebodyHasPutInThePlaceOfItsD
 
 TEST_F(Recorder, ReleasesACardThatIsLostBetweenTwoRecordings) {
   hasOthers = true;
-  StartRecorder();
+  auto const running = StartRecorder();
   ASSERT_TRUE(Logs("Recorded rec_000001.gps"));
   pauseAt = 0;
   Machine::MakeFile("/sys/class/block/mmcblk1p1/ro", "1\n");
@@ -509,7 +509,7 @@ TEST_F(RecorderOfAFullCard, KeepsThePositionsOfWhatCannotBeDeletedAndDoesNotCoun
   OnUnlink(
       "rec_000001.dat", [] {}, EPERM);
   Machine::MakeFile("/mnt/sdcard/cr/theirs.gps", "somebody's");
-  StartRecorder();
+  auto const running = StartRecorder();
   ASSERT_TRUE(Logs("Recorded rec_000004.gps"));
   StopRecorder();
   EXPECT_TRUE(std::filesystem::exists(Machine::Real("/mnt/sdcard/cr/rec_000001.gps")));
@@ -532,7 +532,7 @@ TEST_F(RecorderOfAFullCard, UsesTheRoomOfWhatOthersHaveDeleted) {
     for (auto const* name : {"rec_000010.dat", "rec_000011.dat", "rec_000012.dat"})
       Machine::RemoveFile(kRecordings + std::string(name));
   };
-  StartRecorder();
+  auto const running = StartRecorder();
   ASSERT_TRUE(Logs("Recorded rec_000020.gps"));
   StopRecorder();
   int kept = 0;
@@ -549,7 +549,7 @@ TEST_F(RecorderOfAFullCard, DeletesItsOldestWhereInodesRunOutBeforeTheRoomDoes) 
     freeInodes += path.starts_with(kRecordings) ? 1 : 0;
     return std::nullopt;
   };
-  StartRecorder();
+  auto const running = StartRecorder();
   ASSERT_TRUE(Logs("Recorded rec_000004.gps"));
   StopRecorder();
   EXPECT_THAT(LinesWith("Deleted"), ElementsAre("[REC] Deleted 2 oldest recordings"));
@@ -560,7 +560,7 @@ TEST_F(RecorderOfAFullCard, TriesToRecordWhereOthersHaveAllInodes) {
   freeBlocks = kEnough;
   freeInodes = 0;
   hooks().unlink = [](auto&&) { return std::nullopt; };
-  StartRecorder();
+  auto const running = StartRecorder();
   EXPECT_TRUE(Logs("Recorded rec_000004.gps"));
   EXPECT_THAT(LinesWith("Deleted"), ElementsAre("[REC] Deleted 3 oldest recordings"));
 }
@@ -573,7 +573,7 @@ TEST_F(RecorderOfAFullCard, IsKickedForWhileItIsTriedForRoom) {
     if (ComesTrue([this, before] { return kicks > before + 2; })) ++kicked;
   };
   OnUnlink("rec_000001.dat", waits, EROFS);
-  StartRecorder();
+  auto const running = StartRecorder();
   ASSERT_TRUE(Logs("Recorded rec_000004.gps"));
   StopRecorder();
   EXPECT_EQ(kicked, 3);
@@ -581,7 +581,7 @@ TEST_F(RecorderOfAFullCard, IsKickedForWhileItIsTriedForRoom) {
 
 TEST_F(Recorder, TellsTheServiceManagerThatItIsReadyAndThenThatItLives) {
   NotifySocket manager;
-  StartRecorder();
+  auto const running = StartRecorder();
   ASSERT_TRUE(Logs("Recorded rec_000001.gps"));
   StopRecorder();
   auto const told = manager.Take();
@@ -594,7 +594,7 @@ TEST_F(Recorder, TellsTheServiceManagerThatItIsReadyAndThenThatItLives) {
 // What systemd does not take at once is lost, and before it has taken this nothing has started.
 TEST_F(Recorder, TellsAgainThatItIsReadyWithEachKick) {
   NotifySocket manager;
-  StartRecorder();
+  auto const running = StartRecorder();
   ASSERT_TRUE(Logs("Recorded rec_000001.gps"));
   std::vector<std::string> told = manager.Take();
   EXPECT_THAT(told, testing::Contains("READY=1"));
@@ -610,7 +610,7 @@ TEST_F(Recorder, TellsAgainThatItIsReadyWithEachKick) {
 TEST_F(Recorder, IsReadyAlsoWithoutACard) {
   NotifySocket manager;
   Machine::RemoveFile(FakeCard::kPartition);
-  StartRecorder();
+  auto const running = StartRecorder();
   ASSERT_TRUE(Logs("going on without recordings"));
   StopRecorder();
   EXPECT_THAT(manager.Take(), testing::Contains("READY=1").Times(1));
@@ -634,7 +634,7 @@ class RecorderWatchdog : public Recorder {
 };
 
 TEST_F(RecorderWatchdog, IsToldOnce) {
-  StartRecorder();
+  auto const running = StartRecorder();
   ASSERT_TRUE(Logs("Recorded rec_000001.gps"));
   StopRecorder();
   EXPECT_THAT(LinesWith("atchdog"), ElementsAre("[REC] Watchdog tester, 90 s"));
@@ -646,7 +646,7 @@ TEST_F(RecorderWatchdog, ThatEndsWithTheServiceAndCannotBeKeptIsWarnedOf) {
     if (call.function != "fork") return std::nullopt;
     return EAGAIN;
   };
-  StartRecorder();
+  auto const running = StartRecorder();
   ASSERT_TRUE(Logs("Recorded rec_000001.gps"));
   StopRecorder();
   EXPECT_THAT(LinesWith("atchdog"),
@@ -677,7 +677,7 @@ TEST_F(RecorderWatchdog, IsKickedWhileTheCardIsLookedThrough) {
   };
   hooks().now = 0;  // so that the times of the recordings are asked for
   hooks().setClock = [](long) { return Machine::Answer::Success(); };
-  StartRecorder();
+  auto const running = StartRecorder();
   ASSERT_TRUE(Logs("Recorded rec_000002.gps"));
   StopRecorder();
   EXPECT_EQ(kicked, 2);
@@ -690,7 +690,7 @@ TEST_F(RecorderWatchdog, ThatComesLaterIsOpenedThen) {
     if (++attempts > 2) return {};
     return EBUSY;
   };
-  StartRecorder();
+  auto const running = StartRecorder();
   ASSERT_TRUE(Logs("[REC] Watchdog tester, 90 s"));
   StopRecorder();
   EXPECT_THAT(LinesWith("atchdog"),

@@ -52,7 +52,7 @@ void PullCard() {
 void Damage(FakeCard& card) {
   card.mounted = card.systemCallsWork = false;
   card.fsckCode = 8;
-  Machine::hooks().system = [&card, command = Machine::hooks().system](std::string const& text) {
+  Machine::hooks().system = [command = Machine::hooks().system](std::string const& text) {
     return text.starts_with("mount ") ? Machine::Answer{32 << 8, 0} : *command(text);
   };
 }
