@@ -60,7 +60,7 @@ Install them as root: apt-get install ${missing[*]}"
 
 # Packages to build the libraries on this machine, and to build and run their tests.
 build_packages=(g++ cmake ninja-build)
-framework_packages=(libgtest-dev libgmock-dev)
+framework_packages=(clang-22 libgtest-dev libgmock-dev)
 test_packages=("${framework_packages[@]}" e2fsprogs util-linux mount fdisk gcovr groff-base
   prometheus python3 systemd)
 

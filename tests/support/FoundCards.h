@@ -105,11 +105,11 @@ std::vector<Piece> Together(std::vector<Piece> pieces, Others const&... others) 
 }
 
 inline std::string Garbage(std::size_t length) {
-  std::string bytes;
+  std::string bytes(length, '\0');
   std::uint32_t state = 1;
-  while (bytes.size() < length) {
+  for (char& byte : bytes) {
     state = state * 1664525U + 1013904223U;
-    bytes += static_cast<char>(state >> 24U);
+    byte = static_cast<char>(state >> 24U);
   }
   return bytes;
 }
