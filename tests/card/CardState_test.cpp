@@ -7,6 +7,8 @@
 #include <sys/mount.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <array>
 #include <chrono>
 #include <filesystem>
 #include <fstream>
@@ -220,14 +222,20 @@ TEST_F(CardState, RecordingsByTheirPathsAreOnTheRootOnceTheCardIsUnmounted) {
   EXPECT_EQ(OnTheRoot().size(), 1U);
 }
 
+// The usual look: on a busy machine some wait for their turn.
 TEST_F(CardState, TakesAFractionOfAMillisecondALook) {
   Start();
-  constexpr int kLooks = 200;
-  auto const begin = steady_clock::now();
-  for (int look = 0; look < kLooks; ++look) state->Look();
-  std::chrono::duration<double, std::micro> const each = (steady_clock::now() - begin) / kLooks;
-  std::cout << "a look takes " << each.count() << " us" << std::endl;
-  EXPECT_LT(each, std::chrono::milliseconds(1));
+  std::array<steady_clock::duration, 201> looks{};
+  for (auto& look : looks) {
+    auto const begin = steady_clock::now();
+    state->Look();
+    look = steady_clock::now() - begin;
+  }
+  auto const usual = looks.begin() + looks.size() / 2;
+  std::ranges::nth_element(looks, usual);
+  std::chrono::duration<double, std::micro> const microseconds = *usual;
+  std::cout << "a look takes " << microseconds.count() << " us" << std::endl;
+  EXPECT_LT(*usual, std::chrono::milliseconds(1));
 }
 
 }  // namespace
