@@ -6,7 +6,8 @@ survivors.txt with its reason.
 
 The changed source alone is compiled, and its library linked again. The other objects, the programs
 of the unit ring and the lines that these run are those of build/coverage. First come the programs
-that run the changed line; one that takes very long is left out.
+that run the changed line, then those that run others of its source; one that takes very long is
+left out.
 """
 
 import argparse
@@ -163,9 +164,14 @@ class Libraries:
         return seconds, sorted(lines)
 
     def programs_for(self, change: Change) -> list[Path]:
-        """Those that may notice a change, the likely and quick ones first."""
+        """Those that may notice a change, the likely and quick ones first.
+
+        A process that a program made, and that ended without telling, may run other lines of the
+        source as well.
+        """
         likely = self.lines[change.path, change.line]
-        return sorted(likely or self.files[change.path], key=self.seconds.__getitem__)
+        return sorted(self.files[change.path],
+                      key=lambda program: (program not in likely, self.seconds[program]))
 
 
 def limit_program():

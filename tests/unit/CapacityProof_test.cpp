@@ -331,6 +331,20 @@ TEST_F(CapacityProof, IsNotDeceivedByWhatAnEarlierOneWrote) {
   EXPECT_EQ(report.origin, std::nullopt);
 }
 
+TEST_F(CapacityProof, WritesNoWordTwiceThatACardCouldPack) {
+  Medium medium;
+  EXPECT_EQ(RoomyCard::Prove().result, Result::Proved);
+  std::set<std::uint64_t> words;
+  for (std::uint64_t const sector : {1234U, 1235U}) {
+    for (std::size_t at = 0; at < kSector; at += sizeof(std::uint64_t)) {
+      std::uint64_t word = 0;
+      std::memcpy(&word, medium.kept[sector].data() + at, sizeof word);
+      words.insert(word);
+    }
+  }
+  EXPECT_EQ(words.size(), 2 * kSector / sizeof(std::uint64_t));
+}
+
 TEST_F(CapacityProof, NoticesASingleBitAnywhere) {
   Medium medium;
   for (std::size_t const byte : {0U, 7U, 8U, 300U, 511U}) {
@@ -425,6 +439,7 @@ TEST_F(CapacityProof, TakesAnEndOfItsFileForAFailure) {
   EXPECT_EQ(report.result, Result::Failed);
   EXPECT_EQ(report.error, EIO);
   hooks().write = [](auto&&...) { return 0; };
+  errno = 0;
   report = RoomyCard::Prove();
   EXPECT_EQ(report.result, Result::Failed);
   EXPECT_EQ(report.error, EIO);

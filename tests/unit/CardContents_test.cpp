@@ -253,6 +253,11 @@ TEST(CardContents, EndWithAChainOfTablesThatLeadsInACircle) {
   EXPECT_THAT(contents.partitions, SizeIs(128));
 }
 
+TEST(CardContents, EndWithTheLastTableOfAChain) {
+  EXPECT_EQ(DescriptionOf({Mbr({{0x05, 1000}}), Mbr({{0x0C, 8}}, 1000), Mbr({{0x0C, 8}}, 1)}),
+            "MBR: nothing");
+}
+
 TEST(CardContents, EndWithAChainOfTablesThatLeadsToNothing) {
   EXPECT_EQ(DescriptionOf({Mbr({{0x05, 0}})}), "MBR:");
   EXPECT_EQ(DescriptionOf({Mbr({{0x05, Found::kBeyond}})}), "MBR:");

@@ -207,6 +207,16 @@ TEST_F(CardState, TellsTheSumOfTheControllersErrors) {
   EXPECT_EQ(report.errors + report.warnings, 0U);
 }
 
+TEST_F(CardState, TellsErrorsOfTheFileSystemAndTheControllerAtOnce) {
+  State state = MakeState();
+  Kernel::Set(kErrors, "3\n");
+  Kernel::Set(kController, "# Command Timeout Occurred:\t 5\n");
+  State::Report const report = state.Look();
+  EXPECT_EQ(report.finding, Finding::Errors);
+  EXPECT_EQ(report.errors, 1U);
+  EXPECT_EQ(report.controllerErrors, 1U);
+}
+
 TEST_F(CardState, CountsFromZeroWhatSomebodyHasSetToZero) {
   State state = MakeState();
   Kernel::Set(kController, "# Command Timeout Occurred:\t 0\n");

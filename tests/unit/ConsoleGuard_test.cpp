@@ -586,7 +586,7 @@ TEST_F(ConsoleGuard, LetsTheStreamFailWhereItsReaderHasGone) {
     ends.reader = UniqueFd();
     std::cout << "text" << std::endl;
     isGood = std::cout.good();
-    std::cerr << "text" << 'x';
+    std::cerr.put('x');
     isErrorGood = std::cerr.good();
   }
   std::cout.clear();

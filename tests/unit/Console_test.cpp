@@ -256,7 +256,7 @@ TEST_F(ConsoleSink, EndsACountOfWhichAPartIsOutAndTellsItAgain) {
     console.pipe.Read();
     Machine::hooks().console = [calls = 0](int fd, void const* text, std::size_t) mutable {
       ++calls;
-      if (calls == 1) return std::optional<ssize_t>(syscall(SYS_write, fd, text, 12));
+      if (calls == 1) return std::optional<ssize_t>(syscall(SYS_write, fd, text, 1));
       if (calls > 2) return std::optional<ssize_t>();
       errno = EAGAIN;
       return std::optional<ssize_t>(-1);
@@ -266,7 +266,7 @@ TEST_F(ConsoleSink, EndsACountOfWhichAPartIsOutAndTellsItAgain) {
     Log("after");
     shown += console.pipe.Read();
   }
-  EXPECT_EQ(shown, "[CONSOLE] 1 \n[CONSOLE] 2 lines dropped\n" + Line("after"));
+  EXPECT_EQ(shown, "[\n[CONSOLE] 2 lines dropped\n" + Line("after"));
 }
 
 TEST_F(ConsoleSink, EndsALineThatWasCutAlsoWhereThatFailsAtFirst) {

@@ -7,6 +7,7 @@
 #include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -26,6 +27,7 @@
 #include <system_error>
 #include <thread>
 #include <tuple>
+#include <utility>
 #include <vector>
 
 #include "base/UniqueFd.h"
@@ -259,10 +261,10 @@ class Keepers {
     prctl(PR_SET_CHILD_SUBREAPER, 1);
     fcntl(told.reader.Get(), F_SETFL, O_NONBLOCK);
     hooks().chdir = [this](std::string const& path) {
-      EXPECT_EQ(path, "/");
       pid_t const keeper = getpid();
+      auto const result = static_cast<int>(syscall(SYS_chdir, path.c_str()));
       EXPECT_EQ(write(told.writer.Get(), &keeper, sizeof keeper), ssize_t{sizeof keeper});
-      return Answer::Success();
+      return Answer{result, errno};
     };
   }
   Keepers(Keepers const&) = delete;
@@ -340,6 +342,16 @@ TEST_F(WatchdogGuard, GuardsAProcessWithoutStandardDescriptors) {
     EXPECT_THAT(opened, ElementsAre(testing::Gt(2)));
     EXPECT_EQ(kicked, Result::Done);
   });
+}
+
+TEST_F(WatchdogGuard, IsToBeKickedFourTimesInATimeoutButOnceASecondAtMost) {
+  std::pair<int, int> const periods[] = {{1, 1}, {4, 1}, {7, 1}, {8, 2}, {60, 15}, {90, 22}};
+  for (auto const& [timeout, period] : periods) {
+    Driver const driver;
+    Guard guard;
+    EXPECT_EQ(guard.Open(timeout), Result::Done);
+    EXPECT_EQ(guard.GetKickPeriod().count(), period) << timeout;
+  }
 }
 
 TEST_F(WatchdogGuard, TouchesNothingAndKnowsNothingUntilItIsOpened) {
@@ -913,6 +925,8 @@ TEST_F(WatchdogGuard, HasAKeeperWithASessionANameAndNothingElse) {
   std::string name;
   std::getline(std::ifstream(process + "/comm"), name);
   EXPECT_EQ(name, "watchdog-keeper");
+  // Nor a folder of the service's, which may be on the card.
+  EXPECT_EQ(std::filesystem::read_symlink(process + "/cwd"), "/");
 }
 
 TEST_F(WatchdogGuard, HasAKeeperThatNoSignalEndsButOne) {
