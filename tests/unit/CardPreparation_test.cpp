@@ -282,6 +282,19 @@ TEST_F(CardPreparation, FormatsNoOtherCardThatIsPutInMeanwhile) {
   }
 }
 
+// Cheap cards share their numbers.
+TEST_F(CardPreparation, FormatsNoFileSystemThatIsThereMeanwhileWhateverTheNumberOfItsCard) {
+  for (std::uint32_t const place : {0U, Found::kFirst}) {
+    slot.partitioned = [place] {
+      Slot::Clear();
+      Slot::Put({Found::Mbr({{0x83, Found::kFirst}}), Found::Ext(place)});
+    };
+    EXPECT_EQ(Prepare(), Result::NotPartitioned) << place;
+    EXPECT_THAT(Machine::Traced("system mkfs"), IsEmpty()) << place;
+    Slot::Clear();
+  }
+}
+
 // Whoever is told of a step may ask somebody who takes his time. Nothing is done to another card,
 // be it one without recordings.
 TEST_F(CardPreparation, EndsWhenTheCardIsExchangedWhileSomebodyIsTold) {

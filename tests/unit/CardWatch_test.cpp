@@ -16,6 +16,7 @@
 #include "tests/machine/Threads.h"
 #include "tests/support/FakeCard.h"
 #include "tests/support/HeldLoad.h"
+#include "tests/support/LogFile.h"
 
 namespace {
 
@@ -75,6 +76,7 @@ TEST_F(CardWatch, TellsOnceWhatHasChangedAndWhetherTheCardCanBeWrittenTo) {
 }
 
 TEST_F(CardWatch, GoesOnWhereNobodyIsToldOrTellingFails) {
+  LogFile::BeginAnew();
   Quellon::DiskUtils::CardWatch const untold(disk, {});
   Quellon::DiskUtils::CardWatch const failing(
       disk, [](auto&&) { throw std::runtime_error("nobody to tell"); });
@@ -86,6 +88,7 @@ TEST_F(CardWatch, GoesOnWhereNobodyIsToldOrTellingFails) {
   EXPECT_TRUE(areUsable(false));
   Machine::MakeFile("/sys/class/block/mmcblk1p1/ro", "0\n");
   EXPECT_TRUE(areUsable(true));
+  EXPECT_THAT(LogFile::Text(), testing::HasSubstr("[ERROR]CardWatch: nobody to tell\n"));
 }
 
 TEST_F(CardWatch, NeedsAThread) {
