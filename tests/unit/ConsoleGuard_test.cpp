@@ -578,6 +578,7 @@ TEST_F(ConsoleGuard, LetsTheStreamFailWhereItsReaderHasGone) {
   auto const pipes = Scoped::SignalAction(SIGPIPE, ignored);
   bool isGood = true;
   bool isErrorGood = true;
+  bool isPutGood = true;
   {
     Ends ends;
     Placed const output(ends.writer.Get());
@@ -586,13 +587,17 @@ TEST_F(ConsoleGuard, LetsTheStreamFailWhereItsReaderHasGone) {
     ends.reader = UniqueFd();
     std::cout << "text" << std::endl;
     isGood = std::cout.good();
-    std::cerr.put('x');
+    std::cerr << "text" << 'x';
     isErrorGood = std::cerr.good();
+    std::cerr.clear();
+    std::cerr.put('x');
+    isPutGood = std::cerr.good();
   }
   std::cout.clear();
   std::cerr.clear();
   EXPECT_FALSE(isGood);
   EXPECT_FALSE(isErrorGood);
+  EXPECT_FALSE(isPutGood);
 }
 
 TEST_F(ConsoleGuard, LeavesAStreamSilentThatTheApplicationHasSilenced) {

@@ -248,25 +248,28 @@ TEST_F(ConsoleSink, TellsTheCountAgainWhereItCouldNotBeTold) {
 
 // A terminal may take a few bytes; a pipe takes all of so short a text, or nothing.
 TEST_F(ConsoleSink, EndsACountOfWhichAPartIsOutAndTellsItAgain) {
-  std::string shown;
-  {
-    Unread console;
-    console.pipe.Fill();
-    Log("dropped");
-    console.pipe.Read();
-    Machine::hooks().console = [calls = 0](int fd, void const* text, std::size_t) mutable {
-      ++calls;
-      if (calls == 1) return std::optional<ssize_t>(syscall(SYS_write, fd, text, 1));
-      if (calls > 2) return std::optional<ssize_t>();
-      errno = EAGAIN;
-      return std::optional<ssize_t>(-1);
-    };
-    Log("dropped, too");
-    shown = console.pipe.Read();
-    Log("after");
-    shown += console.pipe.Read();
+  for (std::string const part : {"[", "[CONSOLE] 1 "}) {
+    std::string shown;
+    {
+      Unread console;
+      console.pipe.Fill();
+      Log("dropped");
+      console.pipe.Read();
+      Machine::hooks().console = [&, calls = 0](int fd, void const* text, std::size_t) mutable {
+        ++calls;
+        if (calls == 1) return std::optional<ssize_t>(syscall(SYS_write, fd, text, part.size()));
+        if (calls > 2) return std::optional<ssize_t>();
+        errno = EAGAIN;
+        return std::optional<ssize_t>(-1);
+      };
+      Log("dropped, too");
+      shown = console.pipe.Read();
+      Log("after");
+      shown += console.pipe.Read();
+    }
+    EXPECT_EQ(shown, part + "\n[CONSOLE] 2 lines dropped\n" + Line("after"));
+    Machine::hooks().console = nullptr;
   }
-  EXPECT_EQ(shown, "[\n[CONSOLE] 2 lines dropped\n" + Line("after"));
 }
 
 TEST_F(ConsoleSink, EndsALineThatWasCutAlsoWhereThatFailsAtFirst) {
